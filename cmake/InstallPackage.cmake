@@ -1,0 +1,1 @@
+# Installs the library, its headers and the package that find_package(VexelAlgorithm) reads.

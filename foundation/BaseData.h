@@ -1,0 +1,37 @@
+// What all geometry types have in common: a type tag and a place for swapped-out data.
+#pragma once
+
+#include <cstdint>
+#include <string>
+
+#include "foundation/export.h"
+
+namespace VexelAlgorithm {
+
+enum class DataType : std::int32_t { Unknown = 0, Cloud = 1, CloudWithWeight = 2, PointImage = 3, BaseTriMesh = 4 };
+
+/// Base of the geometry types.
+class VEXEL_API BaseData {
+public:
+    BaseData();
+    /// Copies have a temporary file name of their own.
+    BaseData(const BaseData& other);
+    BaseData(BaseData&& other) noexcept;
+    BaseData& operator=(const BaseData& other);
+    BaseData& operator=(BaseData&& other) noexcept;
+    virtual ~BaseData();
+
+    DataType get_type() const { return _type; }
+
+    /// Full path of the file that `swap_out_data` writes; unique to this object within the machine.
+    std::wstring get_temp_full_name() const;
+
+protected:
+    void set_type(DataType type) { _type = type; }
+
+private:
+    DataType _type = DataType::Unknown;
+    std::uint64_t _id;
+};
+
+}  // namespace VexelAlgorithm

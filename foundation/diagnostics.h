@@ -1,0 +1,19 @@
+// The one place through which the library prints its lines.
+#pragma once
+
+#include <string>
+#include <string_view>
+
+#include "foundation/export.h"
+
+namespace VexelAlgorithm {
+
+/// Writes the text and a line end to standard output and flushes. Lines of several threads do not mix.
+VEXEL_API void print_line(std::string_view line);
+/// Writes the text as it stands, without a line end, and flushes.
+VEXEL_API void print_text(std::string_view text);
+
+/// printf-style formatting into a string, for lines with numbers ("%d", "%f").
+VEXEL_API std::string format_text(const char* format, ...);
+
+}  // namespace VexelAlgorithm

@@ -1,0 +1,32 @@
+// Parallel loops of the library: a task arena of a configured width around TBB's loops.
+#pragma once
+
+#include <algorithm>
+#include <cstddef>
+
+#include <tbb/blocked_range.h>
+#include <tbb/parallel_for.h>
+#include <tbb/task_arena.h>
+
+namespace VexelAlgorithm {
+
+/// Runs `body(begin, end)` over pieces of [0, count) on at most `threads` workers, the calling thread
+/// included; one thread takes the pieces in order. `grain` is the smallest piece worth a task.
+template <class Body>
+void parallel_ranges(int threads, std::size_t count, std::size_t grain, const Body& body) {
+    if (count == 0) return;
+    if (threads <= 1) {
+        body(std::size_t{0}, count);
+        return;
+    }
+    tbb::task_arena arena(threads);
+    arena.execute([&] {
+        tbb::parallel_for(tbb::blocked_range<std::size_t>(0, count, std::max<std::size_t>(grain, 1)),
+                          [&](const tbb::blocked_range<std::size_t>& range) { body(range.begin(), range.end()); });
+    });
+}
+
+/// The number of processors that the library uses where no thread number is configured; at least 1.
+inline int default_thread_number() { return std::max(1, tbb::this_task_arena::max_concurrency()); }
+
+}  // namespace VexelAlgorithm

@@ -69,10 +69,17 @@ public:
     int swap_out_data() override;
     int swap_in_data() override;
     void rigid_transformation(const RigidMatrix& rt) override;
+    /// The form of `Cloud`, then uint32 face attributes (1 normals, 2 flags, 4 texture), uint64 fn, the faces
+    /// (12 bytes a face) and the enabled ones of face normals (12), face flags (1) and texture positions (24),
+    /// at last the image name as uint64 length and bytes.
     bool write_archive(std::ostream& out) const override;
     bool read_archive(std::istream& in) override;
 
 private:
+    void swap_content(BaseTriMesh& other) noexcept;
+    bool has_all_corners(std::size_t i) const;
+    bool read_faces(std::istream& in);
+
     std::vector<BaseTriFace> _faces;
     std::vector<Vector3f> _faceNormals;
     std::vector<FaceFlag> _faceFlags;

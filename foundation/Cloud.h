@@ -16,7 +16,8 @@ namespace VexelAlgorithm {
 /// Points (mm) with optional normals, colours and flags, held as parallel arrays of one length.
 /// A value type: copies are deep. Indices are not range-checked, and an attribute may only be read or set
 /// while it is enabled. Reading from several threads is safe; writing different vertices is safe while
-/// nobody resizes.
+/// nobody resizes. Operations that need memory throw std::bad_alloc as std::vector does; archives and
+/// swapping catch it and report failure.
 class VEXEL_API Cloud : public BaseData {
 public:
     Cloud();
@@ -57,7 +58,7 @@ public:
     /// Enables flags when needed, so not to be called from several threads before they are enabled.
     void set_vDeleted(std::size_t i, bool deleted);
 
-    /// Drops all vertices; the set of enabled attributes stays.
+    /// Drops all vertices, swapped-out ones too; the set of enabled attributes stays.
     virtual void clear();
     virtual void reserve_vn(std::size_t count);
     /// New vertices are zero in every attribute.
@@ -79,20 +80,35 @@ public:
     /// Drops the vertices marked deleted, keeping the order; with `releaseMemory` spare capacity is given back.
     virtual void squeeze(bool releaseMemory);
     /// Moves the arrays to the file `get_temp_full_name` and frees their memory; until `swap_in_data` the
-    /// cloud is empty. 0 on success; anything else leaves the cloud as it was.
+    /// cloud is empty. 0 on success; non-zero, the cloud being as it was, when it is swapped out already, not
+    /// legal, or the file cannot be written. The file lives no longer than the object: a copy of a
+    /// swapped-out cloud is an empty cloud, a move takes the file along, and `clear`, assignment,
+    /// `read_archive` and destruction remove it. The file holds the archive form of the class.
     virtual int swap_out_data();
-    /// Brings the arrays back and removes the file. 0 on success; non-zero when nothing was swapped out or
-    /// the file is gone or damaged, the cloud then being unchanged.
+    /// Brings the arrays back, in place of vertices added meanwhile, and removes the file. 0 on success;
+    /// non-zero when nothing was swapped out or the file is gone or damaged, the cloud then being unchanged.
     virtual int swap_in_data();
     /// Moves points by the transform, normals by its rotation.
     virtual void rigid_transformation(const RigidMatrix& rt);
 
+    /// Machine byte order, no padding: int32 type tag (`DataType`), uint32 attributes (1 normals, 2 colours,
+    /// 4 flags, 8 weights), uint64 vn, then the coordinates (12 bytes a vertex) and the enabled ones of
+    /// normals (12), colours (12), flags (1) and weights (4). False when the cloud is not legal or the stream
+    /// fails.
     virtual bool write_archive(std::ostream& out) const;
     /// Reads what `write_archive` of the same type wrote. Counts are not trusted: memory grows only with the
     /// bytes really read. On failure returns false and leaves the object as it was.
     virtual bool read_archive(std::istream& in);
 
 protected:
+    /// Exchanges everything but the type tag.
+    void swap_content(Cloud& other) noexcept;
+    /// Forgets swapped-out data and removes its file.
+    void discard_swapped_out() noexcept;
+    /// The archive form; a class with weights passes its array and the switch of it.
+    bool write_vertices(std::ostream& out, const std::vector<float>* weights) const;
+    bool read_vertices(std::istream& in, std::vector<float>* weights, bool* hasWeights);
+
     std::vector<Vector3f> _coords;
     std::vector<Vector3f> _normals;
     std::vector<Vector3f> _colors;

@@ -42,6 +42,8 @@ public:
     bool read_archive(std::istream& in) override;
 
 protected:
+    void swap_content(CloudWithWeight& other) noexcept;
+
     std::vector<float> _weights;
     bool _hasWeights = false;
 };

@@ -29,7 +29,8 @@ public:
     ~PointImage() override;
 
     /// Allocates width x height empty slots (negative sizes count as 0). Enabled attributes stay enabled and
-    /// are zeroed; the pose becomes the identity.
+    /// are zeroed; the pose becomes the identity. More than 2^31 - 1 slots are refused with a line, and the
+    /// image then has none.
     void ini(int width, int height);
     /// The same, and sets camera, sampling factor and view radial. Size and camera are those of the
     /// sub-sampled image.
@@ -66,7 +67,7 @@ public:
     }
     /// The number of slots that hold a point.
     int count_vaildNum() const;
-    /// Empties every slot: all attributes become zero. Size, camera and enabled attributes stay.
+    /// Empties every slot: all attributes become zero. Size, camera, pose and enabled attributes stay.
     void setZero();
     /// Empties one slot: point, normal, colour, weight and flags become zero.
     void set_slot_empty(std::size_t index);
@@ -115,15 +116,22 @@ public:
     void reset_type() override;
     /// A point image keeps its slots: the ones marked deleted are emptied instead of dropped.
     void squeeze(bool releaseMemory) override;
+    /// Empty slots do not count.
+    bool get_boundBox(Vector3f& low, Vector3f& high) const override;
     /// Legal also means that there are width x height slots.
     bool is_legal() const override;
     void repair_illegal() override;
     /// Moves the points that are there and all normals, and composes the stored pose with the motion.
     void rigid_transformation(const RigidMatrix& rt) override;
+    /// The form of `Cloud`, then int32 width, height and sample, two floats of the view radial, and the
+    /// archives of the camera (32 bytes) and of the pose (96 bytes).
     bool write_archive(std::ostream& out) const override;
     bool read_archive(std::istream& in) override;
 
 private:
+    void swap_content(PointImage& other) noexcept;
+    void move_slots(const RigidMatrix& rt);
+
     int _width = 0;
     int _height = 0;
     CameraInParam _camera;

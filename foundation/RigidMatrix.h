@@ -14,7 +14,8 @@ namespace VexelAlgorithm {
 class VEXEL_API RigidMatrix {
 public:
     RigidMatrix() { set_identity(); }
-    RigidMatrix(const Matrix3d& rotation, const Vector3d& translation) : _rotation(rotation), _translation(translation) {}
+    RigidMatrix(const Matrix3d& rotation, const Vector3d& translation)
+        : _rotation(rotation), _translation(translation) {}
 
     void set_identity() {
         _rotation.setIdentity();
@@ -35,7 +36,9 @@ public:
         return (_rotation * point.cast<double>() + _translation).cast<float>();
     }
     /// Rotates only.
-    Vector3f transform_normal(const Vector3f& normal) const { return (_rotation * normal.cast<double>()).cast<float>(); }
+    Vector3f transform_normal(const Vector3f& normal) const {
+        return (_rotation * normal.cast<double>()).cast<float>();
+    }
 
     /// The inverse (R^T, -R^T t), exact only while R is a rotation.
     RigidMatrix inverse() const {
@@ -60,7 +63,7 @@ private:
 /// Axis-angle vector (its length is the angle in radians) to rotation matrix, by Rodrigues' formula.
 VEXEL_API void rodrigures(const Vector3d& axisAngle, Matrix3d& rotation);
 /// Rotation matrix to axis-angle vector, angle in [0, pi]. A matrix that is nearly a rotation yields the
-/// vector of a rotation close to it.
+/// vector of the rotation closest to it; one with a value that is not finite yields a vector of NaN.
 VEXEL_API void rodrigures(const Matrix3d& rotation, Vector3d& axisAngle);
 
 /// Re-orthonormalises the rotation by a round trip through its axis-angle vector.

@@ -3,6 +3,8 @@
 #include <cmath>
 #include <utility>
 
+#include <Eigen/Geometry>
+
 #include "foundation/archive.h"
 #include "foundation/compaction.h"
 

@@ -1,0 +1,112 @@
+// The dense grid in which every search in the octree starts.
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <iosfwd>
+#include <mutex>
+#include <vector>
+
+#include "foundation/export.h"
+#include "foundation/zeroPages.h"
+#include "fusion/SpinLock.h"
+
+namespace VexelOctree {
+
+/// (2^bits)^3 cells, x fastest, each empty (-1) or the base index of an octet of the first level table.
+/// Entries are stored as their bitwise complement, so that untouched zero pages of the system read as empty
+/// cells and an empty grid occupies no memory.
+///
+/// A pyramid of bit masks beside the cells tells which blocks of 4^3, 16^3, 64^3, ... cells hold anything, so
+/// that a ray can pass empty space in large steps.
+///
+/// Thread-safety: `get`, `get_or_create` and `is_block_empty` may run at the same time; everything else needs
+/// the grid for itself.
+class VEXEL_API TopTree {
+public:
+    /// bits per axis, clamped to [1, 10].
+    explicit TopTree(int bits);
+
+    int get_topBits() const { return _bits; }
+    std::int32_t get_cell_count() const { return std::int32_t{1} << (3 * _bits); }
+    /// Octets handed out in the first level table.
+    std::int32_t get_octet_count() const { return _octets.load(std::memory_order_acquire); }
+
+    /// The entry of a cell; -1 when it is empty or there is no such cell.
+    std::int32_t get(std::int32_t cell) const noexcept {
+        if (cell < 0 || cell >= get_cell_count()) return -1;
+        return ~cells()[cell].load(std::memory_order_acquire);
+    }
+    /// The entry of a cell, which gets the next octet when it is empty. -1 when there is no such cell or no
+    /// further octet. `prepare(base)` is called, under the cell's lock, before a new entry can be seen.
+    template <class Prepare>
+    std::int32_t get_or_create(std::int32_t cell, bool& created, const Prepare& prepare);
+
+    /// Whether the block of (4^level)^3 cells around the cell (level 1, 2, ...; 0 is the cell) holds nothing.
+    bool is_block_empty(int level, int x, int y, int z) const noexcept;
+    /// The largest `level` for which `is_block_empty` may be asked.
+    int get_block_levels() const { return static_cast<int>(_levels.size()); }
+
+    /// Empties the grid.
+    void clear() { reset_mem(); }
+    /// Empties the grid and gives its memory back.
+    void reset_mem();
+
+    /// Binary form, little-endian, without padding: int32 bits, int32 octets handed out, int32 number of
+    /// filled cells n, then n pairs of int32 (cell, base) with ascending cells.
+    bool save_tree_binary(std::ofstream& out) const;
+    /// Reads that form. Refuses, leaving the grid as it was, another number of bits, cells out of range or
+    /// not ascending, and bases that are not octets handed out once.
+    bool read_tree_binary(std::ifstream& in);
+
+    /// The largest number of octets in a table: eight entries each, indexed by int32.
+    static constexpr std::int32_t MaxOctets = (std::int32_t{1} << 28) - 1;
+
+private:
+    struct BlockLevel {
+        int bits;             // blocks per axis are 2^bits
+        std::size_t offset;   // of the level's first word
+    };
+
+    std::atomic<std::int32_t>* cells() const noexcept { return static_cast<std::atomic<std::int32_t>*>(_cells.get()); }
+    SpinLock* locks() const noexcept { return static_cast<SpinLock*>(_locks.get()); }
+    std::atomic<std::uint64_t>* masks() const noexcept { return static_cast<std::atomic<std::uint64_t>*>(_masks.get()); }
+    void mark_block(std::int32_t cell) noexcept;
+    void set_cell(std::int32_t cell, std::int32_t base) noexcept;
+
+    int _bits;
+    std::vector<BlockLevel> _levels;
+    VexelAlgorithm::ZeroPages _cells;
+    VexelAlgorithm::ZeroPages _locks;
+    VexelAlgorithm::ZeroPages _masks;  // 64-bit words, one a block of 4^3 cells or of 4^3 smaller blocks
+    std::atomic<std::int32_t> _octets{0};
+};
+
+/// Takes the next octet of a table. -1 when the table is full.
+inline std::int32_t take_octet(std::atomic<std::int32_t>& counter) noexcept {
+    std::int32_t taken = counter.load(std::memory_order_relaxed);
+    do {
+        if (taken >= TopTree::MaxOctets) return -1;
+    } while (!counter.compare_exchange_weak(taken, taken + 1, std::memory_order_acq_rel));
+    return taken * 8;
+}
+
+template <class Prepare>
+std::int32_t TopTree::get_or_create(std::int32_t cell, bool& created, const Prepare& prepare) {
+    created = false;
+    if (cell < 0 || cell >= get_cell_count()) return -1;
+    const std::int32_t present = ~cells()[cell].load(std::memory_order_acquire);
+    if (present >= 0) return present;
+
+    const std::lock_guard<SpinLock> guard(locks()[cell]);
+    const std::int32_t winner = ~cells()[cell].load(std::memory_order_relaxed);
+    if (winner >= 0) return winner;
+    const std::int32_t base = take_octet(_octets);
+    if (base < 0) return -1;
+    prepare(base);
+    set_cell(cell, base);
+    created = true;
+    return base;
+}
+
+}  // namespace VexelOctree

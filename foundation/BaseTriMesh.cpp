@@ -1,8 +1,9 @@
 #include "foundation/BaseTriMesh.h"
 
-#include <Eigen/Geometry>
 #include <cmath>
 #include <utility>
+
+#include <Eigen/Geometry>
 
 #include "foundation/archive.h"
 #include "foundation/compaction.h"

@@ -1,14 +1,19 @@
 // Parallel loops of the library: a task arena of a configured width around TBB's loops.
 #pragma once
 
-#include <algorithm>
-#include <cstddef>
-
 #include <tbb/blocked_range.h>
 #include <tbb/parallel_for.h>
 #include <tbb/task_arena.h>
 
+#include <algorithm>
+#include <cstddef>
+
 namespace VexelAlgorithm {
+
+/// A configured thread number as a width for loops: at least 1, and no arena of absurd size.
+inline int usable_threads(int threads) {
+    return std::clamp(threads, 1, 256);
+}
 
 /// Runs `body(begin, end)` over pieces of [0, count) on at most `threads` workers, the calling thread
 /// included; one thread takes the pieces in order. `grain` is the smallest piece worth a task.
@@ -19,7 +24,7 @@ void parallel_ranges(int threads, std::size_t count, std::size_t grain, const Bo
         body(std::size_t{0}, count);
         return;
     }
-    tbb::task_arena arena(threads);
+    tbb::task_arena arena(usable_threads(threads));
     arena.execute([&] {
         tbb::parallel_for(tbb::blocked_range<std::size_t>(0, count, std::max<std::size_t>(grain, 1)),
                           [&](const tbb::blocked_range<std::size_t>& range) { body(range.begin(), range.end()); });
@@ -27,6 +32,8 @@ void parallel_ranges(int threads, std::size_t count, std::size_t grain, const Bo
 }
 
 /// The number of processors that the library uses where no thread number is configured; at least 1.
-inline int default_thread_number() { return std::max(1, tbb::this_task_arena::max_concurrency()); }
+inline int default_thread_number() {
+    return std::max(1, tbb::this_task_arena::max_concurrency());
+}
 
 }  // namespace VexelAlgorithm

@@ -13,6 +13,7 @@ using Vector3d = Eigen::Vector3d;  ///< translations (mm), axis-angle vectors (r
 using Vector3i = Eigen::Vector3i;  ///< voxel coordinates
 using Vector4f = Eigen::Vector4f;
 using Vector4i = Eigen::Vector4i;  ///< image ranges
+using Matrix3f = Eigen::Matrix3f;  ///< rotations in single precision, for inner loops
 using Matrix3d = Eigen::Matrix3d;  ///< rotations, camera matrices
 using Matrix4d = Eigen::Matrix4d;  ///< homogeneous poses
 

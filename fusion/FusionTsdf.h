@@ -1,11 +1,11 @@
 // The truncated signed-distance volume: posed frames go in, a mesh comes out.
 #pragma once
 
+#include <tbb/concurrent_vector.h>
+
 #include <cstdint>
 #include <string>
 #include <vector>
-
-#include <tbb/concurrent_vector.h>
 
 #include "foundation/BaseTriMesh.h"
 #include "foundation/PointImage.h"
@@ -76,9 +76,8 @@ public:
     /// be placed, when the pose is not finite, when the frame is not consistent in itself or is not of the
     /// size that the cone table was built for. Points without weight, and points outside the volume or
     /// within three voxels of its faces, are skipped silently.
-    bool fusion_one_frame_speckle_parallel(const PointImage& frame, const RigidMatrix& rt,
-                                           ChangedLeaves& changedLeaves, bool fuse, bool passedThrough,
-                                           const std::vector<unsigned char>* labels);
+    bool fusion_one_frame_speckle_parallel(const PointImage& frame, const RigidMatrix& rt, ChangedLeaves& changedLeaves,
+                                           bool fuse, bool passedThrough, const std::vector<unsigned char>* labels);
     /// The integration without the placement.
     void integrate_tsdfvolume_speckle_parallel(const PointImage& frame, const RigidMatrix& rt,
                                                ChangedLeaves& changedLeaves, bool fuse, bool passedThrough,

@@ -13,7 +13,7 @@ struct LaserGrid {
 
     std::int16_t state = LeafNeverUsed;
     std::int32_t contributions = 0;
-    float pointSum[3] = {0.0f, 0.0f, 0.0f};   ///< mm
+    float pointSum[3] = {0.0f, 0.0f, 0.0f};  ///< mm
     float normalSum[3] = {0.0f, 0.0f, 0.0f};
     VexelOctree::SpinLock lock;
 

@@ -25,8 +25,8 @@ struct LeafTSDFTeeth {
     float weightSum = 0.0f;
     float color[3] = {0.0f, 0.0f, 0.0f};  ///< weighted mean, RGB in [0, 1]
     float colorWeight = 0.0f;
-    std::uint8_t frozen = 0;  ///< 1: distances neither grow nor shrink
-    std::uint8_t marks[3] = {0, 0, 0};  ///< cleared together with the leaf
+    std::uint8_t frozen = 0;                ///< 1: distances neither grow nor shrink
+    std::uint8_t marks[3] = {0, 0, 0};      ///< cleared together with the leaf
     std::uint8_t labels[4] = {0, 0, 0, 0};  ///< counters of labels 1 to 4
     VexelOctree::SpinLock lock;
 

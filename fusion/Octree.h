@@ -192,6 +192,24 @@ public:
         return node < 0 ? -1 : node << (3 * (_leafBits - 1));
     }
 
+    /// The edge length, as a power of two of voxels, of the largest empty node around a voxel inside the volume;
+    /// 0 when the voxel's unit exists.
+    int empty_node_bits(int x, int y, int z) const {
+        const int ux = x >> _leafBits, uy = y >> _leafBits, uz = z >> _leafBits;
+        const int levels = get_level_count();
+        const int cellBits = _leafBits + levels;
+        for (int block = _top.get_block_levels(); block >= 0; --block) {
+            if (_top.is_block_empty(block, x >> cellBits, y >> cellBits, z >> cellBits)) return cellBits + 2 * block;
+        }
+        std::int32_t node = _top.get(top_cell(ux, uy, uz));
+        for (int i = 0; i < levels; ++i) {
+            const std::int32_t slot = node + child_code(ux, uy, uz, levels - 1 - i);
+            node = _levels[static_cast<std::size_t>(i)]->entries[slot].child.load(std::memory_order_acquire);
+            if (node < 0) return _leafBits + levels - 1 - i;
+        }
+        return 0;
+    }
+
     /// `find_or_create_leaf` for the first leaf of a unit. On success the pool holds the unit's leaves.
     LeafPath find_or_create_unit(int ux, int uy, int uz) {
         const int levels = get_level_count();

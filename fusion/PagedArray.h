@@ -52,7 +52,9 @@ public:
     }
 
 private:
-    Record* page(std::int32_t index) const noexcept { return _pages[index >> PageBits].load(std::memory_order_relaxed); }
+    Record* page(std::int32_t index) const noexcept {
+        return _pages[index >> PageBits].load(std::memory_order_relaxed);
+    }
 
     void append_page() {
         VexelAlgorithm::ZeroPages memory = VexelAlgorithm::allocate_zero_pages(

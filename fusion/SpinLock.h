@@ -6,7 +6,7 @@
 #include <thread>
 
 #if defined(_M_X64) || defined(__x86_64__)
-#include <emmintrin.h>
+#    include <emmintrin.h>
 #endif
 
 namespace VexelOctree {

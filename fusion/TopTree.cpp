@@ -66,7 +66,8 @@ bool TopTree::is_block_empty(int level, int x, int y, int z) const noexcept {
     const BlockLevel& block = _levels[static_cast<std::size_t>(level - 1)];
     const int shift = 2 * level;
     const std::size_t word = (static_cast<std::size_t>(z >> shift) << (2 * block.bits)) +
-                             (static_cast<std::size_t>(y >> shift) << block.bits) + static_cast<std::size_t>(x >> shift);
+                             (static_cast<std::size_t>(y >> shift) << block.bits) +
+                             static_cast<std::size_t>(x >> shift);
     return masks()[block.offset + word].load(std::memory_order_relaxed) == 0;
 }
 

@@ -64,13 +64,15 @@ public:
 
 private:
     struct BlockLevel {
-        int bits;             // blocks per axis are 2^bits
-        std::size_t offset;   // of the level's first word
+        int bits;            // blocks per axis are 2^bits
+        std::size_t offset;  // of the level's first word
     };
 
     std::atomic<std::int32_t>* cells() const noexcept { return static_cast<std::atomic<std::int32_t>*>(_cells.get()); }
     SpinLock* locks() const noexcept { return static_cast<SpinLock*>(_locks.get()); }
-    std::atomic<std::uint64_t>* masks() const noexcept { return static_cast<std::atomic<std::uint64_t>*>(_masks.get()); }
+    std::atomic<std::uint64_t>* masks() const noexcept {
+        return static_cast<std::atomic<std::uint64_t>*>(_masks.get());
+    }
     void mark_block(std::int32_t cell) noexcept;
     void set_cell(std::int32_t cell, std::int32_t base) noexcept;
 

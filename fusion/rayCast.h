@@ -40,9 +40,8 @@ extern template VEXEL_API int rayCast(const FusionTsdf<LeafTSDFSpeckle>&, const 
                                       PointImage&, bool, const Vector2f&, const RayCastNormals&, float);
 extern template VEXEL_API int rayCast(const FusionTsdf<LeafTSDFTeeth>&, const PointImage&, const RigidMatrix&,
                                       PointImage&, bool, const Vector2f&, const RayCastNormals&, float);
-extern template VEXEL_API int rayCast(const FusionTsdf<LeafTSDFCloudGenerator>&, const PointImage&,
-                                      const RigidMatrix&, PointImage&, bool, const Vector2f&, const RayCastNormals&,
-                                      float);
+extern template VEXEL_API int rayCast(const FusionTsdf<LeafTSDFCloudGenerator>&, const PointImage&, const RigidMatrix&,
+                                      PointImage&, bool, const Vector2f&, const RayCastNormals&, float);
 extern template VEXEL_API int rayCast(const FusionTsdf<LeafTSDFLaser>&, const PointImage&, const RigidMatrix&,
                                       PointImage&, bool, const Vector2f&, const RayCastNormals&, float);
 

@@ -1,0 +1,42 @@
+// How far a new point agrees with the surface that is already there.
+#pragma once
+
+#include <cmath>
+
+#include "fusion/OffsetCube.h"
+#include "fusion/sampleField.h"
+
+namespace VexelAlgorithm {
+namespace Fusion {
+
+/// The distance of a point from the fused surface: the trilinear sample, or the value of the nearest used voxel
+/// of the neighbourhood where there is no sample. NaN where nothing is known.
+template <class Leaf>
+float distance_to_surface(const VexelOctree::Octree<Leaf>& tree, OctetCache& cache, const OffsetCube& neighbourhood,
+                          const Vector3f& point) {
+    const float sample = trilinear_value(tree, cache, point);
+    if (!std::isnan(sample)) return sample;
+    const Vector3i base = tree.world_to_voxel(point);
+    for (const Vector3i& offset : neighbourhood.voxels) {
+        const Vector3i voxel = base + offset;
+        if (!tree.is_inside(voxel.x(), voxel.y(), voxel.z())) continue;
+        const float value = voxel_value(tree, cache, voxel);
+        if (value != 0.0f) return value;
+    }
+    return std::numeric_limits<float>::quiet_NaN();
+}
+
+/// Factor in [0, 1] for the weight of a point: 1 where nothing is known, else Tukey's biweight of the distance
+/// from the fused surface with its end at two voxels.
+template <class Leaf>
+float surface_agreement(const VexelOctree::Octree<Leaf>& tree, OctetCache& cache, const OffsetCube& neighbourhood,
+                        const Vector3f& point) {
+    const float distance = distance_to_surface(tree, cache, neighbourhood, point);
+    if (std::isnan(distance)) return 1.0f;
+    const float ratio = distance / (2.0f * tree.get_pointDis());
+    const float rest = std::max(0.0f, 1.0f - ratio * ratio);
+    return rest * rest;
+}
+
+}  // namespace Fusion
+}  // namespace VexelAlgorithm

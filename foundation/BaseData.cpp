@@ -25,6 +25,16 @@ std::wstring process_token() {
     return text.str();
 }
 
+// Asked once, so that a file written earlier is found again whatever the environment says by then.
+const std::filesystem::path& temp_folder() {
+    static const std::filesystem::path folder = [] {
+        std::error_code error;
+        const std::filesystem::path found = std::filesystem::temp_directory_path(error);
+        return error ? std::filesystem::path(".") : found;
+    }();
+    return folder;
+}
+
 }  // namespace
 
 BaseData::BaseData() : _id(next_object_id()) {}
@@ -47,10 +57,7 @@ BaseData& BaseData::operator=(BaseData&& other) noexcept {
 BaseData::~BaseData() = default;
 
 std::wstring BaseData::get_temp_full_name() const {
-    std::error_code error;
-    std::filesystem::path folder = std::filesystem::temp_directory_path(error);
-    if (error) folder = std::filesystem::path(".");
-    return (folder / (L"vexel_" + process_token() + L"_" + std::to_wstring(_id) + L".swap")).wstring();
+    return (temp_folder() / (L"vexel_" + process_token() + L"_" + std::to_wstring(_id) + L".swap")).wstring();
 }
 
 }  // namespace VexelAlgorithm

@@ -1,9 +1,8 @@
 #include "foundation/BaseTriMesh.h"
 
+#include <Eigen/Geometry>
 #include <cmath>
 #include <utility>
-
-#include <Eigen/Geometry>
 
 #include "foundation/archive.h"
 #include "foundation/compaction.h"

@@ -30,10 +30,11 @@ public:
     TriMesh& operator=(const TriMesh& other);
     ~TriMesh() override;
 
-    /// Replaces the mesh. `indices` holds three vertex indices a triangle; triangles with an index that does
-    /// not exist or twice the same one, and triangles that would make an edge non-manifold, are left out.
-    /// Returns the number of triangles left out.
+    /// Replaces the mesh and computes its face normals. `indices` holds three vertex indices a triangle;
+    /// triangles with an index that does not exist or twice the same one, an incomplete last one, and those
+    /// that would make an edge or a vertex non-manifold are left out. Returns the number left out.
     std::size_t build_mesh(const std::vector<Vector3f>& vertices, const std::vector<int>& indices);
+    /// Drops vertices, edges and faces.
     void clear();
 };
 

@@ -189,7 +189,7 @@ TEST(RecordCheck, NamesTheWrongFieldOfTrackParmeter) {
 
 TEST(RecordCheck, NamesTheWrongFieldOfFusionParameter) {
     using R = FusionParameter;
-    const auto without_color = [](R& r) {
+    const auto withoutColor = [](R& r) {
         r.colorImageSize.setZero(), r.colorImageRange.setZero(), r.colorImagePar.setZero();
     };
     expect_findings<R>(
@@ -227,7 +227,7 @@ TEST(RecordCheck, NamesTheWrongFieldOfFusionParameter) {
               r.colorImageSize = {-5, 1024};
           },
           "colorImageRange(2) colorImageSize(0)"},
-         {without_color, ""}});
+         {withoutColor, ""}});
 }
 
 TEST(RecordCheck, NamesTheWrongFieldOfTextureParam) {
@@ -312,10 +312,10 @@ TEST(HandleFrame, EveryResultTypeHasItsNullAndItsExceptionValue) {
             ++object.value;
         });
     };
-    const auto five_times = [](const std::string& line) { return line + line + line + line + line; };
+    const auto fiveTimes = [](const std::string& line) { return line + line + line + line + line; };
 
-    EXPECT_EQ(printed([&] { run(nullptr, false); }), five_times("fail because pFusionTrack = NULL\n"));
-    EXPECT_EQ(printed([&] { run(&counter, true); }), five_times("step failed: disk full\n"));
+    EXPECT_EQ(printed([&] { run(nullptr, false); }), fiveTimes("fail because pFusionTrack = NULL\n"));
+    EXPECT_EQ(printed([&] { run(&counter, true); }), fiveTimes("step failed: disk full\n"));
     EXPECT_EQ(counter.value, 7);
     EXPECT_EQ(printed([&] { run(&counter, false); }), "");
     EXPECT_EQ(counter.value, 12);

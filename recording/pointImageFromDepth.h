@@ -1,0 +1,38 @@
+// From a depth image to the point image that fusion and tracking take.
+#pragma once
+
+#include "foundation/CameraInParam.h"
+#include "foundation/PointImage.h"
+#include "recording/DepthImage.h"
+
+namespace VexelAlgorithm {
+
+/// How a depth image becomes points. A triangulating depth camera resolves the inverse depth 1/z evenly,
+/// so limits on depth differences are counted in its steps: with `inverseDepthStep` q, one step at depth z
+/// is q z^2 millimetres. The defaults suit room-size recordings of structured-light cameras.
+struct DepthFrameSettings {
+    float nearest = 100.0f;             ///< mm; nearer pixels are taken as without value
+    float farthest = 10000.0f;          ///< mm; farther pixels are taken as without value
+    float inverseDepthStep = 2.85e-6f;  ///< 1/mm; 11 mm at 2 m, 0.5 mm at 0.4 m
+    float edgeJump = 8.0f;              ///< steps; larger differences between near pixels are depth edges
+    int edgeMargin = 2;                 ///< pixels; points this near to an edge are dropped, 0 keeps all
+    int smallestIsland = 60;            ///< points; smaller connected pieces are dropped, 0 keeps all
+    int smoothingRadius = 3;            ///< pixels of the edge-preserving smoothing, 0 for none
+    int normalStep = 2;                 ///< pixels between the neighbours that a normal is fitted to
+    int normalWindow = 6;               ///< pixels to the farthest such neighbour along each axis
+};
+
+/// Points (mm, camera coordinates) by back-projection of each pixel with a value, without
+/// those at depth edges (mixed pixels, fringes of the pattern's shadow) and without small islands; normals
+/// by `PointImage::update_VNrv`; points without a normal are dropped; weights; flags enabled. The result
+/// carries the camera, sampling 1, view radial (0, 0) and the identity pose, and is what integration asks for.
+///
+/// Smoothing is a bilateral filter on inverse depth (Tomasi and Manduchi 1998), whose range scale is two
+/// steps: it removes the staircase of the quantisation and keeps edges.
+/// Weights: cos(angle between normal and ray) * (1000 mm / z)^2. The depth's standard deviation grows with
+/// z^2 (Khoshelham and Elberink 2012), so this lies between the inverse deviation and the inverse variance
+/// where the grazing views are concerned, and is 1 for a surface faced at one metre.
+PointImage depth_frame_to_point_image(const DepthImage& depth, const CameraInParam& camera,
+                                      const DepthFrameSettings& settings, int threads);
+
+}  // namespace VexelAlgorithm

@@ -1,0 +1,241 @@
+// Recordings on disk: what is written reads back; every kind of damage is named with its file.
+#include <gtest/gtest.h>
+
+#include <clocale>
+#include <functional>
+#include <opencv2/imgcodecs.hpp>
+
+#include "TemporaryFolder.h"
+#include "recording/Recording.h"
+#include "recording/files.h"
+#include "recording/numberText.h"
+#include "recording/pointImageFromDepth.h"
+#include "recording/poseText.h"
+
+namespace {
+
+namespace fs = std::filesystem;
+using namespace VexelAlgorithm;
+using VexelTest::bytes_of;
+using VexelTest::put_bytes;
+using VexelTest::TemporaryFolder;
+
+const CameraInParam camera(58.5, 57.25, 31.5, 24.125);
+
+DepthImage slanted_depth(int width, int height) {
+    DepthImage image{width, height, {}};
+    for (int i = 0; i < width * height; ++i) {
+        image.millimetres.push_back(static_cast<std::uint16_t>(i % 11 == 0 ? 0 : 700 + 3 * (i % width)));
+    }
+    return image;
+}
+
+RigidMatrix turned_pose(double angle, const Vector3d& translation) {
+    RigidMatrix pose;
+    Matrix3d rotation;
+    rodrigures(Vector3d(angle, -0.5 * angle, 0.25), rotation);
+    pose.set_rotation(rotation);
+    pose.set_translation(translation);
+    return pose;
+}
+
+void write_recording(const fs::path& folder, const std::vector<int>& numbers) {
+    Outcome<RecordingWriter> writer = RecordingWriter::create(folder, camera);
+    ASSERT_TRUE(writer) << writer.failure().reason;
+    for (const int number : numbers) {
+        ASSERT_TRUE(
+            writer->write_frame(number, slanted_depth(64, 48), turned_pose(0.01 * number, {1.5, -2.25, number + 0.1})));
+    }
+}
+
+TEST(Recording, ReadsBackWhatWasWrittenInAnyLocale) {
+    std::setlocale(LC_NUMERIC, "de_DE.UTF-8");  // where installed, printf and strtod then use a comma
+    TemporaryFolder folder;
+    write_recording(folder.path(), {1000000, 7, 3, 42});
+    put_bytes(folder.path() / "frame-000003.color.png", "ignored");
+    put_bytes(folder.path() / "frame-8.depth.png", "ignored");
+    const Outcome<Recording> recording = Recording::open(folder.path(), PosePolicy::Required);
+    std::setlocale(LC_NUMERIC, "C");
+    ASSERT_TRUE(recording) << recording.failure().reason;
+
+    EXPECT_EQ(recording->camera().get_fy(), 57.25);
+    EXPECT_EQ(recording->camera().get_cy(), 24.125);
+    const std::vector<int> expected = {3, 7, 42, 1000000};
+    ASSERT_EQ(recording->frames().size(), expected.size());
+    for (std::size_t i = 0; i < expected.size(); ++i) {
+        const RecordedFrame& frame = recording->frames()[i];
+        EXPECT_EQ(frame.number, expected[i]);
+        const RigidMatrix pose = turned_pose(0.01 * expected[i], {1.5, -2.25, expected[i] + 0.1});
+        EXPECT_LT((frame.cameraToWorld->get_rotation() - pose.get_rotation()).norm(), 1e-12);
+        EXPECT_LT((frame.cameraToWorld->get_translation() - pose.get_translation()).norm(), 1e-6);
+        const Outcome<DepthImage> image = read_depth_png(frame.depthFile);
+        ASSERT_TRUE(image) << image.failure().reason;
+        EXPECT_EQ(image->millimetres, slanted_depth(64, 48).millimetres);
+    }
+    EXPECT_EQ(recording->select(3, 42, 2).size(), 2u);
+    EXPECT_EQ(recording->select(4, 6, 1).size(), 0u);
+}
+
+TEST(Recording, OrthonormalisesRotationsWithinTheTolerance) {
+    const std::string rounded =
+        "0.909 0.273 -0.314 -0.34\n-0.272 0.961 0.045 0.016\r\n\t+0.314 0.044 0.948 2.9e-1\n0 0 0 1";
+    const Outcome<RigidMatrix> pose = parse_pose(rounded);
+    ASSERT_TRUE(pose) << pose.failure().reason;
+    const Matrix3d& rotation = pose->get_rotation();
+    EXPECT_LT((rotation.transpose() * rotation - Matrix3d::Identity()).norm(), 1e-14);
+    EXPECT_NEAR(rotation(0, 1), 0.273, 1e-3);
+    EXPECT_NEAR(pose->get_translation().z(), 290.0, 1e-9);
+}
+
+TEST(Recording, PosesMayBeMissingOnlyWhereTheyAreOptional) {
+    TemporaryFolder folder;
+    write_recording(folder.path(), {0, 1});
+    fs::remove(folder.path() / "frame-000001.pose.txt");
+    const Outcome<Recording> recording = Recording::open(folder.path(), PosePolicy::Optional);
+    ASSERT_TRUE(recording) << recording.failure().reason;
+    EXPECT_TRUE(recording->frames()[0].cameraToWorld);
+    EXPECT_FALSE(recording->frames()[1].cameraToWorld);
+    EXPECT_FALSE(Recording::open(folder.path(), PosePolicy::Required));
+}
+
+TEST(Recording, NeverMixesTwoRecordings) {
+    TemporaryFolder folder;
+    write_recording(folder.path(), {5});
+    const std::string before = bytes_of(folder.path() / "camera-intrinsics.txt");
+    const Outcome<RecordingWriter> second = RecordingWriter::create(folder.path(), CameraInParam(1, 1, 0, 0));
+    ASSERT_FALSE(second);
+    EXPECT_NE(second.failure().reason.find("holds a recording already"), std::string::npos);
+    EXPECT_EQ(bytes_of(folder.path() / "camera-intrinsics.txt"), before);
+}
+
+struct Damage {
+    const char* name;
+    std::function<void(const fs::path&)> inflict;
+    const char* file;   // that the message names
+    const char* cause;  // that the message gives
+};
+
+std::string png_of(const cv::Mat& picture) {
+    std::vector<unsigned char> bytes;
+    cv::imencode(".png", picture, bytes);
+    return {bytes.begin(), bytes.end()};
+}
+
+std::function<void(const fs::path&)> replace(const char* file, const std::string& bytes) {
+    return [=](const fs::path& folder) { put_bytes(folder / file, bytes); };
+}
+
+std::function<void(const fs::path&)> edit(const char* file, const std::function<void(std::string&)>& change) {
+    return [=](const fs::path& folder) {
+        std::string bytes = bytes_of(folder / file);
+        change(bytes);
+        put_bytes(folder / file, bytes);
+    };
+}
+
+std::function<void(const fs::path&)> drop(const char* file) {
+    return [=](const fs::path& folder) { fs::remove(folder / file); };
+}
+
+constexpr const char* depth = "frame-000002.depth.png";
+constexpr const char* pose = "frame-000002.pose.txt";
+constexpr const char* intrinsics = "camera-intrinsics.txt";
+
+const std::string huge = "\x89PNG\r\n\x1a\n" +
+                         std::string("\0\0\0\x0dIHDR\x7f\xff\xff\xff\x7f\xff\xff\xff\x10\0\0\0\0", 21) +
+                         std::string("\0\0\0\0\0\0\0\0IEND\xae\x42\x60\x82", 16);
+
+const Damage damages[] = {
+    {"no folder", [](const fs::path& folder) { fs::remove_all(folder); }, "", "there is no recording folder"},
+    {"a file as folder",
+     [](const fs::path& folder) {
+         fs::remove_all(folder);
+         put_bytes(folder, "x");
+     },
+     "", "is not a folder"},
+    {"no frames",
+     [](const fs::path& folder) {
+         for (const auto& entry : fs::directory_iterator(folder)) fs::remove(entry);
+     },
+     "", "holds no frames"},
+    {"no pose", drop(pose), depth, "has no pose"},
+    {"no depth", drop(depth), pose, "has no depth image"},
+    {"no intrinsics", drop(intrinsics), intrinsics, "cannot be opened"},
+    {"intrinsics as folder",
+     [](const fs::path& folder) {
+         fs::remove(folder / intrinsics);
+         fs::create_directory(folder / intrinsics);
+     },
+     intrinsics, "is a folder"},
+    {"short intrinsics", replace(intrinsics, "585 0 320\n0 585"), intrinsics, "only 5 of 9 numbers"},
+    {"skewed intrinsics", replace(intrinsics, "585 1 320 0 585 240 0 0 1"), intrinsics, "not of the form"},
+    {"zero focal length", replace(intrinsics, "0 0 320 0 585 240 0 0 1"), intrinsics, "focal lengths"},
+    {"absurd intrinsics", replace(intrinsics, "585 0 1e300 0 585 240 0 0 1"), intrinsics, "at most 1000000"},
+    {"empty pose", replace(pose, ""), pose, "only 0 of 16 numbers"},
+    {"short pose", replace(pose, "1 0 0 0  0 1 0 0  0 0 1"), pose, "only 11 of 16 numbers"},
+    {"long pose", replace(pose, "1 0 0 0 0 1 0 0 0 0 1 0 0 0 0 1 5"), pose, "more than the expected 16"},
+    {"words in pose", replace(pose, "1 0 0 zero 0 1 0 0 0 0 1 0 0 0 0 1"), pose, "'zero' is not a number"},
+    {"decimal commas", replace(pose, "1,0 0 0 0 0 1 0 0 0 0 1 0 0 0 0 1"), pose, "'1,0' is not a number"},
+    {"control bytes in pose", replace(pose, "\x1b[31m 0 0 0"), pose, "'?[31m' is not a number"},
+    {"endless pose", replace(pose, std::string(1 << 17, ' ')), pose, "larger than"},
+    {"NaN in pose", replace(pose, "1 0 0 nan 0 1 0 0 0 0 1 0 0 0 0 1"), pose, "not finite"},
+    {"infinite pose", replace(pose, "1 0 0 0 0 1 0 -inf 0 0 1 0 0 0 0 1"), pose, "not finite"},
+    {"number too large", replace(pose, "1 0 0 1e999 0 1 0 0 0 0 1 0 0 0 0 1"), pose, "is not a number"},
+    {"scaled pose", replace(pose, "1.01 0 0 0 0 1.01 0 0 0 0 1.01 0 0 0 0 1"), pose, "is scaled or sheared"},
+    {"zero pose", replace(pose, "0 0 0 0 0 0 0 0 0 0 0 0 0 0 0 1"), pose, "is scaled or sheared"},
+    {"mirrored pose", replace(pose, "1 0 0 0 0 1 0 0 0 0 -1 0 0 0 0 1"), pose, "mirrors"},
+    {"non-affine pose", replace(pose, "1 0 0 0 0 1 0 0 0 0 1 0 0 0 0.1 1"), pose, "last row is not 0 0 0 1"},
+    {"pose in millimetres of the moon", replace(pose, "1 0 0 3.8e8 0 1 0 0 0 0 1 0 0 0 0 1"), pose, "100 km"},
+    {"empty image", replace(depth, ""), depth, "is empty"},
+    {"no image", replace(depth, "P5 64 48 65535 "), depth, "is not a PNG image"},
+    {"8-bit image", replace(depth, png_of(cv::Mat(48, 64, CV_8UC1, cv::Scalar(9)))), depth, "8 bits of grey"},
+    {"colour image", replace(depth, png_of(cv::Mat(48, 64, CV_16UC3, cv::Scalar::all(9)))), depth, "16 bits a colour"},
+    {"another size", replace(depth, png_of(cv::Mat(24, 64, CV_16UC1, cv::Scalar(900)))), depth, "has 64 x 24 pixels"},
+    {"absurd size", replace(depth, huge), depth, "absurd size"},
+    {"signature only", edit(depth, [](std::string& bytes) { bytes.resize(8); }), depth, "cut short"},
+    {"half an image", edit(depth, [](std::string& bytes) { bytes.resize(bytes.size() / 2); }), depth, "cut short"},
+    {"a chunk of 4 GiB", edit(depth, [](std::string& bytes) { bytes.replace(33, 4, "\xff\xff\xff\xff"); }), depth,
+     "cut short"},
+    {"a flipped bit", edit(depth, [](std::string& bytes) { bytes[60] ^= 4; }), depth, "check sum"},
+};
+
+TEST(RecordingBadInput, EveryDamageIsNamedWithItsFile) {
+    for (const Damage& damage : damages) {
+        SCOPED_TRACE(damage.name);
+        TemporaryFolder parent;
+        const fs::path folder = parent.path() / "take1";
+        write_recording(folder, {1, 2, 3});
+        damage.inflict(folder);
+
+        const Outcome<Recording> recording = Recording::open(folder, PosePolicy::Required);
+        std::string reason;
+        if (recording) {
+            const Outcome<DepthImage> image = read_depth_png(folder / depth);
+            ASSERT_FALSE(image);
+            reason = image.failure().reason;
+        } else {
+            reason = recording.failure().reason;
+        }
+        EXPECT_NE(reason.find(damage.file), std::string::npos) << reason;
+        EXPECT_NE(reason.find("take1"), std::string::npos) << reason;
+        EXPECT_NE(reason.find(damage.cause), std::string::npos) << reason;
+        EXPECT_EQ(reason.find('\n'), std::string::npos) << reason;
+    }
+}
+
+TEST(RecordingBadInput, WritersLeaveOldFilesAndNoRemains) {
+    TemporaryFolder folder;
+    const fs::path file = folder.path() / "report.txt";
+    put_bytes(file, "old");
+    fs::create_directory(folder.path() / "report.txt.part");  // in the way of the new file
+    EXPECT_FALSE(write_whole_file(file, "new"));
+    EXPECT_EQ(bytes_of(file), "old");
+    EXPECT_FALSE(prepare_output_folder(file));
+    EXPECT_FALSE(prepare_output_folder(file / "below"));
+    EXPECT_FALSE(write_depth_png(folder.path() / "d.png", DepthImage{4, 4, {1, 2, 3}}));
+    EXPECT_FALSE(fs::exists(folder.path() / "d.png"));
+    EXPECT_TRUE(prepare_output_folder(folder.path() / "a" / "b"));
+    EXPECT_TRUE(fs::is_empty(folder.path() / "a" / "b"));
+}
+
+}  // namespace

@@ -1,0 +1,222 @@
+#include <gtest/gtest.h>
+
+#include <OpenMesh/Core/IO/MeshIO.hh>
+#include <algorithm>
+#include <filesystem>
+#include <fstream>
+#include <random>
+#include <sstream>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "foundation/diagnostics.h"
+#include "foundation/meshExport.h"
+
+namespace VexelAlgorithm {
+namespace {
+
+namespace fs = std::filesystem;
+
+class Export : public testing::Test {
+protected:
+    Export() : folder(fs::temp_directory_path() / ("export_test_" + std::to_string(std::random_device()()))) {
+        fs::create_directory(folder);
+    }
+    ~Export() override { fs::remove_all(folder); }
+
+    std::string path(const std::string& name) const { return (folder / name).string(); }
+    std::size_t file_number() const {
+        return static_cast<std::size_t>(std::distance(fs::directory_iterator(folder), fs::directory_iterator()));
+    }
+    std::vector<std::string> lines(const std::string& name) const {
+        std::ifstream in(path(name));
+        std::vector<std::string> all;
+        for (std::string line; std::getline(in, line);) all.push_back(line);
+        return all;
+    }
+
+    fs::path folder;
+};
+
+BaseTriMesh tetrahedron() {
+    BaseTriMesh mesh;
+    mesh.set_vCoords({{0, 0, 0}, {1.25f, 0, 0}, {0, 2.5f, 0}, {0, 0, -3.125f}});
+    mesh.set_faces({{{0, 1, 2}}, {{0, 3, 1}}, {{0, 2, 3}}, {{1, 3, 2}}});
+    mesh.update_VNrv();
+    mesh.enable_vColor();
+    for (std::size_t i = 0; i < 4; ++i) mesh.set_vColor(i, {0.2f * static_cast<float>(i), 1.0f, -7.0f});
+    return mesh;
+}
+
+// Runs the call and returns what it printed; the call must fail.
+template <class Call>
+std::string failure_line(const Call& call) {
+    testing::internal::CaptureStdout();
+    const int result = call();
+    const std::string text = testing::internal::GetCapturedStdout();
+    EXPECT_NE(result, 0);
+    EXPECT_EQ(std::count(text.begin(), text.end(), '\n'), 1) << text;
+    return text;
+}
+
+TEST_F(Export, OpenMeshReadsBackEveryFormat) {
+    const BaseTriMesh mesh = tetrahedron();
+    struct Format {
+        const char* name;
+        std::uint32_t options;
+        bool hasNormals, hasColors, isStl = false;
+    };
+    constexpr std::uint32_t all = MESH_WRITE_VERTEX_NORMAL | MESH_WRITE_VERTEX_COLOR;
+    testing::internal::CaptureStderr();
+    for (const Format& format : {Format{"text.ply", all, true, true},
+                                 {"binary.ply", all | MESH_WRITE_BINARY, true, true},
+                                 {"plain.ply", MESH_WRITE_BINARY, false, false},
+                                 {"text.off", all, true, true},
+                                 {"upper.OBJ", all, true, false},
+                                 {"text.stl", all, false, false, true},
+                                 {"binary.stl", all | MESH_WRITE_BINARY, false, false, true}}) {
+        ASSERT_EQ(write_mesh(path(format.name), mesh, format.options, 9), 0) << format.name;
+        TriMesh read;
+        read.request_vertex_normals();
+        read.request_vertex_colors();
+        OpenMesh::IO::Options options = OpenMesh::IO::Options::VertexNormal;
+        options += OpenMesh::IO::Options::VertexColor;
+        if ((format.options & MESH_WRITE_BINARY) != 0) options += OpenMesh::IO::Options::Binary;
+        ASSERT_TRUE(OpenMesh::IO::read_mesh(read, path(format.name), options)) << format.name;
+        ASSERT_EQ(read.n_vertices(), 4u) << format.name;
+        ASSERT_EQ(read.n_faces(), 4u) << format.name;
+        if (!format.isStl) {  // whose reader leaves the options alone
+            EXPECT_EQ(options.vertex_has_normal(), format.hasNormals) << format.name;
+            EXPECT_EQ(options.vertex_has_color(), format.hasColors) << format.name;
+        }
+        for (const auto f : read.faces()) {
+            int corner = 0;
+            for (const auto v : read.fv_range(f)) {
+                const Vector3f& expected = mesh.get_vCoord(mesh.get_face(f.idx())[corner++]);
+                const auto point = read.point(v);
+                EXPECT_EQ(Vector3f(point[0], point[1], point[2]), expected) << format.name << " face " << f.idx();
+            }
+        }
+        for (const auto v : read.vertices()) {
+            if (!format.hasNormals) break;
+            EXPECT_NEAR(read.normal(v)[2], mesh.get_vNrv(v.idx()).z(), 1e-6f) << format.name;
+        }
+        if (format.hasColors) {
+            EXPECT_EQ(read.color(TriMesh::VertexHandle(3)), OpenMesh::Vec3uc(153, 255, 0)) << format.name;
+        }
+    }
+    EXPECT_EQ(testing::internal::GetCapturedStderr(), "");
+    EXPECT_EQ(file_number(), 7u) << "nothing is left beside the files";
+}
+
+TEST_F(Export, KeepsOrderAndNonManifoldTrianglesAndDropsDeletedOnes) {
+    BaseTriMesh mesh;
+    mesh.set_vCoords({{9, 9, 9}, {0, 0, 0}, {1, 0, 0}, {0, 1, 0}, {0, 0, 1}, {0, -1, 0}});
+    // Three triangles on the edge 1-2; then a deleted one, one with a deleted vertex, two with missing ones.
+    mesh.set_faces({{{1, 2, 3}}, {{1, 2, 4}}, {{1, 2, 5}}, {{3, 4, 5}}, {{0, 1, 2}}, {{1, 2, 6}}, {{-1, 2, 3}}});
+    mesh.set_vDeleted(0, true);
+    mesh.set_fDeleted(3, true);
+    ASSERT_EQ(write_mesh(path("a.off"), mesh, MESH_WRITE_DEFAULT, 6), 0);
+    const std::vector<std::string> expected{"OFF",   "5 3 0",  "0 0 0",   "1 0 0",   "0 1 0",
+                                            "0 0 1", "0 -1 0", "3 0 1 2", "3 0 1 3", "3 0 1 4"};
+    EXPECT_EQ(lines("a.off"), expected);
+}
+
+TEST_F(Export, FailuresGiveOneLineAndKeepTheOlderFile) {
+    const BaseTriMesh mesh = tetrahedron();
+    BaseTriMesh plain = mesh;
+    plain.disable_vNormal();
+    Cloud illegal;
+    illegal.set_vNrvs({Vector3f::Zero()});
+    // The name is allowed, but leaves no room for the part that is written first.
+    const std::string older = path(std::string(250, 'n') + ".ply");
+    std::ofstream(older) << "older";
+    fs::create_directory(path("folder.ply"));
+
+    const std::string missing = path("missing/mesh.ply");
+    EXPECT_NE(failure_line([&] { return write_mesh(missing, mesh, 0, 6); }).find(missing), std::string::npos);
+    failure_line([&] { return write_mesh(path("folder.ply"), mesh, 0, 6); });
+    failure_line([&] { return write_mesh(older, mesh, 0, 6); });
+    failure_line([&] { return write_mesh(path("mesh.xyz"), mesh, 0, 6); });
+    failure_line([&] { return write_mesh(path("mesh"), mesh, 0, 6); });
+    failure_line([&] { return write_mesh("", mesh, 0, 6); });
+    failure_line([&] { return write_mesh(path("mesh.ply"), plain, MESH_WRITE_VERTEX_NORMAL, 6); });
+    failure_line([&] { return write_asc(path("missing/cloud.asc"), mesh); });
+    failure_line([&] { return write_asc(path("folder.ply"), mesh); });
+    failure_line([&] { return write_asc(path("cloud.asc"), illegal); });
+    failure_line([&] { return write_cloudWithWeight(path("missing/cloud.asc"), CloudWithWeight()); });
+    EXPECT_EQ(file_number(), 2u) << "only what was there before";
+    std::string content;
+    std::ifstream(older) >> content;
+    EXPECT_EQ(content, "older");
+}
+
+TEST_F(Export, CloudsAsText) {
+    CloudWithWeight cloud;
+    cloud.set_vCoords({{1, 2, 3}, {4, 5, 6}, {0.1f, -1e-20f, 3e20f}});
+    cloud.enable_vWeight();
+    cloud.set_vWeight(2, 0.5f);
+    cloud.set_vDeleted(1, true);
+    ASSERT_EQ(write_cloudWithWeight(path("weight.asc"), cloud), 0);
+    EXPECT_EQ(lines("weight.asc"), (std::vector<std::string>{"1 2 3 0", "0.1 -1e-20 3e+20 0.5"}));
+    cloud.enable_vNormal();
+    cloud.enable_vColor();
+    cloud.set_vColor(0, {0.0f, 0.5f, 2.0f});
+    ASSERT_EQ(write_asc(path("cloud.asc"), cloud), 0);
+    EXPECT_EQ(lines("cloud.asc").front(), "1 2 3 0 0 0 0 128 255");
+
+    PointImage frame;
+    frame.ini(2, 2);
+    frame.set_point(1, 1, {7, 8, 9});
+    ASSERT_EQ(write_asc(path("frame.asc"), frame, false), 0);
+    EXPECT_EQ(lines("frame.asc"), std::vector<std::string>{"7 8 9"});
+    ASSERT_EQ(write_asc(path("frame.asc"), frame, true), 0) << "replaces the older file";
+    EXPECT_EQ(lines("frame.asc").size(), 4u);
+}
+
+TEST_F(Export, HalfEdgeMeshLeavesOutWhatItCannotHold) {
+    const BaseTriMesh base = tetrahedron();
+    TriMesh mesh;
+    testing::internal::CaptureStderr();
+    std::vector<int> indices{0, 1, 2, 0, 3, 1, 0, 2, 3, 1, 3, 2};
+    EXPECT_EQ(mesh.build_mesh(base.get_vCoords(), indices), 0u);
+    EXPECT_EQ(mesh.normal(TriMesh::FaceHandle(0)), TriMesh::Normal(0, 0, 1));
+    // Wound against its neighbour, a third one on an edge, missing vertices, twice the same, incomplete.
+    indices = {0, 1, 2, 0, 1, 3, 1, 0, 3, 0, 1, 3, 0, 4, 1, -1, 0, 1, 2, 2, 3, 1};
+    EXPECT_EQ(mesh.build_mesh(base.get_vCoords(), indices), 6u);
+    EXPECT_EQ(testing::internal::GetCapturedStderr(), "");
+    EXPECT_EQ(mesh.n_faces(), 2u);
+    EXPECT_EQ(mesh.n_vertices(), 4u);
+
+    mesh.request_vertex_status();
+    mesh.request_edge_status();
+    mesh.request_face_status();
+    mesh.delete_face(TriMesh::FaceHandle(0), true);
+    ASSERT_EQ(write_mesh(path("a.off"), mesh, MESH_WRITE_DEFAULT, 6), 0);
+    EXPECT_EQ(lines("a.off").at(1), "3 1 0") << "deleted faces and vertices are left out";
+    const TriMesh copy(mesh);
+    mesh.clear();
+    EXPECT_EQ(mesh.n_vertices(), 0u);
+    EXPECT_EQ(copy.n_vertices(), 4u);
+    ASSERT_EQ(write_mesh(path("empty.ply"), mesh, MESH_WRITE_BINARY, 6), 0) << "an empty mesh is a mesh";
+}
+
+TEST(Diagnostics, LinesOfThreadsDoNotMix) {
+    EXPECT_EQ(format_text("%s = %d, %f", "a", 7, 0.5), "a = 7, 0.500000");
+    EXPECT_EQ(format_text("%s", std::string(5000, 'x').c_str()).size(), 5000u);
+    testing::internal::CaptureStdout();
+    std::vector<std::thread> threads;
+    for (const char letter : {'a', 'b', 'c', 'd'})
+        threads.emplace_back([letter] {
+            for (int i = 0; i < 100; ++i) print_line(std::string(200, letter));
+        });
+    for (std::thread& thread : threads) thread.join();
+    std::istringstream printed(testing::internal::GetCapturedStdout());
+    int count = 0;
+    for (std::string line; std::getline(printed, line); ++count) EXPECT_EQ(line, std::string(200, line.at(0)));
+    EXPECT_EQ(count, 400);
+}
+
+}  // namespace
+}  // namespace VexelAlgorithm

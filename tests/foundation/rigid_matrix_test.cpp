@@ -1,0 +1,156 @@
+#include <gtest/gtest.h>
+
+#include <Eigen/Geometry>
+#include <cmath>
+#include <limits>
+#include <random>
+#include <sstream>
+
+#include "foundation/CameraInParam.h"
+#include "foundation/RigidMatrix.h"
+
+namespace VexelAlgorithm {
+namespace {
+
+constexpr double pi = 3.14159265358979323846;
+
+double deviation_from_rotation(const Matrix3d& matrix) {
+    return (matrix * matrix.transpose() - Matrix3d::Identity()).cwiseAbs().maxCoeff() +
+           std::abs(matrix.determinant() - 1.0);
+}
+
+double difference(const RigidMatrix& a, const RigidMatrix& b) {
+    return (a.get_rotation() - b.get_rotation()).cwiseAbs().maxCoeff() +
+           (a.get_translation() - b.get_translation()).cwiseAbs().maxCoeff();
+}
+
+RigidMatrix sample_motion() {
+    Matrix3d rotation;
+    rodrigures(Vector3d(0.3, -1.2, 0.7), rotation);
+    return {rotation, Vector3d(10.0, -20.0, 300.0)};
+}
+
+TEST(RigidMatrix, ComposesInvertsAndTransforms) {
+    const RigidMatrix identity, a = sample_motion();
+    Matrix3d quarterTurn;
+    rodrigures(Vector3d(0.0, 0.0, pi / 2), quarterTurn);
+    const RigidMatrix b(quarterTurn, Vector3d(1.0, 2.0, 3.0));
+
+    EXPECT_EQ(difference(identity.inverse(), identity), 0.0);
+    EXPECT_LT(difference(a * a.inverse(), identity), 1e-13);
+    EXPECT_LT(difference(a.inverse() * a, identity), 1e-13);
+    RigidMatrix inverted = a;
+    inverted.inverseSelf();
+    EXPECT_EQ(difference(inverted, a.inverse()), 0.0);
+
+    const Vector3d point(5.0, 6.0, 7.0);
+    EXPECT_LT((b * point - Vector3d(-5.0, 7.0, 10.0)).norm(), 1e-14);
+    EXPECT_LT(((a * b) * point - a * (b * point)).norm(), 1e-12);
+    EXPECT_EQ(a * Vector3f(5.0f, 6.0f, 7.0f), Vector3f((a * point).cast<float>()));
+    const Vector3f normal(0.6f, 0.0f, 0.8f);
+    EXPECT_EQ(RigidMatrix(Matrix3d::Identity(), Vector3d(9.0, 9.0, 9.0)).transform_normal(normal), normal);
+    EXPECT_LT((b.transform_normal(normal) - Vector3f(0.0f, 0.6f, 0.8f)).norm(), 1e-7f);
+}
+
+TEST(Rodrigures, GoesThereAndBackAtEveryAngle) {
+    for (const double angle :
+         {0.0, 1e-300, 1e-12, 1e-8, 1e-4, 0.1, 1.0, pi / 2, 3.0, pi - 1e-4, pi - 1e-8, pi - 1e-12, pi})
+        for (const Vector3d& direction : {Vector3d(1, 0, 0), Vector3d(0, -1, 0), Vector3d(0, 0, 1), Vector3d(1, 2, 3),
+                                          Vector3d(-3, 1e-9, 2), Vector3d(-1, -1, -1)}) {
+            const Vector3d axis = direction.normalized();
+            const Vector3d vector = angle * axis;
+            Matrix3d rotation;
+            rodrigures(vector, rotation);
+            EXPECT_LT(deviation_from_rotation(rotation), 1e-14) << angle << " about " << axis.transpose();
+            EXPECT_LT((rotation - Eigen::AngleAxisd(angle, axis).toRotationMatrix()).cwiseAbs().maxCoeff(), 1e-14);
+            Vector3d back;
+            rodrigures(rotation, back);
+            // At half a turn both directions of the axis are right.
+            const double error = std::min((back - vector).norm(), angle > 3.14 ? (back + vector).norm() : 10.0);
+            EXPECT_LT(error, 1e-14 + 1e-9 * std::min(angle, 1e-6)) << angle << " about " << axis.transpose();
+            EXPECT_LE(back.norm(), pi + 1e-15);
+        }
+    Matrix3d rotation;
+    Vector3d back;
+    rodrigures(Vector3d(0.0, 1.5 * pi, 0.0), rotation);
+    rodrigures(rotation, back);
+    EXPECT_LT((back - Vector3d(0.0, -0.5 * pi, 0.0)).norm(), 1e-14) << "more than half a turn is the shorter way round";
+}
+
+TEST(Rodrigures, RegularisesDisturbedRotations) {
+    std::mt19937 random(1);
+    std::uniform_real_distribution<double> uniform(-1.0, 1.0);
+    for (int i = 0; i < 500; ++i) {
+        const Vector3d vector =
+            (i % 5 == 0 ? pi : 2.0) * Vector3d(uniform(random), uniform(random), uniform(random)).normalized();
+        Matrix3d exact;
+        rodrigures(vector, exact);
+        const Matrix3d noise = Matrix3d::NullaryExpr([&] { return 1.7e-4 * uniform(random); });
+        const Vector3d translation(1.0, 2.0, 3.0);
+        RigidMatrix rt(exact + noise, translation);
+        rigidMatrix_regularization(rt);
+        EXPECT_LT(deviation_from_rotation(rt.get_rotation()), 1e-12);
+        EXPECT_EQ(rt.get_translation(), translation);
+        // The closest rotation makes R^T M symmetric.
+        const Matrix3d stretch = rt.get_rotation().transpose() * (exact + noise);
+        EXPECT_LT((stretch - stretch.transpose()).cwiseAbs().maxCoeff(), 1e-12);
+    }
+}
+
+TEST(Rodrigures, MatricesThatAreNoRotationDoNoHarm) {
+    const double nan = std::numeric_limits<double>::quiet_NaN();
+    Vector3d vector;
+    rodrigures(Matrix3d(Matrix3d::Constant(nan)), vector);
+    EXPECT_TRUE(vector.array().isNaN().all());
+    for (const double scale : {0.0, -1.0, 1e-300, 1e300}) {
+        rodrigures(Matrix3d(scale * Matrix3d::Identity()), vector);
+        EXPECT_LE(vector.norm(), pi + 1e-12) << scale;
+    }
+}
+
+TEST(CameraInParam, ProjectsAndBackProjects) {
+    const CameraInParam camera = CameraInParam(1000.0, 1200.0, 640.0, 512.0).scaled_down(2.0);
+    Vector2d pixel;
+    camera.point_to_image(Vector3d(10.0, -20.0, 100.0), pixel);
+    EXPECT_LT((pixel - Vector2d(370.0, 136.0)).norm(), 1e-12);
+    Vector3d point;
+    camera.depth_to_point(100.0, pixel, point);
+    EXPECT_LT((point - Vector3d(10.0, -20.0, 100.0)).norm(), 1e-12);
+    Vector3f narrow;
+    camera.depth_to_point(100.0f, Vector2f(370.0f, 136.0f), narrow);
+    EXPECT_EQ(narrow, Vector3f(10.0f, -20.0f, 100.0f));
+}
+
+TEST(SmallArchives, HaveTheirFixedFormAndRefuseShortInput) {
+    std::ostringstream out;
+    const RigidMatrix rt = sample_motion();
+    const CameraInParam camera(1.0, 2.0, 3.0, 4.0);
+    ASSERT_TRUE(rt.write_archive(out) && camera.write_archive(out));
+    const std::string bytes = out.str();
+    ASSERT_EQ(bytes.size(), 96u + 32u);
+    double values[16];
+    std::copy(bytes.begin(), bytes.end(), reinterpret_cast<char*>(values));
+    EXPECT_EQ(values[1], rt.get_rotation()(1, 0)) << "column by column";
+    EXPECT_EQ(values[3], rt.get_rotation()(0, 1));
+    EXPECT_EQ(values[11], rt.get_translation().z());
+
+    std::istringstream in(bytes);
+    RigidMatrix rtRead;
+    CameraInParam cameraRead;
+    ASSERT_TRUE(rtRead.read_archive(in) && cameraRead.read_archive(in));
+    EXPECT_EQ(difference(rtRead, rt), 0.0);
+    EXPECT_EQ(cameraRead.get_fx(), 1.0);
+    EXPECT_EQ(cameraRead.get_cy(), 4.0);
+    for (std::size_t length = 0; length < 96; ++length) {
+        std::istringstream cut(bytes.substr(0, length));
+        RigidMatrix untouched;
+        EXPECT_FALSE(untouched.read_archive(cut));
+        EXPECT_EQ(difference(untouched, RigidMatrix()), 0.0);
+    }
+    std::istringstream cut(bytes.substr(96, 31));
+    EXPECT_FALSE(cameraRead.read_archive(cut));
+    EXPECT_EQ(cameraRead.get_fy(), 2.0);
+}
+
+}  // namespace
+}  // namespace VexelAlgorithm

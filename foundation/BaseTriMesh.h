@@ -60,6 +60,7 @@ public:
     /// Vertices without a face get a zero normal. Also fills the face normals when they are enabled.
     void update_VNrv();
 
+    /// Drops vertices, faces and the name of the texture image; enabled attributes stay.
     void clear() override;
     void reset_type() override;
     bool is_legal() const override;

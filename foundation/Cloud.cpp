@@ -7,6 +7,7 @@
 #include <utility>
 
 #include "foundation/archive.h"
+#include "foundation/boundBox.h"
 #include "foundation/compaction.h"
 
 namespace VexelAlgorithm {
@@ -181,16 +182,8 @@ void Cloud::set_vCoords(std::vector<Vector3f>&& coords) {
 }
 
 bool Cloud::get_boundBox(Vector3f& low, Vector3f& high) const {
-    bool found = false;
-    low.setZero();
-    high.setZero();
-    for (std::size_t i = 0; i < get_vn(); ++i) {
-        if (get_vDeleted(i) || !_coords[i].allFinite()) continue;
-        low = found ? Vector3f(low.cwiseMin(_coords[i])) : _coords[i];
-        high = found ? Vector3f(high.cwiseMax(_coords[i])) : _coords[i];
-        found = true;
-    }
-    return found;
+    return bound_box(
+        _coords, [this](std::size_t i) { return _coords[i].allFinite() && !get_vDeleted(i); }, low, high);
 }
 
 bool Cloud::is_legal() const {

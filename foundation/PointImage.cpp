@@ -6,6 +6,7 @@
 #include <utility>
 
 #include "foundation/archive.h"
+#include "foundation/boundBox.h"
 #include "foundation/diagnostics.h"
 
 namespace VexelAlgorithm {
@@ -142,16 +143,8 @@ void PointImage::squeeze(bool releaseMemory) {
 }
 
 bool PointImage::get_boundBox(Vector3f& low, Vector3f& high) const {
-    bool found = false;
-    low.setZero();
-    high.setZero();
-    for (std::size_t i = 0; i < get_vn(); ++i) {
-        if (!has_point(i) || get_vDeleted(i)) continue;
-        low = found ? Vector3f(low.cwiseMin(_coords[i])) : _coords[i];
-        high = found ? Vector3f(high.cwiseMax(_coords[i])) : _coords[i];
-        found = true;
-    }
-    return found;
+    return bound_box(
+        _coords, [this](std::size_t i) { return has_point(i) && !get_vDeleted(i); }, low, high);
 }
 
 bool PointImage::is_legal() const {

@@ -10,7 +10,7 @@
 #include <stdexcept>
 
 #ifdef __linux__
-#include <unistd.h>
+#    include <unistd.h>
 #endif
 
 #include "foundation/diagnostics.h"

@@ -1,0 +1,324 @@
+#include "simulation/primitives.h"
+
+#include <Eigen/Geometry>
+#include <algorithm>
+
+#include "foundation/diagnostics.h"
+#include "simulation/rayMarch.h"
+
+namespace VexelAlgorithm::Simulation {
+
+namespace {
+
+Vector3d unit_or(const Vector3d& direction, const Vector3d& fallback) {
+    const double length = direction.norm();
+    return length > 0.0 ? Vector3d(direction / length) : fallback;
+}
+
+std::optional<double> first_admissible(double nearer, double farther, double farthest) {
+    for (const double t : {nearer, farther})
+        if (t > kSelfHitRange && t <= farthest) return t;
+    return std::nullopt;
+}
+
+std::optional<double> march_shape(const Shape& shape, const Ray& ray, double farthest) {
+    RaySpan span = shape.bounds().span(ray, std::min(farthest, kMarchHorizon));
+    span.begin = std::max(span.begin, kSelfHitRange);
+    if (span.empty()) return std::nullopt;
+    const auto field = [&](double t) { return shape.distance(ray.at(t)); };
+    return march_to_crossing(field, span.begin, span.end, field(span.begin) < 0.0);
+}
+
+class Nothing final : public Shape {
+public:
+    double distance(const Vector3d&) const override { return kNoLimit; }
+    Vector3d gradient(const Vector3d&) const override { return Vector3d::Zero(); }
+    Bounds bounds() const override { return {}; }
+    std::optional<double> first_crossing(const Ray&, double) const override { return std::nullopt; }
+};
+
+class Sphere final : public Shape {
+public:
+    Sphere(const Vector3d& centre, double radius) : _centre(centre), _radius(radius) {}
+
+    double distance(const Vector3d& point) const override { return (point - _centre).norm() - _radius; }
+    Vector3d gradient(const Vector3d& point) const override { return unit_or(point - _centre, Vector3d::UnitZ()); }
+    Bounds bounds() const override { return Bounds{_centre, _centre}.inflated(_radius); }
+    std::optional<double> first_crossing(const Ray& ray, double farthest) const override {
+        const double nearest = (_centre - ray.origin).dot(ray.direction);
+        const double passing = (ray.at(nearest) - _centre).norm();
+        if (passing >= _radius) return std::nullopt;
+        const double halfChord = std::sqrt((_radius - passing) * (_radius + passing));
+        return first_admissible(nearest - halfChord, nearest + halfChord, farthest);
+    }
+
+private:
+    Vector3d _centre;
+    double _radius;
+};
+
+class HalfSpace final : public Shape {
+public:
+    HalfSpace(const Vector3d& point, const Vector3d& normal) : _point(point), _normal(normal) {}
+
+    double distance(const Vector3d& point) const override { return _normal.dot(point - _point); }
+    Vector3d gradient(const Vector3d&) const override { return _normal; }
+    Bounds bounds() const override { return Bounds::everything(); }
+    std::optional<double> first_crossing(const Ray& ray, double farthest) const override {
+        const double approach = -_normal.dot(ray.direction);
+        if (approach == 0.0) return std::nullopt;
+        const double t = distance(ray.origin) / approach;
+        return first_admissible(t, t, std::min(farthest, kMarchHorizon));
+    }
+
+private:
+    Vector3d _point;
+    Vector3d _normal;
+};
+
+class Box final : public Shape {
+public:
+    Box(const Vector3d& centre, const Vector3d& halfSize, double rounding)
+        : _centre(centre), _core(halfSize.array() - rounding), _rounding(rounding) {}
+
+    double distance(const Vector3d& point) const override {
+        const Vector3d beyond = (point - _centre).cwiseAbs() - _core;
+        return beyond.cwiseMax(0.0).norm() + std::min(beyond.maxCoeff(), 0.0) - _rounding;
+    }
+    Vector3d gradient(const Vector3d& point) const override {
+        const Vector3d local = point - _centre;
+        const Vector3d beyond = local.cwiseAbs() - _core;
+        Eigen::Index face = 0;
+        Vector3d gradient = Vector3d::Zero();
+        if (beyond.maxCoeff(&face) > 0.0)
+            gradient = beyond.cwiseMax(0.0).normalized();
+        else
+            gradient[face] = 1.0;
+        for (int axis = 0; axis < 3; ++axis)
+            if (local[axis] < 0.0) gradient[axis] = -gradient[axis];
+        return gradient;
+    }
+    Bounds bounds() const override { return Bounds{_centre - _core, _centre + _core}.inflated(_rounding); }
+    std::optional<double> first_crossing(const Ray& ray, double farthest) const override {
+        if (_rounding > 0.0) return march_shape(*this, ray, farthest);
+        const Vector3d relative = ray.origin - _centre;
+        RaySpan line{-kNoLimit, kNoLimit};
+        for (int axis = 0; axis < 3; ++axis) {
+            const double direction = ray.direction[axis];
+            if (direction == 0.0) {
+                if (std::abs(relative[axis]) >= _core[axis]) return std::nullopt;
+                continue;
+            }
+            const double middle = -relative[axis] / direction;
+            const double half = _core[axis] / std::abs(direction);
+            line.begin = std::max(line.begin, middle - half);
+            line.end = std::min(line.end, middle + half);
+        }
+        if (!(line.begin < line.end)) return std::nullopt;
+        return first_admissible(line.begin, line.end, farthest);
+    }
+
+private:
+    Vector3d _centre;
+    Vector3d _core;
+    double _rounding;
+};
+
+class Torus final : public Shape {
+public:
+    Torus(const Vector3d& centre, double ringRadius, double tubeRadius)
+        : _centre(centre), _ringRadius(ringRadius), _tubeRadius(tubeRadius) {}
+
+    double distance(const Vector3d& point) const override {
+        const Vector3d local = point - _centre;
+        return std::hypot(local.head<2>().norm() - _ringRadius, local.z()) - _tubeRadius;
+    }
+    Vector3d gradient(const Vector3d& point) const override {
+        const Vector3d local = point - _centre;
+        const Vector3d outwards = unit_or(Vector3d(local.x(), local.y(), 0.0), Vector3d::UnitX());
+        return unit_or(local - _ringRadius * outwards, Vector3d::UnitZ());
+    }
+    Bounds bounds() const override {
+        const Vector3d half(_ringRadius, _ringRadius, 0.0);
+        return Bounds{_centre - half, _centre + half}.inflated(_tubeRadius);
+    }
+    std::optional<double> first_crossing(const Ray& ray, double farthest) const override {
+        return march_shape(*this, ray, farthest);
+    }
+
+private:
+    Vector3d _centre;
+    double _ringRadius;
+    double _tubeRadius;
+};
+
+class Ellipsoid final : public Shape {
+public:
+    Ellipsoid(const Vector3d& centre, const Vector3d& halfAxes) : _centre(centre), _halfAxes(halfAxes) {}
+
+    double distance(const Vector3d& point) const override {
+        const Vector3d local = point - _centre;
+        const double size = (local - nearest_point(local)).norm();
+        return is_inside(local) ? -size : size;
+    }
+    Vector3d gradient(const Vector3d& point) const override {
+        const Vector3d nearest = nearest_point(point - _centre);
+        return unit_or(nearest.cwiseQuotient(_halfAxes).cwiseQuotient(_halfAxes), Vector3d::UnitZ());
+    }
+    Bounds bounds() const override { return {_centre - _halfAxes, _centre + _halfAxes}; }
+    std::optional<double> first_crossing(const Ray& ray, double farthest) const override {
+        // The ellipsoid becomes the unit ball when every axis is divided by its half length.
+        const Vector3d origin = (ray.origin - _centre).cwiseQuotient(_halfAxes);
+        const Vector3d direction = ray.direction.cwiseQuotient(_halfAxes);
+        const double scale = direction.norm();
+        const double nearest = -origin.dot(direction) / (scale * scale);
+        const double passing = (origin + nearest * direction).norm();
+        if (passing >= 1.0) return std::nullopt;
+        const double halfChord = std::sqrt((1.0 - passing) * (1.0 + passing)) / scale;
+        return first_admissible(nearest - halfChord, nearest + halfChord, farthest);
+    }
+
+private:
+    bool is_inside(const Vector3d& local) const { return local.cwiseQuotient(_halfAxes).squaredNorm() < 1.0; }
+
+    /// The nearest surface point is x_i = e_i^2 y_i / (t + e_i^2) with the largest root t of
+    /// F(t) = sum (e_i y_i / (t + e_i^2))^2 - 1 (Eberly, Distance from a Point to an Ellipse, an Ellipsoid, or
+    /// a Hyperellipsoid). F is convex and falls, so Newton's method from the left of the root never passes it.
+    Vector3d nearest_point(const Vector3d& local) const {
+        const Vector3d squares = _halfAxes.cwiseProduct(_halfAxes);
+        // Off the planes of symmetry, where the root may leave the range of F; moves the result by less than 1e-11 mm.
+        const Vector3d query = local.cwiseAbs().cwiseMax(1e-11);
+        const Vector3d scaled = _halfAxes.cwiseProduct(query);
+        double t = (scaled - squares).maxCoeff();
+        if (!is_inside(local)) t = std::max(t, 0.0);
+        for (int step = 0; step < 200; ++step) {
+            const Vector3d quotient = scaled.cwiseQuotient((squares.array() + t).matrix());
+            const Vector3d terms = quotient.cwiseProduct(quotient);
+            const double value = terms.sum() - 1.0;
+            const double slope = -2.0 * terms.cwiseQuotient((squares.array() + t).matrix()).sum();
+            const double next = t - value / slope;
+            if (!(next > t)) break;
+            const bool settled = next - t < 1e-15 * squares.maxCoeff();
+            t = next;
+            if (settled) break;
+        }
+        Vector3d nearest = squares.cwiseProduct(query).cwiseQuotient((squares.array() + t).matrix());
+        for (int axis = 0; axis < 3; ++axis)
+            if (local[axis] < 0.0) nearest[axis] = -nearest[axis];
+        return nearest;
+    }
+
+    Vector3d _centre;
+    Vector3d _halfAxes;
+};
+
+class RoundCone final : public Shape {
+public:
+    RoundCone(const Vector3d& from, double radiusFrom, const Vector3d& to, double radiusTo)
+        : _from(from),
+          _to(to),
+          _radiusFrom(radiusFrom),
+          _radiusTo(radiusTo),
+          _length((to - from).norm()),
+          _axis((to - from) / _length),
+          _sine((radiusFrom - radiusTo) / _length),
+          _cosine(std::sqrt(1.0 - _sine * _sine)) {}
+
+    double distance(const Vector3d& point) const override {
+        const Section section = section_of(point);
+        if (section.alongSide < 0.0) return (point - _from).norm() - _radiusFrom;
+        if (section.alongSide > _cosine * _length) return (point - _to).norm() - _radiusTo;
+        return section.radial * _cosine + section.axial * _sine - _radiusFrom;
+    }
+    Vector3d gradient(const Vector3d& point) const override {
+        const Section section = section_of(point);
+        if (section.alongSide < 0.0) return unit_or(point - _from, -_axis);
+        if (section.alongSide > _cosine * _length) return unit_or(point - _to, _axis);
+        const Vector3d radial = unit_or(point - _from - section.axial * _axis, _axis.unitOrthogonal());
+        return _cosine * radial + _sine * _axis;
+    }
+    Bounds bounds() const override {
+        return Bounds{_from, _from}.inflated(_radiusFrom).united(Bounds{_to, _to}.inflated(_radiusTo));
+    }
+    std::optional<double> first_crossing(const Ray& ray, double farthest) const override {
+        return march_shape(*this, ray, farthest);
+    }
+
+private:
+    /// A point in the half plane through the axis: along it, away from it, and along the straight side.
+    struct Section {
+        double axial;
+        double radial;
+        double alongSide;
+    };
+    Section section_of(const Vector3d& point) const {
+        const Vector3d local = point - _from;
+        const double axial = local.dot(_axis);
+        const double radial = (local - axial * _axis).norm();
+        return {axial, radial, axial * _cosine - radial * _sine};
+    }
+
+    Vector3d _from;
+    Vector3d _to;
+    double _radiusFrom;
+    double _radiusTo;
+    double _length;
+    Vector3d _axis;
+    double _sine;
+    double _cosine;
+};
+
+bool usable(double size) {
+    return std::isfinite(size) && size > 0.0;
+}
+
+ShapePtr refuse(const char* what) {
+    print_line(std::string(what) + ", nothing takes its place in the scene");
+    return nothing();
+}
+
+}  // namespace
+
+ShapePtr nothing() {
+    return std::make_shared<Nothing>();
+}
+
+ShapePtr sphere(const Vector3d& centre, double radius) {
+    if (!centre.allFinite() || !usable(radius)) return refuse("sphere: centre not finite or radius not above 0");
+    return std::make_shared<Sphere>(centre, radius);
+}
+
+ShapePtr half_space(const Vector3d& point, const Vector3d& normal) {
+    if (!point.allFinite() || !usable(normal.norm()))
+        return refuse("half-space: point not finite or normal without direction");
+    return std::make_shared<HalfSpace>(point, normal.normalized());
+}
+
+ShapePtr box(const Vector3d& centre, const Vector3d& halfSize, double rounding) {
+    const bool valid = centre.allFinite() && halfSize.allFinite() && halfSize.minCoeff() > 0.0 && rounding >= 0.0 &&
+                       rounding < halfSize.minCoeff();
+    if (!valid) return refuse("box: centre or size not finite, size not above 0, or rounding not within the size");
+    return std::make_shared<Box>(centre, halfSize, rounding);
+}
+
+ShapePtr torus(const Vector3d& centre, double ringRadius, double tubeRadius) {
+    if (!centre.allFinite() || !usable(ringRadius) || !usable(tubeRadius) || tubeRadius >= ringRadius)
+        return refuse("torus: centre not finite, or tube radius not between 0 and the ring radius");
+    return std::make_shared<Torus>(centre, ringRadius, tubeRadius);
+}
+
+ShapePtr ellipsoid(const Vector3d& centre, const Vector3d& halfAxes) {
+    if (!centre.allFinite() || !halfAxes.allFinite() || halfAxes.minCoeff() <= 0.0)
+        return refuse("ellipsoid: centre or half axes not finite, or a half axis not above 0");
+    return std::make_shared<Ellipsoid>(centre, halfAxes);
+}
+
+ShapePtr round_cone(const Vector3d& from, double radiusFrom, const Vector3d& to, double radiusTo) {
+    if (!from.allFinite() || !to.allFinite() || !usable(radiusFrom) || !usable(radiusTo))
+        return refuse("round cone: an end not finite or a radius not above 0");
+    const bool oneHoldsOther = (to - from).norm() <= std::abs(radiusFrom - radiusTo);
+    if (oneHoldsOther) return radiusFrom > radiusTo ? sphere(from, radiusFrom) : sphere(to, radiusTo);
+    return std::make_shared<RoundCone>(from, radiusFrom, to, radiusTo);
+}
+
+}  // namespace VexelAlgorithm::Simulation

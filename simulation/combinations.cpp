@@ -16,15 +16,16 @@ namespace {
 /// phi(min d) >= 1, so Newton's method from there falls to the root of phi = 1 without passing it.
 double smooth_minimum(const double* distances, std::size_t count, double blend) {
     double s = *std::min_element(distances, distances + count);
-    if (blend == 0.0) return s;
+    if (blend == 0.0 || count == 1) return s;
+    const double perBlend = 1.0 / blend;
     for (int step = 0; step < 50; ++step) {
         double phi = -1.0;
         double slope = 0.0;
         for (std::size_t i = 0; i < count; ++i) {
-            const double share = 1.0 + (s - distances[i]) / blend;
+            const double share = 1.0 + (s - distances[i]) * perBlend;
             if (share <= 0.0) continue;
             phi += share * share;
-            slope += 2.0 * share / blend;
+            slope += 2.0 * share * perBlend;
         }
         const double next = s - phi / slope;
         if (!(next < s)) break;
@@ -77,44 +78,32 @@ public:
 
     Bounds bounds() const override { return _bounds; }
 
-    /// The ray is cut where it enters or leaves the reach of an operand. On each piece the operands in reach
-    /// alone have the same sign as the whole union, so only they are evaluated.
     std::optional<double> first_crossing(const Ray& ray, double farthest) const override {
         const std::vector<MemberSpan> spans = members_on(ray, std::min(farthest, kMarchHorizon));
         if (spans.empty()) return std::nullopt;
-
-        std::vector<const Shape*> inReach;
         std::vector<double> distances(spans.size());
-        const auto field = [&](double t) {
-            const Vector3d point = ray.at(t);
-            for (std::size_t i = 0; i < inReach.size(); ++i) distances[i] = inReach[i]->distance(point);
-            return smooth_minimum(distances.data(), inReach.size(), _blend);
-        };
-
-        double t = kSelfHitRange;
-        std::optional<bool> inside;
-        for (;;) {
-            double next = kNoLimit;
-            inReach.clear();
-            for (const MemberSpan& member : spans) {
-                if (member.span.end <= t) continue;
-                const bool reached = member.span.begin <= t;
-                next = std::min(next, reached ? member.span.end : member.span.begin);
-                if (reached) inReach.push_back(member.shape);
-            }
-            if (next == kNoLimit) return std::nullopt;
-            if (!inReach.empty()) {
-                if (!inside) inside = t == kSelfHitRange && field(t) < 0.0;
-                if (const auto crossing = march_to_crossing(field, t, next, *inside)) return crossing;
-            }
-            t = next;
+        Piece piece = piece_at(kSelfHitRange, spans);
+        const bool startsInside = !piece.members.empty() && value_of(piece, ray.at(piece.begin), distances) < 0.0;
+        if (_blend == 0.0 && !startsInside) return nearest_crossing(ray, spans);
+        for (; piece.end < kNoLimit; piece = piece_at(piece.end, spans)) {
+            if (piece.members.empty()) continue;
+            const auto field = [&](double t) { return value_of(piece, ray.at(t), distances); };
+            if (const auto crossing = march_to_crossing(field, piece.begin, piece.end, startsInside)) return crossing;
         }
+        return std::nullopt;
     }
 
 private:
     struct MemberSpan {
         const Shape* shape;
         RaySpan span;
+    };
+    /// A part of a ray on which the same operands are in reach, up to where the next one comes or goes. These
+    /// operands alone give the same sign as the whole union.
+    struct Piece {
+        double begin;
+        double end = kNoLimit;
+        std::vector<const Shape*> members;
     };
 
     std::vector<MemberSpan> members_on(const Ray& ray, double farthest) const {
@@ -125,6 +114,34 @@ private:
             if (!span.empty()) spans.push_back({_shapes[i].get(), span});
         }
         return spans;
+    }
+
+    /// Its end is infinite when nothing is in reach from t on.
+    static Piece piece_at(double t, const std::vector<MemberSpan>& spans) {
+        Piece piece{t, kNoLimit, {}};
+        for (const MemberSpan& member : spans) {
+            if (member.span.end <= t) continue;
+            const bool reached = member.span.begin <= t;
+            piece.end = std::min(piece.end, reached ? member.span.end : member.span.begin);
+            if (reached) piece.members.push_back(member.shape);
+        }
+        return piece;
+    }
+
+    double value_of(const Piece& piece, const Vector3d& point, std::vector<double>& distances) const {
+        for (std::size_t i = 0; i < piece.members.size(); ++i) distances[i] = piece.members[i]->distance(point);
+        return smooth_minimum(distances.data(), piece.members.size(), _blend);
+    }
+
+    /// Sharp seams, seen from outside all operands: the union is hit where the first operand is.
+    static std::optional<double> nearest_crossing(const Ray& ray, const std::vector<MemberSpan>& spans) {
+        std::optional<double> nearest;
+        for (const MemberSpan& member : spans) {
+            const double limit = nearest.value_or(member.span.end);
+            if (member.span.begin > limit) continue;
+            if (const auto crossing = member.shape->first_crossing(ray, limit)) nearest = crossing;
+        }
+        return nearest;
     }
 
     /// Calls visitor(index, distance) for every operand that can have a share in the value at the point; all

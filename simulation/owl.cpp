@@ -26,11 +26,11 @@ void append(Shapes& shapes, const Shapes& more) {
 ShapePtr body() {
     const ShapePtr trunk = ellipsoid({0, 0, 86}, {39, 35, 50});
     const ShapePtr head = moved(ellipsoid({0, 0, 0}, {37, 31, 29}), {turn(7, Vector3d::UnitZ()), {0, -3, 143}});
-    const ShapePtr neck = ellipsoid({0, -1, 120}, {33, 29, 20});
+    const ShapePtr neck = ellipsoid({0, 0, 116}, {36, 31, 26});
     const ShapePtr rump = round_cone({0, 18, 62}, 20, {0, 34, 44}, 10);
     Shapes parts = {trunk, head, neck, rump};
     for (const double side : kSides) parts.push_back(round_cone({side * 21, -9, 158}, 10, {side * 33, -5, 182}, 2.2));
-    return smooth_union(parts, 9);
+    return smooth_union(parts, 14);
 }
 
 Shapes face() {
@@ -60,17 +60,18 @@ ShapePtr feather(const Shape& ground, const Vector3d& from, const Vector3d& towa
     return moved(ellipsoid(Vector3d::Zero(), halfAxes), {frame * turn(lift, Vector3d::UnitX()), seat->point});
 }
 
-Shapes breast_feathers(const Shape& ground) {
+/// Rows of feathers around the trunk, each row set half a feather off the one below; degrees from the x axis.
+Shapes plumage(const Shape& ground, double azimuth, double spread, int perRow, double lowest, double rowHeight,
+               int rows, const Vector3d& halfAxes) {
     Shapes feathers;
-    for (int row = 0; row < 7; ++row) {
-        const double height = 60 + 9.5 * row;
-        for (double column = -3 + 0.5 * (row % 2); column <= 3; column += 1) {
-            const double azimuth = (-90 + 17 * column) * kRadians;
-            const Vector3d axis(0, 0, height);
-            const Vector3d outside = axis + 80 * Vector3d(std::cos(azimuth), std::sin(azimuth), 0);
-            feathers.push_back(feather(ground, outside, axis, {5.6, 8, 2.0}, 12));
+    for (int row = 0; row < rows; ++row)
+        for (int column = 0; column < perRow; ++column) {
+            const double place = (column + 0.5 + 0.5 * (row % 2)) / perRow - 0.5;
+            const double angle = (azimuth + spread * place) * kRadians;
+            const Vector3d axis(0, 0, lowest + rowHeight * row);
+            feathers.push_back(
+                feather(ground, axis + 80 * Vector3d(std::cos(angle), std::sin(angle), 0), axis, halfAxes, 12));
         }
-    }
     return feathers;
 }
 
@@ -145,7 +146,8 @@ ShapePtr owl_on_books() {
     const ShapePtr trunk = body();
     Shapes parts = {trunk};
     append(parts, face());
-    append(parts, breast_feathers(*trunk));
+    append(parts, plumage(*trunk, -90, 125, 8, 58, 9.5, 7, {5.4, 8, 2.0}));
+    append(parts, plumage(*trunk, 90, 130, 6, 66, 13, 6, {7.5, 11, 2.2}));
     for (const double side : kSides) {
         const ShapePtr folded = wing(side);
         parts.push_back(folded);

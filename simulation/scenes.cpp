@@ -31,7 +31,7 @@ const NamedScene kScenes[] = {
     {"owl", owl_on_books},
     {"owl_on_table",
      [] {
-         return smooth_union({owl_on_books(), table()}, 0);
+         return smooth_union({table(), owl_on_books()}, 0);
      }},
     {"sphere",
      [] {

@@ -8,7 +8,7 @@
 
 namespace VexelAlgorithm::Simulation {
 
-/// The demo object: an owl that perches on two books, 180 mm tall. It stands on z = 0 around the z axis (up) and
+/// The demo object: an owl that perches on two books, 184 mm tall. It stands on z = 0 around the z axis (up) and
 /// looks along -y. Round, flat, sharp and finely sculpted places, and no symmetry that would let a tracker slide.
 ShapePtr owl_on_books();
 /// About the middle of the demo object, to look at (mm).

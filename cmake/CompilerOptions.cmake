@@ -6,14 +6,15 @@ function(vexel_compiler_options target)
     set_target_properties(${target} PROPERTIES CXX_STANDARD 17 CXX_STANDARD_REQUIRED ON CXX_EXTENSIONS OFF
                                                POSITION_INDEPENDENT_CODE ON)
     if(MSVC)
-        target_compile_options(${target} PRIVATE /W4 /permissive- /utf-8 /fp:precise)
+        target_compile_options(${target} PRIVATE /W4 /permissive- /utf-8 /fp:precise /bigobj)
         target_compile_definitions(${target} PRIVATE NOMINMAX _CRT_SECURE_NO_WARNINGS)
     else()
         # No contraction: the same source gives the same numbers on every x86-64 processor.
         target_compile_options(${target} PRIVATE -Wall -Wextra -Wpedantic -Wshadow -Wnon-virtual-dtor -ffp-contract=off)
         if(VEXEL_SANITIZE)
+            # Little optimisation and line tables only: half the compile time of -O2 -g.
             target_compile_options(${target} PRIVATE -fsanitize=${VEXEL_SANITIZE} -fno-omit-frame-pointer
-                                                     -fno-sanitize-recover=all)
+                                                     -fno-sanitize-recover=all -O1 -g1)
             target_link_options(${target} PRIVATE -fsanitize=${VEXEL_SANITIZE})
         endif()
     endif()

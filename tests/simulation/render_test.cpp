@@ -1,0 +1,322 @@
+// Rendered frames, their noise, and the paths of the virtual camera.
+#include "simulation/render.h"
+
+#include <gtest/gtest.h>
+
+#include <Eigen/Geometry>
+#include <cmath>
+#include <cstring>
+
+#include "simulation/NoiseModel.h"
+#include "simulation/cameraPaths.h"
+#include "simulation/combinations.h"
+#include "simulation/primitives.h"
+#include "simulation/scenes.h"
+
+namespace VexelAlgorithm::Simulation {
+namespace {
+
+constexpr double kNaN = std::numeric_limits<double>::quiet_NaN();
+const CameraInParam kCamera(300, 310, 159.5, 117.25);
+
+bool same_bytes(const PointImage& a, const PointImage& b) {
+    const auto equal = [](const auto& left, const auto& right) {
+        return left.size() == right.size() &&
+               std::memcmp(left.data(), right.data(), left.size() * sizeof(left[0])) == 0;
+    };
+    return equal(a.get_vCoords(), b.get_vCoords()) && equal(a.get_vNrvs(), b.get_vNrvs()) &&
+           equal(a.get_vWeights(), b.get_vWeights());
+}
+
+template <class Call>
+std::string printed_by(const Call& call) {
+    testing::internal::CaptureStdout();
+    call();
+    return testing::internal::GetCapturedStdout();
+}
+
+bool is_one_line(const std::string& text) {
+    return text.size() > 10 && text.find('\n') == text.size() - 1;
+}
+
+/// A wall across the view at this depth.
+PointImage wall_frame(double depth, int size = 200) {
+    return render(*half_space({0, 0, depth}, {0, 0, -1}),
+                  CameraInParam(10.0 * size, 10.0 * size, 0.5 * size, 0.5 * size), size, size, {});
+}
+
+TEST(Render, SlotsHoldTheSurfaceSeenThroughTheirPixels) {
+    const ShapePtr scene = make_scene("owl_on_table");
+    const RigidMatrix pose = look_at({150, -300, 220}, owl_centre());
+    RenderSettings settings;
+    settings.viewRadial = {8, 5};
+    settings.sample = 2;
+    settings.farLimit = 450;
+    const PointImage frame = render(*scene, kCamera, 320, 240, pose, settings);
+    ASSERT_TRUE(frame.is_legal() && frame.is_enable_vNormal() && frame.is_enable_vWeight() && frame.is_enable_vFlag());
+    EXPECT_EQ(frame.get_sample(), 2);
+    EXPECT_TRUE(frame.get_rt().get_rotation().isIdentity());
+
+    int seen = 0;
+    for (int y = 0; y < 240; ++y)
+        for (int x = 0; x < 320; ++x) {
+            const std::size_t slot = frame.index_of(x, y);
+            const Vector3d pixelRay((x + 8 - kCamera.get_cx()) / kCamera.get_fx(),
+                                    (y + 5 - kCamera.get_cy()) / kCamera.get_fy(), 1);
+            const Ray ray{pose.get_translation(), pose.get_rotation() * pixelRay.normalized()};
+            const std::optional<Hit> truth = scene->hit(ray);
+            if (!frame.has_point(slot)) {
+                ASSERT_TRUE(!truth || truth->range * pixelRay.normalized().z() > 450 - 1e-3) << x << " " << y;
+                ASSERT_EQ(frame.get_vWeight(slot), 0.0f);
+                continue;
+            }
+            ++seen;
+            Vector2d pixel;
+            const Vector3d point = frame.get_vCoord(slot).cast<double>();
+            kCamera.point_to_image(point, pixel);
+            ASSERT_NEAR(pixel.x(), x + 8, 1e-3);
+            ASSERT_NEAR(pixel.y(), y + 5, 1e-3);
+            ASSERT_LE(point.z(), 450.001);
+            ASSERT_LT(std::abs(scene->distance(pose * point)), 1e-3);
+            const Vector3d normal = frame.get_vNrv(slot).cast<double>();
+            ASSERT_NEAR(normal.norm(), 1, 1e-6);
+            ASSERT_LE(normal.dot(point), 0) << "normals face the camera";
+            ASSERT_NEAR(frame.get_vWeight(slot), -normal.dot(point.normalized()), 1e-5);
+            const Vector3d gradient = scene->gradient(pose * point);
+            if (truth && std::abs(truth->range - point.norm()) < 1e-4 && (truth->normal - gradient).norm() < 0.01) {
+                ASSERT_GT((pose.get_rotation() * normal).dot(truth->normal), 1 - 1e-3) << x << " " << y;
+            }
+        }
+    EXPECT_GT(seen, 20000);
+    EXPECT_LT(seen, 320 * 240);
+    EXPECT_EQ(frame.count_vaildNum(), seen);
+}
+
+TEST(Render, FrameDoesNotDependOnThreads) {
+    const ShapePtr owl = owl_on_books();
+    const RigidMatrix pose = look_at({0, -400, 150}, owl_centre());
+    RenderSettings one, three;
+    one.threads = 1;
+    three.threads = 3;
+    PointImage a = render(*owl, kCamera, 160, 240, pose, one), b = render(*owl, kCamera, 160, 240, pose, three);
+    EXPECT_GT(a.count_vaildNum(), 3000);
+    EXPECT_TRUE(same_bytes(a, b));
+    const NoiseModel noise;
+    EXPECT_TRUE(apply_noise(a, noise, 7, 1));
+    EXPECT_TRUE(apply_noise(b, noise, 7, 3));
+    EXPECT_TRUE(same_bytes(a, b));
+}
+
+TEST(Render, InsideASolidItsInnerSurfaceIsSeen) {
+    const PointImage frame = render(*sphere({0, 0, 0}, 100), kCamera, 32, 24, {});
+    ASSERT_EQ(frame.count_vaildNum(), 32 * 24);
+    for (std::size_t slot = 0; slot < frame.get_vn(); ++slot) {
+        ASSERT_NEAR(frame.get_vCoord(slot).norm(), 100, 1e-4);
+        ASSERT_NEAR(frame.get_vWeight(slot), 1, 1e-6);
+        ASSERT_LT((frame.get_vNrv(slot) + frame.get_vCoord(slot) / 100).norm(), 1e-5);
+    }
+}
+
+TEST(Render, BadViewsGiveOneLineAndAnEmptyFrame) {
+    const ShapePtr ball = sphere({0, 0, 100}, 50);
+    const Matrix3d turned = Matrix3d::Identity();
+    RenderSettings noDepth, nanRadial;
+    noDepth.farLimit = kNaN;
+    nanRadial.viewRadial.x() = std::numeric_limits<float>::quiet_NaN();
+    const struct {
+        const char* what;
+        CameraInParam camera;
+        int width, height;
+        RigidMatrix pose;
+        RenderSettings settings;
+        std::size_t slots;
+    } cases[] = {
+        {"NaN rotation", kCamera, 8, 6, {Matrix3d::Constant(kNaN), Vector3d::Zero()}, {}, 48},
+        {"infinite translation", kCamera, 8, 6, {turned, {0, kNoLimit, 0}}, {}, 48},
+        {"scaled rotation", kCamera, 8, 6, {2 * turned, Vector3d::Zero()}, {}, 48},
+        {"mirror", kCamera, 8, 6, {-turned, Vector3d::Zero()}, {}, 48},
+        {"looking at where it stands", kCamera, 8, 6, look_at({1, 2, 3}, {1, 2, 3}), {}, 48},
+        {"far limit", kCamera, 8, 6, {}, noDepth, 48},
+        {"view radial", kCamera, 8, 6, {}, nanRadial, 0},
+        {"no focal length", CameraInParam(0, 300, 4, 3), 8, 6, {}, {}, 0},
+        {"NaN camera", CameraInParam(300, 300, kNaN, 3), 8, 6, {}, {}, 0},
+        {"no columns", kCamera, 0, 6, {}, {}, 0},
+        {"negative rows", kCamera, 8, -1, {}, {}, 0},
+        {"absurd size", kCamera, 2000000000, 2000000000, {}, {}, 0},
+    };
+    for (const auto& c : cases) {
+        PointImage frame;
+        const std::string text =
+            printed_by([&] { frame = render(*ball, c.camera, c.width, c.height, c.pose, c.settings); });
+        EXPECT_TRUE(is_one_line(text)) << c.what << ": " << text;
+        EXPECT_EQ(frame.get_vn(), c.slots) << c.what;
+        EXPECT_EQ(frame.count_vaildNum(), 0) << c.what;
+        EXPECT_TRUE(frame.is_enable_vNormal() && frame.is_enable_vWeight() && frame.is_enable_vFlag()) << c.what;
+    }
+    EXPECT_EQ(render(*nothing(), kCamera, 8, 6, {}).count_vaildNum(), 0);
+}
+
+struct Statistics {
+    double mean = 0.0;
+    double deviation = 0.0;
+    int count = 0;
+};
+
+Statistics depth_errors(const PointImage& truth, const PointImage& noisy) {
+    double sum = 0.0, squares = 0.0;
+    Statistics result;
+    for (std::size_t slot = 0; slot < truth.get_vn(); ++slot) {
+        if (!noisy.has_point(slot)) continue;
+        const double error = double{noisy.get_vCoord(slot).z()} - truth.get_vCoord(slot).z();
+        sum += error;
+        squares += error * error;
+        ++result.count;
+    }
+    result.mean = sum / result.count;
+    result.deviation = std::sqrt(squares / result.count - result.mean * result.mean);
+    return result;
+}
+
+TEST(Noise, StatisticsFollowTheModel) {
+    NoiseModel noise;
+    noise.depthStep = 0.0;
+    noise.dropFraction = 0.2;
+    for (const double depth : {200.0, 400.0, 1000.0}) {
+        const PointImage truth = wall_frame(depth);
+        PointImage noisy = truth;
+        ASSERT_TRUE(apply_noise(noisy, noise, 0));
+        const Statistics errors = depth_errors(truth, noisy);
+        const double sigma = 0.1 * (depth / 400) * (depth / 400);
+        EXPECT_NEAR(noise.sigma(depth, 1), sigma, 1e-12);
+        // Four standard errors of the mean, the deviation and the number of 40000 slots.
+        EXPECT_NEAR(errors.mean, 0, 4 * sigma / std::sqrt(errors.count));
+        EXPECT_NEAR(errors.deviation, sigma, 4 * sigma / std::sqrt(2.0 * errors.count) + 1e-3 * sigma);
+        EXPECT_NEAR(errors.count, 0.8 * 40000, 4 * std::sqrt(0.2 * 0.8 * 40000));
+    }
+    const double steep = noise.sigma(400, std::cos(1.0));
+    EXPECT_NEAR(steep, 0.1 * (1 + 0.5 * std::tan(1.0) * std::tan(1.0)), 1e-12);
+    EXPECT_TRUE(std::isfinite(noise.sigma(400, 0)));
+}
+
+TEST(Noise, SlotsAndFramesAndSeedsAreIndependent) {
+    NoiseModel noise;
+    noise.depthStep = 0.0;
+    noise.dropFraction = 0.0;
+    const PointImage truth = wall_frame(400);
+    const auto errors_of = [&](std::uint64_t seed, std::uint64_t frameNumber) {
+        PointImage noisy = truth;
+        noise.seed = seed;
+        apply_noise(noisy, noise, frameNumber);
+        std::vector<double> errors;
+        for (std::size_t slot = 0; slot < truth.get_vn(); ++slot)
+            errors.push_back((noisy.get_vCoord(slot).z() - truth.get_vCoord(slot).z()) / 0.1);
+        return errors;
+    };
+    const auto correlation = [](const std::vector<double>& a, const std::vector<double>& b, std::size_t lag) {
+        double sum = 0.0;
+        for (std::size_t i = lag; i < a.size(); ++i) sum += a[i] * b[i - lag];
+        return sum / static_cast<double>(a.size() - lag);
+    };
+    const auto errors = errors_of(1, 0);
+    const double limit = 4 / std::sqrt(40000.0);
+    EXPECT_EQ(errors, errors_of(1, 0));
+    for (const std::size_t lag : {1u, 2u, 200u}) EXPECT_LT(std::abs(correlation(errors, errors, lag)), limit) << lag;
+    EXPECT_LT(std::abs(correlation(errors, errors_of(1, 1), 0)), limit);
+    EXPECT_LT(std::abs(correlation(errors, errors_of(2, 0), 0)), limit);
+    EXPECT_LT(std::abs(correlation(errors, errors_of(0, 1), 0)), limit);
+}
+
+TEST(Noise, StepsAreEvenInDisparityAndPointsStayOnTheirPixels) {
+    NoiseModel noise;
+    noise.depthSigma = 0.0;
+    noise.depthStep = 0.5;
+    noise.dropFraction = 0.0;
+    noise.largestIncidence = 60.0;
+    const RigidMatrix pose;
+    const PointImage truth = render(*sphere({0, 0, 500}, 180), kCamera, 320, 240, pose);
+    PointImage noisy = truth;
+    ASSERT_TRUE(apply_noise(noisy, noise, 3));
+    for (std::size_t slot = 0; slot < truth.get_vn(); ++slot) {
+        if (!truth.has_point(slot)) {
+            ASSERT_FALSE(noisy.has_point(slot));
+            continue;
+        }
+        ASSERT_EQ(noisy.has_point(slot), truth.get_vWeight(slot) > 0.5f) << "lost beyond 60 degrees";
+        if (!noisy.has_point(slot)) continue;
+        const Vector3d point = noisy.get_vCoord(slot).cast<double>();
+        const double disparity = 400.0 * 400.0 / 0.5 / point.z();
+        ASSERT_NEAR(disparity, std::round(disparity), 1e-3);
+        ASSERT_LE(std::abs(point.z() - truth.get_vCoord(slot).z()), 0.51 * noise.step(point.z()));
+        ASSERT_LT(point.normalized().cross(truth.get_vCoord(slot).cast<double>().normalized()).norm(), 1e-6);
+        ASSERT_EQ(noisy.get_vNrv(slot), truth.get_vNrv(slot));
+    }
+}
+
+TEST(Noise, UnusableModelsLeaveTheFrameAsItIs) {
+    const PointImage truth = wall_frame(400, 8);
+    double NoiseModel::*const fields[] = {&NoiseModel::referenceDepth,   &NoiseModel::depthSigma,
+                                          &NoiseModel::depthStep,        &NoiseModel::tiltGain,
+                                          &NoiseModel::largestIncidence, &NoiseModel::dropFraction};
+    for (const auto field : fields)
+        for (const double value : {-1.0, kNaN, kNoLimit}) {
+            NoiseModel noise;
+            noise.*field = value;
+            PointImage frame = truth;
+            bool result = true;
+            EXPECT_TRUE(is_one_line(printed_by([&] { result = apply_noise(frame, noise, 0); })));
+            EXPECT_FALSE(result);
+            EXPECT_TRUE(same_bytes(frame, truth));
+        }
+    PointImage bare;
+    bare.ini(4, 4);
+    bare.disable_vNormal();
+    EXPECT_TRUE(is_one_line(printed_by([&] { EXPECT_FALSE(apply_noise(bare, {}, 0)); })));
+    PointImage all = truth;
+    NoiseModel blind;
+    blind.dropFraction = 1.0;
+    EXPECT_TRUE(apply_noise(all, blind, 0));
+    EXPECT_EQ(all.count_vaildNum(), 0);
+}
+
+TEST(CameraPaths, EveryPoseLooksAtTheTargetWithTheWorldUpwards) {
+    const Vector3d target(10, -20, 30);
+    Orbit orbit;
+    orbit.target = target;
+    orbit.endElevation = 70;
+    orbit.turns = 2;
+    std::vector<RigidMatrix> poses = orbit_poses(orbit, 24);
+    const std::vector<RigidMatrix> sphereViews = sphere_poses(target, 400, 101);
+    poses.insert(poses.end(), sphereViews.begin(), sphereViews.end());
+    poses.push_back(look_at(target + Vector3d(0, 0, 400), target));
+    poses.push_back(look_at(target - Vector3d(0, 0, 400), target));
+    ASSERT_EQ(poses.size(), 24u + 101u + 2u);
+    for (const RigidMatrix& pose : poses) {
+        ASSERT_TRUE(is_rigid(pose));
+        ASSERT_LT((pose.inverse() * target - Vector3d(0, 0, 400)).norm(), 1e-9);
+        ASSERT_NEAR(pose.get_rotation()(2, 0), 0, 1e-9) << "the horizon is level";
+        ASSERT_LE(pose.get_rotation()(2, 1), 1e-9) << "y points down";
+    }
+    EXPECT_LT(
+        (poses.front().get_translation() - (target + 400 * Vector3d(0, -std::cos(0.349065850), std::sin(0.349065850))))
+            .norm(),
+        1e-5);
+    EXPECT_TRUE(orbit_poses(orbit, 0).empty());
+    EXPECT_TRUE(sphere_poses(target, 400, -3).empty());
+    EXPECT_FALSE(look_at({kNaN, 0, 0}, target).is_finite());
+}
+
+TEST(CameraPaths, SphereViewsLeaveNoGap) {
+    const std::vector<RigidMatrix> poses = sphere_poses(Vector3d::Zero(), 1, 200);
+    // 200 even caps of radius r cover the sphere once when 1 - cos r = 1 / 100; a good lattice needs twice that radius
+    // at most.
+    const double limit = 2 * std::acos(1 - 0.01);
+    for (const RigidMatrix& gap : sphere_poses(Vector3d::Zero(), 1, 3001)) {
+        double nearest = kNoLimit;
+        for (const RigidMatrix& pose : poses)
+            nearest = std::min(nearest, (pose.get_translation() - gap.get_translation()).norm());
+        ASSERT_LT(nearest, limit);
+    }
+}
+
+}  // namespace
+}  // namespace VexelAlgorithm::Simulation

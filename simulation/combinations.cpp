@@ -5,6 +5,7 @@
 #include <array>
 
 #include "foundation/diagnostics.h"
+#include "simulation/marchSolid.h"
 #include "simulation/primitives.h"
 #include "simulation/rayMarch.h"
 
@@ -38,7 +39,7 @@ class SmoothUnion final : public Shape {
 public:
     SmoothUnion(std::vector<ShapePtr> shapes, double blend) : _shapes(std::move(shapes)), _blend(blend) {
         for (const ShapePtr& shape : _shapes) {
-            _reaches.push_back(shape->bounds().inflated(_blend));
+            _reaches.push_back(shape->bounds().inflated(_blend + kBoundsMargin));
             _bounds = _bounds.united(_reaches.back());
         }
     }
@@ -182,11 +183,7 @@ public:
     }
     Bounds bounds() const override { return _solid->bounds(); }
     std::optional<double> first_crossing(const Ray& ray, double farthest) const override {
-        RaySpan span = bounds().span(ray, std::min(farthest, kMarchHorizon));
-        span.begin = std::max(span.begin, kSelfHitRange);
-        if (span.empty()) return std::nullopt;
-        const auto field = [&](double t) { return distance(ray.at(t)); };
-        return march_to_crossing(field, span.begin, span.end, field(span.begin) < 0.0);
+        return march_solid(*this, ray, farthest);
     }
 
 private:

@@ -4,6 +4,7 @@
 #include <algorithm>
 
 #include "foundation/diagnostics.h"
+#include "simulation/marchSolid.h"
 #include "simulation/rayMarch.h"
 
 namespace VexelAlgorithm::Simulation {
@@ -19,14 +20,6 @@ std::optional<double> first_admissible(double nearer, double farther, double far
     for (const double t : {nearer, farther})
         if (t > kSelfHitRange && t <= farthest) return t;
     return std::nullopt;
-}
-
-std::optional<double> march_shape(const Shape& shape, const Ray& ray, double farthest) {
-    RaySpan span = shape.bounds().span(ray, std::min(farthest, kMarchHorizon));
-    span.begin = std::max(span.begin, kSelfHitRange);
-    if (span.empty()) return std::nullopt;
-    const auto field = [&](double t) { return shape.distance(ray.at(t)); };
-    return march_to_crossing(field, span.begin, span.end, field(span.begin) < 0.0);
 }
 
 class Nothing final : public Shape {
@@ -100,7 +93,7 @@ public:
     }
     Bounds bounds() const override { return Bounds{_centre - _core, _centre + _core}.inflated(_rounding); }
     std::optional<double> first_crossing(const Ray& ray, double farthest) const override {
-        if (_rounding > 0.0) return march_shape(*this, ray, farthest);
+        if (_rounding > 0.0) return march_solid(*this, ray, farthest);
         const Vector3d relative = ray.origin - _centre;
         RaySpan line{-kNoLimit, kNoLimit};
         for (int axis = 0; axis < 3; ++axis) {
@@ -143,7 +136,7 @@ public:
         return Bounds{_centre - half, _centre + half}.inflated(_tubeRadius);
     }
     std::optional<double> first_crossing(const Ray& ray, double farthest) const override {
-        return march_shape(*this, ray, farthest);
+        return march_solid(*this, ray, farthest);
     }
 
 private:
@@ -189,28 +182,30 @@ private:
     /// q_i = e_i y_i / (t + e_i^2) (Eberly, Distance from a Point to an Ellipse, an Ellipsoid, or a
     /// Hyperellipsoid). 1 / |q| is concave, so that Newton's method for 1 / |q| = 1 comes to the left of the
     /// root and never passes it again, and almost linear, so that few steps do (More and Sorensen, SIAM J.
-    /// Sci. Stat. Comput. 4, 1983).
+    /// Sci. Stat. Comput. 4, 1983). The unknown is t + min e_i^2, which keeps its digits next to the pole.
     Nearest nearest_to(const Vector3d& local) const {
-        // Off the planes of symmetry, where the root may leave the range of q; moves the result by less than 2e-11 mm.
+        // Off the planes of symmetry, where the root may be the pole itself; moves the result by at most 2e-11 mm.
         const Vector3d query = local.cwiseAbs().cwiseMax(1e-11);
         const Vector3d scaled = _halfAxes.cwiseProduct(query);
-        const double leftmost = std::max((scaled - _squares).maxCoeff(), scaled.norm() - _squares.maxCoeff());
-        double t = std::max(leftmost, 0.0);
+        const double surface = _squares.minCoeff();
+        const Vector3d excess = _squares.array() - surface;
+        const double leftmost = std::max((scaled - excess).maxCoeff(), scaled.norm() - excess.maxCoeff());
+        double u = std::max(leftmost, surface);
         for (int step = 0; step < 100; ++step) {
-            const Vector3d inverse = (_squares.array() + t).inverse();
+            const Vector3d inverse = (excess.array() + u).inverse();
             const Vector3d q = scaled.cwiseProduct(inverse);
             const Vector3d terms = q.cwiseProduct(q);
             const double sum = terms.sum();
             const double advance = sum * (std::sqrt(sum) - 1.0) / terms.dot(inverse);
-            t = std::max(t + advance, leftmost);
+            u = std::max(u + advance, leftmost);
             // Each step squares the error: 1e-8 now is 1e-16 after it.
             const bool settled = std::abs(advance) * inverse.maxCoeff() < 1e-8;
             if (settled || (step > 0 && advance <= 0.0)) break;
         }
-        Vector3d nearest = _squares.cwiseProduct(query).cwiseQuotient((_squares.array() + t).matrix());
+        Vector3d nearest = _squares.cwiseProduct(query).cwiseQuotient((excess.array() + u).matrix());
         for (int axis = 0; axis < 3; ++axis)
             if (local[axis] < 0.0) nearest[axis] = -nearest[axis];
-        return {nearest, t < 0.0};
+        return {nearest, u < surface};
     }
 
     Vector3d _centre;
@@ -247,7 +242,7 @@ public:
         return Bounds{_from, _from}.inflated(_radiusFrom).united(Bounds{_to, _to}.inflated(_radiusTo));
     }
     std::optional<double> first_crossing(const Ray& ray, double farthest) const override {
-        return march_shape(*this, ray, farthest);
+        return march_solid(*this, ray, farthest);
     }
 
 private:

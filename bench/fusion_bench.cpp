@@ -2,13 +2,16 @@
 #include <benchmark/benchmark.h>
 
 #include <algorithm>
-#include <chrono>
 #include <cstdio>
-#include <ctime>
 #include <string>
 
+#include "bench/Stopwatch.h"
 #include "bench/benchData.h"
 #include "fusion/rayCast.h"
+
+#ifdef VEXEL_BENCH_KINFU
+#    include "bench/kinfuVolumes.h"
+#endif
 
 namespace {
 
@@ -20,23 +23,11 @@ constexpr float IntervalFactor = 3.0f;
 
 using SequenceSource = const Sequence* (*)();
 
-// Seconds since its construction: of the clock on the wall, and of processor time of all threads (where std::clock
-// counts that), which a busy machine spoils less.
-class Stopwatch {
-public:
-    double seconds() const { return std::chrono::duration<double>(Clock::now() - _start).count(); }
-    double cpu_seconds() const { return static_cast<double>(std::clock() - _cpuStart) / CLOCKS_PER_SEC; }
-
-private:
-    using Clock = std::chrono::steady_clock;
-    Clock::time_point _start = Clock::now();
-    std::clock_t _cpuStart = std::clock();
-};
-
 // ---- integration ------------------------------------------------------------------------------------
 
 struct IntegrationTime {
-    double total = 0.0, slowest = 0.0, cpu = 0.0;  // s
+    TimeSum all;
+    double slowest = 0.0;  // s
 };
 
 IntegrationTime integrate_all(Volume& volume, const Sequence& sequence, Fusion::ChangedLeaves& changed) {
@@ -44,10 +35,9 @@ IntegrationTime integrate_all(Volume& volume, const Sequence& sequence, Fusion::
     for (const PosedFrame& posed : sequence.frames) {
         const Stopwatch watch;
         integrate(volume, posed, changed);
-        const double seconds = watch.seconds();
-        time.cpu += watch.cpu_seconds();
-        time.total += seconds;
-        time.slowest = std::max(time.slowest, seconds);
+        const TimeSum frame = watch.sum();
+        time.all += frame;
+        time.slowest = std::max(time.slowest, frame.wall);
     }
     return time;
 }
@@ -69,17 +59,16 @@ void integration(benchmark::State& state, SequenceSource source, int threads) {
     const Sequence* sequence = source();
     if (sequence == nullptr) return state.SkipWithError("no frames");
 
-    double slowest = 0.0, total = 0.0, cpu = 0.0;
+    IntegrationTime time;
     bool reported = false;
     for (auto _ : state) {
         const std::int64_t before = resident_bytes();
         Fusion::ChangedLeaves changed;
         const auto volume = empty_volume(*sequence, threads);
-        const IntegrationTime time = integrate_all(*volume, *sequence, changed);
-        state.SetIterationTime(time.total);
-        slowest = std::max(slowest, time.slowest);
-        total += time.total;
-        cpu += time.cpu;
+        const IntegrationTime run = integrate_all(*volume, *sequence, changed);
+        state.SetIterationTime(run.all.wall);
+        time.all += run.all;
+        time.slowest = std::max(time.slowest, run.slowest);
         if (!reported) {
             const auto changedBytes = static_cast<std::int64_t>(changed.size() * sizeof(int));
             report_volume(state, *volume, resident_bytes() - before - changedBytes);
@@ -87,9 +76,9 @@ void integration(benchmark::State& state, SequenceSource source, int threads) {
         }
     }
     const double frames = static_cast<double>(sequence->frames.size()) * static_cast<double>(state.iterations());
-    state.counters["ms/frame"] = total / Milli / frames;
-    state.counters["cpu_ms/frame"] = cpu / Milli / frames;
-    state.counters["slowestFrame_ms"] = slowest / Milli;
+    state.counters["ms/frame"] = time.all.wall / Milli / frames;
+    state.counters["cpu_ms/frame"] = time.all.cpu / Milli / frames;
+    state.counters["slowestFrame_ms"] = time.slowest / Milli;
     state.counters["points/s"] =
         benchmark::Counter(static_cast<double>(sequence->pointCount), benchmark::Counter::kIsIterationInvariantRate);
 }
@@ -105,17 +94,18 @@ void extraction(benchmark::State& state, SequenceSource source, Extract extract,
     volume.reset_code_Num(threads);
 
     std::size_t triangles = 0;
-    double cpu = 0.0;
+    TimeSum time;
     for (auto _ : state) {
         BaseTriMesh mesh;
         std::vector<int> vertexAxis;
         const Stopwatch watch;
         (volume.*extract)(0.0f, mesh, vertexAxis, false);
-        state.SetIterationTime(watch.seconds());
-        cpu += watch.cpu_seconds();
+        const TimeSum run = watch.sum();
+        state.SetIterationTime(run.wall);
+        time += run;
         triangles = mesh.get_fn();
     }
-    state.counters["cpu_ms"] = cpu / Milli / static_cast<double>(state.iterations());
+    state.counters["cpu_ms"] = time.cpu / Milli / static_cast<double>(state.iterations());
     state.counters["triangles"] = static_cast<double>(triangles);
     state.counters["triangles/s"] =
         benchmark::Counter(static_cast<double>(triangles), benchmark::Counter::kIsIterationInvariantRate);
@@ -143,28 +133,27 @@ void raycast(benchmark::State& state, SequenceSource source, bool guided, Normal
     settings.distance = settings.fromImage ? 10.0f : 0.0f;
 
     PointImage view;
-    double normalSeconds = 0.0, cpu = 0.0;
+    TimeSum time, normalTime;
     for (auto _ : state) {
         view = empty_view(posed.frame);
         const Stopwatch watch;
         rayCast(volume, posed.frame, posed.cameraToModel, view, guided, sequence->nearFar, settings, IntervalFactor);
-        double seconds = watch.seconds();
-        cpu += watch.cpu_seconds();
+        TimeSum run = watch.sum();
         if (normals == Normals::TimedApart) {
             const Stopwatch normalWatch;
             view.update_VNrv(settings.step, settings.step + 1, settings.distance);
-            const double again = normalWatch.seconds();
-            normalSeconds += again;
-            cpu -= normalWatch.cpu_seconds();
-            seconds = std::max(seconds - again, 0.0);
+            const TimeSum again = normalWatch.sum();
+            normalTime += again;
+            run -= again;
         }
-        state.SetIterationTime(seconds);
+        state.SetIterationTime(std::max(run.wall, 0.0));
+        time += run;
     }
-    state.counters["cpu_ms"] = cpu / Milli / static_cast<double>(state.iterations());
+    state.counters["cpu_ms"] = time.cpu / Milli / static_cast<double>(state.iterations());
     state.counters["rays/s"] =
         benchmark::Counter(static_cast<double>(view.get_vn()), benchmark::Counter::kIsIterationInvariantRate);
     if (normals == Normals::TimedApart) {
-        state.counters["normals_ms"] = normalSeconds / Milli / static_cast<double>(state.iterations());
+        state.counters["normals_ms"] = normalTime.wall / Milli / static_cast<double>(state.iterations());
     }
     state.counters["hits"] = view.count_vaildNum();
     view.to_ori_coor();
@@ -201,6 +190,9 @@ int main(int argc, char** argv) {
     if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
     if (has_recordings()) {
         add_sequence("office", office_recording);
+#ifdef VEXEL_BENCH_KINFU
+        add_kinfu_volumes("office", office_recording);
+#endif
     } else {
         std::fprintf(stderr,
                      "Benchmarks on real frames are left out: VEXEL_RECORDINGS names no folder with office_depth.\n");

@@ -87,8 +87,7 @@ void island_3_500(benchmark::State& state) {
     time_on_copies(state, [](PointImage& frame) { frame.delete_island(3, 1.0f, 500); });
 }
 void island_through_depth_3_500(benchmark::State& state) {
-    time_on_copies(state,
-                   [](PointImage& frame) { frame.delete_island_through_depth(3, 1.0f, 500, Vector3f::Zero()); });
+    time_on_copies(state, [](PointImage& frame) { frame.delete_island_through_depth(3, 1.0f, 500, Vector3f::Zero()); });
 }
 void plane_02_16(benchmark::State& state) {
     for (auto _ : state) {

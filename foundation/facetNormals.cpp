@@ -15,7 +15,7 @@
 #include <hwy/highway.h>
 
 #ifndef VEXEL_FACET_GRID_DEFINED
-#define VEXEL_FACET_GRID_DEFINED
+#    define VEXEL_FACET_GRID_DEFINED
 namespace VexelAlgorithm {
 
 /// One call's input and output, xyz interleaved.
@@ -112,7 +112,9 @@ HWY_INLINE Vec3 add(const Vec3& a, const Vec3& b) {
 HWY_INLINE Vec3 subtract(const Vec3& a, const Vec3& b) {
     return {hn::Sub(a.x, b.x), hn::Sub(a.y, b.y), hn::Sub(a.z, b.z)};
 }
-HWY_INLINE Vec3 scale(FloatVec s, const Vec3& a) { return {hn::Mul(s, a.x), hn::Mul(s, a.y), hn::Mul(s, a.z)}; }
+HWY_INLINE Vec3 scale(FloatVec s, const Vec3& a) {
+    return {hn::Mul(s, a.x), hn::Mul(s, a.y), hn::Mul(s, a.z)};
+}
 HWY_INLINE FloatVec dot(const Vec3& a, const Vec3& b) {
     return hn::Add(hn::Add(hn::Mul(a.x, b.x), hn::Mul(a.y, b.y)), hn::Mul(a.z, b.z));
 }
@@ -192,8 +194,7 @@ HWY_INLINE Vec3 facet_normal(const FacetSums& s, const Vec3& toCamera) {
     const FloatVec varJ = hn::Sub(hn::Mul(s.n, s.jj), hn::Mul(s.j, s.j));
     const FloatVec covIJ = hn::Sub(hn::Mul(s.n, s.ij), hn::Mul(s.i, s.j));
     const FloatVec varProduct = hn::Mul(varI, varJ);
-    const auto spansPixels =
-        hn::Gt(hn::Sub(varProduct, hn::Mul(covIJ, covIJ)), hn::Mul(hn::Set(d, 1e-4f), varProduct));
+    const auto spansPixels = hn::Gt(hn::Sub(varProduct, hn::Mul(covIJ, covIJ)), hn::Mul(hn::Set(d, 1e-4f), varProduct));
 
     const FloatVec perPoint = hn::Div(hn::Set(d, 1.0f), s.n);
     const FloatVec meanI = hn::Mul(s.i, perPoint);

@@ -123,8 +123,8 @@ private:
             std::vector<std::size_t> sides;
             for_points(begin, end, [&](std::size_t slot, int x, int y) {
                 if (_links[slot] == (LinkedInRow | LinkedInColumn)) return;
-                for (const std::size_t before : {jump_before(slot, x, _row, LinkedInRow),
-                                                 jump_before(slot, y, _column, LinkedInColumn)}) {
+                for (const std::size_t before :
+                     {jump_before(slot, x, _row, LinkedInRow), jump_before(slot, y, _column, LinkedInColumn)}) {
                     if (before == slot) continue;
                     _edges[slot] = 1;
                     sides.push_back(before);
@@ -198,12 +198,12 @@ private:
         });
     }
 
-    /// Dilates the edges by a square of 2 radius + 1 slots: a reach of k becomes k + step, step <= 2 k + 1, by the
-    /// union of three copies that are a step apart.
+    /// Dilates the edges by a square of 2 radius + 1 slots: a reach of k becomes k + step by the union of three copies
+    /// that are a step apart. Steps up to k + 1 leave no gap, even where a copy is cut off at the border.
     void dilate(int radius) {
         const std::size_t target = static_cast<std::size_t>(radius);
         for (std::size_t reach = 0; reach < target;) {
-            const std::size_t step = std::min(2 * reach + 1, target - reach);
+            const std::size_t step = std::min(reach + 1, target - reach);
             for_row_ranges([&](std::size_t begin, std::size_t end) {
                 for (std::size_t y = begin; y < end; ++y) unite_along_row(y, step);
             });

@@ -75,10 +75,12 @@ private:
         const int columns = (_width + BlockSide - 1) / BlockSide;
         const std::vector<std::int32_t> largest = largest_around_blocks(band, columns);
         for (int y = band.top; y < band.bottom; ++y) {
-            const std::int32_t* rowLargest = largest.data() + static_cast<std::ptrdiff_t>((y - band.top) / BlockSide) * columns;
+            const std::int32_t* rowLargest =
+                largest.data() + static_cast<std::ptrdiff_t>((y - band.top) / BlockSide) * columns;
             for (int x = 0; x < _width; ++x) {
                 const std::int32_t label = _regions.label_of(slot_at(x, y));
-                if (label != SlotRegions::None && label != rowLargest[x / BlockSide]) join_neighbours(x, y, label, band);
+                if (label != SlotRegions::None && label != rowLargest[x / BlockSide])
+                    join_neighbours(x, y, label, band);
             }
         }
     }
@@ -92,7 +94,8 @@ private:
             for (int nx = std::max(x - _radius, 0); nx <= right; ++nx) {
                 const std::size_t neighbour = slot_at(nx, ny);
                 const std::int32_t other = _regions.label_of(neighbour);
-                if (other == label || other == joined || other == SlotRegions::None || !_near(slot, neighbour)) continue;
+                if (other == label || other == joined || other == SlotRegions::None || !_near(slot, neighbour))
+                    continue;
                 _regions.unite(label, other);
                 joined = other;
             }
@@ -105,7 +108,8 @@ private:
         std::vector<std::int32_t> inBlock(static_cast<std::size_t>(columns) * static_cast<std::size_t>(rows),
                                           SlotRegions::None);
         for (int y = band.top; y < band.bottom; ++y) {
-            std::int32_t* rowBlocks = inBlock.data() + static_cast<std::ptrdiff_t>((y - band.top) / BlockSide) * columns;
+            std::int32_t* rowBlocks =
+                inBlock.data() + static_cast<std::ptrdiff_t>((y - band.top) / BlockSide) * columns;
             for (int x = 0; x < _width; ++x) keep_larger(rowBlocks[x / BlockSide], _regions.label_of(slot_at(x, y)));
         }
         const int reach = (_radius + BlockSide - 1) / BlockSide;
@@ -115,7 +119,8 @@ private:
             for (int c = 0; c < columns; ++c) {
                 const std::size_t begin = static_cast<std::size_t>(row) * static_cast<std::size_t>(columns);
                 for (int n = std::max(c - reach, 0); n <= std::min(c + reach, columns - 1); ++n)
-                    keep_larger(alongRows[begin + static_cast<std::size_t>(c)], inBlock[begin + static_cast<std::size_t>(n)]);
+                    keep_larger(alongRows[begin + static_cast<std::size_t>(c)],
+                                inBlock[begin + static_cast<std::size_t>(n)]);
             }
         }
         for (int row = 0; row < rows; ++row) {

@@ -9,7 +9,9 @@ namespace {
 
 constexpr std::size_t SlotsPerTask = 1 << 15;
 
-int steps_within(int window, int step) { return std::clamp(window / step, 1, MaxFacetSteps); }
+int steps_within(int window, int step) {
+    return std::clamp(window / step, 1, MaxFacetSteps);
+}
 
 Vector3f camera_position(const RigidMatrix& pose) {
     return pose.is_finite() ? Vector3f(pose.get_translation().cast<float>()) : Vector3f(Vector3f::Zero());
@@ -18,8 +20,8 @@ Vector3f camera_position(const RigidMatrix& pose) {
 }  // namespace
 
 void PointImage::count_point_normal(int stepX, int stepY, int windowX, int windowY, float distanceLimit) {
-    enable_vNormal();
     if (!is_legal()) return;
+    enable_vNormal();
     FacetWindow window;
     window.stepX = std::max(stepX, 1);
     window.stepY = std::max(stepY, 1);

@@ -218,9 +218,8 @@ std::int64_t most_inliers(const Samples& samples, double distance, int threads) 
     parallel_ranges(threads, promising.size(), 1, [&](std::size_t begin, std::size_t end) {
         for (std::size_t i = begin; i < end; ++i) refine(samples, distance, stride, candidates[promising[i]]);
     });
-    const auto best = std::max_element(candidates.begin(), candidates.end(), [](const Candidate& a, const Candidate& b) {
-        return a.inliers < b.inliers;
-    });
+    const auto best = std::max_element(candidates.begin(), candidates.end(),
+                                       [](const Candidate& a, const Candidate& b) { return a.inliers < b.inliers; });
     return best == candidates.end() ? 0 : count_inliers(samples, best->plane, distance, 1);
 }
 
@@ -232,8 +231,7 @@ void PointImage::plane_detect(float& planeRatio, float distance, int step) const
     const Samples samples = take_samples(*this, static_cast<std::size_t>(std::max(step, 1)));
     if (samples.size() < 3) return;
     // Any three points have a common plane, whatever the rounding of a distance of 0 says.
-    const std::int64_t inliers =
-        std::max<std::int64_t>(most_inliers(samples, distance, default_thread_number()), 3);
+    const std::int64_t inliers = std::max<std::int64_t>(most_inliers(samples, distance, default_thread_number()), 3);
     planeRatio = static_cast<float>(static_cast<double>(inliers) / static_cast<double>(samples.size()));
 }
 

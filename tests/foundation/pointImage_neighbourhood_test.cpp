@@ -1,0 +1,728 @@
+// The neighbourhood operations of PointImage against plain references and analytic surfaces.
+#include <gtest/gtest.h>
+#include <tbb/task_arena.h>
+
+#include <Eigen/Geometry>
+#include <cmath>
+#include <cstring>
+#include <functional>
+#include <limits>
+#include <random>
+#include <set>
+#include <vector>
+
+#include "foundation/PointImage.h"
+
+using namespace VexelAlgorithm;
+
+namespace {
+
+constexpr float Inf = std::numeric_limits<float>::infinity();
+const float NaN = std::numeric_limits<float>::quiet_NaN();
+constexpr double Focal = 1500.0;  // 0.27 mm from slot to slot at a depth of 400 mm
+constexpr double Degree = 3.14159265358979323846 / 180.0;
+
+using Size = std::pair<int, int>;
+const std::vector<Size> oddSizes = {{0, 0}, {1, 1}, {1, 40}, {40, 1}, {2, 2}, {37, 23}, {23, 37}, {19, 300}};
+
+PointImage make_image(Size size) {
+    PointImage image;
+    image.ini(size.first, size.second);
+    image.enable_vNormal();
+    image.enable_vFlag();
+    image.enable_vWeight();
+    image.enable_vColor();
+    for (std::size_t i = 0; i < image.get_vn(); ++i) {
+        image.set_vWeight(i, 1.0f);
+        image.set_vColor(i, Vector3f::Ones());
+        image.get_vFlag(i).set(VertexFlag::Locked, true);
+    }
+    return image;
+}
+
+/// Patches of different depth with steps that are multiples of 0.25 mm, so that limits are met exactly; holes, and
+/// slots that are not finite.
+PointImage make_patchwork(Size size, unsigned seed) {
+    PointImage image = make_image(size);
+    std::mt19937 random(seed);
+    for (int y = 0; y < size.second; ++y) {
+        for (int x = 0; x < size.first; ++x) {
+            const unsigned kind = random() % 100;
+            if (kind < 20) continue;
+            float depth =
+                400.0f + 0.25f * static_cast<float>(random() % 3) + 0.5f * static_cast<float>((x / 7 + y / 5) % 3);
+            if (kind < 30) depth += static_cast<float>(random() % 8);
+            image.set_point(x, y, Vector3f(0.25f * static_cast<float>(x), 0.25f * static_cast<float>(y), depth));
+            if (kind == 30) image.set_point(x, y, Vector3f(1.0f, NaN, depth));
+            if (kind == 31) image.set_point(x, y, Vector3f(1.0f, 1.0f, Inf));
+        }
+    }
+    return image;
+}
+
+/// A surface z(ray direction) seen by a pinhole camera; depths of 0 leave a slot empty.
+PointImage render(Size size, const std::function<double(const Vector3d&)>& depthAlong, double noise = 0.0) {
+    PointImage image = make_image(size);
+    std::mt19937 random(7);
+    std::normal_distribution<double> error(0.0, 1.0);
+    for (int y = 0; y < size.second; ++y) {
+        for (int x = 0; x < size.first; ++x) {
+            const Vector3d ray((x - size.first / 2) / Focal, (y - size.second / 2) / Focal, 1.0);
+            const double depth = depthAlong(ray);
+            if (depth > 0.0) image.set_point(x, y, ((depth + noise * error(random)) * ray).cast<float>());
+        }
+    }
+    return image;
+}
+
+/// n . p = offset
+std::function<double(const Vector3d&)> plane_depth(const Vector3d& normal, double offset) {
+    return [=](const Vector3d& ray) { return offset / normal.dot(ray); };
+}
+
+Vector3d tilted_normal(double degrees) {
+    const double angle = degrees * Degree;
+    return Vector3d(0.6 * std::sin(angle), 0.8 * std::sin(angle), -std::cos(angle));
+}
+
+/// Quarter turns and whole millimetres are exact in floating point.
+RigidMatrix exact_pose() {
+    Matrix3d turn;
+    turn << 0, 0, 1, 1, 0, 0, 0, 1, 0;
+    return RigidMatrix(turn, Vector3d(100.0, -50.0, 25.0));
+}
+
+double angle_between(const Vector3d& a, const Vector3d& b) {
+    return std::atan2(a.cross(b).norm(), a.dot(b)) / Degree;
+}
+
+std::size_t count_flag(const PointImage& image, std::uint8_t flag) {
+    std::size_t count = 0;
+    for (std::size_t i = 0; i < image.get_vn(); ++i) count += image.get_vFlag(i).test(flag) ? 1 : 0;
+    return count;
+}
+
+bool is_slot_empty(const PointImage& image, std::size_t i) {
+    return image.get_vNrv(i).isZero(0.0f) && image.get_vColor(i).isZero(0.0f) && image.get_vWeight(i) == 0.0f &&
+           image.get_vFlag(i).bits == 0;
+}
+
+/// Byte for byte, NaN included.
+bool is_same(const PointImage& a, const PointImage& b) {
+    const auto same = [](const auto& u, const auto& v) {
+        return u.size() == v.size() && (u.empty() || std::memcmp(u.data(), v.data(), u.size() * sizeof(u[0])) == 0);
+    };
+    bool isSame = same(a.get_vCoords(), b.get_vCoords()) && same(a.get_vNrvs(), b.get_vNrvs()) &&
+                  same(a.get_vWeights(), b.get_vWeights());
+    for (std::size_t i = 0; isSame && i < a.get_vn(); ++i) isSame = a.get_vFlag(i).bits == b.get_vFlag(i).bits;
+    return isSame;
+}
+
+// ---- normals ------------------------------------------------------------------------------------------
+
+struct NormalParameters {
+    int stepX, stepY, windowX, windowY;
+    float limit;
+};
+
+Vector3d reference_normal(const PointImage& image, int x, int y, const NormalParameters& p) {
+    const int stepX = std::max(p.stepX, 1);
+    const int stepY = std::max(p.stepY, 1);
+    const int countX = std::clamp(p.windowX / stepX, 1, 16);
+    const int countY = std::clamp(p.windowY / stepY, 1, 16);
+    if (!image.has_point(image.index_of(x, y))) return Vector3d::Zero();
+    const Vector3d centre = image.get_point(x, y).cast<double>();
+    std::vector<Vector3d> points;
+    std::vector<Vector2d> offsets;
+    for (int j = -countY; j <= countY; ++j) {
+        for (int i = -countX; i <= countX; ++i) {
+            const std::int64_t nx = x + static_cast<std::int64_t>(i) * stepX;
+            const std::int64_t ny = y + static_cast<std::int64_t>(j) * stepY;
+            if (nx < 0 || ny < 0 || nx >= image.get_image_width() || ny >= image.get_image_height()) continue;
+            const std::size_t slot = image.index_of(static_cast<int>(nx), static_cast<int>(ny));
+            const Vector3d point = image.get_vCoord(slot).cast<double>();
+            if (!image.has_point(slot) || !((point - centre).norm() <= static_cast<double>(p.limit))) continue;
+            points.push_back(point);
+            offsets.emplace_back(i, j);
+        }
+    }
+    if (points.empty()) return Vector3d::Zero();
+    Vector3d meanPoint = Vector3d::Zero();
+    Vector2d meanOffset = Vector2d::Zero();
+    for (std::size_t k = 0; k < points.size(); ++k) {
+        meanPoint += points[k] / static_cast<double>(points.size());
+        meanOffset += offsets[k] / static_cast<double>(points.size());
+    }
+    Eigen::Matrix2d normalEquations = Eigen::Matrix2d::Zero();
+    Eigen::Matrix<double, 2, 3> right = Eigen::Matrix<double, 2, 3>::Zero();
+    for (std::size_t k = 0; k < points.size(); ++k) {
+        const Vector2d offset = offsets[k] - meanOffset;
+        normalEquations += offset * offset.transpose();
+        right += offset * (points[k] - meanPoint).transpose();
+    }
+    if (normalEquations.determinant() <= 1e-4 * normalEquations(0, 0) * normalEquations(1, 1)) return Vector3d::Zero();
+    const Eigen::Matrix<double, 2, 3> tangents = normalEquations.inverse() * right;
+    Vector3d normal = Vector3d(tangents.row(0)).cross(Vector3d(tangents.row(1)));
+    if (normal.norm() <= 1e-5 * tangents.row(0).norm() * tangents.row(1).norm()) return Vector3d::Zero();
+    normal.normalize();
+    return normal.dot(image.get_rt().get_translation() - centre) < 0.0 ? Vector3d(-normal) : normal;
+}
+
+TEST(PointImageNormals, AreThoseOfTheReference) {
+    const NormalParameters table[] = {{1, 1, 2, 2, 2.0f},
+                                      {1, 1, 1, 1, 0.5f},
+                                      {2, 3, 5, 7, 3.0f},
+                                      {2, 2, 3, 3, Inf},
+                                      {0, -5, -1, 0, 1.0f},
+                                      {3, 1, 1 << 30, 1, Inf},
+                                      {1 << 30, 1, 1 << 30, 1 << 30, Inf},
+                                      {1, 1, 2, 2, 0.0f}};
+    for (const Size& size : oddSizes) {
+        PointImage image = make_patchwork(size, 3);
+        for (const NormalParameters& p : table) {
+            image.count_point_normal(p.stepX, p.stepY, p.windowX, p.windowY, p.limit);
+            for (int y = 0; y < size.second; ++y) {
+                for (int x = 0; x < size.first; ++x) {
+                    const Vector3d expected = reference_normal(image, x, y, p);
+                    const Vector3d normal = image.get_normal(x, y).cast<double>();
+                    ASSERT_LT((normal - expected).norm(), 2e-3)
+                        << size.first << " x " << size.second << " window " << p.windowX << " at " << x << ", " << y;
+                }
+            }
+        }
+    }
+}
+
+TEST(PointImageNormals, LimitsThatAdmitNothingGiveNone) {
+    for (const float limit : {-1.0f, NaN, -Inf}) {
+        PointImage image = render({21, 13}, plane_depth(tilted_normal(20), -400.0));
+        image.update_VNrv(1, 2, 2.0f);
+        ASSERT_FALSE(image.get_normal(10, 6).isZero());
+        image.update_VNrv(1, 2, limit);
+        for (const Vector3f& normal : image.get_vNrvs()) ASSERT_TRUE(normal.isZero(0.0f));
+    }
+}
+
+struct SurfaceCase {
+    const char* name;
+    double tilt, noise, meanError, maxError;  ///< degrees, mm
+};
+
+TEST(PointImageNormals, MeetObliquePlanesWithAndWithoutNoise) {
+    const SurfaceCase table[] = {{"frontal", 0, 0, 0.001, 0.01},
+                                 {"oblique", 45, 0, 0.001, 0.01},
+                                 {"grazing", 70, 0, 0.001, 0.01},
+                                 {"frontal, noise", 0, 0.02, 0.85, 4},
+                                 {"oblique, noise", 45, 0.02, 0.55, 3}};
+    for (const SurfaceCase& surface : table) {
+        const Vector3d normal = tilted_normal(surface.tilt);
+        PointImage image = render({151, 101}, plane_depth(normal, 400.0 * normal.z()), surface.noise);
+        image.count_point_normal(1, 1, 2, 2, 3.0f);
+        double sum = 0.0;
+        double worst = 0.0;
+        for (const Vector3f& found : image.get_vNrvs()) {
+            const double error = angle_between(found.cast<double>(), normal);
+            sum += error;
+            worst = std::max(worst, error);
+        }
+        EXPECT_LT(sum / static_cast<double>(image.get_vn()), surface.meanError) << surface.name;
+        EXPECT_LT(worst, surface.maxError) << surface.name;
+    }
+}
+
+TEST(PointImageNormals, MeetASphereAndKeepOffDepthSteps) {
+    const Vector3d centre(0.0, 0.0, 440.0);
+    const double radius = 40.0;
+    PointImage ball = render({301, 301}, [&](const Vector3d& ray) {
+        const double b = ray.dot(centre);
+        const double root = b * b - ray.squaredNorm() * (centre.squaredNorm() - radius * radius);
+        return root > 0.0 ? (b - std::sqrt(root)) / ray.squaredNorm() : 0.0;
+    });
+    ball.update_VNrv(1, 2, 1.5f);
+    double sum = 0.0;
+    int count = 0;
+    for (std::size_t i = 0; i < ball.get_vn(); ++i) {
+        if (!ball.has_point(i)) continue;
+        const Vector3d truth = (ball.get_vCoord(i).cast<double>() - centre) / radius;
+        if (truth.dot(-ball.get_vCoord(i).cast<double>().normalized()) < std::cos(75 * Degree)) continue;
+        const double error = angle_between(ball.get_vNrv(i).cast<double>(), truth);
+        sum += error;
+        ++count;
+        ASSERT_LT(error, 1.5);
+    }
+    ASSERT_GT(count, 50000);
+    EXPECT_LT(sum / count, 0.06);
+
+    const Vector3d normal = tilted_normal(30);
+    const auto nearDepth = plane_depth(normal, 400.0 * normal.z());
+    const auto farDepth = plane_depth(normal, 404.0 * normal.z());
+    PointImage steps = render({97, 61}, [&](const Vector3d& ray) {
+        return static_cast<int>(std::floor(ray.x() * Focal / 9.0 + 100.0)) % 2 == 0 ? nearDepth(ray) : farDepth(ray);
+    });
+    steps.update_VNrv(1, 2, 1.5f);
+    for (const Vector3f& found : steps.get_vNrvs()) ASSERT_LT(angle_between(found.cast<double>(), normal), 0.01);
+}
+
+TEST(PointImageNormals, FaceTheCameraWhereverTheFrameWasMoved) {
+    PointImage image = render({64, 48}, plane_depth(tilted_normal(35), 400.0 * tilted_normal(35).z()), 0.02);
+    PointImage moved = image;
+    image.update_VNrv(1, 2, 2.0f);
+    Matrix3d rotation;
+    rodrigures(Vector3d(0.3, 2.0, -1.0), rotation);
+    const RigidMatrix pose(rotation, Vector3d(150.0, -900.0, 30.0));
+    moved.rigid_transformation(pose);
+    moved.update_VNrv(1, 2, 2.0f);
+    for (std::size_t i = 0; i < image.get_vn(); ++i) {
+        ASSERT_GT(image.get_vNrv(i).dot(-image.get_vCoord(i)), 0.0f);
+        // Far from the origin a float coordinate is worth 6e-5 mm.
+        ASSERT_LT((moved.get_vNrv(i) - pose.transform_normal(image.get_vNrv(i))).norm(), 2e-3f);
+    }
+    image.set_rt(RigidMatrix(Matrix3d::Identity(), Vector3d(0.0, 0.0, 5000.0)));
+    image.update_VNrv(1, 2, 2.0f);
+    for (const Vector3f& normal : image.get_vNrvs()) ASSERT_GT(normal.z(), 0.0f);
+    image.set_rt(RigidMatrix(Matrix3d::Constant(NaN), Vector3d::Constant(NaN)));
+    image.update_VNrv(1, 2, 2.0f);
+    for (const Vector3f& normal : image.get_vNrvs()) ASSERT_LT(normal.z(), 0.0f);
+}
+
+// ---- deletions by attribute ---------------------------------------------------------------------------
+
+TEST(PointImageDeletion, EmptiesSlotsWithoutNormal) {
+    PointImage image = make_patchwork({9, 5}, 1);
+    const PointImage before = image;
+    const Vector3f normals[] = {Vector3f(0, 0, -1), Vector3f::Zero(), Vector3f(NaN, 0, 1), Vector3f(0, -0.0f, 0),
+                                Vector3f(0, Inf, 0)};
+    for (std::size_t i = 0; i < image.get_vn(); ++i) image.set_vNrv(i, normals[i % 5]);
+    image.delete_point_without_normal();
+    for (std::size_t i = 0; i < image.get_vn(); ++i) {
+        if (i % 5 == 0) {
+            EXPECT_EQ(0, std::memcmp(&image.get_vCoord(i), &before.get_vCoord(i), sizeof(Vector3f)));
+            EXPECT_EQ(image.get_vWeight(i), 1.0f);
+        } else {
+            EXPECT_TRUE(image.get_vCoord(i).isZero(0.0f) && is_slot_empty(image, i)) << i;
+        }
+    }
+    PointImage plain = before;
+    plain.disable_vNormal();
+    PointImage untouched = plain;
+    plain.delete_point_without_normal();
+    EXPECT_TRUE(is_same(plain, untouched));
+}
+
+TEST(PointImageDeletion, EmptiesFlaggedSlots) {
+    PointImage image = make_patchwork({16, 3}, 2);
+    for (std::size_t i = 0; i < image.get_vn(); ++i) image.get_vFlag(i).bits = static_cast<std::uint8_t>(i % 32);
+    image.set_vCoord(7, Vector3f(1, 2, 3));
+    const PointImage before = image;
+    image.delete_point_flaged(image.get_vCoord(7));  // slot 7 itself is deleted on the way
+    for (std::size_t i = 0; i < image.get_vn(); ++i) {
+        if ((i % 32 & (VertexFlag::Edge | VertexFlag::Deleted | VertexFlag::Selected)) == 0) {
+            EXPECT_EQ(0, std::memcmp(&image.get_vCoord(i), &before.get_vCoord(i), sizeof(Vector3f))) << i;
+            EXPECT_EQ(image.get_vFlag(i).bits, i % 32);
+        } else {
+            EXPECT_TRUE(image.get_vCoord(i) == Vector3f(1, 2, 3) && is_slot_empty(image, i)) << i;
+        }
+    }
+}
+
+// ---- islands ------------------------------------------------------------------------------------------
+
+using Connected = std::function<bool(const Vector3f&, const Vector3f&)>;
+
+/// Sizes of the regions of all slots by flooding, 0 for slots without a point.
+std::vector<int> reference_region_sizes(const PointImage& image, int radius, const Connected& connected) {
+    std::vector<int> sizes(image.get_vn(), 0);
+    for (std::size_t seed = 0; seed < image.get_vn(); ++seed) {
+        if (!image.has_point(seed) || sizes[seed] != 0) continue;
+        std::vector<std::size_t> region = {seed};
+        sizes[seed] = -1;
+        for (std::size_t k = 0; k < region.size(); ++k) {
+            const int x = static_cast<int>(region[k]) % image.get_image_width();
+            const int y = static_cast<int>(region[k]) / image.get_image_width();
+            for (int ny = std::max(y - radius, 0); ny <= std::min(y + radius, image.get_image_height() - 1); ++ny) {
+                for (int nx = std::max(x - radius, 0); nx <= std::min(x + radius, image.get_image_width() - 1); ++nx) {
+                    const std::size_t n = image.index_of(nx, ny);
+                    if (!image.has_point(n) || sizes[n] != 0) continue;
+                    if (!connected(image.get_vCoord(region[k]), image.get_vCoord(n))) continue;
+                    sizes[n] = -1;
+                    region.push_back(n);
+                }
+            }
+        }
+        for (const std::size_t slot : region) sizes[slot] = static_cast<int>(region.size());
+    }
+    return sizes;
+}
+
+void expect_small_regions_emptied(const PointImage& before, const PointImage& after, const std::vector<int>& sizes,
+                                  int countLimit, const Vector3f& emptyPoint) {
+    for (std::size_t i = 0; i < before.get_vn(); ++i) {
+        if (sizes[i] > 0 && sizes[i] < countLimit) {
+            ASSERT_TRUE(after.get_vCoord(i) == emptyPoint && is_slot_empty(after, i)) << i;
+        } else {
+            ASSERT_EQ(0, std::memcmp(&after.get_vCoord(i), &before.get_vCoord(i), sizeof(Vector3f))) << i;
+            ASSERT_EQ(after.get_vWeight(i), 1.0f);
+        }
+    }
+}
+
+TEST(PointImageIslands, AreThoseOfTheReference) {
+    const int radii[][2] = {{1, 1}, {3, 3}, {-7, 1}, {1000000000, 16}};  // given, in effect
+    for (const Size& size : oddSizes) {
+        for (const auto& radius : radii) {
+            if (radius[1] == 16 && size.second > 100) continue;
+            for (const float limit : {0.25f, 0.5f, 1.0f, 0.0f}) {
+                const PointImage image = make_patchwork(size, 5);
+                const auto inSpace = [&](const Vector3f& a, const Vector3f& b) {
+                    return (a - b).squaredNorm() <= limit * limit;
+                };
+                const auto inDepth = [&](const Vector3f& a, const Vector3f& b) {
+                    return std::fabs(a.z() - b.z()) <= limit;
+                };
+                const std::vector<int> spaceSizes = reference_region_sizes(image, radius[1], inSpace);
+                const std::vector<int> depthSizes = reference_region_sizes(image, radius[1], inDepth);
+                for (const int countLimit : {2, 9, 60}) {
+                    PointImage bySpace = image;
+                    bySpace.delete_island(radius[0], limit, countLimit);
+                    expect_small_regions_emptied(image, bySpace, spaceSizes, countLimit, Vector3f::Zero());
+                    PointImage byDepth = image;
+                    byDepth.delete_island_through_depth(radius[0], limit, countLimit, Vector3f(9, 9, 9));
+                    expect_small_regions_emptied(image, byDepth, depthSizes, countLimit, Vector3f(9, 9, 9));
+
+                    PointImage moved = image;
+                    moved.rigid_transformation(exact_pose());
+                    const PointImage movedBefore = moved;
+                    moved.delete_island_through_depth(radius[0], limit, countLimit, Vector3f::Zero());
+                    expect_small_regions_emptied(movedBefore, moved, depthSizes, countLimit, Vector3f::Zero());
+                    if (HasFatalFailure()) return;
+                }
+            }
+        }
+    }
+}
+
+TEST(PointImageIslands, AtTheCountLimitStay) {
+    PointImage image = make_image({40, 200});
+    for (int y = 60; y < 70; ++y)
+        for (int x = 10; x < 20; ++x) image.set_point(x, y, Vector3f(0.25f * x, 0.25f * y, 400.0f));
+    image.set_point(22, 66, Vector3f(0.25f * 22, 0.25f * 66, 400.0f));  // three slots beside the square
+    PointImage kept = image;
+    kept.delete_island(3, 0.75f, 101);
+    EXPECT_EQ(kept.count_vaildNum(), 101);
+    kept.delete_island(3, 0.74f, 101);
+    EXPECT_EQ(kept.count_vaildNum(), 0);
+    image.delete_island(2, 10.0f, 100);
+    EXPECT_EQ(image.count_vaildNum(), 100);
+}
+
+// ---- depth edges --------------------------------------------------------------------------------------
+
+/// The documented rule, step by step, over all slots again and again.
+class ReferenceEdges {
+public:
+    ReferenceEdges(const PointImage& image, int window, float jump, int countLimit)
+        : _width(image.get_image_width()),
+          _height(image.get_image_height()),
+          _window(std::max(window, 1)),
+          _jump(jump) {
+        std::vector<bool> small(image.get_vn(), false);
+        for (std::size_t i = 0; i < image.get_vn(); ++i)
+            _depths.push_back(image.has_point(i) ? image.get_vCoord(i).z() : NaN);
+        std::set<std::pair<int, int>> linked;
+        const std::vector<int> pieces = region_sizes(false, [&](int a, int b, int steps, bool inRow) {
+            const bool isLinked = steps <= _window && !is_jump(a, b, steps, inRow);
+            if (isLinked) linked.insert({a, b});
+            return isLinked;
+        });
+        std::vector<float> kept = _depths;
+        for (std::size_t i = 0; i < kept.size(); ++i) {
+            small[i] = pieces[i] > 0 && pieces[i] < countLimit;
+            if (small[i]) kept[i] = NaN;
+        }
+        _depths = kept;
+        const std::vector<int> gaps = region_sizes(true, [](int, int, int steps, bool) { return steps == 1; });
+        std::vector<int> reach(image.get_vn(), 0);  // how far a slot spreads the edge
+        for (int i = 0; i < static_cast<int>(reach.size()); ++i)
+            if (gaps[i] > 0 && gaps[i] >= countLimit) reach[i] = _window + 1;
+        for_pairs(false, [&](int a, int b, int steps, bool inRow) {
+            if (linked.count({a, b}) == 0 && is_jump(a, b, steps, inRow))
+                reach[a] = reach[b] = std::max(_window, reach[a]);
+        });
+        for (int i = 0; i < static_cast<int>(reach.size()); ++i) {
+            bool isEdge = small[i];
+            for (int n = 0; n < static_cast<int>(reach.size()) && !isEdge && !std::isnan(_depths[i]); ++n)
+                isEdge = std::max(std::abs(n % _width - i % _width), std::abs(n / _width - i / _width)) < reach[n];
+            edges.push_back(isEdge);
+        }
+    }
+
+    std::vector<bool> edges;
+
+private:
+    template <class Visit>
+    void for_pairs(bool ofEmptySlots, const Visit& visit) const {
+        for (int i = 0; i < _width * _height; ++i) {
+            if (std::isnan(_depths[i]) != ofEmptySlots) continue;
+            for (int n = i + 1, steps = 1; n < _width * _height && n / _width == i / _width; ++n, ++steps) {
+                if (std::isnan(_depths[n]) != ofEmptySlots) continue;
+                visit(i, n, steps, true);
+                break;
+            }
+            for (int n = i + _width, steps = 1; n < _width * _height; n += _width, ++steps) {
+                if (std::isnan(_depths[n]) != ofEmptySlots) continue;
+                visit(i, n, steps, false);
+                break;
+            }
+        }
+    }
+
+    bool is_jump(int a, int b, int steps, bool inRow) const {
+        const float rise = _depths[b] - _depths[a];
+        const auto differs = [&](float slope) {
+            return !(std::fabs(rise - slope * static_cast<float>(steps)) <= _jump);
+        };
+        return differs(0.0f) && differs(slope(a, -1, inRow)) && differs(slope(b, 1, inRow));
+    }
+
+    float slope(int slot, int sign, bool inRow) const {
+        const std::int64_t x = slot % _width + (inRow ? static_cast<std::int64_t>(sign) * _window : 0);
+        const std::int64_t y = slot / _width + (inRow ? 0 : static_cast<std::int64_t>(sign) * _window);
+        if (x < 0 || y < 0 || x >= _width || y >= _height) return NaN;
+        const float other = _depths[static_cast<std::size_t>(y * _width + x)];
+        return (sign > 0 ? other - _depths[slot] : _depths[slot] - other) / static_cast<float>(_window);
+    }
+
+    template <class Linked>
+    std::vector<int> region_sizes(bool ofEmptySlots, const Linked& linked) const {
+        std::vector<int> regions(_depths.size());
+        for (int i = 0; i < static_cast<int>(regions.size()); ++i) regions[i] = i;
+        for_pairs(ofEmptySlots, [&](int a, int b, int steps, bool inRow) {
+            if (!linked(a, b, steps, inRow) || regions[a] == regions[b]) return;
+            const int from = regions[b];
+            for (int& region : regions) region = region == from ? regions[a] : region;
+        });
+        std::vector<int> counts(regions.size(), 0);
+        for (const int region : regions) ++counts[region];
+        std::vector<int> sizes(regions.size(), 0);
+        for (std::size_t i = 0; i < regions.size(); ++i)
+            if (std::isnan(_depths[i]) == ofEmptySlots) sizes[i] = counts[regions[i]];
+        return sizes;
+    }
+
+    int _width;
+    int _height;
+    int _window;
+    float _jump;
+    std::vector<float> _depths;
+};
+
+TEST(PointImageEdges, AreThoseOfTheReference) {
+    struct Case {
+        int window;
+        float jump;
+        int countLimit;
+    };
+    const Case table[] = {{3, 0.5f, 12}, {1, 0.5f, 3},       {2, 1.0f, 150}, {-4, 0.25f, 0},
+                          {5, 2.0f, 30}, {1 << 30, 0.5f, 5}, {3, Inf, 4},    {3, 0.0f, 2}};
+    for (const Size& size : oddSizes) {
+        if (size.second > 200) continue;  // the reference is of cubic cost
+        for (const Case& c : table) {
+            PointImage image = make_patchwork(size, 11);
+            if (image.get_vn() > 0) image.get_vFlag(0).set(VertexFlag::Edge, true);
+            const ReferenceEdges reference(image, std::min(c.window, 1000), c.jump, c.countLimit);
+            PointImage moved = image;
+            image.find_egde_point(c.window, c.jump, c.countLimit);
+            moved.rigid_transformation(exact_pose());
+            moved.find_egde_point(c.window, c.jump, c.countLimit);
+            for (std::size_t i = 0; i < image.get_vn(); ++i) {
+                ASSERT_EQ(image.get_vFlag(i).test(VertexFlag::Edge), reference.edges[i])
+                    << size.first << " x " << size.second << " window " << c.window << " slot " << i;
+                ASSERT_EQ(moved.get_vFlag(i).test(VertexFlag::Edge), reference.edges[i]) << i;
+                ASSERT_TRUE(image.get_vFlag(i).test(VertexFlag::Locked));
+            }
+        }
+    }
+}
+
+TEST(PointImageEdges, AreWhereAnApplicationExpectsThem) {
+    struct Case {
+        const char* name;
+        std::function<double(int x, int y)> depth;
+        std::size_t edges;
+    };
+    // 60 x 50 slots, the window is 3.
+    const Case table[] = {
+        {"plane of 60 degrees", [](int x, int) { return 400.0 + 0.45 * x; }, 0},
+        {"roof of 60 degrees", [](int x, int) { return 400.0 + 0.45 * std::abs(x - 30); }, 0},
+        {"step of 2 mm", [](int x, int) { return x < 30 ? 400.0 : 402.0; }, 6 * 50},
+        {"step across two floating points",
+         [](int x, int) { return x < 30   ? 400.0
+                                 : x < 32 ? 403.0 + 3 * (x - 30)
+                                          : 410.0; }, 8 * 50},
+        {"step behind an occlusion of 20 x 4 slots",
+         [](int x, int y) {
+             return y < 25 ? (x < 30 ? 400.0 : 402.0) : (x < 30 ? 400.0 : x < 34 && y < 45 ? 0.0 : 402.0);
+         },
+         6 * 50 + 4 * 4},  // the corners of the occluded side
+        {"ridge on a slope", [](int x, int) { return 400.0 + 0.45 * x + (x < 30 ? 0.0 : 1.0); }, 6 * 50},
+        {"drop-outs", [](int x, int y) { return x % 7 < 2 && y % 5 < 2 ? 0.0 : 400.0; }, 0},
+        {"hole of 13 x 13", [](int x, int y) { return x / 13 == 2 && y / 13 == 2 ? 0.0 : 400.0; }, 19 * 19 - 13 * 13},
+        {"speck on a surface", [](int x, int y) { return x / 4 == 5 && y / 4 == 5 ? 390.0 : 400.0; }, 16},
+        {"piece of 12 x 12 alone", [](int x, int y) { return x / 12 == 2 && y / 12 == 2 ? 400.0 : 0.0; }, 144},
+    };
+    for (const Case& c : table) {
+        PointImage image = make_image({60, 50});
+        for (int y = 0; y < 50; ++y)
+            for (int x = 0; x < 60; ++x)
+                if (c.depth(x, y) > 0) image.set_point(x, y, Vector3d(0.25 * x, 0.25 * y, c.depth(x, y)).cast<float>());
+        image.find_egde_point(3, 0.3f, 150);
+        EXPECT_EQ(count_flag(image, VertexFlag::Edge), c.edges) << c.name;
+    }
+}
+
+// ---- planes -------------------------------------------------------------------------------------------
+
+float plane_ratio(const PointImage& image, float distance, int step) {
+    float ratio = -1.0f;
+    image.plane_detect(ratio, distance, step);
+    return ratio;
+}
+
+TEST(PointImagePlane, ShareIsTheOneThatWasPlanted) {
+    const Vector3d normal = tilted_normal(40);
+    const auto wall = plane_depth(normal, 400.0 * normal.z());
+    const auto floor = plane_depth(Vector3d(0, 1, 0.2), 100.0);
+    std::mt19937 random(5);
+    std::uniform_real_distribution<double> chance(0.0, 1.0);
+    for (const double share : {1.0, 0.6, 0.3, 0.1}) {
+        // The wall covers a part of the frame or is strewn over it; elsewhere there is clutter 100 mm deep.
+        for (const bool isStrewn : {false, true}) {
+            if (isStrewn && share < 0.2) continue;
+            const PointImage image = render(
+                {640, 480},
+                [&](const Vector3d& ray) {
+                    const double u = isStrewn ? chance(random) : ray.x() * Focal / 640 + 0.5;
+                    return u < share ? wall(ray) : 300.0 + 100.0 * chance(random);
+                },
+                0.05);
+            const float ratio = plane_ratio(image, 0.2f, 8);
+            EXPECT_GT(ratio, 0.98 * share) << share << isStrewn;
+            EXPECT_LT(ratio, share + 0.02) << share << isStrewn;
+        }
+    }
+    const PointImage corner = render(
+        {320, 240}, [&](const Vector3d& ray) { return ray.y() > 0.02 ? std::min(wall(ray), floor(ray)) : wall(ray); });
+    EXPECT_GT(plane_ratio(corner, 0.2f, 1), 0.5f);
+    EXPECT_EQ(plane_ratio(corner, Inf, 16), 1.0f);
+    EXPECT_LT(
+        plane_ratio(render({320, 240}, [](const Vector3d& ray) { return 300 + 1000 * ray.squaredNorm(); }), 0.1f, 4),
+        0.5f);
+}
+
+TEST(PointImagePlane, SmallFramesAreSearchedWhole) {
+    for (unsigned seed = 0; seed < 20; ++seed) {
+        PointImage image = make_patchwork({4, 5}, seed);
+        std::vector<Vector3d> points;
+        for (std::size_t i = 0; i < image.get_vn(); ++i)
+            if (image.has_point(i)) points.push_back(image.get_vCoord(i).cast<double>());
+        int most = 0;
+        for (const Vector3d& a : points)
+            for (const Vector3d& b : points)
+                for (const Vector3d& c : points) {
+                    const Vector3d normal = (b - a).cross(c - a);
+                    int count = 0;
+                    for (const Vector3d& p : points)
+                        count += std::fabs(normal.dot(p - a)) <= 0.01 * normal.norm() ? 1 : 0;
+                    if (normal.norm() > 1e-9) most = std::max(most, count);
+                }
+        EXPECT_GE(plane_ratio(image, 0.011f, 1) * static_cast<float>(points.size()) + 0.01f, static_cast<float>(most))
+            << seed;
+    }
+}
+
+TEST(PointImagePlane, NeedsThreePointsAndADistance) {
+    PointImage image = make_image({8, 8});
+    EXPECT_EQ(plane_ratio(image, 0.2f, 1), 0.0f);
+    image.set_point(0, 0, Vector3f(0, 0, 400));
+    image.set_point(4, 4, Vector3f(NaN, 0, 400));
+    image.set_point(7, 7, Vector3f(1, 0, 400));
+    EXPECT_EQ(plane_ratio(image, 0.2f, 1), 0.0f);
+    image.set_point(3, 5, Vector3f(0.1f, 0.7f, 400.3f));
+    EXPECT_EQ(plane_ratio(image, 0.0f, -3), 1.0f);
+    image.set_point(2, 5, Vector3f(0, 0, 400));  // all on one line but one
+    image.set_point(2, 6, Vector3f(2, 0, 400));
+    EXPECT_EQ(plane_ratio(image, 0.1f, 1), 1.0f);
+    EXPECT_EQ(plane_ratio(image, 0.1f, 1 << 30), 0.0f);
+    for (const float distance : {-0.1f, NaN, -Inf}) EXPECT_EQ(plane_ratio(image, distance, 1), 0.0f);
+    EXPECT_EQ(plane_ratio(PointImage(), 0.2f, 16), 0.0f);
+}
+
+// ---- all of them --------------------------------------------------------------------------------------
+
+using Operation = std::function<void(PointImage&)>;
+const std::vector<Operation> operations = {
+    [](PointImage& image) { image.update_VNrv(1, 2, 2.0f); },
+    [](PointImage& image) { image.find_egde_point(3, 0.5f, 20); },
+    [](PointImage& image) { image.delete_island(3, 0.5f, 30); },
+    [](PointImage& image) { image.delete_island_through_depth(3, 0.25f, 30, Vector3f::Zero()); },
+    [](PointImage& image) { image.delete_point_flaged(Vector3f::Zero()); },
+    [](PointImage& image) { image.delete_point_without_normal(); },
+};
+
+TEST(PointImageNeighbourhood, ResultDoesNotDependOnThreadsOrRun) {
+    const PointImage input = make_patchwork({131, 700}, 13);
+    const auto run = [&](int threads) {
+        PointImage image = input;
+        float ratio = 0.0f;
+        tbb::task_arena(threads).execute([&] {
+            for (const Operation& operation : operations) operation(image);
+            image.plane_detect(ratio, 0.2f, 3);
+        });
+        return std::make_pair(image, ratio);
+    };
+    const auto expected = run(1);
+    EXPECT_GT(expected.first.count_vaildNum(), 0);
+    EXPECT_LT(expected.first.count_vaildNum(), input.count_vaildNum());
+    for (const int threads : {1, 2, 7, 7}) {
+        const auto result = run(threads);
+        EXPECT_TRUE(is_same(result.first, expected.first)) << threads;
+        EXPECT_EQ(result.second, expected.second);
+    }
+}
+
+TEST(PointImageNeighbourhood, MeaninglessLimitsAndBrokenImagesChangeNothing) {
+    const PointImage image = make_patchwork({31, 17}, 17);
+    const Operation meaningless[] = {
+        [](PointImage& i) { i.find_egde_point(3, -0.1f, 20); },
+        [](PointImage& i) { i.find_egde_point(3, NaN, 20); },
+        [](PointImage& i) { i.delete_island(3, NaN, 20); },
+        [](PointImage& i) { i.delete_island(3, -1.0f, 20); },
+        [](PointImage& i) { i.delete_island(3, 1.0f, 1); },
+        [](PointImage& i) { i.delete_island(3, 1.0f, std::numeric_limits<int>::min()); },
+        [](PointImage& i) { i.delete_island_through_depth(3, NaN, 20, Vector3f::Zero()); },
+    };
+    for (const Operation& operation : meaningless) {
+        PointImage result = image;
+        operation(result);
+        EXPECT_TRUE(is_same(result, image));
+    }
+    PointImage shortCoords = image;
+    shortCoords.set_vCoords(std::vector<Vector3f>(5, Vector3f(1, 2, 3)));
+    PointImage shortNormals = image;
+    shortNormals.set_vNrvs(std::vector<Vector3f>(3, Vector3f::UnitZ()));
+    for (const PointImage& broken : {shortCoords, shortNormals}) {
+        for (const Operation& operation : operations) {
+            PointImage result = broken;
+            operation(result);
+            EXPECT_TRUE(is_same(result, broken));
+        }
+        EXPECT_EQ(plane_ratio(broken, 0.2f, 1), 0.0f);
+    }
+    for (const Operation& operation : operations) {  // nothing but empty slots
+        PointImage empty = make_image({33, 65});
+        operation(empty);
+        EXPECT_EQ(empty.count_vaildNum(), 0);
+    }
+}
+
+}  // namespace

@@ -17,6 +17,9 @@
 #include "foundation/parallel.h"
 #include "recording/Recording.h"
 #include "recording/pointImageFromDepth.h"
+#include "simulation/cameraPaths.h"
+#include "simulation/render.h"
+#include "simulation/scenes.h"
 
 namespace VexelBench {
 
@@ -61,6 +64,27 @@ Sequence read_office() {
     return sequence;
 }
 
+Sequence render_object() {
+    const Simulation::ShapePtr object = Simulation::owl_on_books();
+    const CameraInParam camera(900.0, 900.0, 319.5, 239.5);
+    Simulation::Orbit walk;
+    walk.target = Simulation::owl_centre();
+    Simulation::RenderSettings settings;
+    settings.threads = default_thread_number();
+
+    Sequence sequence;
+    sequence.name = "rendered";
+    sequence.pointDis = 0.5f;
+    sequence.treeDepth = 12;
+    sequence.nearFar = {200.0f, 800.0f};
+    for (const RigidMatrix& pose : Simulation::orbit_poses(walk, 60)) {
+        PointImage frame = Simulation::render(*object, camera, 640, 480, pose, settings);
+        sequence.pointCount += static_cast<std::size_t>(frame.count_vaildNum());
+        sequence.frames.push_back({std::move(frame), pose});
+    }
+    return sequence;
+}
+
 }  // namespace
 
 bool has_recordings() {
@@ -78,6 +102,11 @@ const Sequence* office_recording() {
         }
     }();
     return office ? &*office : nullptr;
+}
+
+const Sequence* rendered_object() {
+    static const Sequence rendered = render_object();
+    return &rendered;
 }
 
 std::unique_ptr<Volume> empty_volume(const Sequence& sequence, int threads) {

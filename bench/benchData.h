@@ -43,6 +43,10 @@ bool has_recordings();
 /// Read on first use; null, after one line, when it cannot be read.
 const Sequence* office_recording();
 
+/// 60 frames of 640 x 480 of the simulated demo object, a walk around it at 400 mm whose pixels see 0.44 mm; voxels of
+/// 0.5 mm. Rendered on first use.
+const Sequence* rendered_object();
+
 /// A volume for the sequence that holds nothing yet: cone half-width 0.5 pixel, range 5 voxels.
 std::unique_ptr<Volume> empty_volume(const Sequence& sequence, int threads);
 /// The sequence integrated once with all threads, made on first use and kept.

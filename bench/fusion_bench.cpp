@@ -162,6 +162,20 @@ void raycast(benchmark::State& state, SequenceSource source, bool guided, Normal
     state.counters["medianError_mm"] = agreement.medianError;
 }
 
+// ---- start ------------------------------------------------------------------------------------------
+
+void empty_start(benchmark::State& state) {
+    std::int64_t residentBytes = 0;
+    for (auto _ : state) {
+        const std::int64_t before = resident_bytes();
+        const Stopwatch watch;
+        const Volume volume(12, 0.5f, 0.5f, 5, 2, "");
+        state.SetIterationTime(watch.sum().wall);
+        if (residentBytes == 0) residentBytes = resident_bytes() - before;
+    }
+    state.counters["residentMiB"] = static_cast<double>(residentBytes) / MiB;
+}
+
 // ---- the list ---------------------------------------------------------------------------------------
 
 template <class Function, class... Args>
@@ -197,6 +211,8 @@ int main(int argc, char** argv) {
         std::fprintf(stderr,
                      "Benchmarks on real frames are left out: VEXEL_RECORDINGS names no folder with office_depth.\n");
     }
+    add_sequence("rendered", rendered_object);
+    add("emptyVolume", empty_start);
     benchmark::RunSpecifiedBenchmarks();
     benchmark::Shutdown();
     return 0;

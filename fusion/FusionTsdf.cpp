@@ -224,7 +224,8 @@ bool FusionTsdf<Leaf>::integrate_tsdfvolume_cam_constrain_one_frame_parallel(con
             for (std::size_t k = begin; k < end; ++k) {
                 const auto slot = static_cast<std::size_t>(valid[k]);
                 weights[k] = frame.get_vWeight(slot) *
-                             surface_agreement(_octree, cache, _neighbourhood, rt * frame.get_vCoord(slot));
+                             surface_agreement(_octree, cache, _neighbourhood, rt * frame.get_vCoord(slot),
+                                               rt.transform_normal(frame.get_vNrv(slot)));
             }
         });
 

@@ -90,7 +90,7 @@ public:
                                       const std::vector<unsigned char>* labels);
 
     /// Integrates a frame but lets the surface that is already there speak: a point whose distance from it,
-    /// by trilinear sample (by the nearest used voxel of the neighbourhood table where there is no sample), is
+    /// by trilinear sample (from the nearest used voxel of the neighbourhood table where there is no sample), is
     /// e, counts with weight w (1 - (e / 2 pointDis)^2)^2, and not at all from 2 pointDis on (Tukey's
     /// biweight). Where nothing is known the point counts fully. Needs normals and weights; places an empty
     /// volume whatever its shift is, and returns false when that fails.

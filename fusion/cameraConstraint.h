@@ -9,11 +9,12 @@
 namespace VexelAlgorithm {
 namespace Fusion {
 
-/// The distance of a point from the fused surface: the trilinear sample, or the value of the nearest used voxel
-/// of the neighbourhood where there is no sample. NaN where nothing is known.
+/// The distance of a point from the fused surface: the trilinear sample, or, where there is none, the value of
+/// the nearest used voxel of the neighbourhood, carried on to the point along the point's normal. NaN where
+/// nothing is known.
 template <class Leaf>
 float distance_to_surface(const VexelOctree::Octree<Leaf>& tree, OctetCache& cache, const OffsetCube& neighbourhood,
-                          const Vector3f& point) {
+                          const Vector3f& point, const Vector3f& normal) {
     const float sample = trilinear_value(tree, cache, point);
     if (!std::isnan(sample)) return sample;
     const Vector3i base = tree.world_to_voxel(point);
@@ -21,7 +22,7 @@ float distance_to_surface(const VexelOctree::Octree<Leaf>& tree, OctetCache& cac
         const Vector3i voxel = base + offset;
         if (!tree.is_inside(voxel.x(), voxel.y(), voxel.z())) continue;
         const float value = voxel_value(tree, cache, voxel);
-        if (value != 0.0f) return value;
+        if (value != 0.0f) return value + (point - tree.voxel_to_world(voxel)).dot(normal);
     }
     return std::numeric_limits<float>::quiet_NaN();
 }
@@ -30,8 +31,8 @@ float distance_to_surface(const VexelOctree::Octree<Leaf>& tree, OctetCache& cac
 /// from the fused surface with its end at two voxels.
 template <class Leaf>
 float surface_agreement(const VexelOctree::Octree<Leaf>& tree, OctetCache& cache, const OffsetCube& neighbourhood,
-                        const Vector3f& point) {
-    const float distance = distance_to_surface(tree, cache, neighbourhood, point);
+                        const Vector3f& point, const Vector3f& normal) {
+    const float distance = distance_to_surface(tree, cache, neighbourhood, point, normal);
     if (std::isnan(distance)) return 1.0f;
     const float ratio = distance / (2.0f * tree.get_pointDis());
     const float rest = std::max(0.0f, 1.0f - ratio * ratio);

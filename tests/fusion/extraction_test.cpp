@@ -1,0 +1,371 @@
+// Surface extraction: the triangle table, vertices and faces from voxels set by hand, both forms, optional work.
+#include <Eigen/Geometry>
+#include <algorithm>
+#include <cmath>
+#include <map>
+#include <random>
+#include <set>
+
+#include "fusion/marchingCubesTable.h"
+#include "tests/fusion/fusionScenes.h"
+
+namespace VexelAlgorithm::Fusion {
+namespace {
+
+using Edge = std::pair<int, int>;
+
+template <class Leaf>
+BaseTriMesh extract(FusionTsdf<Leaf>& volume, float minWeight = 0.0f, std::vector<int>* axes = nullptr,
+                    bool optimise = false) {
+    BaseTriMesh mesh;
+    std::vector<int> own;
+    EXPECT_EQ(volume.get_result_tbb(minWeight, mesh, axes != nullptr ? *axes : own, optimise), RET_SUCCESS);
+    return mesh;
+}
+
+// ---- the table ---------------------------------------------------------------------------------------
+
+Vector3i corner_at(int corner) {
+    return {CubeCorner[corner][0], CubeCorner[corner][1], CubeCorner[corner][2]};
+}
+
+/// Both ends of a cube edge as corner positions.
+std::pair<Vector3i, Vector3i> ends_of(int edge) {
+    const CubeEdge& e = CubeEdges[edge];
+    const Vector3i low(e.x, e.y, e.z);
+    return {low, low + Vector3i(Vector3i::Unit(e.axis))};
+}
+
+bool is_marked(int cubeCase, const Vector3i& position) {
+    for (int corner = 0; corner < 8; ++corner) {
+        if (corner_at(corner) == position) return (cubeCase >> corner & 1) != 0;
+    }
+    return false;
+}
+
+/// The directed edges of a case's triangles that no other of its triangles runs the other way.
+std::vector<Edge> border_of_case(int cubeCase) {
+    std::multiset<Edge> directed;
+    for (const std::int8_t* row = TriangleTable[cubeCase]; *row >= 0; row += 3) {
+        for (int k = 0; k < 3; ++k) directed.insert({row[k], row[(k + 1) % 3]});
+    }
+    std::vector<Edge> border;
+    for (const Edge& edge : directed) {
+        EXPECT_EQ(directed.count(edge), 1u) << cubeCase;
+        if (directed.count({edge.second, edge.first}) == 0) border.push_back(edge);
+    }
+    return border;
+}
+
+TEST(TriangleTable, UsesTheEdgesWhoseEndsDifferAndHas820Triangles) {
+    int triangles = 0;
+    for (int cubeCase = 0; cubeCase < 256; ++cubeCase) {
+        std::set<int> used, crossing;
+        int length = 0;
+        for (; TriangleTable[cubeCase][length] >= 0; ++length) used.insert(TriangleTable[cubeCase][length]);
+        EXPECT_EQ(length % 3, 0);
+        triangles += length / 3;
+        for (int edge = 0; edge < 12; ++edge) {
+            const auto [low, high] = ends_of(edge);
+            if (is_marked(cubeCase, low) != is_marked(cubeCase, high)) crossing.insert(edge);
+        }
+        EXPECT_EQ(used, crossing) << cubeCase;
+    }
+    EXPECT_EQ(triangles, 820);
+}
+
+// What a case draws on one face of the cube depends on the face's four corners only, and the neighbour draws the
+// same the other way round: so surfaces have no holes between cubes.
+TEST(TriangleTable, CubesFitTheirNeighbours) {
+    const auto key = [](const Vector3i& doubled, int axis) {
+        return std::array<int, 2>{doubled[(axis + 1) % 3], doubled[(axis + 2) % 3]};
+    };
+    using Segments = std::set<std::array<std::array<int, 2>, 2>>;
+    for (int axis = 0; axis < 3; ++axis) {
+        std::map<int, Segments> drawn[2];  // by the corner bits of the face, on its low and high side
+        for (int cubeCase = 0; cubeCase < 256; ++cubeCase) {
+            std::size_t onFaces = 0;
+            const std::vector<Edge> border = border_of_case(cubeCase);
+            for (int a = 0; a < 3; ++a) {
+                for (int side = 0; side < 2; ++side) {
+                    Segments segments;
+                    for (const auto& [from, to] : border) {
+                        const Vector3i p = ends_of(from).first + ends_of(from).second,
+                                       q = ends_of(to).first + ends_of(to).second;
+                        if (p[a] != 2 * side || q[a] != 2 * side) continue;
+                        side == 0 ? segments.insert({key(p, a), key(q, a)}) : segments.insert({key(q, a), key(p, a)});
+                        ++onFaces;
+                    }
+                    if (a != axis) continue;
+                    int bits = 0;
+                    for (int i = 0; i < 4; ++i) {
+                        Vector3i at;
+                        at[axis] = side, at[(axis + 1) % 3] = i & 1, at[(axis + 2) % 3] = i >> 1;
+                        bits |= is_marked(cubeCase, at) ? 1 << i : 0;
+                    }
+                    EXPECT_EQ(drawn[side].emplace(bits, segments).first->second, segments) << cubeCase;
+                }
+            }
+            EXPECT_EQ(onFaces, border.size()) << cubeCase;
+        }
+        EXPECT_EQ(drawn[0], drawn[1]);
+    }
+}
+
+// ---- vertices ----------------------------------------------------------------------------------------
+
+TEST(Vertices, LieWhereTheValueIsZeroBetweenTwoVoxels) {
+    const std::pair<Vector2f, float> cases[] = {
+        {{1, -1}, 0.5f}, {{-1, 1}, 0.5f}, {{0.3f, -0.1f}, 0.75f}, {{-0.1f, 0.3f}, 0.25f}};
+    for (int axis = 0; axis < 3; ++axis) {
+        for (const auto& [values, where] : cases) {
+            FusionTsdf<LeafTSDFSpeckle> volume(10, 0.5f, 0.5f, 5, 1, "");
+            volume.set_shift({10, 20, -30});
+            const Vector3i voxel(101, 202, 303);
+            set_voxel(volume, voxel, values[0]);
+            set_voxel(volume, voxel + Vector3i(Vector3i::Unit(axis)), values[1]);
+            std::vector<int> axes;
+            const BaseTriMesh mesh = extract(volume, 0.0f, &axes);
+            ASSERT_EQ(mesh.get_vn(), 1u);
+            EXPECT_EQ(axes, std::vector<int>{axis});
+            EXPECT_EQ(mesh.get_fn(), 0u);
+            const Vector3f expected =
+                volume.get_fusion_tree().voxel_to_world(voxel) + 0.5f * where * Vector3f(Vector3f::Unit(axis));
+            EXPECT_LT((mesh.get_vCoord(0) - expected).norm(), 1e-5f);
+        }
+    }
+}
+
+TEST(Vertices, ObeyTheLimitsOfValueCountAndPosition) {
+    struct Case {
+        const char* name;
+        float values[2];
+        int counts[2];
+        int x;  // of the first voxel
+        float minWeight;
+        std::size_t vertices;
+    };
+    const Case cases[] = {
+        {"owner exactly 0", {0.0f, -1.0f}, {1, 1}, 100, 0.0f, 0},
+        {"neighbour exactly 0", {1.0f, 0.0f}, {1, 1}, 100, 0.0f, 0},
+        {"owner below 1e-6", {9e-7f, -1.0f}, {1, 1}, 100, 0.0f, 0},
+        {"same sign", {1.0f, 0.5f}, {1, 1}, 100, 0.0f, 0},
+        {"owner at the limit", {1.0f, -1.0f}, {2, 3}, 100, 2.0f, 1},
+        {"neighbour at the limit", {1.0f, -1.0f}, {3, 2}, 100, 2.0f, 0},
+        {"owner below the limit", {1.0f, -1.0f}, {1, 3}, 100, 2.0f, 0},
+        {"infinite limit", {1.0f, -1.0f}, {3, 3}, 100, kInfinity, 0},
+        {"neighbour unused", {1.0f, -1.0f}, {3, -1}, 100, 0.0f, 0},
+        {"lowest voxel", {1.0f, -1.0f}, {1, 1}, 0, 0.0f, 0},
+        {"lowest owner", {1.0f, -1.0f}, {1, 1}, 1, 0.0f, 1},
+        {"highest owner", {1.0f, -1.0f}, {1, 1}, 1021, 0.0f, 1},
+        {"beyond the highest owner", {1.0f, -1.0f}, {1, 1}, 1022, 0.0f, 0},
+    };
+    for (const Case& c : cases) {
+        FusionTsdf<LeafTSDFTeeth> volume(10, 0.5f, 0.5f, 5, 1, "");
+        for (int i = 0; i < 2; ++i) {
+            if (c.counts[i] >= 0) set_voxel(volume, {c.x + i, 500, 500}, c.values[i], c.counts[i]);
+        }
+        EXPECT_EQ(extract(volume, c.minWeight).get_vn(), c.vertices) << c.name;
+    }
+}
+
+// ---- whole surfaces ----------------------------------------------------------------------------------
+
+/// Sets the voxels within 2.5 voxels of a sphere's surface; centre and radius in voxels.
+template <class Leaf>
+void set_sphere(FusionTsdf<Leaf>& volume, const Vector3f& centre, float radius, float noise = 0.0f) {
+    const int reach = static_cast<int>(radius) + 3;
+    const Vector3i middle = centre.cast<int>();
+    std::minstd_rand random;
+    for (int z = -reach; z <= reach; ++z) {
+        for (int y = -reach; y <= reach; ++y) {
+            for (int x = -reach; x <= reach; ++x) {
+                const Vector3i voxel = middle + Vector3i(x, y, z);
+                const float distance = (voxel.cast<float>() + Vector3f::Constant(0.5f) - centre).norm() - radius;
+                if (std::abs(distance) > 2.5f) continue;
+                const float wave = 2.0f * noise * (static_cast<float>(random() % 1000) / 1000.0f - 0.5f);
+                set_voxel(volume, voxel, (distance + wave) * volume.get_pointDis(), 3);
+            }
+        }
+    }
+}
+
+/// Number of directed edges that are not met by exactly one the other way.
+std::size_t open_edges(const BaseTriMesh& mesh) {
+    std::map<Edge, int> directed;
+    for (const BaseTriFace& face : mesh.get_faces()) {
+        for (int k = 0; k < 3; ++k) ++directed[{face[k], face[(k + 1) % 3]}];
+    }
+    std::size_t open = 0;
+    for (const auto& [edge, times] : directed) {
+        const auto back = directed.find({edge.second, edge.first});
+        open += times == 1 && back != directed.end() && back->second == 1 ? 0 : 1;
+    }
+    return open;
+}
+
+bool same_mesh(const BaseTriMesh& a, const BaseTriMesh& b) {
+    const auto same = [](const BaseTriFace& f, const BaseTriFace& g) { return std::equal(f.v, f.v + 3, g.v); };
+    return a.get_vCoords() == b.get_vCoords() &&
+           std::equal(a.get_faces().begin(), a.get_faces().end(), b.get_faces().begin(), b.get_faces().end(), same);
+}
+
+template <class Leaf>
+class Extraction : public testing::Test {};
+using Leaves = testing::Types<LeafTSDFSpeckle, LeafTSDFTeeth, LeafTSDFCloudGenerator, LeafTSDFLaser>;
+TYPED_TEST_SUITE(Extraction, Leaves);
+
+TYPED_TEST(Extraction, SphereIsClosedAndFacesOutwardsInBothForms) {
+    FusionTsdf<TypeParam> volume(10, 0.5f, 0.5f, 5, 1, "");
+    BaseTriMesh reference, mesh;
+    std::vector<int> referenceAxes, axes;
+    EXPECT_EQ(volume.get_result(0.0f, mesh, axes, true), RET_SUCCESS);
+    EXPECT_EQ(mesh.get_vn() + mesh.get_fn() + axes.size(), 0u);
+
+    volume.set_shift({-200, -210, -220});
+    const Vector3f centre(300.3f, 411.6f, 522.2f);
+    set_sphere(volume, centre, 30.0f);
+    EXPECT_EQ(volume.get_result(0.0f, reference, referenceAxes, false), RET_SUCCESS);
+    EXPECT_GT(reference.get_fn(), 10000u);
+    EXPECT_EQ(open_edges(reference), 0u);
+    EXPECT_EQ(reference.get_vn() + reference.get_fn() - 3 * reference.get_fn() / 2, 2u);  // Euler: a sphere
+
+    const Vector3f centre_M = centre * 0.5f + volume.get_treeShift();
+    std::size_t inwards = 0, offAxis = 0;
+    for (const BaseTriFace& face : reference.get_faces()) {
+        const Vector3f &a = reference.get_vCoord(static_cast<std::size_t>(face[0])),
+                       &b = reference.get_vCoord(static_cast<std::size_t>(face[1])),
+                       &c = reference.get_vCoord(static_cast<std::size_t>(face[2]));
+        inwards += (b - a).cross(c - a).dot(a + b + c - 3.0f * centre_M) < 0.0f ? 1 : 0;
+    }
+    for (std::size_t i = 0; i < reference.get_vn(); ++i) {
+        EXPECT_NEAR((reference.get_vCoord(i) - centre_M).norm(), 15.0f, 0.01f);
+        // Off its edge's axis a vertex lies at voxel centres.
+        const Vector3f q = (reference.get_vCoord(i) - volume.get_treeShift()) / 0.5f;
+        for (int axis = 0; axis < 3; ++axis) {
+            const bool centred = std::abs(q[axis] - std::floor(q[axis]) - 0.5f) < 1e-3f;
+            offAxis += axis != referenceAxes[i] && !centred ? 1 : 0;
+        }
+    }
+    EXPECT_EQ(inwards, 0u);
+    EXPECT_EQ(offAxis, 0u);
+
+    for (const int threads : {1, 3}) {
+        volume.reset_code_Num(threads);
+        for (const bool tbb : {false, true}) {
+            mesh.resize_fn(7);  // whatever the caller had is replaced
+            EXPECT_EQ(tbb ? volume.get_result_tbb(0.0f, mesh, axes, false) : volume.get_result(0.0f, mesh, axes, false),
+                      RET_SUCCESS);
+            EXPECT_TRUE(same_mesh(mesh, reference)) << threads << tbb;
+            EXPECT_EQ(axes, referenceAxes);
+        }
+    }
+    EXPECT_EQ(extract(volume, 2.5f).get_fn(), reference.get_fn());
+    EXPECT_EQ(extract(volume, 3.0f).get_vn(), 0u);  // owners pass at 3, no neighbour does
+    EXPECT_EQ(extract(volume, 4.0f).get_vn(), 0u);
+}
+
+TEST(Extraction, TrianglesWithAMissingVertexAreDropped) {
+    FusionTsdf<LeafTSDFSpeckle> volume(10, 0.5f, 0.5f, 5, 1, "");
+    set_sphere(volume, {300, 300, 300}, 10.0f);
+    const std::size_t whole = extract(volume).get_fn();
+    set_voxel(volume, {300, 300, 309}, -kInfinity, 1);  // the interpolated positions are not numbers
+    const BaseTriMesh mesh = extract(volume);
+    EXPECT_LT(mesh.get_fn(), whole);
+    EXPECT_GT(mesh.get_fn() + 16, whole);
+    for (const Vector3f& vertex : mesh.get_vCoords()) EXPECT_TRUE(vertex.allFinite());
+}
+
+TEST(Extraction, PastAMillionVerticesNothingIsLost) {
+    FusionTsdf<LeafTSDFSpeckle> volume(10, 0.5f, 0.5f, 5, 2, "");
+    const int n = 72;
+    for (int i = 0; i < n * n * n; ++i) {
+        const Vector3i voxel(i % n, i / n % n, i / (n * n));
+        set_voxel(volume, voxel + Vector3i::Constant(100), voxel.sum() % 2 == 0 ? 1.0f : -1.0f);
+    }
+    std::vector<int> axes;
+    EXPECT_EQ(extract(volume, 0.0f, &axes).get_vn(), 3u * n * n * (n - 1));
+    EXPECT_EQ(axes.size(), 3u * n * n * (n - 1));
+    BaseTriMesh mesh;
+    EXPECT_EQ(volume.get_result(0.0f, mesh, axes, false), RET_SUCCESS);
+    EXPECT_TRUE(same_mesh(mesh, extract(volume)));
+    const auto whole = [&](int k) { return std::count(axes.begin(), axes.end(), k) == n * n * (n - 1); };
+    EXPECT_TRUE(whole(0) && whole(1) && whole(2));
+}
+
+TEST(Extraction, InconsistentOctreeGivesItsLineAndNoMesh) {
+    FusionTsdf<LeafTSDFSpeckle> volume(10, 0.5f, 0.5f, 5, 1, "");
+    set_sphere(volume, {300, 300, 300}, 5.0f);
+    volume.get_fusion_tree().pool().clear();
+    for (const bool tbb : {false, true}) {
+        BaseTriMesh mesh;
+        std::vector<int> axes(3);
+        EXPECT_EQ(printed([&] {
+                      EXPECT_EQ(tbb ? volume.get_result_tbb(0.0f, mesh, axes, true)
+                                    : volume.get_result(0.0f, mesh, axes, true),
+                                RET_SUCCESS);
+                  }),
+                  "can not get result because vaildNum > leafSize in marching cube\n");
+        EXPECT_EQ(mesh.get_vn() + mesh.get_fn(), 0u);
+    }
+}
+
+TEST(Optimisation, DropsPiecesSmoothsAndMakesNormals) {
+    FusionTsdf<LeafTSDFSpeckle> volume(10, 0.5f, 0.5f, 5, 1, "");
+    const Vector3f centre(300, 300, 300);
+    set_sphere(volume, centre, 20.0f, 0.4f);
+    const std::size_t big = extract(volume).get_vn();
+    set_sphere(volume, {400, 300, 300}, 1.4f);
+    set_voxel(volume, {500, 300, 300}, 1.0f);
+    set_voxel(volume, {501, 300, 300}, -1.0f);  // a vertex without a face
+    const BaseTriMesh raw = extract(volume);
+    EXPECT_GT(raw.get_vn(), big + 1);
+    const auto roughness = [&](const BaseTriMesh& mesh) {
+        double sum = 0.0;
+        for (std::size_t i = 0; i < big; ++i) sum += std::pow((mesh.get_vCoord(i) / 0.5f - centre).norm() - 20.0, 2);
+        return std::sqrt(sum / static_cast<double>(big));
+    };
+
+    const auto with = [&](bool dropPieces, bool smooth, bool normals) {
+        volume.set_opt_mc(dropPieces, smooth, normals);
+        std::vector<int> axes;
+        BaseTriMesh mesh = extract(volume, 0.0f, &axes, true);
+        EXPECT_EQ(axes.size(), mesh.get_vn());
+        EXPECT_EQ(mesh.get_vn(), dropPieces ? big : raw.get_vn());
+        EXPECT_EQ(open_edges(mesh), 0u);
+        EXPECT_EQ(mesh.is_enable_vNormal(), normals);
+        return mesh;
+    };
+    EXPECT_TRUE(same_mesh(with(false, false, false), raw));
+    with(true, false, false);
+    const BaseTriMesh all = with(true, true, true);
+    EXPECT_GT(roughness(raw), 0.15);
+    EXPECT_LT(roughness(all), 0.8 * roughness(raw));
+    double radius = 0.0;
+    std::size_t astray = 0;
+    for (std::size_t i = 0; i < all.get_vn(); ++i) {
+        const Vector3f out = all.get_vCoord(i) / 0.5f - centre;
+        radius += out.norm();
+        astray += all.get_vNrv(i).dot(out.normalized()) > 0.7f ? 0 : 1;
+    }
+    EXPECT_NEAR(radius / static_cast<double>(all.get_vn()), 20.0, 0.1);  // smoothing does not shrink
+    EXPECT_LT(astray, all.get_vn() / 100);
+
+    // A border stays where it is.
+    FusionTsdf<LeafTSDFSpeckle> half(10, 0.5f, 0.5f, 5, 1, "");
+    for (int i = 0; i < 800; ++i) {
+        const int x = 100 + i % 20, y = 100 + i / 20 % 20, z = 100 + i / 400;
+        set_voxel(half, {x, y, z},
+                  (static_cast<float>(z) - 100.5f) + 0.3f * std::sin(static_cast<float>(17 * x + 5 * y)));
+    }
+    half.set_opt_mc(false, true, false);
+    const BaseTriMesh before = extract(half), after = extract(half, 0.0f, nullptr, true);
+    for (std::size_t i = 0; i < before.get_vn(); ++i) {
+        const Vector3f q = before.get_vCoord(i) / 0.5f - Vector3f::Constant(100.5f);
+        const bool border = std::min(q.x(), q.y()) < 0.01f || std::max(q.x(), q.y()) > 18.99f;
+        EXPECT_EQ(border, before.get_vCoord(i) == after.get_vCoord(i)) << q.transpose();
+    }
+}
+
+}  // namespace
+}  // namespace VexelAlgorithm::Fusion

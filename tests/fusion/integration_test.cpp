@@ -1,0 +1,648 @@
+// Integration against a plain reference written from its definition, and the edge cases of the volume's operations.
+#include <algorithm>
+#include <cmath>
+#include <cstring>
+#include <map>
+#include <numeric>
+#include <set>
+
+#include "tests/fusion/fusionScenes.h"
+
+namespace VexelAlgorithm::Fusion {
+namespace {
+
+struct Setting {
+    const char* name;
+    float smoothThreshold = 0.5f;
+    int range = 5;
+    int treeDepth = 10;
+    float pointDis = 0.8f;
+    bool modify = false;           // give the range by modify_smooth_and_fusionrange
+    Vector3i sceneAt = {0, 0, 0};  // voxel in which the scene's origin is put; zero: placed by the first frame
+    float viewRadial = 0.0f;
+    int threads = 1;
+};
+
+std::ostream& operator<<(std::ostream& out, const Setting& setting) {
+    return out << setting.name;
+}
+
+struct Expected {
+    int count = 0;
+    float sum = 0.0f, weight = 0.0f;
+    bool changed = false;
+    bool doubtfulChange = false;  // within rounding of one of the limits of the changed mark
+};
+
+template <class Leaf>
+void add_expected(Expected& voxel, float d, float w) {
+    ++voxel.count;
+    voxel.sum += w * d;
+    voxel.weight += w;
+}
+template <>
+void add_expected<LeafTSDFCloudGenerator>(Expected& voxel, float d, float w) {
+    const float scaled = 100.0f * w + 1.0f;
+    voxel.sum += scaled * d;
+    if (voxel.weight < 60000.0f) voxel.weight += std::trunc(scaled);
+    ++voxel.count;
+}
+
+/// Integration as it is defined: four plane normals a pixel, rotated into the model; every offset of the cube
+/// in turn; no octree.
+template <class Leaf>
+struct ReferenceVolume {
+    std::map<VoxelKey, Expected> voxels;
+    std::set<VoxelKey> doubtful;  // a centre within rounding of some cone's side
+
+    void integrate(const PointImage& frame, const RigidMatrix& rt, const Setting& setting, int n,
+                   const Vector3f& shift) {
+        const int size = 1 << setting.treeDepth, bound = size - 3;
+        const float pointDis = setting.pointDis, r = setting.smoothThreshold;
+        const auto& camera = frame.get_camPar();
+        const Vector3f origin = rt.get_translation().cast<float>() - shift;
+        for (std::size_t i = 0; i < frame.get_vn(); ++i) {
+            const Vector3f point = frame.get_vCoord(i), normal = frame.get_vNrv(i);
+            const float w = frame.get_vWeight(i);
+            if (!(w >= 1e-6f) || std::abs(point.z()) < 1e-6f || std::abs(normal.z()) < 1e-6f) continue;
+            if (!point.allFinite() || !normal.allFinite()) continue;
+            const auto width = static_cast<std::size_t>(frame.get_image_width());
+            const double u = static_cast<double>(i % width) + setting.viewRadial,
+                         v = static_cast<double>(i / width) + setting.viewRadial;
+            const auto xL = static_cast<float>((u - r - camera.get_cx()) / camera.get_fx());
+            const auto xR = static_cast<float>((u + r - camera.get_cx()) / camera.get_fx());
+            const auto yT = static_cast<float>((v - r - camera.get_cy()) / camera.get_fy());
+            const auto yB = static_cast<float>((v + r - camera.get_cy()) / camera.get_fy());
+            Vector3f planes[4] = {{yB - yT, 0, xL * yT - yB * xL},
+                                  {0, xR - xL, xL * yT - xR * yT},
+                                  {yT - yB, 0, xR * yB - xR * yT},
+                                  {0, xL - xR, xR * yB - xL * yB}};
+            for (Vector3f& plane : planes) plane = rt.transform_normal(plane);
+            const Vector3f N = rt.transform_normal(normal);
+
+            const Vector3f P = rt * point;
+            const Vector3f q = (P - shift) / pointDis;
+            const Vector3i g(static_cast<int>(q.x()), static_cast<int>(q.y()), static_cast<int>(q.z()));
+            if (g.minCoeff() < 3 || g.maxCoeff() >= bound) continue;
+            const Vector3f Q = (g.cast<float>() + Vector3f::Constant(0.5f)) * pointDis;
+            for (int k = 0; k < n * n * n; ++k) {
+                const Vector3i oi(k % n - n / 2, k % (n * n) / n - n / 2, k / (n * n) - n / 2);
+                const Vector3f o = oi.cast<float>() * pointDis;
+                const VoxelKey at{g.x() + oi.x(), g.y() + oi.y(), g.z() + oi.z()};
+                if (*std::min_element(at.begin(), at.end()) < 0 || *std::max_element(at.begin(), at.end()) >= size)
+                    continue;
+                bool outside = false, onSide = false;
+                for (const Vector3f& plane : planes) {
+                    const float product = (origin - Q - o).dot(plane);
+                    outside = outside || product > 0.0f;
+                    onSide = onSide || std::abs(product) < 1e-3f * pointDis * plane.norm();
+                }
+                if (onSide) doubtful.insert(at);
+                if (outside || onSide) continue;
+                add(voxels[at], (Q + o - (P - shift)).dot(N), w, N, pointDis);
+            }
+        }
+    }
+
+    static void add(Expected& voxel, float d, float w, const Vector3f& N, float pointDis) {
+        add_expected<Leaf>(voxel, d, w);
+        const bool down = N.minCoeff()<0.0f, up = N.maxCoeff()> 0.0f;
+        voxel.changed = voxel.changed || (std::abs(d) < 2.0f * pointDis && ((d > 0.0f && down) || (d < 0.0f && up)));
+        const float nearest = std::min(std::abs(d), std::abs(std::abs(d) - 2.0f * pointDis));
+        voxel.doubtfulChange = voxel.doubtfulChange || nearest < 1e-3f * pointDis;
+    }
+};
+
+/// Slots that must be left out, next to good ones: not finite, behind the camera, without weight, grazing.
+void spoil(PointImage& frame) {
+    const float bad[] = {0.0f, kNaN, kInfinity, 5e-7f, -1.0f};
+    for (std::size_t i = 0; i < frame.get_vn(); i += 11) {
+        const float value = bad[i / 11 % 5];
+        switch (i / 55 % 4) {
+            case 0:
+                frame.set_vCoord(i, {frame.get_vCoord(i).x(), frame.get_vCoord(i).y(), value});
+                break;
+            case 1:
+                frame.set_vNrv(i, {frame.get_vNrv(i).x(), frame.get_vNrv(i).y(), value});
+                break;
+            case 2:
+                frame.set_vWeight(i, value == kInfinity ? 0.0f : value);
+                break;
+            default:
+                frame.set_vCoord(i, {value, 0.0f, value});
+                break;
+        }
+    }
+}
+
+template <class Leaf>
+void configure(FusionTsdf<Leaf>& volume, const Setting& setting) {
+    if (setting.modify) volume.modify_smooth_and_fusionrange(setting.smoothThreshold, setting.range);
+    if (setting.sceneAt != Vector3i(0, 0, 0)) volume.set_shift(-setting.sceneAt.cast<float>() * setting.pointDis);
+}
+
+template <class Leaf>
+void expect_same(const FusionTsdf<Leaf>& volume, const ReferenceVolume<Leaf>& reference, const Setting& setting) {
+    const float rounding =
+        8.0f * std::numeric_limits<float>::epsilon() * setting.pointDis * static_cast<float>(1 << setting.treeDepth);
+    std::size_t compared = 0, missing = 0, surplus = 0, wrong = 0;
+    std::set<VoxelKey> found;
+    for (const Voxel& voxel : used_voxels(volume)) {
+        EXPECT_TRUE(found.insert(voxel.at).second);
+        if (reference.doubtful.count(voxel.at) > 0) continue;
+        const auto it = reference.voxels.find(voxel.at);
+        if (it == reference.voxels.end()) {
+            ++surplus;
+            continue;
+        }
+        const Expected& expected = it->second;
+        const bool same =
+            voxel.count == expected.count && voxel.weight == expected.weight &&
+            std::abs(voxel.sum - expected.sum) <= expected.weight * rounding + 1e-6f * std::abs(expected.sum);
+        wrong += same ? 0 : 1;
+        ++compared;
+    }
+    for (const auto& [at, expected] : reference.voxels) {
+        missing += reference.doubtful.count(at) == 0 && found.count(at) == 0 ? 1 : 0;
+    }
+    EXPECT_EQ(missing, 0u);
+    EXPECT_EQ(surplus, 0u);
+    EXPECT_EQ(wrong, 0u);
+    EXPECT_GT(compared, 1000u);
+    EXPECT_LT(reference.doubtful.size(), (compared + reference.doubtful.size()) / 20);
+    testing::Test::RecordProperty("voxels_compared", static_cast<int>(compared));
+    testing::Test::RecordProperty("voxels_left_out", static_cast<int>(reference.doubtful.size()));
+}
+
+template <class Leaf>
+void expect_changes(const FusionTsdf<Leaf>& volume, const ReferenceVolume<Leaf>& reference,
+                    const ChangedLeaves& changed) {
+    std::set<VoxelKey> marked;
+    for (const int leaf : changed) {
+        const Vector3i at = volume.get_fusion_tree().leaf_coordinates(leaf);
+        EXPECT_TRUE(marked.insert({at.x(), at.y(), at.z()}).second) << "twice in the list";
+    }
+    std::size_t wrong = 0;
+    for (const auto& [at, expected] : reference.voxels) {
+        if (reference.doubtful.count(at) > 0 || expected.doubtfulChange) continue;
+        wrong += (marked.count(at) > 0) == expected.changed ? 0 : 1;
+    }
+    EXPECT_EQ(wrong, 0u);
+    EXPECT_GT(marked.size(), 1000u);
+}
+
+template <class Leaf>
+void compare_with_reference(const Setting& setting) {
+    FusionTsdf<Leaf> volume(setting.treeDepth, setting.pointDis, setting.smoothThreshold,
+                            setting.modify ? 5 : setting.range, setting.threads, "");
+    configure(volume, setting);
+    ReferenceVolume<Leaf> reference;
+    ChangedLeaves changed;
+    for (const RigidMatrix& pose : scene_poses()) {
+        Simulation::RenderSettings settings;
+        settings.viewRadial = Vector2f::Constant(setting.viewRadial);
+        PointImage frame = Simulation::render(*ball_and_wall(), {60.0, 61.0, 29.2, 22.7}, 60, 45, pose, settings);
+        spoil(frame);
+        ASSERT_TRUE(volume.fusion_one_frame_speckle_parallel(frame, pose, changed, true, false, nullptr));
+        reference.integrate(frame, pose, setting, setting.range, volume.get_treeShift());
+    }
+    expect_same(volume, reference, setting);
+    if constexpr (Leaf::HasChangedFlag) expect_changes(volume, reference, changed);
+}
+
+class AgainstReference : public testing::TestWithParam<Setting> {};
+
+TEST_P(AgainstReference, SpeckleLeaves) {
+    compare_with_reference<LeafTSDFSpeckle>(GetParam());
+}
+
+INSTANTIATE_TEST_SUITE_P(Integration, AgainstReference,
+                         testing::Values(Setting{"default"}, Setting{"range_3", 0.5f, 3},
+                                         Setting{"range_4_modified", 0.5f, 4, 10, 0.8f, true},
+                                         Setting{"wide_cones", 1.3f}, Setting{"no_cones", 0.0f},
+                                         Setting{"negative_half_width", -0.5f}, Setting{"deep_tree", 0.5f, 5, 13},
+                                         Setting{"range_7_fine_voxels", 0.5f, 7, 12, 0.6f},
+                                         Setting{"at_low_faces", 0.5f, 9, 10, 0.8f, true, {4, 40, 5}},
+                                         Setting{"at_high_faces", 0.5f, 9, 10, 0.8f, true, {1010, 1000, 1015}},
+                                         Setting{"view_radial", 0.5f, 5, 10, 0.8f, false, {0, 0, 0}, 3.5f},
+                                         Setting{"four_threads", 1.3f, 5, 10, 0.8f, false, {0, 0, 0}, 0.0f, 4}),
+                         [](const auto& setting) { return std::string(setting.param.name); });
+
+template <class Leaf>
+class EveryLeaf : public testing::Test {};
+using Leaves = testing::Types<LeafTSDFSpeckle, LeafTSDFTeeth, LeafTSDFCloudGenerator, LeafTSDFLaser>;
+TYPED_TEST_SUITE(EveryLeaf, Leaves);
+
+TYPED_TEST(EveryLeaf, FusesAsDefined) {
+    compare_with_reference<TypeParam>({"two_threads", 0.5f, 5, 10, 0.8f, false, {0, 0, 0}, 0.0f, 2});
+}
+
+TYPED_TEST(EveryLeaf, CloudsWithoutImageOrderFuseLikeImagesWeightedByTheNormal) {
+    const Setting setting{"cloud", 0.5f};
+    FusionTsdf<TypeParam> volume(setting.treeDepth, setting.pointDis, setting.smoothThreshold, setting.range, 2, "");
+    ReferenceVolume<TypeParam> reference;
+    for (const RigidMatrix& pose : scene_poses()) {
+        PointImage frame = scene_frame(pose);
+        Cloud cloud;
+        cloud.enable_vNormal();
+        for (std::size_t i = frame.get_vn(); i-- > 0;) {  // any order
+            frame.set_vWeight(i, std::abs(frame.get_vNrv(i).z()));
+            cloud.set_vNrv(cloud.add_vCoord(frame.get_vCoord(i)), frame.get_vNrv(i));
+        }
+        for (const Vector3f& outsideImage : {Vector3f(100, 0, 50), Vector3f(0, 0, -50), Vector3f(0, -60, 50)}) {
+            cloud.set_vNrv(cloud.add_vCoord(outsideImage), {0, 0, -1});
+        }
+        ASSERT_TRUE(volume.fusion_one_frame(cloud, pose, frame.get_camPar(), {80, 60}));
+        reference.integrate(frame, pose, setting, setting.range, volume.get_treeShift());
+    }
+    // Contributions come in another order, so weights agree to rounding only: compare them apart.
+    for (const Voxel& voxel : used_voxels(volume)) {
+        const auto it = reference.voxels.find(voxel.at);
+        if (reference.doubtful.count(voxel.at) > 0 || it == reference.voxels.end()) continue;
+        ASSERT_NEAR(voxel.weight, it->second.weight, 1e-5f * voxel.weight);
+        it->second.weight = voxel.weight;
+    }
+    expect_same(volume, reference, setting);
+}
+
+// ---- the same results whichever way they are computed ------------------------------------------------
+
+std::vector<Voxel> by_coordinates(std::vector<Voxel> voxels) {
+    std::sort(voxels.begin(), voxels.end(), [](const Voxel& a, const Voxel& b) { return a.at < b.at; });
+    return voxels;
+}
+
+TYPED_TEST(EveryLeaf, OneThreadRepeatsItselfSeveralAgreeToRounding) {
+    std::vector<std::vector<Voxel>> runs;
+    for (const int threads : {1, 1, 4}) {
+        FusionTsdf<TypeParam> volume(10, 0.8f, 0.7f, 5, threads, "");
+        for (const RigidMatrix& pose : scene_poses()) ASSERT_TRUE(fuse(volume, scene_frame(pose), pose));
+        runs.push_back(used_voxels(volume));
+    }
+    EXPECT_EQ(runs[0], runs[1]);
+    const std::vector<Voxel> one = by_coordinates(runs[0]), four = by_coordinates(runs[2]);
+    ASSERT_EQ(one.size(), four.size());
+    for (std::size_t i = 0; i < one.size(); ++i) {
+        ASSERT_EQ(one[i].at, four[i].at);
+        ASSERT_EQ(one[i].count, four[i].count);
+        ASSERT_NEAR(one[i].weight, four[i].weight, 1e-5f * one[i].weight);
+        ASSERT_NEAR(one[i].sum, four[i].sum, 1e-5f * one[i].weight);
+    }
+}
+
+TEST(Integration, PointByPointEqualsTheWholeFrame) {
+    FusionTsdf<LeafTSDFTeeth> whole(10, 0.8f, 0.5f, 5, 1, ""), points(10, 0.8f, 0.5f, 5, 1, "");
+    ChangedLeaves changedWhole, changedPoints;
+    for (const RigidMatrix& pose : scene_poses()) {
+        const PointImage frame = scene_frame(pose);
+        ASSERT_TRUE(whole.fusion_one_frame_speckle_parallel(frame, pose, changedWhole, true, true, nullptr));
+        points.set_shift(whole.get_treeShift());
+        if (points.get_fusion_cone().empty()) points.computer_fusion_cone(frame);
+        std::vector<int> every(frame.get_vn());
+        std::iota(every.begin(), every.end(), 0);
+        for (std::uint64_t k = 0; k < every.size(); ++k) {
+            points.integrate_tsdfvolume_speckle(frame, pose, k, changedPoints, 0.8f, (1 << 10) - 3, every, true,
+                                                nullptr);
+        }
+    }
+    EXPECT_EQ(used_voxels(whole), used_voxels(points));
+    EXPECT_TRUE(std::equal(changedWhole.begin(), changedWhole.end(), changedPoints.begin(), changedPoints.end()));
+}
+
+TYPED_TEST(EveryLeaf, StoredFramesFuseAsOneByOne) {
+    FusionTsdf<TypeParam> single(10, 0.8f, 0.5f, 5, 1, ""), run(10, 0.8f, 0.5f, 5, 1, ""),
+        owner(10, 0.8f, 0.5f, 5, 1, "");
+    VexelOctree::Octree<TypeParam> tree;
+    tree.set_point_dis(0.8f);
+    const std::vector<RigidMatrix> poses = scene_poses();
+    std::vector<PointImage> frames;
+    for (const RigidMatrix& pose : poses) frames.push_back(scene_frame(pose));
+    ChangedLeaves changed;
+    for (std::size_t i = 0; i < poses.size(); ++i) {
+        ASSERT_TRUE(fuse(single, frames[i], poses[i]));
+        tree.set_shift(single.get_treeShift());
+        ASSERT_TRUE(owner.fusion_all_frame_tbb(tree, frames[i], poses[i], changed));
+    }
+    EXPECT_EQ(owner.get_vaild_leaf_num(), 0);
+    ASSERT_TRUE(run.parallel_fusion_all_frame_run(frames, poses, changed));
+    EXPECT_EQ(used_voxels(run), used_voxels(single));
+    ASSERT_EQ(tree.get_vaild_leaf_num(), single.get_vaild_leaf_num());
+    for (int i = 0; i < tree.get_vaild_leaf_num(); ++i) {
+        ASSERT_EQ(tree.leaf_at(i).tsdfSum, single.get_fusion_tree().leaf_at(i).tsdfSum);
+    }
+}
+
+// ---- placement, margins, tables ----------------------------------------------------------------------
+
+TEST(Placement, NeedsMoreThanFiftyUsablePoints) {
+    FusionTsdf<LeafTSDFSpeckle> volume(10, 0.5f, 0.5f, 5, 1, "");
+    const RigidMatrix pose(Matrix3d::Identity(), {10, 20, 30});
+    PointImage frame = flat_frame(55);
+    frame.set_vCoord(1, {0, 0, -50});    // behind the camera
+    frame.set_vCoord(2, {0, 0, 9e-6f});  // too near
+    frame.set_vNrv(3, {1, 0, 9e-6f});    // seen from the side
+    frame.set_vNrv(4, {kNaN, 0, kNaN});
+    frame.set_vCoord(50, Vector3f::Zero());
+    EXPECT_EQ(printed([&] { EXPECT_FALSE(fuse(volume, frame, pose)); }),
+              "can not run function get_shift because invaildNum <= 50 invaildNum = 50\n"
+              "can not run this function because get_shift(oneFrame, rt) == false\n");
+    EXPECT_EQ(printed([&] { EXPECT_FALSE(volume.integrate_tsdfvolume_cam_constrain_one_frame_parallel(frame, pose)); }),
+              "can not run function get_shift because invaildNum <= 50 invaildNum = 50\n");
+    EXPECT_EQ(volume.get_vaild_leaf_num(), 0);
+    EXPECT_EQ(volume.get_treeShift(), Vector3f(0, 0, 0));
+
+    frame.set_vCoord(50, flat_frame(55).get_vCoord(50));
+    EXPECT_EQ(printed([&] { EXPECT_TRUE(fuse(volume, frame, pose)); }), "");
+    Vector3d mean = Vector3d::Zero();
+    for (std::size_t i = 0; i < 55; ++i)
+        mean += i >= 1 && i <= 4 ? Vector3d::Zero() : Vector3d(frame.get_vCoord(i).cast<double>());
+    const Vector3d expected = mean / 51 + Vector3d(10, 20, 30) - Vector3d::Constant(256);
+    EXPECT_LT((volume.get_model_shift().cast<double>() - expected).norm(), 1e-4);
+
+    // A shift that is there already stays; only the camera-constrained form places every empty volume.
+    FusionTsdf<LeafTSDFSpeckle> placed(10, 0.5f, 0.5f, 5, 1, "");
+    placed.set_shift({0, 0, -2e-6f});
+    EXPECT_TRUE(fuse(placed, flat_frame(20)));
+    EXPECT_EQ(placed.get_treeShift(), Vector3f(0, 0, -2e-6f));
+    placed.clear();
+    EXPECT_TRUE(placed.integrate_tsdfvolume_cam_constrain_one_frame_parallel(flat_frame(60), pose));
+    EXPECT_LT(placed.get_treeShift().x(), -200.0f);
+}
+
+TEST(Margins, ThreeVoxelsStayFreeAtEveryFace) {
+    const std::pair<int, bool> cases[] = {{2, false},    {3, true},   {1020, true},
+                                          {1021, false}, {-1, false}, {1024, false}};
+    for (int axis = 0; axis < 3; ++axis) {
+        for (const auto& [coordinate, used] : cases) {
+            FusionTsdf<LeafTSDFSpeckle> volume(10, 1.0f, 0.0f, 5, 1, "");
+            const PointImage frame = flat_frame(1);
+            Vector3i voxel(500, 500, 500);
+            voxel[axis] = coordinate;
+            volume.set_shift(frame.get_vCoord(0) - voxel.cast<float>() - Vector3f::Constant(0.5f));
+            EXPECT_TRUE(fuse(volume, frame));
+            EXPECT_EQ(used_voxels(volume).size(), used ? 125u : 0u) << axis << " " << coordinate;
+        }
+    }
+}
+
+TEST(OffsetTables, RangesBecomeOddInTheConstructorOnly) {
+    const std::pair<int, int> constructed[] = {{4, 5}, {6, 7}, {1, 1}, {0, 1}, {-7, 1}, {5, 5}};
+    for (const auto& [given, kept] : constructed) {
+        FusionTsdf<LeafTSDFSpeckle> volume(10, 0.25f, 0.5f, given, 1, "");
+        EXPECT_EQ(volume.get_shiftLTInt().size(), static_cast<std::size_t>(kept * kept * kept)) << given;
+    }
+    FusionTsdf<LeafTSDFSpeckle> volume(3, -1.0f, 0.75f, 3, -4, "out");
+    EXPECT_EQ(volume.get_treeDepth(), 10);
+    EXPECT_EQ(volume.get_pointDis(), 0.5f);
+    EXPECT_EQ(volume.get_smooth_threshold(), 0.75f);
+    EXPECT_EQ(volume.get_code_Num(), 1);
+    EXPECT_EQ(volume.get_output_path(), "out");
+    volume.computer_fusion_cone(flat_frame(0));
+    volume.modify_smooth_and_fusionrange(0.6f, 4);
+    EXPECT_TRUE(volume.get_fusion_cone().empty());
+    const std::vector<Vector3i> voxels = volume.get_shiftLTInt();
+    const std::vector<Vector3f> offsets = volume.get_shiftLT();
+    ASSERT_EQ(voxels.size(), 64u);
+    ASSERT_EQ(offsets.size(), 64u);
+    for (int k = 0; k < 64; ++k) {
+        const Vector3i expected(k % 4 - 2, k % 16 / 4 - 2, k / 16 - 2);
+        EXPECT_EQ(voxels[static_cast<std::size_t>(k)], expected);
+        EXPECT_EQ(offsets[static_cast<std::size_t>(k)], Vector3f(expected.cast<float>() * 0.5f));
+    }
+    volume.computer_fusion_cone(flat_frame(0));
+    volume.reset_smooth_and_fusionrange();
+    EXPECT_TRUE(volume.get_fusion_cone().empty());
+    EXPECT_EQ(volume.get_smooth_threshold(), 0.5f);
+    EXPECT_EQ(volume.get_shiftLT().size(), 125u);
+    volume.reset_code_Num(0);
+    EXPECT_EQ(volume.get_code_Num(), 1);
+}
+
+TEST(FusionCone, NeighbouringPixelsShareTheirBoundaries) {
+    FusionTsdf<LeafTSDFSpeckle> volume(10, 0.5f, 0.5f, 5, 1, "");
+    volume.computer_fusion_cone(flat_frame(0));
+    const FusionCone& cone = volume.get_fusion_cone();
+    ASSERT_EQ(cone.get_width() * cone.get_height(), 120);
+    for (int u = 0; u + 1 < 12; ++u) EXPECT_EQ(cone.pixel(u, 3).right, cone.pixel(u + 1, 3).left);
+    for (int v = 0; v + 1 < 10; ++v) EXPECT_EQ(cone.pixel(3, v).bottom, cone.pixel(3, v + 1).top);
+    EXPECT_FLOAT_EQ(cone.pixel(7, 2).left, (6.5f - 5.5f) / 50.0f);
+    const auto planes = cone.plane_normals(7, 2);
+    const float h = 1.0f / 50.0f, xL = 1.0f / 50.0f, xR = 2.0f / 50.0f, yT = -3.0f / 50.0f, yB = -2.0f / 50.0f;
+    const Vector3f expected[4] = {
+        {h, 0, xL * yT - yB * xL}, {0, h, xL * yT - xR * yT}, {-h, 0, xR * yB - xR * yT}, {0, -h, xR * yB - xL * yB}};
+    for (std::size_t i = 0; i < 4; ++i) EXPECT_LT((planes[i] - expected[i]).norm(), 1e-7f) << i;
+}
+
+// ---- removal, labels, colour, caps -------------------------------------------------------------------
+
+TEST(Defusion, UndoesAFrameInTeethLeavesOnly) {
+    const std::vector<RigidMatrix> poses = scene_poses();
+    const PointImage first = scene_frame(poses[0]), second = scene_frame(poses[1]);
+    FusionTsdf<LeafTSDFTeeth> once(10, 0.8f, 0.5f, 5, 1, ""), twice(10, 0.8f, 0.5f, 5, 1, "");
+    EXPECT_TRUE(fuse(once, first, poses[0]));
+    EXPECT_TRUE(fuse(twice, first, poses[0]));
+    const std::size_t before = used_voxels(twice).size();
+    EXPECT_TRUE(fuse(twice, first, poses[0]));
+    EXPECT_TRUE(fuse(twice, second, poses[1]));
+    EXPECT_TRUE(fuse(twice, second, poses[1], false));
+    EXPECT_TRUE(fuse(twice, first, poses[0], false));
+    std::map<VoxelKey, Voxel> left;
+    for (const Voxel& voxel : used_voxels(twice)) left.insert({voxel.at, voxel});
+    EXPECT_GT(left.size(), before);
+    for (const Voxel& voxel : used_voxels(once)) {
+        const Voxel& same = left.at(voxel.at);
+        ASSERT_EQ(same.count, voxel.count);
+        ASSERT_NEAR(same.sum, voxel.sum, 1e-4f);
+        ASSERT_NEAR(same.weight, voxel.weight, 1e-4f);
+        left.erase(voxel.at);
+    }
+    // Whose only contributions are gone holds nothing, not even rounding residue.
+    for (const auto& [at, voxel] : left) EXPECT_TRUE(voxel.count == 0 && voxel.sum == 0.0f && voxel.weight == 0.0f);
+
+    FusionTsdf<LeafTSDFSpeckle> speckle(10, 0.8f, 0.5f, 5, 1, "");
+    EXPECT_TRUE(fuse(speckle, first, poses[0]));
+    const std::vector<Voxel> kept = used_voxels(speckle);
+    EXPECT_TRUE(fuse(speckle, first, poses[0], false));
+    EXPECT_EQ(used_voxels(speckle), kept);
+}
+
+TEST(Defusion, FrozenLeavesKeepTheirDistance) {
+    FusionTsdf<LeafTSDFTeeth> volume(10, 0.5f, 0.5f, 5, 1, "");
+    EXPECT_TRUE(fuse(volume, flat_frame(120)));
+    const std::vector<Voxel> before = used_voxels(volume);
+    for (int i = 0; i < volume.get_vaild_leaf_num(); ++i) volume.get_fusion_tree().leaf_at(i).frozen = 1;
+    for (const bool add : {true, false, false}) EXPECT_TRUE(fuse(volume, flat_frame(120), {}, add));
+    EXPECT_EQ(used_voxels(volume), before);
+}
+
+TEST(TeethLeaves, CountLabelsAndBlendColours) {
+    FusionTsdf<LeafTSDFTeeth> volume(10, 0.5f, 0.0f, 1, 1, "");  // one voxel a point
+    PointImage frame = flat_frame(60);
+    frame.enable_vColor();
+    std::vector<unsigned char> labels(120, 0);
+    for (std::size_t i = 0; i < 60; ++i) {
+        labels[i] = static_cast<unsigned char>(i % 6);
+        frame.set_vNrv(i, Vector3f(0, 0.6f, -0.8f));
+        frame.set_vColor(i, i % 6 == 5 ? Vector3f(0, 0, 0) : Vector3f(0.25f, 0.5f, 1.0f));
+    }
+    const auto leaf_of = [&](std::size_t i) -> const LeafTSDFTeeth& {
+        const auto& tree = volume.get_fusion_tree();
+        return tree.leaf_at(tree.find_leaf(tree.world_to_voxel(frame.get_vCoord(i))));
+    };
+    EXPECT_TRUE(fuse(volume, frame, {}, true, &labels));
+    EXPECT_TRUE(fuse(volume, frame, {}, true, &labels));
+    EXPECT_TRUE(fuse(volume, frame, {}, false, &labels));
+    for (std::size_t i = 0; i < 60; ++i) {
+        for (std::size_t label = 1; label <= 4; ++label)
+            EXPECT_EQ(leaf_of(i).labels[label - 1], i % 6 == label ? 1 : 0);
+        EXPECT_FLOAT_EQ(leaf_of(i).color[1], i % 6 == 5 ? 0.0f : 0.5f);
+    }
+    EXPECT_GE(leaf_of(0).colorWeight, 1.6f);  // |z| of the normal a frame
+    EXPECT_EQ(leaf_of(5).colorWeight, 0.0f);
+
+    const std::vector<unsigned char> tooFew(119, 1);
+    EXPECT_EQ(printed([&] { EXPECT_TRUE(fuse(volume, frame, {}, true, &tooFew)); }),
+              "updata AI inform failed! Because AIInform->size() !=oneFrame.get_vn()!\n");
+    EXPECT_EQ(leaf_of(1).labels[0], 1);
+    EXPECT_EQ(leaf_of(1).count(), 2);
+    for (int i = 0; i < 3; ++i) EXPECT_TRUE(fuse(volume, frame, {}, false, &labels));
+    EXPECT_EQ(leaf_of(1).labels[0], 0);
+}
+
+TEST(GeneratorLeaves, WeightStopsAtItsCapWhileTheSumGoesOn) {
+    FusionTsdf<LeafTSDFCloudGenerator> volume(10, 0.5f, 0.0f, 1, 1, "");
+    volume.set_shift({-100, -100, -100.1f});
+    float sum = 0.0f;
+    for (int n = 1; n <= 8; ++n) {
+        EXPECT_TRUE(fuse(volume, flat_frame(1, 50.0f, 100.004f)));  // 10001.4 each, of which 10001 count
+        const Voxel voxel = used_voxels(volume).at(0);
+        EXPECT_EQ(voxel.count, n);
+        EXPECT_EQ(voxel.weight, static_cast<float>(std::min(n, 6) * 10001));
+        EXPECT_GT(std::abs(voxel.sum), sum);
+        sum = std::abs(voxel.sum);
+    }
+    EXPECT_NEAR(sum, 8 * 10001.4f * 0.15f, 20.0f);
+}
+
+TEST(ChangedLeaves, AreListedOnceUntilTheirMarkIsCleared) {
+    FusionTsdf<LeafTSDFSpeckle> volume(10, 0.8f, 0.5f, 5, 4, "");
+    const PointImage frame = scene_frame(scene_poses()[0]);
+    ChangedLeaves changed;
+    const auto integrate = [&] {
+        changed.clear();
+        EXPECT_TRUE(volume.fusion_one_frame_speckle_parallel(frame, scene_poses()[0], changed, true, true, nullptr));
+        return std::set<int>(changed.begin(), changed.end()).size();
+    };
+    const std::size_t first = integrate();
+    EXPECT_GT(first, 1000u);
+    EXPECT_EQ(first, changed.size());
+    EXPECT_EQ(integrate(), 0u);
+    volume.reset_leaf_tbb();
+    EXPECT_EQ(integrate(), first);
+}
+
+// ---- contribution, constraint, life cycle ------------------------------------------------------------
+
+TEST(SpaceContribution, CountsPointsOnEmptyVoxels) {
+    FusionTsdf<LeafTSDFSpeckle> volume(10, 0.8f, 0.5f, 5, 3, "");
+    const std::vector<RigidMatrix> poses = scene_poses();
+    EXPECT_EQ(volume.get_space_contribution(PointImage(), poses[0]), 0);
+    EXPECT_TRUE(fuse(volume, scene_frame(poses[0]), poses[0]));
+    const RigidMatrix away(Matrix3d::Identity(), {0, 0, 3000});
+    for (const RigidMatrix& pose : {poses[0], poses[1], poses[2], away}) {
+        PointImage frame = scene_frame(pose.get_translation().z() > 1000 ? poses[0] : pose);
+        spoil(frame);
+        int expected = 0;
+        const auto& tree = volume.get_fusion_tree();
+        for (std::size_t i = 0; i < frame.get_vn(); ++i) {
+            const Vector3f &point = frame.get_vCoord(i), &normal = frame.get_vNrv(i);
+            if (!(std::abs(normal.z()) >= 1e-6f && std::abs(point.z()) >= 1e-6f && frame.get_vWeight(i) >= 1e-6f))
+                continue;
+            if (!point.allFinite() || !normal.allFinite()) continue;
+            const int leaf = tree.find_leaf(tree.world_to_voxel(pose * point));
+            expected +=
+                leaf < 0 || !tree.leaf_at(leaf).is_used() || std::abs(tree.leaf_at(leaf).value()) < 1e-6f ? 1 : 0;
+        }
+        EXPECT_EQ(volume.get_space_contribution(frame, pose), expected);
+    }
+    EXPECT_LT(volume.get_space_contribution(scene_frame(poses[0]), poses[0]), 100);
+    EXPECT_GT(volume.get_space_contribution(scene_frame(poses[1]), poses[1]), 1000);
+}
+
+/// Mean z of the surface of a plane at z = 50 that five frames have established, after one more frame that sees
+/// it at `depth`.
+template <class Leaf>
+double surface_after(float depth, bool constrained) {
+    FusionTsdf<Leaf> volume(10, 0.5f, 0.8f, 5, 2, "");
+    for (int i = 0; i < 5; ++i)
+        EXPECT_TRUE(volume.integrate_tsdfvolume_cam_constrain_one_frame_parallel(flat_frame(120), {}));
+    const PointImage more = flat_frame(120, depth);
+    EXPECT_TRUE(constrained ? volume.integrate_tsdfvolume_cam_constrain_one_frame_parallel(more, {})
+                            : fuse(volume, more));
+    BaseTriMesh mesh;
+    std::vector<int> axes;
+    EXPECT_EQ(volume.get_result(0.0f, mesh, axes, false), RET_SUCCESS);
+    double sum = 0.0;
+    int count = 0;
+    for (const Vector3f& vertex : mesh.get_vCoords()) {
+        if (std::abs(vertex.z() - 50.0f) > 0.5f) continue;  // of the old surface
+        sum += vertex.z();
+        ++count;
+    }
+    EXPECT_GT(count, 20);
+    return sum / count;
+}
+
+template <class Leaf>
+class ConstrainedLeaf : public testing::Test {};
+using ConstrainedLeaves = testing::Types<LeafTSDFSpeckle, LeafTSDFCloudGenerator>;
+TYPED_TEST_SUITE(ConstrainedLeaf, ConstrainedLeaves);
+
+TYPED_TEST(ConstrainedLeaf, AgreeingFramesRefineContradictingOnesDoNot) {
+    const double established = surface_after<TypeParam>(50.0f, true);
+    EXPECT_NEAR(established, 50.0, 0.005);
+    for (const double off : {0.1, -0.1, 0.3, -0.5, 0.8, -0.8, 1.0, -1.0, 1.5, -2.0}) {
+        const double agreement = std::pow(std::max(0.0, 1.0 - off * off), 2);  // gone at two voxels, 1 mm
+        const double moved = surface_after<TypeParam>(static_cast<float>(50.0 + off), true) - established;
+        EXPECT_NEAR(moved, off * agreement / (5.0 + agreement), 0.002) << off;
+        if (agreement == 0.0) {
+            EXPECT_NEAR(moved, 0.0, 1e-5) << off;
+        }
+    }
+    EXPECT_GT(surface_after<TypeParam>(50.8f, false), established + 0.1);
+}
+
+TYPED_TEST(EveryLeaf, ResetsKeepWhatTheySay) {
+    FusionTsdf<TypeParam> volume(11, 0.8f, 0.5f, 3, 2, "");
+    const RigidMatrix pose = scene_poses()[1];
+    const PointImage frame = scene_frame(pose);
+    EXPECT_TRUE(fuse(volume, frame, pose));
+    const Vector3f shift = volume.get_treeShift();
+    const std::vector<Voxel> filled = by_coordinates(used_voxels(volume));
+    const int slots = volume.get_vaild_leaf_num();
+    for (const bool tbb : {false, true}) {
+        tbb ? volume.reset_leaf_tbb() : volume.reset_leaf();
+        EXPECT_EQ(volume.get_vaild_leaf_num(), slots);
+        EXPECT_TRUE(used_voxels(volume).empty());
+        volume.reset_code_Num(1);
+        EXPECT_TRUE(fuse(volume, frame, pose));
+        EXPECT_EQ(volume.get_vaild_leaf_num(), slots);
+        EXPECT_EQ(by_coordinates(used_voxels(volume)).size(), filled.size());
+    }
+    volume.clear();
+    EXPECT_EQ(volume.get_vaild_leaf_num(), 0);
+    EXPECT_FALSE(volume.get_fusion_cone().empty());
+    EXPECT_EQ(volume.get_shiftLT().size(), 27u);
+    EXPECT_EQ(volume.get_treeDepth(), 11);
+    EXPECT_TRUE(fuse(volume, frame, pose));
+    EXPECT_EQ(volume.get_treeShift(), shift);
+    volume.reset();
+    EXPECT_EQ(volume.get_vaild_leaf_num(), 0);
+    EXPECT_TRUE(volume.get_fusion_cone().empty());
+    EXPECT_EQ(volume.get_pointDis(), 0.8f);
+    EXPECT_TRUE(fuse(volume, frame, pose));
+    EXPECT_EQ(by_coordinates(used_voxels(volume)).size(), filled.size());
+}
+
+}  // namespace
+}  // namespace VexelAlgorithm::Fusion

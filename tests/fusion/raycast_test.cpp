@@ -1,0 +1,374 @@
+// The raycast against a plain march written from its definition, against the rendered truth, and at its limits.
+#include "fusion/rayCast.h"
+
+#include <cmath>
+#include <memory>
+
+#include "tests/fusion/fusionScenes.h"
+
+namespace VexelAlgorithm::Fusion {
+namespace {
+
+constexpr int kWidth = 150, kHeight = 110;
+const CameraInParam kCamera(160.0, 161.0, 74.3, 55.1);
+const Vector2f kNearFar(5.0f, 200.0f);
+
+PointImage empty_view(int width = kWidth, int height = kHeight) {
+    PointImage view;
+    view.ini(width, height, kCamera, 1, Vector2f::Zero());
+    return view;
+}
+
+PointImage truth_view(const RigidMatrix& pose) {
+    return Simulation::render(*ball_and_wall(), kCamera, kWidth, kHeight, pose);
+}
+
+std::vector<RigidMatrix> views() {
+    return {Simulation::look_at({5, -58, 4}, {0, 0, 0}), Simulation::look_at({25, -52, 16}, {2, 0, 1}),
+            Simulation::look_at({-20, -50, -18}, {-1, 1, 0})};
+}
+
+template <class Leaf>
+std::unique_ptr<FusionTsdf<Leaf>> fused_scene() {
+    auto volume = std::make_unique<FusionTsdf<Leaf>>(10, 0.5f, 0.6f, 5, 2, "");
+    for (const RigidMatrix& pose : scene_poses()) EXPECT_TRUE(fuse(*volume, truth_view(pose), pose));
+    for (const RigidMatrix& pose : views()) EXPECT_TRUE(fuse(*volume, truth_view(pose), pose));
+    return volume;
+}
+
+const FusionTsdf<LeafTSDFSpeckle>& scene_volume() {
+    static const std::unique_ptr<FusionTsdf<LeafTSDFSpeckle>> volume = fused_scene<LeafTSDFSpeckle>();
+    return *volume;
+}
+
+const RayCastNormals kFromVolume{false, 1, 0.0f};
+
+// ---- a plain march -----------------------------------------------------------------------------------
+
+template <class Leaf>
+float value_at(const VexelOctree::Octree<Leaf>& tree, int x, int y, int z) {
+    const int leaf = tree.find_leaf(x, y, z);
+    return leaf < 0 || leaf >= tree.pool().size() || !tree.leaf_at(leaf).is_used() ? 0.0f : tree.leaf_at(leaf).value();
+}
+
+template <class Leaf>
+float trilinear_at(const VexelOctree::Octree<Leaf>& tree, const Vector3f& point) {
+    const Vector3f q = (point - tree.get_shift()) / tree.get_pointDis();
+    int low[3];
+    float f[3];
+    for (int axis = 0; axis < 3; ++axis) {
+        if (!(std::abs(q[axis]) < 1e9f)) return kNaN;
+        low[axis] = static_cast<int>(q[axis]);
+        if (low[axis] < 1 || low[axis] > tree.get_size() - 3) return kNaN;
+        f[axis] = q[axis] - (static_cast<float>(low[axis]) + 0.5f);
+        if (f[axis] < 0.0f) --low[axis], f[axis] += 1.0f;
+    }
+    float v[8];
+    for (int k = 0; k < 8; ++k) {
+        v[k] = value_at(tree, low[0] + (k & 1), low[1] + (k >> 1 & 1), low[2] + (k >> 2));
+        if (std::abs(v[k]) < 1e-6f) return kNaN;
+    }
+    for (int k = 0; k < 4; ++k) v[k] = v[2 * k] * (1.0f - f[0]) + v[2 * k + 1] * f[0];
+    for (int k = 0; k < 2; ++k) v[k] = v[2 * k] * (1.0f - f[1]) + v[2 * k + 1] * f[1];
+    return v[0] * (1.0f - f[2]) + v[1] * f[2];
+}
+
+struct MarchCounts {
+    int beyond = 0, before = 0, between = 0, rays = 0;
+};
+
+/// One ray, every half voxel sampled, from t0 to t1 (mm). The n-th sample lies at t0 + n s, which differs from
+/// adding s again and again by rounding only.
+template <class Leaf>
+Vector3f march(const FusionTsdf<Leaf>& volume, const Vector3f& o, const Vector3f& d, float t0, float t1,
+               MarchCounts& counts) {
+    const Vector3f none = Vector3f::Zero();
+    const auto& tree = volume.get_fusion_tree();
+    const auto s = static_cast<float>(0.5 * static_cast<double>(volume.get_pointDis()));
+    const auto sample = [&](float t, float& f) {
+        const Vector3f p = o + t * d;
+        const Vector3f q = (p - tree.get_shift()) / tree.get_pointDis();
+        if (!(q.minCoeff() >= 1.0f && q.maxCoeff() < static_cast<float>(tree.get_size() - 2))) return false;
+        const Vector3i voxel = tree.world_to_voxel(p);
+        f = value_at(tree, voxel.x(), voxel.y(), voxel.z());
+        return true;
+    };
+    float previous = 0.0f, f = 0.0f, t = t0;
+    if (!sample(t0, previous) || !(t1 >= t0)) return none;
+    ++counts.rays;
+    for (int n = 1;; ++n) {
+        const float next = t0 + static_cast<float>(n) * s;
+        if (!sample(next, f)) return none;
+        if (previous > 0.0f && 0.0f > f) break;
+        previous = f;
+        t = next;
+        if (next > t1) return none;
+    }
+    const auto F = [&](float x) { return trilinear_at(tree, o + x * d); };
+    const auto point = [&](float x, int& count) {
+        ++count;
+        return Vector3f(o + x * d);
+    };
+    const float Fc = F(t + s), Fp = F(t), Fn = F(t + 2.0f * s), Fb = F(t - s);
+    if (Fc > 0.0f && Fn < 0.0f) return point((t + s) + s * Fc / (Fc - Fn), counts.beyond);
+    if (Fp < 0.0f && Fb > 0.0f) return point((t - s) + s * Fb / (Fb - Fp), counts.before);
+    if (Fp > 0.0f && 0.0f > Fc) return point(t + s * Fp / (Fp - Fc), counts.between);
+    return none;
+}
+
+template <class Leaf>
+MarchCounts expect_plain_march(const FusionTsdf<Leaf>& volume, const RigidMatrix& pose, bool guided,
+                               const Vector2f& nearFar, float factor) {
+    const PointImage guide = truth_view(pose);
+    PointImage result = empty_view();
+    EXPECT_EQ(rayCast(volume, guide, pose, result, guided, nearFar, kFromVolume, factor), 0);
+    MarchCounts counts;
+    const Vector3f o = pose.get_translation().cast<float>();
+    const float halfInterval = 0.5f * volume.get_pointDis() * factor;
+    std::size_t wrong = 0;
+    for (std::size_t i = 0; i < result.get_vn(); ++i) {
+        const Vector3f ray = result.get_ray_direct(i);
+        const Vector3f d = pose.transform_normal(ray / ray.norm());
+        const float r = guide.get_vCoord(i).norm();
+        Vector3f expected = Vector3f::Zero();
+        if (!guided) {
+            expected = march(volume, o, d, ray.norm() * nearFar.x(), ray.norm() * nearFar.y(), counts);
+        } else if (guide.get_vCoord(i).z() >= 1e-5f) {
+            expected = march(volume, o, d, r - halfInterval, r + halfInterval, counts);
+        }
+        wrong += result.get_vCoord(i) == expected ? 0 : 1;
+    }
+    EXPECT_EQ(wrong, 0u);
+    return counts;
+}
+
+template <class Leaf>
+class EveryLeaf : public testing::Test {};
+using Leaves = testing::Types<LeafTSDFSpeckle, LeafTSDFTeeth, LeafTSDFCloudGenerator, LeafTSDFLaser>;
+TYPED_TEST_SUITE(EveryLeaf, Leaves);
+
+TYPED_TEST(EveryLeaf, SkippingEmptySpaceChangesNoBit) {
+    const auto volume = fused_scene<TypeParam>();
+    const MarchCounts counts = expect_plain_march(*volume, views()[1], false, kNearFar, 0.0f);
+    EXPECT_GT(counts.between, 5000);
+}
+
+TEST(RayCast, EveryIntervalIsMarchedAsDefined) {
+    MarchCounts all;
+    for (const RigidMatrix& pose : views()) {
+        for (const float factor : {0.0f, 1.0f, 3.0f, 8.0f, 40.0f, -1.0f}) {
+            const MarchCounts counts = expect_plain_march(scene_volume(), pose, true, kNearFar, factor);
+            EXPECT_EQ(counts.rays > 0, factor >= 0.0f);
+            all.beyond += counts.beyond, all.before += counts.before, all.between += counts.between;
+        }
+        for (const Vector2f& nearFar :
+             {Vector2f(0.001f, 500.0f), Vector2f(-20.0f, 70.0f), Vector2f(52.0f, 53.0f), Vector2f(60.0f, 5.0f)}) {
+            expect_plain_march(scene_volume(), pose, false, nearFar, 0.0f);
+        }
+    }
+    EXPECT_GT(std::min({all.beyond, all.before, all.between}), 100);  // each way of refinement was taken
+}
+
+// ---- against the truth -------------------------------------------------------------------------------
+
+TEST(RayCast, PointsAndNormalsLieOnTheSurface) {
+    const Simulation::ShapePtr scene = ball_and_wall();
+    for (const RigidMatrix& pose : views()) {
+        const PointImage truth = truth_view(pose);
+        for (const bool guided : {true, false}) {
+            for (const bool fromImage : {true, false}) {
+                PointImage result = empty_view();
+                ASSERT_EQ(rayCast(scene_volume(), truth, pose, result, guided, kNearFar,
+                                  {fromImage, 1, fromImage ? 3.0f : 0.0f}, 8.0f),
+                          0);
+                ASSERT_TRUE(result.is_enable_vNormal());
+                EXPECT_EQ(result.get_rt().get_translation(), pose.get_translation());
+                int compared = 0, points = 0, off = 0, normals = 0, tilted = 0, turned = 0;
+                for (std::size_t i = 0; i < result.get_vn(); ++i) {
+                    compared += truth.has_point(i) && truth.get_vWeight(i) > 0.5f ? 1 : 0;
+                    if (!result.has_point(i)) continue;
+                    const Vector3d point = result.get_vCoord(i).cast<double>();
+                    const Vector3f& normal = result.get_vNrv(i);
+                    ++points;
+                    off += std::abs(scene->distance(point)) > 0.05 ? 1 : 0;  // a tenth of a voxel
+                    if (normal == Vector3f::Zero()) continue;
+                    ++normals;
+                    EXPECT_NEAR(normal.norm(), 1.0f, 1e-4f);
+                    turned += normal.dot((pose.get_translation() - point).cast<float>()) < 0.0f ? 1 : 0;
+                    tilted += normal.cast<double>().dot(scene->gradient(point)) < 0.98 ? 1 : 0;
+                }
+                EXPECT_GT(points, 0.97 * compared);
+                EXPECT_LT(off, 0.01 * points);
+                EXPECT_GT(normals, 0.8 * points);
+                EXPECT_LT(tilted, 0.05 * normals);
+                EXPECT_EQ(turned, 0);
+
+                // Back in the camera the points lie on their pixels' rays, where the truth has them.
+                result.to_ori_coor();
+                EXPECT_TRUE(result.get_rt().get_rotation().isIdentity());
+                int elsewhere = 0;
+                for (std::size_t i = 0; i < result.get_vn(); ++i) {
+                    if (!result.has_point(i)) continue;
+                    const Vector3f& point = result.get_vCoord(i);
+                    EXPECT_LT((point - point.dot(result.get_ray_direct(i)) * result.get_ray_direct(i)).norm(), 1e-3f);
+                    EXPECT_LE(result.get_vNrv(i).dot(point), 1e-3f);
+                    elsewhere += (point - truth.get_vCoord(i)).norm() > 0.1f ? 1 : 0;
+                }
+                EXPECT_LT(elsewhere, 0.02 * points);
+            }
+        }
+    }
+}
+
+TEST(RayCast, FromOutsideTheVolumeRaysStartWhereTheyEnter) {
+    // From 400 mm, 150 mm before the nearest face.
+    const RigidMatrix pose = Simulation::look_at({10, -400, 20}, {0, 0, 0});
+    PointImage result;
+    result.ini(100, 100, {1200.0, 1200.0, 49.5, 49.5}, 1, Vector2f::Zero());
+    ASSERT_EQ(rayCast(scene_volume(), PointImage(), pose, result, false, {1.0f, 2000.0f}, kFromVolume, 0.0f), 0);
+    int points = 0, off = 0;
+    for (std::size_t i = 0; i < result.get_vn(); ++i) {
+        if (!result.has_point(i)) continue;
+        ++points;
+        off += std::abs(ball_and_wall()->distance(result.get_vCoord(i).cast<double>())) > 0.05 ? 1 : 0;
+    }
+    EXPECT_GT(points, 6000);
+    EXPECT_LT(off, points / 100);
+    const RigidMatrix past = Simulation::look_at({10, -400, 20}, {0, -800, 0});
+    ASSERT_EQ(rayCast(scene_volume(), PointImage(), past, result, false, {1.0f, 2000.0f}, kFromVolume, 0.0f), 0);
+    EXPECT_EQ(result.count_vaildNum(), 0);
+}
+
+TEST(RayCast, IsTheSameForAnyNumberOfThreads) {
+    const auto volume = fused_scene<LeafTSDFTeeth>();
+    for (const bool guided : {true, false}) {
+        PointImage results[3];
+        for (const int threads : {1, 1, 4}) {
+            volume->reset_code_Num(threads);
+            PointImage& result = threads == 4 ? results[2] : results[results[0].get_vn() == 0 ? 0 : 1];
+            result = empty_view();
+            ASSERT_EQ(
+                rayCast(*volume, truth_view(views()[0]), views()[0], result, guided, kNearFar, {true, 1, 3.0f}, 6.0f),
+                0);
+        }
+        for (const int k : {1, 2}) {
+            EXPECT_EQ(results[k].get_vCoords(), results[0].get_vCoords());
+            EXPECT_EQ(results[k].get_vNrvs(), results[0].get_vNrvs());
+        }
+    }
+}
+
+// ---- limits ------------------------------------------------------------------------------------------
+
+TEST(RayCast, SlotCountsMustAgreeWhenGuided) {
+    PointImage result = empty_view();
+    result.set_vCoord(7, {1, 2, 3});
+    const PointImage guide = empty_view(kWidth, kHeight - 1);
+    const RigidMatrix pose = views()[0];
+    EXPECT_EQ(
+        printed([&] { EXPECT_EQ(rayCast(scene_volume(), guide, pose, result, true, kNearFar, {}, 8.0f), 2); }),
+        "resultFrame.get_vn() != guildFrame.get_vn()\nresultFrame.get_vn() = 16500\nguildFrame.get_vn() = 16350\n");
+    EXPECT_EQ(result.get_vCoord(7), Vector3f(1, 2, 3));
+    EXPECT_FALSE(result.is_enable_vNormal());
+    EXPECT_TRUE(result.get_rt().get_rotation().isIdentity());
+    EXPECT_EQ(rayCast(scene_volume(), guide, pose, result, false, kNearFar, {}, 8.0f), 0);
+    EXPECT_NE(result.get_vCoord(7), Vector3f(1, 2, 3));
+}
+
+TEST(RayCast, SlotsWithoutGuideStayEmpty) {
+    const RigidMatrix pose = views()[0];
+    PointImage guide = truth_view(pose), result = empty_view();
+    const Vector3f nothing[] = {{0, 0, 0},    {1, 1, 0},     {0, 0, -50},       {0, 0, 9e-6f},
+                                {0, 0, kNaN}, {kNaN, 0, 50}, {kInfinity, 0, 50}};
+    for (std::size_t i = 0; i < guide.get_vn(); i += 3) guide.set_vCoord(i, nothing[i / 3 % 7]);
+    ASSERT_EQ(rayCast(scene_volume(), guide, pose, result, true, kNearFar, {}, 8.0f), 0);
+    for (std::size_t i = 0; i < guide.get_vn(); i += 3) EXPECT_EQ(result.get_vCoord(i), Vector3f(0, 0, 0));
+    EXPECT_GT(result.count_vaildNum(), 5000);
+}
+
+/// One ray along +z or -z through a stack of voxels, x = y = `lateral` plus a quarter voxel, whose values change
+/// from positive to negative (seen along the ray) between voxels `positive` and `positive` + step. Whether the
+/// surface was found.
+bool finds_stack(int lateral, int positive, int step, float sign = 1.0f, float startOffset = 4.0f) {
+    FusionTsdf<LeafTSDFSpeckle> volume(10, 0.5f, 0.5f, 5, 1, "");
+    for (int z = -3; z <= 3; ++z) {
+        for (int k = 0; k < 25; ++k) {
+            const Vector3i voxel(lateral + k % 5 - 2, lateral + k / 5 - 2, positive + z * step);
+            if (volume.get_fusion_tree().is_inside(voxel.x(), voxel.y(), voxel.z())) {
+                set_voxel(volume, voxel, sign * 0.5f * (0.4f - static_cast<float>(z)));
+            }
+        }
+    }
+    Matrix3d rotation = Matrix3d::Identity();
+    if (step < 0) rotation.diagonal() = Vector3d(1, -1, -1);
+    const double across = 0.5 * (lateral + 0.75), along = 0.5 * (positive + 0.5) - 0.5 * step * startOffset;
+    const RigidMatrix pose(rotation, {across, across, along});
+    PointImage guide, result;
+    result.ini(1, 1, {1.0, 1.0, 0.0, 0.0}, 1, Vector2f::Zero());
+    EXPECT_EQ(rayCast(volume, guide, pose, result, false, {0.0f, 100.0f}, kFromVolume, 0.0f), 0);
+    const bool found = result.has_point(0);
+    if (found) {
+        EXPECT_NEAR(result.get_vCoord(0).z(), 0.5 * (positive + 0.5) + 0.2 * step, 1e-4);
+    }
+    return found;
+}
+
+TEST(RayCast, RaysEndBeforeTheFaces) {
+    for (const int step : {1, -1}) {
+        EXPECT_TRUE(finds_stack(500, 500, step));
+        for (const int lateral : {1, 2, 1020, 1021}) EXPECT_TRUE(finds_stack(lateral, 500, step)) << lateral;
+        for (const int lateral : {0, 1022, 1023}) EXPECT_FALSE(finds_stack(lateral, 500, step)) << lateral;
+    }
+    EXPECT_TRUE(finds_stack(500, 1020, 1));   // the negative voxel is 1021, the last valid one
+    EXPECT_FALSE(finds_stack(500, 1021, 1));  // 1022
+    EXPECT_TRUE(finds_stack(500, 2, -1));
+    EXPECT_FALSE(finds_stack(500, 1, -1));
+}
+
+TEST(RayCast, OnlyFrontFacesBehindAPositiveSampleAreFound) {
+    EXPECT_FALSE(finds_stack(500, 500, 1, -1.0f));        // a back face
+    EXPECT_FALSE(finds_stack(500, 500, 1, 1.0f, -1.0f));  // starts behind the surface
+    EXPECT_TRUE(finds_stack(500, 500, 1, 1.0f, 0.0f));
+    // A wall that was seen from one side only, looked at from the other.
+    const RigidMatrix behind = Simulation::look_at({0, 60, 0}, {0, 0, 0});
+    PointImage result = empty_view();
+    EXPECT_EQ(rayCast(scene_volume(), PointImage(), behind, result, false, kNearFar, kFromVolume, 0.0f), 0);
+    int frontFaces = 0;
+    for (std::size_t i = 0; i < result.get_vn(); ++i) {
+        if (!result.has_point(i)) continue;
+        const Vector3d point = result.get_vCoord(i).cast<double>();
+        frontFaces += ball_and_wall()->gradient(point).dot(behind.get_translation() - point) < 0.0 ? 1 : 0;
+    }
+    EXPECT_EQ(frontFaces, 0);
+}
+
+TEST(RayCast, UnusableViewsAreRefusedWithALine) {
+    PointImage good = empty_view(), blind, cut = empty_view();
+    blind.ini(kWidth, kHeight);
+    cut.resize_vn(5);
+    RigidMatrix lost = views()[0];
+    lost.get_translation().y() = kNaN;
+    const std::string line =
+        "can not run function rayCast because the pose or the camera of resultFrame is not usable\n";
+    EXPECT_EQ(printed([&] { EXPECT_EQ(rayCast(scene_volume(), good, lost, good, false, kNearFar, {}, 8.0f), 2); }),
+              line);
+    EXPECT_EQ(
+        printed([&] { EXPECT_EQ(rayCast(scene_volume(), good, views()[0], blind, false, kNearFar, {}, 8.0f), 2); }),
+        line);
+    EXPECT_EQ(printed([&] { EXPECT_EQ(rayCast(scene_volume(), cut, views()[0], cut, true, kNearFar, {}, 8.0f), 2); }),
+              line);
+    EXPECT_FALSE(good.is_enable_vNormal());
+    for (const Vector2f& range : {Vector2f(kNaN, 1.0f), Vector2f(1.0f, kNaN), Vector2f(kInfinity, kInfinity),
+                                  Vector2f(-kInfinity, kInfinity)}) {
+        EXPECT_EQ(rayCast(scene_volume(), good, views()[0], good, false, range, kFromVolume, kNaN), 0);
+    }
+    RigidMatrix away = views()[0];
+    away.get_translation().z() = 1e30;
+    PointImage none = empty_view(0, 0);
+    EXPECT_EQ(rayCast(scene_volume(), good, away, good, false, kNearFar, kFromVolume, 8.0f), 0);
+    EXPECT_EQ(good.count_vaildNum(), 0);
+    EXPECT_EQ(rayCast(scene_volume(), none, views()[0], none, true, kNearFar, {}, 8.0f), 0);
+}
+
+}  // namespace
+}  // namespace VexelAlgorithm::Fusion

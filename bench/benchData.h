@@ -70,6 +70,9 @@ std::int64_t resident_bytes();
 struct DepthAgreement {
     double coverage = 0.0;     ///< share of the measured pixels that have a rendered depth
     double medianError = 0.0;  ///< mm, of these
+
+    /// Whether the rendering shows the measured surface: what does not is no work to be timed.
+    bool is_same_surface(float pointDis) const { return coverage > 0.5 && medianError < 3.0 * pointDis; }
 };
 /// Rendered and measured depths (z, mm) pixel by pixel; 0 and NaN mean none.
 DepthAgreement compare_depths(const std::vector<float>& rendered, const std::vector<float>& measured);

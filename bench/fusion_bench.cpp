@@ -160,6 +160,7 @@ void raycast(benchmark::State& state, SequenceSource source, bool guided, Normal
     const DepthAgreement agreement = compare_depths(depths_of(view), depths_of(posed.frame));
     state.counters["coverage"] = agreement.coverage;
     state.counters["medianError_mm"] = agreement.medianError;
+    if (!agreement.is_same_surface(sequence->pointDis)) state.SkipWithError("the view does not show the surface");
 }
 
 // ---- start ------------------------------------------------------------------------------------------

@@ -202,6 +202,7 @@ void kinfu_raycast(benchmark::State& state, const Sequence* (*source)(), PeerSet
         static_cast<double>(std::count_if(depths.begin(), depths.end(), [](float z) { return z > 0; }));
     state.counters["coverage"] = agreement.coverage;
     state.counters["medianError_mm"] = agreement.medianError;
+    if (!agreement.is_same_surface(sequence->pointDis)) state.SkipWithError("the view does not show the surface");
 }
 
 }  // namespace

@@ -1,5 +1,6 @@
 // The neighbourhood operations of PointImage against plain references and analytic surfaces.
 #include <gtest/gtest.h>
+#include <hwy/targets.h>
 #include <tbb/task_arena.h>
 
 #include <Eigen/Geometry>
@@ -191,6 +192,20 @@ TEST(PointImageNormals, AreThoseOfTheReference) {
             }
         }
     }
+}
+
+TEST(PointImageNormals, AreTheSameBitsWithEveryInstructionSet) {
+    const PointImage input = make_patchwork({131, 50}, 19);
+    std::vector<PointImage> results;
+    for (const std::int64_t target : hwy::SupportedAndGeneratedTargets()) {
+        hwy::SetSupportedTargetsForTest(target);
+        hwy::GetChosenTarget().DeInit();
+        results.push_back(input);
+        results.back().update_VNrv(1, 2, 1.0f);
+    }
+    hwy::SetSupportedTargetsForTest(0);
+    hwy::GetChosenTarget().DeInit();
+    for (const PointImage& result : results) EXPECT_TRUE(is_same(result, results.front()));
 }
 
 TEST(PointImageNormals, LimitsThatAdmitNothingGiveNone) {

@@ -21,6 +21,14 @@ RaySpan Bounds::span(const Ray& ray, double farthest) const {
     return span;
 }
 
+Bounds Shape::bounds_after(const RigidMatrix& motion) const {
+    const Bounds own = bounds();
+    if (!own.low.allFinite() || !own.high.allFinite()) return Bounds::everything();
+    const Vector3d centre = motion * Vector3d(0.5 * (own.low + own.high));
+    const Vector3d half = motion.get_rotation().cwiseAbs() * (0.5 * (own.high - own.low));
+    return {centre - half, centre + half};
+}
+
 std::optional<Hit> Shape::hit(const Ray& ray, double farthest) const {
     if (!ray.origin.allFinite() || !ray.direction.allFinite() || std::isnan(farthest)) return std::nullopt;
     const std::optional<double> range = first_crossing(ray, farthest);

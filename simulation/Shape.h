@@ -6,6 +6,7 @@
 #include <memory>
 #include <optional>
 
+#include "foundation/RigidMatrix.h"
 #include "foundation/types.h"
 
 namespace VexelAlgorithm::Simulation {
@@ -64,12 +65,15 @@ public:
     /// has a kink (the centre of a sphere, the diagonals inside a box) it is one of the one-sided gradients.
     virtual Vector3d gradient(const Vector3d& point) const = 0;
     virtual Bounds bounds() const = 0;
+    /// Bounds of the solid carried by a rigid motion; at most those of the carried box of `bounds`.
+    virtual Bounds bounds_after(const RigidMatrix& motion) const;
 
     /// The first crossing of the surface, from either side, at a range in (1e-6, farthest] mm; crossings nearer
     /// than that are taken for the surface that the ray leaves. Spheres, half-spaces, sharp boxes and
     /// ellipsoids are solved in closed form. All others are marched with their distance, which cannot overshoot,
-    /// and the crossing is then enclosed and polished until the distance there is below 1e-9 mm. Only pieces of
-    /// the ray that run less than 1e-4 mm inside the solid can go unnoticed. Rays whose numbers are not finite
+    /// and the crossing is then enclosed and polished until the distance there is below 1e-9 mm. Only pieces
+    /// of the ray that run less than 1e-4 mm inside the solid can go unnoticed (0.1 mm after a crawl of more than
+    /// 500 steps along a surface). Rays whose numbers are not finite
     /// hit nothing.
     std::optional<Hit> hit(const Ray& ray, double farthest = kNoLimit) const;
 

@@ -35,6 +35,64 @@ double smooth_minimum(const double* distances, std::size_t count, double blend) 
     return s;
 }
 
+/// An operand of a union beside a ray.
+struct RayMember {
+    const Shape* shape;
+    RaySpan span;                     ///< where the ray is within its reach
+    double lastDistance = -kNoLimit;  ///< of the last place where it was evaluated
+    double lastRange = 0.0;           ///< that place
+
+    /// The distance changes by at most 1 per mm.
+    double lower_bound(double t) const { return lastDistance - std::abs(t - lastRange); }
+};
+
+/// The value of a union along a part of a ray on which the same operands are in reach, up to where the next one
+/// comes or goes. These operands alone give the same sign as the whole union.
+class RayPiece {
+public:
+    /// The end is infinite when nothing is in reach from `begin` on.
+    RayPiece(const Ray& ray, double blend, std::vector<RayMember>& members, double begin)
+        : _ray(&ray), _blend(blend), _begin(begin) {
+        for (RayMember& member : members) {
+            if (member.span.end <= begin) continue;
+            const bool reached = member.span.begin <= begin;
+            _end = std::min(_end, reached ? member.span.end : member.span.begin);
+            if (reached) _members.push_back(&member);
+        }
+        _distances.resize(_members.size());
+    }
+
+    bool empty() const { return _members.empty(); }
+    double begin() const { return _begin; }
+    double end() const { return _end; }
+
+    /// Evaluates the operands that can have a share, the nearest one of the last call first.
+    double operator()(double t) {
+        const Vector3d point = _ray->at(t);
+        double nearest = kNoLimit;
+        std::size_t count = 0;
+        for (RayMember*& member : _members) {
+            if (member->lower_bound(t) > nearest + _blend) continue;
+            const double distance = member->shape->distance(point);
+            member->lastDistance = distance;
+            member->lastRange = t;
+            _distances[count++] = distance;
+            if (distance >= nearest) continue;
+            nearest = distance;
+            std::swap(_members.front(), member);
+        }
+        return smooth_minimum(_distances.data(), count, _blend);
+    }
+
+private:
+    const Ray* _ray;
+    double _blend;
+    double _begin;
+    double _end = kNoLimit;
+    std::vector<RayMember*> _members;
+    std::vector<double> _distances;
+};
+
 class SmoothUnion final : public Shape {
 public:
     SmoothUnion(std::vector<ShapePtr> shapes, double blend) : _shapes(std::move(shapes)), _blend(blend) {
@@ -78,66 +136,41 @@ public:
     }
 
     Bounds bounds() const override { return _bounds; }
+    Bounds bounds_after(const RigidMatrix& motion) const override {
+        Bounds all;
+        for (const ShapePtr& shape : _shapes) all = all.united(shape->bounds_after(motion));
+        return all.inflated(_blend + kBoundsMargin);
+    }
 
     std::optional<double> first_crossing(const Ray& ray, double farthest) const override {
-        const std::vector<MemberSpan> spans = members_on(ray, std::min(farthest, kMarchHorizon));
-        if (spans.empty()) return std::nullopt;
-        std::vector<double> distances(spans.size());
-        Piece piece = piece_at(kSelfHitRange, spans);
-        const bool startsInside = !piece.members.empty() && value_of(piece, ray.at(piece.begin), distances) < 0.0;
-        if (_blend == 0.0 && !startsInside) return nearest_crossing(ray, spans);
-        for (; piece.end < kNoLimit; piece = piece_at(piece.end, spans)) {
-            if (piece.members.empty()) continue;
-            const auto field = [&](double t) { return value_of(piece, ray.at(t), distances); };
-            if (const auto crossing = march_to_crossing(field, piece.begin, piece.end, startsInside)) return crossing;
+        std::vector<RayMember> members = members_on(ray, std::min(farthest, kMarchHorizon));
+        if (members.empty()) return std::nullopt;
+        RayPiece piece(ray, _blend, members, kSelfHitRange);
+        const bool startsInside = !piece.empty() && piece(piece.begin()) < 0.0;
+        if (_blend == 0.0 && !startsInside) return nearest_crossing(ray, members);
+        for (; piece.end() < kNoLimit; piece = RayPiece(ray, _blend, members, piece.end())) {
+            if (piece.empty()) continue;
+            if (const auto crossing = march_to_crossing(piece, piece.begin(), piece.end(), startsInside))
+                return crossing;
         }
         return std::nullopt;
     }
 
 private:
-    struct MemberSpan {
-        const Shape* shape;
-        RaySpan span;
-    };
-    /// A part of a ray on which the same operands are in reach, up to where the next one comes or goes. These
-    /// operands alone give the same sign as the whole union.
-    struct Piece {
-        double begin;
-        double end = kNoLimit;
-        std::vector<const Shape*> members;
-    };
-
-    std::vector<MemberSpan> members_on(const Ray& ray, double farthest) const {
-        std::vector<MemberSpan> spans;
-        if (_bounds.span(ray, farthest).empty()) return spans;
+    std::vector<RayMember> members_on(const Ray& ray, double farthest) const {
+        std::vector<RayMember> members;
+        if (_bounds.span(ray, farthest).empty()) return members;
         for (std::size_t i = 0; i < _shapes.size(); ++i) {
             const RaySpan span = _reaches[i].span(ray, farthest);
-            if (!span.empty()) spans.push_back({_shapes[i].get(), span});
+            if (!span.empty()) members.push_back({_shapes[i].get(), span});
         }
-        return spans;
-    }
-
-    /// Its end is infinite when nothing is in reach from t on.
-    static Piece piece_at(double t, const std::vector<MemberSpan>& spans) {
-        Piece piece{t, kNoLimit, {}};
-        for (const MemberSpan& member : spans) {
-            if (member.span.end <= t) continue;
-            const bool reached = member.span.begin <= t;
-            piece.end = std::min(piece.end, reached ? member.span.end : member.span.begin);
-            if (reached) piece.members.push_back(member.shape);
-        }
-        return piece;
-    }
-
-    double value_of(const Piece& piece, const Vector3d& point, std::vector<double>& distances) const {
-        for (std::size_t i = 0; i < piece.members.size(); ++i) distances[i] = piece.members[i]->distance(point);
-        return smooth_minimum(distances.data(), piece.members.size(), _blend);
+        return members;
     }
 
     /// Sharp seams, seen from outside all operands: the union is hit where the first operand is.
-    static std::optional<double> nearest_crossing(const Ray& ray, const std::vector<MemberSpan>& spans) {
+    static std::optional<double> nearest_crossing(const Ray& ray, const std::vector<RayMember>& members) {
         std::optional<double> nearest;
-        for (const MemberSpan& member : spans) {
+        for (const RayMember& member : members) {
             const double limit = nearest.value_or(member.span.end);
             if (member.span.begin > limit) continue;
             if (const auto crossing = member.shape->first_crossing(ray, limit)) nearest = crossing;
@@ -200,31 +233,22 @@ private:
 class Moved final : public Shape {
 public:
     Moved(ShapePtr shape, const RigidMatrix& motion)
-        : _shape(std::move(shape)), _toCaller(motion), _toOwn(motion.inverse()), _bounds(moved_bounds()) {}
+        : _shape(std::move(shape)),
+          _toCaller(motion),
+          _toOwn(motion.inverse()),
+          _bounds(_shape->bounds_after(motion)) {}
 
     double distance(const Vector3d& point) const override { return _shape->distance(_toOwn * point); }
     Vector3d gradient(const Vector3d& point) const override {
         return _toCaller.get_rotation() * _shape->gradient(_toOwn * point);
     }
     Bounds bounds() const override { return _bounds; }
+    Bounds bounds_after(const RigidMatrix& motion) const override { return _shape->bounds_after(motion * _toCaller); }
     std::optional<double> first_crossing(const Ray& ray, double farthest) const override {
         return _shape->first_crossing({_toOwn * ray.origin, _toOwn.get_rotation() * ray.direction}, farthest);
     }
 
 private:
-    Bounds moved_bounds() const {
-        const Bounds own = _shape->bounds();
-        if (!own.low.allFinite() || !own.high.allFinite()) return Bounds::everything();
-        Bounds all;
-        for (int corner = 0; corner < 8; ++corner) {
-            const Vector3d point =
-                _toCaller * Vector3d((corner & 1 ? own.high : own.low).x(), (corner & 2 ? own.high : own.low).y(),
-                                     (corner & 4 ? own.high : own.low).z());
-            all = all.united({point, point});
-        }
-        return all;
-    }
-
     ShapePtr _shape;
     RigidMatrix _toCaller;
     RigidMatrix _toOwn;

@@ -160,6 +160,11 @@ public:
         return unit_or(nearest_to(point - _centre).point.cwiseQuotient(_squares), Vector3d::UnitZ());
     }
     Bounds bounds() const override { return {_centre - _halfAxes, _centre + _halfAxes}; }
+    Bounds bounds_after(const RigidMatrix& motion) const override {
+        const Vector3d centre = motion * _centre;
+        const Vector3d half = (motion.get_rotation() * _halfAxes.asDiagonal()).rowwise().norm();
+        return {centre - half, centre + half};
+    }
     std::optional<double> first_crossing(const Ray& ray, double farthest) const override {
         // The ellipsoid becomes the unit ball when every axis is divided by its half length.
         const Vector3d origin = (ray.origin - _centre).cwiseQuotient(_halfAxes);

@@ -15,7 +15,7 @@ constexpr double kPolishedValue = 1e-12;  ///< mm; what a double still resolves 
 /// Root in [begin, end], where the function has opposite signs: secant steps that keep the root enclosed
 /// (the variant of the false position by Anderson and Bjoerck, BIT 13, 1973).
 template <class Field>
-double polish_crossing(const Field& field, double begin, double valueBegin, double end, double valueEnd) {
+double polish_crossing(Field& field, double begin, double valueBegin, double end, double valueEnd) {
     int lastReplaced = 0;
     for (int step = 0; step < 60 && end - begin > 1e-13 * std::max(1.0, std::abs(end)); ++step) {
         double middle = begin + (end - begin) * (valueBegin / (valueBegin - valueEnd));
@@ -41,7 +41,7 @@ double polish_crossing(const Field& field, double begin, double valueBegin, doub
 /// at most 1 per mm, a step of its size passes no root. `inside` says on which side the ray is at `begin`.
 /// Rays that crawl along a surface speed up to 0.1 mm a step, so that each one ends.
 template <class Field>
-std::optional<double> march_to_crossing(const Field& field, double begin, double end, bool inside) {
+std::optional<double> march_to_crossing(Field& field, double begin, double end, bool inside) {
     double t = begin;
     double value = field(t);
     if ((value < 0.0) != inside) return t;

@@ -52,13 +52,13 @@ TEST(Render, SlotsHoldTheSurfaceSeenThroughTheirPixels) {
     settings.viewRadial = {8, 5};
     settings.sample = 2;
     settings.farLimit = 450;
-    const PointImage frame = render(*scene, kCamera, 320, 240, pose, settings);
+    const PointImage frame = render(*scene, kCamera, 320, 160, pose, settings);
     ASSERT_TRUE(frame.is_legal() && frame.is_enable_vNormal() && frame.is_enable_vWeight() && frame.is_enable_vFlag());
     EXPECT_EQ(frame.get_sample(), 2);
     EXPECT_TRUE(frame.get_rt().get_rotation().isIdentity());
 
     int seen = 0;
-    for (int y = 0; y < 240; ++y)
+    for (int y = 0; y < 160; ++y)
         for (int x = 0; x < 320; ++x) {
             const std::size_t slot = frame.index_of(x, y);
             const Vector3d pixelRay((x + 8 - kCamera.get_cx()) / kCamera.get_fx(),
@@ -87,8 +87,8 @@ TEST(Render, SlotsHoldTheSurfaceSeenThroughTheirPixels) {
                 ASSERT_GT((pose.get_rotation() * normal).dot(truth->normal), 1 - 1e-3) << x << " " << y;
             }
         }
-    EXPECT_GT(seen, 20000);
-    EXPECT_LT(seen, 320 * 240);
+    EXPECT_GT(seen, 6000);
+    EXPECT_LT(seen, 320 * 160);
     EXPECT_EQ(frame.count_vaildNum(), seen);
 }
 
@@ -98,8 +98,8 @@ TEST(Render, FrameDoesNotDependOnThreads) {
     RenderSettings one, two;
     one.threads = 1;
     two.threads = 2;
-    PointImage a = render(*owl, kCamera, 160, 240, pose, one), b = render(*owl, kCamera, 160, 240, pose, two);
-    EXPECT_GT(a.count_vaildNum(), 3000);
+    PointImage a = render(*owl, kCamera, 160, 160, pose, one), b = render(*owl, kCamera, 160, 160, pose, two);
+    EXPECT_GT(a.count_vaildNum(), 1000);
     EXPECT_TRUE(same_bytes(a, b));
     const NoiseModel noise;
     EXPECT_TRUE(apply_noise(a, noise, 7, 1));

@@ -174,7 +174,7 @@ TEST(Shape, GradientIsTheCentralDifference) {
 TEST(Shape, RaysHitTheSurfaceFirst) {
     Dice dice;
     std::vector<NamedShape> kinds = all_kinds();
-    const double step = 0.05;
+    const double step = 0.2;
     for (const NamedShape& kind : kinds) {
         int hits = 0, misses = 0, fromInside = 0;
         for (int i = 0; i < 500; ++i) {
@@ -214,7 +214,7 @@ TEST(Shape, DemoObjectIsHitOnItsSurfaceFromAllSides) {
         const Vector3d target = owl_centre() + dice.point(40);
         const Ray ray{eye, (target - eye).normalized()};
         const std::optional<Hit> hit = owl->hit(ray);
-        const double sampled = sampled_crossing(*owl, ray, 450, 0.1, 200);
+        const double sampled = sampled_crossing(*owl, ray, 450, 0.25, 200);
         ASSERT_EQ(hit.has_value(), sampled != kNoLimit) << i;
         if (!hit) continue;
         ASSERT_LT(std::abs(owl->distance(hit->point)), 1e-9);

@@ -73,8 +73,7 @@ public:
     /// ellipsoids are solved in closed form. All others are marched with their distance, which cannot overshoot,
     /// and the crossing is then enclosed and polished until the distance there is below 1e-9 mm. Only pieces
     /// of the ray that run less than 1e-4 mm inside the solid can go unnoticed (0.1 mm after a crawl of more than
-    /// 500 steps along a surface). Rays whose numbers are not finite
-    /// hit nothing.
+    /// 500 steps along a surface). Rays whose numbers are not finite hit nothing.
     std::optional<Hit> hit(const Ray& ray, double farthest = kNoLimit) const;
 
     /// Range of `hit` alone.

@@ -18,7 +18,7 @@ struct InverseDepth {
     int height = 0;
     std::vector<float> values;
 
-    float at(int x, int y) const { return values[static_cast<std::size_t>(y) * width + x]; }
+    const float& at(int x, int y) const { return values[static_cast<std::size_t>(y) * width + x]; }
     float& at(int x, int y) { return values[static_cast<std::size_t>(y) * width + x]; }
     bool contains(int x, int y) const { return x >= 0 && y >= 0 && x < width && y < height; }
 };
@@ -47,75 +47,108 @@ InverseDepth inverse_depth_in_range(const DepthImage& depth, const DepthFrameSet
     return inverse;
 }
 
-/// Whether a pixel at most `margin` away along its row or column lies on another surface.
-bool is_near_edge(const InverseDepth& inverse, int x, int y, int margin, float jump) {
+/// One step of the camera near this inverse depth, as a difference of inverse depths; the image's whole
+/// millimetres are the smallest one.
+float inverse_step(float inverse, const DepthFrameSettings& settings) {
+    constexpr float millimetre = 1.0f;
+    return std::max(settings.inverseDepthStep, millimetre * inverse * inverse);
+}
+
+/// Whether a pixel at most `edgeMargin` away along its row or column lies on another surface: its depth
+/// differs by more than noise can make it, and by more than a surface turned by 75 degrees does.
+bool is_near_edge(const InverseDepth& inverse, int x, int y, float focalLength, const DepthFrameSettings& settings) {
+    constexpr float steepestSlope = 3.7f;
     const float own = inverse.at(x, y);
-    const auto jumps_to = [&](int otherX, int otherY) {
+    const float noise = settings.edgeJump * inverse_step(own, settings);
+    const float slopePerPixel = steepestSlope * own / focalLength;
+    const auto jumps_to = [&](int otherX, int otherY, int offset) {
         if (!inverse.contains(otherX, otherY)) return false;
         const float other = inverse.at(otherX, otherY);
-        return other > 0.0f && std::abs(other - own) > jump;
+        const float limit = std::max(noise, slopePerPixel * static_cast<float>(offset));
+        return other > 0.0f && std::abs(other - own) > limit;
     };
-    for (int offset = 1; offset <= margin; ++offset) {
-        if (jumps_to(x - offset, y) || jumps_to(x + offset, y)) return true;
-        if (jumps_to(x, y - offset) || jumps_to(x, y + offset)) return true;
+    for (int offset = 1; offset <= settings.edgeMargin; ++offset) {
+        if (jumps_to(x - offset, y, offset) || jumps_to(x + offset, y, offset)) return true;
+        if (jumps_to(x, y - offset, offset) || jumps_to(x, y + offset, offset)) return true;
     }
     return false;
 }
 
-InverseDepth without_edges(const InverseDepth& inverse, const DepthFrameSettings& settings, int threads) {
-    const float jump = settings.edgeJump * settings.inverseDepthStep;
+InverseDepth without_edges(const InverseDepth& inverse, float focalLength, const DepthFrameSettings& settings,
+                           int threads) {
     return for_each_pixel(inverse, threads, [&](int x, int y) {
-        return is_near_edge(inverse, x, y, settings.edgeMargin, jump) ? 0.0f : inverse.at(x, y);
+        return is_near_edge(inverse, x, y, focalLength, settings) ? 0.0f : inverse.at(x, y);
     });
 }
 
-/// Weights of the bilateral filter: a table over pixel offsets and a compact kernel over differences, which
-/// falls to 0 at three times its scale.
-class BilateralKernel {
-public:
-    BilateralKernel(int radius, float rangeScale) : _radius(radius), _inverseRange(1.0f / (3.0f * rangeScale)) {
-        const float scale = std::max(1.0f, 0.5f * static_cast<float>(radius));
-        for (int dy = -radius; dy <= radius; ++dy) {
-            for (int dx = -radius; dx <= radius; ++dx) {
-                const float square = static_cast<float>(dx * dx + dy * dy);
-                _spatial.push_back(std::exp(-square / (2.0f * scale * scale)));
-            }
-        }
+/// A copy with a rim of pixels without value, so that windows need no bounds.
+InverseDepth with_rim(const InverseDepth& inverse, int rim) {
+    InverseDepth padded{inverse.width + 2 * rim, inverse.height + 2 * rim, {}};
+    padded.values.assign(static_cast<std::size_t>(padded.width) * padded.height, 0.0f);
+    for (int y = 0; y < inverse.height; ++y) {
+        const float* row = &inverse.values[static_cast<std::size_t>(y) * inverse.width];
+        std::copy(row, row + inverse.width, &padded.at(rim, y + rim));
     }
+    return padded;
+}
 
-    float smoothed(const InverseDepth& inverse, int x, int y) const {
-        const float own = inverse.at(x, y);
-        float weightSum = 0.0f;
-        float differenceSum = 0.0f;
-        std::size_t k = 0;
-        for (int dy = -_radius; dy <= _radius; ++dy) {
-            for (int dx = -_radius; dx <= _radius; ++dx, ++k) {
-                if (!inverse.contains(x + dx, y + dy)) continue;
-                const float difference = inverse.at(x + dx, y + dy) - own;
-                const float weight = _spatial[k] * range_weight(difference);
-                weightSum += weight;
-                differenceSum += weight * difference;
-            }
-        }
-        return own + differenceSum / weightSum;
-    }
-
-private:
-    /// Pixels without value have inverse depth 0 and lie far outside the kernel.
-    float range_weight(float difference) const {
-        const float ratio = difference * _inverseRange;
-        const float rest = 1.0f - ratio * ratio;
-        return rest > 0.0f ? rest * rest : 0.0f;
-    }
-
-    int _radius;
-    float _inverseRange;
-    std::vector<float> _spatial;
+/// Two opposite neighbours, at +-(dx, dy) pixels, and their weight for being that far away.
+struct NeighbourPair {
+    int dx, dy;
+    float weight;
 };
 
+std::vector<NeighbourPair> neighbour_pairs(int radius) {
+    const float scale = std::max(1.0f, 0.5f * static_cast<float>(radius));
+    std::vector<NeighbourPair> pairs;
+    for (int dy = 0; dy <= radius; ++dy) {
+        for (int dx = dy == 0 ? 1 : -radius; dx <= radius; ++dx) {
+            const float squaredDistance = static_cast<float>(dx * dx + dy * dy);
+            pairs.push_back({dx, dy, std::exp(-squaredDistance / (2.0f * scale * scale))});
+        }
+    }
+    return pairs;
+}
+
+/// Adds one pair's part to the sums of a whole row; plain arrays, which compilers vectorise. The range kernel
+/// (1 - r^2)^2 ends at r = 1; a neighbour without value has inverse depth 0 and lies far beyond.
+void add_pair(float pairWeight, const float* own, const float* one, const float* other, const float* inverseReach,
+              int count, float* weightSum, float* differenceSum) {
+    for (int x = 0; x < count; ++x) {
+        const float difference = 0.5f * (one[x] + other[x]) - own[x];
+        const float ratio = difference * inverseReach[x];
+        const float rest = std::max(0.0f, 1.0f - ratio * ratio);
+        const float weight = pairWeight * rest * rest;
+        weightSum[x] += weight;
+        differenceSum[x] += weight * difference;
+    }
+}
+
 InverseDepth smoothed(const InverseDepth& inverse, const DepthFrameSettings& settings, int threads) {
-    const BilateralKernel kernel(settings.smoothingRadius, 2.0f * settings.inverseDepthStep);
-    return for_each_pixel(inverse, threads, [&](int x, int y) { return kernel.smoothed(inverse, x, y); });
+    const int radius = settings.smoothingRadius;
+    const std::vector<NeighbourPair> pairs = neighbour_pairs(radius);
+    const InverseDepth padded = with_rim(inverse, radius);
+    InverseDepth result = inverse;
+    const auto smooth_row = [&](int y) {
+        const std::size_t width = static_cast<std::size_t>(inverse.width);
+        float* own = &result.at(0, y);
+        std::vector<float> inverseReach(width), weightSum(width, 0.5f), differenceSum(width, 0.0f);
+        for (std::size_t x = 0; x < width; ++x) inverseReach[x] = 1.0f / (4.0f * inverse_step(own[x], settings));
+        const float* centre = &padded.at(radius, y + radius);
+        for (const NeighbourPair& pair : pairs) {
+            const std::ptrdiff_t offset = static_cast<std::ptrdiff_t>(pair.dy) * padded.width + pair.dx;
+            add_pair(pair.weight, own, centre - offset, centre + offset, inverseReach.data(), inverse.width,
+                     weightSum.data(), differenceSum.data());
+        }
+        for (std::size_t x = 0; x < width; ++x) {
+            if (own[x] > 0.0f) own[x] += differenceSum[x] / weightSum[x];
+        }
+    };
+    parallel_ranges(threads, static_cast<std::size_t>(inverse.height), rowGrain,
+                    [&](std::size_t begin, std::size_t end) {
+                        for (std::size_t y = begin; y < end; ++y) smooth_row(static_cast<int>(y));
+                    });
+    return result;
 }
 
 PointImage back_projected(const InverseDepth& inverse, const CameraInParam& camera) {
@@ -144,13 +177,14 @@ float middle_depth(const PointImage& frame) {
     return *middle;
 }
 
+/// One step at a depth, in mm.
 float step_at(float depth, const DepthFrameSettings& settings) {
-    return settings.inverseDepthStep * depth * depth;
+    return depth > 0.0f ? inverse_step(1.0f / depth, settings) * depth * depth : 0.0f;
 }
 
 /// How far neighbours in the window of a surface that is turned by 70 degrees lie apart, at the frame's middle depth.
-float normal_distance_limit(float depth, const CameraInParam& camera, const DepthFrameSettings& settings) {
-    const float pixel = depth / static_cast<float>(std::min(camera.get_fx(), camera.get_fy()));
+float normal_distance_limit(float depth, float focalLength, const DepthFrameSettings& settings) {
+    const float pixel = depth / focalLength;
     return 3.0f * static_cast<float>(settings.normalWindow) * pixel + 2.0f * step_at(depth, settings);
 }
 
@@ -170,7 +204,8 @@ void set_weights(PointImage& frame) {
 PointImage depth_frame_to_point_image(const DepthImage& depth, const CameraInParam& camera,
                                       const DepthFrameSettings& settings, int threads) {
     InverseDepth inverse = inverse_depth_in_range(depth, settings);
-    if (settings.edgeMargin > 0) inverse = without_edges(inverse, settings, threads);
+    const float focalLength = static_cast<float>(std::min(camera.get_fx(), camera.get_fy()));
+    if (settings.edgeMargin > 0) inverse = without_edges(inverse, focalLength, settings, threads);
     if (settings.smoothingRadius > 0) inverse = smoothed(inverse, settings, threads);
 
     PointImage frame = back_projected(inverse, camera);
@@ -180,7 +215,7 @@ PointImage depth_frame_to_point_image(const DepthImage& depth, const CameraInPar
         const float jump = settings.edgeJump * step_at(typicalDepth, settings);
         frame.delete_island_through_depth(1, jump, settings.smallestIsland, Vector3f::Zero());
     }
-    const float limit = normal_distance_limit(typicalDepth, camera, settings);
+    const float limit = normal_distance_limit(typicalDepth, focalLength, settings);
     frame.update_VNrv(settings.normalStep, settings.normalWindow, limit);
     frame.delete_point_without_normal();
     set_weights(frame);

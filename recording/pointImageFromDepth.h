@@ -9,7 +9,8 @@ namespace VexelAlgorithm {
 
 /// How a depth image becomes points. A triangulating depth camera resolves the inverse depth 1/z evenly,
 /// so limits on depth differences are counted in its steps: with `inverseDepthStep` q, one step at depth z
-/// is q z^2 millimetres. The defaults suit room-size recordings of structured-light cameras.
+/// is q z^2 millimetres, and never less than the image's one millimetre. The defaults suit room-size recordings of
+/// structured-light cameras.
 struct DepthFrameSettings {
     float nearest = 100.0f;             ///< mm; nearer pixels are taken as without value
     float farthest = 10000.0f;          ///< mm; farther pixels are taken as without value
@@ -27,8 +28,9 @@ struct DepthFrameSettings {
 /// by `PointImage::update_VNrv`; points without a normal are dropped; weights; flags enabled. The result
 /// carries the camera, sampling 1, view radial (0, 0) and the identity pose, and is what integration asks for.
 ///
-/// Smoothing is a bilateral filter on inverse depth (Tomasi and Manduchi 1998), whose range scale is two
-/// steps: it removes the staircase of the quantisation and keeps edges.
+/// Smoothing is a bilateral filter (Tomasi and Manduchi 1998) on inverse depth over pairs of opposite neighbours,
+/// whose range kernel ends at four steps: it removes the staircase of the quantisation and keeps edges. A plane,
+/// which is linear in inverse depth, stays where it is up to its border.
 /// Weights: cos(angle between normal and ray) * (1000 mm / z)^2. The depth's standard deviation grows with
 /// z^2 (Khoshelham and Elberink 2012), so this lies between the inverse deviation and the inverse variance
 /// where the grazing views are concerned, and is 1 for a surface faced at one metre.

@@ -1,7 +1,9 @@
 // Recordings on disk: what is written reads back; every kind of damage is named with its file.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <clocale>
+#include <cmath>
 #include <functional>
 #include <opencv2/imgcodecs.hpp>
 
@@ -236,6 +238,63 @@ TEST(RecordingBadInput, WritersLeaveOldFilesAndNoRemains) {
     EXPECT_FALSE(fs::exists(folder.path() / "d.png"));
     EXPECT_TRUE(prepare_output_folder(folder.path() / "a" / "b"));
     EXPECT_TRUE(fs::is_empty(folder.path() / "a" / "b"));
+}
+
+/// Whole-millimetre depth of a plane n.p = d seen by the camera, with a nearer wall over the left `wallColumns`.
+DepthImage plane_depth(const CameraInParam& view, const Vector3d& normal, double distance, int wallColumns,
+                       double wall) {
+    DepthImage image{160, 120, {}};
+    for (int y = 0; y < image.height; ++y) {
+        for (int x = 0; x < image.width; ++x) {
+            const Vector3d ray((x - view.get_cx()) / view.get_fx(), (y - view.get_cy()) / view.get_fy(), 1.0);
+            const double z = x < wallColumns ? wall : distance / normal.dot(ray);
+            image.millimetres.push_back(static_cast<std::uint16_t>(z + 0.5));
+        }
+    }
+    return image;
+}
+
+TEST(DepthFrame, HasPointsNormalsAndWeightsOfTheSurface) {
+    const CameraInParam view(146.0, 146.0, 80.0, 60.0);
+    const Vector3d normal = Vector3d(0.5, -0.2, 1.0).normalized();
+    const PointImage frame = depth_frame_to_point_image(plane_depth(view, normal, 1500.0, 0, 0.0), view, {}, 2);
+    ASSERT_TRUE(frame.is_enable_vNormal() && frame.is_enable_vWeight() && frame.is_enable_vFlag());
+    EXPECT_GT(frame.count_vaildNum(), 160 * 120 * 95 / 100);
+    double squaredSum = 0.0;
+    int count = 0;
+    for (std::size_t i = 0; i < frame.get_vn(); ++i) {
+        if (!frame.has_point(i)) continue;
+        const Vector3d point = frame.get_vCoord(i).cast<double>();
+        const Vector3d facing = -frame.get_vNrv(i).cast<double>();
+        squaredSum += std::pow(point.dot(normal) - 1500.0, 2.0);
+        ++count;
+        EXPECT_NEAR(point.dot(normal), 1500.0, 1.0) << "also at the image's border";
+        EXPECT_GT(facing.dot(normal), std::cos(0.1));
+        const double cosine = point.normalized().dot(normal);
+        EXPECT_NEAR(frame.get_vWeight(i), cosine * std::pow(1000.0 / point.z(), 2.0), 0.03);
+    }
+    EXPECT_LT(std::sqrt(squaredSum / count), 0.5) << "whole millimetres, smoothed";
+}
+
+TEST(DepthFrame, DropsEdgesSpecksAndPixelsOutOfRange) {
+    const CameraInParam view(146.0, 146.0, 80.0, 60.0);
+    DepthImage image = plane_depth(view, Vector3d::UnitZ(), 1500.0, 50, 900.0);
+    for (int y = 100; y < 110; ++y) std::fill_n(&image.millimetres[y * 160 + 140], 10, 65535);
+    for (int y = 20; y < 30; ++y) std::fill_n(&image.millimetres[y * 160 + 90], 10, 0);
+    image.millimetres[25 * 160 + 95] = 1500;  // a speck in a hole
+    DepthFrameSettings settings;
+    const PointImage frame = depth_frame_to_point_image(image, view, settings, 1);
+    const auto has = [&](int x, int y) { return frame.has_point(frame.index_of(x, y)); };
+    EXPECT_TRUE(has(47, 60) && has(52, 60));
+    EXPECT_FALSE(has(48, 60) || has(49, 60) || has(50, 60) || has(51, 60)) << "two pixels to each side of the edge";
+    EXPECT_NEAR(frame.get_point(47, 60).z(), 900.0f, 0.01f);
+    EXPECT_NEAR(frame.get_point(52, 60).z(), 1500.0f, 0.01f);
+    EXPECT_FALSE(has(145, 105)) << "65535 is no depth";
+    EXPECT_FALSE(has(95, 25));
+
+    settings.farthest = 1000.0f;
+    EXPECT_FALSE(depth_frame_to_point_image(image, view, settings, 1).has_point(frame.index_of(60, 60)));
+    EXPECT_EQ(depth_frame_to_point_image(DepthImage{3, 1, {0, 0, 0}}, view, settings, 2).count_vaildNum(), 0);
 }
 
 }  // namespace

@@ -1,0 +1,62 @@
+#include "apps/volumePlacement.h"
+
+#include <algorithm>
+#include <cmath>
+#include <limits>
+
+namespace VexelAlgorithm::Apps {
+namespace {
+
+constexpr std::size_t sampledFrames = 24;
+constexpr int pixelStep = 8;
+constexpr int smallestDepth = 10;
+/// The scene between the sampled frames and pixels, the truncation band and the volume's own unused rim.
+constexpr double relativeMargin = 1.1;
+constexpr double marginVoxels = 32.0;
+
+void extend(Box& box, const DepthImage& image, const CameraInParam& camera, const RigidMatrix& cameraToWorld,
+            const DepthFrameSettings& settings) {
+    for (int y = 0; y < image.height; y += pixelStep) {
+        for (int x = 0; x < image.width; x += pixelStep) {
+            const std::uint16_t z = image.millimetres[static_cast<std::size_t>(y) * image.width + x];
+            if (!DepthImage::is_value(z) || z < settings.nearest || z > settings.farthest) continue;
+            Vector3d point;
+            camera.depth_to_point(static_cast<double>(z), Vector2d(x, y), point);
+            const Vector3d world = cameraToWorld * point;
+            box.low = box.low.cwiseMin(world);
+            box.high = box.high.cwiseMax(world);
+        }
+    }
+}
+
+}  // namespace
+
+Outcome<Box> scene_box(const Recording& recording, const std::vector<RecordedFrame>& frames,
+                       const DepthFrameSettings& settings) {
+    constexpr double infinity = std::numeric_limits<double>::infinity();
+    Box box{Vector3d::Constant(infinity), Vector3d::Constant(-infinity)};
+    const std::size_t samples = std::min(sampledFrames, frames.size());
+    for (std::size_t i = 0; i < samples; ++i) {
+        const std::size_t index = samples == 1 ? 0 : i * (frames.size() - 1) / (samples - 1);
+        const Outcome<DepthImage> image = read_depth_png(frames[index].depthFile);
+        if (!image) return image.failure();
+        extend(box, *image, recording.camera(), *frames[index].cameraToWorld, settings);
+    }
+    if (!(box.low.array() <= box.high.array()).all()) {
+        return Failure{"the frames of " + recording.folder().string() +
+                       " hold no usable depth; check that the images are in millimetres"};
+    }
+    return box;
+}
+
+VolumePlacement place_volume(const Box& box, float voxel, int fixedDepth, int largestDepth) {
+    const double wantedVoxels = relativeMargin * box.longest_side() / voxel + 2.0 * marginVoxels;
+    const int fittingDepth = static_cast<int>(std::ceil(std::log2(wantedVoxels)));
+    VolumePlacement placement;
+    placement.treeDepth = fixedDepth > 0 ? fixedDepth : std::clamp(fittingDepth, smallestDepth, largestDepth);
+    const double half = 0.5 * std::ldexp(static_cast<double>(voxel), placement.treeDepth);
+    placement.shift = (box.centre() - Vector3d::Constant(half)).cast<float>();
+    return placement;
+}
+
+}  // namespace VexelAlgorithm::Apps

@@ -1,0 +1,38 @@
+// Where the volume must lie to hold a recording of known poses.
+#pragma once
+
+#include <vector>
+
+#include "foundation/types.h"
+#include "recording/Recording.h"
+#include "recording/pointImageFromDepth.h"
+
+namespace VexelAlgorithm::Apps {
+
+/// An axis-parallel box in world coordinates (mm).
+struct Box {
+    Vector3d low = Vector3d::Constant(0.0);
+    Vector3d high = Vector3d::Constant(0.0);
+
+    Vector3d centre() const { return 0.5 * (low + high); }
+    double longest_side() const { return (high - low).maxCoeff(); }
+};
+
+/// A cube of 2^treeDepth voxels a side.
+struct VolumePlacement {
+    int treeDepth = 10;
+    Vector3f shift = Vector3f::Zero();  ///< world position (mm) of the corner of voxel (0, 0, 0)
+};
+
+/// The box around a sparse sample of the frames' points at their poses: some frames over the whole
+/// recording, every eighth pixel of every eighth row. Frames must have poses. Fails when an image cannot be
+/// read or when there is no point at all.
+Outcome<Box> scene_box(const Recording& recording, const std::vector<RecordedFrame>& frames,
+                       const DepthFrameSettings& settings);
+
+/// The smallest volume around the box's centre that holds the box, some voxels of margin included;
+/// `largestDepth` bounds it, so that a large scene with fine voxels may stick out. `fixedDepth` above 0
+/// replaces the choice of the depth.
+VolumePlacement place_volume(const Box& box, float voxel, int fixedDepth, int largestDepth);
+
+}  // namespace VexelAlgorithm::Apps

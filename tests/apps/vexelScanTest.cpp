@@ -1,0 +1,239 @@
+// The tool as a process: exit codes, files, the same bytes twice, one clear line for each failure.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cmath>
+#include <cstdlib>
+#include <opencv2/imgcodecs.hpp>
+
+#include "TemporaryFolder.h"
+#include "foundation/PointImage.h"
+#include "recording/Recording.h"
+
+#if !defined(_WIN32)
+#    include <sys/wait.h>
+#endif
+
+namespace {
+
+namespace fs = std::filesystem;
+using namespace VexelAlgorithm;
+using VexelTest::bytes_of;
+using VexelTest::put_bytes;
+using VexelTest::TemporaryFolder;
+
+struct ToolRun {
+    int exitCode = -1;
+    std::string output;
+    std::string errors;
+};
+
+std::string quoted(const fs::path& path) {
+    return '"' + path.string() + '"';
+}
+
+class VexelScan : public ::testing::Test {
+protected:
+    ToolRun run(const std::string& arguments) const {
+        const fs::path output = path("stdout.txt");
+        const fs::path errors = path("stderr.txt");
+        const std::string command =
+            quoted(VEXEL_SCAN_PROGRAM) + ' ' + arguments + " >" + quoted(output) + " 2>" + quoted(errors);
+        const int status = std::system(command.c_str());
+#if defined(_WIN32)
+        const int exitCode = status;
+#else
+        const int exitCode = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+#endif
+        return {exitCode, bytes_of(output), bytes_of(errors)};
+    }
+
+    fs::path path(const std::string& name) const {
+        return _folder.path() / name;
+    }
+
+    /// Frames of a ball in front of a wall, seen from a camera that moves sideways.
+    fs::path ball_recording(int frames) const {
+        const fs::path folder = path("ball");
+        const CameraInParam camera(150.0, 150.0, 79.5, 59.5);
+        Outcome<RecordingWriter> writer = RecordingWriter::create(folder, camera);
+        for (int i = 0; writer && i < frames; ++i) {
+            RigidMatrix pose;
+            pose.set_translation({20.0 * i, 0.0, 0.0});
+            EXPECT_TRUE(writer->write_frame(3 * i, ball_depth(camera, pose), pose));
+        }
+        return folder;
+    }
+
+private:
+    static DepthImage ball_depth(const CameraInParam& camera, const RigidMatrix& pose) {
+        const Vector3d centre = pose.inverse() * Vector3d(40.0, 0.0, 700.0);
+        const double radius = 150.0;
+        DepthImage image{160, 120, {}};
+        for (int y = 0; y < image.height; ++y) {
+            for (int x = 0; x < image.width; ++x) {
+                const Vector3d ray((x - camera.get_cx()) / camera.get_fx(), (y - camera.get_cy()) / camera.get_fy(),
+                                   1.0);
+                const double along = ray.dot(centre);
+                const double rest = along * along - ray.squaredNorm() * (centre.squaredNorm() - radius * radius);
+                const double depth = rest > 0.0 ? (along - std::sqrt(rest)) / ray.squaredNorm() : 1000.0;
+                image.millimetres.push_back(static_cast<std::uint16_t>(depth + 0.5));
+            }
+        }
+        return image;
+    }
+
+    TemporaryFolder _folder;
+};
+
+std::string without_this_run(const std::string& report) {
+    return report.substr(0, report.find("This run"));
+}
+std::string without_timing(const std::string& json) {
+    return json.substr(0, json.find("\"timing\""));
+}
+
+TEST_F(VexelScan, FusesARecordingToTheSameBytesTwice) {
+    const fs::path recording = ball_recording(6);
+    const std::string call = "fuse " + quoted(recording) + " --voxel 8 --threads 1 --min-weight 1 --out ";
+    const ToolRun first = run(call + quoted(path("a")));
+    ASSERT_EQ(first.exitCode, 0) << first.errors;
+    EXPECT_EQ(first.errors, "");
+    const ToolRun second = run(call + quoted(path("b") / "deeper"));
+    ASSERT_EQ(second.exitCode, 0) << second.errors;
+
+    EXPECT_EQ(bytes_of(path("a") / "mesh.ply"), bytes_of(path("b") / "deeper" / "mesh.ply"));
+    const std::string json = bytes_of(path("a") / "report.json");
+    const std::string text = bytes_of(path("a") / "report.txt");
+    EXPECT_EQ(without_timing(json), without_timing(bytes_of(path("b") / "deeper" / "report.json")));
+    EXPECT_EQ(without_this_run(text), without_this_run(bytes_of(path("b") / "deeper" / "report.txt")));
+    EXPECT_LT(without_timing(json).size(), json.size());
+    EXPECT_NE(json.find("\"frames_fused\": 6"), std::string::npos) << json;
+    EXPECT_NE(json.find("\"points_outside_volume\": 0"), std::string::npos) << json;
+    EXPECT_NE(text.find("integrate"), std::string::npos) << text;
+
+    std::size_t files = 0;
+    for (const auto& entry : fs::directory_iterator(path("a"))) files += entry.is_regular_file() ? 1 : 0;
+    EXPECT_EQ(files, 4u) << "only mesh, preview and the two reports remain";
+    const cv::Mat preview = cv::imread((path("a") / "preview.png").string());
+    ASSERT_FALSE(preview.empty());
+    EXPECT_GT(preview.cols, 2 * preview.rows) << "several views side by side";
+}
+
+TEST_F(VexelScan, ChoosesFramesAndFormats) {
+    const fs::path recording = ball_recording(6);
+    const ToolRun four =
+        run("fuse " + quoted(recording) + " --first 3 --last 12 --step 3 --voxel 8 --min-weight 1 --format obj --out " +
+            quoted(path("out")));
+    ASSERT_EQ(four.exitCode, 0) << four.errors;
+    EXPECT_TRUE(fs::exists(path("out") / "mesh.obj"));
+    EXPECT_NE(bytes_of(path("out") / "report.json").find("\"frames_selected\": 4"), std::string::npos);
+    EXPECT_NE(four.output.find("4 of 4 frames"), std::string::npos) << "plain progress lines: " << four.output;
+    EXPECT_EQ(four.output.find('\r'), std::string::npos);
+
+    const ToolRun info = run("info " + quoted(recording));
+    EXPECT_EQ(info.exitCode, 0);
+    EXPECT_NE(info.output.find("numbers 0 .. 15"), std::string::npos) << info.output;
+}
+
+TEST_F(VexelScan, SimulatesARecordingThatFuses) {
+    const std::string call = "simulate --frames 3 --width 120 --height 90 --noise --seed 7 ";
+    ASSERT_EQ(run(call + quoted(path("sim"))).exitCode, 0);
+    ASSERT_EQ(run(call + quoted(path("again"))).exitCode, 0);
+    const char* file = "frame-000002.depth.png";
+    EXPECT_EQ(bytes_of(path("sim") / file), bytes_of(path("again") / file));
+    const ToolRun fused = run("fuse " + quoted(path("sim")) + " --voxel 4 --min-weight 1 --out " + quoted(path("out")));
+    EXPECT_EQ(fused.exitCode, 0) << fused.errors;
+    const ToolRun refused = run(call + quoted(path("sim")));
+    EXPECT_EQ(refused.exitCode, 1);
+    EXPECT_NE(refused.errors.find("holds a recording already"), std::string::npos) << refused.errors;
+}
+
+struct BadCall {
+    const char* arguments;  // @ stands for the test's folder
+    int exitCode;
+    const char* message;
+};
+
+const BadCall badCalls[] = {
+    {"frobnicate", 2, "frobnicate"},
+    {"fuse @/ball", 2, "--out is required"},
+    {"fuse @/ball --out @/out --voxel 0", 2, "--voxel"},
+    {"fuse @/ball --out @/out --voxel -5", 2, "--voxel"},
+    {"fuse @/ball --out @/out --voxel nan", 2, "--voxel"},
+    {"fuse @/ball --out @/out --voxel 1e30", 2, "--voxel"},
+    {"fuse @/ball --out @/out --step 0", 2, "--step"},
+    {"fuse @/ball --out @/out --threads -1", 2, "--threads"},
+    {"fuse @/ball --out @/out --threads 99999999999999999999", 2, "--threads"},
+    {"fuse @/ball --out @/out --depth 99", 2, "--depth"},
+    {"fuse @/ball --out @/out --range 2.5", 2, "--range"},
+    {"fuse @/ball --out @/out --min-weight inf", 2, "--min-weight"},
+    {"fuse @/ball --out @/out --format docx", 2, "--format"},
+    {"fuse @/ball --out @/out --first 100", 1, "no frame in the chosen range"},
+    {"fuse @/ball --out @/out --first 9 --last 3", 1, "no frame in the chosen range"},
+    {"fuse @/ball --out @/out --min-weight 1000", 1, "no surface came out"},
+    {"fuse @/ball --out @/file", 1, "is a file"},
+    {"fuse @/ball --out @/file/below", 1, "cannot be made"},
+    {"fuse @/nothing --out @/out", 1, "there is no recording folder"},
+    {"fuse @/file --out @/out", 1, "is not a folder"},
+    {"fuse @/half --out @/out", 1, "frame-000003.depth.png"},
+    {"fuse @/black --out @/out", 1, "no usable depth"},
+    {"info @/half", 1, "frame-000003.depth.png"},
+    {"simulate @/file", 1, "is a file"},
+    {"simulate @/sim --frames 0", 2, "--frames"},
+    {"simulate @/sim --scene cathedral", 2, "--scene"},
+};
+
+TEST_F(VexelScan, SaysInOneSentenceWhatIsWrong) {
+    const fs::path ball = ball_recording(2);
+    put_bytes(path("file"), "precious");
+    fs::copy(ball, path("half"));
+    fs::resize_file(path("half") / "frame-000003.depth.png", 100);
+    fs::copy(ball, path("black"));
+    for (const char* name : {"frame-000000.depth.png", "frame-000003.depth.png"}) {
+        cv::imwrite((path("black") / name).string(), cv::Mat(120, 160, CV_16UC1, cv::Scalar(0)));
+    }
+    for (const BadCall& call : badCalls) {
+        SCOPED_TRACE(call.arguments);
+        std::string arguments = call.arguments;
+        for (std::size_t at = arguments.find('@'); at != std::string::npos; at = arguments.find('@')) {
+            arguments.replace(at, 1, path("").parent_path().string());
+        }
+        const ToolRun result = run(arguments);
+        EXPECT_EQ(result.exitCode, call.exitCode);
+        EXPECT_NE(result.errors.find(call.message), std::string::npos) << result.errors;
+        EXPECT_EQ(std::count(result.errors.begin(), result.errors.end(), '\n'), 1) << result.errors;
+        EXPECT_FALSE(fs::exists(path("out") / "mesh.ply"));
+    }
+    EXPECT_EQ(bytes_of(path("file")), "precious");
+}
+
+#if !defined(_WIN32)
+TEST_F(VexelScan, WritesWhatIsFusedWhenInterrupted) {
+    const fs::path recording = ball_recording(300);
+    const fs::path log = path("log.txt");
+    const std::string call = quoted(VEXEL_SCAN_PROGRAM) + " fuse " + quoted(recording) +
+                             " --voxel 8 --min-weight 1 --out " + quoted(path("out")) + " >" + quoted(log);
+    const std::string untilItFuses = "while kill -0 $p && ! grep -q fusing " + quoted(log) + "; do sleep 0.01; done";
+    const int status = std::system((call + " & p=$!; " + untilItFuses + "; kill -INT $p; wait $p").c_str());
+    const ToolRun result{WEXITSTATUS(status), bytes_of(log), ""};
+    ASSERT_EQ(result.exitCode, 130) << result.errors;
+    EXPECT_NE(result.output.find("interrupted: writing what the first "), std::string::npos) << result.output;
+    EXPECT_NE(bytes_of(path("out") / "report.json").find("\"interrupted\": true"), std::string::npos);
+    EXPECT_TRUE(fs::exists(path("out") / "mesh.ply"));
+}
+#endif
+
+TEST_F(VexelScan, FusesTheRealRecording) {
+    const char* recordings = std::getenv("VEXEL_RECORDINGS");
+    if (recordings == nullptr) GTEST_SKIP() << "VEXEL_RECORDINGS names no folder of recordings";
+    const fs::path office = fs::path(recordings) / "office_depth";
+    const ToolRun result = run("fuse " + quoted(office) + " --step 60 --min-weight 1 --out " + quoted(path("out")));
+    ASSERT_EQ(result.exitCode, 0) << result.errors;
+    const std::string json = bytes_of(path("out") / "report.json");
+    EXPECT_NE(json.find("\"frames_fused\": 5"), std::string::npos) << json;
+    EXPECT_NE(json.find("\"points_outside_volume\": 0"), std::string::npos) << json;
+    EXPECT_GT(fs::file_size(path("out") / "mesh.ply"), 1000000u);
+}
+
+}  // namespace

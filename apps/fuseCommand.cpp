@@ -39,7 +39,7 @@ struct FuseOptions {
     int step = 1;
     int threads = 0;  ///< 0: all processors
     int depth = 0;    ///< 0: from the scene
-    int range = 9;    ///< a band of +-22 mm, about the depth error of room-size cameras at 3 m
+    int range = 0;    ///< 0: from the camera's depth error
     float minWeight = 3.0f;
     std::string format = "ply";
     DepthFrameSettings frame;
@@ -49,9 +49,12 @@ constexpr float coneHalfWidth = 0.5f;
 /// 2^14 voxels a side; the choice from the scene stops here, --depth may go on.
 constexpr int largestChosenDepth = 14;
 
-std::unique_ptr<SpeckleVolume> make_volume(const FuseOptions& options, const VolumePlacement& placement, int threads) {
-    auto volume = std::make_unique<SpeckleVolume>(placement.treeDepth, options.voxel, coneHalfWidth, options.range,
-                                                  threads, options.out);
+std::unique_ptr<SpeckleVolume> make_volume(const FuseOptions& options, const SceneSurvey& survey, int threads) {
+    const VolumePlacement placement = place_volume(survey.box, options.voxel, options.depth, largestChosenDepth);
+    const int range =
+        options.range > 0 ? options.range : choose_fusion_range(survey.farDepth, options.voxel, options.frame);
+    auto volume =
+        std::make_unique<SpeckleVolume>(placement.treeDepth, options.voxel, coneHalfWidth, range, threads, options.out);
     volume->set_shift(placement.shift);
     return volume;
 }
@@ -194,11 +197,10 @@ int run_fuse(const FuseOptions& options) {
     }
     const Outcome<Done> prepared = prepare_output_folder(options.out);
     if (!prepared) return report_failure(prepared.failure());
-    const Outcome<Box> box = scene_box(*recording, frames, options.frame);
-    if (!box) return report_failure(box.failure());
+    const Outcome<SceneSurvey> survey = survey_scene(*recording, frames, options.frame);
+    if (!survey) return report_failure(survey.failure());
 
-    const VolumePlacement placement = place_volume(*box, options.voxel, options.depth, largestChosenDepth);
-    const std::unique_ptr<SpeckleVolume> volume = make_volume(options, placement, threads);
+    const std::unique_ptr<SpeckleVolume> volume = make_volume(options, *survey, threads);
     FuseReport report = begin_report(*recording, frames, options, *volume);
     const Outcome<Done> fused = fuse_frames(*recording, frames, options, *volume, report);
     if (!fused) return report_failure(fused.failure());
@@ -237,9 +239,11 @@ void add_fuse_command(CLI::App& app, Command& chosen) {
         ->capture_default_str();
     command->add_option("--depth", options->depth, "Bits of the volume along each axis; without it as the scene needs")
         ->check(number_between(SpeckleVolume::Octree::MinTreeDepth, SpeckleVolume::Octree::MaxTreeDepth));
-    command->add_option("--range", options->range, "Voxels along each axis that a point contributes to, an odd number")
-        ->check(number_between(1, SpeckleVolume::MaxFusionRange))
-        ->capture_default_str();
+    command
+        ->add_option(
+            "--range", options->range,
+            "Voxels along each axis that a point contributes to, an odd number; without it as the depth error needs")
+        ->check(number_between(1, SpeckleVolume::MaxFusionRange));
     command->add_option("--min-weight", options->minWeight, "Contributions that a voxel needs to make surface")
         ->check(number_between(0, 1e9))
         ->capture_default_str();

@@ -44,10 +44,11 @@ void print_poses(const Recording& recording) {
         std::count_if(frames.begin(), frames.end(), [](const auto& frame) { return frame.cameraToWorld; });
     print_line(format_text("Poses         %d, path %.0f mm", static_cast<int>(posed), path_length(frames)));
     if (static_cast<std::size_t>(posed) != frames.size()) return;
-    const Outcome<Box> box = scene_box(recording, frames, {});
-    if (!box) return;
-    print_line(format_text("Scene         x %.0f .. %.0f, y %.0f .. %.0f, z %.0f .. %.0f mm", box->low.x(),
-                           box->high.x(), box->low.y(), box->high.y(), box->low.z(), box->high.z()));
+    const Outcome<SceneSurvey> survey = survey_scene(recording, frames, {});
+    if (!survey) return;
+    const Box& box = survey->box;
+    print_line(format_text("Scene         x %.0f .. %.0f, y %.0f .. %.0f, z %.0f .. %.0f mm", box.low.x(), box.high.x(),
+                           box.low.y(), box.high.y(), box.low.z(), box.high.z()));
 }
 
 int run_info(const std::string& folder) {

@@ -35,13 +35,14 @@ CameraInParam camera_of(const SimulateOptions& options) {
     return {focalLength, focalLength, 0.5 * (options.width - 1), 0.5 * (options.height - 1)};
 }
 
-/// One turn around the object that climbs from a low to a high view.
+/// Two turns around the object that climb from a low to a high view.
 std::vector<RigidMatrix> camera_path(const SimulateOptions& options) {
     Simulation::Orbit orbit;
     orbit.target = Simulation::owl_centre();
     orbit.radius = options.distance;
-    orbit.startElevation = 12.0;
-    orbit.endElevation = 55.0;
+    orbit.turns = 2.0;
+    orbit.startElevation = 8.0;
+    orbit.endElevation = 60.0;
     return Simulation::orbit_poses(orbit, options.frames);
 }
 
@@ -63,7 +64,7 @@ int run_simulate(const SimulateOptions& options) {
     const Simulation::ShapePtr scene = Simulation::make_scene(options.scene);
     Simulation::RenderSettings settings;
     settings.threads = default_thread_number();
-    settings.farLimit = 1.5 * options.distance;  // a scanner's working range
+    settings.farLimit = 1.2 * options.distance;  // a scanner's working range
     Simulation::NoiseModel noise;
     noise.seed = options.seed;
 
@@ -91,7 +92,7 @@ void add_simulate_command(CLI::App& app, Command& chosen) {
     command->add_option("--scene", options->scene, "What is scanned")
         ->check(CLI::IsMember(Simulation::scene_names()))
         ->capture_default_str();
-    command->add_option("--frames", options->frames, "Number of frames on one turn around the object")
+    command->add_option("--frames", options->frames, "Number of frames on two turns around the object")
         ->check(number_between(1, 100000))
         ->capture_default_str();
     command->add_option("--distance", options->distance, "Distance of the camera from the object in mm")

@@ -14,39 +14,61 @@ constexpr int smallestDepth = 10;
 constexpr double relativeMargin = 1.1;
 constexpr double marginVoxels = 32.0;
 
-void extend(Box& box, const DepthImage& image, const CameraInParam& camera, const RigidMatrix& cameraToWorld,
-            const DepthFrameSettings& settings) {
-    for (int y = 0; y < image.height; y += pixelStep) {
-        for (int x = 0; x < image.width; x += pixelStep) {
-            const std::uint16_t z = image.millimetres[static_cast<std::size_t>(y) * image.width + x];
-            if (!DepthImage::is_value(z) || z < settings.nearest || z > settings.farthest) continue;
-            Vector3d point;
-            camera.depth_to_point(static_cast<double>(z), Vector2d(x, y), point);
-            const Vector3d world = cameraToWorld * point;
-            box.low = box.low.cwiseMin(world);
-            box.high = box.high.cwiseMax(world);
+class Surveyor {
+public:
+    void add(const DepthImage& image, const CameraInParam& camera, const RigidMatrix& cameraToWorld,
+             const DepthFrameSettings& settings) {
+        for (int y = 0; y < image.height; y += pixelStep) {
+            for (int x = 0; x < image.width; x += pixelStep) {
+                const std::uint16_t z = image.millimetres[static_cast<std::size_t>(y) * image.width + x];
+                if (!DepthImage::is_value(z) || z < settings.nearest || z > settings.farthest) continue;
+                Vector3d point;
+                camera.depth_to_point(static_cast<double>(z), Vector2d(x, y), point);
+                const Vector3d world = cameraToWorld * point;
+                _box.low = _box.low.cwiseMin(world);
+                _box.high = _box.high.cwiseMax(world);
+                _depths.push_back(z);
+            }
         }
     }
-}
+
+    bool empty() const { return _depths.empty(); }
+
+    SceneSurvey result() {
+        const auto place = _depths.begin() + static_cast<std::ptrdiff_t>(_depths.size() * 95 / 100);
+        std::nth_element(_depths.begin(), place, _depths.end());
+        return {_box, static_cast<float>(*place)};
+    }
+
+private:
+    static constexpr double infinity = std::numeric_limits<double>::infinity();
+
+    Box _box{Vector3d::Constant(infinity), Vector3d::Constant(-infinity)};
+    std::vector<std::uint16_t> _depths;
+};
 
 }  // namespace
 
-Outcome<Box> scene_box(const Recording& recording, const std::vector<RecordedFrame>& frames,
-                       const DepthFrameSettings& settings) {
-    constexpr double infinity = std::numeric_limits<double>::infinity();
-    Box box{Vector3d::Constant(infinity), Vector3d::Constant(-infinity)};
+Outcome<SceneSurvey> survey_scene(const Recording& recording, const std::vector<RecordedFrame>& frames,
+                                  const DepthFrameSettings& settings) {
+    Surveyor surveyor;
     const std::size_t samples = std::min(sampledFrames, frames.size());
     for (std::size_t i = 0; i < samples; ++i) {
         const std::size_t index = samples == 1 ? 0 : i * (frames.size() - 1) / (samples - 1);
         const Outcome<DepthImage> image = read_depth_png(frames[index].depthFile);
         if (!image) return image.failure();
-        extend(box, *image, recording.camera(), *frames[index].cameraToWorld, settings);
+        surveyor.add(*image, recording.camera(), *frames[index].cameraToWorld, settings);
     }
-    if (!(box.low.array() <= box.high.array()).all()) {
+    if (surveyor.empty()) {
         return Failure{"the frames of " + recording.folder().string() +
                        " hold no usable depth; check that the images are in millimetres"};
     }
-    return box;
+    return surveyor.result();
+}
+
+int choose_fusion_range(float farDepth, float voxel, const DepthFrameSettings& settings) {
+    const float voxels = std::ceil(2.0f * depth_step(farDepth, settings) / voxel);
+    return static_cast<int>(std::clamp(voxels, 5.0f, 15.0f)) | 1;
 }
 
 VolumePlacement place_volume(const Box& box, float voxel, int fixedDepth, int largestDepth) {

@@ -177,15 +177,10 @@ float middle_depth(const PointImage& frame) {
     return *middle;
 }
 
-/// One step at a depth, in mm.
-float step_at(float depth, const DepthFrameSettings& settings) {
-    return depth > 0.0f ? inverse_step(1.0f / depth, settings) * depth * depth : 0.0f;
-}
-
 /// How far neighbours in the window of a surface that is turned by 70 degrees lie apart, at the frame's middle depth.
 float normal_distance_limit(float depth, float focalLength, const DepthFrameSettings& settings) {
     const float pixel = depth / focalLength;
-    return 3.0f * static_cast<float>(settings.normalWindow) * pixel + 2.0f * step_at(depth, settings);
+    return 3.0f * static_cast<float>(settings.normalWindow) * pixel + 2.0f * depth_step(depth, settings);
 }
 
 void set_weights(PointImage& frame) {
@@ -201,6 +196,10 @@ void set_weights(PointImage& frame) {
 
 }  // namespace
 
+float depth_step(float depth, const DepthFrameSettings& settings) {
+    return depth > 0.0f ? inverse_step(1.0f / depth, settings) * depth * depth : 0.0f;
+}
+
 PointImage depth_frame_to_point_image(const DepthImage& depth, const CameraInParam& camera,
                                       const DepthFrameSettings& settings, int threads) {
     InverseDepth inverse = inverse_depth_in_range(depth, settings);
@@ -212,7 +211,7 @@ PointImage depth_frame_to_point_image(const DepthImage& depth, const CameraInPar
     frame.enable_vFlag();
     const float typicalDepth = middle_depth(frame);
     if (settings.smallestIsland > 0) {
-        const float jump = settings.edgeJump * step_at(typicalDepth, settings);
+        const float jump = settings.edgeJump * depth_step(typicalDepth, settings);
         frame.delete_island_through_depth(1, jump, settings.smallestIsland, Vector3f::Zero());
     }
     const float limit = normal_distance_limit(typicalDepth, focalLength, settings);

@@ -23,6 +23,9 @@ struct DepthFrameSettings {
     int normalWindow = 6;               ///< pixels to the farthest such neighbour along each axis
 };
 
+/// One step of the camera's depth near this depth, in mm. Also a fair measure of its error there.
+float depth_step(float depth, const DepthFrameSettings& settings);
+
 /// Points (mm, camera coordinates) by back-projection of each pixel with a value, without
 /// those at depth edges (mixed pixels, fringes of the pattern's shadow) and without small islands; normals
 /// by `PointImage::update_VNrv`; points without a normal are dropped; weights; flags enabled. The result

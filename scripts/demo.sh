@@ -11,8 +11,8 @@ tool=build/release/apps/vexel-scan
 out=out/demo
 rm -rf "$out"
 mkdir -p "$out"
-"$tool" simulate "$out/recording" "$@"
-"$tool" fuse "$out/recording" --out "$out/result"
+"$tool" simulate "$out/recording" --noise "$@"
+"$tool" fuse "$out/recording" --voxel 1 --out "$out/result"
 
 echo
 echo "Mesh, pictures and report:"

@@ -25,11 +25,14 @@ void FusionCone::clear() {
     _rows.clear();
 }
 
+bool FusionCone::is_usable(const CameraInParam& camera) {
+    return is_positive(camera.get_fx()) && is_positive(camera.get_fy()) && std::isfinite(camera.get_cx()) &&
+           std::isfinite(camera.get_cy());
+}
+
 bool FusionCone::build(const PointImage& frame, float smoothThreshold) {
     const CameraInParam& camera = frame.get_camPar();
-    if (frame.get_image_width() < 1 || frame.get_image_height() < 1) return false;
-    if (!is_positive(camera.get_fx()) || !is_positive(camera.get_fy())) return false;
-    if (!std::isfinite(camera.get_cx()) || !std::isfinite(camera.get_cy())) return false;
+    if (frame.get_image_width() < 1 || frame.get_image_height() < 1 || !is_usable(camera)) return false;
 
     clear();
     for (int u = 0; u < frame.get_image_width(); ++u) {

@@ -23,8 +23,10 @@ class VEXEL_API FusionCone {
 public:
     bool empty() const { return _columns.empty() || _rows.empty(); }
     void clear();
+    /// Finite intrinsics and positive focal lengths.
+    static bool is_usable(const CameraInParam& camera);
     /// Builds the table for the camera, size and view radial of the frame. False, the table being left as it
-    /// was, when the frame has no slots or its focal lengths are not finite and positive.
+    /// was, when the frame has no slots or no usable camera.
     bool build(const PointImage& frame, float smoothThreshold);
 
     int get_width() const { return static_cast<int>(_columns.size()); }

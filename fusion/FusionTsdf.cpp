@@ -37,13 +37,26 @@ bool is_pose_usable(const RigidMatrix& rt, const char* function) {
     return false;
 }
 
+bool has_attributes(const PointImage& frame) {
+    return frame.is_enable_vNormal() && frame.is_enable_vWeight();
+}
+
+bool is_consistent(const Cloud& frame, const char* function) {
+    if (frame.is_legal()) return true;
+    print_line(format_text("can not run function %s because the frame's attributes differ in length", function));
+    return false;
+}
+
+bool is_camera_usable(const CameraInParam& camera, const char* function) {
+    if (FusionCone::is_usable(camera)) return true;
+    print_line(format_text("can not run function %s because the camera is not usable", function));
+    return false;
+}
+
 bool is_frame_usable(const PointImage& frame, const RigidMatrix& rt, const FusionCone& cone, const char* function) {
-    if (!frame.is_enable_vNormal() || !frame.is_enable_vWeight()) return false;
-    if (!is_pose_usable(rt, function)) return false;
-    if (!frame.is_legal()) {
-        print_line(format_text("can not run function %s because the frame's attributes differ in length", function));
-        return false;
-    }
+    if (!has_attributes(frame) || !is_pose_usable(rt, function) || !is_consistent(frame, function)) return false;
+    // A frame without slots is left to the placement, whose line says that there are no points.
+    if (cone.empty() && frame.get_vn() > 0) return is_camera_usable(frame.get_camPar(), function);
     const int width = frame.get_image_width(), height = frame.get_image_height();
     if (!cone.empty() && (width != cone.get_width() || height != cone.get_height())) {
         print_line(
@@ -190,7 +203,9 @@ void FusionTsdf<Leaf>::integrate_tsdfvolume_speckle(const PointImage& frame, con
                                                     float pointDis, int bound, const std::vector<int>& validIndex,
                                                     bool fuse, const std::vector<unsigned char>* labels) {
     guarded("integrate_tsdfvolume_speckle", [&] {
+        if (!has_attributes(frame) || !frame.is_legal()) return;
         if (!rt.is_finite() || k >= validIndex.size() || !is_positive(pointDis)) return;
+        if (labels != nullptr && labels->size() != frame.get_vn()) labels = nullptr;
         const int index = validIndex[static_cast<std::size_t>(k)];
         if (index < 0 || static_cast<std::size_t>(index) >= frame.get_vn()) return;
         if (index % frame.get_image_width() >= _cone.get_width() ||
@@ -223,9 +238,9 @@ bool FusionTsdf<Leaf>::integrate_tsdfvolume_cam_constrain_one_frame_parallel(con
             OctetCache cache;
             for (std::size_t k = begin; k < end; ++k) {
                 const auto slot = static_cast<std::size_t>(valid[k]);
-                weights[k] = frame.get_vWeight(slot) *
-                             surface_agreement(_octree, cache, _neighbourhood, rt * frame.get_vCoord(slot),
-                                               rt.transform_normal(frame.get_vNrv(slot)));
+                weights[k] = frame.get_vWeight(slot) * surface_agreement(_octree, cache, _neighbourhood,
+                                                                         rt * frame.get_vCoord(slot),
+                                                                         rt.transform_normal(frame.get_vNrv(slot)));
             }
         });
 
@@ -292,8 +307,8 @@ template <class Leaf>
 bool FusionTsdf<Leaf>::fusion_one_frame(const Cloud& frame, const RigidMatrix& rt, const CameraInParam& camera,
                                         const Vector2i& imageSize) {
     return guarded<bool>("fusion_one_frame", false, [&] {
-        if (!frame.is_enable_vNormal()) return false;
-        if (!is_pose_usable(rt, "fusion_one_frame")) return false;
+        if (!frame.is_enable_vNormal() || !is_pose_usable(rt, "fusion_one_frame")) return false;
+        if (!is_consistent(frame, "fusion_one_frame") || !is_camera_usable(camera, "fusion_one_frame")) return false;
         if (get_vaild_leaf_num() == 0 && get_treeShift().cwiseAbs().maxCoeff() < 1e-6f && !get_shift(frame, rt)) {
             print_line("can not run this function because get_shift(oneFrame, rt) == false");
             return false;
@@ -307,8 +322,8 @@ template <class Leaf>
 void FusionTsdf<Leaf>::integrate_tsdfvolume(const Cloud& frame, const RigidMatrix& rt, const CameraInParam& camera,
                                             const Vector2i& imageSize) {
     guarded("integrate_tsdfvolume", [&] {
-        if (!frame.is_enable_vNormal() || !frame.is_legal()) return;
-        if (!is_pose_usable(rt, "integrate_tsdfvolume")) return;
+        if (!frame.is_enable_vNormal() || !is_pose_usable(rt, "integrate_tsdfvolume")) return;
+        if (!is_consistent(frame, "integrate_tsdfvolume") || !is_camera_usable(camera, "integrate_tsdfvolume")) return;
         const bool openCone = !(std::abs(_smoothThreshold) > 0.0f);
         const FrameIntegration integration(rt, get_treeShift(), get_pointDis(), upper_bound(get_treeDepth()), _offsets,
                                            openCone, true);
@@ -336,7 +351,8 @@ void FusionTsdf<Leaf>::integrate_tsdfvolume(const Cloud& frame, const RigidMatri
 template <class Leaf>
 int FusionTsdf<Leaf>::get_space_contribution(const PointImage& frame, const RigidMatrix& rt) {
     return guarded<int>("get_space_contribution", 0, [&] {
-        if (!is_frame_usable(frame, rt, FusionCone(), "get_space_contribution")) return 0;
+        if (!has_attributes(frame) || !is_pose_usable(rt, "get_space_contribution")) return 0;
+        if (!is_consistent(frame, "get_space_contribution")) return 0;
         std::atomic<int> contribution{0};
         parallel_ranges(_threadNum, frame.get_vn(), PointsPerTask, [&](std::size_t begin, std::size_t end) {
             OctetCache cache;

@@ -73,8 +73,8 @@ public:
     /// types ignore the call's points. The further bool is passed through and not used. `labels`, when not
     /// null, holds one label a slot (teeth leaves).
     /// False without a message when normals or weights are missing; false with a line when the volume cannot
-    /// be placed, when the pose is not finite, when the frame is not consistent in itself or is not of the
-    /// size that the cone table was built for. Points without weight, and points outside the volume or
+    /// be placed, when the pose is not finite, when the frame is not consistent in itself, has no usable camera
+    /// or is not of the size that the cone table was built for. Points without weight, and points outside the volume or
     /// within three voxels of its faces, are skipped silently.
     bool fusion_one_frame_speckle_parallel(const PointImage& frame, const RigidMatrix& rt, ChangedLeaves& changedLeaves,
                                            bool fuse, bool passedThrough, const std::vector<unsigned char>* labels);
@@ -83,7 +83,8 @@ public:
                                                ChangedLeaves& changedLeaves, bool fuse, bool passedThrough,
                                                const std::vector<unsigned char>* labels);
     /// The integration of one point: slot validIndex[k]. The cone table must be there. `pointDis` and `bound`
-    /// (2^treeDepth - 3) are those of the volume. May run on several threads at once.
+    /// (2^treeDepth - 3) are those of the volume. Arguments that cannot be used are ignored without a message.
+    /// May run on several threads at once.
     void integrate_tsdfvolume_speckle(const PointImage& frame, const RigidMatrix& rt, const std::uint64_t& k,
                                       ChangedLeaves& changedLeaves, float pointDis, int bound,
                                       const std::vector<int>& validIndex, bool fuse,
@@ -102,15 +103,15 @@ public:
     bool fusion_all_frame_tbb(Octree& tree, const PointImage& frame, const RigidMatrix& rt,
                               ChangedLeaves& changedLeaves);
     /// Integrates many stored frames at their poses, in order; the first one places an empty volume. All or
-    /// nothing is checked before the first frame is fused: false, and one line, when the numbers of frames
-    /// and poses differ or a frame would be refused.
+    /// nothing is checked before the first frame is fused: false when the numbers of frames and poses differ
+    /// (with a line) or a frame would be refused.
     bool parallel_fusion_all_frame_run(const std::vector<PointImage>& frames, const std::vector<RigidMatrix>& poses,
                                        ChangedLeaves& changedLeaves);
 
     /// The form for clouds without image order (laser lines): the pixel of a point is where it projects; its
     /// cone has the half-width of the smooth threshold around that position; its weight is |z| of its normal.
     /// Points that project outside the image (width, height) are skipped. Places the volume as the image form
-    /// does. False without a message when normals are missing.
+    /// does. False without a message when normals are missing, with a line as for the image form.
     bool fusion_one_frame(const Cloud& frame, const RigidMatrix& rt, const CameraInParam& camera,
                           const Vector2i& imageSize);
     /// The same without the placement.

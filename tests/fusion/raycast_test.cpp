@@ -342,33 +342,5 @@ TEST(RayCast, OnlyFrontFacesBehindAPositiveSampleAreFound) {
     EXPECT_EQ(frontFaces, 0);
 }
 
-TEST(RayCast, UnusableViewsAreRefusedWithALine) {
-    PointImage good = empty_view(), blind, cut = empty_view();
-    blind.ini(kWidth, kHeight);
-    cut.resize_vn(5);
-    RigidMatrix lost = views()[0];
-    lost.get_translation().y() = kNaN;
-    const std::string line =
-        "can not run function rayCast because the pose or the camera of resultFrame is not usable\n";
-    EXPECT_EQ(printed([&] { EXPECT_EQ(rayCast(scene_volume(), good, lost, good, false, kNearFar, {}, 8.0f), 2); }),
-              line);
-    EXPECT_EQ(
-        printed([&] { EXPECT_EQ(rayCast(scene_volume(), good, views()[0], blind, false, kNearFar, {}, 8.0f), 2); }),
-        line);
-    EXPECT_EQ(printed([&] { EXPECT_EQ(rayCast(scene_volume(), cut, views()[0], cut, true, kNearFar, {}, 8.0f), 2); }),
-              line);
-    EXPECT_FALSE(good.is_enable_vNormal());
-    for (const Vector2f& range : {Vector2f(kNaN, 1.0f), Vector2f(1.0f, kNaN), Vector2f(kInfinity, kInfinity),
-                                  Vector2f(-kInfinity, kInfinity)}) {
-        EXPECT_EQ(rayCast(scene_volume(), good, views()[0], good, false, range, kFromVolume, kNaN), 0);
-    }
-    RigidMatrix away = views()[0];
-    away.get_translation().z() = 1e30;
-    PointImage none = empty_view(0, 0);
-    EXPECT_EQ(rayCast(scene_volume(), good, away, good, false, kNearFar, kFromVolume, 8.0f), 0);
-    EXPECT_EQ(good.count_vaildNum(), 0);
-    EXPECT_EQ(rayCast(scene_volume(), none, views()[0], none, true, kNearFar, {}, 8.0f), 0);
-}
-
 }  // namespace
 }  // namespace VexelAlgorithm::Fusion

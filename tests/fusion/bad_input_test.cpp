@@ -1,0 +1,302 @@
+// Frames, poses and parameters that cannot be used: the line, the failure value, and a volume that stays as it was.
+#include <cmath>
+
+#include "fusion/rayCast.h"
+#include "tests/fusion/fusionScenes.h"
+
+namespace VexelAlgorithm::Fusion {
+namespace {
+
+constexpr const char* kSizes = "the frame has 12 x 10 pixels and the fusion cone 80 x 60";
+
+constexpr const char* kNoPoints = "invaildNum <= 50 invaildNum = 0";
+constexpr const char* kNotPlaced = "can not run this function because get_shift(oneFrame, rt) == false\n";
+
+std::string can_not(const std::string& function, const std::string& reason) {
+    return "can not run function " + function + " because " + reason + "\n";
+}
+
+RigidMatrix moved_by(double z, double diagonal = 1.0) {
+    return {diagonal * Matrix3d::Identity(), {0, 0, z}};
+}
+
+/// A frame of the scene with the damage done.
+PointImage damaged(const std::function<void(PointImage&)>& damage) {
+    PointImage frame = scene_frame(scene_poses()[0]);
+    damage(frame);
+    return frame;
+}
+
+PointImage every_point(const Vector3f& point) {
+    return damaged([&](PointImage& frame) { frame.set_vCoords(std::vector<Vector3f>(frame.get_vn(), point)); });
+}
+
+struct BadFrame {
+    const char* name;
+    PointImage frame;
+    RigidMatrix pose;
+    std::string reason;          // of the line; empty: none
+    bool result;                 // on a volume that is placed and has its cone
+    std::string placement = {};  // why an empty volume cannot be placed by it
+};
+
+std::vector<BadFrame> bad_frames() {
+    const RigidMatrix pose = scene_poses()[0];
+    RigidMatrix turnedByNaN = pose;
+    turnedByNaN.set_rotation(Matrix3d::Constant(kNaN));
+    PointImage withoutSize = damaged([](PointImage& frame) { frame.clear(); });
+    withoutSize.resize_vn(40);
+    return {
+        {"no normals", damaged([](PointImage& frame) { frame.disable_vNormal(); }), pose, "", false},
+        {"no weights", damaged([](PointImage& frame) { frame.disable_vWeight(); }), pose, "", false},
+        {"NaN position", scene_frame(pose), moved_by(kNaN), "the pose is not finite", false},
+        {"infinite position", scene_frame(pose), moved_by(kInfinity), "the pose is not finite", false},
+        {"NaN rotation", scene_frame(pose), turnedByNaN, "the pose is not finite", false},
+        {"other size", flat_frame(100), pose, kSizes, false},
+        {"few normals", damaged([](PointImage& frame) {
+             frame.set_vNrvs({{0, 0, 1}});
+         }),
+         pose, "the frame's attributes differ in length", false},
+        {"slots without size", withoutSize, pose, "the frame's attributes differ in length", false},
+        {"all NaN", every_point(Vector3f::Constant(kNaN)), pose, "", true, kNoPoints},
+        {"all infinite", every_point(Vector3f::Constant(kInfinity)), pose, "", true, kNoPoints},
+        {"all empty", every_point(Vector3f::Zero()), pose, "", true, kNoPoints},
+        {"all behind the camera", every_point({0, 0, -60}), pose, "", true, kNoPoints},
+        {"huge points", every_point(Vector3f::Constant(3e38f)), pose, "", true},
+        {"no weight", damaged([](PointImage& frame) { frame.set_vWeights(std::vector<float>(frame.get_vn(), kNaN)); }),
+         pose, "", true},
+        {"far", scene_frame(pose), moved_by(1e6), "", true},
+        {"very far", scene_frame(pose), moved_by(-1e30), "", true},
+        {"farther than floats reach", scene_frame(pose), moved_by(1e300), "", true,
+         "the frame lies too far from the origin"},
+        {"huge matrix", scene_frame(pose), moved_by(0, 1e300), "", true, "the frame lies too far from the origin"},
+    };
+}
+
+TEST(BadFrames, LeaveAFilledVolumeAsItWas) {
+    FusionTsdf<LeafTSDFTeeth> volume(10, 0.8f, 0.5f, 5, 2, "");
+    ASSERT_TRUE(fuse(volume, scene_frame(scene_poses()[0]), scene_poses()[0]));
+    const std::vector<Voxel> before = used_voxels(volume);
+    const Vector3f shift = volume.get_treeShift();
+    for (BadFrame& bad : bad_frames()) {
+        SCOPED_TRACE(bad.name);
+        const auto line = [&](const char* function) { return bad.reason.empty() ? "" : can_not(function, bad.reason); };
+        const std::vector<unsigned char> labels(bad.frame.get_vn(), 2);
+        ChangedLeaves changed;
+        for (const bool add : {true, false}) {
+            EXPECT_EQ(printed([&] {
+                          EXPECT_EQ(volume.fusion_one_frame_speckle_parallel(bad.frame, bad.pose, changed, add, true,
+                                                                             &labels),
+                                    bad.result);
+                      }),
+                      line("fusion_one_frame_speckle_parallel"));
+            EXPECT_EQ(printed([&] {
+                          volume.integrate_tsdfvolume_speckle_parallel(bad.frame, bad.pose, changed, add, true,
+                                                                       &labels);
+                      }),
+                      line("integrate_tsdfvolume_speckle_parallel"));
+        }
+        EXPECT_EQ(printed([&] {
+                      EXPECT_EQ(volume.integrate_tsdfvolume_cam_constrain_one_frame_parallel(bad.frame, bad.pose),
+                                bad.result);
+                  }),
+                  line("integrate_tsdfvolume_cam_constrain_one_frame_parallel"));
+        EXPECT_EQ(printed([&] {
+                      EXPECT_EQ(volume.fusion_all_frame_tbb(volume.get_fusion_tree(), bad.frame, bad.pose, changed),
+                                bad.result);
+                  }),
+                  line("fusion_all_frame_tbb"));
+        // In a run one bad frame keeps the good ones out too.
+        if (!bad.result) {
+            EXPECT_EQ(printed([&] {
+                          EXPECT_FALSE(volume.parallel_fusion_all_frame_run({scene_frame(scene_poses()[1]), bad.frame},
+                                                                            {scene_poses()[1], bad.pose}, changed));
+                      }),
+                      line("parallel_fusion_all_frame_run"));
+        }
+        const std::vector<int> indices{0, 7, 100, -1, 1 << 30};
+        const std::vector<unsigned char> fewLabels(3, 2);
+        for (std::uint64_t k = 0; k < 7; ++k) {
+            if (bad.reason == kSizes) break;  // sizes are not the concern of a single point
+            volume.integrate_tsdfvolume_speckle(bad.frame, bad.pose, k, changed, 0.8f, 1021, indices, true, &fewLabels);
+        }
+        EXPECT_EQ(printed([&] { volume.get_space_contribution(bad.frame, bad.pose); }),
+                  bad.reason == kSizes ? "" : line("get_space_contribution"));
+        EXPECT_TRUE(changed.empty());
+        EXPECT_EQ(used_voxels(volume), before);
+        EXPECT_EQ(volume.get_treeShift(), shift);
+        EXPECT_EQ(volume.get_fusion_cone().get_width(), 80);
+    }
+    ChangedLeaves changed;
+    EXPECT_EQ(printed([&] { EXPECT_FALSE(volume.parallel_fusion_all_frame_run({flat_frame(60)}, {}, changed)); }),
+              can_not("parallel_fusion_all_frame_run", "there are 1 frames and 0 poses"));
+    EXPECT_TRUE(volume.parallel_fusion_all_frame_run({}, {}, changed));
+}
+
+TEST(BadFrames, LeaveAnEmptyVolumeUnplaced) {
+    for (BadFrame& bad : bad_frames()) {
+        SCOPED_TRACE(bad.name);
+        FusionTsdf<LeafTSDFSpeckle> volume(10, 0.8f, 0.5f, 5, 1, "");
+        std::string lines;
+        if (!bad.placement.empty()) {
+            lines = can_not("get_shift", bad.placement) + kNotPlaced;
+        } else if (!bad.reason.empty() && bad.reason != kSizes) {
+            lines = can_not("fusion_one_frame_speckle_parallel", bad.reason);
+        }
+        const bool fuses = bad.reason == kSizes || (bad.result && bad.placement.empty());
+        EXPECT_EQ(printed([&] { EXPECT_EQ(fuse(volume, bad.frame, bad.pose), fuses); }), lines);
+        EXPECT_TRUE(volume.get_treeShift().allFinite());
+        EXPECT_EQ(volume.get_treeShift() != Vector3f(0, 0, 0), fuses);
+        EXPECT_EQ(volume.get_fusion_cone().empty(), !fuses);
+    }
+    // The camera is looked at before anything is placed; a frame without slots has no points.
+    FusionTsdf<LeafTSDFSpeckle> volume(10, 0.8f, 0.5f, 5, 1, "");
+    const double bad[][4] = {{0, 80, 40, 30}, {80, -80, 40, 30}, {kNaN, 80, 40, 30}, {80, 80, kInfinity, 30}};
+    for (const auto& [fx, fy, cx, cy] : bad) {
+        PointImage frame = scene_frame(scene_poses()[0]);
+        frame.set_camPar({fx, fy, cx, cy});
+        const std::string reason = "the camera is not usable";
+        EXPECT_EQ(printed([&] { EXPECT_FALSE(fuse(volume, frame)); }),
+                  can_not("fusion_one_frame_speckle_parallel", reason));
+        EXPECT_EQ(printed([&] {
+                      EXPECT_FALSE(volume.fusion_one_frame(frame, {}, frame.get_camPar(), {80, 60}));
+                  }),
+                  can_not("fusion_one_frame", reason));
+        EXPECT_EQ(printed([&] { volume.computer_fusion_cone(frame); }),
+                  can_not("computer_fusion_cone", "the frame has no slots or no usable camera"));
+    }
+    PointImage none;
+    none.enable_vNormal();
+    none.enable_vWeight();
+    EXPECT_EQ(printed([&] { EXPECT_FALSE(fuse(volume, none)); }), can_not("get_shift", kNoPoints) + kNotPlaced);
+    EXPECT_FALSE(volume.fusion_one_frame(Cloud(), {}, {80, 80, 40, 30}, {80, 60}));
+    EXPECT_EQ(volume.get_treeShift(), Vector3f(0, 0, 0));
+    EXPECT_TRUE(volume.get_fusion_cone().empty());
+    EXPECT_EQ(volume.get_vaild_leaf_num(), 0);
+
+    // Sizes of images that hold no pixel.
+    PointImage cloud = scene_frame(scene_poses()[0]);
+    for (const Vector2i& size : {Vector2i(0, 0), Vector2i(-5, 60), Vector2i(80, std::numeric_limits<int>::min())}) {
+        EXPECT_TRUE(volume.fusion_one_frame(cloud, {}, cloud.get_camPar(), size));
+        EXPECT_TRUE(used_voxels(volume).empty());
+    }
+}
+
+template <class Leaf>
+class AbsurdParameters : public testing::Test {};
+using Leaves = testing::Types<LeafTSDFSpeckle, LeafTSDFTeeth, LeafTSDFCloudGenerator, LeafTSDFLaser>;
+TYPED_TEST_SUITE(AbsurdParameters, Leaves);
+
+TYPED_TEST(AbsurdParameters, AreClampedAndTheVolumeStillWorks) {
+    struct Case {
+        int depth;
+        float pointDis, smoothThreshold;
+        int range, threads;
+        bool fuses;  // a flat frame leaves voxels
+    };
+    const int huge = 1000000000;
+    const Case cases[] = {
+        {-5, 0.5f, 0.5f, 5, 1, true},    {1000, 0.5f, 0.5f, 5, 1, true},    {10, 0.0f, 0.5f, 5, 1, true},
+        {10, -1.0f, 0.5f, 5, 1, true},   {10, kNaN, 0.5f, 5, 1, true},      {10, kInfinity, 0.5f, 5, 1, true},
+        {10, 1e-30f, 0.5f, 5, 1, false}, {10, 1e30f, 0.0f, 5, 1, true},     {10, 3e38f, 0.5f, 5, 1, false},
+        {10, 0.5f, kNaN, 5, 1, true},    {10, 0.5f, kInfinity, 5, 1, true}, {10, 0.5f, -0.5f, 5, 1, true},
+        {10, 0.5f, 1e30f, 5, 1, true},   {10, 0.5f, 0.5f, 0, 1, true},      {10, 0.5f, 0.5f, -7, 1, true},
+        {10, 0.5f, 0.5f, huge, 1, true}, {10, 0.5f, 0.5f, 5, 0, true},      {10, 0.5f, 0.5f, 5, -1, true},
+        {10, 0.5f, 0.5f, 5, huge, true},
+    };
+    for (const Case& c : cases) {
+        FusionTsdf<TypeParam> volume(c.depth, c.pointDis, c.smoothThreshold, c.range, c.threads, "");
+        EXPECT_EQ(volume.get_treeDepth(), c.depth <= 10 ? 10 : std::min(20, TypeParam::MaxTreeDepth));
+        EXPECT_EQ(volume.get_pointDis(), std::isfinite(c.pointDis) && c.pointDis > 0.0f ? c.pointDis : 0.5f);
+        EXPECT_EQ(volume.get_fusionRange(), c.range == huge ? volume.MaxFusionRange : std::max(1, c.range));
+        fuse(volume, flat_frame(120));
+        EXPECT_EQ(used_voxels(volume).empty(), !c.fuses) << &c - cases;
+        BaseTriMesh mesh;
+        std::vector<int> axes;
+        for (const float minWeight : {0.0f, kNaN, kInfinity, -kInfinity, 1e30f}) {
+            EXPECT_EQ(volume.get_result(minWeight, mesh, axes, true), RET_SUCCESS);
+            EXPECT_EQ(volume.get_result_tbb(minWeight, mesh, axes, false), RET_SUCCESS);
+        }
+        PointImage view = flat_frame(0);
+        EXPECT_EQ(rayCast(volume, view, {}, view, false, {1.0f, 100.0f}, {false, 1, kNaN}, 8.0f), 0);
+    }
+}
+
+TEST(AbsurdParameters, SettersRefuseAndKeep) {
+    FusionTsdf<LeafTSDFSpeckle> volume(10, 0.5f, 0.7f, 3, 1, "");
+    const std::string range = can_not("modify_smooth_and_fusionrange", "fusionRange > 63");
+    EXPECT_EQ(printed([&] { volume.modify_smooth_and_fusionrange(0.2f, 1000000000); }), range);
+    EXPECT_EQ(printed([&] { volume.set_fusionRange(64); }), range);
+    EXPECT_EQ(volume.get_shiftLT().size(), 27u);
+    EXPECT_EQ(volume.get_smooth_threshold(), 0.7f);
+    for (const float value : {0.0f, -1.0f, kNaN, kInfinity}) {
+        EXPECT_EQ(printed([&] { volume.set_point_dis(value); }),
+                  can_not("set_point_dis", "pointDis <= 0 or the volume is not empty"));
+    }
+    EXPECT_EQ(printed([&] { volume.set_shift({0, kNaN, 0}); }), can_not("set_shift", "the shift is not finite"));
+    EXPECT_EQ(volume.get_treeShift(), Vector3f(0, 0, 0));
+    EXPECT_TRUE(fuse(volume, flat_frame(120)));
+    const std::vector<Voxel> before = used_voxels(volume);
+    EXPECT_NE(printed([&] { volume.set_point_dis(0.25f); }), "");
+    EXPECT_EQ(volume.get_pointDis(), 0.5f);
+    volume.modify_smooth_and_fusionrange(0.5f, -4);  // no offsets: nothing to fuse into
+    EXPECT_TRUE(volume.get_shiftLT().empty());
+    EXPECT_TRUE(fuse(volume, flat_frame(120)));
+    EXPECT_EQ(used_voxels(volume), before);
+
+    // A single point with the volume's constants wrong.
+    const PointImage frame = flat_frame(1);
+    ChangedLeaves changed;
+    volume.reset_smooth_and_fusionrange();
+    volume.integrate_tsdfvolume_speckle(frame, {}, 0, changed, 0.5f, 1021, {0}, true, nullptr);  // no cone yet
+    volume.computer_fusion_cone(frame);
+    for (const float pointDis : {0.0f, -0.5f, kNaN, kInfinity, 1e-38f}) {
+        volume.integrate_tsdfvolume_speckle(frame, {}, 0, changed, pointDis, std::numeric_limits<int>::max(), {0}, true,
+                                            nullptr);
+    }
+    volume.integrate_tsdfvolume_speckle(frame, {}, 0, changed, 0.5f, -1, {0}, true, nullptr);
+    volume.integrate_tsdfvolume_speckle(frame, {}, 1, changed, 0.5f, 1021, {0}, true, nullptr);
+    EXPECT_EQ(used_voxels(volume), before);
+}
+
+TEST(RayCast, UnusableViewsAreRefusedWithALine) {
+    FusionTsdf<LeafTSDFSpeckle> volume(10, 0.8f, 0.7f, 5, 1, "");
+    const RigidMatrix pose = scene_poses()[0];
+    const PointImage guide = scene_frame(pose);
+    ASSERT_TRUE(fuse(volume, guide, pose));
+    const auto view = [] {
+        PointImage image;
+        image.ini(80, 60, {80.0, 81.0, 39.7, 30.2}, 1, Vector2f::Zero());
+        return image;
+    };
+    PointImage good = view(), blind, cut = view();
+    blind.ini(80, 60);
+    cut.resize_vn(5);
+    const auto cast = [&](PointImage& result, const RigidMatrix& rt, const Vector2f& nearFar, float factor,
+                          bool guided) {
+        return rayCast(volume, guide, rt, result, guided, nearFar, {false, 1, 0.0f}, factor);
+    };
+    const std::string line = can_not("rayCast", "the pose or the camera of resultFrame is not usable");
+    EXPECT_EQ(printed([&] { EXPECT_EQ(cast(good, moved_by(kNaN), {1, 100}, 8.0f, true), 2); }), line);
+    EXPECT_EQ(printed([&] { EXPECT_EQ(cast(blind, pose, {1, 100}, 8.0f, true), 2); }), line);
+    EXPECT_EQ(printed([&] { EXPECT_EQ(cast(cut, pose, {1, 100}, 8.0f, false), 2); }), line);
+    EXPECT_FALSE(good.is_enable_vNormal());
+    for (const auto& [from, to] : {std::pair(kNaN, 1.0f), std::pair(1.0f, kNaN), std::pair(kInfinity, kInfinity)}) {
+        EXPECT_EQ(cast(good, pose, {from, to}, 8.0f, false), 0);
+        EXPECT_EQ(good.count_vaildNum(), 0);
+    }
+    for (const float factor : {kNaN, -kInfinity, 1e30f, kInfinity})
+        EXPECT_EQ(cast(good, pose, {1, 100}, factor, true), 0);
+    EXPECT_EQ(cast(good, pose, {-kInfinity, kInfinity}, 0.0f, false), 0);
+    EXPECT_GT(good.count_vaildNum(), 1000);
+    for (const double z : {1e7, 1e30, -1e300}) {
+        EXPECT_EQ(cast(good, moved_by(z), {1, 100}, 8.0f, false), 0);
+        EXPECT_EQ(good.count_vaildNum(), 0);
+    }
+    PointImage none;
+    none.set_camPar(good.get_camPar());
+    EXPECT_EQ(cast(none, pose, {1, 100}, 8.0f, false), 0);
+}
+
+}  // namespace
+}  // namespace VexelAlgorithm::Fusion

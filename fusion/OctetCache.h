@@ -1,6 +1,8 @@
 // Short ways to leaves for searches that stay in one neighbourhood.
 #pragma once
 
+#include <hwy/base.h>
+
 #include <cstdint>
 #include <memory>
 
@@ -33,16 +35,11 @@ public:
 
     /// The leaf of a voxel, made when it is missing; -1 outside the volume and when the tables are full.
     template <class Tree>
-    std::int32_t find_or_create(Tree& tree, int x, int y, int z) {
+    HWY_INLINE std::int32_t find_or_create(Tree& tree, int x, int y, int z) {
         if (!tree.is_inside(x, y, z)) return -1;
         Entry& entry = entry_of(x, y, z);
         const std::uint64_t key = key_of(x, y, z);
-        if (entry.key != key) {
-            const std::int32_t base = tree.find_or_create_unit(x >> 1, y >> 1, z >> 1).leaf;
-            if (base < 0) return -1;
-            entry.base = base;
-            entry.key = key;
-        }
+        if (entry.key != key && !create(tree, entry, key, x, y, z)) return -1;
         return entry.base + code(x, y, z);
     }
 
@@ -54,6 +51,16 @@ private:
     // 16 x 16 x 16 octets: more than the neighbourhood of one image row's stretch that a worker handles.
     static constexpr int Bits = 4;
     static constexpr std::size_t Size = std::size_t{1} << (3 * Bits);
+
+    // Out of line, so that hits inline.
+    template <class Tree>
+    HWY_NOINLINE static bool create(Tree& tree, Entry& entry, std::uint64_t key, int x, int y, int z) {
+        const std::int32_t base = tree.find_or_create_unit(x >> 1, y >> 1, z >> 1).leaf;
+        if (base < 0) return false;
+        entry.base = base;
+        entry.key = key;
+        return true;
+    }
 
     static std::uint64_t key_of(int x, int y, int z) {
         return static_cast<std::uint64_t>(x >> 1) | (static_cast<std::uint64_t>(y >> 1) << 21) |

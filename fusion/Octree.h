@@ -198,9 +198,8 @@ public:
         const int ux = x >> _leafBits, uy = y >> _leafBits, uz = z >> _leafBits;
         const int levels = get_level_count();
         const int cellBits = _leafBits + levels;
-        for (int block = _top.get_block_levels(); block >= 0; --block) {
-            if (_top.is_block_empty(block, x >> cellBits, y >> cellBits, z >> cellBits)) return cellBits + 2 * block;
-        }
+        const int blockBits = _top.empty_block_bits(x >> cellBits, y >> cellBits, z >> cellBits);
+        if (blockBits >= 0) return cellBits + blockBits;
         std::int32_t node = _top.get(top_cell(ux, uy, uz));
         for (int i = 0; i < levels; ++i) {
             const std::int32_t slot = node + child_code(ux, uy, uz, levels - 1 - i);
@@ -208,6 +207,14 @@ public:
             if (node < 0) return _leafBits + levels - 1 - i;
         }
         return 0;
+    }
+
+    /// Whether the top grid has nothing in the box of voxels low <= voxel <= high. Voxels outside the volume
+    /// count as empty.
+    bool is_box_empty(const Vector3i& low, const Vector3i& high) const {
+        const int cellBits = _leafBits + get_level_count();
+        return _top.is_box_empty({low.x() >> cellBits, low.y() >> cellBits, low.z() >> cellBits},
+                                 {high.x() >> cellBits, high.y() >> cellBits, high.z() >> cellBits});
     }
 
     /// `find_or_create_leaf` for the first leaf of a unit. On success the pool holds the unit's leaves.

@@ -53,22 +53,54 @@ void TopTree::mark_block(std::int32_t cell) noexcept {
     const int mask = (1 << _bits) - 1;
     int x = cell & mask, y = (cell >> _bits) & mask, z = cell >> (2 * _bits);
     for (const BlockLevel& level : _levels) {
-        const std::size_t word = (static_cast<std::size_t>(z >> 2) << (2 * level.bits)) +
-                                 (static_cast<std::size_t>(y >> 2) << level.bits) + static_cast<std::size_t>(x >> 2);
-        const std::uint64_t bit = std::uint64_t{1} << ((x & 3) + 4 * (y & 3) + 16 * (z & 3));
-        masks()[level.offset + word].fetch_or(bit, std::memory_order_relaxed);
+        masks()[level.word(x, y, z)].fetch_or(BlockLevel::bit(x, y, z), std::memory_order_relaxed);
         x >>= 2, y >>= 2, z >>= 2;
     }
 }
 
-bool TopTree::is_block_empty(int level, int x, int y, int z) const noexcept {
-    if (level == 0) return get((z << (2 * _bits)) + (y << _bits) + x) < 0;
-    const BlockLevel& block = _levels[static_cast<std::size_t>(level - 1)];
-    const int shift = 2 * level;
-    const std::size_t word = (static_cast<std::size_t>(z >> shift) << (2 * block.bits)) +
-                             (static_cast<std::size_t>(y >> shift) << block.bits) +
-                             static_cast<std::size_t>(x >> shift);
-    return masks()[block.offset + word].load(std::memory_order_relaxed) == 0;
+bool TopTree::is_box_empty(const std::array<int, 3>& low, const std::array<int, 3>& high) const noexcept {
+    const int last = (1 << _bits) - 1;
+    std::array<int, 3> first{}, end{};
+    for (std::size_t axis = 0; axis < 3; ++axis) {
+        first[axis] = std::max(low[axis], 0);
+        end[axis] = std::min(high[axis], last);
+        if (first[axis] > end[axis]) return true;
+    }
+    return is_box_empty(_levels.size(), first, end);
+}
+
+// The box in blocks of one level (0: cells), which is empty when none of its blocks is filled inside the box.
+bool TopTree::is_box_empty(std::size_t level, std::array<int, 3> low, std::array<int, 3> high) const noexcept {
+    if (level == 0) {
+        for (int z = low[2]; z <= high[2]; ++z) {
+            for (int y = low[1]; y <= high[1]; ++y) {
+                for (int x = low[0]; x <= high[0]; ++x) {
+                    if ((masks()[_levels[0].word(x, y, z)].load(std::memory_order_relaxed) &
+                         BlockLevel::bit(x, y, z)) != 0) {
+                        return false;
+                    }
+                }
+            }
+        }
+        return true;
+    }
+    const BlockLevel& block = _levels[level - 1];
+    const int shift = 2 * static_cast<int>(level);
+    for (int z = low[2] >> shift; z <= high[2] >> shift; ++z) {
+        for (int y = low[1] >> shift; y <= high[1] >> shift; ++y) {
+            for (int x = low[0] >> shift; x <= high[0] >> shift; ++x) {
+                if (masks()[block.word(4 * x, 4 * y, 4 * z)].load(std::memory_order_relaxed) == 0) continue;
+                const std::array<int, 3> at = {x, y, z};
+                std::array<int, 3> insideLow{}, insideHigh{};
+                for (std::size_t axis = 0; axis < 3; ++axis) {
+                    insideLow[axis] = std::max(low[axis], at[axis] << shift);
+                    insideHigh[axis] = std::min(high[axis], ((at[axis] + 1) << shift) - 1);
+                }
+                if (!is_box_empty(level - 1, insideLow, insideHigh)) return false;
+            }
+        }
+    }
+    return true;
 }
 
 bool TopTree::save_tree_binary(std::ofstream& out) const {

@@ -1,6 +1,7 @@
 // The dense grid in which every search in the octree starts.
 #pragma once
 
+#include <array>
 #include <atomic>
 #include <cstdint>
 #include <iosfwd>
@@ -20,8 +21,8 @@ namespace VexelOctree {
 /// A pyramid of bit masks beside the cells tells which blocks of 4^3, 16^3, 64^3, ... cells hold anything, so
 /// that a ray can pass empty space in large steps.
 ///
-/// Thread-safety: `get`, `get_or_create` and `is_block_empty` may run at the same time; everything else needs
-/// the grid for itself.
+/// Thread-safety: `get`, `get_or_create` and the questions for empty blocks may run at the same time; everything else
+/// needs the grid for itself.
 class VEXEL_API TopTree {
 public:
     /// bits per axis, clamped to [1, 10].
@@ -42,10 +43,21 @@ public:
     template <class Prepare>
     std::int32_t get_or_create(std::int32_t cell, bool& created, const Prepare& prepare);
 
-    /// Whether the block of (4^level)^3 cells around the cell (level 1, 2, ...; 0 is the cell) holds nothing.
-    bool is_block_empty(int level, int x, int y, int z) const noexcept;
-    /// The largest `level` for which `is_block_empty` may be asked.
-    int get_block_levels() const { return static_cast<int>(_levels.size()); }
+    /// The edge length, as a power of two of cells, of the largest block around a cell that holds nothing: 0 for
+    /// the cell alone, 2 for 4^3 cells, ...; -1 when the cell is filled. The cell must exist.
+    int empty_block_bits(int x, int y, int z) const noexcept {
+        int bits = -1;
+        for (const BlockLevel& level : _levels) {
+            const std::uint64_t mask = masks()[level.word(x, y, z)].load(std::memory_order_relaxed);
+            if (bits < 0 && (mask & BlockLevel::bit(x, y, z)) != 0) return -1;
+            bits += bits < 0 ? 1 : 2;
+            if (mask != 0) return bits;
+            x >>= 2, y >>= 2, z >>= 2;
+        }
+        return bits + 2;
+    }
+    /// Whether all cells of the box low <= (x, y, z) <= high are empty. Cells outside the grid count as empty.
+    bool is_box_empty(const std::array<int, 3>& low, const std::array<int, 3>& high) const noexcept;
 
     /// Empties the grid.
     void clear() { reset_mem(); }
@@ -63,9 +75,19 @@ public:
     static constexpr std::int32_t MaxOctets = (std::int32_t{1} << 28) - 1;
 
 private:
+    /// One word a block, one bit for each of its 4^3 cells or smaller blocks.
     struct BlockLevel {
         int bits;            // blocks per axis are 2^bits
         std::size_t offset;  // of the level's first word
+
+        /// The word and the bit in it of a cell or smaller block.
+        std::size_t word(int x, int y, int z) const noexcept {
+            return offset + (static_cast<std::size_t>(z >> 2) << (2 * bits)) +
+                   (static_cast<std::size_t>(y >> 2) << bits) + static_cast<std::size_t>(x >> 2);
+        }
+        static std::uint64_t bit(int x, int y, int z) noexcept {
+            return std::uint64_t{1} << ((x & 3) + 4 * (y & 3) + 16 * (z & 3));
+        }
     };
 
     std::atomic<std::int32_t>* cells() const noexcept { return static_cast<std::atomic<std::int32_t>*>(_cells.get()); }
@@ -73,6 +95,7 @@ private:
     std::atomic<std::uint64_t>* masks() const noexcept {
         return static_cast<std::atomic<std::uint64_t>*>(_masks.get());
     }
+    bool is_box_empty(std::size_t level, std::array<int, 3> low, std::array<int, 3> high) const noexcept;
     void mark_block(std::int32_t cell) noexcept;
     void set_cell(std::int32_t cell, std::int32_t base) noexcept;
 

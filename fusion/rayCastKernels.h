@@ -4,13 +4,52 @@
 #include <algorithm>
 #include <cmath>
 #include <limits>
+#include <vector>
 
 #include "foundation/PointImage.h"
+#include "fusion/FieldReader.h"
 #include "fusion/FusionTsdf.h"
-#include "fusion/sampleField.h"
 
 namespace VexelAlgorithm {
 namespace Fusion {
+
+/// The viewing rays of an image in model coordinates. A ray is the sum of a column's and a row's vector, divided
+/// by the length that it has in the camera.
+class RayTable {
+public:
+    RayTable(const PointImage& image, const RigidMatrix& pose) {
+        const auto on_ray = [&](int x, int y) {
+            Vector3d point;
+            image.get_camPar().depth_to_point(
+                1.0, Vector2d(x + double{image.get_viewRadialX()}, y + double{image.get_viewRadialY()}), point);
+            return point;
+        };
+        for (int x = 0; x < image.get_image_width(); ++x) {
+            const double slope = on_ray(x, 0).x();
+            _columns.push_back(entry(pose.get_rotation() * Vector3d(slope, 0.0, 0.0), slope * slope));
+        }
+        for (int y = 0; y < image.get_image_height(); ++y) {
+            const double slope = on_ray(0, y).y();
+            _rows.push_back(entry(pose.get_rotation() * Vector3d(0.0, slope, 1.0), slope * slope + 1.0));
+        }
+    }
+
+    /// Unit direction (as the rotation leaves it) through pixel slot (x, y); the fourth number is of no use.
+    VoxelPosition direction(int x, int y) const {
+        const VoxelPosition sum = _columns[static_cast<std::size_t>(x)] + _rows[static_cast<std::size_t>(y)];
+        return sum / std::sqrt(sum[3]);
+    }
+
+private:
+    // The fourth number is the share of the squared length.
+    static VoxelPosition entry(const Vector3d& v, double squared) {
+        return {static_cast<float>(v.x()), static_cast<float>(v.y()), static_cast<float>(v.z()),
+                static_cast<float>(squared)};
+    }
+
+    std::vector<VoxelPosition, Eigen::aligned_allocator<VoxelPosition>> _columns;
+    std::vector<VoxelPosition, Eigen::aligned_allocator<VoxelPosition>> _rows;
+};
 
 /// Places a point in a slot where its ray passes from in front of the surface to behind it.
 template <class Leaf>
@@ -20,41 +59,34 @@ public:
                  bool guided, const Vector2f& nearFar, float intervalFactor)
         : _tree(volume.get_fusion_tree()),
           _guide(guide),
-          _pose(pose),
           _result(result),
+          _rays(result, pose),
           _guided(guided),
           _nearFar(nearFar),
-          _origin(pose.get_translation().cast<float>()),
+          _origin(static_cast<float>(pose.get_translation().x()), static_cast<float>(pose.get_translation().y()),
+                  static_cast<float>(pose.get_translation().z()), 0.0f),
           _step(static_cast<float>(0.5 * static_cast<double>(volume.get_pointDis()))),
           _halfInterval(_step * intervalFactor),
           _validEnd(static_cast<float>(_tree.get_size() - 2)),
           _skipMargin(0.01f + static_cast<float>(_tree.get_size()) * 4.0f * std::numeric_limits<float>::epsilon()) {}
 
-    void operator()(OctetCache& cache, std::size_t slot) const {
+    void operator()(FieldReader<Leaf>& field, int x, int y, std::size_t slot) const {
         _result.set_vCoord(slot, Vector3f::Zero());
-        Ray ray;
+        Ray ray{_rays.direction(x, y), 0.0f, 0.0f};
+        if (!find_interval(field, slot, ray)) return;
         float crossing = 0.0f;
-        if (!make_ray(slot, ray) || !march(cache, ray, crossing)) return;
-        refine(cache, ray, crossing, slot);
+        if (march(field, ray, 0, crossing)) refine(field, ray, crossing, slot);
     }
 
 private:
     struct Ray {
-        Vector3f direction;  // unit, model coordinates
-        float start, end;    // interval of ray lengths, mm
+        VoxelPosition direction;  // unit, model coordinates
+        float start, end;         // interval of ray lengths, mm
     };
 
-    Vector3f at(const Ray& ray, float t) const { return _origin + t * ray.direction; }
-    /// Position in voxels.
-    Vector3f in_voxels(const Vector3f& point) const { return (point - _tree.get_shift()) / _tree.get_pointDis(); }
-    /// Voxel coordinates in [1, size - 2): one voxel narrower at the top than the volume, so that trilinear
-    /// samples have their eight voxels. Also false for NaN.
-    bool is_valid(const Vector3f& q) const { return q.minCoeff() >= 1.0f && q.maxCoeff() < _validEnd; }
+    VoxelPosition at(const Ray& ray, float t) const { return _origin + t * ray.direction; }
 
-    bool make_ray(std::size_t slot, Ray& ray) const {
-        const Vector3f unrotated = _result.get_ray_direct(slot);
-        const float length = unrotated.norm();
-        ray.direction = _pose.transform_normal(unrotated / length);
+    bool find_interval(const FieldReader<Leaf>& field, std::size_t slot, Ray& ray) const {
         if (_guided) {
             const Vector3f& seen = _guide.get_vCoord(slot);
             if (!(seen.z() >= 1e-5f)) return false;
@@ -62,21 +94,21 @@ private:
             ray.start = distance - _halfInterval;
             ray.end = distance + _halfInterval;
         } else {
-            ray.start = length * _nearFar.x();
-            ray.end = length * _nearFar.y();
-            clip_to_volume(ray);
+            ray.start = _nearFar.x();
+            ray.end = _nearFar.y();
+            clip_to_volume(field, ray);
         }
         return ray.start <= ray.end;
     }
 
     /// Moves the start forward to where the ray enters the box of valid positions (slab test), a hundredth of a
     /// voxel inside so that rounding leaves the first position valid. A ray that misses the box is emptied.
-    void clip_to_volume(Ray& ray) const {
-        const Vector3f origin = in_voxels(_origin);
-        const Vector3f direction = ray.direction / _tree.get_pointDis();
+    void clip_to_volume(const FieldReader<Leaf>& field, Ray& ray) const {
+        const VoxelPosition origin = field.in_voxels(_origin);
+        const VoxelPosition direction = ray.direction / _tree.get_pointDis();
+        const float low = 1.0f + _skipMargin, high = _validEnd - _skipMargin;
         float enter = ray.start, leave = ray.end;
         for (int axis = 0; axis < 3; ++axis) {
-            const float low = 1.0f + _skipMargin, high = _validEnd - _skipMargin;
             if (direction[axis] == 0.0f) {
                 if (!(origin[axis] >= low && origin[axis] <= high)) leave = -std::numeric_limits<float>::infinity();
                 continue;
@@ -89,59 +121,107 @@ private:
         if (!(enter <= leave)) ray.end = -std::numeric_limits<float>::infinity();
     }
 
-    /// Goes along the ray by half voxels until a positive value is followed by a negative one; `crossing` is
-    /// the ray length of the positive one.
-    bool march(OctetCache& cache, const Ray& ray, float& crossing) const {
-        Vector3f q = in_voxels(at(ray, ray.start));
-        if (!is_valid(q)) return false;
-        Vector3i voxel = q.template cast<int>();
-        float previous = value_at(cache, voxel);
-        float t = ray.start;
-        for (int n = 1;; ++n) {
+    /// Goes along the ray by half voxels, sample n at ray length start + n s, until a positive value is followed
+    /// by a negative one; `crossing` is the ray length of the positive one. Samples that are sure to read 0,
+    /// because they lie in an empty node of the octree, are passed over when the ray may be long.
+    bool march(FieldReader<Leaf>& field, const Ray& ray, int first, float& crossing) const {
+        const VoxelPosition stepsPerVoxel = count_steps_per_voxel(ray);
+        float previous = 0.0f;
+        for (int n = first;;) {
             if (!_guided && previous == 0.0f) {
-                const int sure = count_empty_steps(ray, q, voxel);
-                n += sure;
+                const int empty = count_empty_samples(field, ray, stepsPerVoxel, n);
+                if (empty > 0) {
+                    n += empty;
+                    if (length_at(ray, n - 1) > ray.end) return false;
+                    continue;
+                }
             }
-            const float next = ray.start + static_cast<float>(n) * _step;
-            q = in_voxels(at(ray, next));
-            if (!is_valid(q)) return false;
-            const Vector3i nextVoxel = q.template cast<int>();
-            const float value = nextVoxel == voxel ? previous : value_at(cache, nextVoxel);
-            if (previous > 0.0f && value < 0.0f) {
-                crossing = t;
-                return true;
+            SampleRun run;
+            const int samples = read_run(field, ray, n, run);
+            for (int k = 0; k < samples; ++k) {
+                const float value = field.value(run.x[k], run.y[k], run.z[k]);
+                if (previous > 0.0f && value < 0.0f) {
+                    crossing = length_at(ray, n - 1);
+                    return true;
+                }
+                previous = value;
+                if (run.t[k] > ray.end) return false;
+                ++n;
+                if (!_guided && value == 0.0f) break;
             }
-            previous = value;
-            voxel = nextVoxel;
-            t = next;
-            if (next > ray.end) return false;
+            if (samples == 0) return false;
         }
     }
 
-    float value_at(OctetCache& cache, const Vector3i& voxel) const {
-        return leaf_value(_tree, cache.find(_tree, voxel.x(), voxel.y(), voxel.z()));
+    /// The voxels of several samples in a row. Their coordinates are worked out together, in vector registers.
+    struct SampleRun {
+        static constexpr int Length = 8;
+        float t[Length];
+        int x[Length], y[Length], z[Length];
+    };
+
+    float length_at(const Ray& ray, int n) const { return ray.start + static_cast<float>(n) * _step; }
+
+    /// Fills the run with the samples from n on; returns how many of them are valid before the first that is not.
+    int read_run(const FieldReader<Leaf>& field, const Ray& ray, int n, SampleRun& run) const {
+        const VoxelPosition shift = field.shift();
+        const float pointDis = field.pointDis();
+        for (int k = 0; k < SampleRun::Length; ++k) run.t[k] = ray.start + static_cast<float>(n + k) * _step;
+        // A ray goes monotonously along each axis: when both ends are valid, so is all between them.
+        constexpr int last = SampleRun::Length - 1;
+        int valid = SampleRun::Length;
+        if (!field.is_in_sample_range(field.in_voxels(at(ray, run.t[0])))) return 0;
+        while (!field.is_in_sample_range(field.in_voxels(at(ray, run.t[valid - 1])))) --valid;
+        if (valid <= last) {
+            for (int k = valid; k <= last; ++k) run.t[k] = run.t[0];
+        }
+        for (int k = 0; k < SampleRun::Length; ++k) {
+            run.x[k] = static_cast<int>((_origin[0] + run.t[k] * ray.direction[0] - shift[0]) / pointDis);
+            run.y[k] = static_cast<int>((_origin[1] + run.t[k] * ray.direction[1] - shift[1]) / pointDis);
+            run.z[k] = static_cast<int>((_origin[2] + run.t[k] * ray.direction[2] - shift[2]) / pointDis);
+        }
+        return valid;
     }
 
-    /// How many further samples are sure to read 0 because they lie in the empty node around the voxel.
-    int count_empty_steps(const Ray& ray, const Vector3f& q, const Vector3i& voxel) const {
-        const int bits = _tree.empty_node_bits(voxel.x(), voxel.y(), voxel.z());
-        if (bits == 0) return 0;
-        float steps = std::numeric_limits<float>::max();
+    /// Along an axis to which the ray is perpendicular it takes very many steps to the next voxel.
+    static VoxelPosition count_steps_per_voxel(const Ray& ray) {
+        VoxelPosition steps = VoxelPosition::Zero();
         for (int axis = 0; axis < 3; ++axis) {
             const float perStep = 0.5f * ray.direction[axis];
-            const float low = std::max(1.0f, static_cast<float>((voxel[axis] >> bits) << bits));
-            const float high = std::min(_validEnd, static_cast<float>(((voxel[axis] >> bits) + 1) << bits));
-            if (perStep > 0.0f) steps = std::min(steps, (high - _skipMargin - q[axis]) / perStep);
-            if (perStep < 0.0f) steps = std::min(steps, (low + _skipMargin - q[axis]) / perStep);
+            steps[axis] = std::abs(perStep) > 1e-30f ? 1.0f / perStep : 1e30f;
         }
-        return steps > 0.0f ? static_cast<int>(std::min(steps, 1e7f)) : 0;
+        return steps;
+    }
+
+    /// How many samples from n on are sure to read 0; 0 when sample n is not valid or may read something.
+    int count_empty_samples(const FieldReader<Leaf>& field, const Ray& ray, const VoxelPosition& stepsPerVoxel,
+                            int n) const {
+        const VoxelPosition q = field.in_voxels(at(ray, length_at(ray, n)));
+        if (!field.is_in_sample_range(q)) return 0;
+        const VoxelIndex voxel = q.template cast<int>();
+        const int bits = _tree.empty_node_bits(voxel[0], voxel[1], voxel[2]);
+        return bits == 0 ? 0 : 1 + count_steps_in_node(q, stepsPerVoxel, voxel, bits);
+    }
+
+    /// How many further samples are sure to lie in the node of 2^bits voxels around the voxel. Those outside the
+    /// valid range may be among them: a ray that has left the range does not come back.
+    int count_steps_in_node(const VoxelPosition& q, const VoxelPosition& stepsPerVoxel, const VoxelIndex& voxel,
+                            int bits) const {
+        float steps = 1e6f;
+        for (int axis = 0; axis < 3; ++axis) {
+            const bool forward = stepsPerVoxel[axis] > 0.0f;
+            const int side = ((voxel[axis] >> bits) + (forward ? 1 : 0)) << bits;
+            const float distance = static_cast<float>(side) + (forward ? -_skipMargin : _skipMargin) - q[axis];
+            steps = std::min(steps, distance * stepsPerVoxel[axis]);
+        }
+        return steps > 0.0f ? static_cast<int>(steps) : 0;
     }
 
     /// Trilinear samples around the crossing: it may lie one step further or one step before the place where
     /// the nearest voxels' values changed their sign.
-    void refine(OctetCache& cache, const Ray& ray, float t, std::size_t slot) const {
+    void refine(FieldReader<Leaf>& field, const Ray& ray, float t, std::size_t slot) const {
         const float s = _step;
-        const auto sample = [&](float length) { return trilinear_value(_tree, cache, at(ray, length)); };
+        const auto sample = [&](float length) { return field.trilinear(field.in_voxels(at(ray, length))); };
         // Comparisons with NaN are false, so a missing sample ends each case.
         const float after = sample(t + s);
         if (after > 0.0f) {
@@ -157,19 +237,19 @@ private:
     }
 
     bool write(const Ray& ray, float t, std::size_t slot) const {
-        const Vector3f point = at(ray, t);
-        if (std::isnan(point.x())) return false;
-        _result.set_vCoord(slot, point);
+        const VoxelPosition point = at(ray, t);
+        if (std::isnan(point[0])) return false;
+        _result.set_vCoord(slot, Vector3f(point[0], point[1], point[2]));
         return true;
     }
 
     const VexelOctree::Octree<Leaf>& _tree;
     const PointImage& _guide;
-    const RigidMatrix& _pose;
     PointImage& _result;
+    RayTable _rays;
     bool _guided;
     Vector2f _nearFar;
-    Vector3f _origin;
+    VoxelPosition _origin;
     float _step;
     float _halfInterval;
     float _validEnd;
@@ -182,20 +262,19 @@ class rayCastNormal {
 public:
     /// `distance`: half-width of the central differences in mm; one voxel when it is not a positive number.
     rayCastNormal(const FusionTsdf<Leaf>& volume, const RigidMatrix& pose, PointImage& result, float distance)
-        : _tree(volume.get_fusion_tree()),
-          _camera(pose.get_translation().cast<float>()),
+        : _camera(pose.get_translation().cast<float>()),
           _result(result),
           _reach(std::isfinite(distance) && distance > 0.0f ? distance : volume.get_pointDis()) {}
 
     /// Zero where the field is not known on both sides of the point along some axis.
-    void operator()(OctetCache& cache, std::size_t slot) const {
+    void operator()(FieldReader<Leaf>& field, int, int, std::size_t slot) const {
         _result.set_vNrv(slot, Vector3f::Zero());
         if (!_result.has_point(slot)) return;
         const Vector3f& point = _result.get_vCoord(slot);
         Vector3f gradient;
         for (int axis = 0; axis < 3; ++axis) {
             const Vector3f step = _reach * Vector3f::Unit(axis);
-            gradient[axis] = trilinear_value(_tree, cache, point + step) - trilinear_value(_tree, cache, point - step);
+            gradient[axis] = field.trilinear(Vector3f(point + step)) - field.trilinear(Vector3f(point - step));
         }
         const float length = gradient.norm();
         if (!(length > 0.0f) || !std::isfinite(length)) return;
@@ -204,7 +283,6 @@ public:
     }
 
 private:
-    const VexelOctree::Octree<Leaf>& _tree;
     Vector3f _camera;
     PointImage& _result;
     float _reach;

@@ -157,7 +157,9 @@ void expect_same(const FusionTsdf<Leaf>& volume, const ReferenceVolume<Leaf>& re
         }
         const Expected& expected = it->second;
         const bool same =
-            voxel.count == expected.count && voxel.weight == expected.weight &&
+            voxel.count == expected.count &&
+            // The order of addition is free with several threads.
+            std::abs(voxel.weight - expected.weight) <= 2e-7f * static_cast<float>(expected.count) * expected.weight &&
             std::abs(voxel.sum - expected.sum) <= expected.weight * rounding + 1e-6f * std::abs(expected.sum);
         wrong += same ? 0 : 1;
         ++compared;

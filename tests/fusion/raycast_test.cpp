@@ -1,5 +1,6 @@
 // The raycast against a plain march written from its definition, against the rendered truth, and at its limits.
 #include "fusion/rayCast.h"
+#include "fusion/rayCastKernels.h"
 
 #include <cmath>
 #include <memory>
@@ -123,16 +124,19 @@ MarchCounts expect_plain_march(const FusionTsdf<Leaf>& volume, const RigidMatrix
     PointImage result = empty_view();
     EXPECT_EQ(rayCast(volume, guide, pose, result, guided, nearFar, kFromVolume, factor), 0);
     MarchCounts counts;
+    const RayTable rays(result, pose);
     const Vector3f o = pose.get_translation().cast<float>();
     const float halfInterval = 0.5f * volume.get_pointDis() * factor;
     std::size_t wrong = 0;
     for (std::size_t i = 0; i < result.get_vn(); ++i) {
-        const Vector3f ray = result.get_ray_direct(i);
-        const Vector3f d = pose.transform_normal(ray / ray.norm());
+        const int width = result.get_image_width();
+        const VoxelPosition ray = rays.direction(static_cast<int>(i) % width, static_cast<int>(i) / width);
+        const Vector3f d(ray[0], ray[1], ray[2]);
+        EXPECT_LT((d - pose.transform_normal(result.get_ray_direct(i))).norm(), 1e-6f);
         const float r = guide.get_vCoord(i).norm();
         Vector3f expected = Vector3f::Zero();
         if (!guided) {
-            expected = march(volume, o, d, ray.norm() * nearFar.x(), ray.norm() * nearFar.y(), counts);
+            expected = march(volume, o, d, nearFar.x(), nearFar.y(), counts);
         } else if (guide.get_vCoord(i).z() >= 1e-5f) {
             expected = march(volume, o, d, r - halfInterval, r + halfInterval, counts);
         }

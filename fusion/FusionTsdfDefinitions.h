@@ -1,4 +1,6 @@
-#include "fusion/FusionTsdf.h"
+// The member functions of FusionTsdf. Included only by the sources that instantiate it, one for each leaf type:
+// apart they compile in parallel, and the compiler inlines the hot loops of each to the end.
+#pragma once
 
 #include <algorithm>
 #include <cmath>
@@ -7,6 +9,7 @@
 #include "foundation/diagnostics.h"
 #include "foundation/handle.h"
 #include "foundation/parallel.h"
+#include "fusion/FusionTsdf.h"
 #include "fusion/cameraConstraint.h"
 #include "fusion/integratePoint.h"
 #include "fusion/marchingCubes.h"
@@ -14,7 +17,7 @@
 
 namespace VexelAlgorithm {
 namespace Fusion {
-namespace {
+namespace detail {
 
 constexpr float FixedSmoothThreshold = 0.5f;
 constexpr int FixedFusionRange = 5;
@@ -22,38 +25,39 @@ constexpr std::size_t PointsPerTask = 2048;
 constexpr std::size_t MinPieceTriangles = 100;
 constexpr int SmoothingSteps = 5;
 
-bool is_positive(float value) {
+inline bool is_positive(float value) {
     return std::isfinite(value) && value > 0.0f;
 }
 
-int clamp_range(int fusionRange, int largest) {
+inline int clamp_range(int fusionRange, int largest) {
     return std::clamp(fusionRange | 1, 1, largest);
 }
 
 // Refusals that every way into the volume shares. Missing attributes are refused without a line.
-bool is_pose_usable(const RigidMatrix& rt, const char* function) {
+inline bool is_pose_usable(const RigidMatrix& rt, const char* function) {
     if (rt.is_finite()) return true;
     print_line(format_text("can not run function %s because the pose is not finite", function));
     return false;
 }
 
-bool has_attributes(const PointImage& frame) {
+inline bool has_attributes(const PointImage& frame) {
     return frame.is_enable_vNormal() && frame.is_enable_vWeight();
 }
 
-bool is_consistent(const Cloud& frame, const char* function) {
+inline bool is_consistent(const Cloud& frame, const char* function) {
     if (frame.is_legal()) return true;
     print_line(format_text("can not run function %s because the frame's attributes differ in length", function));
     return false;
 }
 
-bool is_camera_usable(const CameraInParam& camera, const char* function) {
+inline bool is_camera_usable(const CameraInParam& camera, const char* function) {
     if (FusionCone::is_usable(camera)) return true;
     print_line(format_text("can not run function %s because the camera is not usable", function));
     return false;
 }
 
-bool is_frame_usable(const PointImage& frame, const RigidMatrix& rt, const FusionCone& cone, const char* function) {
+inline bool is_frame_usable(const PointImage& frame, const RigidMatrix& rt, const FusionCone& cone,
+                            const char* function) {
     if (!has_attributes(frame) || !is_pose_usable(rt, function) || !is_consistent(frame, function)) return false;
     // A frame without slots is left to the placement, whose line says that there are no points.
     if (cone.empty() && frame.get_vn() > 0) return is_camera_usable(frame.get_camPar(), function);
@@ -67,7 +71,7 @@ bool is_frame_usable(const PointImage& frame, const RigidMatrix& rt, const Fusio
     return true;
 }
 
-std::vector<int> collect_valid_indices(const PointImage& frame) {
+inline std::vector<int> collect_valid_indices(const PointImage& frame) {
     std::vector<int> valid;
     valid.reserve(frame.get_vn());
     for (std::size_t i = 0; i < frame.get_vn(); ++i) {
@@ -76,8 +80,8 @@ std::vector<int> collect_valid_indices(const PointImage& frame) {
     return valid;
 }
 
-MeasuredPoint measure(const PointImage& frame, const FusionCone& cone, int index,
-                      const std::vector<unsigned char>* labels) {
+inline MeasuredPoint measure(const PointImage& frame, const FusionCone& cone, int index,
+                             const std::vector<unsigned char>* labels) {
     const auto i = static_cast<std::size_t>(index);
     const int u = index % frame.get_image_width(), v = index / frame.get_image_width();
     return {frame.get_vCoord(i),
@@ -88,7 +92,7 @@ MeasuredPoint measure(const PointImage& frame, const FusionCone& cone, int index
             frame.is_enable_vColor() ? &frame.get_vColor(i) : nullptr};
 }
 
-int upper_bound(int treeDepth) {
+inline int upper_bound(int treeDepth) {
     return (1 << treeDepth) - 3;
 }
 
@@ -96,16 +100,17 @@ template <class Leaf>
 void integrate_image(VexelOctree::Octree<Leaf>& tree, const PointImage& frame, const FrameIntegration& integration,
                      const FusionCone& cone, int threads, ChangedLeaves& changedLeaves,
                      const std::vector<unsigned char>* labels) {
-    const std::vector<int> valid = collect_valid_indices(frame);
-    parallel_ranges(threads, valid.size(), PointsPerTask, [&](std::size_t begin, std::size_t end) {
+    parallel_ranges(threads, frame.get_vn(), PointsPerTask, [&](std::size_t begin, std::size_t end) {
         IntegrationWorker worker(integration);
-        for (std::size_t k = begin; k < end; ++k) {
-            integrate_point(tree, integration, worker, measure(frame, cone, valid[k], labels), changedLeaves);
+        for (std::size_t slot = begin; slot < end; ++slot) {
+            if (!is_usable_point(frame.get_vCoord(slot), frame.get_vNrv(slot))) continue;
+            integrate_point(tree, integration, worker, measure(frame, cone, static_cast<int>(slot), labels),
+                            changedLeaves);
         }
     });
 }
 
-}  // namespace
+}  // namespace detail
 
 template <class Leaf>
 FusionTsdf<Leaf>::FusionTsdf(int treeDepth, float pointDis, float smoothThreshold, int fusionRange, int threadNum,
@@ -113,11 +118,11 @@ FusionTsdf<Leaf>::FusionTsdf(int treeDepth, float pointDis, float smoothThreshol
     : _smoothThreshold(smoothThreshold),
       _path(std::move(path)),
       _threadNum(std::max(threadNum, 1)),
-      _fusionRange(clamp_range(fusionRange, MaxFusionRange)) {
-    _octree.set_point_dis(is_positive(pointDis) ? pointDis : 0.5f);
+      _fusionRange(detail::clamp_range(fusionRange, MaxFusionRange)) {
+    _octree.set_point_dis(detail::is_positive(pointDis) ? pointDis : 0.5f);
     if (std::max(treeDepth, Octree::MinTreeDepth) != _octree.get_treeDepth()) _octree.set_depth(treeDepth, 1);
     _offsets = OffsetCube(_fusionRange, get_pointDis());
-    _neighbourhood = OffsetCube::nearest_first(FixedFusionRange, get_pointDis());
+    _neighbourhood = OffsetCube::nearest_first(detail::FixedFusionRange, get_pointDis());
 }
 
 template <class Leaf>
@@ -128,7 +133,7 @@ FusionTsdf<Leaf>::~FusionTsdf() = default;
 template <class Leaf>
 bool FusionTsdf<Leaf>::get_shift(const Cloud& frame, const RigidMatrix& rt) {
     return guarded<bool>("get_shift", false, [&] {
-        if (!is_pose_usable(rt, "get_shift")) return false;
+        if (!detail::is_pose_usable(rt, "get_shift")) return false;
         const bool hasNormals = frame.is_enable_vNormal() && frame.is_legal();
         Vector3d sum = Vector3d::Zero();
         int invaildNum = 0;
@@ -169,7 +174,7 @@ bool FusionTsdf<Leaf>::fusion_one_frame_speckle_parallel(const PointImage& frame
                                                          ChangedLeaves& changedLeaves, bool fuse, bool passedThrough,
                                                          const std::vector<unsigned char>* labels) {
     return guarded<bool>("fusion_one_frame_speckle_parallel", false, [&] {
-        if (!is_frame_usable(frame, rt, _cone, "fusion_one_frame_speckle_parallel")) return false;
+        if (!detail::is_frame_usable(frame, rt, _cone, "fusion_one_frame_speckle_parallel")) return false;
         if (get_vaild_leaf_num() == 0 && get_treeShift().cwiseAbs().maxCoeff() < 1e-6f && !get_shift(frame, rt)) {
             print_line("can not run this function because get_shift(oneFrame, rt) == false");
             return false;
@@ -184,16 +189,16 @@ void FusionTsdf<Leaf>::integrate_tsdfvolume_speckle_parallel(const PointImage& f
                                                              ChangedLeaves& changedLeaves, bool fuse, bool,
                                                              const std::vector<unsigned char>* labels) {
     guarded("integrate_tsdfvolume_speckle_parallel", [&] {
-        if (!is_frame_usable(frame, rt, _cone, "integrate_tsdfvolume_speckle_parallel")) return;
+        if (!detail::is_frame_usable(frame, rt, _cone, "integrate_tsdfvolume_speckle_parallel")) return;
         if (labels != nullptr && labels->size() != frame.get_vn()) {
             print_line("updata AI inform failed! Because AIInform->size() !=oneFrame.get_vn()!");
             labels = nullptr;
         }
         if (_cone.empty()) computer_fusion_cone(frame);
         if (_cone.empty()) return;
-        const FrameIntegration integration(rt, get_treeShift(), get_pointDis(), upper_bound(get_treeDepth()), _offsets,
-                                           _cone.is_open(), fuse);
-        integrate_image(_octree, frame, integration, _cone, _threadNum, changedLeaves, labels);
+        const FrameIntegration integration(rt, get_treeShift(), get_pointDis(), detail::upper_bound(get_treeDepth()),
+                                           _offsets, _cone.is_open(), fuse);
+        detail::integrate_image(_octree, frame, integration, _cone, _threadNum, changedLeaves, labels);
     });
 }
 
@@ -203,16 +208,16 @@ void FusionTsdf<Leaf>::integrate_tsdfvolume_speckle(const PointImage& frame, con
                                                     float pointDis, int bound, const std::vector<int>& validIndex,
                                                     bool fuse, const std::vector<unsigned char>* labels) {
     guarded("integrate_tsdfvolume_speckle", [&] {
-        if (!has_attributes(frame) || !frame.is_legal()) return;
-        if (!rt.is_finite() || k >= validIndex.size() || !is_positive(pointDis)) return;
+        if (!detail::has_attributes(frame) || !frame.is_legal()) return;
         if (labels != nullptr && labels->size() != frame.get_vn()) labels = nullptr;
+        if (!rt.is_finite() || k >= validIndex.size() || !detail::is_positive(pointDis)) return;
         const int index = validIndex[static_cast<std::size_t>(k)];
         if (index < 0 || static_cast<std::size_t>(index) >= frame.get_vn()) return;
         if (index % frame.get_image_width() >= _cone.get_width() ||
             index / frame.get_image_width() >= _cone.get_height()) {
             return;
         }
-        const MeasuredPoint measured = measure(frame, _cone, index, labels);
+        const MeasuredPoint measured = detail::measure(frame, _cone, index, labels);
         if (!is_usable_point(measured.point_C, measured.normal_C)) return;
         const FrameIntegration integration(rt, get_treeShift(), pointDis, bound, _offsets, _cone.is_open(), fuse);
         IntegrationWorker worker(integration);
@@ -225,32 +230,32 @@ bool FusionTsdf<Leaf>::integrate_tsdfvolume_cam_constrain_one_frame_parallel(con
                                                                              const RigidMatrix& rt) {
     constexpr const char* name = "integrate_tsdfvolume_cam_constrain_one_frame_parallel";
     return guarded<bool>(name, false, [&] {
-        if (!is_frame_usable(frame, rt, _cone, name)) return false;
+        if (!detail::is_frame_usable(frame, rt, _cone, name)) return false;
         if (get_vaild_leaf_num() == 0 && !get_shift(frame, rt)) return false;
         if (_cone.empty()) computer_fusion_cone(frame);
         if (_cone.empty()) return false;
 
         // The weights come first, from the surface as it was before this frame, so that they do not depend on
         // the order in which points are integrated.
-        const std::vector<int> valid = collect_valid_indices(frame);
+        const std::vector<int> valid = detail::collect_valid_indices(frame);
         std::vector<float> weights(valid.size());
-        parallel_ranges(_threadNum, valid.size(), PointsPerTask, [&](std::size_t begin, std::size_t end) {
-            OctetCache cache;
+        parallel_ranges(_threadNum, valid.size(), detail::PointsPerTask, [&](std::size_t begin, std::size_t end) {
+            FieldReader<Leaf> field(_octree);
             for (std::size_t k = begin; k < end; ++k) {
                 const auto slot = static_cast<std::size_t>(valid[k]);
-                weights[k] = frame.get_vWeight(slot) * surface_agreement(_octree, cache, _neighbourhood,
-                                                                         rt * frame.get_vCoord(slot),
-                                                                         rt.transform_normal(frame.get_vNrv(slot)));
+                weights[k] =
+                    frame.get_vWeight(slot) * surface_agreement(field, _neighbourhood, rt * frame.get_vCoord(slot),
+                                                                rt.transform_normal(frame.get_vNrv(slot)));
             }
         });
 
-        const FrameIntegration integration(rt, get_treeShift(), get_pointDis(), upper_bound(get_treeDepth()), _offsets,
-                                           _cone.is_open(), true);
+        const FrameIntegration integration(rt, get_treeShift(), get_pointDis(), detail::upper_bound(get_treeDepth()),
+                                           _offsets, _cone.is_open(), true);
         ChangedLeaves notWanted;
-        parallel_ranges(_threadNum, valid.size(), PointsPerTask, [&](std::size_t begin, std::size_t end) {
+        parallel_ranges(_threadNum, valid.size(), detail::PointsPerTask, [&](std::size_t begin, std::size_t end) {
             IntegrationWorker worker(integration);
             for (std::size_t k = begin; k < end; ++k) {
-                MeasuredPoint measured = measure(frame, _cone, valid[k], nullptr);
+                MeasuredPoint measured = detail::measure(frame, _cone, valid[k], nullptr);
                 measured.weight = weights[k];
                 integrate_point(_octree, integration, worker, measured, notWanted);
             }
@@ -263,14 +268,14 @@ template <class Leaf>
 bool FusionTsdf<Leaf>::fusion_all_frame_tbb(Octree& tree, const PointImage& frame, const RigidMatrix& rt,
                                             ChangedLeaves& changedLeaves) {
     return guarded<bool>("fusion_all_frame_tbb", false, [&] {
-        if (!is_frame_usable(frame, rt, _cone, "fusion_all_frame_tbb")) return false;
+        if (!detail::is_frame_usable(frame, rt, _cone, "fusion_all_frame_tbb")) return false;
         if (_cone.empty()) computer_fusion_cone(frame);
         if (_cone.empty()) return false;
         const OffsetCube cube =
             tree.get_pointDis() == get_pointDis() ? _offsets : OffsetCube(_fusionRange, tree.get_pointDis());
-        const FrameIntegration integration(rt, tree.get_shift(), tree.get_pointDis(), upper_bound(tree.get_treeDepth()),
-                                           cube, _cone.is_open(), true);
-        integrate_image(tree, frame, integration, _cone, _threadNum, changedLeaves, nullptr);
+        const FrameIntegration integration(rt, tree.get_shift(), tree.get_pointDis(),
+                                           detail::upper_bound(tree.get_treeDepth()), cube, _cone.is_open(), true);
+        detail::integrate_image(tree, frame, integration, _cone, _threadNum, changedLeaves, nullptr);
         return true;
     });
 }
@@ -293,7 +298,7 @@ bool FusionTsdf<Leaf>::parallel_fusion_all_frame_run(const std::vector<PointImag
             return false;
         }
         for (std::size_t i = 0; i < frames.size(); ++i) {
-            if (!is_frame_usable(frames[i], poses[i], cone, name)) return false;
+            if (!detail::is_frame_usable(frames[i], poses[i], cone, name)) return false;
         }
         for (std::size_t i = 0; i < frames.size(); ++i) {
             if (!fusion_one_frame_speckle_parallel(frames[i], poses[i], changedLeaves, true, false, nullptr))
@@ -307,8 +312,9 @@ template <class Leaf>
 bool FusionTsdf<Leaf>::fusion_one_frame(const Cloud& frame, const RigidMatrix& rt, const CameraInParam& camera,
                                         const Vector2i& imageSize) {
     return guarded<bool>("fusion_one_frame", false, [&] {
-        if (!frame.is_enable_vNormal() || !is_pose_usable(rt, "fusion_one_frame")) return false;
-        if (!is_consistent(frame, "fusion_one_frame") || !is_camera_usable(camera, "fusion_one_frame")) return false;
+        if (!frame.is_enable_vNormal() || !detail::is_pose_usable(rt, "fusion_one_frame")) return false;
+        if (!detail::is_consistent(frame, "fusion_one_frame") || !detail::is_camera_usable(camera, "fusion_one_frame"))
+            return false;
         if (get_vaild_leaf_num() == 0 && get_treeShift().cwiseAbs().maxCoeff() < 1e-6f && !get_shift(frame, rt)) {
             print_line("can not run this function because get_shift(oneFrame, rt) == false");
             return false;
@@ -322,13 +328,15 @@ template <class Leaf>
 void FusionTsdf<Leaf>::integrate_tsdfvolume(const Cloud& frame, const RigidMatrix& rt, const CameraInParam& camera,
                                             const Vector2i& imageSize) {
     guarded("integrate_tsdfvolume", [&] {
-        if (!frame.is_enable_vNormal() || !is_pose_usable(rt, "integrate_tsdfvolume")) return;
-        if (!is_consistent(frame, "integrate_tsdfvolume") || !is_camera_usable(camera, "integrate_tsdfvolume")) return;
+        if (!frame.is_enable_vNormal() || !detail::is_pose_usable(rt, "integrate_tsdfvolume")) return;
+        if (!detail::is_consistent(frame, "integrate_tsdfvolume") ||
+            !detail::is_camera_usable(camera, "integrate_tsdfvolume"))
+            return;
         const bool openCone = !(std::abs(_smoothThreshold) > 0.0f);
-        const FrameIntegration integration(rt, get_treeShift(), get_pointDis(), upper_bound(get_treeDepth()), _offsets,
-                                           openCone, true);
+        const FrameIntegration integration(rt, get_treeShift(), get_pointDis(), detail::upper_bound(get_treeDepth()),
+                                           _offsets, openCone, true);
         ChangedLeaves notWanted;
-        parallel_ranges(_threadNum, frame.get_vn(), PointsPerTask, [&](std::size_t begin, std::size_t end) {
+        parallel_ranges(_threadNum, frame.get_vn(), detail::PointsPerTask, [&](std::size_t begin, std::size_t end) {
             IntegrationWorker worker(integration);
             for (std::size_t i = begin; i < end; ++i) {
                 const Vector3f& point = frame.get_vCoord(i);
@@ -351,16 +359,16 @@ void FusionTsdf<Leaf>::integrate_tsdfvolume(const Cloud& frame, const RigidMatri
 template <class Leaf>
 int FusionTsdf<Leaf>::get_space_contribution(const PointImage& frame, const RigidMatrix& rt) {
     return guarded<int>("get_space_contribution", 0, [&] {
-        if (!has_attributes(frame) || !is_pose_usable(rt, "get_space_contribution")) return 0;
-        if (!is_consistent(frame, "get_space_contribution")) return 0;
+        if (!detail::has_attributes(frame) || !detail::is_pose_usable(rt, "get_space_contribution")) return 0;
+        if (!detail::is_consistent(frame, "get_space_contribution")) return 0;
         std::atomic<int> contribution{0};
-        parallel_ranges(_threadNum, frame.get_vn(), PointsPerTask, [&](std::size_t begin, std::size_t end) {
-            OctetCache cache;
+        parallel_ranges(_threadNum, frame.get_vn(), detail::PointsPerTask, [&](std::size_t begin, std::size_t end) {
+            FieldReader<Leaf> field(_octree);
             int found = 0;
             for (std::size_t i = begin; i < end; ++i) {
                 const Vector3f& point = frame.get_vCoord(i);
                 if (!is_usable_point(point, frame.get_vNrv(i)) || !(frame.get_vWeight(i) >= 1e-6f)) continue;
-                if (std::abs(voxel_value(_octree, cache, _octree.world_to_voxel(rt * point))) < 1e-6f) ++found;
+                if (std::abs(field.value_anywhere(_octree.world_to_voxel(rt * point))) < 1e-6f) ++found;
             }
             contribution.fetch_add(found, std::memory_order_relaxed);
         });
@@ -370,7 +378,7 @@ int FusionTsdf<Leaf>::get_space_contribution(const PointImage& frame, const Rigi
 
 // ---- extraction -------------------------------------------------------------------------------------
 
-namespace {
+namespace detail {
 
 template <class Leaf, class RunChunks>
 RetVal extract(const VexelOctree::Octree<Leaf>& tree, float minWeight, BaseTriMesh& mesh, std::vector<int>& vertexAxis,
@@ -386,13 +394,15 @@ RetVal extract(const VexelOctree::Octree<Leaf>& tree, float minWeight, BaseTriMe
     return RET_SUCCESS;
 }
 
-}  // namespace
+}  // namespace detail
 
 template <class Leaf>
 RetVal FusionTsdf<Leaf>::get_result(float minWeight, BaseTriMesh& mesh, std::vector<int>& vertexAxis, bool optimise) {
     return guarded<RetVal>("get_result", RET_RUN_FAIL, [&] {
-        const MeshOptimisation steps{_dropPieces ? MinPieceTriangles : 0, _smooth ? SmoothingSteps : 0, _normals};
-        return extract(_octree, minWeight, mesh, vertexAxis, optimise ? &steps : nullptr, OpenMpChunks{_threadNum});
+        const MeshOptimisation steps{_dropPieces ? detail::MinPieceTriangles : 0, _smooth ? detail::SmoothingSteps : 0,
+                                     _normals};
+        return detail::extract(_octree, minWeight, mesh, vertexAxis, optimise ? &steps : nullptr,
+                               OpenMpChunks{_threadNum});
     });
 }
 
@@ -400,8 +410,10 @@ template <class Leaf>
 RetVal FusionTsdf<Leaf>::get_result_tbb(float minWeight, BaseTriMesh& mesh, std::vector<int>& vertexAxis,
                                         bool optimise) {
     return guarded<RetVal>("get_result_tbb", RET_RUN_FAIL, [&] {
-        const MeshOptimisation steps{_dropPieces ? MinPieceTriangles : 0, _smooth ? SmoothingSteps : 0, _normals};
-        return extract(_octree, minWeight, mesh, vertexAxis, optimise ? &steps : nullptr, TbbChunks{_threadNum});
+        const MeshOptimisation steps{_dropPieces ? detail::MinPieceTriangles : 0, _smooth ? detail::SmoothingSteps : 0,
+                                     _normals};
+        return detail::extract(_octree, minWeight, mesh, vertexAxis, optimise ? &steps : nullptr,
+                               TbbChunks{_threadNum});
     });
 }
 
@@ -428,7 +440,7 @@ void FusionTsdf<Leaf>::set_shift(const Vector3f& shift) {
 template <class Leaf>
 void FusionTsdf<Leaf>::set_point_dis(float pointDis) {
     guarded("set_point_dis", [&] {
-        if (!is_positive(pointDis) || get_vaild_leaf_num() > 0) {
+        if (!detail::is_positive(pointDis) || get_vaild_leaf_num() > 0) {
             print_line("can not run function set_point_dis because pointDis <= 0 or the volume is not empty");
             return;
         }
@@ -458,7 +470,7 @@ void FusionTsdf<Leaf>::modify_smooth_and_fusionrange(float smoothThreshold, int 
 
 template <class Leaf>
 void FusionTsdf<Leaf>::reset_smooth_and_fusionrange() {
-    modify_smooth_and_fusionrange(FixedSmoothThreshold, FixedFusionRange);
+    modify_smooth_and_fusionrange(detail::FixedSmoothThreshold, detail::FixedFusionRange);
 }
 
 template <class Leaf>
@@ -506,11 +518,6 @@ void FusionTsdf<Leaf>::reset_leaf_tbb() {
                         });
     });
 }
-
-template class FusionTsdf<LeafTSDFSpeckle>;
-template class FusionTsdf<LeafTSDFTeeth>;
-template class FusionTsdf<LeafTSDFCloudGenerator>;
-template class FusionTsdf<LeafTSDFLaser>;
 
 }  // namespace Fusion
 }  // namespace VexelAlgorithm

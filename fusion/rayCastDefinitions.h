@@ -1,0 +1,65 @@
+// The raycast's definition. Included only by the sources that instantiate it.
+#pragma once
+
+#include <algorithm>
+#include <cmath>
+#include <limits>
+
+#include "foundation/diagnostics.h"
+#include "foundation/handle.h"
+#include "foundation/parallel.h"
+#include "fusion/ImageTiles.h"
+#include "fusion/rayCast.h"
+#include "fusion/rayCastKernels.h"
+
+namespace VexelAlgorithm {
+namespace Fusion {
+namespace detail {
+
+template <class Leaf, class Body>
+void for_each_slot(const FusionTsdf<Leaf>& volume, const PointImage& image, const Body& body) {
+    const ImageTiles tiles(image.get_image_width(), image.get_image_height());
+    parallel_ranges(volume.get_code_Num(), tiles.count(), 1, [&](std::size_t begin, std::size_t end) {
+        FieldReader<Leaf> field(volume.get_fusion_tree());
+        tiles.for_each_slot(begin, end, [&](int x, int y, std::size_t slot) { body(field, x, y, slot); });
+    });
+}
+
+inline bool is_result_usable(const PointImage& result, const RigidMatrix& pose) {
+    const CameraInParam& camera = result.get_camPar();
+    const bool usable = pose.is_finite() && result.is_legal() && std::isfinite(camera.get_fx()) &&
+                        std::isfinite(camera.get_fy()) && camera.get_fx() != 0.0 && camera.get_fy() != 0.0;
+    if (!usable) print_line("can not run function rayCast because the pose or the camera of resultFrame is not usable");
+    return usable;
+}
+
+}  // namespace detail
+
+template <class Leaf>
+int rayCast(const FusionTsdf<Leaf>& volume, const PointImage& guide, const RigidMatrix& pose, PointImage& result,
+            bool guided, const Vector2f& nearFar, const RayCastNormals& normals, float intervalFactor) {
+    return guarded<int>("rayCast", RET_RUN_FAIL, [&]() -> int {
+        if (guided && guide.get_vn() != result.get_vn()) {
+            print_line("resultFrame.get_vn() != guildFrame.get_vn()");
+            print_line(format_text("resultFrame.get_vn() = %zu", result.get_vn()));
+            print_line(format_text("guildFrame.get_vn() = %zu", guide.get_vn()));
+            return RET_INPUT_ERROR;
+        }
+        if (!detail::is_result_usable(result, pose)) return RET_INPUT_ERROR;
+
+        result.enable_vNormal();
+        const rayCastPoint<Leaf> castPoint(volume, guide, pose, result, guided, nearFar, intervalFactor);
+        detail::for_each_slot(volume, result, castPoint);
+        result.set_rt(pose);
+        if (normals.fromImage) {
+            result.update_VNrv(normals.step, normals.step + 1, normals.distance);
+        } else {
+            const rayCastNormal<Leaf> castNormal(volume, pose, result, normals.distance);
+            detail::for_each_slot(volume, result, castNormal);
+        }
+        return RET_SUCCESS;
+    });
+}
+
+}  // namespace Fusion
+}  // namespace VexelAlgorithm

@@ -2,8 +2,6 @@
 #pragma once
 
 #include <functional>
-#include <string>
-#include <string_view>
 
 #include "recording/Outcome.h"
 

@@ -48,11 +48,19 @@ struct FuseOptions {
 constexpr float coneHalfWidth = 0.5f;
 /// 2^14 voxels a side; the choice from the scene stops here, --depth may go on.
 constexpr int largestChosenDepth = 14;
+/// What one frame may take; systems that promise more memory than they have would end the program without a word.
+constexpr double largestMemoryGib = 6.0;
 
-std::unique_ptr<SpeckleVolume> make_volume(const FuseOptions& options, const SceneSurvey& survey, int threads) {
+Outcome<std::unique_ptr<SpeckleVolume>> make_volume(const FuseOptions& options, const SceneSurvey& survey,
+                                                    int threads) {
     const VolumePlacement placement = place_volume(survey.box, options.voxel, options.depth, largestChosenDepth);
     const int range =
         options.range > 0 ? options.range : choose_fusion_range(survey.farDepth, options.voxel, options.frame);
+    const double memory = least_memory_gib(survey, options.voxel, range, sizeof(Fusion::LeafTSDFSpeckle));
+    if (memory > largestMemoryGib) {
+        return Failure{format_text("one frame alone would take %.0f GiB with voxels of %g mm; take a larger --voxel",
+                                   memory, options.voxel)};
+    }
     auto volume =
         std::make_unique<SpeckleVolume>(placement.treeDepth, options.voxel, coneHalfWidth, range, threads, options.out);
     volume->set_shift(placement.shift);
@@ -200,15 +208,17 @@ int run_fuse(const FuseOptions& options) {
     const Outcome<SceneSurvey> survey = survey_scene(*recording, frames, options.frame);
     if (!survey) return report_failure(survey.failure());
 
-    const std::unique_ptr<SpeckleVolume> volume = make_volume(options, *survey, threads);
-    FuseReport report = begin_report(*recording, frames, options, *volume);
-    const Outcome<Done> fused = fuse_frames(*recording, frames, options, *volume, report);
+    const Outcome<std::unique_ptr<SpeckleVolume>> made = make_volume(options, *survey, threads);
+    if (!made) return report_failure(made.failure());
+    SpeckleVolume& volume = **made;
+    FuseReport report = begin_report(*recording, frames, options, volume);
+    const Outcome<Done> fused = fuse_frames(*recording, frames, options, volume, report);
     if (!fused) return report_failure(fused.failure());
     if (report.isInterrupted) {
         print_line(format_text("interrupted: writing what the first %d frames gave", report.framesFused));
     }
 
-    const Outcome<BaseTriMesh> mesh = extract_mesh(*volume, options, report);
+    const Outcome<BaseTriMesh> mesh = extract_mesh(volume, options, report);
     if (!mesh) return report_failure(mesh.failure());
     const Outcome<Done> written = write_results(*mesh, *recording, frames, options, report);
     if (!written) return report_failure(written.failure());

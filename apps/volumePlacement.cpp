@@ -18,6 +18,7 @@ class Surveyor {
 public:
     void add(const DepthImage& image, const CameraInParam& camera, const RigidMatrix& cameraToWorld,
              const DepthFrameSettings& settings) {
+        ++_frames;
         for (int y = 0; y < image.height; y += pixelStep) {
             for (int x = 0; x < image.width; x += pixelStep) {
                 const std::uint16_t z = image.millimetres[static_cast<std::size_t>(y) * image.width + x];
@@ -27,6 +28,7 @@ public:
                 const Vector3d world = cameraToWorld * point;
                 _box.low = _box.low.cwiseMin(world);
                 _box.high = _box.high.cwiseMax(world);
+                _area += std::pow(static_cast<double>(pixelStep) * z, 2.0) / (camera.get_fx() * camera.get_fy());
                 _depths.push_back(z);
             }
         }
@@ -37,7 +39,7 @@ public:
     SceneSurvey result() {
         const auto place = _depths.begin() + static_cast<std::ptrdiff_t>(_depths.size() * 95 / 100);
         std::nth_element(_depths.begin(), place, _depths.end());
-        return {_box, static_cast<float>(*place)};
+        return {_box, static_cast<float>(*place), _area / _frames};
     }
 
 private:
@@ -45,6 +47,8 @@ private:
 
     Box _box{Vector3d::Constant(infinity), Vector3d::Constant(-infinity)};
     std::vector<std::uint16_t> _depths;
+    double _area = 0.0;
+    int _frames = 0;
 };
 
 }  // namespace
@@ -69,6 +73,11 @@ Outcome<SceneSurvey> survey_scene(const Recording& recording, const std::vector<
 int choose_fusion_range(float farDepth, float voxel, const DepthFrameSettings& settings) {
     const float voxels = std::ceil(2.0f * depth_step(farDepth, settings) / voxel);
     return static_cast<int>(std::clamp(voxels, 5.0f, 15.0f)) | 1;
+}
+
+double least_memory_gib(const SceneSurvey& survey, float voxel, int range, std::size_t bytesPerVoxel) {
+    const double voxels = survey.frameArea / (static_cast<double>(voxel) * voxel) * range;
+    return voxels * static_cast<double>(bytesPerVoxel) / (1 << 30);
 }
 
 VolumePlacement place_volume(const Box& box, float voxel, int fixedDepth, int largestDepth) {

@@ -20,8 +20,9 @@ struct Box {
 
 /// What a first look at a recording tells.
 struct SceneSurvey {
-    Box box;                ///< around the points
-    float farDepth = 0.0f;  ///< mm; 95 % of the depths are nearer
+    Box box;                 ///< around the points
+    float farDepth = 0.0f;   ///< mm; 95 % of the depths are nearer
+    double frameArea = 0.0;  ///< mm^2 of surface that a frame sees on average, as if it faced the camera
 };
 
 /// A cube of 2^treeDepth voxels a side.
@@ -40,6 +41,9 @@ Outcome<SceneSurvey> survey_scene(const Recording& recording, const std::vector<
 /// the scene spans to either side of the surface, odd, from 5 to 15. A narrower band would let frames that
 /// disagree make surfaces of their own; a wider one costs time and rounds thin parts.
 int choose_fusion_range(float farDepth, float voxel, const DepthFrameSettings& settings);
+
+/// A lower bound of the memory that a volume takes, in GiB: the voxels that one frame touches.
+double least_memory_gib(const SceneSurvey& survey, float voxel, int range, std::size_t bytesPerVoxel);
 
 /// The smallest volume around the box's centre that holds the box, some voxels of margin included;
 /// `largestDepth` bounds it, so that a large scene with fine voxels may stick out. `fixedDepth` above 0

@@ -131,6 +131,14 @@ TEST_F(VexelScan, ChoosesFramesAndFormats) {
     EXPECT_NE(four.output.find("4 of 4 frames"), std::string::npos) << "plain progress lines: " << four.output;
     EXPECT_EQ(four.output.find('\r'), std::string::npos);
 
+    const ToolRun narrow =
+        run("fuse " + quoted(recording) + " --depth 10 --voxel 0.8 --range 5 --last 0 --min-weight 0 --out " +
+            quoted(path("narrow")));
+    ASSERT_EQ(narrow.exitCode, 0) << narrow.errors;
+    const std::string json = bytes_of(path("narrow") / "report.json");
+    EXPECT_EQ(json.find("\"points_outside_volume\": 0"), std::string::npos)
+        << "the wall is wider than 819 mm: " << json;
+
     const ToolRun info = run("info " + quoted(recording));
     EXPECT_EQ(info.exitCode, 0);
     EXPECT_NE(info.output.find("numbers 0 .. 15"), std::string::npos) << info.output;
@@ -172,6 +180,7 @@ const BadCall badCalls[] = {
     {"fuse @/ball --out @/out --first 100", 1, "no frame in the chosen range"},
     {"fuse @/ball --out @/out --first 9 --last 3", 1, "no frame in the chosen range"},
     {"fuse @/ball --out @/out --min-weight 1000", 1, "no surface came out"},
+    {"fuse @/ball --out @/out --voxel 0.01", 1, "take a larger --voxel"},
     {"fuse @/ball --out @/file", 1, "is a file"},
     {"fuse @/ball --out @/file/below", 1, "cannot be made"},
     {"fuse @/nothing --out @/out", 1, "there is no recording folder"},

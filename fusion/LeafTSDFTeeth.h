@@ -68,7 +68,7 @@ struct LeafTSDFTeeth {
     }
     /// `w` is |z| of the point's normal in camera coordinates.
     void blend_color(const Vector3f& rgb, float w) {
-        if (!(w >= 1e-5f) || !rgb.allFinite() || rgb.maxCoeff() < 1e-6f) return;
+        if (!(w >= 1e-5f) || !std::isfinite(w) || !rgb.allFinite() || rgb.maxCoeff() < 1e-6f) return;
         const float sum = colorWeight + w;
         for (int i = 0; i < 3; ++i) color[i] = (color[i] * colorWeight + rgb[i] * w) / sum;
         colorWeight = sum;

@@ -9,9 +9,9 @@
 #include <atomic>
 #include <cmath>
 #include <cstdint>
-#include <limits>
 #include <memory>
 #include <mutex>
+#include <utility>
 #include <vector>
 
 #include "foundation/types.h"
@@ -79,14 +79,19 @@ public:
     Octree() { set_depth(MinTreeDepth, 1); }
 
     /// Sets depth and leaf bits and empties the tree. The depth is clamped to [10, MaxTreeDepth], leaf bits
-    /// to [1, 3].
+    /// to [1, 3]. Throws std::bad_alloc: the tree is then as it was, or empty at the new depth with its first leaf
+    /// page still to be made.
     void set_depth(int depth, int leafBits) {
-        _leafBits = std::clamp(leafBits, 1, 3);
-        _treeDepth = std::clamp(depth, MinTreeDepth, max_tree_depth());
-        const int levels = std::max(_treeDepth - TopBits - _leafBits, 0);
-        _levels.clear();
-        for (int i = 0; i < levels; ++i) _levels.push_back(std::make_unique<LevelTable>());
-        clear();
+        const int bits = std::clamp(leafBits, 1, 3);
+        const int clampedDepth = std::clamp(depth, MinTreeDepth, max_tree_depth());
+        std::vector<std::unique_ptr<LevelTable>> levels(
+            static_cast<std::size_t>(std::max(clampedDepth - TopBits - bits, 0)));
+        for (auto& level : levels) level = std::make_unique<LevelTable>();
+        _top.reset_mem();
+        _levels = std::move(levels);
+        _leafBits = bits;
+        _treeDepth = clampedDepth;
+        clear_tables();
     }
 
     int get_treeDepth() const { return _treeDepth; }
@@ -112,17 +117,11 @@ public:
         return _levels.empty() ? _top.get_octet_count() : _levels.back()->octets.load(std::memory_order_acquire);
     }
 
-    /// Empties the tree and makes the first leaf page. Depth, spacing and shift stay.
+    /// Empties the tree and makes the first leaf page. Depth, spacing and shift stay. Throws std::bad_alloc as
+    /// `set_depth` does.
     void clear() {
-        _top.clear();
         _top.reset_mem();
-        for (auto& level : _levels) {
-            level->entries.clear();
-            level->octets.store(0, std::memory_order_relaxed);
-        }
-        _unitCoordinates.clear();
-        _pool.clear();
-        _pool.grow_to(0);
+        clear_tables();
     }
 
     // ---- coordinates --------------------------------------------------------------------------------
@@ -178,6 +177,9 @@ public:
         return path;
     }
 
+    /// The coordinates of each allocation unit that has been handed out: x, y, z of 20 bits each, x lowest.
+    const PagedArray<std::uint64_t, 17>& unit_coordinates() const { return _unitCoordinates; }
+
     /// First leaf index of the allocation unit with unit coordinates (voxel >> leafBits) inside the volume,
     /// -1 when it does not exist.
     std::int32_t find_unit(int ux, int uy, int uz) const {
@@ -201,6 +203,7 @@ public:
         const int blockBits = _top.empty_block_bits(x >> cellBits, y >> cellBits, z >> cellBits);
         if (blockBits >= 0) return cellBits + blockBits;
         std::int32_t node = _top.get(top_cell(ux, uy, uz));
+        if (node < 0) return cellBits;  // marked by a thread that is just about to fill it
         for (int i = 0; i < levels; ++i) {
             const std::int32_t slot = node + child_code(ux, uy, uz, levels - 1 - i);
             node = _levels[static_cast<std::size_t>(i)]->entries[slot].child.load(std::memory_order_acquire);
@@ -217,24 +220,22 @@ public:
                                  {high.x() >> cellBits, high.y() >> cellBits, high.z() >> cellBits});
     }
 
-    /// `find_or_create_leaf` for the first leaf of a unit. On success the pool holds the unit's leaves.
+    /// `find_or_create_leaf` for the first leaf of a unit inside the volume. On success the pool holds the unit's
+    /// leaves.
     LeafPath find_or_create_unit(int ux, int uy, int uz) {
         const int levels = get_level_count();
-        const auto prepare = [&](int table) {
-            return [this, table, levels, ux, uy, uz](std::int32_t base) {
-                if (table < levels) {
-                    _levels[static_cast<std::size_t>(table)]->entries.grow_to(base + 7);
-                } else {
-                    record_unit(base, ux, uy, uz);
-                }
+        // Octets of table 0 are handed out by the top grid, those behind the last table are the leaves.
+        const auto octetOf = [&](int table) {
+            return [this, table, ux, uy, uz](std::atomic<std::int32_t>& counter) {
+                return table < get_level_count() ? take_children(counter, table) : take_unit(counter, ux, uy, uz);
             };
         };
         LeafPath path;
-        std::int32_t node = _top.get_or_create(top_cell(ux, uy, uz), path.created, prepare(0));
+        std::int32_t node = _top.get_or_create(top_cell(ux, uy, uz), path.created, octetOf(0));
         for (int i = 0; i < levels && node >= 0; ++i) {
             LevelTable& table = *_levels[static_cast<std::size_t>(i)];
             path.entry = &table.entries[node + child_code(ux, uy, uz, levels - 1 - i)];
-            node = get_or_create_child(table, *path.entry, path.created, prepare(i + 1));
+            node = get_or_create_child(table, *path.entry, path.created, octetOf(i + 1));
         }
         path.leaf = node < 0 ? -1 : node << (3 * (_leafBits - 1));
         return path;
@@ -279,9 +280,19 @@ private:
         return code;
     }
 
-    template <class Prepare>
+    void clear_tables() {
+        for (auto& level : _levels) {
+            level->entries.clear();
+            level->octets.store(0, std::memory_order_relaxed);
+        }
+        _unitCoordinates.clear();
+        _pool.clear();
+        _pool.grow_to(0);
+    }
+
+    template <class TakeOctet>
     static std::int32_t get_or_create_child(LevelTable& table, ChildEntry& entry, bool& created,
-                                            const Prepare& prepare) {
+                                            const TakeOctet& takeOctet) {
         created = false;
         const std::int32_t present = entry.child.load(std::memory_order_acquire);
         if (present >= 0) return present;
@@ -289,23 +300,29 @@ private:
         const std::lock_guard<SpinLock> guard(entry.lock);
         const std::int32_t winner = entry.child.load(std::memory_order_relaxed);
         if (winner >= 0) return winner;
-        const std::int32_t base = take_octet(table.octets);
+        const std::int32_t base = takeOctet(table.octets);
         if (base < 0) return -1;
-        prepare(base);
         entry.child.store(base, std::memory_order_release);
         created = true;
         return base;
     }
 
-    /// Room for the unit's leaves, and where it lies; before anybody can find it.
-    void record_unit(std::int32_t base, int ux, int uy, int uz) {
-        const std::int32_t unit = base / 8;
-        const std::int64_t lastLeaf = (static_cast<std::int64_t>(unit) + 1) * (std::int64_t{1} << (3 * _leafBits)) - 1;
-        if (lastLeaf > std::numeric_limits<std::int32_t>::max() - 1) throw std::bad_alloc();
-        _pool.grow_to(static_cast<std::int32_t>(lastLeaf));
-        _unitCoordinates.grow_to(unit);
-        _unitCoordinates[unit] = static_cast<std::uint64_t>(ux) | (static_cast<std::uint64_t>(uy) << UnitBits) |
-                                 (static_cast<std::uint64_t>(uz) << (2 * UnitBits));
+    /// The next octet of a level table.
+    std::int32_t take_children(std::atomic<std::int32_t>& counter, int table) {
+        auto& entries = _levels[static_cast<std::size_t>(table)]->entries;
+        return take_octet(counter, entries.Capacity / 8, [&](std::int32_t octet) { entries.grow_to(8 * octet + 7); });
+    }
+    /// The next unit of leaves, and where it lies, noted before anybody can find it.
+    std::int32_t take_unit(std::atomic<std::int32_t>& counter, int ux, int uy, int uz) {
+        const std::int32_t base =
+            take_octet(counter, leafPool<Leaf>::Capacity >> (3 * _leafBits), [&](std::int32_t unit) {
+                _pool.grow_to(((unit + 1) << (3 * _leafBits)) - 1);
+                _unitCoordinates.grow_to(unit);
+            });
+        if (base < 0) return -1;
+        _unitCoordinates[base / 8] = static_cast<std::uint64_t>(ux) | (static_cast<std::uint64_t>(uy) << UnitBits) |
+                                     (static_cast<std::uint64_t>(uz) << (2 * UnitBits));
+        return base;
     }
 
     leafPool<Leaf> _pool;

@@ -1,10 +1,8 @@
 // A growable array whose records never move.
 #pragma once
 
-#include <algorithm>
 #include <atomic>
 #include <cstdint>
-#include <limits>
 #include <memory>
 #include <mutex>
 #include <new>
@@ -27,19 +25,24 @@ class PagedArray {
 
 public:
     static constexpr std::int32_t PageSize = std::int32_t{1} << PageBits;
-    static constexpr std::int32_t MaxPages = std::int32_t{1} << (31 - PageBits);
+    // One page less than int32 could number, so that the size is an int32, too.
+    static constexpr std::int32_t MaxPages = (std::int32_t{1} << (31 - PageBits)) - 1;
+
+    static constexpr std::int32_t Capacity = MaxPages << PageBits;
 
     PagedArray() : _pages(new std::atomic<Record*>[MaxPages]()) {}
 
-    /// The number of records there are; a multiple of the page size (2^31 - 1 once the last page is there).
+    /// The number of records there are; a multiple of the page size.
     std::int32_t size() const noexcept { return _size.load(std::memory_order_acquire); }
 
     Record& operator[](std::int32_t index) noexcept { return page(index)[index & (PageSize - 1)]; }
     const Record& operator[](std::int32_t index) const noexcept { return page(index)[index & (PageSize - 1)]; }
 
-    /// Makes pages until `index` exists. Throws std::bad_alloc, the array being as large as it could be made.
+    /// Makes pages until `index` exists. Throws std::bad_alloc, for an index from `Capacity` on as well, the array
+    /// being as large as it could be made.
     void grow_to(std::int32_t index) {
         if (index < size()) return;
+        if (index >= Capacity) throw std::bad_alloc();
         const std::lock_guard<SpinLock> guard(_growLock);
         while (index >= _size.load(std::memory_order_relaxed)) append_page();
     }
@@ -57,16 +60,15 @@ private:
     }
 
     void append_page() {
+        const std::size_t count = _memory.size();
         VexelAlgorithm::ZeroPages memory = VexelAlgorithm::allocate_zero_pages(
             sizeof(Record) * static_cast<std::size_t>(PageSize), VexelAlgorithm::PageHint::Dense);
         Record* records = static_cast<Record*>(memory.get());
         std::uninitialized_fill_n(records, PageSize, Record());
         _memory.push_back(std::move(memory));
-        _pages[_memory.size() - 1].store(records, std::memory_order_relaxed);
-        const std::int64_t count = static_cast<std::int64_t>(_memory.size()) << PageBits;
+        _pages[count].store(records, std::memory_order_relaxed);
         // The release makes page pointer and records visible to whoever sees the new size.
-        _size.store(static_cast<std::int32_t>(std::min<std::int64_t>(count, std::numeric_limits<std::int32_t>::max())),
-                    std::memory_order_release);
+        _size.store(static_cast<std::int32_t>(count + 1) << PageBits, std::memory_order_release);
     }
 
     std::unique_ptr<std::atomic<Record*>[]> _pages;

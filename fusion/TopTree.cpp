@@ -3,6 +3,8 @@
 #include <algorithm>
 #include <fstream>
 
+#include "foundation/handle.h"
+
 namespace VexelOctree {
 namespace {
 
@@ -23,7 +25,7 @@ bool take(std::ifstream& in, Number& number) {
 
 TopTree::TopTree(int bits) : _bits(std::clamp(bits, 1, 10)) {
     std::size_t words = 0;
-    for (int blockBits = _bits - 2; blockBits >= 0; blockBits -= 2) {
+    for (int blockBits = std::max(_bits - 2, 0); blockBits >= 0; blockBits -= 2) {
         _levels.push_back({blockBits, words});
         words += std::size_t{1} << (3 * blockBits);
     }
@@ -104,6 +106,14 @@ bool TopTree::is_box_empty(std::size_t level, std::array<int, 3> low, std::array
 }
 
 bool TopTree::save_tree_binary(std::ofstream& out) const {
+    return VexelAlgorithm::guarded<bool>("save_tree_binary", false, [&] { return write_cells(out); });
+}
+
+bool TopTree::read_tree_binary(std::ifstream& in) {
+    return VexelAlgorithm::guarded<bool>("read_tree_binary", false, [&] { return read_cells(in); });
+}
+
+bool TopTree::write_cells(std::ofstream& out) const {
     std::vector<std::int32_t> pairs;
     for (std::int32_t cell = 0; cell < get_cell_count(); ++cell) {
         const std::int32_t base = get(cell);
@@ -117,11 +127,11 @@ bool TopTree::save_tree_binary(std::ofstream& out) const {
     return out.good();
 }
 
-bool TopTree::read_tree_binary(std::ifstream& in) {
+bool TopTree::read_cells(std::ifstream& in) {
     std::int32_t bits = 0, octets = 0, filled = 0;
     if (!take(in, bits) || !take(in, octets) || !take(in, filled)) return false;
     if (bits != _bits || octets < 0 || octets > MaxOctets || filled < 0 || filled > get_cell_count()) return false;
-    if (filled > octets) return false;  // every octet was handed out for at most one cell
+    if (filled != octets) return false;  // every octet was handed out for one cell
 
     TopTree fresh(_bits);
     std::vector<std::int32_t> bases;

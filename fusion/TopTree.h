@@ -39,9 +39,10 @@ public:
         return ~cells()[cell].load(std::memory_order_acquire);
     }
     /// The entry of a cell, which gets the next octet when it is empty. -1 when there is no such cell or no
-    /// further octet. `prepare(base)` is called, under the cell's lock, before a new entry can be seen.
-    template <class Prepare>
-    std::int32_t get_or_create(std::int32_t cell, bool& created, const Prepare& prepare);
+    /// further octet. `takeOctet(counter)` is called under the cell's lock and hands out a base, or -1; whatever
+    /// it throws leaves the cell empty.
+    template <class TakeOctet>
+    std::int32_t get_or_create(std::int32_t cell, bool& created, const TakeOctet& takeOctet);
 
     /// The edge length, as a power of two of cells, of the largest block around a cell that holds nothing: 0 for
     /// the cell alone, 2 for 4^3 cells, ...; -1 when the cell is filled. The cell must exist.
@@ -68,13 +69,17 @@ public:
     /// filled cells n, then n pairs of int32 (cell, base) with ascending cells.
     bool save_tree_binary(std::ofstream& out) const;
     /// Reads that form. Refuses, leaving the grid as it was, another number of bits, cells out of range or
-    /// not ascending, and bases that are not octets handed out once.
+    /// not ascending, and bases that are not the octets handed out, each once.
     bool read_tree_binary(std::ifstream& in);
 
-    /// The largest number of octets in a table: eight entries each, indexed by int32.
+    /// More octets than this cannot be numbered: eight entries each, indexed by int32.
     static constexpr std::int32_t MaxOctets = (std::int32_t{1} << 28) - 1;
 
 private:
+    template <class Leaf>
+    friend class OctreeChecker;
+    friend struct TopTreeDamage;  // with which tests show that damage is noticed
+
     /// One word a block, one bit for each of its 4^3 cells or smaller blocks.
     struct BlockLevel {
         int bits;            // blocks per axis are 2^bits
@@ -96,6 +101,8 @@ private:
         return static_cast<std::atomic<std::uint64_t>*>(_masks.get());
     }
     bool is_box_empty(std::size_t level, std::array<int, 3> low, std::array<int, 3> high) const noexcept;
+    bool write_cells(std::ofstream& out) const;
+    bool read_cells(std::ifstream& in);
     void mark_block(std::int32_t cell) noexcept;
     void set_cell(std::int32_t cell, std::int32_t base) noexcept;
 
@@ -107,17 +114,20 @@ private:
     std::atomic<std::int32_t> _octets{0};
 };
 
-/// Takes the next octet of a table. -1 when the table is full.
-inline std::int32_t take_octet(std::atomic<std::int32_t>& counter) noexcept {
-    std::int32_t taken = counter.load(std::memory_order_relaxed);
+/// Takes the next octet of a table that holds at most `limit`; -1 when it is full. `makeRoom(octet)` comes before
+/// the octet counts as handed out, so that memory running out there changes nothing.
+template <class MakeRoom>
+std::int32_t take_octet(std::atomic<std::int32_t>& counter, std::int32_t limit, const MakeRoom& makeRoom) {
+    std::int32_t octet = counter.load(std::memory_order_relaxed);
     do {
-        if (taken >= TopTree::MaxOctets) return -1;
-    } while (!counter.compare_exchange_weak(taken, taken + 1, std::memory_order_acq_rel));
-    return taken * 8;
+        if (octet >= limit) return -1;
+        makeRoom(octet);
+    } while (!counter.compare_exchange_weak(octet, octet + 1, std::memory_order_acq_rel));
+    return octet * 8;
 }
 
-template <class Prepare>
-std::int32_t TopTree::get_or_create(std::int32_t cell, bool& created, const Prepare& prepare) {
+template <class TakeOctet>
+std::int32_t TopTree::get_or_create(std::int32_t cell, bool& created, const TakeOctet& takeOctet) {
     created = false;
     if (cell < 0 || cell >= get_cell_count()) return -1;
     const std::int32_t present = ~cells()[cell].load(std::memory_order_acquire);
@@ -126,9 +136,8 @@ std::int32_t TopTree::get_or_create(std::int32_t cell, bool& created, const Prep
     const std::lock_guard<SpinLock> guard(locks()[cell]);
     const std::int32_t winner = ~cells()[cell].load(std::memory_order_relaxed);
     if (winner >= 0) return winner;
-    const std::int32_t base = take_octet(_octets);
+    const std::int32_t base = takeOctet(_octets);
     if (base < 0) return -1;
-    prepare(base);
     set_cell(cell, base);
     created = true;
     return base;

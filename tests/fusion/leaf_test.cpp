@@ -1,0 +1,238 @@
+// The rules of the leaf types, and reading the field that they hold.
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <random>
+
+#include "fusion/FusionTsdf.h"
+#include "fusion/sampleField.h"
+
+namespace VexelAlgorithm::Fusion {
+namespace {
+
+using VexelOctree::Octree;
+constexpr float NotANumber = std::numeric_limits<float>::quiet_NaN();
+
+template <class Leaf>
+class TsdfLeaf : public testing::Test {};
+using TsdfLeaves = testing::Types<LeafTSDFSpeckle, LeafTSDFTeeth, LeafTSDFCloudGenerator, LeafTSDFLaser>;
+TYPED_TEST_SUITE(TsdfLeaf, TsdfLeaves);
+
+TYPED_TEST(TsdfLeaf, StartsUnusedAndHoldsTheMean) {
+    TypeParam leaf;
+    EXPECT_FALSE(leaf.is_used());
+    leaf.touch({0, 7, 3});
+    EXPECT_TRUE(leaf.is_used());
+    EXPECT_EQ(leaf.value(), 0.0f) << "no weight yet";
+    leaf.add(0.5f, 0.25f);
+    leaf.add(-0.25f, 0.75f);
+    EXPECT_EQ(leaf.count(), 2);
+    // The generator counts 100 w + 1.
+    const bool scaled = std::is_same_v<TypeParam, LeafTSDFCloudGenerator>;
+    EXPECT_EQ(leaf.weight(), scaled ? 102.0f : 1.0f);
+    EXPECT_FLOAT_EQ(leaf.value(), scaled ? (26.0f * 0.5f - 76.0f * 0.25f) / 102.0f : -0.0625f);
+    leaf.reset();
+    EXPECT_FALSE(leaf.is_used());
+    EXPECT_EQ(leaf.count(), 0);
+    EXPECT_EQ(leaf.weight(), 0.0f);
+    EXPECT_EQ(leaf.tsdfSum, 0.0f);
+}
+
+TEST(Leaf, MeanNeedsAWeightAboveTheLimit) {
+    EXPECT_EQ(mean_distance(1.0f, 1e-5f), 0.0f);
+    EXPECT_FLOAT_EQ(mean_distance(1.0f, 2e-5f), 5e4f);
+    EXPECT_EQ(mean_distance(1.0f, -1.0f), 0.0f);
+}
+
+TEST(LeafTSDFCloudGenerator, WeightStopsWhileTheSumGoesOn) {
+    LeafTSDFCloudGenerator leaf;
+    leaf.add(1.0f, 0.0199f);  // 2.99 counts 2, but adds 2.99 d
+    EXPECT_EQ(leaf.weightSum, 2);
+    EXPECT_FLOAT_EQ(leaf.tsdfSum, 2.99f);
+    for (int i = 0; i < 599; ++i) leaf.add(1.0f, 0.99f);  // 100 each
+    EXPECT_EQ(leaf.weightSum, 59902);
+    leaf.add(1.0f, 5.0f);
+    EXPECT_EQ(leaf.weightSum, 60403) << "the last step below 60000 is taken whole";
+    const float sum = leaf.tsdfSum;
+    leaf.add(1.0f, 0.99f);
+    EXPECT_EQ(leaf.weightSum, 60403);
+    EXPECT_FLOAT_EQ(leaf.tsdfSum, sum + 100.0f);
+
+    LeafTSDFCloudGenerator heavy;
+    heavy.add(1.0f, 1e6f);
+    EXPECT_EQ(heavy.weightSum, 65535) << "16 bits do not start again";
+    heavy.contributions = 65535;
+    heavy.add(1.0f, 1.0f);
+    EXPECT_EQ(heavy.count(), 65535);
+}
+
+TEST(LeafTSDFTeeth, RemovalTakesBackAndLeavesNoResidue) {
+    LeafTSDFTeeth leaf;
+    leaf.touch({});
+    leaf.add(0.1f, 0.7f);
+    leaf.add(0.3f, 0.2f);
+    leaf.remove(0.3f, 0.2f);
+    EXPECT_FLOAT_EQ(leaf.value(), 0.1f);
+    leaf.marks[1] = 5;
+    leaf.remove(0.1f, 0.69999f);
+    EXPECT_EQ(leaf.tsdfSum, 0.0f);
+    EXPECT_EQ(leaf.weightSum, 0.0f);
+    EXPECT_EQ(leaf.count(), 0);
+    EXPECT_EQ(leaf.marks[1], 0);
+    leaf.remove(1.0f, 1.0f);
+    EXPECT_EQ(leaf.count(), 0);
+    EXPECT_EQ(leaf.weightSum, 0.0f);
+    EXPECT_TRUE(leaf.is_used());
+
+    leaf.add(0.5f, 1.0f);
+    leaf.frozen = 1;
+    leaf.add(0.5f, 1.0f);
+    leaf.remove(0.5f, 1.0f);
+    leaf.remove(0.5f, 1.0f);
+    EXPECT_EQ(leaf.count(), 1);
+    EXPECT_EQ(leaf.value(), 0.5f);
+    EXPECT_EQ(leaf.weight(), 1.0f);
+}
+
+TEST(LeafTSDFTeeth, LabelsAreCountedWithoutWrapping) {
+    LeafTSDFTeeth leaf;
+    for (const int label : {-1, 0, 5, 255, 1, 4, 4}) leaf.add_label(label);
+    for (const int label : {-1, 0, 2, 5, 255, 4}) leaf.remove_label(label);
+    EXPECT_EQ(std::vector<int>(leaf.labels, leaf.labels + 4), (std::vector<int>{1, 0, 0, 1}));
+    for (int i = 0; i < 300; ++i) leaf.add_label(3);
+    EXPECT_EQ(leaf.labels[2], 255);
+    EXPECT_EQ(leaf.frozen + leaf.marks[2] + int(leaf.changed), 0) << "neighbours untouched";
+}
+
+TEST(LeafTSDFTeeth, ColourIsAWeightedMean) {
+    LeafTSDFTeeth leaf;
+    leaf.blend_color({0.9f, 0.3f, 0.0f}, 0.75f);
+    leaf.blend_color({0.1f, 0.3f, 0.4f}, 0.25f);
+    const struct {
+        Vector3f rgb;
+        float w;
+    } ignored[] = {{{1, 1, 1}, 0.9e-5f},
+                   {{1, 1, 1}, NotANumber},
+                   {{1, 1, 1}, INFINITY},
+                   {{9e-7f, 9e-7f, 9e-7f}, 1.0f},
+                   {{1, NotANumber, 1}, 1.0f}};
+    for (const auto& [rgb, w] : ignored) leaf.blend_color(rgb, w);
+    EXPECT_LT((Vector3f(leaf.color[0], leaf.color[1], leaf.color[2]) - Vector3f(0.7f, 0.3f, 0.1f)).norm(), 1e-6f);
+    EXPECT_FLOAT_EQ(leaf.colorWeight, 1.0f);
+    leaf.blend_color({2e-6f, 0.0f, 0.0f}, 1.0f);
+    EXPECT_FLOAT_EQ(leaf.colorWeight, 2.0f) << "one channel suffices";
+}
+
+TEST(Leaf, IsNewlyChangedOnce) {
+    LeafTSDFTeeth teeth;
+    LeafTSDFSpeckle speckle;
+    EXPECT_TRUE(teeth.mark_changed() && speckle.mark_changed());
+    EXPECT_FALSE(teeth.mark_changed() || speckle.mark_changed());
+    teeth.changed = speckle.changed = 2;
+    EXPECT_TRUE(teeth.mark_changed() && speckle.mark_changed()) << "anything but 1 is not marked";
+}
+
+TEST(LeafTSDFLaser, CarriesItsCoordinates) {
+    Octree<LeafTSDFLaser> tree;
+    tree.set_depth(15, 1);
+    const Vector3i far(32767, 32767, 32766);
+    const std::int32_t index = tree.find_or_create_leaf(far.x(), far.y(), far.z()).leaf;
+    LeafTSDFLaser& leaf = tree.leaf_at(index);
+    leaf.touch(far);
+    EXPECT_TRUE(leaf.is_used());
+    EXPECT_EQ(Vector3i(leaf.x, leaf.y, leaf.z), tree.leaf_coordinates(index));
+    EXPECT_LE(sizeof(LeafTSDFLaser), 20u);
+}
+
+// ---- the field ------------------------------------------------------------------------------------------
+
+/// A volume whose field is linear in space, in cubes of voxels at both ends of the diagonal.
+class Field : public testing::Test {
+protected:
+    static constexpr int Side = 6;
+
+    Field() {
+        tree.set_point_dis(0.5f);
+        tree.set_shift({3.0f, -2.0f, 1.0f});
+        for (const int low : {0, tree.get_size() - Side}) {
+            for (int i = 0; i < Side * Side * Side; ++i) {
+                const Vector3i v = Vector3i::Constant(low) + Vector3i(i % Side, i / Side % Side, i / Side / Side);
+                LeafTSDFSpeckle& leaf = tree.leaf_at(tree.find_or_create_leaf(v.x(), v.y(), v.z()).leaf);
+                leaf.touch(v);
+                leaf.add(truth(tree.voxel_to_world(v)), 2.0f);
+            }
+        }
+    }
+    static float truth(const Vector3f& p) { return 0.25f * p.x() - 0.125f * p.y() + 0.5f * p.z() + 7.0f; }
+    float sample(const Vector3f& q) {
+        OctetCache cache;
+        return trilinear_value(tree, cache, tree.get_shift() + tree.get_pointDis() * q);
+    }
+    LeafTSDFSpeckle& leaf(int x, int y, int z) { return tree.leaf_at(tree.find_leaf(x, y, z)); }
+
+    Octree<LeafTSDFSpeckle> tree;
+};
+
+TEST_F(Field, TrilinearSamplesReproduceIt) {
+    std::mt19937 random(11);
+    std::uniform_real_distribution<float> inside(1.0f, Side - 0.51f);
+    for (int i = 0; i < 500; ++i) {
+        const Vector3f q(inside(random), inside(random), inside(random));
+        EXPECT_NEAR(sample(q), truth(tree.get_shift() + 0.5f * q), 1e-5f) << q.transpose();
+    }
+    leaf(3, 3, 3).add(10.0f, 2.0f);  // no longer linear: the corner counts with the product of its weights
+    const float before = truth(tree.get_shift() + 0.5f * Vector3f(3.0f, 2.75f, 3.25f));
+    const float bump = leaf(3, 3, 3).value() - truth(tree.voxel_to_world({3, 3, 3}));
+    EXPECT_NEAR(sample({3.0f, 2.75f, 3.25f}), before + 0.5f * 0.25f * 0.75f * bump, 1e-5f);
+}
+
+TEST_F(Field, SamplesEndNearFacesAndAtEmptyVoxels) {
+    const float last = static_cast<float>(tree.get_size() - 2);
+    const float all[] = {2.0f, last - 1.0f};
+    for (const float rest : all) {
+        for (int axis = 0; axis < 3; ++axis) {
+            const auto at = [&](float along) {
+                Vector3f q = Vector3f::Constant(rest);
+                q[axis] = along;
+                return sample(q);
+            };
+            const bool low = rest < 10.0f;
+            EXPECT_FALSE(std::isnan(at(low ? 1.0f : last - 1e-3f))) << axis;
+            EXPECT_TRUE(std::isnan(at(low ? 1.0f - 1e-3f : last))) << axis;
+            for (const float far : {NotANumber, INFINITY, -INFINITY, -1.0f, 3e9f, 1e38f}) {
+                EXPECT_TRUE(std::isnan(at(far))) << axis;
+            }
+        }
+    }
+    EXPECT_TRUE(std::isnan(sample({8.0f, 2.0f, 2.0f}))) << "between unused voxels";
+    EXPECT_TRUE(std::isnan(sample({500.0f, 500.0f, 500.0f}))) << "where nothing is";
+    for (int how = 0; how < 4; ++how) {
+        const LeafTSDFSpeckle kept = leaf(3, 3, 3);
+        leaf(3, 3, 3).reset();
+        if (how > 0) leaf(3, 3, 3).touch({});
+        if (how == 2) leaf(3, 3, 3).add(1.0f, 0.9e-5f);
+        if (how == 3) leaf(3, 3, 3).add(0.9e-6f, 1.0f);
+        EXPECT_TRUE(std::isnan(sample({2.6f, 2.6f, 2.6f}))) << how;
+        EXPECT_FALSE(std::isnan(sample({2.4f, 2.6f, 2.6f}))) << how;
+        leaf(3, 3, 3) = kept;
+    }
+}
+
+TEST_F(Field, ValuesAtVoxels) {
+    OctetCache cache;
+    const auto value = [&](int x, int y, int z) { return voxel_value(tree, cache, {x, y, z}); };
+    EXPECT_FLOAT_EQ(value(2, 3, 4), truth(tree.voxel_to_world({2, 3, 4})));
+    EXPECT_EQ(value(Side + 1, 0, 0), 0.0f);
+    EXPECT_EQ(value(400, 400, 400), 0.0f);
+    for (const int outside : {-1, 1024, INT32_MIN, INT32_MAX}) {
+        EXPECT_EQ(value(outside, 1, 1), tree.leaf_at(0).value()) << "leaf 0 answers for the outside";
+    }
+    EXPECT_EQ(leaf_value(tree, -1), 0.0f);
+    EXPECT_EQ(leaf_value(tree, tree.pool().size()), 0.0f);
+    EXPECT_EQ(leaf_value(tree, INT32_MAX), 0.0f);
+    leaf(2, 3, 4).state = LeafNeverUsed;
+    EXPECT_EQ(value(2, 3, 4), 0.0f);
+}
+
+}  // namespace
+}  // namespace VexelAlgorithm::Fusion

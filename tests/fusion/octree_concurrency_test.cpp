@@ -1,0 +1,222 @@
+// The octree used by several threads at once: std::thread only, so that the thread sanitizer sees everything.
+#include <gtest/gtest.h>
+
+#include <array>
+#include <atomic>
+#include <functional>
+#include <random>
+#include <set>
+#include <thread>
+#include <tuple>
+#include <vector>
+
+#include "fusion/LeafTSDFLaser.h"
+#include "fusion/LeafTSDFSpeckle.h"
+#include "fusion/LeafTSDFTeeth.h"
+#include "fusion/octreeChecker.h"
+
+namespace VexelOctree {
+namespace {
+
+using namespace VexelAlgorithm::Fusion;
+using Tree = Octree<LeafTSDFSpeckle>;
+using Findings = std::vector<std::string>;
+constexpr int Threads = 4;
+
+/// Runs body(0) ... body(Threads - 1) at the same time.
+void run_together(const std::function<void(int)>& body) {
+    std::atomic<int> waiting{Threads};
+    std::vector<std::thread> threads;
+    for (int t = 0; t < Threads; ++t) {
+        threads.emplace_back([&, t] {
+            for (--waiting; waiting > 0;) std::this_thread::yield();
+            body(t);
+        });
+    }
+    for (std::thread& thread : threads) thread.join();
+}
+
+/// Different voxels in clusters: many nodes with much under them, and many with little.
+std::vector<Vector3i> scattered_voxels(int size, int count) {
+    std::mt19937 random(17);
+    std::uniform_int_distribution<int> anywhere(0, size - 1), near(-6, 6);
+    std::set<std::tuple<int, int, int>> seen;
+    std::vector<Vector3i> voxels;
+    Vector3i centre = Vector3i::Zero();
+    for (int i = 0; i < count; ++i) {
+        if (i % 50 == 0) centre = {anywhere(random), anywhere(random), anywhere(random)};
+        const Vector3i near3(near(random), near(random), near(random));
+        const Vector3i v = (centre + near3).cwiseMax(0).cwiseMin(size - 1);
+        if (seen.emplace(v.x(), v.y(), v.z()).second) voxels.push_back(v);
+    }
+    return voxels;
+}
+
+/// Different nodes of 2^bits voxels that hold the voxels.
+int count_nodes(const std::vector<Vector3i>& voxels, int bits) {
+    std::set<std::tuple<int, int, int>> nodes;
+    for (const Vector3i& v : voxels) nodes.emplace(v.x() >> bits, v.y() >> bits, v.z() >> bits);
+    return static_cast<int>(nodes.size());
+}
+
+TEST(OctreeConcurrency, AllThreadsGetTheSameOctets) {
+    for (const int depth : {10, 14}) {
+        Tree tree;
+        tree.set_depth(depth, 1);
+        const std::vector<Vector3i> voxels = scattered_voxels(tree.get_size(), 20000);
+        const std::size_t count = voxels.size();
+        std::array<std::vector<std::int32_t>, Threads> leaves;
+        std::atomic<int> created{0};
+        run_together([&](int t) {
+            std::vector<std::int32_t>& mine = leaves[static_cast<std::size_t>(t)];
+            mine.resize(count);
+            int made = 0;
+            for (std::size_t k = 0; k < count; ++k) {
+                // Two threads side by side, one against them, one from the middle on.
+                const std::size_t i = t < 2 ? k : t == 2 ? count - 1 - k : (k + count / 2) % count;
+                const LeafPath path = tree.find_or_create_leaf(voxels[i].x(), voxels[i].y(), voxels[i].z());
+                mine[i] = path.leaf;
+                made += path.created;
+            }
+            created += made;
+        });
+        for (int t = 1; t < Threads; ++t) EXPECT_EQ(leaves[static_cast<std::size_t>(t)], leaves[0]);
+        for (std::size_t i = 0; i < count; ++i) ASSERT_EQ(tree.leaf_coordinates(leaves[0][i]), voxels[i]);
+        // Every counter has risen by one a node.
+        EXPECT_EQ(created, count_nodes(voxels, 1));
+        EXPECT_EQ(tree.top_tree().get_octet_count(), count_nodes(voxels, depth - 8));
+        for (int i = 0; i < tree.get_level_count(); ++i) {
+            EXPECT_EQ(tree.level(i).octets, count_nodes(voxels, depth - 9 - i));
+        }
+        EXPECT_EQ(check_octree(tree), Findings());
+    }
+}
+
+TEST(OctreeConcurrency, ReadersFindWholeLeavesWhileOthersCreate) {
+    Tree tree;
+    tree.set_depth(13, 1);
+    const std::vector<Vector3i> voxels = scattered_voxels(tree.get_size(), 20000);
+    std::atomic<int> writing{Threads / 2};
+    std::atomic<std::size_t> found{0};
+    run_together([&](int t) {
+        if (t % 2 == 0) {
+            for (const Vector3i& v : voxels) tree.find_or_create_leaf(v.x(), v.y(), v.z());
+            --writing;
+            return;
+        }
+        bool last = false;
+        do {
+            last = writing == 0;
+            std::size_t there = 0;
+            for (const Vector3i& v : voxels) {
+                const bool empty = tree.empty_node_bits(v.x(), v.y(), v.z()) > 0;
+                const std::int32_t leaf = tree.find_leaf(v);
+                if (leaf < 0) {
+                    EXPECT_TRUE(empty);
+                    continue;
+                }
+                ++there;
+                EXPECT_EQ(tree.leaf_coordinates(leaf), v);
+                const Tree& constant = tree;
+                EXPECT_FALSE(constant.leaf_at(leaf).is_used());
+            }
+            if (last) found += there;
+        } while (!last);
+    });
+    EXPECT_EQ(found, voxels.size() * (Threads / 2));
+    EXPECT_EQ(check_octree(tree), Findings());
+}
+
+TEST(OctreeConcurrency, PoolGrowsAcrossPagesUnderEverybody) {
+    Tree tree;
+    tree.set_depth(10, 1);
+    LeafTSDFSpeckle* const first = &tree.leaf_at(0);
+    // 300000 octets fill two pages of leaves, and two of entries and coordinates, and reach into the third ones.
+    constexpr int octets = 300000;
+    run_together([&](int t) {
+        for (int k = 0; k < octets; ++k) {
+            if (k % 2 == 0 && k / 2 % Threads != t) continue;  // half for one thread, half for all
+            const Vector3i v(2 * (k & 127), 2 * (k >> 7 & 127), 2 * (k >> 14));
+            const std::int32_t index = tree.find_or_create_leaf(v.x(), v.y(), v.z()).leaf;
+            LeafTSDFSpeckle& leaf = tree.leaf_at(index);
+            const std::lock_guard<SpinLock> guard(tree.leaf_lock(index, leaf));
+            leaf.touch(v);
+            leaf.add(1.0f, 1.0f);
+        }
+    });
+    EXPECT_EQ(tree.get_vaild_leaf_num(), 8 * octets);
+    EXPECT_EQ(tree.pool().size(), 3 << 20);
+    EXPECT_EQ(&tree.leaf_at(0), first);
+    int once = 0, byAll = 0;
+    for (int i = 0; i < 8 * octets; i += 8) {
+        once += tree.leaf_at(i).count() == 1;
+        byAll += tree.leaf_at(i).count() == Threads;
+    }
+    EXPECT_EQ(once, octets / 2);
+    EXPECT_EQ(byAll, octets / 2);
+    EXPECT_EQ(check_octree(tree), Findings());
+
+    tree.clear();
+    run_together([&](int t) {
+        for (int i = t; i < 4 << 20; i += 4099) tree.leaf_at(i);
+    });
+    EXPECT_EQ(tree.pool().size(), 4 << 20) << "each page was made once";
+}
+
+/// Updates from all threads of the leaves of 4 x 4 x 4 voxels, each many times.
+template <class Leaf>
+void update_together(Octree<Leaf>& tree, const std::function<void(Leaf&, int round)>& update) {
+    run_together([&](int) {
+        for (int round = 0; round < 400; ++round) {
+            for (int k = 0; k < 64; ++k) {
+                const Vector3i v(k & 3, k >> 2 & 3, k >> 4);
+                const std::int32_t index = tree.find_or_create_leaf(v.x(), v.y(), v.z()).leaf;
+                Leaf& leaf = tree.leaf_at(index);
+                const std::lock_guard<SpinLock> guard(tree.leaf_lock(index, leaf));
+                if (!leaf.is_used()) leaf.touch(v);
+                update(leaf, round);
+            }
+        }
+    });
+    EXPECT_EQ(tree.get_vaild_leaf_num(), 64);
+    EXPECT_EQ(check_octree(tree), Findings());
+}
+
+TEST(OctreeConcurrency, LeafUpdatesAreExact) {
+    constexpr int updates = 400 * Threads;
+    Octree<LeafTSDFTeeth> teeth;
+    std::atomic<int> newlyChanged{0};
+    // Of every four rounds three add and one takes back; whole numbers add up exactly in any order.
+    update_together<LeafTSDFTeeth>(teeth, [&](LeafTSDFTeeth& leaf, int round) {
+        if (round % 4 == 3) {
+            leaf.remove(2.0f, 1.0f);
+            leaf.remove_label(2);
+        } else {
+            leaf.add(2.0f, 1.0f);
+            leaf.add_label(round % 4 + 1);
+        }
+        newlyChanged += leaf.mark_changed();
+    });
+    EXPECT_EQ(newlyChanged, 64);
+    for (int i = 0; i < 64; ++i) {
+        const LeafTSDFTeeth& leaf = teeth.leaf_at(i);
+        EXPECT_EQ(leaf.count(), updates / 2);
+        EXPECT_EQ(leaf.weightSum, updates / 2);
+        EXPECT_EQ(leaf.tsdfSum, updates);
+        EXPECT_EQ(leaf.labels[0], 255);
+        EXPECT_EQ(leaf.labels[1], 0);
+    }
+
+    Octree<LeafTSDFLaser> laser;
+    update_together<LeafTSDFLaser>(
+        laser, [](LeafTSDFLaser& leaf, int round) { leaf.add(static_cast<float>(round % 3), 1.0f); });
+    for (int i = 0; i < 64; ++i) {
+        const LeafTSDFLaser& leaf = laser.leaf_at(i);
+        EXPECT_EQ(leaf.count(), updates);
+        EXPECT_EQ(leaf.tsdfSum, 399 * Threads);
+        EXPECT_EQ(Vector3i(leaf.x, leaf.y, leaf.z), laser.leaf_coordinates(i));
+    }
+}
+
+}  // namespace
+}  // namespace VexelOctree

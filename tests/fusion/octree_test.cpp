@@ -1,0 +1,404 @@
+// The octree alone: coordinates, finding and creating, growth, the top grid's file form, and what its checker sees.
+#include "fusion/Octree.h"
+
+#include <gtest/gtest.h>
+
+#include <climits>
+#include <cmath>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <functional>
+#include <iterator>
+#include <limits>
+#include <random>
+#include <set>
+#include <tuple>
+
+#if defined(__linux__)
+#    include <unistd.h>
+#endif
+
+#include "fusion/FusionTsdf.h"
+#include "fusion/LaserGrid.h"
+#include "fusion/LeafNormal.h"
+#include "fusion/OctetCache.h"
+#include "fusion/octreeChecker.h"
+
+namespace VexelOctree {
+
+/// Reaches what no public way spoils.
+struct TopTreeDamage {
+    static void set_cell(TopTree& top, std::int32_t cell, std::int32_t base) { top.set_cell(cell, base); }
+    static std::atomic<std::uint64_t>& mask(TopTree& top, std::size_t word) { return top.masks()[word]; }
+};
+
+namespace {
+
+using namespace VexelAlgorithm::Fusion;
+using Tree = Octree<LeafTSDFSpeckle>;
+using Findings = std::vector<std::string>;
+constexpr float NotANumber = std::numeric_limits<float>::quiet_NaN();
+
+std::tuple<int, int, int> key_of(const Vector3i& v, int bits = 0) {
+    return {v.x() >> bits, v.y() >> bits, v.z() >> bits};
+}
+
+/// Voxels in a few clusters anywhere in the volume, its corners among them.
+std::vector<Vector3i> scattered_voxels(int size, int clusters, int perCluster) {
+    std::mt19937 random(7);
+    std::uniform_int_distribution<int> anywhere(0, size - 1), near(-9, 9);
+    std::vector<Vector3i> voxels{Vector3i::Zero(), Vector3i::Constant(size - 1), {size - 1, 0, 0}, {0, size - 1, 0}};
+    for (int i = 0; i < clusters; ++i) {
+        const Vector3i centre(anywhere(random), anywhere(random), anywhere(random));
+        for (int k = 0; k < perCluster; ++k) {
+            const Vector3i voxel = centre + Vector3i(near(random), near(random), near(random));
+            voxels.push_back(voxel.cwiseMax(0).cwiseMin(size - 1));
+        }
+    }
+    return voxels;
+}
+
+TEST(OctreeCoordinates, WorldToVoxel) {
+    Tree tree;
+    tree.set_point_dis(0.25f);
+    tree.set_shift({8.0f, -4.0f, 0.0f});
+    const struct {
+        float q;
+        int voxel;
+    } cases[] = {{0.0f, 0},   {-0.0f, 0},  {0.96875f, 0}, {1.0f, 1},       {5.75f, 5},
+                 {-0.5f, -1}, {-1.0f, -2}, {-1.5f, -2},   {-2.0f, -3},     {NotANumber, -1},
+                 {3e9f, -1},  {-3e9f, -1}, {1e38f, -1},   {-INFINITY, -1}, {1048575.5f, 1048575}};
+    for (const auto& [q, voxel] : cases) {
+        EXPECT_EQ(Tree::voxel_coordinate(q), voxel) << q;
+        if (!(std::abs(q) < 1e4f)) continue;
+        const Vector3f point = tree.get_shift() + 0.25f * Vector3f(q, 2.0f, q);
+        EXPECT_EQ(tree.world_to_voxel(point), Vector3i(voxel, 2, voxel)) << q;
+    }
+    EXPECT_EQ(tree.find_leaf(tree.world_to_voxel({7.75f, 0.0f, 0.0f})), 0) << "one voxel below the shift is outside";
+    EXPECT_EQ(tree.voxel_to_world({0, 3, 1023}), Vector3f(8.125f, -3.125f, 255.875f));
+}
+
+TEST(OctreeDepth, IsClampedAndGivesTheLevels) {
+    const struct {
+        int depth, leafBits, clampedDepth, clampedBits, levels;
+    } cases[] = {{10, 1, 10, 1, 1}, {-5, 0, 10, 1, 1},      {INT_MIN, INT_MIN, 10, 1, 1}, {10, 2, 10, 2, 0},
+                 {10, 3, 10, 3, 0}, {13, 3, 13, 3, 2},      {20, 1, 20, 1, 11},           {21, 1, 20, 1, 11},
+                 {12, 9, 12, 3, 1}, {INT_MAX, 2, 20, 2, 10}};
+    Tree tree;
+    for (const auto& c : cases) {
+        tree.find_or_create_leaf(1, 2, 3);
+        tree.set_depth(c.depth, c.leafBits);
+        EXPECT_EQ(tree.get_treeDepth(), c.clampedDepth);
+        EXPECT_EQ(tree.get_leafBits(), c.clampedBits);
+        EXPECT_EQ(tree.get_level_count(), c.levels);
+        EXPECT_EQ(tree.get_vaild_leaf_num(), 0);
+        EXPECT_EQ(tree.find_leaf(1, 2, 3), -1);
+    }
+    Octree<LeafTSDFLaser> laser;
+    laser.set_depth(20, 1);
+    EXPECT_EQ(laser.get_treeDepth(), 15) << "its coordinates are 16-bit";
+}
+
+TEST(Octree, FindsAndCreates) {
+    Tree tree;
+    const Vector3i outside[] = {{-1, 0, 0}, {0, -2, 0}, {0, 0, 1024}, {INT_MIN, 0, 0}, {0, INT_MAX, 0}};
+    for (const Vector3i& v : outside) {
+        EXPECT_EQ(tree.find_leaf(v), 0);
+        EXPECT_EQ(tree.find_or_create_leaf(v.x(), v.y(), v.z()).leaf, -1);
+    }
+    EXPECT_EQ(tree.find_leaf(5, 6, 7), -1);
+    EXPECT_EQ(tree.get_vaild_leaf_num(), 0) << "looking makes nothing";
+
+    const LeafPath first = tree.find_or_create_leaf(5, 6, 7);
+    EXPECT_TRUE(first.created);
+    EXPECT_EQ(first.leaf, 1 + 2 * 0 + 4 * 1);
+    EXPECT_EQ(first.entry, &tree.level(0).entries[(5 >> 1 & 1) + 2 * (6 >> 1 & 1) + 4 * (7 >> 1 & 1)]);
+    const LeafPath sibling = tree.find_or_create_leaf(4, 7, 6);
+    EXPECT_FALSE(sibling.created);
+    EXPECT_EQ(sibling.leaf, 2);
+    EXPECT_EQ(sibling.entry, first.entry);
+    EXPECT_EQ(tree.find_leaf(4, 6, 6), 0);
+    EXPECT_EQ(tree.find_leaf(6, 6, 6), -1) << "the next octet of the same cell";
+    EXPECT_EQ(tree.get_vaild_leaf_num(), 8);
+}
+
+TEST(Octree, EveryDepthAndLeafSizeKeepsItsVoxelsApart) {
+    for (const int leafBits : {1, 2, 3}) {
+        for (const int depth : {10, 13, 20}) {
+            SCOPED_TRACE(testing::Message() << "depth " << depth << ", leaf bits " << leafBits);
+            Tree tree;
+            tree.set_depth(depth, leafBits);
+            std::set<std::tuple<int, int, int>> voxels, units;
+            std::set<std::int32_t> leaves;
+            for (const Vector3i& v : scattered_voxels(tree.get_size(), 12, 100)) {
+                const LeafPath path = tree.find_or_create_leaf(v.x(), v.y(), v.z());
+                EXPECT_EQ(path.created, units.insert(key_of(v, leafBits)).second);
+                voxels.insert(key_of(v));
+                leaves.insert(path.leaf);
+                EXPECT_EQ(tree.find_leaf(v), path.leaf);
+                EXPECT_EQ(tree.leaf_coordinates(path.leaf), v);
+                int morton = 0;
+                for (int bit = leafBits - 1; bit >= 0; --bit) {
+                    morton = 8 * morton + 4 * (v.z() >> bit & 1) + 2 * (v.y() >> bit & 1) + (v.x() >> bit & 1);
+                }
+                EXPECT_EQ(path.leaf % (1 << (3 * leafBits)), morton);
+            }
+            EXPECT_EQ(leaves.size(), voxels.size());
+            EXPECT_EQ(tree.get_vaild_leaf_num(), static_cast<int>(units.size()) << (3 * leafBits));
+            EXPECT_EQ(check_octree(tree), Findings());
+            tree.clear();
+            EXPECT_EQ(tree.get_vaild_leaf_num(), 0);
+            EXPECT_EQ(tree.pool().size(), 1 << 20);
+            EXPECT_EQ(tree.find_leaf(0, 0, 0), -1);
+            EXPECT_EQ(tree.get_treeDepth(), depth);
+        }
+    }
+}
+
+TEST(Octree, EmptyNodesAreTheLargestThereAre) {
+    for (const auto& [depth, leafBits] : {std::pair(10, 1), {12, 1}, {13, 2}}) {
+        Tree tree;
+        tree.set_depth(depth, leafBits);
+        std::vector<std::set<std::tuple<int, int, int>>> nodes(static_cast<std::size_t>(depth + 1));
+        EXPECT_EQ(tree.empty_node_bits(3, 2, 1), depth) << "nothing there at all";
+        for (const Vector3i& v : scattered_voxels(tree.get_size(), 4, 30)) {
+            tree.find_or_create_leaf(v.x(), v.y(), v.z());
+            for (int bits = 0; bits <= depth; ++bits) nodes[static_cast<std::size_t>(bits)].insert(key_of(v, bits));
+        }
+        // Below the top grid every power of two is a node, above it every second one.
+        const auto isNodeSize = [&, cell = depth - 8](int bits) { return bits < cell || (bits - cell) % 2 == 0; };
+        std::mt19937 random(3);
+        std::uniform_int_distribution<int> anywhere(0, tree.get_size() - 1), near(0, 40);
+        for (int i = 0; i < 3000; ++i) {
+            const auto draw = [&] { return i % 2 ? anywhere(random) : near(random); };
+            const Vector3i v(draw(), draw(), draw());
+            int expected = 0;
+            for (int bits = leafBits; bits <= depth; ++bits) {
+                if (isNodeSize(bits) && nodes[static_cast<std::size_t>(bits)].count(key_of(v, bits)) == 0)
+                    expected = bits;
+            }
+            ASSERT_EQ(tree.empty_node_bits(v.x(), v.y(), v.z()), expected) << v.transpose() << " depth " << depth;
+        }
+    }
+}
+
+TEST(Octree, CacheAgreesWithTheTree) {
+    Tree tree;
+    OctetCache creating;
+    std::mt19937 random(5);
+    std::uniform_int_distribution<int> step(-3, 3);
+    for (int walk = 0; walk < 4; ++walk) {
+        Vector3i v = Vector3i::Constant(300 + 200 * walk);
+        for (int i = 0; i < 5000; ++i) {
+            v += Vector3i(step(random), step(random), step(random));
+            v = v.cwiseMax(0).cwiseMin(tree.get_size() - 1);
+            if (walk % 2 == 1) continue;
+            const std::int32_t made = creating.find_or_create(tree, v.x(), v.y(), v.z());
+            ASSERT_EQ(made, tree.find_leaf(v));
+        }
+    }
+    EXPECT_EQ(creating.find_or_create(tree, -1, 5, 5), -1);
+    EXPECT_EQ(creating.find_or_create(tree, 5, 1024, 5), -1);
+    EXPECT_EQ(check_octree(tree), Findings());
+    OctetCache reading;
+    std::uniform_int_distribution<int> there(250, 750);
+    for (int i = 0; i < 20000; ++i) {
+        const Vector3i v(there(random), there(random), i % 2 ? there(random) : 300);
+        ASSERT_EQ(reading.find(tree, v.x(), v.y(), v.z()), tree.find_leaf(v));
+    }
+}
+
+TEST(Octree, OtherLeavesFit) {
+    Octree<LaserGrid> grid;
+    Octree<LeafNormal> normals;
+    const auto use = [](auto& tree) -> auto& {
+        const std::int32_t leaf = tree.find_or_create_leaf(9, 8, 7).leaf;
+        tree.leaf_at(leaf).touch({9, 8, 7});
+        EXPECT_EQ(check_octree(tree), Findings());
+        return tree.leaf_at(leaf);
+    };
+    use(grid).add({1.0f, 2.0f, 3.0f}, {0.0f, 0.0f, 1.0f});
+    use(normals).add({0.0f, 0.0f, 1.0f}, 0.5f);
+    EXPECT_EQ(grid.leaf_at(5).pointSum[2], 3.0f);
+    EXPECT_EQ(normals.leaf_at(5).normalSum[2], 0.5f);
+}
+
+TEST(LeafPool, GrowsByOnePageAndNothingMoves) {
+    Tree tree;
+    constexpr std::int32_t page = 1 << 20;
+    const LeafTSDFSpeckle* first = &tree.leaf_at(0);
+    const LeafTSDFSpeckle* last = &tree.leaf_at(page - 1);
+    EXPECT_EQ(tree.pool().size(), page);
+    tree.leaf_at(page);
+    EXPECT_EQ(tree.pool().size(), 2 * page);
+    EXPECT_EQ(&tree.leaf_at(0), first);
+    EXPECT_EQ(&tree.leaf_at(page - 1), last);
+    EXPECT_FALSE(tree.leaf_at(2 * page - 1).is_used());
+    EXPECT_THROW(tree.leaf_at(INT32_MAX), std::bad_alloc) << "beyond the last page";
+    EXPECT_EQ(tree.pool().size(), 2 * page);
+}
+
+/// A leaf whose page cannot be made while memory is short.
+struct ScarceLeaf : LeafNormal {
+    static inline bool isShort = false;
+    ScarceLeaf() {
+        if (isShort) throw std::bad_alloc();
+    }
+};
+
+TEST(LeafPool, RunningOutOfMemoryLosesNothing) {
+    Octree<ScarceLeaf> tree;
+    tree.find_or_create_leaf(1, 1, 1);
+    const auto fill_page = [&] {  // 2^17 octets
+        for (int i = 0; i <= 1 << 17; ++i) tree.find_or_create_leaf(2 * (i & 511), 2 * (i >> 9 & 511), 600);
+    };
+    ScarceLeaf::isShort = true;
+    EXPECT_THROW(fill_page(), std::bad_alloc);
+    EXPECT_EQ(tree.get_vaild_leaf_num(), tree.pool().size());
+    EXPECT_EQ(check_octree(tree), Findings());
+    ScarceLeaf::isShort = false;
+    fill_page();
+    EXPECT_EQ(tree.get_vaild_leaf_num(), 8 * ((1 << 17) + 2));
+    EXPECT_EQ(check_octree(tree), Findings());
+
+    ScarceLeaf::isShort = true;
+    EXPECT_THROW(tree.set_depth(12, 1), std::bad_alloc) << "no first page";
+    ScarceLeaf::isShort = false;
+    EXPECT_EQ(tree.get_vaild_leaf_num(), 0);
+    tree.find_or_create_leaf(1, 1, 1);
+    EXPECT_EQ(check_octree(tree), Findings());
+}
+
+TEST(FusionTsdf, AnEmptyVolumeIsSmall) {
+#if !defined(__linux__) || defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+    GTEST_SKIP() << "reads /proc, outside of sanitizers";
+#else
+    const auto resident = [] {
+        std::size_t total = 0, pages = 0;
+        std::ifstream("/proc/self/statm") >> total >> pages;
+        return pages * static_cast<std::size_t>(sysconf(_SC_PAGESIZE));
+    };
+    const std::size_t before = resident();
+    const FusionTsdf<LeafTSDFSpeckle> volume(10, 0.2f, 0.5f, 5, 2, "");
+    EXPECT_LT(resident() - before, std::size_t{30} << 20);
+    EXPECT_GT(before, 0u);
+#endif
+}
+
+// ---- the top grid ---------------------------------------------------------------------------------------
+
+class TopTreeFile : public testing::Test {
+protected:
+    std::filesystem::path path =
+        std::filesystem::temp_directory_path() / ("top_tree_" + std::to_string(std::random_device{}()) + ".bin");
+
+    ~TopTreeFile() override { std::filesystem::remove(path); }
+
+    static TopTree& fill(TopTree& top, std::initializer_list<std::int32_t> cells) {
+        const auto next = [](std::atomic<std::int32_t>& counter) { return 8 * counter++; };
+        bool created = false;
+        for (const std::int32_t cell : cells) top.get_or_create(cell, created, next);
+        return top;
+    }
+    std::string save(const TopTree& top) {
+        std::ofstream out(path, std::ios::binary);
+        EXPECT_TRUE(top.save_tree_binary(out));
+        out.close();
+        std::ifstream in(path, std::ios::binary);
+        return {std::istreambuf_iterator<char>(in), {}};
+    }
+    bool read(TopTree& top, const std::string& bytes) {
+        std::ofstream(path, std::ios::binary) << bytes;
+        std::ifstream in(path, std::ios::binary);
+        return top.read_tree_binary(in);
+    }
+};
+
+TEST_F(TopTreeFile, RoundTripAndRefusals) {
+    TopTree top(4), other(4);
+    const std::string bytes = save(fill(top, {700, 3, 4095, 512}));
+    ASSERT_EQ(bytes.size(), (3 + 2 * 4) * sizeof(std::int32_t));
+    ASSERT_TRUE(read(fill(other, {9}), bytes));
+    EXPECT_EQ(other.get(9), -1);
+    EXPECT_EQ(other.get(700), 0);
+    EXPECT_EQ(other.get(4095), 16);
+    EXPECT_FALSE(other.is_block_empty(1, 15, 15, 15));
+    EXPECT_EQ(save(other), bytes);
+
+    std::vector<std::string> refused;
+    for (std::size_t length = 0; length < bytes.size(); ++length) refused.push_back(bytes.substr(0, length));
+    // int32 number, new value. The file: bits, octets, filled cells, then (3, 8), (512, 24), (700, 0), (4095, 16).
+    const std::pair<std::size_t, std::int32_t> hostile[] = {
+        {0, 8},    {0, -1},      {1, 3},       {1, 5},       {1, -1}, {1, INT_MAX}, {2, 3},
+        {2, 5},    {2, -1},      {2, INT_MAX}, {2, INT_MIN}, {3, -1}, {3, 512},     {3, 701},
+        {9, 4096}, {9, INT_MAX}, {4, 12},      {4, -8},      {4, 0},  {4, 32},      {6, INT_MAX - 7}};
+    for (const auto& [number, value] : hostile) {
+        refused.push_back(bytes);
+        std::memcpy(&refused.back()[4 * number], &value, sizeof(value));
+    }
+    for (const std::string& file : refused) {
+        EXPECT_FALSE(read(other, file)) << testing::PrintToString(file);
+        EXPECT_EQ(other.get_octet_count(), 4);
+        EXPECT_EQ(other.get(4095), 16);
+    }
+    EXPECT_EQ(save(other), bytes) << "what was refused has changed nothing";
+    other.clear();
+    EXPECT_EQ(other.get_octet_count(), 0);
+    EXPECT_EQ(save(other).size(), 3 * sizeof(std::int32_t));
+    EXPECT_TRUE(other.is_block_empty(1, 15, 15, 15));
+    std::ofstream closed;
+    EXPECT_FALSE(top.save_tree_binary(closed));
+}
+
+// ---- the checker ----------------------------------------------------------------------------------------
+
+TEST(OctreeChecker, NoticesDamage) {
+    using Damage = std::function<void(Tree&)>;
+    const auto level = [](Tree& tree, int i) -> LevelTable& { return const_cast<LevelTable&>(tree.level(i)); };
+    const auto child = [&](Tree& tree, int i, int entry) -> std::atomic<std::int32_t>& {
+        return level(tree, i).entries[entry].child;
+    };
+    const struct {
+        const char* finding;
+        Damage damage;
+    } cases[] = {
+        {"base 4 in table 1", [&](Tree& tree) { child(tree, 0, 0) = 4; }},
+        {"base 16 in table 1", [&](Tree& tree) { child(tree, 0, 7) = 16; }},
+        {"base -2 in table 1", [&](Tree& tree) { child(tree, 0, 7) = -2; }},
+        {"octet 0 of table 1 is used twice", [&](Tree& tree) { child(tree, 0, 1) = 0; }},
+        {"octet 1 of table 0 is used twice", [](Tree& tree) { TopTreeDamage::set_cell(tree.top_tree(), 5, 8); }},
+        {"octet 0 of table 1 cannot be reached", [&](Tree& tree) { child(tree, 0, 0) = -1; }},
+        {"octet 2 of table 1 cannot be reached", [&](Tree& tree) { ++level(tree, 0).octets; }},
+        {"base 8 in table 1", [&](Tree& tree) { --level(tree, 0).octets; }},
+        {"counter -3 of table 2, room for 0", [&](Tree& tree) { level(tree, 1).octets = -3; }},
+        {"counter 268435456 of table 1", [&](Tree& tree) { level(tree, 0).octets = 1 << 28; }},
+        {"unit 1 at 0 2 0 has coordinates 2 0 0",
+         [&](Tree& tree) { child(tree, 1, 2) = child(tree, 1, 1).exchange(-1); }},
+        {"unit 2 at 2046 2046 2046 has coordinates 2 2046 2046",
+         [](Tree& tree) {
+             const_cast<PagedArray<std::uint64_t, 17>&>(tree.unit_coordinates())[2] &= ~std::uint64_t{1022};
+         }},
+        {"counter 3 of table 2, room for 0", [](Tree& tree) { tree.pool().clear(); }},
+        {"the pool has 0 records", [](Tree& tree) { tree.pool().clear(); }},
+        {"leaf 24, which is not handed out, is used", [](Tree& tree) { tree.leaf_at(24).touch({}); }},
+        {"entry 16 of table 1, which is not handed out, is 0", [&](Tree& tree) { child(tree, 1, 16) = 0; }},
+        {"block 63 63 63 of level 1 is marked wrong",
+         [](Tree& tree) { TopTreeDamage::mask(tree.top_tree(), (1u << 18) - 1) = 0; }},
+        {"block 1 0 0 of level 1 is marked wrong", [](Tree& tree) { TopTreeDamage::mask(tree.top_tree(), 1) = 1; }},
+    };
+    for (const auto& [finding, damage] : cases) {
+        Tree tree;
+        tree.set_depth(11, 1);
+        for (const Vector3i& v : {Vector3i(0, 0, 0), Vector3i(2, 0, 0), Vector3i(2047, 2047, 2047)}) {
+            tree.find_or_create_leaf(v.x(), v.y(), v.z());
+        }
+        damage(tree);
+        std::string found;
+        for (const std::string& line : check_octree(tree)) found += line + '\n';
+        EXPECT_NE(found.find(finding), std::string::npos) << "no '" << finding << "' in:\n" << found;
+    }
+}
+
+}  // namespace
+}  // namespace VexelOctree

@@ -163,13 +163,15 @@ TEST(OctreeConcurrency, PoolGrowsAcrossPagesUnderEverybody) {
     EXPECT_EQ(tree.pool().size(), 4 << 20) << "each page was made once";
 }
 
-/// Updates from all threads of the leaves of 4 x 4 x 4 voxels, each many times.
+constexpr int Rounds = 6000;
+
+/// Updates from all threads of the eight leaves of an octet, each many times.
 template <class Leaf>
 void update_together(Octree<Leaf>& tree, const std::function<void(Leaf&, int round)>& update) {
     run_together([&](int) {
-        for (int round = 0; round < 400; ++round) {
-            for (int k = 0; k < 64; ++k) {
-                const Vector3i v(k & 3, k >> 2 & 3, k >> 4);
+        for (int round = 0; round < Rounds; ++round) {
+            for (int k = 0; k < 8; ++k) {
+                const Vector3i v(k & 1, k >> 1 & 1, k >> 2);
                 const std::int32_t index = tree.find_or_create_leaf(v.x(), v.y(), v.z()).leaf;
                 Leaf& leaf = tree.leaf_at(index);
                 const std::lock_guard<SpinLock> guard(tree.leaf_lock(index, leaf));
@@ -178,12 +180,12 @@ void update_together(Octree<Leaf>& tree, const std::function<void(Leaf&, int rou
             }
         }
     });
-    EXPECT_EQ(tree.get_vaild_leaf_num(), 64);
+    EXPECT_EQ(tree.get_vaild_leaf_num(), 8);
     EXPECT_EQ(check_octree(tree), Findings());
 }
 
 TEST(OctreeConcurrency, LeafUpdatesAreExact) {
-    constexpr int updates = 400 * Threads;
+    constexpr int updates = Rounds * Threads;
     Octree<LeafTSDFTeeth> teeth;
     std::atomic<int> newlyChanged{0};
     // Of every four rounds three add and one takes back; whole numbers add up exactly in any order.
@@ -197,8 +199,8 @@ TEST(OctreeConcurrency, LeafUpdatesAreExact) {
         }
         newlyChanged += leaf.mark_changed();
     });
-    EXPECT_EQ(newlyChanged, 64);
-    for (int i = 0; i < 64; ++i) {
+    EXPECT_EQ(newlyChanged, 8);
+    for (int i = 0; i < 8; ++i) {
         const LeafTSDFTeeth& leaf = teeth.leaf_at(i);
         EXPECT_EQ(leaf.count(), updates / 2);
         EXPECT_EQ(leaf.weightSum, updates / 2);
@@ -210,10 +212,10 @@ TEST(OctreeConcurrency, LeafUpdatesAreExact) {
     Octree<LeafTSDFLaser> laser;
     update_together<LeafTSDFLaser>(
         laser, [](LeafTSDFLaser& leaf, int round) { leaf.add(static_cast<float>(round % 3), 1.0f); });
-    for (int i = 0; i < 64; ++i) {
+    for (int i = 0; i < 8; ++i) {
         const LeafTSDFLaser& leaf = laser.leaf_at(i);
         EXPECT_EQ(leaf.count(), updates);
-        EXPECT_EQ(leaf.tsdfSum, 399 * Threads);
+        EXPECT_EQ(leaf.tsdfSum, updates);
         EXPECT_EQ(Vector3i(leaf.x, leaf.y, leaf.z), laser.leaf_coordinates(i));
     }
 }

@@ -158,12 +158,12 @@ TEST(OctreeConcurrency, PoolGrowsAcrossPagesUnderEverybody) {
 
     tree.clear();
     run_together([&](int t) {
-        for (int i = t; i < 4 << 20; i += 4099) tree.leaf_at(i);
+        for (int i = t; i < 4 << 20; i += 4099) EXPECT_FALSE(tree.leaf_at(i).is_used());
     });
     EXPECT_EQ(tree.pool().size(), 4 << 20) << "each page was made once";
 }
 
-constexpr int Rounds = 6000;
+constexpr int Rounds = 2000;
 
 /// Updates from all threads of the eight leaves of an octet, each many times.
 template <class Leaf>
@@ -211,7 +211,7 @@ TEST(OctreeConcurrency, LeafUpdatesAreExact) {
 
     Octree<LeafTSDFLaser> laser;
     update_together<LeafTSDFLaser>(
-        laser, [](LeafTSDFLaser& leaf, int round) { leaf.add(static_cast<float>(round % 3), 1.0f); });
+        laser, [](LeafTSDFLaser& leaf, int round) { leaf.add(static_cast<float>(round % 2 * 2), 1.0f); });
     for (int i = 0; i < 8; ++i) {
         const LeafTSDFLaser& leaf = laser.leaf_at(i);
         EXPECT_EQ(leaf.count(), updates);

@@ -4,8 +4,11 @@
 #include <cmath>
 #include <random>
 
-#include "fusion/FusionTsdf.h"
-#include "fusion/sampleField.h"
+#include "fusion/FieldReader.h"
+#include "fusion/LeafTSDFCloudGenerator.h"
+#include "fusion/LeafTSDFLaser.h"
+#include "fusion/LeafTSDFSpeckle.h"
+#include "fusion/LeafTSDFTeeth.h"
 
 namespace VexelAlgorithm::Fusion {
 namespace {
@@ -165,8 +168,8 @@ protected:
     }
     static float truth(const Vector3f& p) { return 0.25f * p.x() - 0.125f * p.y() + 0.5f * p.z() + 7.0f; }
     float sample(const Vector3f& q) {
-        OctetCache cache;
-        return trilinear_value(tree, cache, tree.get_shift() + tree.get_pointDis() * q);
+        const Vector3f point = tree.get_shift() + tree.get_pointDis() * q;
+        return FieldReader<LeafTSDFSpeckle>(tree).trilinear(point);
     }
     LeafTSDFSpeckle& leaf(int x, int y, int z) { return tree.leaf_at(tree.find_leaf(x, y, z)); }
 
@@ -219,19 +222,20 @@ TEST_F(Field, SamplesEndNearFacesAndAtEmptyVoxels) {
 }
 
 TEST_F(Field, ValuesAtVoxels) {
-    OctetCache cache;
-    const auto value = [&](int x, int y, int z) { return voxel_value(tree, cache, {x, y, z}); };
+    const auto value = [&](int x, int y, int z) {
+        return FieldReader<LeafTSDFSpeckle>(tree).value_anywhere({x, y, z});
+    };
     EXPECT_FLOAT_EQ(value(2, 3, 4), truth(tree.voxel_to_world({2, 3, 4})));
     EXPECT_EQ(value(Side + 1, 0, 0), 0.0f);
     EXPECT_EQ(value(400, 400, 400), 0.0f);
     for (const int outside : {-1, 1024, INT32_MIN, INT32_MAX}) {
         EXPECT_EQ(value(outside, 1, 1), tree.leaf_at(0).value()) << "leaf 0 answers for the outside";
     }
-    EXPECT_EQ(leaf_value(tree, -1), 0.0f);
-    EXPECT_EQ(leaf_value(tree, tree.pool().size()), 0.0f);
-    EXPECT_EQ(leaf_value(tree, INT32_MAX), 0.0f);
     leaf(2, 3, 4).state = LeafNeverUsed;
     EXPECT_EQ(value(2, 3, 4), 0.0f);
+    EXPECT_NE(value(2, 3, 5), 0.0f);
+    tree.pool().clear();
+    EXPECT_EQ(value(2, 3, 5), 0.0f) << "beyond the pool";
 }
 
 }  // namespace

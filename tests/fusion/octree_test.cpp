@@ -3,6 +3,7 @@
 
 #include <gtest/gtest.h>
 
+#include <array>
 #include <climits>
 #include <cmath>
 #include <cstring>
@@ -288,6 +289,13 @@ TEST(FusionTsdf, AnEmptyVolumeIsSmall) {
 
 // ---- the top grid ---------------------------------------------------------------------------------------
 
+TopTree& fill(TopTree& top, std::initializer_list<std::int32_t> cells) {
+    const auto next = [](std::atomic<std::int32_t>& counter) { return 8 * counter++; };
+    bool created = false;
+    for (const std::int32_t cell : cells) top.get_or_create(cell, created, next);
+    return top;
+}
+
 class TopTreeFile : public testing::Test {
 protected:
     std::filesystem::path path =
@@ -295,12 +303,6 @@ protected:
 
     ~TopTreeFile() override { std::filesystem::remove(path); }
 
-    static TopTree& fill(TopTree& top, std::initializer_list<std::int32_t> cells) {
-        const auto next = [](std::atomic<std::int32_t>& counter) { return 8 * counter++; };
-        bool created = false;
-        for (const std::int32_t cell : cells) top.get_or_create(cell, created, next);
-        return top;
-    }
     std::string save(const TopTree& top) {
         std::ofstream out(path, std::ios::binary);
         EXPECT_TRUE(top.save_tree_binary(out));
@@ -323,7 +325,7 @@ TEST_F(TopTreeFile, RoundTripAndRefusals) {
     EXPECT_EQ(other.get(9), -1);
     EXPECT_EQ(other.get(700), 0);
     EXPECT_EQ(other.get(4095), 16);
-    EXPECT_FALSE(other.is_block_empty(1, 15, 15, 15));
+    EXPECT_EQ(other.empty_block_bits(14, 15, 15), 0);
     EXPECT_EQ(save(other), bytes);
 
     std::vector<std::string> refused;
@@ -346,9 +348,32 @@ TEST_F(TopTreeFile, RoundTripAndRefusals) {
     other.clear();
     EXPECT_EQ(other.get_octet_count(), 0);
     EXPECT_EQ(save(other).size(), 3 * sizeof(std::int32_t));
-    EXPECT_TRUE(other.is_block_empty(1, 15, 15, 15));
+    EXPECT_EQ(other.empty_block_bits(14, 15, 15), 4);
     std::ofstream closed;
     EXPECT_FALSE(top.save_tree_binary(closed));
+}
+
+TEST(TopTree, EmptyBoxesAgreeWithTheCells) {
+    for (const int bits : {1, 2, 5}) {
+        TopTree top(bits);
+        const int size = 1 << bits;
+        EXPECT_TRUE(top.is_box_empty({0, 0, 0}, {size, size, size}));
+        std::mt19937 random(static_cast<unsigned>(bits));
+        std::uniform_int_distribution<int> cell(0, top.get_cell_count() - 1), edge(-3, size + 2);
+        fill(top, {cell(random), cell(random), cell(random)});
+        for (int i = 0; i < 2000; ++i) {
+            const std::array<int, 3> low = {edge(random), edge(random), edge(random)};
+            const std::array<int, 3> high = {low[0] + i % 5, low[1] + i % 3, low[2] + i % 7};
+            bool expected = true;
+            for (int c = 0; c < top.get_cell_count(); ++c) {
+                const std::array<int, 3> at = {c & (size - 1), (c >> bits) & (size - 1), c >> (2 * bits)};
+                bool inside = top.get(c) >= 0;
+                for (std::size_t k = 0; k < 3; ++k) inside = inside && low[k] <= at[k] && at[k] <= high[k];
+                expected = expected && !inside;
+            }
+            ASSERT_EQ(top.is_box_empty(low, high), expected) << testing::PrintToString(low);
+        }
+    }
 }
 
 // ---- the checker ----------------------------------------------------------------------------------------
@@ -383,9 +408,10 @@ TEST(OctreeChecker, NoticesDamage) {
         {"the pool has 0 records", [](Tree& tree) { tree.pool().clear(); }},
         {"leaf 24, which is not handed out, is used", [](Tree& tree) { tree.leaf_at(24).touch({}); }},
         {"entry 16 of table 1, which is not handed out, is 0", [&](Tree& tree) { child(tree, 1, 16) = 0; }},
-        {"block 63 63 63 of level 1 is marked wrong",
+        {"the mask of block 262143 of 4^3 x 2^0 cells is wrong",
          [](Tree& tree) { TopTreeDamage::mask(tree.top_tree(), (1u << 18) - 1) = 0; }},
-        {"block 1 0 0 of level 1 is marked wrong", [](Tree& tree) { TopTreeDamage::mask(tree.top_tree(), 1) = 1; }},
+        {"the mask of block 1 of 4^3 x 2^6 cells is wrong",
+         [](Tree& tree) { TopTreeDamage::mask(tree.top_tree(), (1u << 18) + 1) = 1; }},
     };
     for (const auto& [finding, damage] : cases) {
         Tree tree;

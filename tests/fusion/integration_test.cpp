@@ -1,7 +1,6 @@
 // Integration against a plain reference written from its definition, and the edge cases of the volume's operations.
 #include <algorithm>
 #include <cmath>
-#include <cstring>
 #include <map>
 #include <numeric>
 #include <set>
@@ -118,27 +117,12 @@ void spoil(PointImage& frame) {
     const float bad[] = {0.0f, kNaN, kInfinity, 5e-7f, -1.0f};
     for (std::size_t i = 0; i < frame.get_vn(); i += 11) {
         const float value = bad[i / 11 % 5];
-        switch (i / 55 % 4) {
-            case 0:
-                frame.set_vCoord(i, {frame.get_vCoord(i).x(), frame.get_vCoord(i).y(), value});
-                break;
-            case 1:
-                frame.set_vNrv(i, {frame.get_vNrv(i).x(), frame.get_vNrv(i).y(), value});
-                break;
-            case 2:
-                frame.set_vWeight(i, value == kInfinity ? 0.0f : value);
-                break;
-            default:
-                frame.set_vCoord(i, {value, 0.0f, value});
-                break;
-        }
+        const auto what = i / 55 % 4;
+        if (what == 0) frame.set_vCoord(i, {frame.get_vCoord(i).x(), frame.get_vCoord(i).y(), value});
+        if (what == 1) frame.set_vNrv(i, {frame.get_vNrv(i).x(), frame.get_vNrv(i).y(), value});
+        if (what == 2) frame.set_vWeight(i, value == kInfinity ? 0.0f : value);
+        if (what == 3) frame.set_vCoord(i, {value, 0.0f, value});
     }
-}
-
-template <class Leaf>
-void configure(FusionTsdf<Leaf>& volume, const Setting& setting) {
-    if (setting.modify) volume.modify_smooth_and_fusionrange(setting.smoothThreshold, setting.range);
-    if (setting.sceneAt != Vector3i(0, 0, 0)) volume.set_shift(-setting.sceneAt.cast<float>() * setting.pointDis);
 }
 
 template <class Leaf>
@@ -197,7 +181,8 @@ template <class Leaf>
 void compare_with_reference(const Setting& setting) {
     FusionTsdf<Leaf> volume(setting.treeDepth, setting.pointDis, setting.smoothThreshold,
                             setting.modify ? 5 : setting.range, setting.threads, "");
-    configure(volume, setting);
+    if (setting.modify) volume.modify_smooth_and_fusionrange(setting.smoothThreshold, setting.range);
+    if (setting.sceneAt != Vector3i(0, 0, 0)) volume.set_shift(-setting.sceneAt.cast<float>() * setting.pointDis);
     ReferenceVolume<Leaf> reference;
     ChangedLeaves changed;
     for (const RigidMatrix& pose : scene_poses()) {
@@ -256,13 +241,6 @@ TYPED_TEST(EveryLeaf, CloudsWithoutImageOrderFuseLikeImagesWeightedByTheNormal) 
         }
         ASSERT_TRUE(volume.fusion_one_frame(cloud, pose, frame.get_camPar(), {80, 60}));
         reference.integrate(frame, pose, setting, setting.range, volume.get_treeShift());
-    }
-    // Contributions come in another order, so weights agree to rounding only: compare them apart.
-    for (const Voxel& voxel : used_voxels(volume)) {
-        const auto it = reference.voxels.find(voxel.at);
-        if (reference.doubtful.count(voxel.at) > 0 || it == reference.voxels.end()) continue;
-        ASSERT_NEAR(voxel.weight, it->second.weight, 1e-5f * voxel.weight);
-        it->second.weight = voxel.weight;
     }
     expect_same(volume, reference, setting);
 }
@@ -427,11 +405,8 @@ TEST(FusionCone, NeighbouringPixelsShareTheirBoundaries) {
     ASSERT_EQ(cone.get_width() * cone.get_height(), 120);
     for (int u = 0; u + 1 < 12; ++u) EXPECT_EQ(cone.pixel(u, 3).right, cone.pixel(u + 1, 3).left);
     for (int v = 0; v + 1 < 10; ++v) EXPECT_EQ(cone.pixel(3, v).bottom, cone.pixel(3, v + 1).top);
-    EXPECT_FLOAT_EQ(cone.pixel(7, 2).left, (6.5f - 5.5f) / 50.0f);
-    const auto planes = cone.plane_normals(7, 2);
-    const float h = 1.0f / 50.0f, xL = 1.0f / 50.0f, xR = 2.0f / 50.0f, yT = -3.0f / 50.0f, yB = -2.0f / 50.0f;
-    const Vector3f expected[4] = {
-        {h, 0, xL * yT - yB * xL}, {0, h, xL * yT - xR * yT}, {-h, 0, xR * yB - xR * yT}, {0, -h, xR * yB - xL * yB}};
+    const auto planes = cone.plane_normals(7, 2);  // slopes 0.02, 0.04 and -0.06, -0.04
+    const Vector3f expected[] = {{0.02f, 0, -4e-4f}, {0, 0.02f, 12e-4f}, {-0.02f, 0, 8e-4f}, {0, -0.02f, -8e-4f}};
     for (std::size_t i = 0; i < 4; ++i) EXPECT_LT((planes[i] - expected[i]).norm(), 1e-7f) << i;
 }
 
@@ -466,15 +441,6 @@ TEST(Defusion, UndoesAFrameInTeethLeavesOnly) {
     const std::vector<Voxel> kept = used_voxels(speckle);
     EXPECT_TRUE(fuse(speckle, first, poses[0], false));
     EXPECT_EQ(used_voxels(speckle), kept);
-}
-
-TEST(Defusion, FrozenLeavesKeepTheirDistance) {
-    FusionTsdf<LeafTSDFTeeth> volume(10, 0.5f, 0.5f, 5, 1, "");
-    EXPECT_TRUE(fuse(volume, flat_frame(120)));
-    const std::vector<Voxel> before = used_voxels(volume);
-    for (int i = 0; i < volume.get_vaild_leaf_num(); ++i) volume.get_fusion_tree().leaf_at(i).frozen = 1;
-    for (const bool add : {true, false, false}) EXPECT_TRUE(fuse(volume, flat_frame(120), {}, add));
-    EXPECT_EQ(used_voxels(volume), before);
 }
 
 TEST(TeethLeaves, CountLabelsAndBlendColours) {
@@ -620,7 +586,7 @@ TYPED_TEST(EveryLeaf, ResetsKeepWhatTheySay) {
     const PointImage frame = scene_frame(pose);
     EXPECT_TRUE(fuse(volume, frame, pose));
     const Vector3f shift = volume.get_treeShift();
-    const std::vector<Voxel> filled = by_coordinates(used_voxels(volume));
+    const std::size_t filled = used_voxels(volume).size();
     const int slots = volume.get_vaild_leaf_num();
     for (const bool tbb : {false, true}) {
         tbb ? volume.reset_leaf_tbb() : volume.reset_leaf();
@@ -629,7 +595,7 @@ TYPED_TEST(EveryLeaf, ResetsKeepWhatTheySay) {
         volume.reset_code_Num(1);
         EXPECT_TRUE(fuse(volume, frame, pose));
         EXPECT_EQ(volume.get_vaild_leaf_num(), slots);
-        EXPECT_EQ(by_coordinates(used_voxels(volume)).size(), filled.size());
+        EXPECT_EQ(used_voxels(volume).size(), filled);
     }
     volume.clear();
     EXPECT_EQ(volume.get_vaild_leaf_num(), 0);
@@ -643,7 +609,7 @@ TYPED_TEST(EveryLeaf, ResetsKeepWhatTheySay) {
     EXPECT_TRUE(volume.get_fusion_cone().empty());
     EXPECT_EQ(volume.get_pointDis(), 0.8f);
     EXPECT_TRUE(fuse(volume, frame, pose));
-    EXPECT_EQ(by_coordinates(used_voxels(volume)).size(), filled.size());
+    EXPECT_EQ(used_voxels(volume).size(), filled);
 }
 
 }  // namespace

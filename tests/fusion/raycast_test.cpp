@@ -246,18 +246,16 @@ TEST(RayCast, FromOutsideTheVolumeRaysStartWhereTheyEnter) {
 TEST(RayCast, IsTheSameForAnyNumberOfThreads) {
     const auto volume = fused_scene<LeafTSDFTeeth>();
     for (const bool guided : {true, false}) {
-        PointImage results[3];
+        PointImage first, result;
         for (const int threads : {1, 1, 4}) {
             volume->reset_code_Num(threads);
-            PointImage& result = threads == 4 ? results[2] : results[results[0].get_vn() == 0 ? 0 : 1];
             result = empty_view();
             ASSERT_EQ(
                 rayCast(*volume, truth_view(views()[0]), views()[0], result, guided, kNearFar, {true, 1, 3.0f}, 6.0f),
                 0);
-        }
-        for (const int k : {1, 2}) {
-            EXPECT_EQ(results[k].get_vCoords(), results[0].get_vCoords());
-            EXPECT_EQ(results[k].get_vNrvs(), results[0].get_vNrvs());
+            if (first.get_vn() == 0) first = result;
+            EXPECT_EQ(result.get_vCoords(), first.get_vCoords());
+            EXPECT_EQ(result.get_vNrvs(), first.get_vNrvs());
         }
     }
 }

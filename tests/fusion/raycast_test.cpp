@@ -288,10 +288,10 @@ TEST(RayCast, SlotsWithoutGuideStayEmpty) {
     EXPECT_GT(result.count_vaildNum(), 5000);
 }
 
-/// One ray along +z or -z through a stack of voxels, x = y = `lateral` plus a quarter voxel, whose values change
-/// from positive to negative (seen along the ray) between voxels `positive` and `positive` + step. Whether the
-/// surface was found.
-bool finds_stack(int lateral, int positive, int step, float sign = 1.0f, float startOffset = 4.0f) {
+/// Whether one ray along +z or -z finds the surface in a stack of voxels, x = y = `lateral`, whose values turn from
+/// positive to negative between voxels `positive` and `positive` + step. The camera stands `cameraAt` voxels before
+/// the positive one; unguided, or guided to so many half voxels around that one.
+bool finds_stack(int lateral, int positive, int step, float sign = 1.0f, float cameraAt = 4.0f, int guidedSteps = 0) {
     FusionTsdf<LeafTSDFSpeckle> volume(10, 0.5f, 0.5f, 5, 1, "");
     for (int z = -3; z <= 3; ++z) {
         for (int k = 0; k < 25; ++k) {
@@ -303,11 +303,14 @@ bool finds_stack(int lateral, int positive, int step, float sign = 1.0f, float s
     }
     Matrix3d rotation = Matrix3d::Identity();
     if (step < 0) rotation.diagonal() = Vector3d(1, -1, -1);
-    const double across = 0.5 * (lateral + 0.75), along = 0.5 * (positive + 0.5) - 0.5 * step * startOffset;
+    const double across = 0.5 * (lateral + 0.75), along = 0.5 * (positive + 0.5) - 0.5 * step * cameraAt;
     const RigidMatrix pose(rotation, {across, across, along});
     PointImage guide, result;
     result.ini(1, 1, {1.0, 1.0, 0.0, 0.0}, 1, Vector2f::Zero());
-    EXPECT_EQ(rayCast(volume, guide, pose, result, false, {0.0f, 100.0f}, kFromVolume, 0.0f), 0);
+    guide = result;
+    guide.set_vCoord(0, {0, 0, 0.5f * cameraAt});
+    const auto factor = static_cast<float>(guidedSteps);
+    EXPECT_EQ(rayCast(volume, guide, pose, result, guidedSteps > 0, {0.0f, 100.0f}, kFromVolume, factor), 0);
     const bool found = result.has_point(0);
     if (found) {
         EXPECT_NEAR(result.get_vCoord(0).z(), 0.5 * (positive + 0.5) + 0.2 * step, 1e-4);
@@ -325,6 +328,10 @@ TEST(RayCast, RaysEndBeforeTheFaces) {
     EXPECT_FALSE(finds_stack(500, 1021, 1));  // 1022
     EXPECT_TRUE(finds_stack(500, 2, -1));
     EXPECT_FALSE(finds_stack(500, 1, -1));
+    EXPECT_TRUE(finds_stack(500, 1019, -1, 1.0f, 20.0f, 4));   // starts in voxel 1021
+    EXPECT_FALSE(finds_stack(500, 1019, -1, 1.0f, 20.0f, 6));  // in 1022
+    EXPECT_TRUE(finds_stack(500, 3, 1, 1.0f, 20.0f, 4));
+    EXPECT_FALSE(finds_stack(500, 3, 1, 1.0f, 20.0f, 6));
 }
 
 TEST(RayCast, OnlyFrontFacesBehindAPositiveSampleAreFound) {

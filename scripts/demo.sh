@@ -1,5 +1,6 @@
 #!/usr/bin/env bash
 # From nothing to a mesh: builds the tool, lets it render a recording of a virtual object and fuses that.
+# Arguments go to `vexel-scan simulate`, say --frames 80.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 

@@ -116,7 +116,10 @@ public:
     bool has_face_normals() const override { return true; }
 
     OpenMesh::Vec3f point(OpenMesh::VertexHandle v) const override { return _arrays.points[v.idx()]; }
-    OpenMesh::Vec3f normal(OpenMesh::VertexHandle v) const override { return _arrays.normals[v.idx()]; }
+    // The OBJ writer asks for it whether or not the file is to have normals.
+    OpenMesh::Vec3f normal(OpenMesh::VertexHandle v) const override {
+        return has_vertex_normals() ? _arrays.normals[v.idx()] : OpenMesh::Vec3f(0.0f, 0.0f, 0.0f);
+    }
     OpenMesh::Vec3uc color(OpenMesh::VertexHandle v) const override { return _arrays.colors[v.idx()]; }
     // The PLY writer asks for these forms even when the file has neither alpha nor wide colours.
     OpenMesh::Vec4uc colorA(OpenMesh::VertexHandle v) const override {
@@ -183,7 +186,7 @@ int write_arrays(const std::string& path, const MeshArrays& arrays, std::uint32_
         return report_failure(path, "the ending is none of .ply, .obj, .stl, .off");
 
     OpenMesh::IO::Options fileOptions;
-    if ((options & MESH_WRITE_BINARY) != 0) fileOptions += OpenMesh::IO::Options::Binary;
+    if (ending != ".obj" && (options & MESH_WRITE_BINARY) != 0) fileOptions += OpenMesh::IO::Options::Binary;
     if (ending != ".stl" && !arrays.normals.empty()) fileOptions += OpenMesh::IO::Options::VertexNormal;
     if (ending != ".stl" && ending != ".obj" && !arrays.colors.empty())
         fileOptions += OpenMesh::IO::Options::VertexColor;

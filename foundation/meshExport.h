@@ -32,7 +32,8 @@ enum MeshWriteOption : std::uint32_t {
 /// a set of `MeshWriteOption`, `precision` the number of digits in text formats (1 to 17). The file is
 /// written beside its place and moved there when it is complete. 0 on success; otherwise one printed line,
 /// non-zero, and no file (an older one stays). Normals or colours that the mesh does not have are an error;
-/// what the format cannot hold is left out (colours in OBJ, both in STL). Deleted vertices and faces are left out.
+/// what the format cannot hold is left out (colours in OBJ, both in STL), and OBJ, which has no binary form, is text.
+/// Deleted vertices and faces are left out.
 VEXEL_API int write_mesh(const std::string& path, const TriMesh& mesh, std::uint32_t options, int precision);
 /// The same from a vertex/face mesh. Vertices and faces keep their order, and triangles at non-manifold
 /// edges are written too, because no half-edge mesh is built; faces whose vertices do not exist are left out.

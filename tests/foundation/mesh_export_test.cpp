@@ -74,6 +74,7 @@ TEST_F(Export, OpenMeshReadsBackEveryFormat) {
                                  {"plain.ply", MESH_WRITE_BINARY, false, false},
                                  {"text.off", all, true, true},
                                  {"upper.OBJ", all, true, false},
+                                 {"plain.obj", MESH_WRITE_BINARY, false, false},
                                  {"text.stl", all, false, false, true},
                                  {"binary.stl", all | MESH_WRITE_BINARY, false, false, true}}) {
         ASSERT_EQ(write_mesh(path(format.name), mesh, format.options, 9), 0) << format.name;
@@ -107,7 +108,7 @@ TEST_F(Export, OpenMeshReadsBackEveryFormat) {
         }
     }
     EXPECT_EQ(testing::internal::GetCapturedStderr(), "");
-    EXPECT_EQ(file_number(), 7u) << "nothing is left beside the files";
+    EXPECT_EQ(file_number(), 8u) << "nothing is left beside the files";
 }
 
 TEST_F(Export, KeepsOrderAndNonManifoldTrianglesAndDropsDeletedOnes) {

@@ -6,7 +6,8 @@ function(vexel_compiler_options target)
     set_target_properties(${target} PROPERTIES CXX_STANDARD 17 CXX_STANDARD_REQUIRED ON CXX_EXTENSIONS OFF
                                                POSITION_INDEPENDENT_CODE ON)
     if(MSVC)
-        target_compile_options(${target} PRIVATE /W4 /permissive- /utf-8 /fp:precise /bigobj)
+        # 4251 and 4275: exported classes have standard containers, Eigen's matrices and OpenMesh's kernel inside.
+        target_compile_options(${target} PRIVATE /W4 /wd4251 /wd4275 /permissive- /utf-8 /fp:precise /bigobj)
         target_compile_definitions(${target} PRIVATE NOMINMAX _CRT_SECURE_NO_WARNINGS)
     else()
         # No contraction: the same source gives the same numbers on every x86-64 processor.

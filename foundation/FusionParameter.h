@@ -26,9 +26,9 @@ struct FusionParameter {
 
     Vector3f colorOnInvaildPoint{0.5F, 0.5F, 0.5F};  ///< RGB in [0, 1] of points without a colour
 
-    /// Number of threads of the session's parallel loops, at least 1. With 1 results repeat bit by bit. This is
+    /// Number of threads of the session's parallel loops, 1 to 256. With 1 results repeat bit by bit. This is
     /// not the sub-sampling step of the ICP, which its own interface also calls a code number.
-    int codeNumSet = static_cast<int>(std::max(1U, std::thread::hardware_concurrency()));
+    int codeNumSet = static_cast<int>(std::clamp(std::thread::hardware_concurrency(), 1U, 256U));
 
     /// Usable region of the colour image, pixels: left, top, right, bottom; right and bottom lie just outside.
     Vector4i colorImageRange{0, 0, 1280, 1024};

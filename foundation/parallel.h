@@ -10,9 +10,12 @@
 
 namespace VexelAlgorithm {
 
-/// A configured thread number as a width for loops: at least 1, and no arena of absurd size.
+/// The widest arena that makes sense; larger thread numbers count as this one.
+constexpr int MaxThreads = 256;
+
+/// A configured thread number as a width for loops: at least 1, at most `MaxThreads`.
 inline int usable_threads(int threads) {
-    return std::clamp(threads, 1, 256);
+    return std::clamp(threads, 1, MaxThreads);
 }
 
 /// Runs `body(begin, end)` over pieces of [0, count) on at most `threads` workers, the calling thread

@@ -7,6 +7,7 @@
 #include <utility>
 
 #include "foundation/handle.h"
+#include "foundation/parallel.h"
 
 namespace VexelAlgorithm {
 namespace {
@@ -18,7 +19,6 @@ constexpr int MAX_ITERATIONS = 1000;
 constexpr int MIN_FINE_ITERATIONS = 4;
 constexpr int MAX_FUSION_RANGE = 63;  // a quarter of a million voxels a point
 constexpr int MAX_NORMAL_STEP = 64;
-constexpr int MAX_THREADS = 1024;
 constexpr double ROTATION_TOLERANCE = 1e-3;  // largest entry of R^T R - I
 
 class Findings {
@@ -176,7 +176,7 @@ std::vector<ParameterFinding> check_fusion_parameter(const FusionParameter& reco
         for (int i = 0; i < 3; ++i) {
             findings.within(Findings::indexed("colorOnInvaildPoint", i), record.colorOnInvaildPoint(i), 0.0, 1.0);
         }
-        findings.within("codeNumSet", record.codeNumSet, 1, MAX_THREADS);
+        findings.within("codeNumSet", record.codeNumSet, 1, MaxThreads);
         if (!has_color_camera(record.colorImageSize)) return;
         check_color_range(findings, record.colorImageRange, record.colorImageSize);
         check_color_camera_matrix(findings, record.colorImagePar);

@@ -212,6 +212,7 @@ TEST(RecordCheck, NamesTheWrongFieldOfFusionParameter) {
           },
           "colorOnInvaildPoint(2)"},
          {[](R& r) { r.codeNumSet = 0; }, "codeNumSet"},
+         {[](R& r) { r.codeNumSet = 257; }, "codeNumSet"},  // loops would clamp it
          {[](R& r) {
               r.colorImageRange = {-1, 5, 1281, 5};
           },

@@ -7,9 +7,10 @@
 // coordinates to model coordinates; model coordinates are the camera coordinates of the first frame of a scan. Voxel
 // (i, j, k) of a volume has its centre at shift + (i + 0.5, j + 0.5, k + 0.5) pointDis in model coordinates.
 //
-// Failures. No exception leaves the library. Most functions return a `RetVal`, of which only `RET_SUCCESS` is success,
-// or a bool; a function that creates returns null. A failure prints one line on standard output and leaves what it
-// was given as it was, unless its description says otherwise.
+// Failures. No exception leaves the library, but for std::bad_alloc and std::length_error from operations of the
+// geometry types that need memory, which behave as std::vector does. Most functions return a `RetVal`, of which only
+// `RET_SUCCESS` is success, or a bool; a function that creates returns null. A failure prints one line on standard
+// output and leaves what it was given as it was, unless its description says otherwise.
 //
 // Who frees what. Geometry types, records and volumes are values or ordinary objects of the caller and own their
 // arrays. A handle (`void*` from a function named `..._ini`) owns everything behind it and is given back to its

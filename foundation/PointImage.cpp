@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <array>
 #include <limits>
+#include <new>
 #include <utility>
 
 #include "foundation/archive.h"
@@ -73,11 +74,14 @@ void PointImage::ini(int width, int height) {
     _rt.set_identity();
     width = std::max(width, 0);
     height = std::max(height, 0);
-    if (slot_number(width, height) > maxSlots) {
+    try {
+        if (slot_number(width, height) > maxSlots) throw std::bad_alloc();
+        resize_vn(static_cast<std::size_t>(slot_number(width, height)));
+    } catch (const std::bad_alloc&) {
+        clear();
         print_line(format_text("a point image of %d x %d slots is too large", width, height));
         return;
     }
-    resize_vn(static_cast<std::size_t>(slot_number(width, height)));
     _width = width;
     _height = height;
 }

@@ -29,8 +29,8 @@ public:
     ~PointImage() override;
 
     /// Allocates width x height empty slots (negative sizes count as 0). Enabled attributes stay enabled and
-    /// are zeroed; the pose becomes the identity. More than 2^31 - 1 slots are refused with a line, and the
-    /// image then has none.
+    /// are zeroed; the pose becomes the identity. More than 2^31 - 1 slots, and more than there is memory for, are
+    /// refused with a line, and the image then has none.
     void ini(int width, int height);
     /// The same, and sets camera, sampling factor and view radial. Size and camera are those of the
     /// sub-sampled image.

@@ -80,10 +80,9 @@ inline std::vector<int> collect_valid_indices(const PointImage& frame) {
     return valid;
 }
 
-inline MeasuredPoint measure(const PointImage& frame, const FusionCone& cone, int index,
+inline MeasuredPoint measure(const PointImage& frame, const FusionCone& cone, int u, int v,
                              const std::vector<unsigned char>* labels) {
-    const auto i = static_cast<std::size_t>(index);
-    const int u = index % frame.get_image_width(), v = index / frame.get_image_width();
+    const std::size_t i = frame.index_of(u, v);
     return {frame.get_vCoord(i),
             frame.get_vNrv(i),
             frame.get_vWeight(i),
@@ -102,11 +101,15 @@ void integrate_image(VexelOctree::Octree<Leaf>& tree, const PointImage& frame, c
                      const std::vector<unsigned char>* labels) {
     parallel_ranges(threads, frame.get_vn(), PointsPerTask, [&](std::size_t begin, std::size_t end) {
         IntegrationWorker worker(integration);
+        const auto width = static_cast<std::size_t>(frame.get_image_width());
+        auto u = static_cast<int>(begin % width), v = static_cast<int>(begin / width);
         for (std::size_t slot = begin; slot < end; ++slot) {
-            if (!is_usable_point(frame.get_vCoord(slot), frame.get_vNrv(slot))) continue;
-            integrate_point(tree, integration, worker, measure(frame, cone, static_cast<int>(slot), labels),
-                            changedLeaves);
+            if (is_usable_point(frame.get_vCoord(slot), frame.get_vNrv(slot))) {
+                integrate_point(tree, integration, worker, measure(frame, cone, u, v, labels), changedLeaves);
+            }
+            if (++u == frame.get_image_width()) u = 0, ++v;
         }
+        finish_points(tree, integration, worker, changedLeaves);
     });
 }
 
@@ -213,15 +216,14 @@ void FusionTsdf<Leaf>::integrate_tsdfvolume_speckle(const PointImage& frame, con
         if (!rt.is_finite() || k >= validIndex.size() || !detail::is_positive(pointDis)) return;
         const int index = validIndex[static_cast<std::size_t>(k)];
         if (index < 0 || static_cast<std::size_t>(index) >= frame.get_vn()) return;
-        if (index % frame.get_image_width() >= _cone.get_width() ||
-            index / frame.get_image_width() >= _cone.get_height()) {
-            return;
-        }
-        const MeasuredPoint measured = detail::measure(frame, _cone, index, labels);
+        const int u = index % frame.get_image_width(), v = index / frame.get_image_width();
+        if (u >= _cone.get_width() || v >= _cone.get_height()) return;
+        const MeasuredPoint measured = detail::measure(frame, _cone, u, v, labels);
         if (!is_usable_point(measured.point_C, measured.normal_C)) return;
         const FrameIntegration integration(rt, get_treeShift(), pointDis, bound, _offsets, _cone.is_open(), fuse);
         IntegrationWorker worker(integration);
         integrate_point(_octree, integration, worker, measured, changedLeaves);
+        finish_points(_octree, integration, worker, changedLeaves);
     });
 }
 
@@ -255,10 +257,12 @@ bool FusionTsdf<Leaf>::integrate_tsdfvolume_cam_constrain_one_frame_parallel(con
         parallel_ranges(_threadNum, valid.size(), detail::PointsPerTask, [&](std::size_t begin, std::size_t end) {
             IntegrationWorker worker(integration);
             for (std::size_t k = begin; k < end; ++k) {
-                MeasuredPoint measured = detail::measure(frame, _cone, valid[k], nullptr);
+                const int width = frame.get_image_width();
+                MeasuredPoint measured = detail::measure(frame, _cone, valid[k] % width, valid[k] / width, nullptr);
                 measured.weight = weights[k];
                 integrate_point(_octree, integration, worker, measured, notWanted);
             }
+            finish_points(_octree, integration, worker, notWanted);
         });
         return true;
     });
@@ -352,6 +356,7 @@ void FusionTsdf<Leaf>::integrate_tsdfvolume(const Cloud& frame, const RigidMatri
                                  cone_around(camera, pixel.x(), pixel.y(), _smoothThreshold), 0, nullptr},
                                 notWanted);
             }
+            finish_points(_octree, integration, worker, notWanted);
         });
     });
 }

@@ -24,8 +24,8 @@ public:
     /// octets are remembered too: only for times when nobody creates leaves.
     template <class Tree>
     std::int32_t find(const Tree& tree, int x, int y, int z) {
-        Entry& entry = entry_of(x, y, z);
         const std::uint64_t key = key_of(x, y, z);
+        Entry& entry = entry_of(key);
         if (entry.key != key) {
             entry.base = tree.find_unit(x >> 1, y >> 1, z >> 1);
             entry.key = key;
@@ -37,8 +37,8 @@ public:
     template <class Tree>
     HWY_INLINE std::int32_t find_or_create(Tree& tree, int x, int y, int z) {
         if (!tree.is_inside(x, y, z)) return -1;
-        Entry& entry = entry_of(x, y, z);
         const std::uint64_t key = key_of(x, y, z);
+        Entry& entry = entry_of(key);
         if (entry.key != key && !create(tree, entry, key, x, y, z)) return -1;
         return entry.base + code(x, y, z);
     }
@@ -48,9 +48,9 @@ private:
         std::uint64_t key = ~std::uint64_t{0};
         std::int32_t base = -1;
     };
-    // 16 x 16 x 16 octets: more than the neighbourhood of one image row's stretch that a worker handles.
-    static constexpr int Bits = 4;
-    static constexpr std::size_t Size = std::size_t{1} << (3 * Bits);
+    // More than the octets that two image rows' stretch of a worker touch, which the next row asks for again.
+    static constexpr int Bits = 13;
+    static constexpr std::size_t Size = std::size_t{1} << Bits;
 
     // Out of line, so that hits inline.
     template <class Tree>
@@ -66,10 +66,9 @@ private:
         return static_cast<std::uint64_t>(x >> 1) | (static_cast<std::uint64_t>(y >> 1) << 21) |
                (static_cast<std::uint64_t>(z >> 1) << 42);
     }
-    Entry& entry_of(int x, int y, int z) {
-        constexpr int mask = (1 << Bits) - 1;
-        return _entries[static_cast<std::size_t>(((x >> 1) & mask) | (((y >> 1) & mask) << Bits) |
-                                                 (((z >> 1) & mask) << (2 * Bits)))];
+    // Fibonacci hashing: scatters an image row's octets, which lie on a line or a plane, over all entries.
+    Entry& entry_of(std::uint64_t key) {
+        return _entries[static_cast<std::size_t>((key * UINT64_C(0x9E3779B97F4A7C15)) >> (64 - Bits))];
     }
     static std::int32_t code(int x, int y, int z) { return (x & 1) + 2 * (y & 1) + 4 * (z & 1); }
 

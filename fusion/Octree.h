@@ -142,9 +142,8 @@ public:
         return _shift + (voxel.cast<float>() + Vector3f::Constant(0.5f)) * _pointDis;
     }
     bool is_inside(int x, int y, int z) const {
-        const auto size = static_cast<std::uint32_t>(get_size());
-        return static_cast<std::uint32_t>(x) < size && static_cast<std::uint32_t>(y) < size &&
-               static_cast<std::uint32_t>(z) < size;
+        // The size is a power of two: a coordinate that is negative or too large has a bit above all of it.
+        return static_cast<std::uint32_t>(x | y | z) < static_cast<std::uint32_t>(get_size());
     }
     /// The voxel of a leaf slot that has been handed out.
     Vector3i leaf_coordinates(std::int32_t leaf) const {

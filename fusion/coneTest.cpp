@@ -16,7 +16,7 @@ namespace hn = hwy::HWY_NAMESPACE;
 
 // Three loads, three additions, four products and four comparisons for each vector of voxels. Products are not
 // fused with the comparison's subtraction, so that every instruction set finds the same voxels.
-std::size_t cone_hits(const RotatedOffsets& offsets, const Vector3f& base, const PixelCone& cone, std::uint32_t* hits) {
+void find_inside(const RotatedOffsets& offsets, const Vector3f& base, const PixelCone& cone, std::uint64_t* inside) {
     const hn::CappedTag<float, RotatedOffsets::Padding> d;
     const std::size_t lanes = hn::Lanes(d);
     const auto baseX = hn::Set(d, base.x());
@@ -27,20 +27,22 @@ std::size_t cone_hits(const RotatedOffsets& offsets, const Vector3f& base, const
     const auto top = hn::Set(d, cone.top);
     const auto bottom = hn::Set(d, cone.bottom);
 
-    std::size_t found = 0;
-    for (std::size_t i = 0; i < offsets.padded_size(); i += lanes) {
-        const auto x = hn::Add(hn::LoadU(d, offsets.x() + i), baseX);
-        const auto y = hn::Add(hn::LoadU(d, offsets.y() + i), baseY);
-        const auto z = hn::Add(hn::LoadU(d, offsets.z() + i), baseZ);
-        const auto insideX = hn::And(hn::Ge(x, hn::Mul(left, z)), hn::Le(x, hn::Mul(right, z)));
-        const auto insideY = hn::And(hn::Ge(y, hn::Mul(top, z)), hn::Le(y, hn::Mul(bottom, z)));
-        std::uint64_t bits = 0;
-        hn::StoreMaskBits(d, hn::And(insideX, insideY), reinterpret_cast<std::uint8_t*>(&bits));
-        for (; bits != 0; bits &= bits - 1) {
-            hits[found++] = static_cast<std::uint32_t>(i + hwy::Num0BitsBelowLS1Bit_Nonzero64(bits));
+    for (std::size_t first = 0; first < offsets.padded_size(); first += 64) {
+        std::uint64_t word = 0;
+        for (std::size_t i = 0; i < 64; i += lanes) {
+            const auto x = hn::Add(hn::LoadU(d, offsets.x() + first + i), baseX);
+            const auto y = hn::Add(hn::LoadU(d, offsets.y() + first + i), baseY);
+            const auto z = hn::Add(hn::LoadU(d, offsets.z() + first + i), baseZ);
+            const auto insideX = hn::And(hn::Ge(x, hn::Mul(left, z)), hn::Le(x, hn::Mul(right, z)));
+            const auto insideY = hn::And(hn::Ge(y, hn::Mul(top, z)), hn::Le(y, hn::Mul(bottom, z)));
+            std::uint8_t bytes[8];
+            hn::StoreMaskBits(d, hn::And(insideX, insideY), bytes);
+            for (std::size_t lane = 0; lane < lanes; lane += 8) {
+                word |= static_cast<std::uint64_t>(bytes[lane / 8]) << (i + lane);
+            }
         }
+        inside[first / 64] = word;
     }
-    return found;
 }
 
 }  // namespace HWY_NAMESPACE
@@ -52,12 +54,12 @@ HWY_AFTER_NAMESPACE();
 namespace VexelAlgorithm {
 namespace Fusion {
 
-HWY_EXPORT(cone_hits);
+HWY_EXPORT(find_inside);
 
 ConeTest best_cone_test() {
     // Taking the address does not detect the processor, as a call would; so that comes first.
     hwy::GetChosenTarget().Update(hwy::SupportedTargets());
-    return &HWY_DYNAMIC_DISPATCH(cone_hits);
+    return &HWY_DYNAMIC_DISPATCH(find_inside);
 }
 
 RotatedOffsets::RotatedOffsets(const OffsetCube& cube, const Matrix3d& cameraToModel) : _count(cube.voxels.size()) {

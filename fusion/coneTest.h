@@ -22,6 +22,7 @@ public:
     std::size_t size() const { return _count; }
     /// Padded with NaN, which lies in no cone, to a multiple of `Padding`.
     std::size_t padded_size() const { return _x.size(); }
+    std::size_t word_count() const { return padded_size() / 64; }
     const float* x() const { return _x.data(); }
     const float* y() const { return _y.data(); }
     const float* z() const { return _z.data(); }
@@ -33,12 +34,12 @@ private:
     std::vector<float> _x, _y, _z;
 };
 
-/// Writes to `hits` (room for `offsets.size()`) the indices, ascending, of the offsets for which base + offset
-/// lies inside the cone; `base` in camera coordinates. Returns their number.
-using ConeTest = std::size_t (*)(const RotatedOffsets& offsets, const Vector3f& base, const PixelCone& cone,
-                                 std::uint32_t* hits);
+/// Writes one bit an offset to `inside` (`offsets.word_count()` words, lowest bit first): whether base + offset lies
+/// inside the cone; `base` in camera coordinates.
+using ConeTest = void (*)(const RotatedOffsets& offsets, const Vector3f& base, const PixelCone& cone,
+                          std::uint64_t* inside);
 
-/// The implementation for the widest vectors of this processor. All give the same indices.
+/// The implementation for the widest vectors of this processor. All give the same bits.
 ConeTest best_cone_test();
 
 }  // namespace Fusion

@@ -1,9 +1,13 @@
 // What one measured point contributes to the volume.
 #pragma once
 
+#include <hwy/base.h>
+#include <hwy/cache_control.h>
+
 #include <cmath>
 #include <cstdint>
 #include <mutex>
+#include <utility>
 #include <vector>
 
 #include "foundation/RigidMatrix.h"
@@ -47,36 +51,63 @@ struct FrameIntegration {
 struct MeasuredPoint {
     Vector3f point_C;
     Vector3f normal_C;
-    float weight;
-    PixelCone cone;
-    int label;              ///< 0: none
-    const Vector3f* color;  ///< null: none
+    float weight = 0.0f;
+    PixelCone cone{};
+    int label = 0;                    ///< 0: none
+    const Vector3f* color = nullptr;  ///< null: none
 };
 
-/// What a worker keeps from point to point.
+/// One voxel's share of a measured point.
+struct LeafUpdate {
+    std::int32_t leaf;
+    Vector3i voxel;
+    float d;
+    bool nearSurface;
+};
+
+/// A point and the leaves that it updates.
+struct PointUpdates {
+    MeasuredPoint measured;
+    std::vector<LeafUpdate> leaves;
+    std::size_t count = 0;
+};
+
+/// What a worker keeps from point to point. The updates of a point wait until those of the next one are known:
+/// meanwhile the leaf records come into the processor's cache, where each lock would stop for its own.
 struct IntegrationWorker {
-    explicit IntegrationWorker(const FrameIntegration& frame) : hits(frame.cube.voxels.size() + 1) {}
+    explicit IntegrationWorker(const FrameIntegration& frame) : inside(frame.offsets_C.word_count()) {
+        const std::size_t offsetCount = frame.cube.voxels.size();
+        current.leaves.resize(offsetCount);
+        waiting.leaves.resize(offsetCount);
+        // A cone without sides leaves nothing out.
+        for (std::size_t k = 0; frame.openCone && k < offsetCount; ++k) inside[k / 64] |= std::uint64_t{1} << (k % 64);
+    }
 
     OctetCache cache;
-    std::vector<std::uint32_t> hits;
+    std::vector<std::uint64_t> inside;  // a bit an offset
+    PointUpdates current, waiting;
 };
 
 /// A point and normal that integration can use: finite, neither z below 1e-6 in size.
 inline bool is_usable_point(const Vector3f& point_C, const Vector3f& normal_C) {
-    return std::abs(point_C.z()) >= 1e-6f && std::abs(normal_C.z()) >= 1e-6f && point_C.allFinite() &&
-           normal_C.allFinite();
+    // Zero times a number is NaN unless the number is finite.
+    const float zero = 0.0f * point_C.x() + 0.0f * point_C.y() + 0.0f * point_C.z() + 0.0f * normal_C.x() +
+                       0.0f * normal_C.y() + 0.0f * normal_C.z();
+    return std::abs(point_C.z()) >= 1e-6f && std::abs(normal_C.z()) >= 1e-6f && zero == 0.0f;
 }
 
-/// The offsets whose voxels lie inside the point's cone, into worker.hits; `base_V` is the centre of the base
+/// The offsets whose voxels lie inside the point's cone, into worker.inside; `base_V` is the centre of the base
 /// voxel relative to the shift.
-inline std::size_t find_cone_voxels(const FrameIntegration& frame, const Vector3f& base_V, const PixelCone& cone,
-                                    IntegrationWorker& worker) {
-    if (frame.openCone) {
-        for (std::size_t i = 0; i < frame.cube.voxels.size(); ++i) worker.hits[i] = static_cast<std::uint32_t>(i);
-        return frame.cube.voxels.size();
-    }
-    const Vector3f base_C = frame.modelToCamera * (base_V - frame.origin_V);
-    return frame.coneTest(frame.offsets_C, base_C, cone, worker.hits.data());
+inline void find_cone_voxels(const FrameIntegration& frame, const Vector3f& base_V, const PixelCone& cone,
+                             IntegrationWorker& worker) {
+    const Matrix3f& rotation = frame.modelToCamera;
+    const float x = base_V.x() - frame.origin_V.x();
+    const float y = base_V.y() - frame.origin_V.y();
+    const float z = base_V.z() - frame.origin_V.z();
+    const Vector3f base_C(rotation(0, 0) * x + (rotation(0, 1) * y + rotation(0, 2) * z),
+                          rotation(1, 0) * x + (rotation(1, 1) * y + rotation(1, 2) * z),
+                          rotation(2, 0) * x + (rotation(2, 1) * y + rotation(2, 2) * z));
+    frame.coneTest(frame.offsets_C, base_C, cone, worker.inside.data());
 }
 
 /// Adds one contribution to a leaf, or takes it away, under the leaf's lock. True when the leaf became changed.
@@ -107,8 +138,22 @@ bool contribute(VexelOctree::Octree<Leaf>& tree, std::int32_t index, const Vecto
     return false;
 }
 
+/// Writes the updates that wait.
+template <class Leaf>
+void finish_points(VexelOctree::Octree<Leaf>& tree, const FrameIntegration& frame, IntegrationWorker& worker,
+                   ChangedLeaves& changedLeaves) {
+    PointUpdates& updates = worker.waiting;
+    for (std::size_t i = 0; i < updates.count; ++i) {
+        const LeafUpdate& update = updates.leaves[i];
+        if (contribute(tree, update.leaf, update.voxel, updates.measured, update.d, frame.fuse, update.nearSurface)) {
+            changedLeaves.push_back(update.leaf);
+        }
+    }
+    updates.count = 0;
+}
+
 /// Integrates one point: every voxel of the cube around it that lies in the cone of its pixel receives its
-/// signed distance from the point along the point's normal.
+/// signed distance from the point along the point's normal. `finish_points` after the last point.
 template <class Leaf>
 void integrate_point(VexelOctree::Octree<Leaf>& tree, const FrameIntegration& frame, IntegrationWorker& worker,
                      const MeasuredPoint& measured, ChangedLeaves& changedLeaves) {
@@ -117,11 +162,15 @@ void integrate_point(VexelOctree::Octree<Leaf>& tree, const FrameIntegration& fr
     if (!(measured.weight >= 1e-6f) || !std::isfinite(measured.weight)) return;
 
     const Vector3f point_V = frame.rt * measured.point_C - frame.shift;
-    const Vector3f q = point_V / frame.pointDis;
+    const Vector3f q(point_V.x() / frame.pointDis, point_V.y() / frame.pointDis, point_V.z() / frame.pointDis);
     // Three voxels stay free at every face; compared before the conversion, which NaN would not survive.
-    if (!(q.minCoeff() >= 3.0f && q.maxCoeff() < frame.bound)) return;
-    const Vector3i base = q.cast<int>();
-    const Vector3f base_V = (base.cast<float>() + Vector3f::Constant(0.5f)) * frame.pointDis;
+    const bool isInside = q.x() >= 3.0f && q.y() >= 3.0f && q.z() >= 3.0f && q.x() < frame.bound &&
+                          q.y() < frame.bound && q.z() < frame.bound;
+    if (!isInside) return;
+    const Vector3i base(static_cast<int>(q.x()), static_cast<int>(q.y()), static_cast<int>(q.z()));
+    const Vector3f base_V((static_cast<float>(base.x()) + 0.5f) * frame.pointDis,
+                          (static_cast<float>(base.y()) + 0.5f) * frame.pointDis,
+                          (static_cast<float>(base.z()) + 0.5f) * frame.pointDis);
 
     const Vector3f normal_M = frame.rt.transform_normal(measured.normal_C);
     const bool facesDown = normal_M.minCoeff() < 0.0f;
@@ -129,17 +178,24 @@ void integrate_point(VexelOctree::Octree<Leaf>& tree, const FrameIntegration& fr
     const float baseDistance = (base_V - point_V).dot(normal_M);
 
     worker.cache.find_or_create(tree, base.x(), base.y(), base.z());
-    const std::size_t hits = find_cone_voxels(frame, base_V, measured.cone, worker);
-    for (std::size_t i = 0; i < hits; ++i) {
-        const std::uint32_t k = worker.hits[i];
-        const Vector3i voxel = base + frame.cube.voxels[k];
-        const std::int32_t leaf = worker.cache.find_or_create(tree, voxel.x(), voxel.y(), voxel.z());
-        if (leaf < 0) continue;
-        const float d = baseDistance + frame.cube.offsets[k].dot(normal_M);
-        const bool nearSurface =
-            std::abs(d) < 2.0f * frame.pointDis && ((d > 0.0f && facesDown) || (d < 0.0f && facesUp));
-        if (contribute(tree, leaf, voxel, measured, d, frame.fuse, nearSurface)) changedLeaves.push_back(leaf);
+    if (!frame.openCone) find_cone_voxels(frame, base_V, measured.cone, worker);
+    PointUpdates& updates = worker.current;
+    updates.measured = measured;
+    for (std::size_t word = 0; word < worker.inside.size(); ++word) {
+        for (std::uint64_t bits = worker.inside[word]; bits != 0; bits &= bits - 1) {
+            const std::size_t k = 64 * word + hwy::Num0BitsBelowLS1Bit_Nonzero64(bits);
+            const Vector3i voxel = base + frame.cube.voxels[k];
+            const std::int32_t leaf = worker.cache.find_or_create(tree, voxel.x(), voxel.y(), voxel.z());
+            if (leaf < 0) continue;
+            hwy::Prefetch(&tree.leaf_at(leaf));
+            const float d = baseDistance + frame.cube.offsets[k].dot(normal_M);
+            const bool nearSurface =
+                std::abs(d) < 2.0f * frame.pointDis && ((d > 0.0f && facesDown) || (d < 0.0f && facesUp));
+            updates.leaves[updates.count++] = {leaf, voxel, d, nearSurface};
+        }
     }
+    finish_points(tree, frame, worker, changedLeaves);
+    std::swap(worker.current, worker.waiting);
 }
 
 }  // namespace Fusion

@@ -18,6 +18,59 @@ namespace Fusion {
 using VoxelPosition = Eigen::Array4f;
 using VoxelIndex = Eigen::Array4i;
 
+/// Where model coordinates lie in the volume.
+class VoxelFrame {
+public:
+    template <class Tree>
+    explicit VoxelFrame(const Tree& tree)
+        : _shift(tree.get_shift().x(), tree.get_shift().y(), tree.get_shift().z(), 0.0f),
+          _pointDis(tree.get_pointDis()),
+          _sampleEnd(static_cast<float>(tree.get_size() - 2)) {}
+
+    VoxelPosition in_voxels(const VoxelPosition& point) const { return (point - _shift) / _pointDis; }
+    const VoxelPosition& shift() const { return _shift; }
+    float pointDis() const { return _pointDis; }
+    /// Whether 1 <= q < size - 2 on all axes: one voxel narrower at the top than the volume, so that trilinear
+    /// samples have their eight voxels. False for NaN.
+    bool is_in_sample_range(const VoxelPosition& q) const {
+        return q[0] >= 1.0f && q[1] >= 1.0f && q[2] >= 1.0f && q[0] < _sampleEnd && q[1] < _sampleEnd &&
+               q[2] < _sampleEnd;
+    }
+
+private:
+    VoxelPosition _shift;
+    float _pointDis;
+    float _sampleEnd;
+};
+
+/// Along one axis, the voxel whose centre lies below a position and how far the position lies above that centre.
+/// No branches: which half of a voxel is hit is a coin toss.
+struct CentreBelow {
+    HWY_INLINE explicit CentreBelow(float q) : voxel(static_cast<int>(q)) {
+        f = q - (static_cast<float>(voxel) + 0.5f);
+        const int below = f < 0.0f ? 1 : 0;
+        voxel -= below;
+        f += static_cast<float>(below);
+    }
+
+    int voxel;
+    float f;
+};
+
+/// The trilinear blend of eight values, x changing fastest; NaN when one of them is empty (below 1e-6 in size).
+HWY_INLINE float blend_corners(float c000, float c100, float c010, float c110, float c001, float c101, float c011,
+                               float c111, float fx, float fy, float fz) {
+    const float smallest0 =
+        std::min(std::min(std::abs(c000), std::abs(c100)), std::min(std::abs(c010), std::abs(c110)));
+    const float smallest1 =
+        std::min(std::min(std::abs(c001), std::abs(c101)), std::min(std::abs(c011), std::abs(c111)));
+    if (!(std::min(smallest0, smallest1) >= 1e-6f)) return std::numeric_limits<float>::quiet_NaN();
+    const auto blend = [](float a, float b, float t) { return a * (1.0f - t) + b * t; };
+    const float y0 = blend(blend(c000, c100, fx), blend(c010, c110, fx), fy);
+    const float y1 = blend(blend(c001, c101, fx), blend(c011, c111, fx), fy);
+    return blend(y0, y1, fz);
+}
+
 /// Reads a volume that nobody changes meanwhile. One reader a worker.
 ///
 /// Samples come in neighbourhoods, so the reader keeps the eight values of each octet that it has met in a
@@ -28,27 +81,17 @@ class FieldReader {
 public:
     using Tree = VexelOctree::Octree<Leaf>;
 
-    explicit FieldReader(const Tree& tree)
-        : _tree(tree),
-          _shift(tree.get_shift().x(), tree.get_shift().y(), tree.get_shift().z(), 0.0f),
-          _pointDis(tree.get_pointDis()),
-          _sampleEnd(static_cast<float>(tree.get_size() - 2)),
-          _octets(new Octet[CacheSize]) {}
+    explicit FieldReader(const Tree& tree) : _tree(tree), _frame(tree), _octets(new Octet[CacheSize]) {}
 
     const Tree& tree() const { return _tree; }
-    const VoxelPosition& shift() const { return _shift; }
-    float pointDis() const { return _pointDis; }
+    const VoxelPosition& shift() const { return _frame.shift(); }
+    float pointDis() const { return _frame.pointDis(); }
 
-    VoxelPosition in_voxels(const VoxelPosition& point) const { return (point - _shift) / _pointDis; }
+    VoxelPosition in_voxels(const VoxelPosition& point) const { return _frame.in_voxels(point); }
     VoxelPosition in_voxels(const Vector3f& point) const {
         return in_voxels(VoxelPosition(point.x(), point.y(), point.z(), 0.0f));
     }
-    /// Whether 1 <= q < size - 2 on all axes: one voxel narrower at the top than the volume, so that trilinear
-    /// samples have their eight voxels. False for NaN.
-    bool is_in_sample_range(const VoxelPosition& q) const {
-        return q[0] >= 1.0f && q[1] >= 1.0f && q[2] >= 1.0f && q[0] < _sampleEnd && q[1] < _sampleEnd &&
-               q[2] < _sampleEnd;
-    }
+    bool is_in_sample_range(const VoxelPosition& q) const { return _frame.is_in_sample_range(q); }
 
     /// The value of a voxel inside the volume; 0 for a missing leaf, an unused one and one without weight.
     HWY_INLINE float value(int x, int y, int z) {
@@ -65,26 +108,14 @@ public:
     /// Trilinear sample at a position in voxels. NaN within a voxel or so of the volume's faces and where one of
     /// the eight voxels around the position is missing or empty (below 1e-6 in size).
     float trilinear(const VoxelPosition& q) {
-        constexpr float none = std::numeric_limits<float>::quiet_NaN();
-        if (!is_in_sample_range(q)) return none;
-        // On each axis the voxel whose centre lies below the position, how far the position lies above that centre,
-        // and where the two voxels of the axis are found. No branches: which half of a voxel is hit is a coin toss.
-        const Axis<0> x(q[0]);
-        const Axis<1> y(q[1]);
-        const Axis<2> z(q[2]);
-        const float c000 = corner<0, 0, 0>(x, y, z), c100 = corner<1, 0, 0>(x, y, z);
-        const float c010 = corner<0, 1, 0>(x, y, z), c110 = corner<1, 1, 0>(x, y, z);
-        const float c001 = corner<0, 0, 1>(x, y, z), c101 = corner<1, 0, 1>(x, y, z);
-        const float c011 = corner<0, 1, 1>(x, y, z), c111 = corner<1, 1, 1>(x, y, z);
-        const float smallest0 =
-            std::min(std::min(std::abs(c000), std::abs(c100)), std::min(std::abs(c010), std::abs(c110)));
-        const float smallest1 =
-            std::min(std::min(std::abs(c001), std::abs(c101)), std::min(std::abs(c011), std::abs(c111)));
-        if (!(std::min(smallest0, smallest1) >= 1e-6f)) return none;
-        const auto blend = [](float a, float b, float t) { return a * (1.0f - t) + b * t; };
-        const float y0 = blend(blend(c000, c100, x.f), blend(c010, c110, x.f), y.f);
-        const float y1 = blend(blend(c001, c101, x.f), blend(c011, c111, x.f), y.f);
-        return blend(y0, y1, z.f);
+        if (!is_in_sample_range(q)) return std::numeric_limits<float>::quiet_NaN();
+        const CentreBelow belowX(q[0]), belowY(q[1]), belowZ(q[2]);
+        const Axis<0> x(belowX.voxel);
+        const Axis<1> y(belowY.voxel);
+        const Axis<2> z(belowZ.voxel);
+        return blend_corners(corner<0, 0, 0>(x, y, z), corner<1, 0, 0>(x, y, z), corner<0, 1, 0>(x, y, z),
+                             corner<1, 1, 0>(x, y, z), corner<0, 0, 1>(x, y, z), corner<1, 0, 1>(x, y, z),
+                             corner<0, 1, 1>(x, y, z), corner<1, 1, 1>(x, y, z), belowX.f, belowY.f, belowZ.f);
     }
     float trilinear(const Vector3f& point) { return trilinear(in_voxels(point)); }
 
@@ -107,15 +138,10 @@ private:
         return static_cast<std::uint64_t>(static_cast<std::uint32_t>(coordinate) >> 1) << (Axis * 21);
     }
 
-    /// The two voxels between whose centres a coordinate lies.
+    /// Where two successive voxels of one axis are found.
     template <int N>
     struct Axis {
-        HWY_INLINE explicit Axis(float q) {
-            int low = static_cast<int>(q);
-            f = q - (static_cast<float>(low) + 0.5f);
-            const int below = f < 0.0f ? 1 : 0;
-            low -= below;
-            f += static_cast<float>(below);
+        HWY_INLINE explicit Axis(int low) {
             for (int i = 0; i < 2; ++i) {
                 slot[i] = axis_slot<N>(low + i);
                 key[i] = axis_key<N>(low + i);
@@ -123,7 +149,6 @@ private:
             }
         }
 
-        float f;
         std::uint32_t slot[2];
         std::uint64_t key[2];
         int code[2];
@@ -157,9 +182,7 @@ private:
     }
 
     const Tree& _tree;
-    VoxelPosition _shift;
-    float _pointDis;
-    float _sampleEnd;
+    VoxelFrame _frame;
     std::unique_ptr<Octet[]> _octets;
 };
 

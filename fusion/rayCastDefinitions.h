@@ -16,12 +16,13 @@ namespace VexelAlgorithm {
 namespace Fusion {
 namespace detail {
 
-template <class Leaf, class Body>
-void for_each_slot(const FusionTsdf<Leaf>& volume, const PointImage& image, const Body& body) {
+/// Runs a kernel over the tiles of an image. `Source` is what the kernel's worker state is made from.
+template <class Kernel, class Source>
+void for_each_tile(int threads, const PointImage& image, const Kernel& kernel, const Source& source) {
     const ImageTiles tiles(image.get_image_width(), image.get_image_height());
-    parallel_ranges(volume.get_code_Num(), tiles.count(), 1, [&](std::size_t begin, std::size_t end) {
-        FieldReader<Leaf> field(volume.get_fusion_tree());
-        tiles.for_each_slot(begin, end, [&](int x, int y, std::size_t slot) { body(field, x, y, slot); });
+    parallel_ranges(threads, tiles.count(), 1, [&](std::size_t begin, std::size_t end) {
+        typename Kernel::Worker worker(source);
+        for (std::size_t i = begin; i < end; ++i) kernel(worker, tiles[i]);
     });
 }
 
@@ -49,13 +50,13 @@ int rayCast(const FusionTsdf<Leaf>& volume, const PointImage& guide, const Rigid
 
         result.enable_vNormal();
         const rayCastPoint<Leaf> castPoint(volume, guide, pose, result, guided, nearFar, intervalFactor);
-        detail::for_each_slot(volume, result, castPoint);
+        detail::for_each_tile(volume.get_code_Num(), result, castPoint, volume.get_fusion_tree());
         result.set_rt(pose);
         if (normals.fromImage) {
             result.update_VNrv(normals.step, normals.step + 1, normals.distance);
         } else {
             const rayCastNormal<Leaf> castNormal(volume, pose, result, normals.distance);
-            detail::for_each_slot(volume, result, castNormal);
+            detail::for_each_tile(volume.get_code_Num(), result, castNormal, volume.get_fusion_tree());
         }
         return RET_SUCCESS;
     });

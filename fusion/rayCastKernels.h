@@ -9,6 +9,7 @@
 #include "foundation/PointImage.h"
 #include "fusion/FieldReader.h"
 #include "fusion/FusionTsdf.h"
+#include "fusion/ImageTiles.h"
 
 namespace VexelAlgorithm {
 namespace Fusion {
@@ -55,6 +56,12 @@ private:
 template <class Leaf>
 class rayCastPoint {
 public:
+    struct Ray {
+        VoxelPosition direction;  // unit, model coordinates
+        float start, end;         // interval of ray lengths, mm
+        std::size_t slot;
+    };
+
     rayCastPoint(const FusionTsdf<Leaf>& volume, const PointImage& guide, const RigidMatrix& pose, PointImage& result,
                  bool guided, const Vector2f& nearFar, float intervalFactor)
         : _tree(volume.get_fusion_tree()),
@@ -70,35 +77,95 @@ public:
           _validEnd(static_cast<float>(_tree.get_size() - 2)),
           _skipMargin(0.01f + static_cast<float>(_tree.get_size()) * 4.0f * std::numeric_limits<float>::epsilon()) {}
 
-    void operator()(FieldReader<Leaf>& field, int x, int y, std::size_t slot) const {
-        _result.set_vCoord(slot, Vector3f::Zero());
-        Ray ray{_rays.direction(x, y), 0.0f, 0.0f};
-        if (!find_interval(field, slot, ray)) return;
-        float crossing = 0.0f;
-        if (march(field, ray, 0, crossing)) refine(field, ray, crossing, slot);
+    /// What a worker keeps from tile to tile.
+    using Worker = FieldReader<Leaf>;
+
+    /// Casts the rays of a tile's slots.
+    void operator()(Worker& field, const ImageTile& tile) const {
+        tile.for_each_pixel([&](int x, int y) { _result.set_vCoord(_result.index_of(x, y), Vector3f::Zero()); });
+        if (!_guided) {
+            cast_from_afar(field, tile, 0.0f);
+            return;
+        }
+        tile.for_each_pixel([&](int x, int y) {
+            Ray ray{_rays.direction(x, y), 0.0f, 0.0f, _result.index_of(x, y)};
+            if (find_guided_interval(ray)) cast(field, ray, 0);
+        });
     }
 
 private:
-    struct Ray {
-        VoxelPosition direction;  // unit, model coordinates
-        float start, end;         // interval of ray lengths, mm
-    };
-
     VoxelPosition at(const Ray& ray, float t) const { return _origin + t * ray.direction; }
+    float length_at(const Ray& ray, int n) const { return ray.start + static_cast<float>(n) * _step; }
 
-    bool find_interval(const FieldReader<Leaf>& field, std::size_t slot, Ray& ray) const {
-        if (_guided) {
-            const Vector3f& seen = _guide.get_vCoord(slot);
-            if (!(seen.z() >= 1e-5f)) return false;
-            const float distance = seen.norm();
-            ray.start = distance - _halfInterval;
-            ray.end = distance + _halfInterval;
-        } else {
-            ray.start = _nearFar.x();
-            ray.end = _nearFar.y();
-            clip_to_volume(field, ray);
-        }
+    bool find_guided_interval(Ray& ray) const {
+        const Vector3f& seen = _guide.get_vCoord(ray.slot);
+        if (!(seen.z() >= 1e-5f)) return false;
+        const float distance = seen.norm();
+        ray.start = distance - _halfInterval;
+        ray.end = distance + _halfInterval;
         return ray.start <= ray.end;
+    }
+
+    /// A beam around all rays of the tile is followed as far as it meets nothing, then those of its quarters, then
+    /// the rays alone (S. Laine and T. Karras, "Efficient sparse voxel octrees", I3D 2010). Up to `freeLength` the
+    /// beam is known to be free.
+    void cast_from_afar(Worker& field, const ImageTile& tile, float freeLength) const {
+        freeLength = follow_beam(field, tile, freeLength);
+        if (tile.is_wider_than(SmallestTile)) {
+            for_each_quarter(tile, [&](const ImageTile& quarter) { cast_from_afar(field, quarter, freeLength); });
+            return;
+        }
+        tile.for_each_pixel([&](int x, int y) {
+            Ray ray{_rays.direction(x, y), _nearFar.x(), _nearFar.y(), _result.index_of(x, y)};
+            clip_to_volume(field, ray);
+            if (!(ray.start <= ray.end) || freeLength > ray.end) return;
+            // The samples before this one lie in the free part.
+            const float freeSamples = std::min((freeLength - ray.start) / _step - 1.0f, 1e7f);
+            cast(field, ray, freeSamples > 0.0f ? static_cast<int>(freeSamples) : 0);
+        });
+    }
+
+    /// The ray length, not below `from`, up to which no ray of the tile meets a filled cell of the top grid.
+    float follow_beam(const FieldReader<Leaf>& field, const ImageTile& tile, float from) const {
+        const VoxelPosition corners[4] = {_rays.direction(tile.x0, tile.y0), _rays.direction(tile.x1 - 1, tile.y0),
+                                          _rays.direction(tile.x0, tile.y1 - 1),
+                                          _rays.direction(tile.x1 - 1, tile.y1 - 1)};
+        const VoxelPosition centre = 0.25f * (corners[0] + corners[1] + corners[2] + corners[3]);
+        float spread = 0.0f;  // radius of the beam per ray length
+        for (const VoxelPosition& corner : corners)
+            spread = std::max(spread, (corner - centre).head<3>().matrix().norm());
+        // Unit directions bulge between the corners, by less than the square of their distance.
+        spread += spread * spread;
+
+        const float pointDis = field.pointDis();
+        float free = std::max(from, 0.0f);
+        for (float stride = 64.0f * pointDis; stride > pointDis && free < _nearFar.y();) {
+            const float next = free + stride;
+            const VoxelPosition a = field.in_voxels(VoxelPosition(_origin + free * centre));
+            const VoxelPosition b = field.in_voxels(VoxelPosition(_origin + next * centre));
+            const float reach = next * spread / pointDis + 1.0f;
+            if (is_box_empty(a.min(b) - reach, a.max(b) + reach)) {
+                free = next;
+            } else {
+                stride *= 0.5f;
+            }
+        }
+        return free;
+    }
+
+    bool is_box_empty(const VoxelPosition& low, const VoxelPosition& high) const {
+        // Clamped before the conversion; a NaN counts as filled.
+        const float end = _validEnd + 2.0f;
+        if (!((low == low).all() && (high == high).all())) return false;
+        const auto voxel = [&](const VoxelPosition& q) {
+            return Vector3i(q.max(-1.0f).min(end).floor().template head<3>().template cast<int>());
+        };
+        return _tree.is_box_empty(voxel(low), voxel(high));
+    }
+
+    void cast(FieldReader<Leaf>& field, const Ray& ray, int firstSample) const {
+        float crossing = 0.0f;
+        if (march(field, ray, firstSample, crossing)) refine(field, ray, crossing);
     }
 
     /// Moves the start forward to where the ray enters the box of valid positions (slab test), a hundredth of a
@@ -160,8 +227,6 @@ private:
         int x[Length], y[Length], z[Length];
     };
 
-    float length_at(const Ray& ray, int n) const { return ray.start + static_cast<float>(n) * _step; }
-
     /// Fills the run with the samples from n on; returns how many of them are valid before the first that is not.
     int read_run(const FieldReader<Leaf>& field, const Ray& ray, int n, SampleRun& run) const {
         const VoxelPosition shift = field.shift();
@@ -219,29 +284,31 @@ private:
 
     /// Trilinear samples around the crossing: it may lie one step further or one step before the place where
     /// the nearest voxels' values changed their sign.
-    void refine(FieldReader<Leaf>& field, const Ray& ray, float t, std::size_t slot) const {
+    void refine(FieldReader<Leaf>& field, const Ray& ray, float t) const {
         const float s = _step;
         const auto sample = [&](float length) { return field.trilinear(field.in_voxels(at(ray, length))); };
         // Comparisons with NaN are false, so a missing sample ends each case.
         const float after = sample(t + s);
         if (after > 0.0f) {
             const float next = sample(t + 2.0f * s);
-            if (next < 0.0f && write(ray, (t + s) + s * after / (after - next), slot)) return;
+            if (next < 0.0f && write(ray, (t + s) + s * after / (after - next))) return;
         }
         const float before = sample(t);
         if (before < 0.0f) {
             const float back = sample(t - s);
-            if (back > 0.0f && write(ray, (t - s) + s * back / (back - before), slot)) return;
+            if (back > 0.0f && write(ray, (t - s) + s * back / (back - before))) return;
         }
-        if (before > 0.0f && after < 0.0f) write(ray, t + s * before / (before - after), slot);
+        if (before > 0.0f && after < 0.0f) write(ray, t + s * before / (before - after));
     }
 
-    bool write(const Ray& ray, float t, std::size_t slot) const {
+    bool write(const Ray& ray, float t) const {
         const VoxelPosition point = at(ray, t);
         if (std::isnan(point[0])) return false;
-        _result.set_vCoord(slot, Vector3f(point[0], point[1], point[2]));
+        _result.set_vCoord(ray.slot, Vector3f(point[0], point[1], point[2]));
         return true;
     }
+
+    static constexpr int SmallestTile = 8;
 
     const VexelOctree::Octree<Leaf>& _tree;
     const PointImage& _guide;
@@ -266,8 +333,16 @@ public:
           _result(result),
           _reach(std::isfinite(distance) && distance > 0.0f ? distance : volume.get_pointDis()) {}
 
-    /// Zero where the field is not known on both sides of the point along some axis.
-    void operator()(FieldReader<Leaf>& field, int, int, std::size_t slot) const {
+    /// Makes the normals of a tile's slots: zero where the field is not known on both sides of the point along some
+    /// axis.
+    using Worker = FieldReader<Leaf>;
+
+    void operator()(Worker& field, const ImageTile& tile) const {
+        tile.for_each_pixel([&](int x, int y) { make_normal(field, _result.index_of(x, y)); });
+    }
+
+private:
+    void make_normal(Worker& field, std::size_t slot) const {
         _result.set_vNrv(slot, Vector3f::Zero());
         if (!_result.has_point(slot)) return;
         const Vector3f& point = _result.get_vCoord(slot);
@@ -282,7 +357,6 @@ public:
         _result.set_vNrv(slot, normal.dot(_camera - point) < 0.0f ? Vector3f(-normal) : normal);
     }
 
-private:
     Vector3f _camera;
     PointImage& _result;
     float _reach;

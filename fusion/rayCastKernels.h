@@ -139,7 +139,7 @@ private:
 
         const float pointDis = field.pointDis();
         float free = std::max(from, 0.0f);
-        for (float stride = 64.0f * pointDis; stride > pointDis && free < _nearFar.y();) {
+        for (float stride = (from > 0.0f ? 16.0f : 64.0f) * pointDis; stride > 3.0f * pointDis && free < _nearFar.y();) {
             const float next = free + stride;
             const VoxelPosition a = field.in_voxels(VoxelPosition(_origin + free * centre));
             const VoxelPosition b = field.in_voxels(VoxelPosition(_origin + next * centre));
@@ -192,7 +192,8 @@ private:
     /// by a negative one; `crossing` is the ray length of the positive one. Samples that are sure to read 0,
     /// because they lie in an empty node of the octree, are passed over when the ray may be long.
     bool march(FieldReader<Leaf>& field, const Ray& ray, int first, float& crossing) const {
-        const VoxelPosition stepsPerVoxel = count_steps_per_voxel(ray);
+        VoxelPosition stepsPerVoxel = VoxelPosition::Zero();
+        if (!_guided) stepsPerVoxel = count_steps_per_voxel(ray);
         float previous = 0.0f;
         for (int n = first;;) {
             if (!_guided && previous == 0.0f) {
@@ -214,7 +215,6 @@ private:
                 previous = value;
                 if (run.t[k] > ray.end) return false;
                 ++n;
-                if (!_guided && value == 0.0f) break;
             }
             if (samples == 0) return false;
         }

@@ -117,7 +117,7 @@ public:
                              corner<1, 1, 0>(x, y, z), corner<0, 0, 1>(x, y, z), corner<1, 0, 1>(x, y, z),
                              corner<0, 1, 1>(x, y, z), corner<1, 1, 1>(x, y, z), belowX.f, belowY.f, belowZ.f);
     }
-    float trilinear(const Vector3f& point) { return trilinear(in_voxels(point)); }
+    float trilinear_at_point(const Vector3f& point) { return trilinear(in_voxels(point)); }
 
 private:
     static constexpr int AxisBits = 4;

@@ -197,10 +197,10 @@ private:
     bool _normals = true;
 };
 
-extern template class VEXEL_API FusionTsdf<LeafTSDFSpeckle>;
-extern template class VEXEL_API FusionTsdf<LeafTSDFTeeth>;
-extern template class VEXEL_API FusionTsdf<LeafTSDFCloudGenerator>;
-extern template class VEXEL_API FusionTsdf<LeafTSDFLaser>;
+extern template class VEXEL_API_TEMPLATE FusionTsdf<LeafTSDFSpeckle>;
+extern template class VEXEL_API_TEMPLATE FusionTsdf<LeafTSDFTeeth>;
+extern template class VEXEL_API_TEMPLATE FusionTsdf<LeafTSDFCloudGenerator>;
+extern template class VEXEL_API_TEMPLATE FusionTsdf<LeafTSDFLaser>;
 
 }  // namespace Fusion
 }  // namespace VexelAlgorithm

@@ -4,9 +4,10 @@
 namespace VexelAlgorithm {
 namespace Fusion {
 
-template class FusionTsdf<LeafTSDFCloudGenerator>;
-template int rayCast(const FusionTsdf<LeafTSDFCloudGenerator>&, const PointImage&, const RigidMatrix&, PointImage&,
-                     bool, const Vector2f&, const RayCastNormals&, float);
+template class VEXEL_API_INSTANTIATION FusionTsdf<LeafTSDFCloudGenerator>;
+template VEXEL_API_INSTANTIATION int rayCast(const FusionTsdf<LeafTSDFCloudGenerator>&, const PointImage&,
+                                             const RigidMatrix&, PointImage&, bool, const Vector2f&,
+                                             const RayCastNormals&, float);
 
 }  // namespace Fusion
 }  // namespace VexelAlgorithm

@@ -4,9 +4,9 @@
 namespace VexelAlgorithm {
 namespace Fusion {
 
-template class FusionTsdf<LeafTSDFLaser>;
-template int rayCast(const FusionTsdf<LeafTSDFLaser>&, const PointImage&, const RigidMatrix&, PointImage&, bool,
-                     const Vector2f&, const RayCastNormals&, float);
+template class VEXEL_API_INSTANTIATION FusionTsdf<LeafTSDFLaser>;
+template VEXEL_API_INSTANTIATION int rayCast(const FusionTsdf<LeafTSDFLaser>&, const PointImage&, const RigidMatrix&,
+                                             PointImage&, bool, const Vector2f&, const RayCastNormals&, float);
 
 }  // namespace Fusion
 }  // namespace VexelAlgorithm

@@ -4,9 +4,9 @@
 namespace VexelAlgorithm {
 namespace Fusion {
 
-template class FusionTsdf<LeafTSDFSpeckle>;
-template int rayCast(const FusionTsdf<LeafTSDFSpeckle>&, const PointImage&, const RigidMatrix&, PointImage&, bool,
-                     const Vector2f&, const RayCastNormals&, float);
+template class VEXEL_API_INSTANTIATION FusionTsdf<LeafTSDFSpeckle>;
+template VEXEL_API_INSTANTIATION int rayCast(const FusionTsdf<LeafTSDFSpeckle>&, const PointImage&, const RigidMatrix&,
+                                             PointImage&, bool, const Vector2f&, const RayCastNormals&, float);
 
 }  // namespace Fusion
 }  // namespace VexelAlgorithm

@@ -4,9 +4,9 @@
 namespace VexelAlgorithm {
 namespace Fusion {
 
-template class FusionTsdf<LeafTSDFTeeth>;
-template int rayCast(const FusionTsdf<LeafTSDFTeeth>&, const PointImage&, const RigidMatrix&, PointImage&, bool,
-                     const Vector2f&, const RayCastNormals&, float);
+template class VEXEL_API_INSTANTIATION FusionTsdf<LeafTSDFTeeth>;
+template VEXEL_API_INSTANTIATION int rayCast(const FusionTsdf<LeafTSDFTeeth>&, const PointImage&, const RigidMatrix&,
+                                             PointImage&, bool, const Vector2f&, const RayCastNormals&, float);
 
 }  // namespace Fusion
 }  // namespace VexelAlgorithm

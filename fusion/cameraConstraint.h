@@ -15,7 +15,7 @@ namespace Fusion {
 template <class Leaf>
 float distance_to_surface(FieldReader<Leaf>& field, const OffsetCube& neighbourhood, const Vector3f& point,
                           const Vector3f& normal) {
-    const float sample = field.trilinear(point);
+    const float sample = field.trilinear_at_point(point);
     if (!std::isnan(sample)) return sample;
     const Vector3i base = field.tree().world_to_voxel(point);
     for (const Vector3i& offset : neighbourhood.voxels) {

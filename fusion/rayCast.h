@@ -36,14 +36,16 @@ template <class Leaf>
 int rayCast(const FusionTsdf<Leaf>& volume, const PointImage& guide, const RigidMatrix& pose, PointImage& result,
             bool guided, const Vector2f& nearFar, const RayCastNormals& normals, float intervalFactor);
 
-extern template VEXEL_API int rayCast(const FusionTsdf<LeafTSDFSpeckle>&, const PointImage&, const RigidMatrix&,
-                                      PointImage&, bool, const Vector2f&, const RayCastNormals&, float);
-extern template VEXEL_API int rayCast(const FusionTsdf<LeafTSDFTeeth>&, const PointImage&, const RigidMatrix&,
-                                      PointImage&, bool, const Vector2f&, const RayCastNormals&, float);
-extern template VEXEL_API int rayCast(const FusionTsdf<LeafTSDFCloudGenerator>&, const PointImage&, const RigidMatrix&,
-                                      PointImage&, bool, const Vector2f&, const RayCastNormals&, float);
-extern template VEXEL_API int rayCast(const FusionTsdf<LeafTSDFLaser>&, const PointImage&, const RigidMatrix&,
-                                      PointImage&, bool, const Vector2f&, const RayCastNormals&, float);
+extern template VEXEL_API_TEMPLATE int rayCast(const FusionTsdf<LeafTSDFSpeckle>&, const PointImage&,
+                                               const RigidMatrix&, PointImage&, bool, const Vector2f&,
+                                               const RayCastNormals&, float);
+extern template VEXEL_API_TEMPLATE int rayCast(const FusionTsdf<LeafTSDFTeeth>&, const PointImage&, const RigidMatrix&,
+                                               PointImage&, bool, const Vector2f&, const RayCastNormals&, float);
+extern template VEXEL_API_TEMPLATE int rayCast(const FusionTsdf<LeafTSDFCloudGenerator>&, const PointImage&,
+                                               const RigidMatrix&, PointImage&, bool, const Vector2f&,
+                                               const RayCastNormals&, float);
+extern template VEXEL_API_TEMPLATE int rayCast(const FusionTsdf<LeafTSDFLaser>&, const PointImage&, const RigidMatrix&,
+                                               PointImage&, bool, const Vector2f&, const RayCastNormals&, float);
 
 }  // namespace Fusion
 }  // namespace VexelAlgorithm

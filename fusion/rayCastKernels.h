@@ -139,7 +139,8 @@ private:
 
         const float pointDis = field.pointDis();
         float free = std::max(from, 0.0f);
-        for (float stride = (from > 0.0f ? 16.0f : 64.0f) * pointDis; stride > 3.0f * pointDis && free < _nearFar.y();) {
+        for (float stride = (from > 0.0f ? 16.0f : 64.0f) * pointDis;
+             stride > 3.0f * pointDis && free < _nearFar.y();) {
             const float next = free + stride;
             const VoxelPosition a = field.in_voxels(VoxelPosition(_origin + free * centre));
             const VoxelPosition b = field.in_voxels(VoxelPosition(_origin + next * centre));
@@ -349,7 +350,7 @@ private:
         Vector3f gradient;
         for (int axis = 0; axis < 3; ++axis) {
             const Vector3f step = _reach * Vector3f::Unit(axis);
-            gradient[axis] = field.trilinear(Vector3f(point + step)) - field.trilinear(Vector3f(point - step));
+            gradient[axis] = field.trilinear_at_point(point + step) - field.trilinear_at_point(point - step);
         }
         const float length = gradient.norm();
         if (!(length > 0.0f) || !std::isfinite(length)) return;

@@ -169,7 +169,7 @@ protected:
     static float truth(const Vector3f& p) { return 0.25f * p.x() - 0.125f * p.y() + 0.5f * p.z() + 7.0f; }
     float sample(const Vector3f& q) {
         const Vector3f point = tree.get_shift() + tree.get_pointDis() * q;
-        return FieldReader<LeafTSDFSpeckle>(tree).trilinear(point);
+        return FieldReader<LeafTSDFSpeckle>(tree).trilinear_at_point(point);
     }
     LeafTSDFSpeckle& leaf(int x, int y, int z) { return tree.leaf_at(tree.find_leaf(x, y, z)); }
 

@@ -175,9 +175,10 @@ public:
 
     // ---- life cycle ---------------------------------------------------------------------------------
 
-    /// Empties the octree; the cone table stays. Depth, spacing, offsets and shift stay.
+    /// Empties the octree and takes the shift back to zero, so that the next first frame places the volume anew. Depth,
+    /// spacing, offsets and the cone table stay.
     void clear();
-    /// Empties the octree and the cone table.
+    /// `clear`, and empties the cone table.
     void reset();
     /// Returns every leaf slot to the state before its first contribution; the nodes stay.
     void reset_leaf();

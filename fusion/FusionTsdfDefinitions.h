@@ -497,7 +497,10 @@ void FusionTsdf<Leaf>::reset_code_Num(int threadNum) {
 
 template <class Leaf>
 void FusionTsdf<Leaf>::clear() {
-    guarded("clear", [&] { _octree.clear(); });
+    guarded("clear", [&] {
+        _octree.clear();
+        _octree.set_shift(Vector3f::Zero());
+    });
 }
 
 template <class Leaf>

@@ -125,6 +125,14 @@ private:
         });
     }
 
+    /// Ray lengths before and behind which no ray from the origin is in the volume.
+    Vector2f lengths_to_reach_and_leave() const {
+        const float halfSize = 0.5f * static_cast<float>(_tree.get_size()) * _tree.get_pointDis();
+        const Vector3f centre = _tree.get_shift() + Vector3f::Constant(halfSize);
+        const float distance = (centre - Vector3f(_origin[0], _origin[1], _origin[2])).norm();
+        return {distance - 2.0f * halfSize, distance + 2.0f * halfSize};
+    }
+
     /// The ray length, not below `from`, up to which no ray of the tile meets a filled cell of the top grid.
     float follow_beam(const FieldReader<Leaf>& field, const ImageTile& tile, float from) const {
         const VoxelPosition corners[4] = {_rays.direction(tile.x0, tile.y0), _rays.direction(tile.x1 - 1, tile.y0),
@@ -138,10 +146,13 @@ private:
         spread += spread * spread;
 
         const float pointDis = field.pointDis();
-        float free = std::max(from, 0.0f);
-        for (float stride = (from > 0.0f ? 16.0f : 64.0f) * pointDis;
-             stride > 3.0f * pointDis && free < _nearFar.y();) {
+        const Vector2f volume = lengths_to_reach_and_leave();
+        const float end = std::min(_nearFar.y(), volume.y());
+        float free = std::max(from, volume.x());
+        // Also ends where lengths are so large that a stride adds nothing, and for an end that is not a number.
+        for (float stride = (from > 0.0f ? 16.0f : 64.0f) * pointDis; stride > 3.0f * pointDis && free < end;) {
             const float next = free + stride;
+            if (!(next > free)) break;
             const VoxelPosition a = field.in_voxels(VoxelPosition(_origin + free * centre));
             const VoxelPosition b = field.in_voxels(VoxelPosition(_origin + next * centre));
             const float reach = next * spread / pointDis + 1.0f;

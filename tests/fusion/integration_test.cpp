@@ -602,6 +602,7 @@ TYPED_TEST(EveryLeaf, ResetsKeepWhatTheySay) {
     EXPECT_FALSE(volume.get_fusion_cone().empty());
     EXPECT_EQ(volume.get_shiftLT().size(), 27u);
     EXPECT_EQ(volume.get_treeDepth(), 11);
+    EXPECT_EQ(volume.get_treeShift(), Vector3f(Vector3f::Zero()));
     EXPECT_TRUE(fuse(volume, frame, pose));
     EXPECT_EQ(volume.get_treeShift(), shift);
     volume.reset();

@@ -5,10 +5,10 @@
 
 // OpenMesh asks for this on Windows before its headers.
 #if defined(_WIN32) && !defined(_USE_MATH_DEFINES)
-#  define _USE_MATH_DEFINES
+#    define _USE_MATH_DEFINES
 #endif
-#include <OpenMesh/Core/Mesh/TriMesh_ArrayKernelT.hh>
 #include <OpenMesh/Core/Mesh/Traits.hh>
+#include <OpenMesh/Core/Mesh/TriMesh_ArrayKernelT.hh>
 
 #include "foundation/BaseTriMesh.h"
 #include "foundation/export.h"

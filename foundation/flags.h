@@ -15,9 +15,7 @@ struct VertexFlag {
     std::uint8_t bits = 0;
 
     bool test(std::uint8_t mask) const { return (bits & mask) != 0; }
-    void set(std::uint8_t mask, bool on) {
-        bits = static_cast<std::uint8_t>(on ? (bits | mask) : (bits & ~mask));
-    }
+    void set(std::uint8_t mask, bool on) { bits = static_cast<std::uint8_t>(on ? (bits | mask) : (bits & ~mask)); }
 };
 
 /// Independent bits of one face.
@@ -27,9 +25,7 @@ struct FaceFlag {
     std::uint8_t bits = 0;
 
     bool test(std::uint8_t mask) const { return (bits & mask) != 0; }
-    void set(std::uint8_t mask, bool on) {
-        bits = static_cast<std::uint8_t>(on ? (bits | mask) : (bits & ~mask));
-    }
+    void set(std::uint8_t mask, bool on) { bits = static_cast<std::uint8_t>(on ? (bits | mask) : (bits & ~mask)); }
 };
 
 static_assert(sizeof(VertexFlag) == 1 && sizeof(FaceFlag) == 1, "flags are one byte");

@@ -1,10 +1,10 @@
 // The raycast against a plain march written from its definition, against the rendered truth, and at its limits.
 #include "fusion/rayCast.h"
-#include "fusion/rayCastKernels.h"
 
 #include <cmath>
 #include <memory>
 
+#include "fusion/rayCastKernels.h"
 #include "tests/fusion/fusionScenes.h"
 
 namespace VexelAlgorithm::Fusion {

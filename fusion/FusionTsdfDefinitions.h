@@ -21,7 +21,8 @@ namespace detail {
 
 constexpr float FixedSmoothThreshold = 0.5f;
 constexpr int FixedFusionRange = 5;
-constexpr std::size_t PointsPerTask = 2048;
+// A worker starts with an empty cache; few tasks keep it warm.
+constexpr std::size_t PointsPerTask = 32768;
 constexpr std::size_t MinPieceTriangles = 100;
 constexpr int SmoothingSteps = 5;
 

@@ -16,11 +16,14 @@ namespace VexelAlgorithm {
 namespace Fusion {
 namespace detail {
 
+// A worker starts with an empty cache; few tasks keep it warm.
+constexpr std::size_t TilesPerTask = 4;
+
 /// Runs a kernel over the tiles of an image. `Source` is what the kernel's worker state is made from.
 template <class Kernel, class Source>
 void for_each_tile(int threads, const PointImage& image, const Kernel& kernel, const Source& source) {
     const ImageTiles tiles(image.get_image_width(), image.get_image_height());
-    parallel_ranges(threads, tiles.count(), 1, [&](std::size_t begin, std::size_t end) {
+    parallel_ranges(threads, tiles.count(), TilesPerTask, [&](std::size_t begin, std::size_t end) {
         typename Kernel::Worker worker(source);
         for (std::size_t i = begin; i < end; ++i) kernel(worker, tiles[i]);
     });

@@ -16,7 +16,7 @@ namespace VexelAlgorithm {
 namespace Fusion {
 namespace detail {
 
-// A worker starts with an empty cache; few tasks keep it warm.
+// A worker starts with an empty cache; larger tasks left workers idle at the end.
 constexpr std::size_t TilesPerTask = 4;
 
 /// Runs a kernel over the tiles of an image. `Source` is what the kernel's worker state is made from.

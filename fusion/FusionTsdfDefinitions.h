@@ -21,10 +21,14 @@ namespace detail {
 
 constexpr float FixedSmoothThreshold = 0.5f;
 constexpr int FixedFusionRange = 5;
-// A worker starts with an empty cache; few tasks keep it warm.
-constexpr std::size_t PointsPerTask = 32768;
+constexpr std::size_t MinPointsPerTask = 512;
 constexpr std::size_t MinPieceTriangles = 100;
 constexpr int SmoothingSteps = 5;
+
+// A worker starts with an empty cache, so tasks are as large as an even share of the work permits.
+inline std::size_t points_per_task(std::size_t points, int threads) {
+    return std::max(MinPointsPerTask, points / (8 * static_cast<std::size_t>(usable_threads(threads))));
+}
 
 inline bool is_positive(float value) {
     return std::isfinite(value) && value > 0.0f;
@@ -100,18 +104,20 @@ template <class Leaf>
 void integrate_image(VexelOctree::Octree<Leaf>& tree, const PointImage& frame, const FrameIntegration& integration,
                      const FusionCone& cone, int threads, ChangedLeaves& changedLeaves,
                      const std::vector<unsigned char>* labels) {
-    parallel_ranges(threads, frame.get_vn(), PointsPerTask, [&](std::size_t begin, std::size_t end) {
-        IntegrationWorker worker(integration);
-        const auto width = static_cast<std::size_t>(frame.get_image_width());
-        auto u = static_cast<int>(begin % width), v = static_cast<int>(begin / width);
-        for (std::size_t slot = begin; slot < end; ++slot) {
-            if (is_usable_point(frame.get_vCoord(slot), frame.get_vNrv(slot))) {
-                integrate_point(tree, integration, worker, measure(frame, cone, u, v, labels), changedLeaves);
-            }
-            if (++u == frame.get_image_width()) u = 0, ++v;
-        }
-        finish_points(tree, integration, worker, changedLeaves);
-    });
+    parallel_ranges(threads, frame.get_vn(), detail::points_per_task(frame.get_vn(), threads),
+                    [&](std::size_t begin, std::size_t end) {
+                        IntegrationWorker worker(integration);
+                        const auto width = static_cast<std::size_t>(frame.get_image_width());
+                        auto u = static_cast<int>(begin % width), v = static_cast<int>(begin / width);
+                        for (std::size_t slot = begin; slot < end; ++slot) {
+                            if (is_usable_point(frame.get_vCoord(slot), frame.get_vNrv(slot))) {
+                                integrate_point(tree, integration, worker, measure(frame, cone, u, v, labels),
+                                                changedLeaves);
+                            }
+                            if (++u == frame.get_image_width()) u = 0, ++v;
+                        }
+                        finish_points(tree, integration, worker, changedLeaves);
+                    });
 }
 
 }  // namespace detail
@@ -242,29 +248,32 @@ bool FusionTsdf<Leaf>::integrate_tsdfvolume_cam_constrain_one_frame_parallel(con
         // the order in which points are integrated.
         const std::vector<int> valid = detail::collect_valid_indices(frame);
         std::vector<float> weights(valid.size());
-        parallel_ranges(_threadNum, valid.size(), detail::PointsPerTask, [&](std::size_t begin, std::size_t end) {
-            FieldReader<Leaf> field(_octree);
-            for (std::size_t k = begin; k < end; ++k) {
-                const auto slot = static_cast<std::size_t>(valid[k]);
-                weights[k] =
-                    frame.get_vWeight(slot) * surface_agreement(field, _neighbourhood, rt * frame.get_vCoord(slot),
-                                                                rt.transform_normal(frame.get_vNrv(slot)));
-            }
-        });
+        parallel_ranges(_threadNum, valid.size(), detail::points_per_task(valid.size(), _threadNum),
+                        [&](std::size_t begin, std::size_t end) {
+                            FieldReader<Leaf> field(_octree);
+                            for (std::size_t k = begin; k < end; ++k) {
+                                const auto slot = static_cast<std::size_t>(valid[k]);
+                                weights[k] = frame.get_vWeight(slot) *
+                                             surface_agreement(field, _neighbourhood, rt * frame.get_vCoord(slot),
+                                                               rt.transform_normal(frame.get_vNrv(slot)));
+                            }
+                        });
 
         const FrameIntegration integration(rt, get_treeShift(), get_pointDis(), detail::upper_bound(get_treeDepth()),
                                            _offsets, _cone.is_open(), true);
         ChangedLeaves notWanted;
-        parallel_ranges(_threadNum, valid.size(), detail::PointsPerTask, [&](std::size_t begin, std::size_t end) {
-            IntegrationWorker worker(integration);
-            for (std::size_t k = begin; k < end; ++k) {
-                const int width = frame.get_image_width();
-                MeasuredPoint measured = detail::measure(frame, _cone, valid[k] % width, valid[k] / width, nullptr);
-                measured.weight = weights[k];
-                integrate_point(_octree, integration, worker, measured, notWanted);
-            }
-            finish_points(_octree, integration, worker, notWanted);
-        });
+        parallel_ranges(_threadNum, valid.size(), detail::points_per_task(valid.size(), _threadNum),
+                        [&](std::size_t begin, std::size_t end) {
+                            IntegrationWorker worker(integration);
+                            for (std::size_t k = begin; k < end; ++k) {
+                                const int width = frame.get_image_width();
+                                MeasuredPoint measured =
+                                    detail::measure(frame, _cone, valid[k] % width, valid[k] / width, nullptr);
+                                measured.weight = weights[k];
+                                integrate_point(_octree, integration, worker, measured, notWanted);
+                            }
+                            finish_points(_octree, integration, worker, notWanted);
+                        });
         return true;
     });
 }
@@ -341,24 +350,26 @@ void FusionTsdf<Leaf>::integrate_tsdfvolume(const Cloud& frame, const RigidMatri
         const FrameIntegration integration(rt, get_treeShift(), get_pointDis(), detail::upper_bound(get_treeDepth()),
                                            _offsets, openCone, true);
         ChangedLeaves notWanted;
-        parallel_ranges(_threadNum, frame.get_vn(), detail::PointsPerTask, [&](std::size_t begin, std::size_t end) {
-            IntegrationWorker worker(integration);
-            for (std::size_t i = begin; i < end; ++i) {
-                const Vector3f& point = frame.get_vCoord(i);
-                const Vector3f& normal = frame.get_vNrv(i);
-                if (!is_usable_point(point, normal) || point.z() <= 0.0f) continue;
-                Vector2f pixel;
-                camera.point_to_image(point, pixel);
-                const bool inImage = pixel.x() > -0.5f && pixel.x() < static_cast<float>(imageSize.x()) - 0.5f &&
-                                     pixel.y() > -0.5f && pixel.y() < static_cast<float>(imageSize.y()) - 0.5f;
-                if (!inImage) continue;
-                integrate_point(_octree, integration, worker,
-                                {point, normal, std::abs(normal.z()),
-                                 cone_around(camera, pixel.x(), pixel.y(), _smoothThreshold), 0, nullptr},
-                                notWanted);
-            }
-            finish_points(_octree, integration, worker, notWanted);
-        });
+        parallel_ranges(
+            _threadNum, frame.get_vn(), detail::points_per_task(frame.get_vn(), _threadNum),
+            [&](std::size_t begin, std::size_t end) {
+                IntegrationWorker worker(integration);
+                for (std::size_t i = begin; i < end; ++i) {
+                    const Vector3f& point = frame.get_vCoord(i);
+                    const Vector3f& normal = frame.get_vNrv(i);
+                    if (!is_usable_point(point, normal) || point.z() <= 0.0f) continue;
+                    Vector2f pixel;
+                    camera.point_to_image(point, pixel);
+                    const bool inImage = pixel.x() > -0.5f && pixel.x() < static_cast<float>(imageSize.x()) - 0.5f &&
+                                         pixel.y() > -0.5f && pixel.y() < static_cast<float>(imageSize.y()) - 0.5f;
+                    if (!inImage) continue;
+                    integrate_point(_octree, integration, worker,
+                                    {point, normal, std::abs(normal.z()),
+                                     cone_around(camera, pixel.x(), pixel.y(), _smoothThreshold), 0, nullptr},
+                                    notWanted);
+                }
+                finish_points(_octree, integration, worker, notWanted);
+            });
     });
 }
 
@@ -368,16 +379,18 @@ int FusionTsdf<Leaf>::get_space_contribution(const PointImage& frame, const Rigi
         if (!detail::has_attributes(frame) || !detail::is_pose_usable(rt, "get_space_contribution")) return 0;
         if (!detail::is_consistent(frame, "get_space_contribution")) return 0;
         std::atomic<int> contribution{0};
-        parallel_ranges(_threadNum, frame.get_vn(), detail::PointsPerTask, [&](std::size_t begin, std::size_t end) {
-            FieldReader<Leaf> field(_octree);
-            int found = 0;
-            for (std::size_t i = begin; i < end; ++i) {
-                const Vector3f& point = frame.get_vCoord(i);
-                if (!is_usable_point(point, frame.get_vNrv(i)) || !(frame.get_vWeight(i) >= 1e-6f)) continue;
-                if (std::abs(field.value_anywhere(_octree.world_to_voxel(rt * point))) < 1e-6f) ++found;
-            }
-            contribution.fetch_add(found, std::memory_order_relaxed);
-        });
+        parallel_ranges(_threadNum, frame.get_vn(), detail::points_per_task(frame.get_vn(), _threadNum),
+                        [&](std::size_t begin, std::size_t end) {
+                            FieldReader<Leaf> field(_octree);
+                            int found = 0;
+                            for (std::size_t i = begin; i < end; ++i) {
+                                const Vector3f& point = frame.get_vCoord(i);
+                                if (!is_usable_point(point, frame.get_vNrv(i)) || !(frame.get_vWeight(i) >= 1e-6f))
+                                    continue;
+                                if (std::abs(field.value_anywhere(_octree.world_to_voxel(rt * point))) < 1e-6f) ++found;
+                            }
+                            contribution.fetch_add(found, std::memory_order_relaxed);
+                        });
         return contribution.load();
     });
 }

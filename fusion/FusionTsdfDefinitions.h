@@ -27,7 +27,7 @@ constexpr int SmoothingSteps = 5;
 
 // A worker starts with an empty cache, so tasks are as large as an even share of the work permits.
 inline std::size_t points_per_task(std::size_t points, int threads) {
-    return std::max(MinPointsPerTask, points / (8 * static_cast<std::size_t>(usable_threads(threads))));
+    return std::max(MinPointsPerTask, points / (4 * static_cast<std::size_t>(usable_threads(threads))));
 }
 
 inline bool is_positive(float value) {

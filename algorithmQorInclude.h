@@ -43,3 +43,5 @@
 #include "fusion/LaserGrid.h"
 #include "fusion/LeafNormal.h"
 #include "fusion/rayCast.h"
+#include "platform/featureRegistration.h"
+#include "platform/textureTracking.h"

@@ -42,10 +42,10 @@ void disturb_slot(PointImage& frame, const NoiseModel& noise, std::size_t slot, 
 }  // namespace
 
 double NoiseModel::sigma(double depth, double cosIncidence) const {
-    const double depthRatio = depth / referenceDepth;
+    const double growth = std::pow(depth / referenceDepth, depthExponent);
     const double cosine = std::clamp(cosIncidence, 0.05, 1.0);
     const double tanSquared = 1.0 / (cosine * cosine) - 1.0;
-    return depthSigma * depthRatio * depthRatio * (1.0 + tiltGain * tanSquared);
+    return depthSigma * growth * (1.0 + tiltGain * tanSquared);
 }
 
 double NoiseModel::step(double depth) const {
@@ -58,6 +58,7 @@ std::string NoiseModel::fault() const {
     if (!at_least_zero(referenceDepth) || referenceDepth == 0.0)
         return "noise model: referenceDepth must be above 0 mm";
     if (!at_least_zero(depthSigma)) return "noise model: depthSigma must be at least 0 mm";
+    if (!at_least_zero(depthExponent)) return "noise model: depthExponent must be at least 0";
     if (!at_least_zero(depthStep)) return "noise model: depthStep must be at least 0 mm";
     if (!at_least_zero(tiltGain)) return "noise model: tiltGain must be at least 0";
     if (!(largestIncidence > 0.0 && largestIncidence <= 90.0))

@@ -15,6 +15,7 @@ struct NoiseModel {
     std::uint64_t seed = 1;
     double referenceDepth = 400.0;   ///< mm; the depth at which the two figures below hold
     double depthSigma = 0.1;         ///< mm, standard deviation of z of a surface seen from the front; 0 for none
+    double depthExponent = 2.0;      ///< the error grows with this power of the depth; 0 for the same error everywhere
     double depthStep = 0.02;         ///< mm between neighbouring depths that can be told apart; 0 for no steps
     double tiltGain = 0.5;           ///< sigma grows by the factor 1 + tiltGain tan^2(incidence)
     double largestIncidence = 80.0;  ///< degrees in (0, 90]; pixels seen at a larger angle are lost
@@ -23,7 +24,7 @@ struct NoiseModel {
     /// Standard deviation (mm) of z before the steps are applied; incidence is the angle between normal and viewing
     /// ray.
     double sigma(double depth, double cosIncidence) const;
-    /// Distance (mm) between neighbouring depths near this one.
+    /// Distance (mm) between neighbouring depths near this one; grows with the square of the depth.
     double step(double depth) const;
     /// Empty when all fields are usable, otherwise a line that names the wrong one.
     std::string fault() const;

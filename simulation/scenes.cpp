@@ -42,6 +42,7 @@ const NamedScene kScenes[] = {
          return torus({0, 0, 25}, 60, 25);
      }},
     {"blocks", blocks},
+    {"table", table},
 };
 
 }  // namespace

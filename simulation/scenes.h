@@ -15,7 +15,7 @@ ShapePtr owl_on_books();
 Vector3d owl_centre();
 
 /// Names that `make_scene` knows: "owl", "owl_on_table" (the owl on a table that fills the view), "sphere"
-/// (radius 50), "torus" (ring 60, tube 25), "blocks" (boxes and balls on a table).
+/// (radius 50), "torus" (ring 60, tube 25), "blocks" (boxes and balls on a table), "table" (the bare table).
 std::vector<std::string> scene_names();
 /// All scenes stand on or above z = 0 around the z axis. An unknown name gives one line and null.
 ShapePtr make_scene(const std::string& name);

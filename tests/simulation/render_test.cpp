@@ -254,9 +254,9 @@ TEST(Noise, StepsAreEvenInDisparityAndPointsStayOnTheirPixels) {
 
 TEST(Noise, UnusableModelsLeaveTheFrameAsItIs) {
     const PointImage truth = wall_frame(400, 8);
-    double NoiseModel::*const fields[] = {&NoiseModel::referenceDepth,   &NoiseModel::depthSigma,
-                                          &NoiseModel::depthStep,        &NoiseModel::tiltGain,
-                                          &NoiseModel::largestIncidence, &NoiseModel::dropFraction};
+    double NoiseModel::*const fields[] = {
+        &NoiseModel::referenceDepth, &NoiseModel::depthSigma,       &NoiseModel::depthStep,   &NoiseModel::tiltGain,
+        &NoiseModel::depthExponent,  &NoiseModel::largestIncidence, &NoiseModel::dropFraction};
     for (const auto field : fields)
         for (const double value : {-1.0, kNaN, kNoLimit}) {
             NoiseModel noise;

@@ -342,7 +342,7 @@ TEST(Shape, EveryNamedSceneStandsOnTheGround) {
         const std::optional<Hit> fromBelow = scene->hit({{0.1, 3, -500}, Vector3d::UnitZ()});
         const std::optional<Hit> fromAside = scene->hit({{-300, -7, 40}, Vector3d::UnitX()});
         EXPECT_TRUE(!fromBelow || fromBelow->point.z() > -1e-9) << name;
-        EXPECT_TRUE(fromAside) << name;
+        EXPECT_EQ(fromAside.has_value(), name != "table") << name;
     }
 }
 

@@ -1,0 +1,177 @@
+// Hand-held scans: the tremor, the built-in sequences, and what their frames hold.
+#include "simulation/Sequence.h"
+
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <cstring>
+
+namespace VexelAlgorithm::Simulation {
+namespace {
+
+constexpr double kDegrees = 57.29577951308232;
+
+double angle_of(const RigidMatrix& motion) {
+    Vector3d axisAngle;
+    rodrigures(motion.get_rotation(), axisAngle);
+    return axisAngle.norm() * kDegrees;
+}
+
+SequenceSettings small_images() {
+    SequenceSettings settings;
+    settings.width = 160;
+    settings.height = 128;
+    return settings;
+}
+
+TEST(HandTremor, HasTheStatedSizeAndIsBandLimited) {
+    HandTremor tremor;
+    tremor.translation = 2.0;
+    tremor.rotation = 0.5;
+    Vector3d translation = Vector3d::Zero(), rotation = Vector3d::Zero(), step = Vector3d::Zero();
+    constexpr int frames = 4000;
+    for (int i = 0; i < frames; ++i) {
+        const RigidMatrix motion = tremor_motion(tremor, i);
+        Vector3d axisAngle;
+        rodrigures(motion.get_rotation(), axisAngle);
+        translation += motion.get_translation().cwiseAbs2() / frames;
+        rotation += (kDegrees * axisAngle).cwiseAbs2() / frames;
+        step += (tremor_motion(tremor, i + 1).get_translation() - motion.get_translation()).cwiseAbs2() / frames;
+    }
+    // A sinusoid of frequency f changes by 2 sin(pi f) of its size from frame to frame, at most.
+    const double largestStep = 2.0 * std::sin(3.141592653589793 * tremor.highestFrequency) * 2.0;
+    for (int axis = 0; axis < 3; ++axis) {
+        EXPECT_NEAR(std::sqrt(translation[axis]), 2.0, 0.05);
+        EXPECT_NEAR(std::sqrt(rotation[axis]), 0.5, 0.02);
+        EXPECT_LT(std::sqrt(step[axis]), largestStep);
+        EXPECT_GT(std::sqrt(step[axis]), 0.3 * largestStep) << "not frozen";
+    }
+    HandTremor other = tremor;
+    other.seed = 2;
+    EXPECT_GT((tremor_motion(other, 5).get_translation() - tremor_motion(tremor, 5).get_translation()).norm(), 0.1);
+}
+
+TEST(Sequence, PathsAreAsFastAsDescribed) {
+    const struct {
+        const char* name;
+        double translation, rotation, largestTranslation, largestRotation;
+    } cases[] = {
+        {"full_turn", 25, 3.6, 28, 4.2}, {"smooth", 7, 1.0, 11, 2.0},     {"fast", 15, 2.2, 30, 5.0},
+        {"bare_plane", 5, 0.1, 7, 0.5},  {"past_plane", 9, 0.1, 16, 0.5}, {"still", 0.2, 0.03, 0.5, 0.1},
+    };
+    for (const auto& c : cases) {
+        const PathSpeed speed = path_speed(make_sequence(c.name, small_images())->poses);
+        EXPECT_NEAR(speed.meanTranslation, c.translation, 0.35 * c.translation) << c.name;
+        EXPECT_NEAR(speed.meanRotation, c.rotation, std::max(0.2, 0.35 * c.rotation)) << c.name;
+        EXPECT_LT(speed.largestTranslation, c.largestTranslation) << c.name;
+        EXPECT_LT(speed.largestRotation, c.largestRotation) << c.name;
+    }
+}
+
+TEST(Sequence, FramesHoldWhatAScannerMeasures) {
+    for (const SequenceDescription& description : sequence_descriptions()) {
+        SequenceSettings settings = small_images();
+        const Sequence sequence = *make_sequence(description.name, settings);
+        ASSERT_EQ(sequence.frame_count(), description.frames);
+        ASSERT_EQ(sequence.isBlack.size(), sequence.poses.size());
+        const PointImage frame = frame_of(sequence, 1, 1);
+        ASSERT_TRUE(frame.is_legal() && frame.is_enable_vNormal() && frame.is_enable_vWeight() &&
+                    frame.is_enable_vFlag());
+        EXPECT_EQ(std::memcmp(frame.get_vCoords().data(), frame_of(sequence, 1, 2).get_vCoords().data(),
+                              frame.get_vn() * sizeof(Vector3f)),
+                  0);
+        Sequence ideal = sequence;
+        ideal.noise.reset();
+        const PointImage truth = frame_of(ideal, 1);
+        double squares = 0.0;
+        int count = 0, steady = 0;
+        for (std::size_t slot = 0; slot < frame.get_vn(); ++slot) {
+            if (!frame.has_point(slot) || !truth.has_point(slot)) continue;
+            const double error = double{frame.get_vCoord(slot).z()} - truth.get_vCoord(slot).z();
+            squares += error * error;
+            steady += frame.get_vNrv(slot).dot(truth.get_vNrv(slot)) > std::cos(1.5 / kDegrees) ? 1 : 0;
+            ++count;
+        }
+        EXPECT_GT(count, 0.5 * 160 * 128) << description.name;
+        EXPECT_NEAR(std::sqrt(squares / count), 0.1, 0.004) << description.name;
+        EXPECT_GT(steady, 0.8 * count) << description.name << ": normals within 1.5 degrees, edges apart";
+    }
+}
+
+TEST(Sequence, BlackFramesAreEmptyAndTheViewReturnsWhereItWas) {
+    const Sequence sequence = *make_sequence("black_out", small_images());
+    for (int i = 0; i < sequence.frame_count(); ++i) {
+        const bool isBlack = i >= 15 && i < 25;
+        ASSERT_EQ(sequence.isBlack[static_cast<std::size_t>(i)] != 0, isBlack) << i;
+        if (!isBlack || i % 4 != 0) continue;
+        const PointImage frame = frame_of(sequence, i);
+        EXPECT_EQ(frame.count_vaildNum(), 0);
+        EXPECT_EQ(frame.get_vn(), 160u * 128u);
+        EXPECT_TRUE(frame.is_enable_vNormal() && frame.is_enable_vWeight() && frame.is_enable_vFlag());
+    }
+    EXPECT_LT((sequence.poses[14].inverse() * sequence.poses[25]).get_translation().norm(), 10.0);
+}
+
+TEST(Sequence, TheJumpIsTheCornerOfTheGridAndTwoDegrees) {
+    SequenceSettings settings = small_images();
+    settings.tremor = 0.0;
+    const Sequence sequence = *make_sequence("jump", settings);
+    const RigidMatrix jump = sequence.poses[19].inverse() * sequence.poses[20];
+    EXPECT_LT((jump.get_translation() - Vector3d(20, -20, 0)).norm(), 1e-9);
+    EXPECT_NEAR(angle_of(jump), 2.0, 1e-9);
+    EXPECT_LT((sequence.poses[20].inverse() * sequence.poses[21]).get_translation().norm(), 15.0);
+    EXPECT_TRUE(sequence.pose_in_model(0).get_rotation().isIdentity(1e-12));
+}
+
+TEST(Sequence, OnlyTheTableIsSeenWhereThatIsSaid) {
+    SequenceSettings settings = small_images();
+    settings.noiseSigma = 0.0;
+    const auto highest_point = [](const Sequence& sequence, int number) {
+        const PointImage frame = frame_of(sequence, number);
+        double highest = -kNoLimit;
+        for (std::size_t slot = 0; slot < frame.get_vn(); ++slot)
+            if (frame.has_point(slot))
+                highest = std::max(highest, (sequence.poses[static_cast<std::size_t>(number)] *
+                                             Vector3d(frame.get_vCoord(slot).cast<double>()))
+                                                .z());
+        return highest;
+    };
+    const Sequence past = *make_sequence("past_plane", settings);
+    EXPECT_FALSE(past.noise.has_value());
+    for (const int frame : {0, 89}) EXPECT_GT(highest_point(past, frame), 50.0);
+    for (const int frame : {30, 45, 60}) EXPECT_NEAR(highest_point(past, frame), 0.0, 1e-3);
+    EXPECT_NEAR(highest_point(*make_sequence("bare_plane", settings), 7), 0.0, 1e-3);
+}
+
+TEST(Sequence, WhatCannotBeGivesOneLine) {
+    const struct {
+        const char* name;
+        void (*spoil)(SequenceSettings&);
+    } cases[] = {
+        {"none such", [](SequenceSettings&) {}},
+        {"smooth", [](SequenceSettings& s) { s.frames = -1; }},
+        {"smooth", [](SequenceSettings& s) { s.frames = 2000000000; }},
+        {"smooth", [](SequenceSettings& s) { s.width = 0; }},
+        {"smooth", [](SequenceSettings& s) { s.height = 1 << 20; }},
+        {"smooth", [](SequenceSettings& s) { s.noiseSigma = -1; }},
+        {"smooth", [](SequenceSettings& s) { s.noiseSigma = std::nan(""); }},
+        {"smooth", [](SequenceSettings& s) { s.tremor = -0.5; }},
+    };
+    for (const auto& c : cases) {
+        SequenceSettings settings;
+        c.spoil(settings);
+        testing::internal::CaptureStdout();
+        EXPECT_FALSE(make_sequence(c.name, settings).has_value());
+        const std::string text = testing::internal::GetCapturedStdout();
+        EXPECT_TRUE(text.size() > 10 && text.find('\n') == text.size() - 1) << text;
+    }
+    SequenceSettings few = small_images();
+    for (const int frames : {1, 2, 5, 11}) {
+        few.frames = frames;
+        for (const SequenceDescription& description : sequence_descriptions())
+            EXPECT_EQ(make_sequence(description.name, few)->frame_count(), frames);
+    }
+}
+
+}  // namespace
+}  // namespace VexelAlgorithm::Simulation

@@ -87,7 +87,7 @@ Outcome<Done> fuse_frames(const Recording& recording, const std::vector<Recorded
     const InterruptGuard interrupt;
     Progress progress("fusing", static_cast<int>(frames.size()));
     for (const RecordedFrame& recorded : frames) {
-        const Outcome<DepthImage> image = report.clock.time("read", [&] { return read_depth_png(recorded.depthFile); });
+        const Outcome<DepthImage> image = report.clock.time("read", [&] { return read_depth(recorded); });
         if (!image) return image.failure();
         const PointImage frame = report.clock.time("points", [&] {
             return depth_frame_to_point_image(*image, recording.camera(), options.frame, volume.get_code_Num());

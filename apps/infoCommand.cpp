@@ -15,13 +15,13 @@ namespace fs = std::filesystem;
 
 struct DepthSummary {
     double validShare = 0.0;
-    int lowest = 0;
-    int middle = 0;
-    int highest = 0;
+    double lowest = 0.0;
+    double middle = 0.0;
+    double highest = 0.0;
 };
 
 DepthSummary summarise(const DepthImage& image) {
-    std::vector<std::uint16_t> values;
+    std::vector<float> values;
     std::copy_if(image.millimetres.begin(), image.millimetres.end(), std::back_inserter(values), DepthImage::is_value);
     if (values.empty()) return {};
     std::sort(values.begin(), values.end());
@@ -54,7 +54,7 @@ void print_poses(const Recording& recording) {
 int run_info(const std::string& folder) {
     const Outcome<Recording> recording = Recording::open(folder, PosePolicy::Optional);
     if (!recording) return report_failure(recording.failure());
-    const Outcome<DepthImage> image = read_depth_png(recording->frames().front().depthFile);
+    const Outcome<DepthImage> image = read_depth(recording->frames().front());
     if (!image) return report_failure(image.failure());
 
     const auto& frames = recording->frames();
@@ -65,7 +65,7 @@ int run_info(const std::string& folder) {
                            frames.back().number));
     print_line(format_text("Camera        %d x %d pixels, fx %g, fy %g, cx %g, cy %g", image->width, image->height,
                            camera.get_fx(), camera.get_fy(), camera.get_cx(), camera.get_cy()));
-    print_line(format_text("First depth   %d .. %d mm, median %d mm, %.0f %% of the pixels", depth.lowest,
+    print_line(format_text("First depth   %.0f .. %.0f mm, median %.0f mm, %.0f %% of the pixels", depth.lowest,
                            depth.highest, depth.middle, 100.0 * depth.validShare));
     print_poses(*recording);
     return EXIT_OK;

@@ -1,6 +1,5 @@
 // vexel-scan simulate: the virtual world writes a recording.
 #include <CLI/CLI.hpp>
-#include <cmath>
 #include <memory>
 
 #include "apps/Progress.h"
@@ -9,77 +8,114 @@
 #include "foundation/diagnostics.h"
 #include "foundation/parallel.h"
 #include "recording/Recording.h"
-#include "simulation/NoiseModel.h"
+#include "simulation/Sequence.h"
 #include "simulation/cameraPaths.h"
-#include "simulation/render.h"
 #include "simulation/scenes.h"
 
 namespace VexelAlgorithm::Apps {
 namespace {
 
-/// What the command line says; lengths in mm.
+/// A hundredth of a millimetre resolves the noise of a good scanner; 16 bits then reach to 655 mm.
+constexpr double fineDepthStep = 0.01;
+
+/// What the command line says; lengths in mm. Numbers that a sequence has itself are 0 until they are given.
 struct SimulateOptions {
     std::string folder;
     std::string scene = "owl_on_table";
-    int frames = 40;
+    std::string sequence;
+    int frames = 0;
     std::uint64_t seed = 1;
     bool hasNoise = false;
     double distance = 400.0;
     int width = 640;
-    int height = 480;
+    int height = 0;
+    double depthStep = 0.0;
 };
 
-/// About as wide as the common depth cameras: 57 degrees.
-CameraInParam camera_of(const SimulateOptions& options) {
-    const double focalLength = 0.914 * options.width;
-    return {focalLength, focalLength, 0.5 * (options.width - 1), 0.5 * (options.height - 1)};
-}
-
-/// Two turns around the object that climb from a low to a high view.
-std::vector<RigidMatrix> camera_path(const SimulateOptions& options) {
+/// Two turns around the object that climb from a low to a high view, seen by a camera about as wide as the common
+/// depth cameras: 57 degrees.
+Simulation::Sequence two_turns(const SimulateOptions& options) {
+    Simulation::Sequence sequence;
+    sequence.name = options.scene;
+    sequence.scene = Simulation::make_scene(options.scene);
+    sequence.normalWindow = 0.0;  // no pixel is lost for want of neighbours
+    sequence.width = options.width;
+    sequence.height = options.height > 0 ? options.height : 480;
+    const double focalLength = 0.914 * sequence.width;
+    sequence.camera = {focalLength, focalLength, 0.5 * (sequence.width - 1), 0.5 * (sequence.height - 1)};
+    sequence.farLimit = 1.2 * options.distance;  // a scanner's working range
     Simulation::Orbit orbit;
     orbit.target = Simulation::owl_centre();
     orbit.radius = options.distance;
     orbit.turns = 2.0;
     orbit.startElevation = 8.0;
     orbit.endElevation = 60.0;
-    return Simulation::orbit_poses(orbit, options.frames);
+    sequence.poses = Simulation::orbit_poses(orbit, options.frames > 0 ? options.frames : 40);
+    sequence.isBlack.assign(sequence.poses.size(), 0);
+    if (options.hasNoise) {
+        sequence.noise.emplace();
+        sequence.noise->seed = options.seed;
+    }
+    return sequence;
+}
+
+std::optional<Simulation::Sequence> hand_held(const SimulateOptions& options) {
+    Simulation::SequenceSettings settings;
+    settings.frames = options.frames;
+    settings.width = options.width;
+    settings.height = options.height > 0 ? options.height : 512;
+    settings.seed = options.seed;
+    if (!options.hasNoise) settings.noiseSigma = 0.0;
+    return Simulation::make_sequence(options.sequence, settings);
 }
 
 DepthImage depth_image_of(const PointImage& frame) {
     DepthImage image{frame.get_image_width(), frame.get_image_height(), {}};
     image.millimetres.reserve(frame.get_vn());
-    for (std::size_t i = 0; i < frame.get_vn(); ++i) {
-        const float z = frame.has_point(i) ? std::round(frame.get_vCoord(i).z()) : 0.0f;
-        image.millimetres.push_back(z > 0.0f && z < 65535.0f ? static_cast<std::uint16_t>(z) : std::uint16_t{0});
-    }
+    for (std::size_t i = 0; i < frame.get_vn(); ++i)
+        image.millimetres.push_back(frame.has_point(i) ? frame.get_vCoord(i).z() : 0.0F);
     return image;
 }
 
+void print_speed(const Simulation::Sequence& sequence) {
+    const Simulation::PathSpeed speed = Simulation::path_speed(sequence.poses);
+    print_line(format_text("Speed         mean %.1f mm and %.2f degrees a frame, at most %.1f mm and %.2f degrees",
+                           speed.meanTranslation, speed.meanRotation, speed.largestTranslation, speed.largestRotation));
+}
+
+/// One line a sequence, for the help.
+std::string described_sequences() {
+    std::string text = "A hand-held scan instead of two turns:";
+    for (const Simulation::SequenceDescription& sequence : Simulation::sequence_descriptions())
+        text += format_text("\n%-11s %s (%d frames)", sequence.name.c_str(), sequence.text.c_str(), sequence.frames);
+    return text;
+}
+
+std::vector<std::string> sequence_names() {
+    std::vector<std::string> names;
+    for (const Simulation::SequenceDescription& sequence : Simulation::sequence_descriptions())
+        names.push_back(sequence.name);
+    return names;
+}
+
 int run_simulate(const SimulateOptions& options) {
-    const CameraInParam camera = camera_of(options);
-    Outcome<RecordingWriter> writer = RecordingWriter::create(options.folder, camera);
+    const bool isHandHeld = !options.sequence.empty();
+    const auto sequence = isHandHeld ? hand_held(options) : two_turns(options);
+    if (!sequence) return EXIT_FAILED;
+    const double depthStep = options.depthStep > 0.0 ? options.depthStep : isHandHeld ? fineDepthStep : 1.0;
+    Outcome<RecordingWriter> writer = RecordingWriter::create(options.folder, sequence->camera, depthStep);
     if (!writer) return report_failure(writer.failure());
 
-    const Simulation::ShapePtr scene = Simulation::make_scene(options.scene);
-    Simulation::RenderSettings settings;
-    settings.threads = default_thread_number();
-    settings.farLimit = 1.2 * options.distance;  // a scanner's working range
-    Simulation::NoiseModel noise;
-    noise.seed = options.seed;
-
-    Progress progress("rendering", options.frames);
-    int number = 0;
-    for (const RigidMatrix& pose : camera_path(options)) {
-        PointImage frame = Simulation::render(*scene, camera, options.width, options.height, pose, settings);
-        if (options.hasNoise)
-            Simulation::apply_noise(frame, noise, static_cast<std::uint64_t>(number), settings.threads);
+    Progress progress("rendering", sequence->frame_count());
+    for (int number = 0; number < sequence->frame_count(); ++number) {
+        const PointImage frame = Simulation::frame_of(*sequence, number, default_thread_number());
+        const RigidMatrix& pose = sequence->poses[static_cast<std::size_t>(number)];
         const Outcome<Done> written = writer->write_frame(number, depth_image_of(frame), pose);
         if (!written) return report_failure(written.failure());
-        ++number;
         progress.advance();
     }
-    print_line(format_text("Recording of %d frames: ", number) + options.folder);
+    print_line(format_text("Recording of %d frames: ", sequence->frame_count()) + options.folder);
+    print_speed(*sequence);
     return EXIT_OK;
 }
 
@@ -89,23 +125,30 @@ void add_simulate_command(CLI::App& app, Command& chosen) {
     CLI::App* command = app.add_subcommand("simulate", "Writes a recording of a virtual scene with its true poses.");
     const auto options = std::make_shared<SimulateOptions>();
     command->add_option("DIR", options->folder, "Folder for the recording; it must hold none yet")->required();
-    command->add_option("--scene", options->scene, "What is scanned")
+    CLI::Option* sequence = command->add_option("--sequence", options->sequence, described_sequences())
+                                ->check(CLI::IsMember(sequence_names()));
+    command->add_option("--scene", options->scene, "What is scanned on two turns around it")
         ->check(CLI::IsMember(Simulation::scene_names()))
-        ->capture_default_str();
-    command->add_option("--frames", options->frames, "Number of frames on two turns around the object")
-        ->check(number_between(1, 100000))
-        ->capture_default_str();
-    command->add_option("--distance", options->distance, "Distance of the camera from the object in mm")
+        ->capture_default_str()
+        ->excludes(sequence);
+    command->add_option("--frames", options->frames, "Number of frames; on two turns 40")
+        ->check(number_between(1, 100000));
+    command->add_option("--distance", options->distance, "Distance of the camera from the object in mm, on two turns")
         ->check(number_between(50, 5000))
-        ->capture_default_str();
+        ->capture_default_str()
+        ->excludes(sequence);
     command->add_option("--width", options->width, "Pixels of a row")
         ->check(number_between(16, 8192))
         ->capture_default_str();
-    command->add_option("--height", options->height, "Pixel rows")
-        ->check(number_between(16, 8192))
-        ->capture_default_str();
-    command->add_flag("--noise", options->hasNoise, "Adds the measurement errors of a good scanner");
-    command->add_option("--seed", options->seed, "Seed of the noise")->capture_default_str();
+    command->add_option("--height", options->height, "Pixel rows; 480 on two turns, 512 in a sequence")
+        ->check(number_between(16, 8192));
+    command
+        ->add_option("--depth-step", options->depthStep,
+                     "Millimetres between the depths that the images can hold; 1 on two turns, 0.01 in a sequence")
+        ->check(number_between(0.001, 1));
+    command->add_flag("--noise", options->hasNoise,
+                      "Adds the measurement errors of a good scanner; in a sequence 0.1 mm everywhere");
+    command->add_option("--seed", options->seed, "Seed of noise and tremor")->capture_default_str();
     command->callback([options, &chosen] { chosen = [options] { return run_simulate(*options); }; });
 }
 

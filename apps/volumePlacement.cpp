@@ -21,7 +21,7 @@ public:
         ++_frames;
         for (int y = 0; y < image.height; y += pixelStep) {
             for (int x = 0; x < image.width; x += pixelStep) {
-                const std::uint16_t z = image.millimetres[static_cast<std::size_t>(y) * image.width + x];
+                const float z = image.millimetres[static_cast<std::size_t>(y) * image.width + x];
                 if (!DepthImage::is_value(z) || z < settings.nearest || z > settings.farthest) continue;
                 Vector3d point;
                 camera.depth_to_point(static_cast<double>(z), Vector2d(x, y), point);
@@ -59,7 +59,7 @@ Outcome<SceneSurvey> survey_scene(const Recording& recording, const std::vector<
     const std::size_t samples = std::min(sampledFrames, frames.size());
     for (std::size_t i = 0; i < samples; ++i) {
         const std::size_t index = samples == 1 ? 0 : i * (frames.size() - 1) / (samples - 1);
-        const Outcome<DepthImage> image = read_depth_png(frames[index].depthFile);
+        const Outcome<DepthImage> image = read_depth(frames[index]);
         if (!image) return image.failure();
         surveyor.add(*image, recording.camera(), *frames[index].cameraToWorld, settings);
     }

@@ -52,7 +52,7 @@ Sequence read_office() {
     sequence.pointDis = 5.0f;
     sequence.nearFar = {400.0f, 4000.0f};
     for (const RecordedFrame& recorded : recording->select(0, 118, 2)) {
-        Outcome<DepthImage> depth = read_depth_png(recorded.depthFile);
+        Outcome<DepthImage> depth = read_depth(recorded);
         if (!depth) throw std::runtime_error(depth.failure().reason);
         PointImage frame =
             depth_frame_to_point_image(*depth, recording->camera(), keep_every_pixel(), default_thread_number());

@@ -53,8 +53,7 @@ cv::Matx44f metric_pose(const RigidMatrix& pose) {
 
 cv::Mat depth_matrix(const DepthImage& image) {
     cv::Mat depth(image.height, image.width, CV_32FC1);
-    std::transform(image.millimetres.begin(), image.millimetres.end(), depth.begin<float>(),
-                   [](std::uint16_t value) { return DepthImage::is_value(value) ? static_cast<float>(value) : 0.0f; });
+    std::copy(image.millimetres.begin(), image.millimetres.end(), depth.begin<float>());
     return depth;
 }
 

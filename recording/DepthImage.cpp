@@ -1,6 +1,7 @@
 #include "recording/DepthImage.h"
 
 #include <array>
+#include <cmath>
 #include <exception>
 #include <fstream>
 #include <opencv2/core.hpp>
@@ -17,6 +18,7 @@ namespace fs = std::filesystem;
 
 constexpr std::size_t largestFile = std::size_t{256} << 20;
 constexpr std::uint32_t longestSide = 16384;
+constexpr std::uint16_t noValue = 65535;  // beside 0
 
 // The layout of a PNG file: signature, then chunks of length, name, data and check sum; the first chunk is
 // IHDR with 13 bytes, the last IEND with none (ISO/IEC 15948).
@@ -60,7 +62,7 @@ Outcome<ImageSize> parse_header(std::string_view bytes) {
     const int colourType = bytes[25];
     if (bits != 16 || colourType != 0) {
         return Failure{std::string("is no depth image: it has ") + std::to_string(bits) + " bits " +
-                       (colourType == 0 ? "of grey" : "a colour") + ", needed are 16 bits of grey in millimetres"};
+                       (colourType == 0 ? "of grey" : "a colour") + ", needed are 16 bits of grey"};
     }
     if (width == 0 || height == 0 || width > longestSide || height > longestSide) {
         return Failure{"has an absurd size of " + std::to_string(width) + " x " + std::to_string(height) + " pixels"};
@@ -92,6 +94,16 @@ cv::Mat decode(std::string& bytes) {
     }
 }
 
+std::vector<std::uint16_t> in_steps(const DepthImage& image) {
+    std::vector<std::uint16_t> counts;
+    counts.reserve(image.millimetres.size());
+    for (const float depth : image.millimetres) {
+        const double count = std::round(depth / image.step);
+        counts.push_back(count > 0.0 && count < noValue ? static_cast<std::uint16_t>(count) : std::uint16_t{0});
+    }
+    return counts;
+}
+
 Failure failure_of(const fs::path& path, const std::string& cause) {
     return {path.string() + ' ' + cause};
 }
@@ -114,7 +126,7 @@ Outcome<ImageSize> inspect_depth_png(const fs::path& path) {
     return size;
 }
 
-Outcome<DepthImage> read_depth_png(const fs::path& path) {
+Outcome<DepthImage> read_depth_png(const fs::path& path, double step) {
     Outcome<std::string> bytes = read_whole_file(path, largestFile);
     if (!bytes) return bytes.failure();
     const Outcome<ImageSize> size = parse_header(*bytes);
@@ -125,11 +137,12 @@ Outcome<DepthImage> read_depth_png(const fs::path& path) {
     const bool isExpected = picture.type() == CV_16UC1 && ImageSize{picture.cols, picture.rows} == *size;
     if (!isExpected) return failure_of(path, "is damaged and cannot be decoded");
 
-    DepthImage image{size->width, size->height, {}};
+    DepthImage image{size->width, size->height, {}, step};
     image.millimetres.reserve(picture.total());
     for (int row = 0; row < picture.rows; ++row) {
-        const std::uint16_t* values = picture.ptr<std::uint16_t>(row);
-        image.millimetres.insert(image.millimetres.end(), values, values + picture.cols);
+        const std::uint16_t* counts = picture.ptr<std::uint16_t>(row);
+        for (int column = 0; column < picture.cols; ++column)
+            image.millimetres.push_back(counts[column] == noValue ? 0.0F : static_cast<float>(counts[column] * step));
     }
     return image;
 }
@@ -140,8 +153,8 @@ Outcome<Done> write_depth_png(const fs::path& path, const DepthImage& image) {
         return failure_of(path, "not written: the image has no pixels");
     std::vector<unsigned char> encoded;
     try {
-        const cv::Mat picture(image.height, image.width, CV_16UC1,
-                              const_cast<std::uint16_t*>(image.millimetres.data()));
+        std::vector<std::uint16_t> counts = in_steps(image);
+        const cv::Mat picture(image.height, image.width, CV_16UC1, counts.data());
         cv::imencode(".png", picture, encoded);
     } catch (const std::exception& error) {
         return failure_of(path, std::string("not written: ") + error.what());

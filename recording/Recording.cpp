@@ -19,6 +19,7 @@ namespace fs = std::filesystem;
 
 constexpr std::size_t largestTextFile = 1 << 16;
 constexpr const char* intrinsicsName = "camera-intrinsics.txt";
+constexpr const char* depthStepName = "depth-step.txt";
 constexpr std::string_view framePrefix = "frame-";
 constexpr std::string_view depthEnding = ".depth.png";
 constexpr std::string_view poseEnding = ".pose.txt";
@@ -68,8 +69,17 @@ Outcome<T> read_text_as(const fs::path& path, Outcome<T> (*parse)(std::string_vi
     return value;
 }
 
-Outcome<RecordedFrame> open_frame(const fs::path& folder, int number, const FrameFiles& files, PosePolicy policy) {
-    RecordedFrame frame{number, folder / frame_name(number, depthEnding), std::nullopt};
+/// Millimetres where the folder says nothing else.
+Outcome<double> read_depth_step(const fs::path& folder) {
+    std::error_code error;
+    const fs::path file = folder / depthStepName;
+    if (!fs::exists(file, error)) return 1.0;
+    return read_text_as(file, parse_depth_step);
+}
+
+Outcome<RecordedFrame> open_frame(const fs::path& folder, int number, const FrameFiles& files, double depthStep,
+                                  PosePolicy policy) {
+    RecordedFrame frame{number, folder / frame_name(number, depthEnding), depthStep, std::nullopt};
     const fs::path poseFile = folder / frame_name(number, poseEnding);
     if (!files.hasDepth) {
         return Failure{poseFile.string() + " has no depth image " + frame_name(number, depthEnding) +
@@ -94,6 +104,10 @@ Failure other_size(const fs::path& file, ImageSize size, ImageSize expected) {
 
 }  // namespace
 
+Outcome<DepthImage> read_depth(const RecordedFrame& frame) {
+    return read_depth_png(frame.depthFile, frame.depthStep);
+}
+
 Outcome<Recording> Recording::open(const fs::path& folder, PosePolicy policy) {
     const Outcome<std::map<int, FrameFiles>> listed = list_frames(folder);
     if (!listed) return listed.failure();
@@ -103,12 +117,14 @@ Outcome<Recording> Recording::open(const fs::path& folder, PosePolicy policy) {
     }
     const Outcome<CameraInParam> camera = read_text_as(folder / intrinsicsName, parse_intrinsics);
     if (!camera) return camera.failure();
+    const Outcome<double> depthStep = read_depth_step(folder);
+    if (!depthStep) return depthStep.failure();
 
     Recording recording;
     recording._folder = folder;
     recording._camera = *camera;
     for (const auto& [number, files] : *listed) {
-        Outcome<RecordedFrame> frame = open_frame(folder, number, files, policy);
+        Outcome<RecordedFrame> frame = open_frame(folder, number, files, *depthStep, policy);
         if (!frame) return frame.failure();
         const Outcome<ImageSize> size = inspect_depth_png(frame->depthFile);
         if (!size) return size.failure();
@@ -128,7 +144,8 @@ std::vector<RecordedFrame> Recording::select(int first, int last, int step) cons
     return selected;
 }
 
-Outcome<RecordingWriter> RecordingWriter::create(const fs::path& folder, const CameraInParam& camera) {
+Outcome<RecordingWriter> RecordingWriter::create(const fs::path& folder, const CameraInParam& camera,
+                                                 double depthStep) {
     const Outcome<Done> prepared = prepare_output_folder(folder);
     if (!prepared) return prepared.failure();
     const Outcome<std::map<int, FrameFiles>> present = list_frames(folder);
@@ -138,12 +155,20 @@ Outcome<RecordingWriter> RecordingWriter::create(const fs::path& folder, const C
     }
     const Outcome<Done> written = write_whole_file(folder / intrinsicsName, intrinsics_text(camera));
     if (!written) return written.failure();
-    return RecordingWriter(folder);
+    std::error_code error;
+    fs::remove(folder / depthStepName, error);
+    if (depthStep != 1.0) {
+        const Outcome<Done> stepWritten = write_whole_file(folder / depthStepName, depth_step_text(depthStep));
+        if (!stepWritten) return stepWritten.failure();
+    }
+    return RecordingWriter(folder, depthStep);
 }
 
 Outcome<Done> RecordingWriter::write_frame(int number, const DepthImage& image,
                                            const std::optional<RigidMatrix>& cameraToWorld) {
-    const Outcome<Done> written = write_depth_png(_folder / frame_name(number, depthEnding), image);
+    DepthImage stepped = image;
+    stepped.step = _depthStep;
+    const Outcome<Done> written = write_depth_png(_folder / frame_name(number, depthEnding), stepped);
     if (!written || !cameraToWorld) return written;
     return write_whole_file(_folder / frame_name(number, poseEnding), pose_text(*cameraToWorld));
 }

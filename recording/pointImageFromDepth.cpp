@@ -40,18 +40,16 @@ InverseDepth for_each_pixel(const InverseDepth& source, int threads, const Body&
 InverseDepth inverse_depth_in_range(const DepthImage& depth, const DepthFrameSettings& settings) {
     InverseDepth inverse{depth.width, depth.height, std::vector<float>(depth.millimetres.size(), 0.0f)};
     for (std::size_t i = 0; i < depth.millimetres.size(); ++i) {
-        const std::uint16_t z = depth.millimetres[i];
+        const float z = depth.millimetres[i];
         const bool isUsable = DepthImage::is_value(z) && z >= settings.nearest && z <= settings.farthest;
-        if (isUsable) inverse.values[i] = 1.0f / static_cast<float>(z);
+        if (isUsable) inverse.values[i] = 1.0f / z;
     }
     return inverse;
 }
 
-/// One step of the camera near this inverse depth, as a difference of inverse depths; the image's whole
-/// millimetres are the smallest one.
+/// One step of the camera near this inverse depth, as a difference of inverse depths.
 float inverse_step(float inverse, const DepthFrameSettings& settings) {
-    constexpr float millimetre = 1.0f;
-    return std::max(settings.inverseDepthStep, millimetre * inverse * inverse);
+    return std::max(settings.inverseDepthStep, settings.smallestStep * inverse * inverse);
 }
 
 /// Whether a pixel at most `edgeMargin` away along its row or column lies on another surface: its depth
@@ -201,7 +199,9 @@ float depth_step(float depth, const DepthFrameSettings& settings) {
 }
 
 PointImage depth_frame_to_point_image(const DepthImage& depth, const CameraInParam& camera,
-                                      const DepthFrameSettings& settings, int threads) {
+                                      const DepthFrameSettings& wanted, int threads) {
+    DepthFrameSettings settings = wanted;
+    settings.smallestStep = static_cast<float>(depth.step);
     InverseDepth inverse = inverse_depth_in_range(depth, settings);
     const float focalLength = static_cast<float>(std::min(camera.get_fx(), camera.get_fy()));
     if (settings.edgeMargin > 0) inverse = without_edges(inverse, focalLength, settings, threads);

@@ -9,12 +9,13 @@ namespace VexelAlgorithm {
 
 /// How a depth image becomes points. A triangulating depth camera resolves the inverse depth 1/z evenly,
 /// so limits on depth differences are counted in its steps: with `inverseDepthStep` q, one step at depth z
-/// is q z^2 millimetres, and never less than the image's one millimetre. The defaults suit room-size recordings of
+/// is q z^2 millimetres, and never less than `smallestStep`. The defaults suit room-size recordings of
 /// structured-light cameras.
 struct DepthFrameSettings {
     float nearest = 100.0f;             ///< mm; nearer pixels are taken as without value
     float farthest = 10000.0f;          ///< mm; farther pixels are taken as without value
     float inverseDepthStep = 2.85e-6f;  ///< 1/mm; 11 mm at 2 m, 0.5 mm at 0.4 m
+    float smallestStep = 1.0f;          ///< mm; replaced by the image's own step when one is converted
     float edgeJump = 8.0f;              ///< steps; larger differences between near pixels are depth edges
     int edgeMargin = 2;                 ///< pixels; points this near to an edge are dropped, 0 keeps all
     int smallestIsland = 60;            ///< points; smaller connected pieces are dropped, 0 keeps all

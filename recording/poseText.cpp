@@ -75,4 +75,16 @@ std::string intrinsics_text(const CameraInParam& camera) {
            ' ' + number_text(camera.get_cy()) + "\n0 0 1\n";
 }
 
+Outcome<double> parse_depth_step(std::string_view text) {
+    const Outcome<std::vector<double>> numbers = parse_numbers(text, 1);
+    if (!numbers) return numbers.failure();
+    const double step = numbers->front();
+    if (!(step >= 1e-6 && step <= 1000.0)) return Failure{"the step must be 1e-6 to 1000 mm"};
+    return step;
+}
+
+std::string depth_step_text(double step) {
+    return number_text(step) + '\n';
+}
+
 }  // namespace VexelAlgorithm

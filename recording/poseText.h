@@ -1,4 +1,4 @@
-// The text files of a recording: a frame's pose and the camera's intrinsics.
+// The text files of a recording: a frame's pose, the camera's intrinsics and the step of its depths.
 #pragma once
 
 #include <string>
@@ -24,5 +24,9 @@ std::string pose_text(const RigidMatrix& cameraToWorld);
 /// A 3 x 3 camera matrix in pixels without skew. The reason of a failure is the cause alone.
 Outcome<CameraInParam> parse_intrinsics(std::string_view text);
 std::string intrinsics_text(const CameraInParam& camera);
+
+/// One number from 1e-6 to 1000: millimetres. The reason of a failure is the cause alone.
+Outcome<double> parse_depth_step(std::string_view text);
+std::string depth_step_text(double step);
 
 }  // namespace VexelAlgorithm

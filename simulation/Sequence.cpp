@@ -168,7 +168,7 @@ PointImage frame_from(const Sequence& sequence, const RigidMatrix& cameraToWorld
     PointImage frame =
         render(*sequence.scene, sequence.camera, sequence.width, sequence.height, cameraToWorld, settings);
     if (sequence.noise) apply_noise(frame, *sequence.noise, number, threads);
-    compute_normals(frame, sequence);
+    if (sequence.normalWindow > 0.0) compute_normals(frame, sequence);
     return frame;
 }
 

@@ -24,7 +24,8 @@ struct Sequence {
     std::vector<RigidMatrix> poses;   ///< camera to world
     std::vector<char> isBlack;        ///< for every pose: not 0 when something covers the camera
     std::optional<NoiseModel> noise;  ///< none for ideal depths
-    double normalWindow = 2.4;        ///< half-width of the window from which normals are computed
+    double normalWindow = 2.4;        ///< half-width of the window of points from which normals are computed; 0 for
+                                      ///< the surface's own normals
 
     int frame_count() const { return static_cast<int>(poses.size()); }
     /// What a tracker shall find that calls the first camera's coordinates the model's: camera to first camera.

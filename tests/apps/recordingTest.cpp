@@ -27,7 +27,7 @@ const CameraInParam camera(58.5, 57.25, 31.5, 24.125);
 DepthImage slanted_depth(int width, int height) {
     DepthImage image{width, height, {}};
     for (int i = 0; i < width * height; ++i) {
-        image.millimetres.push_back(static_cast<std::uint16_t>(i % 11 == 0 ? 0 : 700 + 3 * (i % width)));
+        image.millimetres.push_back(static_cast<float>(i % 11 == 0 ? 0 : 700 + 3 * (i % width)));
     }
     return image;
 }
@@ -70,7 +70,7 @@ TEST(Recording, ReadsBackWhatWasWrittenInAnyLocale) {
         const RigidMatrix pose = turned_pose(0.01 * expected[i], {1.5, -2.25, expected[i] + 0.1});
         EXPECT_LT((frame.cameraToWorld->get_rotation() - pose.get_rotation()).norm(), 1e-12);
         EXPECT_LT((frame.cameraToWorld->get_translation() - pose.get_translation()).norm(), 1e-6);
-        const Outcome<DepthImage> image = read_depth_png(frame.depthFile);
+        const Outcome<DepthImage> image = read_depth(frame);
         ASSERT_TRUE(image) << image.failure().reason;
         EXPECT_EQ(image->millimetres, slanted_depth(64, 48).millimetres);
     }
@@ -142,6 +142,7 @@ std::function<void(const fs::path&)> drop(const char* file) {
 constexpr const char* depth = "frame-000002.depth.png";
 constexpr const char* pose = "frame-000002.pose.txt";
 constexpr const char* intrinsics = "camera-intrinsics.txt";
+constexpr const char* depthStep = "depth-step.txt";
 
 const std::string huge = "\x89PNG\r\n\x1a\n" +
                          std::string("\0\0\0\x0dIHDR\x7f\xff\xff\xff\x7f\xff\xff\xff\x10\0\0\0\0", 21) +
@@ -173,6 +174,8 @@ const Damage damages[] = {
     {"skewed intrinsics", replace(intrinsics, "585 1 320 0 585 240 0 0 1"), intrinsics, "not of the form"},
     {"zero focal length", replace(intrinsics, "0 0 320 0 585 240 0 0 1"), intrinsics, "focal lengths"},
     {"absurd intrinsics", replace(intrinsics, "585 0 1e300 0 585 240 0 0 1"), intrinsics, "at most 1000000"},
+    {"no depth step", replace(depthStep, "one"), depthStep, "'one' is not a number"},
+    {"negative depth step", replace(depthStep, "-0.1"), depthStep, "1e-6 to 1000 mm"},
     {"empty pose", replace(pose, ""), pose, "only 0 of 16 numbers"},
     {"short pose", replace(pose, "1 0 0 0  0 1 0 0  0 0 1"), pose, "only 11 of 16 numbers"},
     {"long pose", replace(pose, "1 0 0 0 0 1 0 0 0 0 1 0 0 0 0 1 5"), pose, "more than the expected 16"},
@@ -212,7 +215,7 @@ TEST(RecordingBadInput, EveryDamageIsNamedWithItsFile) {
         const Outcome<Recording> recording = Recording::open(folder, PosePolicy::Required);
         std::string reason;
         if (recording) {
-            const Outcome<DepthImage> image = read_depth_png(folder / depth);
+            const Outcome<DepthImage> image = read_depth_png(folder / depth, 1.0);
             ASSERT_FALSE(image);
             reason = image.failure().reason;
         } else {
@@ -248,10 +251,26 @@ DepthImage plane_depth(const CameraInParam& view, const Vector3d& normal, double
         for (int x = 0; x < image.width; ++x) {
             const Vector3d ray((x - view.get_cx()) / view.get_fx(), (y - view.get_cy()) / view.get_fy(), 1.0);
             const double z = x < wallColumns ? wall : distance / normal.dot(ray);
-            image.millimetres.push_back(static_cast<std::uint16_t>(z + 0.5));
+            image.millimetres.push_back(std::round(static_cast<float>(z)));
         }
     }
     return image;
+}
+
+TEST(Recording, FineStepsAreKept) {
+    TemporaryFolder folder;
+    {
+        Outcome<RecordingWriter> writer = RecordingWriter::create(folder.path(), camera, 0.02);
+        ASSERT_TRUE(writer);
+        ASSERT_TRUE(writer->write_frame(5, DepthImage{3, 2, {0.0F, 400.123F, 1310.68F, 1310.7F, 1e30F, -3.0F}}, {}));
+    }
+    const Outcome<Recording> recording = Recording::open(folder.path(), PosePolicy::Optional);
+    ASSERT_TRUE(recording) << recording.failure().reason;
+    EXPECT_EQ(recording->depth_step(), 0.02);
+    const Outcome<DepthImage> image = read_depth(recording->frames().front());
+    ASSERT_TRUE(image);
+    const float expected[] = {0.0F, 400.12F, 1310.68F, 0.0F, 0.0F, 0.0F};
+    for (std::size_t i = 0; i < 6; ++i) EXPECT_NEAR(image->millimetres[i], expected[i], 1e-3F) << i;
 }
 
 TEST(DepthFrame, HasPointsNormalsAndWeightsOfTheSurface) {
@@ -279,8 +298,8 @@ TEST(DepthFrame, HasPointsNormalsAndWeightsOfTheSurface) {
 TEST(DepthFrame, DropsEdgesSpecksAndPixelsOutOfRange) {
     const CameraInParam view(146.0, 146.0, 80.0, 60.0);
     DepthImage image = plane_depth(view, Vector3d::UnitZ(), 1500.0, 50, 900.0);
-    for (int y = 100; y < 110; ++y) std::fill_n(&image.millimetres[y * 160 + 140], 10, 65535);
-    for (int y = 20; y < 30; ++y) std::fill_n(&image.millimetres[y * 160 + 90], 10, 0);
+    for (int y = 100; y < 110; ++y) std::fill_n(&image.millimetres[y * 160 + 140], 10, 0.0F);
+    for (int y = 20; y < 30; ++y) std::fill_n(&image.millimetres[y * 160 + 90], 10, 0.0F);
     image.millimetres[25 * 160 + 95] = 1500;  // a speck in a hole
     DepthFrameSettings settings;
     const PointImage frame = depth_frame_to_point_image(image, view, settings, 1);

@@ -77,7 +77,7 @@ private:
                 const double along = ray.dot(centre);
                 const double rest = along * along - ray.squaredNorm() * (centre.squaredNorm() - radius * radius);
                 const double depth = rest > 0.0 ? (along - std::sqrt(rest)) / ray.squaredNorm() : 1000.0;
-                image.millimetres.push_back(static_cast<std::uint16_t>(depth + 0.5));
+                image.millimetres.push_back(std::round(static_cast<float>(depth)));
             }
         }
         return image;
@@ -152,6 +152,13 @@ TEST_F(VexelScan, SimulatesARecordingThatFuses) {
     EXPECT_EQ(bytes_of(path("sim") / file), bytes_of(path("again") / file));
     const ToolRun fused = run("fuse " + quoted(path("sim")) + " --voxel 4 --min-weight 1 --out " + quoted(path("out")));
     EXPECT_EQ(fused.exitCode, 0) << fused.errors;
+    const std::string walk = "simulate --sequence smooth --noise --width 120 --height 90 --frames ";
+    const ToolRun handHeld = run(walk + "2 " + quoted(path("walk")));
+    ASSERT_EQ(handHeld.exitCode, 0) << handHeld.errors;
+    EXPECT_NE(handHeld.output.find("degrees a frame"), std::string::npos) << handHeld.output;
+    EXPECT_EQ(bytes_of(path("walk") / "depth-step.txt"), "0.01\n");
+    EXPECT_EQ(run("fuse " + quoted(path("walk")) + " --voxel 4 --min-weight 1 --out " + quoted(path("out"))).exitCode,
+              0);
     const ToolRun refused = run(call + quoted(path("sim")));
     EXPECT_EQ(refused.exitCode, 1);
     EXPECT_NE(refused.errors.find("holds a recording already"), std::string::npos) << refused.errors;
@@ -191,6 +198,9 @@ const BadCall badCalls[] = {
     {"simulate @/file", 1, "is a file"},
     {"simulate @/sim --frames 0", 2, "--frames"},
     {"simulate @/sim --scene cathedral", 2, "--scene"},
+    {"simulate @/sim --sequence earthquake", 2, "--sequence"},
+    {"simulate @/sim --sequence smooth --scene owl", 2, "--sequence"},
+    {"simulate @/sim --depth-step 0", 2, "--depth-step"},
 };
 
 TEST_F(VexelScan, SaysInOneSentenceWhatIsWrong) {

@@ -45,3 +45,4 @@
 #include "fusion/rayCast.h"
 #include "platform/featureRegistration.h"
 #include "platform/textureTracking.h"
+#include "readCaliData/CaliParReadIn.h"

@@ -5,7 +5,8 @@ set -euo pipefail
 packages=(
     g++ cmake ninja-build
     libeigen3-dev libtbb-dev libopenmesh-dev libhwy-dev     # the library
-    libopencv-dev libopencv-contrib-dev                     # pictures and recordings; rgbd, the peer in the benchmarks
+    libopencv-dev                                           # the library: rectification; pictures and recordings
+    libopencv-contrib-dev                                   # rgbd, the peer in the benchmarks
     libcli11-dev nlohmann-json3-dev                         # the tool
     libgtest-dev libbenchmark-dev                           # tests and benchmarks
 )

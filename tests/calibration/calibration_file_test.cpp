@@ -1,0 +1,290 @@
+// Calibration files: what a formatted read takes and what it does not.
+#include <gtest/gtest.h>
+#include <opencv2/core/core_c.h>
+
+#include <clocale>
+#include <cmath>
+#include <cstdio>
+#include <functional>
+#include <locale>
+#include <random>
+#include <sstream>
+
+#include "readCaliData/CaliParReadIn.h"
+#include "tests/apps/TemporaryFolder.h"
+#include "tests/calibration/stereoRig.h"
+
+namespace VexelAlgorithm::Rebuild {
+namespace {
+
+using namespace VexelTest;
+
+constexpr const char* READ_FAIL = "read camera para fail\n";
+const Vector2i SIZE(RIG_WIDTH, RIG_HEIGHT);
+
+struct Matrices {
+    CvMat *K = nullptr, *D = nullptr, *R = nullptr, *T = nullptr;
+    ~Matrices() {
+        for (CvMat** matrix : {&K, &D, &R, &T})
+            if (*matrix != nullptr) cvReleaseMat(matrix);
+    }
+    std::vector<double> values() const {
+        std::vector<double> all;
+        for (const CvMat* matrix : {K, D, R, T})
+            all.insert(all.end(), matrix->data.db, matrix->data.db + matrix->rows * matrix->cols);
+        return all;
+    }
+};
+
+class CalibrationFile : public testing::Test {
+protected:
+    std::string put(const std::string& name, const std::string& text) {
+        const std::filesystem::path path = folder.path() / name;
+        put_bytes(path, text);
+        return path.string();
+    }
+    bool read(const std::string& text, Matrices& out) {
+        return reader.read_calibrate_para_single(out.K, out.D, out.R, out.T, put("camera.txt", text));
+    }
+    bool is_read(const std::string& text) {
+        Matrices out;
+        return read(text, out);
+    }
+
+    TemporaryFolder folder;
+    CaliParReadIn reader;
+    Rig rig;
+};
+
+std::string replaced(std::string text, const std::string& from, const std::string& to) {
+    const std::size_t at = text.find(from);
+    EXPECT_NE(at, std::string::npos) << from;
+    return text.replace(at, from.size(), to);
+}
+
+/// The file as the C library reads it: 22 values, or none.
+std::vector<double> read_by_c_library(const std::string& path) {
+    std::FILE* file = std::fopen(path.c_str(), "r");
+    double v[40];
+    double* u = v + 22;
+    const bool whole =
+        std::fscanf(file, "Focal Length:          fc = [%lf %lf]\n", v, v + 1) == 2 &&
+        std::fscanf(file, "                            [%lf %lf]\n", u, u + 1) == 2 &&
+        std::fscanf(file, "Principal point:       cc = [%lf %lf]\n", v + 2, v + 3) == 2 &&
+        std::fscanf(file, "                            [%lf %lf\n\n]", u, u + 1) == 2 &&
+        std::fscanf(file, "alpha:              alpha = [%lf] [%lf]\n", v + 4, u) == 2 &&
+        std::fscanf(file, "Distortion:            kc = [%lf %lf %lf %lf %lf]\n", v + 5, v + 6, v + 7, v + 8, v + 9) ==
+            5 &&
+        std::fscanf(file, "                            [%lf %lf %lf %lf %lf]\n", u, u + 1, u + 2, u + 3, u + 4) == 5 &&
+        std::fscanf(file, "Translation vector:     T = [%lf %lf %lf]\n", v + 10, v + 11, v + 12) == 3 &&
+        std::fscanf(file, "Rotation Matrix:        R = [%lf %lf %lf %lf %lf %lf %lf %lf %lf]\n", v + 13, v + 14, v + 15,
+                    v + 16, v + 17, v + 18, v + 19, v + 20, v + 21) == 9 &&
+        std::fscanf(file, "Standard Error:     error = [%lf]\n", u) == 1;
+    std::fclose(file);
+    return whole ? std::vector<double>(v, v + 22) : std::vector<double>();
+}
+
+TEST_F(CalibrationFile, FillsTheMatricesInTheirOrder) {
+    rig.left.alpha = 0.01;
+    Matrices out;
+    ASSERT_TRUE(read(rig.left.text(), out));
+    const double* K = out.K->data.db;
+    EXPECT_DOUBLE_EQ(K[1], 0.01 * rig.left.fx);
+    EXPECT_EQ(K[0], rig.left.fx);
+    EXPECT_EQ(K[4], rig.left.fy);
+    EXPECT_EQ(K[2], rig.left.cx);
+    EXPECT_EQ(K[5], rig.left.cy);
+    EXPECT_EQ(K[8], 1.0);
+    EXPECT_EQ(out.D->rows, 5);
+    EXPECT_TRUE(std::equal(rig.left.k, rig.left.k + 5, out.D->data.db));
+    EXPECT_EQ(out.R->data.db[1], rig.left.worldToCamera.get_rotation()(0, 1));
+    EXPECT_EQ(out.T->data.db[2], rig.left.worldToCamera.get_translation().z());
+
+    Matrices fromVector;
+    ASSERT_TRUE(
+        reader.read_calibrate_para_single(fromVector.K, fromVector.D, fromVector.R, fromVector.T, rig.left.vector()));
+    const std::vector<double> exact = out.values(), narrow = fromVector.values();
+    for (std::size_t i = 0; i < exact.size(); ++i) EXPECT_NEAR(narrow[i], exact[i], 1e-6 * std::abs(exact[i])) << i;
+}
+
+TEST_F(CalibrationFile, OneMissingLineIsEnoughToFail) {
+    const std::string good = rig.left.text();
+    std::vector<std::string> lines;
+    std::istringstream in(good);
+    for (std::string line; std::getline(in, line);) lines.push_back(line);
+    const auto joined = [](const std::vector<std::string>& all) {
+        std::string text;
+        for (const std::string& line : all) text += line + '\n';
+        return text;
+    };
+    for (std::size_t i = 0; i < lines.size(); ++i) {
+        EXPECT_FALSE(is_read(joined({lines.begin(), lines.begin() + static_cast<std::ptrdiff_t>(i)})))
+            << "ends before " << i;
+        if (lines[i].empty()) continue;  // white space of any amount
+        std::vector<std::string> without = lines, swapped = lines;
+        without.erase(without.begin() + static_cast<std::ptrdiff_t>(i));
+        EXPECT_FALSE(is_read(joined(without))) << "without " << i;
+        if (i + 1 == lines.size() || lines[i + 1].empty()) continue;
+        std::swap(swapped[i], swapped[i + 1]);
+        EXPECT_FALSE(is_read(joined(swapped))) << "swapped " << i;
+    }
+    Matrices out;
+    for (const std::string& path : {folder.path().string(), (folder.path() / "none").string(), std::string()})
+        EXPECT_FALSE(reader.read_calibrate_para_single(out.K, out.D, out.R, out.T, path)) << path;
+    EXPECT_EQ(out.K, nullptr);
+}
+
+TEST_F(CalibrationFile, AgreesWithTheCLibraryOnDamagedFiles) {
+    const std::string good = rig.left.text();
+    std::vector<std::string> texts{
+        good,
+        replaced(good, "\n\n]alpha", "]\nalpha"),
+        replaced(good, "\n\n]alpha", "]alpha"),
+        replaced(good, "410", "410,0"),
+        replaced(good, "410", "+410"),
+        replaced(good, "410", "4.1e2"),
+        replaced(good, "410", "nan"),
+        replaced(good, "410", "inf"),
+        replaced(good, "410", "1e999"),
+        replaced(good, "410", "1e-999"),
+        replaced(good, "410", "--410"),
+        replaced(good, "0.125]\n", "0.125"),
+        replaced(good, "0.125]\n", "\t 0.125] more"),
+        replaced(good, "Focal Length:          fc", "Focal Length: fc"),
+        replaced(good, "Focal", "\nFocal"),
+        std::string("\0\0\0", 3) + good,
+    };
+    std::string withCarriageReturns;
+    for (const char c : good) withCarriageReturns += c == '\n' ? std::string("\r\n") : std::string(1, c);
+    texts.push_back(withCarriageReturns);
+    std::mt19937 random(7);
+    const std::string alphabet = " \n\t[]=:.-+,0159eKRfα";
+    for (int i = 0; i < 400; ++i) {
+        std::string text = good;
+        const std::size_t at = random() % text.size();
+        switch (random() % 3) {
+            case 0:
+                text.erase(at, 1 + random() % 3);
+                break;
+            case 1:
+                text.insert(at, 1, alphabet[random() % alphabet.size()]);
+                break;
+            default:
+                text[at] = alphabet[random() % alphabet.size()];
+        }
+        texts.push_back(text);
+    }
+    int whole = 0;
+    for (const std::string& text : texts) {
+        Matrices out;
+        const bool read_here = read(text, out);
+        const std::vector<double> expected = read_by_c_library((folder.path() / "camera.txt").string());
+        ASSERT_EQ(read_here, !expected.empty()) << text;
+        if (!read_here) continue;
+        ++whole;
+        const double values[] = {out.K->data.db[0], out.K->data.db[4], out.D->data.db[4], out.T->data.db[2],
+                                 out.R->data.db[8]};
+        const std::size_t index[] = {0, 1, 9, 12, 21};
+        for (std::size_t i = 0; i < 5; ++i)
+            EXPECT_TRUE(values[i] == expected[index[i]] || std::isnan(values[i])) << text;
+    }
+    EXPECT_GT(whole, 50);
+    EXPECT_LT(whole, 380);
+}
+
+TEST_F(CalibrationFile, FormsThatCannotBeInitialised) {
+    const std::string left = put("left.txt", rig.left.text());
+    const std::string right = put("right.txt", rig.right.text());
+    const auto printed = [](const std::function<bool()>& is_success) {
+        testing::internal::CaptureStdout();
+        EXPECT_FALSE(is_success());
+        return testing::internal::GetCapturedStdout();
+    };
+    const std::string broken =
+        put("broken.txt", replaced(rig.left.text(), "                            [0.5 0.25\n\n]", ""));
+    EXPECT_EQ(printed([&] { return CaliParReadIn(broken, right, SIZE).is_ini_success(); }), READ_FAIL);
+    EXPECT_EQ(printed([&] { return CaliParReadIn(left, broken, SIZE).is_ini_success(); }), READ_FAIL);
+
+    for (const std::size_t count : {0, 21, 23}) {
+        std::vector<float> wrong(count, 1.0F);
+        const std::string line = "CaliParReadIn ini fail because leftPar.size() != 22 || rightPar.size() != 22\n";
+        EXPECT_EQ(printed([&] {
+                      return CaliParReadIn(wrong, rig.right.vector(), {}, SIZE, {0, 0}).is_ini_success();
+                  }),
+                  line);
+        EXPECT_EQ(printed([&] {
+                      return CaliParReadIn(rig.left.vector(), wrong, {}, SIZE, {0, 0}).is_ini_success();
+                  }),
+                  line);
+        EXPECT_EQ(printed([&] {
+                      CaliParReadIn direct;
+                      direct.ini(wrong, rig.right.vector(), {}, SIZE, {0, 0});
+                      return direct.is_ini_success();
+                  }),
+                  READ_FAIL);
+    }
+    for (const Vector2i& size :
+         {Vector2i(0, 10), Vector2i(10, -1), Vector2i(40000, 10), Vector2i(INT32_MAX, INT32_MAX)})
+        EXPECT_EQ(printed([&] {
+                      return CaliParReadIn(left, right, size).is_ini_success();
+                  }).find("cvmemery_ini fail because the image size"),
+                  0U);
+
+    Matrices wrongShape;
+    wrongShape.D = cvCreateMat(1, 4, CV_64FC1);
+    EXPECT_EQ(printed([&] {
+                  return reader.read_calibrate_para_single(wrongShape.K, wrongShape.D, wrongShape.R, wrongShape.T,
+                                                           left);
+              }),
+              "read_calibrate_para_single fail because a matrix is not CV_64FC1 or has another shape\n");
+    EXPECT_EQ(wrongShape.K, nullptr);
+}
+
+struct DecimalComma : std::numpunct<char> {
+    char do_decimal_point() const override { return ','; }
+    char do_thousands_sep() const override { return '.'; }
+    std::string do_grouping() const override { return "\3"; }
+};
+
+TEST_F(CalibrationFile, ReadsAndPrintsTheSameInEveryLocale) {
+    const std::string left = put("left.txt", rig.left.text());
+    const std::string right = put("right.txt", rig.right.text());
+    const auto load = [&] {
+        testing::internal::CaptureStdout();
+        const CaliParReadIn calibration(left, right, SIZE);
+        return std::make_pair(testing::internal::GetCapturedStdout(), calibration.get_left_projection());
+    };
+    const auto [text, projection] = load();
+    const std::locale before = std::locale::global(std::locale(std::locale::classic(), new DecimalComma));
+    for (const char* name : {"de_DE.UTF-8", "German_Germany.1252", "C"}) {
+        if (std::setlocale(LC_ALL, name) == nullptr) continue;
+        const auto [otherText, otherProjection] = load();
+        EXPECT_EQ(otherText, text) << name;
+        EXPECT_EQ(otherProjection, projection) << name;
+    }
+    std::locale::global(before);
+}
+
+TEST(Recordings, PublishedGeometry) {
+    const char* root = std::getenv("VEXEL_RECORDINGS");
+    if (root == nullptr) GTEST_SKIP() << "VEXEL_RECORDINGS is not set";
+    struct {
+        const char* folder;
+        Vector2i size;
+        double focal, baseline, offset;  // offset of the principal points, from the recordings' notes
+    } const rigs[] = {{"stereo_cylinder", {1232, 1640}, 1306.0, 180.088, -872.971},
+                      {"stereo_projected", {1600, 1200}, 1425.351, 74.713, -117.251}};
+    for (const auto& rig : rigs) {
+        const std::filesystem::path folder = std::filesystem::path(root) / rig.folder;
+        const CaliParReadIn calibration((folder / "calib_left.txt").string(), (folder / "calib_right.txt").string(),
+                                        rig.size);
+        ASSERT_TRUE(calibration.is_ini_success());
+        const auto P1 = calibration.get_left_projection(), P2 = calibration.get_right_projection();
+        EXPECT_NEAR(P1(0, 0), rig.focal, 0.05);
+        EXPECT_NEAR(-P2(0, 3) / P2(0, 0), rig.baseline, 0.001);
+        EXPECT_NEAR(P1(0, 2) - P2(0, 2), rig.offset, 0.01);
+    }
+}
+
+}  // namespace
+}  // namespace VexelAlgorithm::Rebuild

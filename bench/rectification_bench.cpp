@@ -30,8 +30,8 @@ const Rebuild::CaliParReadIn& calibration() {
 }
 
 struct Pair {
-    cv::Mat left{Height, Width, CV_8UC1};
-    cv::Mat right{Height, Width, CV_8UC1};
+    cv::Mat left = cv::Mat(Height, Width, CV_8UC1);
+    cv::Mat right = cv::Mat(Height, Width, CV_8UC1);
 };
 
 Pair speckle_pair() {

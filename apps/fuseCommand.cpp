@@ -1,23 +1,19 @@
 // vexel-scan fuse: a recording of known poses becomes a mesh.
-#include <tbb/global_control.h>
-
 #include <CLI/CLI.hpp>
 #include <algorithm>
 #include <memory>
-#include <opencv2/core.hpp>
-#include <opencv2/imgcodecs.hpp>
 
 #include "apps/FuseReport.h"
 #include "apps/Progress.h"
 #include "apps/commands.h"
+#include "apps/frameSelection.h"
 #include "apps/interrupt.h"
 #include "apps/numberOptions.h"
 #include "apps/peakMemory.h"
-#include "apps/preview.h"
+#include "apps/resultFiles.h"
+#include "apps/threadLimit.h"
 #include "apps/volumePlacement.h"
 #include "foundation/diagnostics.h"
-#include "foundation/meshExport.h"
-#include "foundation/parallel.h"
 #include "fusion/FusionTsdf.h"
 #include "recording/files.h"
 #include "recording/pointImageFromDepth.h"
@@ -31,12 +27,9 @@ using SpeckleVolume = Fusion::FusionTsdf<Fusion::LeafTSDFSpeckle>;
 
 /// What the command line says; lengths in mm.
 struct FuseOptions {
-    std::string recording;
+    FrameSelection selection;
     std::string out;
     float voxel = 5.0f;
-    int first = 0;
-    int last = 999999999;
-    int step = 1;
     int threads = 0;  ///< 0: all processors
     int depth = 0;    ///< 0: from the scene
     int range = 0;    ///< 0: from the camera's depth error
@@ -135,31 +128,22 @@ Outcome<BaseTriMesh> extract_mesh(SpeckleVolume& volume, const FuseOptions& opti
     return mesh;
 }
 
-Outcome<Done> write_preview(const fs::path& path, const BaseTriMesh& mesh, const Recording& recording,
-                            const std::vector<RecordedFrame>& frames, FuseReport& report) {
+std::vector<RigidMatrix> poses_of(const std::vector<RecordedFrame>& frames) {
     std::vector<RigidMatrix> poses;
     for (const RecordedFrame& frame : frames) poses.push_back(*frame.cameraToWorld);
-    const std::vector<View> views = preview_views(mesh, poses, recording.camera(), recording.image_size());
-    const cv::Mat sheet = report.clock.time("draw", [&] { return draw_preview(mesh, views, report.threads); });
-    std::vector<unsigned char> encoded;
-    if (sheet.empty() || !cv::imencode(".png", sheet, encoded)) return Failure{"the preview could not be drawn"};
-    return write_whole_file(path, {reinterpret_cast<const char*>(encoded.data()), encoded.size()});
-}
-
-Outcome<Done> write_mesh_file(const fs::path& path, const BaseTriMesh& mesh, StageClock& clock) {
-    const std::uint32_t content = MESH_WRITE_BINARY | MESH_WRITE_VERTEX_NORMAL;
-    const int digits = 7;
-    const int result = clock.time("write mesh", [&] { return write_mesh(path.string(), mesh, content, digits); });
-    if (result != 0) return Failure{path.string() + " cannot be written; check the space on the disk"};
-    return Done{};
+    return poses;
 }
 
 Outcome<Done> write_results(const BaseTriMesh& mesh, const Recording& recording,
                             const std::vector<RecordedFrame>& frames, const FuseOptions& options, FuseReport& report) {
     const fs::path folder = options.out;
     const fs::path meshFile = folder / ("mesh." + options.format);
-    Outcome<Done> written = write_mesh_file(meshFile, mesh, report.clock);
-    if (written) written = write_preview(folder / "preview.png", mesh, recording, frames, report);
+    Outcome<Done> written = report.clock.time("write mesh", [&] { return write_mesh_file(meshFile, mesh); });
+    if (written) {
+        written = report.clock.time("draw", [&] {
+            return write_preview(folder / "preview.png", mesh, recording, poses_of(frames), report.threads);
+        });
+    }
     report.peakMemoryMib = peak_memory_mib();
     if (written) written = write_whole_file(folder / "report.json", json_text(report));
     if (written) written = write_whole_file(folder / "report.txt", plain_text(report));
@@ -174,12 +158,12 @@ Outcome<Done> write_results(const BaseTriMesh& mesh, const Recording& recording,
 FuseReport begin_report(const Recording& recording, const std::vector<RecordedFrame>& frames,
                         const FuseOptions& options, const SpeckleVolume& volume) {
     FuseReport report;
-    report.recording = options.recording;
+    report.recording = options.selection.recording;
     report.imageSize = recording.image_size();
     report.framesSelected = static_cast<int>(frames.size());
     report.firstFrame = frames.front().number;
     report.lastFrame = frames.back().number;
-    report.step = options.step;
+    report.step = options.selection.step;
     report.threads = volume.get_code_Num();
     report.voxel = volume.get_pointDis();
     report.treeDepth = volume.get_treeDepth();
@@ -190,25 +174,18 @@ FuseReport begin_report(const Recording& recording, const std::vector<RecordedFr
 }
 
 int run_fuse(const FuseOptions& options) {
-    const int threads = options.threads > 0 ? options.threads : default_thread_number();
-    const tbb::global_control threadLimit(tbb::global_control::max_allowed_parallelism,
-                                          static_cast<std::size_t>(threads));
-    cv::setNumThreads(threads);
-
-    const Outcome<Recording> recording = Recording::open(options.recording, PosePolicy::Required);
+    const ThreadLimit threads(options.threads);
+    const Outcome<Recording> recording = Recording::open(options.selection.recording, PosePolicy::Required);
     if (!recording) return report_failure(recording.failure());
-    const std::vector<RecordedFrame> frames = recording->select(options.first, options.last, options.step);
-    if (frames.empty()) {
-        return report_failure(
-            {format_text("%s has no frame in the chosen range; its numbers go from %d to %d", options.recording.c_str(),
-                         recording->frames().front().number, recording->frames().back().number)});
-    }
+    const Outcome<std::vector<RecordedFrame>> selected = selected_frames(*recording, options.selection);
+    if (!selected) return report_failure(selected.failure());
+    const std::vector<RecordedFrame>& frames = *selected;
     const Outcome<Done> prepared = prepare_output_folder(options.out);
     if (!prepared) return report_failure(prepared.failure());
     const Outcome<SceneSurvey> survey = survey_scene(*recording, frames, options.frame);
     if (!survey) return report_failure(survey.failure());
 
-    const Outcome<std::unique_ptr<SpeckleVolume>> made = make_volume(options, *survey, threads);
+    const Outcome<std::unique_ptr<SpeckleVolume>> made = make_volume(options, *survey, threads.count());
     if (!made) return report_failure(made.failure());
     SpeckleVolume& volume = **made;
     FuseReport report = begin_report(*recording, frames, options, volume);
@@ -230,19 +207,12 @@ int run_fuse(const FuseOptions& options) {
 void add_fuse_command(CLI::App& app, Command& chosen) {
     CLI::App* command = app.add_subcommand("fuse", "Fuses depth frames of known poses into a mesh.");
     const auto options = std::make_shared<FuseOptions>();
-    command
-        ->add_option("RECORDING", options->recording,
-                     "Folder with frame-NNNNNN.depth.png (16 bit, mm), frame-NNNNNN.pose.txt (camera to world, m) and "
-                     "camera-intrinsics.txt")
-        ->required();
+    add_selection_options(*command, options->selection,
+                          "frame-NNNNNN.depth.png (16 bit, mm), frame-NNNNNN.pose.txt (camera to world, m) and "
+                          "camera-intrinsics.txt");
     command->add_option("--out", options->out, "Folder for mesh, preview.png, report.txt and report.json")->required();
     command->add_option("--voxel", options->voxel, "Edge of a voxel in mm")
         ->check(number_between(0.01, 1000))
-        ->capture_default_str();
-    command->add_option("--first", options->first, "Number of the first frame")->check(number_between(0, 999999999));
-    command->add_option("--last", options->last, "Number of the last frame")->check(number_between(0, 999999999));
-    command->add_option("--step", options->step, "Take every so-many-th frame")
-        ->check(number_between(1, 999999999))
         ->capture_default_str();
     command->add_option("--threads", options->threads, "Worker threads; 0 takes all processors")
         ->check(number_between(0, 1024))

@@ -30,6 +30,7 @@ int run(int argc, char** argv) {
     Command chosen;
     add_fuse_command(app, chosen);
     add_info_command(app, chosen);
+    add_settings_command(app, chosen);
     add_simulate_command(app, chosen);
     try {
         app.parse(argc, argv);

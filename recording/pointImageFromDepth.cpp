@@ -221,4 +221,23 @@ PointImage depth_frame_to_point_image(const DepthImage& depth, const CameraInPar
     return frame;
 }
 
+PointImage every_sample_th(PointImage frame, int sample) {
+    if (sample <= 1) return frame;
+    PointImage coarse;
+    coarse.ini(frame.get_image_width() / sample, frame.get_image_height() / sample,
+               frame.get_camPar().scaled_down(sample), sample, Vector2f::Zero());
+    coarse.enable_vNormal();
+    coarse.enable_vWeight();
+    coarse.enable_vFlag();
+    for (int y = 0; y < coarse.get_image_height(); ++y) {
+        for (int x = 0; x < coarse.get_image_width(); ++x) {
+            const std::size_t from = frame.index_of(x * sample, y * sample);
+            coarse.set_point(x, y, frame.get_vCoord(from));
+            coarse.set_normal(x, y, frame.get_vNrv(from));
+            coarse.set_vWeight(coarse.index_of(x, y), frame.get_vWeight(from));
+        }
+    }
+    return coarse;
+}
+
 }  // namespace VexelAlgorithm

@@ -41,4 +41,8 @@ float depth_step(float depth, const DepthFrameSettings& settings);
 PointImage depth_frame_to_point_image(const DepthImage& depth, const CameraInParam& camera,
                                       const DepthFrameSettings& settings, int threads);
 
+/// Every `sample`-th slot of every `sample`-th row, from (0, 0) on, with the camera divided by `sample`. 1 hands the
+/// frame on as it is.
+PointImage every_sample_th(PointImage frame, int sample);
+
 }  // namespace VexelAlgorithm

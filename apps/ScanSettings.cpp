@@ -1,0 +1,116 @@
+#include "apps/ScanSettings.h"
+
+#include "foundation/diagnostics.h"
+#include "recording/numberText.h"
+
+namespace VexelAlgorithm::Apps {
+namespace {
+
+bool is_zero(const CameraInParam& camera) {
+    return camera.get_fx() == 0.0 && camera.get_fy() == 0.0 && camera.get_cx() == 0.0 && camera.get_cy() == 0.0;
+}
+
+ScanSettings without_device() {
+    ScanSettings settings;
+    settings.common.imageSize.setZero();
+    settings.common.campar = CameraInParam();
+    settings.common.colorImageSize.setZero();
+    settings.common.sample = 1;
+    settings.fusion.colorImageSize.setZero();
+    return settings;
+}
+
+ScanSettings room_settings() {
+    ScanSettings settings = without_device();
+    settings.common.rawPointDis = 3.5F;
+    settings.track.icpIterNum = 20;
+    settings.track.icpInterNumFixed = 8;
+    settings.track.icpDis = {20.0F, 60.0F};
+    settings.track.icpDisFeature = {30.0F, 100.0F};
+    settings.track.icpDisAvgThread = 15.0F;
+    settings.track.icpDisAvgFeatureThread = 15.0F;
+    settings.track.icpParticleSize = 30.0F;
+    settings.track.disUniform = 25.0F;
+    settings.fusion.treeDepth = 11;
+    settings.fusion.pointDis = 5.0F;
+    settings.fusion.fusionDataSize = {9, 2};
+    settings.fusion.viewBox = {400.0F, 6000.0F};
+    return settings;
+}
+
+ScanSettings object_settings() {
+    ScanSettings settings = without_device();
+    settings.common.rawPointDis = 0.7F;
+    settings.fusion.treeDepth = 11;
+    settings.fusion.pointDis = 0.5F;
+    settings.fusion.viewBox = {150.0F, 1000.0F};
+    settings.frame.inverseDepthStep = 1e-6F;
+    return settings;
+}
+
+class Findings {
+public:
+    void add(const char* section, const std::vector<ParameterFinding>& found) {
+        for (const ParameterFinding& finding : found) _all.push_back({section + finding.field, finding.reason});
+    }
+    void within(const char* field, double value, double low, double high) {
+        if (value >= low && value <= high) return;
+        _all.push_back(
+            {field, number_text(value) + " is not between " + number_text(low) + " and " + number_text(high)});
+    }
+    std::vector<ParameterFinding> take() { return std::move(_all); }
+
+private:
+    std::vector<ParameterFinding> _all;
+};
+
+void check_frame(Findings& findings, const DepthFrameSettings& frame) {
+    findings.within("frame.nearest", frame.nearest, 1.0, 65533.0);
+    findings.within("frame.farthest", frame.farthest, frame.nearest, 65534.0);
+    findings.within("frame.inverseDepthStep", frame.inverseDepthStep, 0.0, 1.0);
+    findings.within("frame.smallestStep", frame.smallestStep, 0.0, 1e6);
+    findings.within("frame.edgeJump", frame.edgeJump, 0.0, 1e6);
+    findings.within("frame.edgeMargin", frame.edgeMargin, 0.0, 64.0);
+    findings.within("frame.smallestIsland", frame.smallestIsland, 0.0, 1e9);
+    findings.within("frame.smoothingRadius", frame.smoothingRadius, 0.0, 16.0);
+    findings.within("frame.normalStep", frame.normalStep, 1.0, 16.0);
+    findings.within("frame.normalWindow", frame.normalWindow, frame.normalStep, 16.0 * frame.normalStep);
+}
+
+/// A record in which the zeros that stand for the recording's values are replaced by some that pass.
+CommonParameter with_some_device(CommonParameter common) {
+    const CommonParameter usual;
+    if (common.imageSize.isZero()) common.imageSize = usual.imageSize;
+    if (is_zero(common.campar)) common.campar = usual.campar;
+    return common;
+}
+
+}  // namespace
+
+std::vector<std::string> preset_names() {
+    return {"room", "object"};
+}
+
+ScanSettings preset_settings(const std::string& name) {
+    return name == "object" ? object_settings() : room_settings();
+}
+
+void fill_in(ScanSettings& settings, const Recording& recording, const std::string& folder) {
+    CommonParameter& common = settings.common;
+    const ImageSize size = recording.image_size();
+    if (common.imageSize.isZero()) common.imageSize = {size.width, size.height};
+    if (is_zero(common.campar)) common.campar = recording.camera();
+    if (common.outputPath.empty()) common.outputPath = folder;
+}
+
+std::vector<ParameterFinding> check_settings(const ScanSettings& settings) {
+    Findings findings;
+    findings.add("common.", check_common_parameter(with_some_device(settings.common)));
+    findings.add("track.", check_track_parmeter(settings.track));
+    findings.add("fusion.", check_fusion_parameter(settings.fusion));
+    findings.add("texture.", check_texture_param(settings.texture.param));
+    check_frame(findings, settings.frame);
+    return findings.take();
+}
+
+}  // namespace VexelAlgorithm::Apps

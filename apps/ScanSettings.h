@@ -1,0 +1,46 @@
+// Everything that a scan of a recording can be told, and the built-in choices.
+#pragma once
+
+#include <string>
+#include <vector>
+
+#include "foundation/CommonParameter.h"
+#include "foundation/FusionParameter.h"
+#include "foundation/TextureParam.h"
+#include "foundation/TrackParmeter.h"
+#include "foundation/parameterCheck.h"
+#include "recording/Recording.h"
+#include "recording/pointImageFromDepth.h"
+
+namespace VexelAlgorithm::Apps {
+
+/// The second form of the session, which prepares texture-based tracking.
+struct TextureSettings {
+    bool isUsed = false;
+    TextureParam param;
+    RigidMatrix leftToTexture;  ///< takes left-camera coordinates to texture-camera coordinates, mm
+};
+
+struct ScanSettings {
+    CommonParameter common;
+    TrackParmeter track;
+    FusionParameter fusion;
+    TextureSettings texture;
+    DepthFrameSettings frame;
+};
+
+/// "room" and "object".
+std::vector<std::string> preset_names();
+/// A room seen by a hand-held depth camera at one to four metres ("room"), or an object of the size of a desk seen by a
+/// scanner at 400 mm ("object"). Image size and camera are zero and the output path is empty, see `fill_in`.
+ScanSettings preset_settings(const std::string& name);
+
+/// Replaces an image size, a camera or a colour image size of zeros by the recording's, and an empty output path by the
+/// folder.
+void fill_in(ScanSettings& settings, const Recording& recording, const std::string& folder);
+
+/// What is wrong with the settings; fields are named with their section, "track.icpDis(1)". An empty list means
+/// nothing. Zeros that `fill_in` replaces are no fault.
+std::vector<ParameterFinding> check_settings(const ScanSettings& settings);
+
+}  // namespace VexelAlgorithm::Apps

@@ -1,0 +1,25 @@
+// Which frames of a recording a command works on.
+#pragma once
+
+#include <CLI/CLI.hpp>
+#include <string>
+#include <vector>
+
+#include "recording/Recording.h"
+
+namespace VexelAlgorithm::Apps {
+
+struct FrameSelection {
+    std::string recording;
+    int first = 0;
+    int last = 999999999;
+    int step = 1;
+};
+
+/// Adds RECORDING, --first, --last and --step. `content` tells what the folder must hold.
+void add_selection_options(CLI::App& command, FrameSelection& selection, const std::string& content);
+
+/// The selected frames; a range without frames fails with the numbers that there are.
+Outcome<std::vector<RecordedFrame>> selected_frames(const Recording& recording, const FrameSelection& selection);
+
+}  // namespace VexelAlgorithm::Apps

@@ -1,0 +1,27 @@
+// vexel-scan settings: what can be set, with its documentation.
+#include <CLI/CLI.hpp>
+#include <memory>
+
+#include "apps/ScanSettings.h"
+#include "apps/commands.h"
+#include "apps/settingsFile.h"
+#include "foundation/diagnostics.h"
+
+namespace VexelAlgorithm::Apps {
+
+void add_settings_command(CLI::App& app, Command& chosen) {
+    CLI::App* command =
+        app.add_subcommand("settings", "Prints the settings of a preset as YAML, to be edited for track --settings.");
+    const auto preset = std::make_shared<std::string>("room");
+    command->add_option("--preset", *preset, "Which settings")
+        ->check(CLI::IsMember(preset_names()))
+        ->capture_default_str();
+    command->callback([preset, &chosen] {
+        chosen = [preset] {
+            print_text(settings_text(preset_settings(*preset), "Settings of vexel-scan track, preset " + *preset));
+            return EXIT_OK;
+        };
+    });
+}
+
+}  // namespace VexelAlgorithm::Apps

@@ -124,12 +124,15 @@ inline bool is_in_system(float distance, float disCut) {
     return distance <= disCut && distance >= CoincidentDistance;
 }
 
-/// Adds one correspondence to the system.
+/// Adds one correspondence to the system. The cut holds for the offset that enters it as well: where a block spans a
+/// depth edge, the interpolated surface floats between foreground and background, and few such rows, whose pixels agree
+/// well, would outweigh all others.
 inline void getmat_tbb(const MovingPoint& moving, const FloatPose& pose, const Correspondence& c,
                        const FixedImage& fixed, float disCut, NormalEquations& system) {
     if (!is_in_system(c.distance, disCut)) return;
     const ProjectedPoint p = project(moving, pose, fixed.camera());
     const TangentPlane plane = tangent_plane(p, c, fixed);
+    if (!(std::abs(plane.offset) <= disCut)) return;
     system.add(system_row(p, plane, moving.weight, fixed.centre().cast<float>()));
 }
 

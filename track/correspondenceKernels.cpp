@@ -370,8 +370,9 @@ void accumulate(const Alignment& alignment, const CorrespondenceArrays& correspo
         const ProjectedVecs p = project(moving, pose, alignment.fixed.camera());
         const PlaneVecs plane = tangent_planes(p, active, inBlock, index, alignment.fixed);
         RowVecs row = system_rows(p, plane, moving.w, centre);
-        for (FloatVec& a : row.a) a = hn::IfThenElseZero(active, a);
-        row.r = hn::IfThenElseZero(active, row.r);
+        const FloatMask counts = hn::And(active, hn::Le(hn::Abs(plane.offset), set(disCut)));
+        for (FloatVec& a : row.a) a = hn::IfThenElseZero(counts, a);
+        row.r = hn::IfThenElseZero(counts, row.r);
         sums.add(row);
     }
     sums.add_to(system);

@@ -85,9 +85,7 @@ struct ParticleTrack::State {
     }
     bool is_debugged(int frameId) const { return debugSwitch && frameId == debugFrame; }
 
-    void generate_grid() {
-        generate_partical(particleCounts, particleSizes, particles, RigidMatrix(), true);
-    }
+    void generate_grid() { generate_partical(particleCounts, particleSizes, particles, RigidMatrix(), true); }
     void append_extra_poses(const std::vector<RigidMatrix>& extraPoses);
     void run_particles(const ParticleTrack& tracker, int iterations, int frameId, const char* label);
     bool filter_particles();
@@ -105,8 +103,7 @@ void ParticleTrack::State::append_extra_poses(const std::vector<RigidMatrix>& ex
     if (leftOut > 0) print_line(std::to_string(leftOut) + " extra start poses are not finite or too many, left out");
 }
 
-void ParticleTrack::State::run_particles(const ParticleTrack& tracker, int iterations, int frameId,
-                                         const char* label) {
+void ParticleTrack::State::run_particles(const ParticleTrack& tracker, int iterations, int frameId, const char* label) {
     refined.resize(particles.size());
     residuals.resize(particles.size());
     parallel_ranges(threadNum, particles.size(), 1, [&](std::size_t begin, std::size_t end) {

@@ -52,9 +52,9 @@ public:
     ///
     /// RET_SUCCESS. RET_INPUT_ERROR and one line for images that are not consistent in themselves, lack normals (or the
     /// moving one weights) or a usable camera (the fixed one); `result` stays as it was. RET_RUN_FAIL with
-    /// "partical filter fail\n" or "partcial filter fails because bestParticleId < 0" when no particle is left; `result`
-    /// is then the identity. When every particle of the last, fine grid fails, the pose that the grid was put around is
-    /// the result.
+    /// "partical filter fail\n" or "partcial filter fails because bestParticleId < 0" when no particle is left;
+    /// `result` is then the identity. When every particle of the last, fine grid fails, the pose that the grid was put
+    /// around is the result.
     RetVal partical_track(const PointImage& fixed, const PointImage& moving, RigidMatrix& result, int frameId,
                           const std::vector<RigidMatrix>* extraPoses);
 
@@ -63,8 +63,8 @@ public:
     /// Fills the list with a grid of poses: along each axis the count with its lowest bit cleared plus one (4 gives 5,
     /// negative counts are 0), with the centre's rotation and the translation centre + (i size.x, j size.y, k size.z);
     /// k varies fastest, then j. With rotations, 18 absolute poses follow: translations (a size.x, b size.y, 0) for a,
-    /// b in -1, 0, 1, each turned about z by -15 and by +15 degrees. Counts above `MaxParticlesPerAxis`, or of more than
-    /// `MaxParticles` together, are lowered with one line; sizes that are not finite count as 0.
+    /// b in -1, 0, 1, each turned about z by -15 and by +15 degrees. Counts above `MaxParticlesPerAxis`, or of more
+    /// than `MaxParticles` together, are lowered with one line; sizes that are not finite count as 0.
     static void generate_partical(const Vector3i& counts, const Vector3f& sizes, std::vector<RigidMatrix>& particles,
                                   const RigidMatrix& centre, bool withRotations);
 

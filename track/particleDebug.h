@@ -15,8 +15,8 @@ namespace Track {
 void dump_cloud(const std::string& path, const char* name, int frameId, const PointImage& image,
                 const RigidMatrix& pose);
 
-/// `path` / "LABEL_FRAMEID_PARTICLEID.txt": for each correspondence the moving point in the fixed image's frame, red, and
-/// the fixed point, green.
+/// `path` / "LABEL_FRAMEID_PARTICLEID.txt": for each correspondence the moving point in the fixed image's frame, red,
+/// and the fixed point, green.
 void dump_correspondences(const std::string& path, const char* label, int frameId, int particleId,
                           const ParticleWorkspace& workspace, const Alignment& alignment);
 

@@ -37,8 +37,7 @@ void ParticleIcp::find_correspondences(const RigidMatrix& pose, const EntryRange
     workspace.reserve(looked.count);
     const Alignment aligned = alignment(pose);
     for_chunks(looked, [&](const EntryRange& chunk) {
-        workspace.count +=
-            kernels.find(aligned, chunk, disThreshold, workspace.arrays().from(workspace.count)).found;
+        workspace.count += kernels.find(aligned, chunk, disThreshold, workspace.arrays().from(workspace.count)).found;
     });
 }
 

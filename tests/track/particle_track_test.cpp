@@ -1,12 +1,12 @@
 // The particle tracker: its start poses, its choices, and poses found again in the virtual world.
-#include "track/ParticleTrack.h"
-
 #include <gtest/gtest.h>
 
 #include <algorithm>
 #include <cmath>
 #include <functional>
 #include <limits>
+
+#include "track/ParticleTrack.h"
 
 namespace VexelAlgorithm::Track {
 namespace {
@@ -37,7 +37,8 @@ TEST(ParticleGeneration, GridRunsInnermostAlongZAndRotatedPosesAreAbsolute) {
     for (int i = -2; i <= 2; ++i) {
         for (int j = -1; j <= 1; ++j) {
             for (int k = -1; k <= 1; ++k, ++at) {
-                EXPECT_TRUE(particles[at].get_translation().isApprox(Vector3d(100 + 10 * i, 200 + 20 * j, 300 + 30 * k)));
+                EXPECT_TRUE(
+                    particles[at].get_translation().isApprox(Vector3d(100 + 10 * i, 200 + 20 * j, 300 + 30 * k)));
                 EXPECT_EQ(particles[at].get_rotation(), centre.get_rotation());
             }
         }
@@ -62,8 +63,8 @@ TEST(ParticleGeneration, CountsBecomeOddAndStayWithinLimits) {
     const int most = std::numeric_limits<int>::max();
     const int least = std::numeric_limits<int>::min();
     const Case cases[] = {
-        {{4, 4, 1}, 25, false},        {{5, 5, 1}, 25, false},  {{0, -1, least}, 1, false},
-        {{63, 65, 1}, 63 * 63, true},  {{most, 1, 1}, 63, true}, {{most, most, most}, 15 * 15 * 17, true},
+        {{4, 4, 1}, 25, false},       {{5, 5, 1}, 25, false},   {{0, -1, least}, 1, false},
+        {{63, 65, 1}, 63 * 63, true}, {{most, 1, 1}, 63, true}, {{most, most, most}, 15 * 15 * 17, true},
         {{63, 64, 1}, 63 * 63, true},
     };
     for (const Case& c : cases) {
@@ -110,8 +111,8 @@ TEST(ParticleResult, TheFirstOfTheSmallestResidualsWins) {
         int best;
     };
     const Case cases[] = {
-        {{0.3F, 0.2F, 0.1F, 0.1F, 0.4F}, 2}, {{kFailed, kFailed, kFailed, kFailed, 999999.0F}, 4},
-        {{kNaN, 0.5F, kNaN, 0.5F, kNaN}, 1}, {{kFailed, kFailed, kFailed, kFailed, kFailed}, -1},
+        {{0.3F, 0.2F, 0.1F, 0.1F, 0.4F}, 2},  {{kFailed, kFailed, kFailed, kFailed, 999999.0F}, 4},
+        {{kNaN, 0.5F, kNaN, 0.5F, kNaN}, 1},  {{kFailed, kFailed, kFailed, kFailed, kFailed}, -1},
         {{kNaN, kNaN, kNaN, kNaN, kNaN}, -1}, {{}, -1},
     };
     for (const Case& c : cases) {
@@ -119,7 +120,8 @@ TEST(ParticleResult, TheFirstOfTheSmallestResidualsWins) {
         int best = 77;
         tracker.get_result(poses, result, 0, c.residuals, best);
         EXPECT_EQ(best, c.best);
-        const Vector3d expected = best < 0 ? Vector3d(7, 7, 7) : poses[static_cast<std::size_t>(best)].get_translation();
+        const Vector3d expected =
+            best < 0 ? Vector3d(7, 7, 7) : poses[static_cast<std::size_t>(best)].get_translation();
         EXPECT_EQ(result.get_translation(), expected);
     }
 }

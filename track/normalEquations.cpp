@@ -11,6 +11,9 @@ namespace VexelAlgorithm {
 namespace Track {
 namespace {
 
+NumericWarning NearlySingular("registration: the 6 x 6 system of a step is singular or nearly so");
+NumericWarning NoEigenvalues("registration: the eigenvalues of the 6 x 6 system cannot be found");
+
 using EigenSolver = Eigen::SelfAdjointEigenSolver<Matrix6d>;
 
 /// Length (mm) by which an angle moves the points on average: it makes angles and lengths comparable.
@@ -40,7 +43,7 @@ bool solve(const NormalEquations& system, Vector6d& solution) {
     units.head<3>().setConstant(1.0 / arm);
     const EigenSolver eigen(units.asDiagonal() * JTJ * units.asDiagonal());
     if (eigen.info() != Eigen::Success) {
-        log_numeric_warning("registration step: the eigenvalues of the 6 x 6 system did not converge");
+        NoEigenvalues.log();
         return false;
     }
     constexpr double Determined = 1e-12;
@@ -55,7 +58,7 @@ bool solve(const NormalEquations& system, Vector6d& solution) {
             ++undetermined;
         }
     }
-    if (undetermined > 0) log_numeric_warning("registration step: the 6 x 6 system is singular or nearly so");
+    if (undetermined > 0) NearlySingular.log();
     solution = units.asDiagonal() * scaled;
     return solution.allFinite();
 }
@@ -79,7 +82,7 @@ bool step_pose(const NormalEquations& system, const Vector3d& centre, RigidMatri
 double smallest_eigenvalue(const Matrix6d& JTJ) {
     const EigenSolver eigen(JTJ, Eigen::EigenvaluesOnly);
     if (!JTJ.allFinite() || eigen.info() != Eigen::Success) {
-        log_numeric_warning("registration: the eigenvalues of the normal matrix cannot be found");
+        NoEigenvalues.log();
         return std::numeric_limits<double>::quiet_NaN();
     }
     return eigen.eigenvalues()(0);

@@ -56,7 +56,7 @@ constexpr double AlignmentScale = 1.0;
 
 /// Solves the system for (alpha, beta, gamma, tx, ty, tz). False when the determinant is NaN or the solution not
 /// finite. Motions that the points do not determine, to twelve digits of what they determine best, get no share in the
-/// solution (the pseudo-inverse, with angles counted at the points' mean lever arm), and a warning is logged.
+/// solution (the pseudo-inverse, with angles counted at the points' mean lever arm), and a warning goes to the log.
 bool solve(const NormalEquations& system, Vector6d& solution);
 
 /// The motion of the parameters about the centre (mm): rotation Rz(gamma) Ry(beta) Rx(alpha).
@@ -66,7 +66,7 @@ RigidMatrix increment(const Vector6d& solution, const Vector3d& centre);
 /// as it was, when there is no solution.
 bool step_pose(const NormalEquations& system, const Vector3d& centre, RigidMatrix& movingToFixed);
 
-/// Smallest eigenvalue of JTJ; NaN, and a warning logged, when it cannot be found.
+/// Smallest eigenvalue of JTJ; NaN, and a warning in the log, when it cannot be found.
 double smallest_eigenvalue(const Matrix6d& JTJ);
 
 }  // namespace Track

@@ -1,6 +1,7 @@
 // The mathematics of a registration step: plain form against geometry, vector form against the plain one.
 #include "track/correspondence.h"
 
+#include <glog/logging.h>
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -130,6 +131,151 @@ TEST(CorrespondenceKernels, PairsOfTheComparisonCoverTheCases) {
     EXPECT_GT(inBlock, 1000);
     EXPECT_GT(static_cast<std::ptrdiff_t>(found.result.found) - inBlock, 100);
     EXPECT_GT(found.result.outOfMap, 100U);
+}
+
+// ---- geometry ---------------------------------------------------------------------------------------
+
+// On a plane, interpolation of inverse depth is exact: the partner is where the moving point's viewing ray meets it.
+TEST(Correspondence, PartnerInABlockLiesOnThePlaneAndOnTheRay) {
+    const Vector3d normal = Vector3d(0.2, -1, 0.3).normalized(), origin(0, 20, 0);
+    const PointImage fixedView = render_view(*Simulation::half_space(origin, normal), front_view());
+    const Pair pair(fixedView, render_view(*Simulation::half_space(origin, normal), front_view() * Near));
+    const RigidMatrix toFixed = front_view().inverse();
+    const Vector3d normal_C = toFixed.get_rotation() * normal, origin_C = toFixed * origin;
+    const RigidMatrix start = motion({0, 0, 0.01}, {0, 0.5, 2});
+    const Alignment alignment = pair.aligned(start);
+    const Found found = find_all(plain_correspondence_kernels(), alignment, {0, pair.moving.count() / 7, 7}, 10.0F);
+    ASSERT_GT(found.result.found, 500U);
+    for (std::size_t i = 0; i < found.result.found; ++i) {
+        const Correspondence c{found.fixedIndex[i], found.movingEntry[i], static_cast<CorrMode>(found.mode[i]),
+                               found.pixel[i], found.distance[i]};
+        const MovingPoint& m = pair.moving.points()[c.movingEntry];
+        const ProjectedPoint p = project(m, alignment.movingToFixed, pair.fixed.camera());
+        const CorrPoint points = get_corrPoint(p, c, pair.fixed);
+        const Vector3d partner = points.fixed.cast<double>() + pair.fixed.centre();
+        const Vector3d moved = start * Vector3d(m.x, m.y, m.z);
+        EXPECT_NEAR((partner - origin_C).dot(normal_C), 0.0, 2e-3);
+        EXPECT_NEAR(std::abs(points.normal.cast<double>().dot(normal_C)), 1.0, 1e-6);
+        EXPECT_LT(c.mode == InBlock ? partner.cross(moved).norm() / moved.norm() : 0.0, 1e-3);
+        EXPECT_NEAR((points.moving.cast<double>() + pair.fixed.centre() - moved).norm(), 0.0, 1e-3);
+        EXPECT_NEAR(tangent_plane(p, c, pair.fixed).offset, (points.fixed - points.moving).dot(points.normal), 2e-4F);
+    }
+}
+
+// The row is the gradient of the weighted distance over the increment's parameters.
+TEST(Correspondence, RowIsTheDerivativeOfTheStep) {
+    const Vector3d centre(10, -20, 400), normal = Vector3d(0.3, 0.5, -0.8).normalized(), moving(40, 30, 420);
+    const ProjectedPoint p{40, 30, 420, 0, 0, 0, 0};
+    const Vector3f n = normal.cast<float>();
+    const SystemRow row = system_row(p, {n.x(), n.y(), n.z(), 0.7F, 0}, 3.0F, centre.cast<float>());
+    EXPECT_FLOAT_EQ(row.r, 2.1F);
+    for (int parameter = 0; parameter < 6; ++parameter) {
+        constexpr double Step = 1e-5;
+        Vector6d one = Vector6d::Zero(), other = one;
+        one(parameter) = Step;
+        other(parameter) = -Step;
+        const double change = (increment(one, centre) * moving - increment(other, centre) * moving).dot(normal);
+        EXPECT_NEAR(row.a[parameter], 3.0 * change / (2.0 * Step), 1e-4) << parameter;
+    }
+}
+
+/// The system of points around the centre, each with its own plane, that a motion has moved away from.
+NormalEquations system_of(const RigidMatrix& motion, const Vector3d& centre, bool onlyOneNormal) {
+    NormalEquations system;
+    std::mt19937 random(3);
+    std::uniform_real_distribution<float> uniform(-1.0F, 1.0F);
+    for (int i = 0; i < 500; ++i) {
+        const Vector3d offset(50 * uniform(random), 50 * uniform(random), onlyOneNormal ? 0 : 50 * uniform(random));
+        Vector3f n(uniform(random), uniform(random), uniform(random));
+        n = onlyOneNormal ? Vector3f(0, 0, -1) : n.normalized();
+        const Vector3d q = centre + offset, m = motion.inverse() * q;
+        const ProjectedPoint p{float(m.x()), float(m.y()), float(m.z()), 0, 0, 0, 0};
+        const float r = static_cast<float>((q - m).dot(n.cast<double>()));
+        system.add(system_row(p, {n.x(), n.y(), n.z(), r, 0}, 0.5F, centre.cast<float>()));
+    }
+    return system;
+}
+
+struct CountingSink : google::LogSink {
+    int warnings = 0;
+    void send(google::LogSeverity severity, const char*, const char*, int, const std::tm*, const char*,
+              size_t) override {
+        warnings += severity == google::GLOG_WARNING ? 1 : 0;
+    }
+};
+
+TEST(NormalEquations, StepUndoesAMotionAndHoldsWhatIsNotDetermined) {
+    const Vector3d centre(30, -40, 400);
+    const Vector3d far(80, 10, 450);
+    RigidMatrix pose;
+    const RigidMatrix truth = motion({1e-3, -2e-3, 1.5e-3}, {0.2, 0.3, -0.1});
+    ASSERT_TRUE(step_pose(system_of(truth, centre, false), centre, pose));
+    EXPECT_LT(distance_between(pose, truth, far), 3e-3);  // of the linearisation
+
+    CountingSink sink;
+    google::AddLogSink(&sink);
+    testing::internal::CaptureStdout();
+    const NormalEquations flat = system_of(motion({0, 0, 0}, {0.5, -0.5, 2.0}), centre, true);
+    for (int i = 0; i < 3; ++i) {
+        pose.set_identity();
+        ASSERT_TRUE(step_pose(flat, centre, pose));
+    }
+    EXPECT_EQ(testing::internal::GetCapturedStdout(), "");
+    google::RemoveLogSink(&sink);
+    EXPECT_EQ(sink.warnings, 1);  // a second
+    EXPECT_LT((pose * centre - centre - Vector3d(0, 0, 2)).norm(), 1e-3);
+    EXPECT_LT(std::abs(smallest_eigenvalue(flat.JTJ())), 1e-6);
+
+    NormalEquations broken = flat;
+    broken.terms[4] = std::numeric_limits<double>::quiet_NaN();
+    const RigidMatrix before = pose;
+    EXPECT_FALSE(step_pose(broken, centre, pose));
+    EXPECT_EQ(pose.get_translation(), before.get_translation());
+    EXPECT_TRUE(std::isnan(smallest_eigenvalue(broken.JTJ())));
+    EXPECT_TRUE(step_pose(NormalEquations(), centre, pose));  // nothing known, nothing moved
+    EXPECT_LT(distance_between(pose, before, far), 1e-9);
+}
+
+// ---- trimming ---------------------------------------------------------------------------------------
+
+TEST(DistanceRank, FindsTheElementOfASortedCopy) {
+    std::mt19937 random(11);
+    std::vector<float> scratch;
+    for (const std::size_t count : {1, 2, 17, 1000, 70000}) {
+        std::vector<float> values(count);
+        for (float& value : values)
+            value = std::exponential_distribution<float>(random() % 2 == 0 ? 0.01F : 3.0F)(random);
+        for (std::size_t i = 0; i < count; i += 7) values[i] = i % 2 == 0 ? 0.0F : 0.25F;
+        std::vector<float> sorted = values;
+        std::sort(sorted.begin(), sorted.end());
+        for (const std::size_t rank : {std::size_t{0}, count / 3, count * 9 / 10, count - 1}) {
+            EXPECT_EQ(element_of_rank(values.data(), count, rank, scratch, 2), sorted[rank]) << count << ' ' << rank;
+        }
+        const float cut = sorted[count * 9 / 10];
+        double sum = 0.0;
+        std::int64_t kept = 0;
+        for (const float value : values) {
+            if (value > cut) continue;
+            sum += value;
+            ++kept;
+        }
+        EXPECT_NEAR(mean_up_to(values.data(), count, cut, 2), sum / static_cast<double>(kept), 1.1e-6);
+    }
+    EXPECT_EQ(mean_up_to(nullptr, 0, 1.0F, 1), 1e6);
+    const std::vector<float> huge(100, 3e38F);
+    EXPECT_GT(mean_up_to(huge.data(), huge.size(), 3e38F, 1), 1e9);  // no overflow
+}
+
+TEST(DistanceRank, RankOfAShareIsAlwaysThere) {
+    struct Case {
+        std::size_t count;
+        float share;
+        std::size_t rank;
+    };
+    const Case cases[] = {{100, 0.9F, 90},    {10, 0.99F, 9}, {10, 1.0F, 9},     {10, 5.0F, 9},
+                          {10, -1.0F, 0},     {10, NaN, 9},   {10, Infinity, 9}, {1, 0.5F, 0},
+                          {10, -Infinity, 0}, {3, 0.34F, 1},  {10, 1e30F, 9},    {20000001, 1.0F, 20000000}};
+    for (const Case& c : cases) EXPECT_EQ(rank_of_share(c.count, c.share), c.rank) << c.count << ' ' << c.share;
 }
 
 }  // namespace

@@ -1,0 +1,244 @@
+#include "algorithmQorInclude.h"
+
+#include <memory>
+
+#include "foundation/handle.h"
+#include "fusiontrackoperation/FusionTrack.h"
+
+namespace VexelAlgorithm {
+namespace {
+
+void* make_session(const CommonParameter& common, const TrackParmeter& track, const FusionParameter& fusion,
+                   const TextureSetup* texture) {
+    print_line("parameter output in function fusion_and_track_ini");
+    print_parameter(common);
+    print_parameter(track);
+    print_parameter(fusion);
+    if (const auto reason = find_unusable(common, track, fusion)) {
+        print_line("fusion_and_track_ini: " + *reason);
+        print_line("error input");
+        return nullptr;
+    }
+    auto session = std::make_unique<FusionTrack>(make_session_parameters(common, track, fusion, FixedParameters()),
+                                                 texture != nullptr, texture != nullptr ? *texture : TextureSetup());
+    if (!session->is_valid()) {
+        print_line("error input");
+        return nullptr;
+    }
+    return session.release();
+}
+
+constexpr ExportedFunction FRAME_STEP{"fusion_and_track", null_text::FRAME_STEP};
+
+constexpr ExportedFunction session_function(std::string_view name) {
+    return {name, null_text::can_not_run(name)};
+}
+
+/// The common case: the line with the function's name and `RET_INI_ERROR` for a null handle.
+template <class Body>
+RetVal on_session(void* handle, std::string_view name, Body&& body) noexcept {
+    return on_handle<FusionTrack, RetVal>(handle, session_function(name), {RET_INI_ERROR, RET_RUN_FAIL},
+                                          std::forward<Body>(body));
+}
+
+template <class Callback>
+void store_callback(void* handle, std::string_view name, Callback callback) noexcept {
+    on_handle<FusionTrack>(handle, {name, null_text::CALL_BACK_SETTER},
+                           [&](FusionTrack& session) { session.set_callback(callback); });
+}
+
+const Cloud& empty_cloud() noexcept {
+    static const Cloud cloud;
+    return cloud;
+}
+
+}  // namespace
+
+void* fusion_and_track_ini(const CommonParameter& common, const TrackParmeter& track,
+                           const FusionParameter& fusion) noexcept {
+    return guarded<void*>("fusion_and_track_ini", nullptr,
+                          [&] { return make_session(common, track, fusion, nullptr); });
+}
+
+void* fusion_and_track_ini(const CommonParameter& common, const TrackParmeter& track, const FusionParameter& fusion,
+                           const TextureParam& texture, const RigidMatrix& leftToTexture) noexcept {
+    return guarded<void*>("fusion_and_track_ini", nullptr, [&] {
+        const TextureSetup setup{texture, leftToTexture};
+        return make_session(common, track, fusion, &setup);
+    });
+}
+
+bool fusion_and_track(void* handle, const PointImage& frame, int& elapsedMicroseconds) noexcept {
+    return on_handle<FusionTrack, bool>(handle, FRAME_STEP, {false, false}, [&](FusionTrack& session) {
+        bool fuse = true;
+        int contribution = 0, speedState = -1;
+        return session.frame_step(frame, elapsedMicroseconds, fuse, contribution, -1, speedState);
+    });
+}
+
+bool fusion_and_track(void* handle, const PointImage& frame, int& elapsedMicroseconds, bool& fuse,
+                      int contribution) noexcept {
+    return on_handle<FusionTrack, bool>(handle, FRAME_STEP, {false, false}, [&](FusionTrack& session) {
+        int speedState = -1;
+        return session.frame_step(frame, elapsedMicroseconds, fuse, contribution, -1, speedState);
+    });
+}
+
+bool fusion_and_track_with_speed_limit(void* handle, const PointImage& frame, int& elapsedMicroseconds, bool& fuse,
+                                       int& contribution, int frameTimeGap, int& speedState) noexcept {
+    return on_handle<FusionTrack, bool>(handle, FRAME_STEP, {false, false}, [&](FusionTrack& session) {
+        if (static_cast<double>(frameTimeGap) < 1e-6) {
+            print_line("fusion_and_track fail because frameTimeGap < 1e-6");
+            return false;
+        }
+        return session.frame_step(frame, elapsedMicroseconds, fuse, contribution, frameTimeGap, speedState);
+    });
+}
+
+bool track(void* handle, const PointImage& frame, int& elapsedMicroseconds) noexcept {
+    return on_handle<FusionTrack, bool>(handle, session_function("track"), {false, false}, [&](FusionTrack& session) {
+        return session.track(frame, elapsedMicroseconds);
+    });
+}
+
+bool fusion(void* handle, const PointImage& frame, const RigidMatrix& pose, int& elapsedMicroseconds) noexcept {
+    return on_handle<FusionTrack, bool>(handle, session_function("fusion"), {false, false}, [&](FusionTrack& session) {
+        return session.fusion(frame, pose, elapsedMicroseconds);
+    });
+}
+
+const Cloud& get_show_data(void* handle) noexcept {
+    return on_handle<FusionTrack, const Cloud&>(
+        handle, {"get_show_data", null_text::SESSION}, {empty_cloud(), empty_cloud()},
+        [](FusionTrack& session) -> const Cloud& { return session.get_show_data(); });
+}
+
+const Cloud& get_show_data_filter_noise(void* handle) noexcept {
+    return on_handle<FusionTrack, const Cloud&>(
+        handle, session_function("get_show_data_filter_noise"), {empty_cloud(), empty_cloud()},
+        [](FusionTrack& session) -> const Cloud& { return session.get_show_data_filter_noise(); });
+}
+
+RigidMatrix get_current_rt(void* handle) noexcept {
+    return on_handle<FusionTrack, RigidMatrix>(handle, session_function("get_current_rt"), {{}, {}},
+                                               [](FusionTrack& session) { return session.get_current_rt(); });
+}
+
+float get_current_point_dis(void* handle) noexcept {
+    return on_handle<FusionTrack, float>(handle, session_function("get_current_point_dis"), {0.0F, 0.0F},
+                                         [](FusionTrack& session) { return session.get_current_point_dis(); });
+}
+
+RetVal get_fusion_scan_state(void* handle, FusionScanState& state) noexcept {
+    return on_session(handle, "get_fusion_scan_state", [&](FusionTrack& session) {
+        state = session.get_fusion_scan_state();
+        return RET_SUCCESS;
+    });
+}
+
+RetVal get_fusion_result(void* handle, float pointDis, BaseTriMesh& mesh) noexcept {
+    return on_session(handle, "get_fusion_result", [&](FusionTrack& session) {
+        return session.get_fusion_result(pointDis, mesh, FusionTrack::Parallel::OpenMp);
+    });
+}
+
+RetVal get_fusion_result_tbb(void* handle, float pointDis, BaseTriMesh& mesh) noexcept {
+    return on_session(handle, "get_fusion_result_tbb", [&](FusionTrack& session) {
+        return session.get_fusion_result(pointDis, mesh, FusionTrack::Parallel::Tbb);
+    });
+}
+
+RetVal get_model_bounding_box(void* handle, Vector3f& low, Vector3f& high) noexcept {
+    return on_session(handle, "get_model_bounding_box",
+                      [&](FusionTrack& session) { return session.get_model_bounding_box(low, high); });
+}
+
+RetVal reset_Point_dis(void* handle, float pointDis) noexcept {
+    return on_session(handle, "reset_Point_dis",
+                      [&](FusionTrack& session) { return session.reset_point_dis(pointDis); });
+}
+
+RetVal reset_icpDisThread(void* handle, float icpDisThread) noexcept {
+    return on_session(handle, "reset_icpDisThread",
+                      [&](FusionTrack& session) { return session.reset_icp_dis_thread(icpDisThread); });
+}
+
+RetVal reset_rata_ray(void* handle, const Vector2f& rata) noexcept {
+    return on_session(handle, "reset_rata_ray", [&](FusionTrack& session) { return session.reset_rata_ray(rata); });
+}
+
+RetVal set_icpStableThreadhold(void* handle, float threshold) noexcept {
+    return on_session(handle, "set_icpStableThreadhold",
+                      [&](FusionTrack& session) { return session.set_icp_stable_threshold(threshold); });
+}
+
+RetVal set_track_speed_threshold(void* handle, float lineSpeed, float angularSpeed) noexcept {
+    return on_session(handle, "set_track_speed_threshold",
+                      [&](FusionTrack& session) { return session.set_track_speed_threshold(lineSpeed, angularSpeed); });
+}
+
+RetVal fusion_set_fusionrange(void* handle, int fusionRange) noexcept {
+    return on_handle<FusionTrack, RetVal>(handle, session_function("fusion_set_fusionrange"),
+                                          {RET_INPUT_ERROR, RET_RUN_FAIL},
+                                          [&](FusionTrack& session) { return session.set_fusion_range(fusionRange); });
+}
+
+RetVal set_campar(void* handle, const CameraInParam& campar) noexcept {
+    return on_session(handle, "set_campar", [&](FusionTrack& session) { return session.set_campar(campar); });
+}
+
+RetVal set_treeShift(void* handle, const Vector3f& shift) noexcept {
+    return on_session(handle, "set_treeShift", [&](FusionTrack& session) { return session.set_tree_shift(shift); });
+}
+
+RetVal get_treeShift(void* handle, Vector3f& shift) noexcept {
+    return on_session(handle, "get_treeShift", [&](FusionTrack& session) {
+        shift = session.get_tree_shift();
+        return RET_SUCCESS;
+    });
+}
+
+RetVal get_model2Volum_shift(void* handle, Vector3f& shift) noexcept {
+    return on_session(handle, "get_model2Volum_shift", [&](FusionTrack& session) {
+        shift = session.get_model_to_volume_shift();
+        return RET_SUCCESS;
+    });
+}
+
+RetVal fusion_reset(void* handle) noexcept {
+    return on_session(handle, "fusion_reset", [](FusionTrack& session) { return session.reset(true); });
+}
+
+RetVal fusion_reset_withoutTex(void* handle) noexcept {
+    return on_session(handle, "fusion_reset_withoutTex", [](FusionTrack& session) { return session.reset(false); });
+}
+
+RetVal fusion_tree_reset(void* handle) noexcept {
+    return on_session(handle, "fusion_tree_reset", [](FusionTrack& session) { return session.reset_tree(); });
+}
+
+RetVal fusiontrack_release(void*& handle) noexcept {
+    return release_handle<FusionTrack>(handle, {"fusiontrack_release", null_text::RELEASE}, RET_INI_ERROR);
+}
+
+void set_fusion_success_call_back(void* handle, FusionSuccessCallBack callback) noexcept {
+    store_callback(handle, "set_fusion_success_call_back", callback);
+}
+
+void set_fusion_fail_call_back(void* handle, FusionFailCallBack callback) noexcept {
+    store_callback(handle, "set_fusion_fail_call_back", callback);
+}
+
+void set_illegal_input_call_back(void* handle, IllegalInputCallBack callback) noexcept {
+    store_callback(handle, "set_illegal_input_call_back", callback);
+}
+
+RetVal shoule_we_debug_fusion(void* handle, bool, int level) noexcept {
+    return on_handle<FusionTrack, RetVal>(handle, {"shoule_we_debug_fusion", null_text::FUSION_DEBUG},
+                                          {RET_INI_ERROR, RET_RUN_FAIL}, [&](FusionTrack& session) {
+                                              session.set_debug_level(level);
+                                              return RET_SUCCESS;
+                                          });
+}
+
+}  // namespace VexelAlgorithm

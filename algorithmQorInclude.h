@@ -43,6 +43,146 @@
 #include "fusion/LaserGrid.h"
 #include "fusion/LeafNormal.h"
 #include "fusion/rayCast.h"
+#include "fusiontrackoperation/FusionScanState.h"
+#include "fusiontrackoperation/sessionCallbacks.h"
+#include "platform/featureRegistration.h"
+#include "platform/textureTracking.h"
+#include "track/IcpBaseOnCam.h"
+#include "track/ParticleTrack.h"
+
+namespace VexelAlgorithm {
+
+// ---- scan session -----------------------------------------------------------------------------------
+//
+// A session tracks the frames of a hand-held scan against the model that they build, and fuses them. Frames are in
+// camera coordinates (mm) of width x height = imageSize / sample slots, with normals, weights and flags, and carry the
+// camera of the sub-sampled image. Model coordinates are the camera coordinates of the first frame.
+//
+// Every function takes the handle first. On a null handle it prints "can not run function NAME because pFusionTrack =
+// NULL", unless its description gives another line, changes nothing and returns `RET_INI_ERROR`, or what its
+// description says. Everything else that cannot be done prints one line and returns false, `RET_INPUT_ERROR` (an
+// argument cannot be used), `RET_STATE_ERROR` (not now) or `RET_RUN_FAIL` (memory), and changes nothing.
+//
+// Threads. Every function may be called from any thread. One frame at a time: a frame given while the session works on
+// another one is refused with a line. `get_show_data`, `get_show_data_filter_noise`, `get_current_rt`,
+// `get_fusion_scan_state`, `get_model2Volum_shift`, `reset_icpDisThread`, `reset_rata_ray`, `shoule_we_debug_fusion`
+// and the callback setters may overlap a frame step and each other, but for the two display functions, which are for
+// one thread at a time because the cloud that they return is the session's. All other functions wait for a running
+// frame step to end, and a frame waits for them. Nothing may overlap `fusiontrack_release`.
+
+/// Prints the records and makes a session from them; null, with lines that say why, when they cannot be used. Settings
+/// beyond what a session can take are replaced by the nearest permitted ones, a line each. Which record field does
+/// what is told by the records' headers. The second form also makes a texture tracker, where one is registered
+/// (`platform/textureTracking.h`); `leftToTexture` takes left camera coordinates to those of the texture camera.
+VEXEL_API void* fusion_and_track_ini(const CommonParameter& common, const TrackParmeter& track,
+                                     const FusionParameter& fusion) noexcept;
+VEXEL_API void* fusion_and_track_ini(const CommonParameter& common, const TrackParmeter& track,
+                                     const FusionParameter& fusion, const TextureParam& texture,
+                                     const RigidMatrix& leftToTexture) noexcept;
+
+/// The frame step. The first frame becomes the model's origin and is always fused. Every later one is registered
+/// against the model as seen from the last accepted pose: particle tracker, then ICP. Accepted, its pose joins the pose
+/// list, and the frame is fused. Returns whether the frame was accepted; `get_fusion_scan_state` says why not. A
+/// rejected frame leaves model, poses and prediction as they were, so that the scan goes on as soon as a frame sees
+/// again what was seen last. `elapsedMicroseconds` is written when a frame other than the first is accepted. Null
+/// handle: "fail because pFusionTrack == NULL" and false, for all three forms.
+VEXEL_API bool fusion_and_track(void* handle, const PointImage& frame, int& elapsedMicroseconds) noexcept;
+/// `fuse` true: the frame is fused when it is tracked. False: only when more of its points lie on new surface than
+/// `contribution` says. Out: whether it was fused.
+VEXEL_API bool fusion_and_track(void* handle, const PointImage& frame, int& elapsedMicroseconds, bool& fuse,
+                                int contribution) noexcept;
+/// The same with a limit of speed. `contribution` out: the number of the frame's points on new surface, computed when
+/// `fuse` is false. `frameTimeGap`: time since the frame before in the application's unit, kept with the session; below
+/// 1 the frame is refused with "fusion_and_track fail because frameTimeGap < 1e-6". `speedState` negative: no check; 0:
+/// a frame is rejected that moved more than 50 mm or turned more than 20 rad (`set_track_speed_threshold`) since the
+/// pose before, and `fuse` stays as it was; positive: such a frame is taken with a line. Out: 1 after a check that let
+/// the frame pass.
+VEXEL_API bool fusion_and_track_with_speed_limit(void* handle, const PointImage& frame, int& elapsedMicroseconds,
+                                                 bool& fuse, int& contribution, int frameTimeGap,
+                                                 int& speedState) noexcept;
+/// The frame step without fusion (but for the first frame, which starts the model): the pose list grows, and the next
+/// prediction is rendered from the new pose. False on a null handle.
+VEXEL_API bool track(void* handle, const PointImage& frame, int& elapsedMicroseconds) noexcept;
+/// The frame step without tracking: fuses the frame at a pose (camera to model) that the application knows, and renders
+/// the prediction from there. On an empty model the frame becomes the first one, at that pose. False on a null handle.
+VEXEL_API bool fusion(void* handle, const PointImage& frame, const RigidMatrix& pose,
+                      int& elapsedMicroseconds) noexcept;
+
+/// Points (mm, model coordinates) of the model's surface, about one a voxel, with normals that point out of the surface
+/// and the colour `colorOnInvaildPoint`. Each call brings up to date what frames have changed since the one before;
+/// its cost follows that and not the size of the model. A place of the surface has one point, which moves with it and
+/// goes with it; the order of the points changes. The cloud belongs to the session, stays as it is during frame steps
+/// and is valid until the next display, reset or release call on the handle. Waits while a frame is integrated, not
+/// while it is tracked or rendered. Null handle: "fail because pFusionTrack = NULL" and an empty cloud.
+VEXEL_API const Cloud& get_show_data(void* handle) noexcept;
+/// The same without points that rest on fewer than three measurements. The first call goes over all points.
+VEXEL_API const Cloud& get_show_data_filter_noise(void* handle) noexcept;
+/// Pose (camera to model) of the last accepted frame; the identity before the first one and for a null handle.
+VEXEL_API RigidMatrix get_current_rt(void* handle) noexcept;
+/// Voxel edge (mm) of the model; 0 for a null handle.
+VEXEL_API float get_current_point_dis(void* handle) noexcept;
+/// What happened to the last frame that was not refused as busy.
+VEXEL_API RetVal get_fusion_scan_state(void* handle, FusionScanState& state) noexcept;
+
+/// The model as a triangle mesh (mm, model coordinates) with vertex normals: marching cubes over everything that was
+/// fused, without connected pieces of fewer than 100 triangles. `pointDis`: 0 or at most the voxel edge for all
+/// vertices; more keeps one vertex in each cube of that edge (mm). An empty model gives an empty mesh and success. At
+/// a debug level above 0 prints a line that begins with "Mc Time is:" and writes "mc_result.obj" (all that marching
+/// cubes found), "Mc_Opt_result.obj" (the result) and "ErrorBastriMesh.obj" (triangles of the result at edges that are
+/// not manifold) to outputPath, each unless it would be empty. The first form runs on OpenMP, the second on TBB; their
+/// results are the same.
+VEXEL_API RetVal get_fusion_result(void* handle, float pointDis, BaseTriMesh& mesh) noexcept;
+VEXEL_API RetVal get_fusion_result_tbb(void* handle, float pointDis, BaseTriMesh& mesh) noexcept;
+/// Corners (mm, model coordinates) of the box around the model's surface. `RET_STATE_ERROR` while there is none.
+VEXEL_API RetVal get_model_bounding_box(void* handle, Vector3f& low, Vector3f& high) noexcept;
+
+/// Voxel edge, mm. Only while the model is empty (`RET_STATE_ERROR`).
+VEXEL_API RetVal reset_Point_dis(void* handle, float pointDis) noexcept;
+/// Largest mean point-to-plane distance (mm) of an accepted registration, from the next frame on.
+VEXEL_API RetVal reset_icpDisThread(void* handle, float icpDisThread) noexcept;
+/// Least shares, in [0, 1), of prediction and frame that must end as correspondences, from the next frame on.
+VEXEL_API RetVal reset_rata_ray(void* handle, const Vector2f& rata) noexcept;
+/// Smallest eigenvalue of the ICP's normal matrix from which on a registration counts as stable; at first 5. Only the
+/// scan state tells.
+VEXEL_API RetVal set_icpStableThreadhold(void* handle, float threshold) noexcept;
+/// Limits of the speed check: translation (mm) and largest angle about an axis (radians) from frame to frame.
+VEXEL_API RetVal set_track_speed_threshold(void* handle, float lineSpeed, float angularSpeed) noexcept;
+/// Edge, in voxels, of the cube around a point whose voxels the point may change, 1 to 63, as given. Null handle:
+/// `RET_INPUT_ERROR`.
+VEXEL_API RetVal fusion_set_fusionrange(void* handle, int fusionRange) noexcept;
+/// Intrinsics (pixels) of the full-resolution camera. Frames must carry them, divided by `sample`, from now on; the
+/// prediction is rendered anew from the current pose, of what lies inside viewBox.
+VEXEL_API RetVal set_campar(void* handle, const CameraInParam& campar) noexcept;
+/// Model coordinates (mm) of the corner of voxel (0, 0, 0), instead of the place that the first frame would choose;
+/// zero for that. Only while the model is empty (`RET_STATE_ERROR`).
+VEXEL_API RetVal set_treeShift(void* handle, const Vector3f& shift) noexcept;
+VEXEL_API RetVal get_treeShift(void* handle, Vector3f& shift) noexcept;
+/// The shift as the first frame left it; zero before. A point of the model minus it is where the point lies in the
+/// volume, mm.
+VEXEL_API RetVal get_model2Volum_shift(void* handle, Vector3f& shift) noexcept;
+
+/// Forgets model, poses, display and scan state; the next frame is a first one and places the volume anew. Settings
+/// stay. The first form resets the texture tracker too (`RET_RUN_FAIL` when that fails, all else being done).
+VEXEL_API RetVal fusion_reset(void* handle) noexcept;
+VEXEL_API RetVal fusion_reset_withoutTex(void* handle) noexcept;
+/// Forgets model, poses and display; what `get_fusion_scan_state` tells of the last frame stays.
+VEXEL_API RetVal fusion_tree_reset(void* handle) noexcept;
+/// Destroys the session and nulls the caller's handle. Null already: "can not run function fail fusiontrack_release
+/// because pFusionTrack = NULL".
+VEXEL_API RetVal fusiontrack_release(void*& handle) noexcept;
+
+/// Stores a function for the threaded mode, null for none; the frame step calls none of them. Null handle: "can not run
+/// this function because pFusionTrack = NULL".
+VEXEL_API void set_fusion_success_call_back(void* handle, FusionSuccessCallBack callback) noexcept;
+VEXEL_API void set_fusion_fail_call_back(void* handle, FusionFailCallBack callback) noexcept;
+VEXEL_API void set_illegal_input_call_back(void* handle, IllegalInputCallBack callback) noexcept;
+
+/// Debug level: above 0 a line of times for each frame, and the files of `get_fusion_result`; it is also handed to the
+/// trackers. The bool means nothing. Null handle: "cant not run function named shoule_we_debug_fusion because pTemp ==
+/// NULL " without a line end.
+VEXEL_API RetVal shoule_we_debug_fusion(void* handle, bool ignored, int level) noexcept;
+
+}  // namespace VexelAlgorithm
 #include "platform/featureRegistration.h"
 #include "platform/textureTracking.h"
 #include "readCaliData/CaliParReadIn.h"

@@ -173,7 +173,8 @@ std::size_t Cloud::add_vCoord(const Vector3f& point) {
 }
 
 void Cloud::set_vCoords(const std::vector<Vector3f>& coords) {
-    set_vCoords(std::vector<Vector3f>(coords));
+    _coords = coords;
+    Cloud::repair_illegal();
 }
 
 void Cloud::set_vCoords(std::vector<Vector3f>&& coords) {

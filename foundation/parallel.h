@@ -8,6 +8,8 @@
 #include <algorithm>
 #include <cstddef>
 
+#include "foundation/raceAnnotations.h"
+
 namespace VexelAlgorithm {
 
 /// The widest arena that makes sense; larger thread numbers count as this one.
@@ -28,9 +30,13 @@ void parallel_ranges(int threads, std::size_t count, std::size_t grain, const Bo
         return;
     }
     tbb::task_arena arena(usable_threads(threads));
+    ForkJoin loop;
     arena.execute([&] {
         tbb::parallel_for(tbb::blocked_range<std::size_t>(0, count, std::max<std::size_t>(grain, 1)),
-                          [&](const tbb::blocked_range<std::size_t>& range) { body(range.begin(), range.end()); });
+                          [&](const tbb::blocked_range<std::size_t>& range) {
+                              const ForkJoin::Task task(loop);
+                              body(range.begin(), range.end());
+                          });
     });
 }
 

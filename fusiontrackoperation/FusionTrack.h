@@ -1,0 +1,192 @@
+// The real-time scan session: tracks each frame against the model, fuses it and renders the next prediction.
+#pragma once
+
+#include <atomic>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "foundation/BaseTriMesh.h"
+#include "foundation/PointImage.h"
+#include "foundation/RetVal.h"
+#include "foundation/RigidMatrix.h"
+#include "foundation/TextureParam.h"
+#include "fusion/rayCast.h"
+#include "fusiontrackoperation/DisplayData.h"
+#include "fusiontrackoperation/FusionScanState.h"
+#include "fusiontrackoperation/SessionParameters.h"
+#include "fusiontrackoperation/sessionCallbacks.h"
+#include "track/IcpBaseOnCam.h"
+#include "track/ParticleTrack.h"
+
+namespace VexelAlgorithm {
+
+/// What texture tracking is made from: the record, and the motion from left to texture camera coordinates.
+struct TextureSetup {
+    TextureParam record;
+    RigidMatrix leftToTexture;
+};
+
+/// One scan. The exported functions of `algorithmQorInclude.h` describe what each operation does.
+///
+/// Locks. A frame step holds the step lock from beginning to end; a second one is refused, settings and results wait
+/// for it. Inside, integration holds the outer and the inner lock, taken in that order; the raycast of the prediction
+/// holds the outer one; display extraction holds the inner one alone, so that it may overlap a raycast and never an
+/// integration. The pose list, the scan state and the callbacks have a lock each, held for the length of a copy.
+/// Nobody who holds a later lock of the row step, outer, inner, poses, state, callbacks takes an earlier one.
+class FusionTrack {
+public:
+    /// `parameters` are those of `make_session_parameters`. With `withTexture` a texture tracker is made from
+    /// `texture`, where the application has registered one.
+    FusionTrack(const SessionParameters& parameters, bool withTexture, const TextureSetup& texture);
+    ~FusionTrack();
+    FusionTrack(const FusionTrack&) = delete;
+    FusionTrack& operator=(const FusionTrack&) = delete;
+
+    /// False when the ICP refuses its settings; the session must not be used then.
+    bool is_valid() const { return _isValid; }
+
+    // ---- frames -------------------------------------------------------------------------------------
+
+    /// All of `fusion_and_track`. fuseFlag: true forces fusion, false leaves it to the contribution; out: whether the
+    /// frame was fused. contribution: the best one so far; out: that of this frame, when it was asked for. speedState:
+    /// negative for no speed check, 0 for refusing fast frames, positive for fusing them; out: 1 after a check that
+    /// lets the frame pass.
+    bool frame_step(const PointImage& input, int& elapsedMicroseconds, bool& fuseFlag, int& contribution,
+                    int frameTimeGap, int& speedState);
+    bool track(const PointImage& input, int& elapsedMicroseconds);
+    bool fusion(const PointImage& input, const RigidMatrix& pose, int& elapsedMicroseconds);
+
+    // ---- what an application looks at ------------------------------------------------------------------
+
+    const Cloud& get_show_data();
+    const Cloud& get_show_data_filter_noise();
+    RigidMatrix get_current_rt() const;
+    float get_current_point_dis() const;
+    FusionScanState get_fusion_scan_state() const;
+
+    // ---- results --------------------------------------------------------------------------------------
+
+    enum class Parallel { OpenMp, Tbb };
+    RetVal get_fusion_result(float pointDis, BaseTriMesh& mesh, Parallel parallel);
+    RetVal get_model_bounding_box(Vector3f& low, Vector3f& high);
+
+    // ---- settings -------------------------------------------------------------------------------------
+
+    RetVal reset_point_dis(float pointDis);
+    RetVal reset_icp_dis_thread(float icpDisThread);
+    RetVal reset_rata_ray(const Vector2f& rata);
+    RetVal set_icp_stable_threshold(float threshold);
+    RetVal set_track_speed_threshold(float lineSpeed, float angularSpeed);
+    RetVal set_fusion_range(int fusionRange);
+    RetVal set_campar(const CameraInParam& campar);
+    RetVal set_tree_shift(const Vector3f& shift);
+    Vector3f get_tree_shift() const;
+    Vector3f get_model_to_volume_shift() const;
+    void set_debug_level(int level) { _debugLevel = level; }
+    void set_callback(FusionSuccessCallBack callback);
+    void set_callback(FusionFailCallBack callback);
+    void set_callback(IllegalInputCallBack callback);
+
+    // ---- life cycle -----------------------------------------------------------------------------------
+
+    /// Back to the state after creation; settings stay.
+    RetVal reset(bool withTexture);
+    /// Empties the volume and what is rendered and shown from it, and starts the pose list anew.
+    RetVal reset_tree();
+
+private:
+    /// What a frame step is asked for and what it answers; see `frame_step`.
+    struct StepArguments {
+        bool mayFuse = true;  ///< false: only track
+        bool fuseFlag = true;
+        int contribution = 0;
+        int frameTimeGap = -1;
+        int speedState = -1;
+        int elapsedMicroseconds = -1;  ///< stays negative unless the step completes
+    };
+
+    FrameOutcome track_and_fuse(const char* function, const PointImage& input, StepArguments& arguments);
+    FrameOutcome fuse_at(const PointImage& input, const RigidMatrix& pose, int& elapsedMicroseconds);
+    /// Runs `body`, which gives the outcome, as the only step, and publishes the scan state.
+    template <class Body>
+    FrameOutcome run_step(const char* function, const Body& body);
+    void publish(FrameOutcome outcome);
+
+    // The stages of a step, in its order.
+    bool fits_session(const PointImage& input, const char* function) const;
+    const PointImage& in_camera_coordinates(const PointImage& input);
+    bool has_enough_points(const PointImage& frame);
+    bool is_model_empty() const { return _volume.get_vaild_leaf_num() == 0; }
+    bool begin_model(const PointImage& frame, const RigidMatrix& pose);
+    void set_first_pose(const RigidMatrix& pose);
+    bool integrate_first(const PointImage& frame, const RigidMatrix& pose);
+    void take_as_prediction(const PointImage& frame);
+    bool has_enough_prediction();
+    void set_up_tracking(const PointImage& frame);
+    void find_coarse_pose();
+    FrameOutcome refine_pose();
+    bool passes_speed_check(int& speedState) const;
+    bool is_over_fast() const;
+    RigidMatrix append_pose(RigidMatrix pose);
+    bool adds_enough(const PointImage& frame, const RigidMatrix& pose, int& contribution);
+    void integrate_moving_image(const RigidMatrix& pose);
+    void empty_prediction(const PointImage& frame);
+    void update_after_fusion();
+    void render_prediction(const RigidMatrix& pose, bool guided);
+
+    void initialise_images();
+    void forget_model();
+    void write_debug_mesh(const char* name, const BaseTriMesh& mesh) const;
+
+    const SessionParameters _parameters;
+    SessionVolume _volume;                 // written under outer and inner lock
+    Fusion::ChangedLeaves _changedLeaves;  // under the inner lock
+    DisplayData _display;                  // under the inner lock
+    std::unique_ptr<Track::IcpBaseOnCam> _pIcp;
+    std::unique_ptr<Track::ParticleTrack> _pParticle;
+    void* _featureRegistration = nullptr;  // held ready
+    void* _textureTracker = nullptr;       // held ready; null without a registered library
+    bool _isValid = false;
+
+    // Under the step lock.
+    PointImage _mapPre;      // the prediction: the model from the last accepted pose, in camera coordinates
+    PointImage _fixedImage;  // copies for the trackers
+    PointImage _movingImage;
+    PointImage _lastFrame;                      // guides the raycast
+    PointImage _movedFrame;                     // a frame that came moved by its pose, brought back
+    Cloud _currentFrame;                        // points of the incoming frame
+    RigidMatrix _relative;                      // result of the ICP
+    RigidMatrix _initialPose;                   // result of the particle tracker
+    CameraInParam _camera;                      // of the session's images, as the record or `set_campar` says
+    std::optional<CameraInParam> _modelCamera;  // that of the first frame; no other one can be fused with it
+    int _icpLimitNum;
+    float _lineSpeedLimit = 50.0F;     // mm a frame
+    float _angularSpeedLimit = 20.0F;  // radians a frame
+    int _lastFrameTimeGap = -1;        // as the caller gave it; -1 for none
+    FusionScanState _stepState;        // of the running step
+
+    std::vector<RigidMatrix> _poses{
+        RigidMatrix()};      // camera to model, under the pose lock; one element before the first frame
+    FusionScanState _state;  // under the state lock
+    FusionSuccessCallBack _onSuccess = nullptr;  // under the callback lock, like the next two
+    FusionFailCallBack _onFail = nullptr;
+    IllegalInputCallBack _onIllegalInput = nullptr;
+    std::atomic<int> _debugLevel;
+
+    // Names under which debug recording files what a session fuses and edits.
+    std::string _fusionDataProperty = "AccumalateFusionData";
+    std::string _editDataProperty = "AccumalateFusionEditData";
+
+    std::atomic<bool> _isStepping{false};
+    mutable std::mutex _stepMutex;
+    mutable std::mutex _outerMutex;
+    mutable std::mutex _innerMutex;
+    mutable std::mutex _poseMutex;
+    mutable std::mutex _stateMutex;
+    mutable std::mutex _callbackMutex;
+};
+
+}  // namespace VexelAlgorithm

@@ -1,0 +1,69 @@
+// From the three parameter records to what the parts of a session are made with.
+#pragma once
+
+#include <optional>
+#include <string>
+
+#include "foundation/CommonParameter.h"
+#include "foundation/FusionParameter.h"
+#include "foundation/TrackParmeter.h"
+
+namespace VexelAlgorithm {
+
+/// What no record holds.
+struct FixedParameters {
+    float coneHalfWidth = 0.5F;          ///< of a pixel's fusion cone, pixels
+    float particleMinValidRatio = 0.5F;  ///< least share of a frame's points that count for a particle
+    int debugLevel = 0;                  ///< handed to both trackers
+    int icpLimitLowerBound = 1500;       ///< least number of valid points, whatever the records say
+    float intervalFactor = 3.0F;         ///< half-width of the guided raycast's interval, half voxels
+};
+
+/// The settings of a session's parts. Lengths in mm, sizes in pixels.
+///
+/// | part | from |
+/// |---|---|
+/// | images | imageSize / sample (integer division), campar / sample, sample; view radial (0, 0) |
+/// | volume | treeDepth, pointDis, cone half-width, fusionDataSize(0) as fusion range, codeNumSet threads, outputPath |
+/// | ICP | icpIterNum, icpInterNumFixed, icpDis, icpDisAvgThread, icpRataRay, outputPath, keep ratios `icpKeepRatio`,
+/// threads | | particle tracker | `particle...` below, particles' steps icpParticleSize, outputPath, threads | |
+/// feature registration | 5, 10, 20, disUniform as sampling, 3 | | limit of valid points | fusionLimitNum, never below
+/// the fixed lower bound | | prediction | normals from the rendered image with pixel step fusionDataSize(1), see
+/// `normalReach` | | view after `set_campar` | viewBox as nearest and farthest | | display | colorOnInvaildPoint |
+///
+/// deviceTag, scanType, the colour camera, currPointOffsetShow and the settings named "...Feature..." are kept with the
+/// session and act on nothing in it.
+struct SessionParameters {
+    CommonParameter common;
+    TrackParmeter track;
+    FusionParameter fusion;
+    FixedParameters fixed;
+
+    Vector2i imageSize;    ///< of a frame
+    CameraInParam camera;  ///< of a frame
+    int icpLimitNum;
+
+    Vector2f icpKeepRatio{0.7F, 0.9F};  ///< share of correspondences kept in the first and in the fine iterations
+    int particleIterations = 5;         ///< of the rough stage
+    int particleStep = 12;              ///< one in so many points is used
+    Vector3i particleCounts{5, 5, 1};   ///< along x, y, z
+    float particleKeepRatio = 0.8F;     ///< share of a particle's correspondences kept
+
+    /// Correspondence gate of the particles: the ICP's widest, and wide enough for a start half a grid step away.
+    float particle_gate() const;
+    /// How far points may lie apart that make one normal of the prediction: three times the distance that neighbours
+    /// of the window have on a surface seen from the front, so that slopes up to 70 degrees have normals.
+    float normal_reach(float pointDis) const;
+};
+
+/// Why no session can be made from the records: field and reason, in one line. What volume and trackers clamp or refuse
+/// by themselves is not among the reasons.
+std::optional<std::string> find_unusable(const CommonParameter& common, const TrackParmeter& track,
+                                         const FusionParameter& fusion);
+
+/// The settings for records that are usable. Values beyond what the parts can take are replaced by the nearest
+/// permitted one, with one printed line each.
+SessionParameters make_session_parameters(const CommonParameter& common, const TrackParmeter& track,
+                                          const FusionParameter& fusion, const FixedParameters& fixed);
+
+}  // namespace VexelAlgorithm

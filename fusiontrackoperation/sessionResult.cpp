@@ -1,0 +1,90 @@
+// What a session has in the end.
+#include <cmath>
+#include <filesystem>
+#include <limits>
+
+#include "foundation/diagnostics.h"
+#include "foundation/meshExport.h"
+#include "foundation/parallel.h"
+#include "fusion/meshOptimise.h"
+#include "fusiontrackoperation/FusionTrack.h"
+#include "fusiontrackoperation/Stopwatch.h"
+#include "fusiontrackoperation/meshThinning.h"
+
+namespace VexelAlgorithm {
+namespace {
+
+constexpr float MIN_CONTRIBUTIONS = 0.0F;  // everything that was fused
+constexpr std::size_t MIN_PIECE_TRIANGLES = 100;
+constexpr std::size_t LEAVES_PER_TASK = std::size_t{1} << 16;
+
+struct Box {
+    Vector3f low = Vector3f::Constant(std::numeric_limits<float>::infinity());
+    Vector3f high = -low;
+
+    void include(const Vector3f& point) {
+        low = low.cwiseMin(point);
+        high = high.cwiseMax(point);
+    }
+    bool is_empty() const { return !(low.x() <= high.x()); }
+};
+
+}  // namespace
+
+RetVal FusionTrack::get_fusion_result(float pointDis, BaseTriMesh& mesh, Parallel parallel) {
+    const std::lock_guard<std::mutex> step(_stepMutex);
+    if (!(pointDis >= 0.0F) || !std::isfinite(pointDis)) {
+        print_line("can not run function get_fusion_result because pointDis is negative or not a number");
+        return RET_INPUT_ERROR;
+    }
+    const Stopwatch watch;
+    BaseTriMesh result;
+    std::vector<int> vertexAxis;
+    const RetVal end = parallel == Parallel::Tbb ? _volume.get_result_tbb(MIN_CONTRIBUTIONS, result, vertexAxis, false)
+                                                 : _volume.get_result(MIN_CONTRIBUTIONS, result, vertexAxis, false);
+    if (end != RET_SUCCESS) return end;
+    const bool debug = _debugLevel > 0;
+    if (debug) print_line(format_text("Mc Time is:%f ms", watch.milliseconds()));
+    if (debug) write_debug_mesh("mc_result.obj", result);
+
+    Fusion::optimise_mesh(result, vertexAxis, {MIN_PIECE_TRIANGLES, 0, true});
+    if (pointDis > _volume.get_pointDis()) thin_mesh(result, pointDis);
+    if (debug) write_debug_mesh("Mc_Opt_result.obj", result);
+    if (debug) write_debug_mesh("ErrorBastriMesh.obj", find_non_manifold_faces(result));
+    mesh = std::move(result);
+    return RET_SUCCESS;
+}
+
+void FusionTrack::write_debug_mesh(const char* name, const BaseTriMesh& mesh) const {
+    if (mesh.get_vn() == 0) return;
+    write_mesh((std::filesystem::path(_parameters.common.outputPath) / name).string(), mesh, MESH_WRITE_DEFAULT, 6);
+}
+
+RetVal FusionTrack::get_model_bounding_box(Vector3f& low, Vector3f& high) {
+    const std::lock_guard<std::mutex> step(_stepMutex);
+    const auto& tree = _volume.get_fusion_tree();
+    Box box;
+    std::mutex boxMutex;
+    parallel_ranges(_volume.get_code_Num(), static_cast<std::size_t>(_volume.get_vaild_leaf_num()), LEAVES_PER_TASK,
+                    [&](std::size_t begin, std::size_t end) {
+                        Fusion::FieldReader<Fusion::LeafTSDFSpeckle> field(tree);
+                        Box own;
+                        for (std::size_t leaf = begin; leaf < end; ++leaf) {
+                            const auto surface = find_surface_point(field, static_cast<std::int32_t>(leaf));
+                            if (surface) own.include(surface->point);
+                        }
+                        const std::lock_guard<std::mutex> lock(boxMutex);
+                        if (own.is_empty()) return;
+                        box.include(own.low);
+                        box.include(own.high);
+                    });
+    if (box.is_empty()) {
+        print_line("can not run function get_model_bounding_box because the model is empty");
+        return RET_STATE_ERROR;
+    }
+    low = box.low;
+    high = box.high;
+    return RET_SUCCESS;
+}
+
+}  // namespace VexelAlgorithm

@@ -1,0 +1,369 @@
+// The handle functions around the frame step: null handles, records, settings, life cycle, results.
+#include <filesystem>
+#include <fstream>
+
+#include "tests/session/sessionScenes.h"
+
+namespace VexelAlgorithm {
+namespace {
+
+std::string can_not(const std::string& function, const std::string& reason) {
+    return "can not run function " + function + " because " + reason + "\n";
+}
+
+struct NullCall {
+    const char* name;
+    std::function<int()> call;  // -1 where nothing is returned
+    int result;
+    std::string line = {};  // empty: the usual one
+};
+
+TEST(NullHandle, EveryFunctionSaysItsLineAndFails) {
+    PointImage frame;
+    int i = 3;
+    bool fuse = true;
+    FusionScanState state;
+    BaseTriMesh mesh;
+    mesh.add_vCoord({1, 2, 3});
+    Vector3f low(1, 2, 3), high = low;
+    void* none = nullptr;
+    const std::string step = "fail because pFusionTrack == NULL\n";
+    const std::string setter = "can not run this function because pFusionTrack = NULL\n";
+    const auto number = [](RetVal value) { return static_cast<int>(value); };
+    const auto cloud = [](const Cloud& shown) { return static_cast<int>(shown.get_vn()); };
+    const NullCall calls[] = {
+        {"fusion_and_track", [&] { return fusion_and_track(none, frame, i) ? 1 : 0; }, 0, step},
+        {"fusion_and_track", [&] { return fusion_and_track(none, frame, i, fuse, i) ? 1 : 0; }, 0, step},
+        {"fusion_and_track_with_speed_limit",
+         [&] { return fusion_and_track_with_speed_limit(none, frame, i, fuse, i, 1, i) ? 1 : 0; }, 0, step},
+        {"track", [&] { return track(none, frame, i) ? 1 : 0; }, 0},
+        {"fusion", [&] { return fusion(none, frame, {}, i) ? 1 : 0; }, 0},
+        {"get_show_data", [&] { return cloud(get_show_data(none)); }, 0, "fail because pFusionTrack = NULL\n"},
+        {"get_show_data_filter_noise", [&] { return cloud(get_show_data_filter_noise(none)); }, 0},
+        {"get_current_rt", [&] { return static_cast<int>(get_current_rt(none).get_rotation().trace()); }, 3},
+        {"get_current_point_dis", [&] { return static_cast<int>(get_current_point_dis(none)); }, 0},
+        {"get_fusion_scan_state", [&] { return number(get_fusion_scan_state(none, state)); }, RET_INI_ERROR},
+        {"get_fusion_result", [&] { return number(get_fusion_result(none, 0, mesh)); }, RET_INI_ERROR},
+        {"get_fusion_result_tbb", [&] { return number(get_fusion_result_tbb(none, 0, mesh)); }, RET_INI_ERROR},
+        {"get_model_bounding_box", [&] { return number(get_model_bounding_box(none, low, high)); }, RET_INI_ERROR},
+        {"reset_Point_dis", [&] { return number(reset_Point_dis(none, 1)); }, RET_INI_ERROR},
+        {"reset_icpDisThread", [&] { return number(reset_icpDisThread(none, 1)); }, RET_INI_ERROR},
+        {"reset_rata_ray",
+         [&] {
+             return number(reset_rata_ray(none, {0, 0}));
+         },
+         RET_INI_ERROR},
+        {"set_icpStableThreadhold", [&] { return number(set_icpStableThreadhold(none, 1)); }, RET_INI_ERROR},
+        {"set_track_speed_threshold", [&] { return number(set_track_speed_threshold(none, 1, 1)); }, RET_INI_ERROR},
+        {"fusion_set_fusionrange", [&] { return number(fusion_set_fusionrange(none, 5)); }, RET_INPUT_ERROR},
+        {"set_campar",
+         [&] {
+             return number(set_campar(none, {1, 1, 1, 1}));
+         },
+         RET_INI_ERROR},
+        {"set_treeShift", [&] { return number(set_treeShift(none, low)); }, RET_INI_ERROR},
+        {"get_treeShift", [&] { return number(get_treeShift(none, low)); }, RET_INI_ERROR},
+        {"get_model2Volum_shift", [&] { return number(get_model2Volum_shift(none, low)); }, RET_INI_ERROR},
+        {"fusion_reset", [&] { return number(fusion_reset(none)); }, RET_INI_ERROR},
+        {"fusion_reset_withoutTex", [&] { return number(fusion_reset_withoutTex(none)); }, RET_INI_ERROR},
+        {"fusion_tree_reset", [&] { return number(fusion_tree_reset(none)); }, RET_INI_ERROR},
+        {"fail fusiontrack_release", [&] { return number(fusiontrack_release(none)); }, RET_INI_ERROR},
+        {"success", [&] { return set_fusion_success_call_back(none, nullptr), -1; }, -1, setter},
+        {"fail", [&] { return set_fusion_fail_call_back(none, nullptr), -1; }, -1, setter},
+        {"illegal", [&] { return set_illegal_input_call_back(none, nullptr), -1; }, -1, setter},
+        {"debug", [&] { return number(shoule_we_debug_fusion(none, true, 1)); }, RET_INI_ERROR,
+         "cant not run function named shoule_we_debug_fusion because pTemp == NULL "},
+    };
+    for (const NullCall& c : calls) {
+        SCOPED_TRACE(c.name);
+        EXPECT_EQ(printed([&] { EXPECT_EQ(c.call(), c.result); }),
+                  c.line.empty() ? can_not(c.name, "pFusionTrack = NULL") : c.line);
+    }
+    EXPECT_EQ(i, 3);
+    EXPECT_TRUE(fuse);
+    EXPECT_EQ(mesh.get_vn(), 1U);
+    EXPECT_EQ(low, Vector3f(1, 2, 3));
+}
+
+struct RecordCase {
+    const char* name;
+    std::function<void(Records&)> change;
+    bool isMade;
+    std::string lines;  // the end of what is printed
+};
+
+TEST(Records, AbsurdOnesAreRefusedOrReplacedWithALine) {
+    const float infinity = std::numeric_limits<float>::infinity();
+    const auto refused = [](const std::string& reason) {
+        return "\nfusion_and_track_ini: " + reason + "\nerror input\n";
+    };
+    const auto replaced = [](const std::string& what) { return "\nfusion_and_track_ini: " + what + " is used\n"; };
+    const std::string icp = "\n_pIcp ini fails \nerror input\n";
+    const RecordCase cases[] = {
+        {"sample 0", [](Records& r) { r.common.sample = 0; }, false,
+         refused("sample: 0 is not between 1 and the smaller edge of imageSize")},
+        {"sample 10^9", [](Records& r) { r.common.sample = 1000000000; }, false,
+         refused("sample: 1000000000 is not between 1 and the smaller edge of imageSize")},
+        {"negative image",
+         [](Records& r) {
+             r.common.imageSize = {-160, 128};
+         },
+         false, refused("imageSize(0): -160 is not between 1 and 32768")},
+        {"huge image",
+         [](Records& r) {
+             r.common.imageSize = {32768, 32768};
+         },
+         false, refused("imageSize: the image has too many pixels")},
+        {"camera of NaN", [](Records& r) { r.common.campar.set_param(kNaN, 400, 80, 64); }, false,
+         refused("campar(fx): nan is not a positive finite number")},
+        {"camera without length", [](Records& r) { r.common.campar.set_param(400, 0, 80, 64); }, false,
+         refused("campar(fy): 0 is not a positive finite number")},
+        {"gate of NaN", [](Records& r) { r.track.icpDis(0) = kNaN; }, false,
+         refused("icpDis: a value is not a finite number")},
+        {"infinite limit", [=](Records& r) { r.track.icpDisAvgThread = infinity; }, false,
+         refused("icpDisAvgThread: the value is not a finite number")},
+        {"shares of NaN", [](Records& r) { r.track.icpRataRay(1) = kNaN; }, false,
+         refused("icpRataRay: a value is not a finite number")},
+        {"particles of NaN", [](Records& r) { r.track.icpParticleSize = kNaN; }, false,
+         refused("icpParticleSize: the value is not a finite number")},
+        {"10^9 iterations", [](Records& r) { r.track.icpIterNum = 1000000000; }, false,
+         refused("icpIterNum: 1e+09 is not between 1 and 1000")},
+        {"no iterations", [](Records& r) { r.track.icpIterNum = 0; }, false, icp},
+        {"no fine iterations", [](Records& r) { r.track.icpInterNumFixed = r.track.icpIterNum; }, false, icp},
+        {"gates turned round",
+         [](Records& r) {
+             r.track.icpDis = {6, 1};
+         },
+         false, icp},
+        {"deep tree", [](Records& r) { r.fusion.treeDepth = 99; }, true,
+         replaced("treeDepth = 99 is out of its range, 20")},
+        {"10^9 threads", [](Records& r) { r.fusion.codeNumSet = 1000000000; }, true,
+         replaced("codeNumSet = 1000000000 is out of its range, 256")},
+        {"wide cube", [](Records& r) { r.fusion.fusionDataSize(0) = 1 << 30; }, true,
+         replaced("fusionDataSize(0) = 1073741824 is out of its range, 63")},
+        {"normal step", [](Records& r) { r.fusion.fusionDataSize(1) = -3; }, true,
+         replaced("fusionDataSize(1) = -3 is out of its range, 1")},
+        {"fixed iterations", [](Records& r) { r.track.icpInterNumFixed = std::numeric_limits<int>::min(); }, true,
+         replaced("icpInterNumFixed = -2147483648 is out of its range, 0")},
+        {"view box",
+         [](Records& r) {
+             r.fusion.viewBox = {kNaN, 5};
+         },
+         true, replaced("viewBox is not a range of distances, the default")},
+        {"colour", [](Records& r) { r.fusion.colorOnInvaildPoint.setConstant(kNaN); }, true,
+         replaced("colorOnInvaildPoint is not finite, the default")},
+        {"clamped as ever",
+         [](Records& r) {
+             r.fusion.treeDepth = -1;
+             r.fusion.codeNumSet = -5;
+             r.fusion.pointDis = kNaN;
+             r.fusion.fusionLimitNum = -1;
+         },
+         true, "colorImageSize(0) =  1280\tcolorImageSize(1) =  1024\n"},
+    };
+    const Scan scan("smooth");
+    for (const RecordCase& c : cases) {
+        SCOPED_TRACE(c.name);
+        Records records = scan.records;
+        c.change(records);
+        void* session = nullptr;
+        const std::string lines =
+            printed([&] { session = fusion_and_track_ini(records.common, records.track, records.fusion); });
+        EXPECT_EQ(session != nullptr, c.isMade);
+        EXPECT_EQ(lines.substr(lines.size() - std::min(lines.size(), c.lines.size())), c.lines) << lines;
+        EXPECT_EQ(lines.find("parameter output in function fusion_and_track_ini\n\n\n\ncommon parameter output\n"), 0U);
+        EXPECT_LT(lines.find("TrackParmeter output\n"), lines.find("FusionParameter output\n"));
+        if (session == nullptr) continue;
+        printed([&] { EXPECT_EQ(fusiontrack_release(session), RET_SUCCESS); });
+        EXPECT_EQ(session, nullptr);
+        EXPECT_EQ(fusiontrack_release(session), RET_INI_ERROR);
+    }
+}
+
+TEST(Settings, AreMadeOrRefusedWithALine) {
+    const Scan scan("smooth");
+    Session session(scan.records);
+    Vector3f shift;
+    EXPECT_EQ(reset_Point_dis(session, 3.0F), RET_SUCCESS);
+    EXPECT_EQ(get_current_point_dis(session), 3.0F);
+    EXPECT_EQ(set_treeShift(session, {-1500, -1500, -1000}), RET_SUCCESS);
+    EXPECT_EQ(fusion_set_fusionrange(session, 3), RET_SUCCESS);
+    ASSERT_TRUE(session.step(scan.frame(0)));
+    EXPECT_EQ(get_treeShift(session, shift), RET_SUCCESS);
+    EXPECT_EQ(shift, Vector3f(-1500, -1500, -1000)) << "the place is kept";
+    EXPECT_EQ(get_model2Volum_shift(session, shift), RET_SUCCESS);
+    EXPECT_EQ(shift, Vector3f(-1500, -1500, -1000));
+
+    const std::string before = session.bytes();
+    const std::string filled = "the model is not empty";
+    const std::string notPositive = "pointDis is not a positive number";
+    struct Case {
+        const char* name;
+        std::function<RetVal()> call;
+        RetVal result;
+        std::string reason;
+    };
+    const Case cases[] = {
+        {"reset_Point_dis", [&] { return reset_Point_dis(session, 2.0F); }, RET_STATE_ERROR, filled},
+        {"reset_Point_dis", [&] { return reset_Point_dis(session, 0.0F); }, RET_INPUT_ERROR, notPositive},
+        {"reset_Point_dis", [&] { return reset_Point_dis(session, kNaN); }, RET_INPUT_ERROR, notPositive},
+        {"set_treeShift",
+         [&] {
+             return set_treeShift(session, {0, 0, 0});
+         },
+         RET_STATE_ERROR, filled},
+        {"set_treeShift",
+         [&] {
+             return set_treeShift(session, {kNaN, 0, 0});
+         },
+         RET_INPUT_ERROR, "the shift is not finite"},
+        {"reset_icpDisThread", [&] { return reset_icpDisThread(session, -1.0F); }, RET_INPUT_ERROR,
+         "icpDisThread is not a positive number"},
+        {"reset_rata_ray",
+         [&] {
+             return reset_rata_ray(session, {0.5F, 1.0F});
+         },
+         RET_INPUT_ERROR, "a share is not at least 0 and below 1"},
+        {"reset_rata_ray",
+         [&] {
+             return reset_rata_ray(session, {kNaN, 0.1F});
+         },
+         RET_INPUT_ERROR, "a share is not at least 0 and below 1"},
+        {"set_icpStableThreadhold", [&] { return set_icpStableThreadhold(session, kNaN); }, RET_INPUT_ERROR,
+         "threshold is not a finite number"},
+        {"set_track_speed_threshold", [&] { return set_track_speed_threshold(session, 1, kNaN); }, RET_INPUT_ERROR,
+         "a speed is not a positive number"},
+        {"fusion_set_fusionrange", [&] { return fusion_set_fusionrange(session, 0); }, RET_INPUT_ERROR,
+         "fusionRange is out of its range"},
+        {"fusion_set_fusionrange", [&] { return fusion_set_fusionrange(session, 64); }, RET_INPUT_ERROR,
+         "fusionRange is out of its range"},
+        {"set_campar",
+         [&] {
+             return set_campar(session, {kNaN, 1, 1, 1});
+         },
+         RET_INPUT_ERROR, "the camera is not usable"},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.name);
+        EXPECT_EQ(printed([&] { EXPECT_EQ(c.call(), c.result); }), can_not(c.name, c.reason));
+    }
+    EXPECT_EQ(session.bytes(), before);
+
+    // Tracking goes by the new thresholds.
+    for (const auto& [strict, outcome] :
+         {std::make_pair(std::function<void()>([&] { reset_icpDisThread(session, 1e-6F); }),
+                         FrameOutcome::ResidualTooLarge),
+          std::make_pair(std::function<void()>([&] {
+                             reset_icpDisThread(session, 0.5F);
+                             reset_rata_ray(session, {0.999F, 0.999F});
+                         }),
+                         FrameOutcome::TooFewValid)}) {
+        strict();
+        EXPECT_FALSE(session.step(scan.frame(1)));
+        EXPECT_EQ(session.state().outcome, outcome);
+    }
+    EXPECT_EQ(reset_rata_ray(session, {0.1F, 0.1F}), RET_SUCCESS);
+    EXPECT_TRUE(session.step(scan.frame(1)));
+}
+
+TEST(Settings, ANewCameraRendersThePredictionAnew) {
+    Scan scan("smooth");
+    Session session(scan.records);
+    ASSERT_TRUE(session.step(scan.frame(0)));
+    const CameraInParam old = scan.sequence.camera;
+    scan.sequence.camera.set_param(0.9 * old.get_fx(), 0.9 * old.get_fy(), old.get_cx() + 4, old.get_cy());
+    EXPECT_FALSE(session.step(scan.frame(1)));
+    ASSERT_EQ(set_campar(session, scan.sequence.camera), RET_SUCCESS);
+    ASSERT_TRUE(session.step(scan.frame(1)));
+    EXPECT_LT(pose_error(scan.sequence.pose_in_model(1), get_current_rt(session)).x(), 0.5);
+}
+
+TEST(LifeCycle, AfterAResetTheSessionIsAsNew) {
+    const Scan scan("smooth");
+    Session fresh(scan.records), used(scan.records);
+    for (int i = 0; i < 3; ++i) ASSERT_TRUE(fresh.step(scan.frame(i)));
+    for (RetVal (*reset)(void*) : {fusion_reset, fusion_reset_withoutTex, fusion_tree_reset}) {
+        for (int i = 5; i < 7; ++i) ASSERT_TRUE(used.step(scan.frame(i)));
+        get_show_data(used);
+        ASSERT_EQ(reset(used), RET_SUCCESS);
+        EXPECT_EQ(used.state().outcome, reset == fusion_tree_reset ? FrameOutcome::Fused : FrameOutcome::NoFrameYet);
+        EXPECT_EQ(get_show_data(used).get_vn(), 0U);
+        EXPECT_EQ(used.mesh().get_vn(), 0U);
+        EXPECT_EQ(get_current_rt(used).get_translation(), Vector3d::Zero());
+        for (int i = 0; i < 3; ++i) ASSERT_TRUE(used.step(scan.frame(i)));
+        EXPECT_EQ(used.bytes(), fresh.bytes());
+        EXPECT_EQ(get_show_data(used).get_vn(), get_show_data(fresh).get_vn());
+        ASSERT_EQ(fusion_reset(used), RET_SUCCESS);
+    }
+}
+
+TEST(Results, AreNearTheTruthAtAnySpacing) {
+    const Scan scan("smooth");
+    Session session(scan.records);
+    Vector3f low, high;
+    BaseTriMesh empty;
+    empty.add_vCoord({1, 2, 3});
+    EXPECT_EQ(printed([&] { EXPECT_EQ(get_model_bounding_box(session, low, high), RET_STATE_ERROR); }),
+              can_not("get_model_bounding_box", "the model is empty"));
+    EXPECT_EQ(get_fusion_result(session, 0.0F, empty), RET_SUCCESS);
+    EXPECT_EQ(empty.get_vn(), 0U);
+    for (int i = 0; i < 5; ++i) ASSERT_TRUE(session.step(scan.frame(i)));
+
+    const float voxel = scan.records.fusion.pointDis;
+    std::size_t vertices = session.mesh(0).get_vn();
+    EXPECT_EQ(session.mesh(voxel).get_vn(), vertices);
+    ASSERT_EQ(get_model_bounding_box(session, low, high), RET_SUCCESS);
+    for (const float spacing : {0.0F, 2.0F * voxel, 4.0F * voxel}) {
+        SCOPED_TRACE(spacing);
+        const BaseTriMesh mesh = session.mesh(spacing);
+        ASSERT_GT(mesh.get_fn(), 500U);
+        EXPECT_TRUE(mesh.is_legal() && mesh.is_enable_vNormal());
+        double squares = 0.0, edges = 0.0;
+        for (const Vector3f& vertex : mesh.get_vCoords()) {
+            const double off = scan.sequence.scene->distance(scan.sequence.poses[0] * Vector3d(vertex.cast<double>()));
+            squares += off * off;
+            EXPECT_TRUE((vertex.array() > low.array() - voxel).all() && (vertex.array() < high.array() + voxel).all());
+        }
+        EXPECT_LT(std::sqrt(squares / static_cast<double>(mesh.get_vn())), 0.1 * voxel);
+        for (const BaseTriFace& face : mesh.get_faces()) {
+            edges += (mesh.get_vCoord(static_cast<std::size_t>(face[0])) -
+                      mesh.get_vCoord(static_cast<std::size_t>(face[1])))
+                         .norm();
+        }
+        const double mean = edges / static_cast<double>(mesh.get_fn());
+        EXPECT_NEAR(mean, std::max(spacing, voxel), 0.2 * std::max(spacing, voxel));
+    }
+    BaseTriMesh kept = session.mesh();
+    for (const float bad : {kNaN, -1.0F, std::numeric_limits<float>::infinity()}) {
+        EXPECT_EQ(printed([&] { EXPECT_EQ(get_fusion_result_tbb(session, bad, kept), RET_INPUT_ERROR); }),
+                  can_not("get_fusion_result", "pointDis is negative or not a number"));
+    }
+    EXPECT_EQ(kept.get_vn(), vertices);
+    std::ostringstream tbb, openMp;
+    kept.write_archive(tbb);
+    EXPECT_EQ(get_fusion_result(session, 0.0F, kept), RET_SUCCESS);
+    kept.write_archive(openMp);
+    EXPECT_EQ(openMp.str(), tbb.str());
+}
+
+TEST(Results, DebugFilesOnlyAtADebugLevel) {
+    const std::filesystem::path folder = std::filesystem::temp_directory_path() / "vexel_session_debug";
+    std::filesystem::remove_all(folder);
+    std::filesystem::create_directories(folder);
+    Scan scan("smooth");
+    scan.records.common.outputPath = folder.string();
+    Session session(scan.records);
+    EXPECT_EQ(shoule_we_debug_fusion(session, true, 0), RET_SUCCESS);
+    EXPECT_EQ(printed([&] { ASSERT_TRUE(session.step(scan.frame(0))); }), "");
+    EXPECT_EQ(printed([&] { session.mesh(); }), "");
+    EXPECT_TRUE(std::filesystem::is_empty(folder));
+    EXPECT_EQ(shoule_we_debug_fusion(session, false, 3), RET_SUCCESS);
+    EXPECT_EQ(printed([&] { session.mesh(); }).find("Mc Time is:"), 0U);
+    for (const char* name : {"mc_result.obj", "Mc_Opt_result.obj"}) {
+        EXPECT_GT(std::filesystem::file_size(folder / name), 100000U) << name;
+    }
+    std::filesystem::remove_all(folder);
+}
+
+}  // namespace
+}  // namespace VexelAlgorithm

@@ -1,0 +1,113 @@
+// What may overlap a frame step, from plain threads.
+#include <atomic>
+#include <thread>
+
+#include "tests/session/sessionScenes.h"
+
+namespace VexelAlgorithm {
+namespace {
+
+constexpr int kFrames = 6;
+
+std::vector<PointImage> frames_of(const Scan& scan) {
+    std::vector<PointImage> frames;
+    for (int i = 0; i < kFrames; ++i) frames.push_back(scan.frame(i));
+    return frames;
+}
+
+void ignore_success(const Cloud&, const std::vector<int>&, int, const Cloud&, const RigidMatrix&, const RigidMatrix&,
+                    FusionparallelInputData*, int) {}
+
+TEST(Overlap, DisplayPosesAndSettingsDuringFrameSteps) {
+    Scan scan("smooth");
+    scan.records.fusion.codeNumSet = 2;
+    const std::vector<PointImage> frames = frames_of(scan);
+    Session session(scan.records);
+    std::atomic<bool> isScanning{true};
+    std::atomic<int> accepted{0};
+
+    std::thread camera([&] {
+        for (const PointImage& frame : frames) accepted += session.step(frame) ? 1 : 0;
+        isScanning = false;
+    });
+    std::size_t shown = 0;
+    std::thread screen([&] {
+        while (isScanning) {
+            const Cloud& cloud = get_show_data(session);
+            Vector3f sum = Vector3f::Zero();
+            for (const Vector3f& point : cloud.get_vCoords()) sum += point;
+            EXPECT_TRUE(sum.allFinite());
+            shown = std::max(shown, cloud.get_vn());
+        }
+    });
+    std::thread panel([&] {
+        Vector3f shift, low, high;
+        BaseTriMesh mesh;
+        while (isScanning) {
+            EXPECT_TRUE(get_current_rt(session).is_finite());
+            EXPECT_LE(session.state().acceptedFrames, kFrames);
+            reset_icpDisThread(session, 0.6F);
+            reset_rata_ray(session, {0.1F, 0.1F});
+            shoule_we_debug_fusion(session, true, 0);
+            set_fusion_success_call_back(session, ignore_success);
+            get_model2Volum_shift(session, shift);
+            // These wait for the step, and the next step for them.
+            get_treeShift(session, shift);
+            set_track_speed_threshold(session, 40.0F, 1.0F);
+            get_fusion_result_tbb(session, 0.0F, mesh);
+        }
+    });
+    camera.join();
+    screen.join();
+    panel.join();
+    EXPECT_EQ(accepted, kFrames);
+    EXPECT_GT(std::max(shown, get_show_data(session).get_vn()), 1000U);
+    EXPECT_LT(pose_error(scan.sequence.pose_in_model(kFrames - 1), get_current_rt(session)).x(), 0.5);
+}
+
+TEST(Overlap, ASecondFrameIsRefusedWithALine) {
+    const Scan scan("smooth");
+    const std::vector<PointImage> frames = frames_of(scan);
+    Session session(scan.records);
+    ASSERT_TRUE(session.step(frames[0]));
+    int refused = 0, accepted = 1;
+    const std::string lines = printed([&] {
+        std::atomic<int> ready{0};
+        std::atomic<int> failures{0}, successes{0};
+        const auto give = [&] {
+            ++ready;
+            while (ready < 2) std::this_thread::yield();
+            for (int i = 1; i < kFrames; ++i) ++(session.step(frames[1]) ? successes : failures);
+        };
+        std::thread first(give), second(give);
+        first.join();
+        second.join();
+        refused = failures;
+        accepted += successes;
+    });
+    EXPECT_GT(refused, 0);
+    EXPECT_EQ(session.state().acceptedFrames, accepted);
+    EXPECT_EQ(session.state().outcome, FrameOutcome::Fused) << "a refused frame leaves the state alone";
+    const std::string line = "can not run function fusion_and_track because the session is busy with another frame\n";
+    std::string expected;
+    for (int i = 0; i < refused; ++i) expected += line;
+    EXPECT_EQ(lines, expected);
+}
+
+TEST(Overlap, SessionsAreIndependent) {
+    const Scan scan("smooth");
+    const std::vector<PointImage> frames = frames_of(scan);
+    Session alone(scan.records), one(scan.records), other(scan.records);
+    const auto scan_all = [&](Session& session) {
+        for (const PointImage& frame : frames) EXPECT_TRUE(session.step(frame));
+    };
+    scan_all(alone);
+    std::thread first([&] { scan_all(one); }), second([&] { scan_all(other); });
+    first.join();
+    second.join();
+    EXPECT_EQ(one.bytes(), alone.bytes());
+    EXPECT_EQ(other.bytes(), alone.bytes());
+}
+
+}  // namespace
+}  // namespace VexelAlgorithm

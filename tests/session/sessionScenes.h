@@ -1,0 +1,102 @@
+// Sessions over small virtual scans, and what they print and hold.
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <functional>
+#include <limits>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "algorithmQorInclude.h"
+#include "simulation/Sequence.h"
+
+namespace VexelAlgorithm {
+
+constexpr float kNaN = std::numeric_limits<float>::quiet_NaN();
+
+inline std::string printed(const std::function<void()>& action) {
+    testing::internal::CaptureStdout();
+    action();
+    return testing::internal::GetCapturedStdout();
+}
+
+struct Records {
+    CommonParameter common;
+    TrackParmeter track;
+    FusionParameter fusion;
+};
+
+/// A virtual scan of ideal depths, 1.6 mm from pixel to pixel, and the records of a session for it: voxels of 2 mm, one
+/// thread, so that results repeat to the last bit.
+struct Scan {
+    explicit Scan(const char* name, int width = 160, double noise = 0.0) {
+        Simulation::SequenceSettings settings;
+        settings.width = width;
+        settings.height = width * 4 / 5;
+        settings.noiseSigma = noise;
+        sequence = *Simulation::make_sequence(name, settings);
+        records.common.imageSize = {sequence.width, sequence.height};
+        records.common.campar = sequence.camera;
+        records.common.sample = 1;
+        records.common.rawPointDis = 256.0F / static_cast<float>(width);
+        records.fusion.pointDis = 1.25F * records.common.rawPointDis;
+        records.fusion.treeDepth = 10;
+        records.fusion.codeNumSet = 1;
+    }
+    PointImage frame(int i) const { return Simulation::frame_of(sequence, i); }
+
+    Simulation::Sequence sequence;
+    Records records;
+};
+
+/// Owns a handle.
+class Session {
+public:
+    explicit Session(const Records& records) {
+        printed([&] { _handle = fusion_and_track_ini(records.common, records.track, records.fusion); });
+    }
+    ~Session() {
+        if (_handle != nullptr) fusiontrack_release(_handle);
+    }
+    Session(const Session&) = delete;
+    Session& operator=(const Session&) = delete;
+
+    operator void*() const { return _handle; }
+    bool step(const PointImage& frame) {
+        int microseconds = 0;
+        return fusion_and_track(_handle, frame, microseconds);
+    }
+    FusionScanState state() const {
+        FusionScanState state;
+        get_fusion_scan_state(_handle, state);
+        return state;
+    }
+    BaseTriMesh mesh(float spacing = 0.0F) const {
+        BaseTriMesh mesh;
+        EXPECT_EQ(get_fusion_result_tbb(_handle, spacing, mesh), RET_SUCCESS);
+        return mesh;
+    }
+    /// Pose and model to the last bit.
+    std::string bytes() const {
+        std::ostringstream out;
+        get_current_rt(_handle).write_archive(out);
+        mesh().write_archive(out);
+        return out.str();
+    }
+
+private:
+    void* _handle = nullptr;
+};
+
+/// Millimetres and degrees between two poses.
+inline Vector2d pose_error(const RigidMatrix& a, const RigidMatrix& b) {
+    const RigidMatrix difference = a.inverse() * b;
+    Vector3d axisAngle;
+    rodrigures(difference.get_rotation(), axisAngle);
+    return {difference.get_translation().norm(), axisAngle.norm() * 180.0 / std::acos(-1.0)};
+}
+
+}  // namespace VexelAlgorithm

@@ -1,5 +1,7 @@
 #include "track/ParticleTrack.h"
 
+#include <tbb/enumerable_thread_specific.h>
+
 #include <algorithm>
 #include <atomic>
 #include <cmath>
@@ -77,7 +79,7 @@ struct ParticleTrack::State {
     FixedImage fixedImage{};
     MovingPoints movingImage{};
     std::vector<MovingPoint> movingCloud{};  // every codeNum-th point of the moving image
-    ParticleWorkspacePool workspaces{threadNum};
+    tbb::enumerable_thread_specific<ParticleWorkspace> workspaces{};
 
     ParticleIcp icp() const {
         const CorrespondenceKernels& kernels = vectorSteps ? vectorSteps->kernels : plain_correspondence_kernels();
@@ -209,11 +211,11 @@ void ParticleTrack::count_one_particle(int particleId, const RigidMatrix& start,
     residual = FailedResidual;
     guarded("count_one_particle", [&] {
         const ParticleIcp icp = _state->icp();
-        const ParticleWorkspaceLoan workspace(_state->workspaces);
+        ParticleWorkspace& workspace = _state->workspaces.local();
         const bool isRefined = icp.refine(pose, std::min(iterations, MaxIterations),
-                                          static_cast<std::size_t>(std::max(step, 1)), *workspace);
+                                          static_cast<std::size_t>(std::max(step, 1)), workspace);
         if (label != nullptr && _state->is_debugged(frameId)) {
-            dump_correspondences(_state->debugPath, label, frameId, particleId, *workspace, icp.alignment(pose));
+            dump_correspondences(_state->debugPath, label, frameId, particleId, workspace, icp.alignment(pose));
         }
         if (isRefined && icp.judge(pose, residual)) refined = pose;
     });
@@ -280,7 +282,7 @@ void ParticleTrack::release() {
         state.fixedImage = FixedImage();
         state.movingImage = MovingPoints();
         state.movingCloud = {};
-        state.workspaces.release();
+        state.workspaces.clear();
     });
 }
 

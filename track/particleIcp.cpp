@@ -4,6 +4,7 @@
 #include <cmath>
 #include <limits>
 
+#include "track/correspondence.h"
 #include "track/distanceRank.h"
 #include "track/normalEquations.h"
 
@@ -44,6 +45,7 @@ void ParticleIcp::find_correspondences(const RigidMatrix& pose, const EntryRange
 bool ParticleIcp::update_pose(RigidMatrix& pose, ParticleWorkspace& workspace) const {
     const float disCut = element_of_rank(workspace.distance.data(), workspace.count,
                                          rank_of_share(workspace.count, keepRatio), workspace.scratch, 1);
+    if (disCut < CoincidentDistance) return true;  // no row would be left, and nothing needs to move
     const Alignment aligned = alignment(pose);
     NormalEquations system;
     for_chunks({0, workspace.count, 1}, [&](const EntryRange& chunk) {

@@ -196,9 +196,9 @@ RetVal ParticleTrack::data_prepare(const PointImage& fixed, const PointImage& mo
         state.fixedImage.prepare(fixed, state.threadNum);
         state.movingImage.prepare(moving, state.threadNum);
         const auto step = static_cast<std::size_t>(state.codeNum);
-        state.movingCloud.reserve((state.movingImage.count() + step - 1) / step);
-        for (std::size_t i = 0; i < state.movingImage.count(); i += step) {
-            state.movingCloud.push_back(state.movingImage.points()[i]);
+        state.movingCloud.resize(state.movingImage.count() / step);
+        for (std::size_t i = 0; i < state.movingCloud.size(); ++i) {
+            state.movingCloud[i] = state.movingImage.points()[i * step];
         }
         return RET_SUCCESS;
     });

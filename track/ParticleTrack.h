@@ -34,12 +34,12 @@ public:
     static constexpr int MaxParticles = 4096;  ///< of a grid without its rotated poses, and of the extra poses
     static constexpr int MaxIterations = 1000;
 
-    /// `disThreshold`, mm: a correspondence or residual term counts up to this point-to-plane distance; not above 0
-    /// and NaN find none. `iterNum`: the refinement of the rough stage runs `iterNum` - 1 iterations, 0 to
-    /// `MaxIterations` of them. `codeNum`: every `codeNum`-th usable moving point is used; below 1 counts as 1.
-    /// `particleCounts` and `particleSizes` (mm) as in `generate_partical`. `minValidRatio`: share of these points that
-    /// must end as valid terms. `keepRatio`: share of the sorted correspondence distances below the trimming cut; held
-    /// within [0, 1], NaN is 1. `threadNum`: at least 1.
+    /// `disThreshold`, mm: a correspondence or residual term counts up to this point-to-plane distance; NaN and negative
+    /// ones find none. `iterNum`: the refinement of the rough stage runs `iterNum` - 1 iterations, 0 to `MaxIterations`
+    /// of them. `codeNum`: every `codeNum`-th usable moving point is used, as many as their number divided by it; below
+    /// 1 counts as 1. `particleCounts` and `particleSizes` (mm) as in `generate_partical`. `minValidRatio`: share of
+    /// these points that must end as valid terms, at least one. `keepRatio`: share of the sorted correspondence
+    /// distances below the trimming cut; held within [0, 1], NaN is 1. `threadNum`: at least 1.
     ParticleTrack(float disThreshold, int iterNum, const std::string& debugPath, int codeNum,
                   const Vector3i& particleCounts, const Vector3f& particleSizes, float minValidRatio, float keepRatio,
                   int threadNum);

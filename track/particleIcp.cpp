@@ -12,9 +12,9 @@ namespace VexelAlgorithm {
 namespace Track {
 namespace {
 
-/// Entries 0, step, 2 step, ... of `points`.
+/// Entries 0, step, 2 step, ..., `points` / step of them.
 EntryRange every(std::size_t step, std::size_t points) {
-    return {0, (points + step - 1) / step, step};
+    return {0, points / step, step};
 }
 
 template <class Body>

@@ -6,6 +6,8 @@
 #include <functional>
 #include <limits>
 #include <string>
+#include <utility>
+#include <vector>
 
 #include "tests/track/trackScenes.h"
 #include "track/ParticleTrack.h"
@@ -20,6 +22,18 @@ inline std::string printed(const std::function<void()>& action) {
     testing::internal::CaptureStdout();
     action();
     return testing::internal::GetCapturedStdout();
+}
+
+/// Mean distance (mm) between where the two poses put the frame's points.
+inline double mean_displacement(const PointImage& frame, const RigidMatrix& a, const RigidMatrix& b) {
+    double sum = 0.0;
+    int count = 0;
+    for (std::size_t i = 0; i < frame.get_vn(); i += 11) {
+        if (!frame.has_point(i)) continue;
+        sum += distance_between(a, b, frame.get_vCoord(i).cast<double>());
+        ++count;
+    }
+    return sum / count;
 }
 
 /// The middle of the desk in the coordinates of its first view, mm.

@@ -177,6 +177,13 @@ HWY_INLINE FloatMask are_blocks_usable(const FixedImage& fixed, const std::int32
     return hn::RebindMask(FloatTag(), hn::Ne(hn::Load(di, usable), hn::Zero(di)));
 }
 
+/// Stores the lanes of the mask one after the other, and anything behind them. Compressing in registers: some
+/// processors take ten times as long to compress into memory.
+template <class Vec, class Mask, class Value>
+HWY_INLINE void store_kept(Vec values, Mask kept, Value* to) {
+    hn::StoreU(hn::Compress(values, kept), hn::DFromV<Vec>(), to);
+}
+
 SearchResult find(const Alignment& alignment, const EntryRange& range, float gate, const CorrespondenceArrays& found) {
     const FloatTag d;
     const IntTag di;
@@ -217,11 +224,12 @@ SearchResult find(const Alignment& alignment, const EntryRange& range, float gat
 
         const auto isFoundInt = hn::RebindMask(di, isFound), inBlockInt = hn::RebindMask(di, inBlock);
         const CorrespondenceArrays out = found.from(result.found);
-        hn::CompressStore(hn::IfThenElse(inBlockInt, block, pixel), isFoundInt, di, out.fixedIndex);
-        hn::CompressStore(hn::Load(di, entries), isFoundInt, di, out.movingEntry);
-        hn::CompressStore(hn::IfThenElseZero(inBlockInt, hn::Set(di, InBlock)), isFoundInt, di, out.mode);
-        hn::CompressStore(pixel, isFoundInt, di, out.pixel);
-        result.found += hn::CompressStore(distance, isFound, d, out.distance);
+        store_kept(hn::IfThenElse(inBlockInt, block, pixel), isFoundInt, out.fixedIndex);
+        store_kept(hn::Load(di, entries), isFoundInt, out.movingEntry);
+        store_kept(hn::IfThenElseZero(inBlockInt, hn::Set(di, InBlock)), isFoundInt, out.mode);
+        store_kept(pixel, isFoundInt, out.pixel);
+        store_kept(distance, isFound, out.distance);
+        result.found += hn::CountTrue(d, isFound);
     }
     return result;
 }

@@ -2,14 +2,17 @@
 #pragma once
 
 #include <hwy/base.h>
+#include <hwy/cache_control.h>
 
 #include <Eigen/Core>
+#include <array>
 #include <cmath>
 #include <cstdint>
 #include <limits>
-#include <memory>
 
+#include "fusion/BrickCache.h"
 #include "fusion/Octree.h"
+#include "fusion/leafCommon.h"
 
 namespace VexelAlgorithm {
 namespace Fusion {
@@ -71,17 +74,85 @@ HWY_INLINE float blend_corners(float c000, float c100, float c010, float c110, f
     return blend(y0, y1, fz);
 }
 
+/// The bricks of a tree. Missing leaves, unused ones and those without weight read as 0.
+template <class Leaf>
+class LeafBricks : public BrickSource {
+public:
+    using Tree = VexelOctree::Octree<Leaf>;
+
+    explicit LeafBricks(const Tree& tree) : _tree(tree) {}
+
+    // The leaves of bricks are scattered over the memory. Each pass over several bricks waits for all of its accesses
+    // together.
+    void read_bricks(const BrickRequest* requests, std::size_t count) const override {
+        for (; count > Together; requests += Together, count -= Together) read_together(requests, Together);
+        read_together(requests, count);
+    }
+
+    int empty_node_bits(int x, int y, int z) const override { return _tree.empty_node_bits(x, y, z); }
+
+    float leaf_value(std::int32_t index) const {
+        if (index >= _tree.pool().size()) return 0.0f;
+        const Leaf& leaf = _tree.leaf_at(index);
+        return leaf.is_used() ? leaf.value() : 0.0f;
+    }
+
+private:
+    static constexpr std::size_t Together = 8;
+
+    void read_together(const BrickRequest* requests, std::size_t count) const {
+        std::int32_t bricks[Together];
+        for (std::size_t i = 0; i < count; ++i) {
+            bricks[i] = _tree.find_brick(requests[i].bx, requests[i].by, requests[i].bz);
+        }
+        const Leaf* units[Together][8];
+        for (std::size_t i = 0; i < count; ++i) {
+            for (std::int32_t code = 0; code < 8; ++code) {
+                units[i][code] = leaves_of(bricks[i], code);
+                prefetch_unit(units[i][code]);
+            }
+        }
+        for (std::size_t i = 0; i < count; ++i) {
+            for (int code = 0; code < 8; ++code) {
+                read_unit(units[i][code], requests[i].values + 2 * (code & 1) + 8 * (code >> 1 & 1) + 32 * (code >> 2));
+            }
+        }
+    }
+
+    const Leaf* leaves_of(std::int32_t brick, std::int32_t code) const {
+        const std::int32_t leaf = _tree.brick_unit(brick, code);
+        return leaf >= 0 && leaf < _tree.pool().size() ? &_tree.leaf_at(leaf) : _noLeaves.data();
+    }
+
+    /// No branches: which voxels have values is hard to foretell.
+    static void read_unit(const Leaf* leaves, float* corner) {
+        float sums[8], weights[8], means[8];
+        for (int i = 0; i < 8; ++i) {
+            sums[i] = leaves[i].tsdfSum;
+            weights[i] = static_cast<float>(leaves[i].weightSum) * static_cast<float>(leaves[i].is_used());
+        }
+        for (int i = 0; i < 8; ++i) means[i] = mean_distance(sums[i], weights[i]);
+        for (int i = 0; i < 8; i += 2) std::copy_n(means + i, 2, corner + 4 * (i >> 1 & 1) + 16 * (i >> 2));
+    }
+    static void prefetch_unit(const Leaf* first) {
+        const char* bytes = reinterpret_cast<const char*>(first);
+        for (std::size_t at = 0; at < 8 * sizeof(Leaf); at += 64) hwy::Prefetch(bytes + at);
+    }
+
+    const Tree& _tree;
+    std::array<Leaf, 8> _noLeaves{};
+};
+
 /// Reads a volume that nobody changes meanwhile. One reader a worker.
-///
-/// Samples come in neighbourhoods, so the reader keeps the eight values of each octet that it has met in a
-/// direct-mapped cache of 16 x 16 x 16 octets: a hit is one comparison and one load, where the way through the
-/// octree and the leaf record takes four dependent ones and a division.
 template <class Leaf>
 class FieldReader {
 public:
     using Tree = VexelOctree::Octree<Leaf>;
 
-    explicit FieldReader(const Tree& tree) : _tree(tree), _frame(tree), _octets(new Octet[CacheSize]) {}
+    explicit FieldReader(const Tree& tree)
+        : _tree(tree), _frame(tree), _leaves(tree), _bricks(_leaves, tree.get_size()) {}
+    FieldReader(const FieldReader&) = delete;
+    FieldReader& operator=(const FieldReader&) = delete;
 
     const Tree& tree() const { return _tree; }
     const VoxelPosition& shift() const { return _frame.shift(); }
@@ -92,98 +163,32 @@ public:
         return in_voxels(VoxelPosition(point.x(), point.y(), point.z(), 0.0f));
     }
     bool is_in_sample_range(const VoxelPosition& q) const { return _frame.is_in_sample_range(q); }
+    BrickCache& bricks() { return _bricks; }
 
     /// The value of a voxel inside the volume; 0 for a missing leaf, an unused one and one without weight.
-    HWY_INLINE float value(int x, int y, int z) {
-        return octet(axis_slot<0>(x) + axis_slot<1>(y) + axis_slot<2>(z),
-                     axis_key<0>(x) | axis_key<1>(y) | axis_key<2>(z))
-            .values[(x & 1) + 2 * (y & 1) + 4 * (z & 1)];
-    }
+    HWY_INLINE float value(int x, int y, int z) { return _bricks.value(x, y, z); }
     /// The value at any voxel coordinates. Outside the volume it is that of leaf 0, because `find_leaf` says so.
     float value_anywhere(const Vector3i& voxel) {
         if (_tree.is_inside(voxel.x(), voxel.y(), voxel.z())) return value(voxel.x(), voxel.y(), voxel.z());
-        return leaf_value(0);
+        return _leaves.leaf_value(0);
     }
 
     /// Trilinear sample at a position in voxels. NaN within a voxel or so of the volume's faces and where one of
     /// the eight voxels around the position is missing or empty (below 1e-6 in size).
     float trilinear(const VoxelPosition& q) {
         if (!is_in_sample_range(q)) return std::numeric_limits<float>::quiet_NaN();
-        const CentreBelow belowX(q[0]), belowY(q[1]), belowZ(q[2]);
-        const Axis<0> x(belowX.voxel);
-        const Axis<1> y(belowY.voxel);
-        const Axis<2> z(belowZ.voxel);
-        return blend_corners(corner<0, 0, 0>(x, y, z), corner<1, 0, 0>(x, y, z), corner<0, 1, 0>(x, y, z),
-                             corner<1, 1, 0>(x, y, z), corner<0, 0, 1>(x, y, z), corner<1, 0, 1>(x, y, z),
-                             corner<0, 1, 1>(x, y, z), corner<1, 1, 1>(x, y, z), belowX.f, belowY.f, belowZ.f);
+        const CentreBelow x(q[0]), y(q[1]), z(q[2]);
+        const auto corner = [&](int dx, int dy, int dz) { return value(x.voxel + dx, y.voxel + dy, z.voxel + dz); };
+        return blend_corners(corner(0, 0, 0), corner(1, 0, 0), corner(0, 1, 0), corner(1, 1, 0), corner(0, 0, 1),
+                             corner(1, 0, 1), corner(0, 1, 1), corner(1, 1, 1), x.f, y.f, z.f);
     }
     float trilinear_at_point(const Vector3f& point) { return trilinear(in_voxels(point)); }
 
 private:
-    static constexpr int AxisBits = 4;
-    static constexpr std::size_t CacheSize = std::size_t{1} << (3 * AxisBits);
-
-    /// Fills one cache line.
-    struct alignas(64) Octet {
-        std::uint64_t key = ~std::uint64_t{0};
-        float values[8];
-    };
-
-    template <int Axis>
-    static std::uint32_t axis_slot(int coordinate) {
-        return ((static_cast<std::uint32_t>(coordinate) >> 1) & ((1u << AxisBits) - 1)) << (Axis * AxisBits);
-    }
-    template <int Axis>
-    static std::uint64_t axis_key(int coordinate) {
-        return static_cast<std::uint64_t>(static_cast<std::uint32_t>(coordinate) >> 1) << (Axis * 21);
-    }
-
-    /// Where two successive voxels of one axis are found.
-    template <int N>
-    struct Axis {
-        HWY_INLINE explicit Axis(int low) {
-            for (int i = 0; i < 2; ++i) {
-                slot[i] = axis_slot<N>(low + i);
-                key[i] = axis_key<N>(low + i);
-                code[i] = ((low + i) & 1) << N;
-            }
-        }
-
-        std::uint32_t slot[2];
-        std::uint64_t key[2];
-        int code[2];
-    };
-
-    template <int Dx, int Dy, int Dz>
-    HWY_INLINE float corner(const Axis<0>& x, const Axis<1>& y, const Axis<2>& z) {
-        return octet(x.slot[Dx] + y.slot[Dy] + z.slot[Dz], x.key[Dx] | y.key[Dy] | z.key[Dz])
-            .values[x.code[Dx] + y.code[Dy] + z.code[Dz]];
-    }
-
-    HWY_INLINE const Octet& octet(std::uint32_t slot, std::uint64_t key) {
-        Octet& entry = _octets[slot];
-        if (entry.key != key) fill(entry, key);
-        return entry;
-    }
-
-    // Out of line, so that hits inline.
-    HWY_NOINLINE void fill(Octet& entry, std::uint64_t key) {
-        constexpr std::uint64_t mask = (std::uint64_t{1} << 21) - 1;
-        const std::int32_t base = _tree.find_unit(static_cast<int>(key & mask), static_cast<int>((key >> 21) & mask),
-                                                  static_cast<int>(key >> 42));
-        for (int code = 0; code < 8; ++code) entry.values[code] = base < 0 ? 0.0f : leaf_value(base + code);
-        entry.key = key;
-    }
-
-    float leaf_value(std::int32_t index) const {
-        if (index >= _tree.pool().size()) return 0.0f;
-        const Leaf& leaf = _tree.leaf_at(index);
-        return leaf.is_used() ? leaf.value() : 0.0f;
-    }
-
     const Tree& _tree;
     VoxelFrame _frame;
-    std::unique_ptr<Octet[]> _octets;
+    LeafBricks<Leaf> _leaves;
+    BrickCache _bricks;
 };
 
 }  // namespace Fusion

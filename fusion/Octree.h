@@ -182,15 +182,20 @@ public:
     /// First leaf index of the allocation unit with unit coordinates (voxel >> leafBits) inside the volume,
     /// -1 when it does not exist.
     std::int32_t find_unit(int ux, int uy, int uz) const {
-        std::int32_t node = _top.get(top_cell(ux, uy, uz));
-        const int levels = get_level_count();
-        for (int i = 0; i < levels && node >= 0; ++i) {
-            const std::int32_t slot = node + child_code(ux, uy, uz, levels - 1 - i);
-            const auto& entries = _levels[static_cast<std::size_t>(i)]->entries;
-            if (slot >= entries.size()) return -1;
-            node = entries[slot].child.load(std::memory_order_acquire);
-        }
-        return node < 0 ? -1 : node << (3 * (_leafBits - 1));
+        const std::int32_t node = find_node(ux, uy, uz, get_level_count());
+        return node < 0 ? -1 : first_leaf(node);
+    }
+
+    /// The node of a brick of eight units, 2 b and 2 b + 1 along each axis, inside the volume; -1 when there is none.
+    /// For trees with level tables, as all with one leaf bit are.
+    std::int32_t find_brick(int bx, int by, int bz) const {
+        return find_node(2 * bx, 2 * by, 2 * bz, get_level_count() - 1);
+    }
+    /// First leaf index of one of a brick's units, x fastest; negative when it does not exist.
+    std::int32_t brick_unit(std::int32_t brick, std::int32_t code) const {
+        const auto& entries = _levels.back()->entries;
+        if (brick < 0 || brick >= entries.size()) return -1;
+        return first_leaf(entries[brick + code].child.load(std::memory_order_acquire));
     }
 
     /// The edge length, as a power of two of voxels, of the largest empty node around a voxel inside the volume;
@@ -236,7 +241,7 @@ public:
             path.entry = &table.entries[node + child_code(ux, uy, uz, levels - 1 - i)];
             node = get_or_create_child(table, *path.entry, path.created, octetOf(i + 1));
         }
-        path.leaf = node < 0 ? -1 : node << (3 * (_leafBits - 1));
+        path.leaf = node < 0 ? -1 : first_leaf(node);
         return path;
     }
 
@@ -268,6 +273,18 @@ private:
         const int s = get_level_count();
         return ((uz >> s) << (2 * TopBits)) + ((uy >> s) << TopBits) + (ux >> s);
     }
+    /// The node of a unit `depth` level tables down: the index of its first child in the next table. -1: none.
+    std::int32_t find_node(int ux, int uy, int uz, int depth) const {
+        std::int32_t node = _top.get(top_cell(ux, uy, uz));
+        for (int i = 0; i < depth && node >= 0; ++i) {
+            const std::int32_t slot = node + child_code(ux, uy, uz, get_level_count() - 1 - i);
+            const auto& entries = _levels[static_cast<std::size_t>(i)]->entries;
+            if (slot >= entries.size()) return -1;
+            node = entries[slot].child.load(std::memory_order_acquire);
+        }
+        return node;
+    }
+    std::int32_t first_leaf(std::int32_t node) const { return node * (1 << (3 * (_leafBits - 1))); }
     static std::int32_t child_code(int ux, int uy, int uz, int bit) {
         return ((ux >> bit) & 1) + 2 * ((uy >> bit) & 1) + 4 * ((uz >> bit) & 1);
     }

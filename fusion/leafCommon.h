@@ -14,6 +14,7 @@
 // All changes are made under the leaf's lock.
 #pragma once
 
+#include <algorithm>
 #include <cstdint>
 #include <limits>
 
@@ -30,7 +31,9 @@ inline constexpr std::int16_t LeafUsed = 0;
 inline constexpr float LeafMinWeight = 1e-5f;
 
 inline float mean_distance(float tsdfSum, float weightSum) {
-    return weightSum > LeafMinWeight ? tsdfSum / weightSum : 0.0f;
+    // The quotient is formed in any case: which voxels have weight is hard to foretell for the processor.
+    const float mean = tsdfSum / std::max(weightSum, LeafMinWeight);
+    return weightSum > LeafMinWeight ? mean : 0.0f;
 }
 
 }  // namespace Fusion

@@ -10,6 +10,7 @@
 #include "fusion/FieldReader.h"
 #include "fusion/FusionTsdf.h"
 #include "fusion/ImageTiles.h"
+#include "fusion/rayMarch.h"
 
 namespace VexelAlgorithm {
 namespace Fusion {
@@ -56,12 +57,6 @@ private:
 template <class Leaf>
 class rayCastPoint {
 public:
-    struct Ray {
-        VoxelPosition direction;  // unit, model coordinates
-        float start, end;         // interval of ray lengths, mm
-        std::size_t slot;
-    };
-
     rayCastPoint(const FusionTsdf<Leaf>& volume, const PointImage& guide, const RigidMatrix& pose, PointImage& result,
                  bool guided, const Vector2f& nearFar, float intervalFactor)
         : _tree(volume.get_fusion_tree()),
@@ -75,30 +70,48 @@ public:
           _step(static_cast<float>(0.5 * static_cast<double>(volume.get_pointDis()))),
           _halfInterval(_step * intervalFactor),
           _validEnd(static_cast<float>(_tree.get_size() - 2)),
-          _skipMargin(0.01f + static_cast<float>(_tree.get_size()) * 4.0f * std::numeric_limits<float>::epsilon()) {}
+          _skipMargin(0.01f + static_cast<float>(_tree.get_size()) * 4.0f * std::numeric_limits<float>::epsilon()),
+          _bundle(bundle()),
+          _castRays(best_cast_rays()) {}
 
-    /// What a worker keeps from tile to tile.
-    using Worker = FieldReader<Leaf>;
+    /// What a worker keeps from tile to tile: what it has read, and rays that wait to be cast together.
+    struct Worker {
+        static constexpr std::size_t MaxRays = 1024;
+
+        explicit Worker(const VexelOctree::Octree<Leaf>& tree) : field(tree) {}
+
+        FieldReader<Leaf> field;
+        MarchRay rays[MaxRays];
+        std::size_t slots[MaxRays];
+        std::size_t rayCount = 0;
+    };
 
     /// Casts the rays of a tile's slots.
-    void operator()(Worker& field, const ImageTile& tile) const {
+    void operator()(Worker& worker, const ImageTile& tile) const {
         tile.for_each_pixel([&](int x, int y) { _result.set_vCoord(_result.index_of(x, y), Vector3f::Zero()); });
-        if (!_guided) {
-            cast_from_afar(field, tile, 0.0f);
-            return;
+        if (_guided) {
+            tile.for_each_pixel([&](int x, int y) {
+                MarchRay ray;
+                if (find_guided_interval(_guide.get_vCoord(_result.index_of(x, y)), ray)) add_ray(worker, ray, x, y);
+            });
+        } else {
+            cast_from_afar(worker, tile, 0.0f);
         }
-        tile.for_each_pixel([&](int x, int y) {
-            Ray ray{_rays.direction(x, y), 0.0f, 0.0f, _result.index_of(x, y)};
-            if (find_guided_interval(ray)) cast(field, ray, 0);
-        });
+        cast(worker);
     }
 
 private:
-    VoxelPosition at(const Ray& ray, float t) const { return _origin + t * ray.direction; }
-    float length_at(const Ray& ray, int n) const { return ray.start + static_cast<float>(n) * _step; }
+    RayBundle bundle() const {
+        const Vector3f& shift = _tree.get_shift();
+        return {{_origin[0], _origin[1], _origin[2]},
+                {shift[0], shift[1], shift[2]},
+                _tree.get_pointDis(),
+                _step,
+                _validEnd,
+                _guided};
+    }
 
-    bool find_guided_interval(Ray& ray) const {
-        const Vector3f& seen = _guide.get_vCoord(ray.slot);
+    bool find_guided_interval(const Vector3f& seen, MarchRay& ray) const {
         if (!(seen.z() >= 1e-5f)) return false;
         const float distance = seen.norm();
         ray.start = distance - _halfInterval;
@@ -106,22 +119,46 @@ private:
         return ray.start <= ray.end;
     }
 
+    void add_ray(Worker& worker, const MarchRay& interval, int x, int y) const {
+        if (worker.rayCount == Worker::MaxRays) cast(worker);
+        MarchRay& ray = worker.rays[worker.rayCount];
+        ray = interval;
+        const VoxelPosition direction = _rays.direction(x, y);
+        std::copy_n(direction.data(), 3, ray.direction);
+        worker.slots[worker.rayCount++] = _result.index_of(x, y);
+    }
+
+    /// Casts the waiting rays.
+    void cast(Worker& worker) const {
+        float lengths[Worker::MaxRays];
+        _castRays(_bundle, worker.field.bricks(), worker.rays, worker.rayCount, lengths);
+        for (std::size_t i = 0; i < worker.rayCount; ++i) {
+            if (std::isnan(lengths[i])) continue;
+            const float* direction = worker.rays[i].direction;
+            _result.set_vCoord(worker.slots[i],
+                               Vector3f(_origin[0] + lengths[i] * direction[0], _origin[1] + lengths[i] * direction[1],
+                                        _origin[2] + lengths[i] * direction[2]));
+        }
+        worker.rayCount = 0;
+    }
+
     /// A beam around all rays of the tile is followed as far as it meets nothing, then those of its quarters, then
     /// the rays alone (S. Laine and T. Karras, "Efficient sparse voxel octrees", I3D 2010). Up to `freeLength` the
     /// beam is known to be free.
-    void cast_from_afar(Worker& field, const ImageTile& tile, float freeLength) const {
-        freeLength = follow_beam(field, tile, freeLength);
+    void cast_from_afar(Worker& worker, const ImageTile& tile, float freeLength) const {
+        freeLength = follow_beam(worker.field, tile, freeLength);
         if (tile.is_wider_than(SmallestTile)) {
-            for_each_quarter(tile, [&](const ImageTile& quarter) { cast_from_afar(field, quarter, freeLength); });
+            for_each_quarter(tile, [&](const ImageTile& quarter) { cast_from_afar(worker, quarter, freeLength); });
             return;
         }
         tile.for_each_pixel([&](int x, int y) {
-            Ray ray{_rays.direction(x, y), _nearFar.x(), _nearFar.y(), _result.index_of(x, y)};
-            clip_to_volume(field, ray);
+            MarchRay ray;
+            clip_to_volume(worker.field, _rays.direction(x, y), ray);
             if (!(ray.start <= ray.end) || freeLength > ray.end) return;
             // The samples before this one lie in the free part.
             const float freeSamples = std::min((freeLength - ray.start) / _step - 1.0f, 1e7f);
-            cast(field, ray, freeSamples > 0.0f ? static_cast<int>(freeSamples) : 0);
+            ray.firstSample = freeSamples > 0.0f ? static_cast<int>(freeSamples) : 0;
+            add_ray(worker, ray, x, y);
         });
     }
 
@@ -175,18 +212,14 @@ private:
         return _tree.is_box_empty(voxel(low), voxel(high));
     }
 
-    void cast(FieldReader<Leaf>& field, const Ray& ray, int firstSample) const {
-        float crossing = 0.0f;
-        if (march(field, ray, firstSample, crossing)) refine(field, ray, crossing);
-    }
-
-    /// Moves the start forward to where the ray enters the box of valid positions (slab test), a hundredth of a
-    /// voxel inside so that rounding leaves the first position valid. A ray that misses the box is emptied.
-    void clip_to_volume(const FieldReader<Leaf>& field, Ray& ray) const {
+    /// The interval from near to far, its start moved forward to where the ray enters the box of valid positions (slab
+    /// test), a hundredth of a voxel inside so that rounding leaves the first position valid. Empty for a ray that
+    /// misses the box.
+    void clip_to_volume(const FieldReader<Leaf>& field, const VoxelPosition& rayDirection, MarchRay& ray) const {
         const VoxelPosition origin = field.in_voxels(_origin);
-        const VoxelPosition direction = ray.direction / _tree.get_pointDis();
+        const VoxelPosition direction = rayDirection / _tree.get_pointDis();
         const float low = 1.0f + _skipMargin, high = _validEnd - _skipMargin;
-        float enter = ray.start, leave = ray.end;
+        float enter = _nearFar.x(), leave = _nearFar.y();
         for (int axis = 0; axis < 3; ++axis) {
             if (direction[axis] == 0.0f) {
                 if (!(origin[axis] >= low && origin[axis] <= high)) leave = -std::numeric_limits<float>::infinity();
@@ -197,127 +230,7 @@ private:
             leave = std::min(leave, std::max(a, b));
         }
         ray.start = enter;
-        if (!(enter <= leave)) ray.end = -std::numeric_limits<float>::infinity();
-    }
-
-    /// Goes along the ray by half voxels, sample n at ray length start + n s, until a positive value is followed
-    /// by a negative one; `crossing` is the ray length of the positive one. Samples that are sure to read 0,
-    /// because they lie in an empty node of the octree, are passed over when the ray may be long.
-    bool march(FieldReader<Leaf>& field, const Ray& ray, int first, float& crossing) const {
-        VoxelPosition stepsPerVoxel = VoxelPosition::Zero();
-        if (!_guided) stepsPerVoxel = count_steps_per_voxel(ray);
-        float previous = 0.0f;
-        for (int n = first;;) {
-            if (!_guided && previous == 0.0f) {
-                const int empty = count_empty_samples(field, ray, stepsPerVoxel, n);
-                if (empty > 0) {
-                    n += empty;
-                    if (length_at(ray, n - 1) > ray.end) return false;
-                    continue;
-                }
-            }
-            SampleRun run;
-            const int samples = read_run(field, ray, n, run);
-            for (int k = 0; k < samples; ++k) {
-                const float value = field.value(run.x[k], run.y[k], run.z[k]);
-                if (previous > 0.0f && value < 0.0f) {
-                    crossing = length_at(ray, n - 1);
-                    return true;
-                }
-                previous = value;
-                if (run.t[k] > ray.end) return false;
-                ++n;
-            }
-            if (samples == 0) return false;
-        }
-    }
-
-    /// The voxels of several samples in a row. Their coordinates are worked out together, in vector registers.
-    struct SampleRun {
-        static constexpr int Length = 8;
-        float t[Length];
-        int x[Length], y[Length], z[Length];
-    };
-
-    /// Fills the run with the samples from n on; returns how many of them are valid before the first that is not.
-    int read_run(const FieldReader<Leaf>& field, const Ray& ray, int n, SampleRun& run) const {
-        const VoxelPosition shift = field.shift();
-        const float pointDis = field.pointDis();
-        for (int k = 0; k < SampleRun::Length; ++k) run.t[k] = ray.start + static_cast<float>(n + k) * _step;
-        // A ray goes monotonously along each axis: when both ends are valid, so is all between them.
-        constexpr int last = SampleRun::Length - 1;
-        int valid = SampleRun::Length;
-        if (!field.is_in_sample_range(field.in_voxels(at(ray, run.t[0])))) return 0;
-        while (!field.is_in_sample_range(field.in_voxels(at(ray, run.t[valid - 1])))) --valid;
-        if (valid <= last) {
-            for (int k = valid; k <= last; ++k) run.t[k] = run.t[0];
-        }
-        for (int k = 0; k < SampleRun::Length; ++k) {
-            run.x[k] = static_cast<int>((_origin[0] + run.t[k] * ray.direction[0] - shift[0]) / pointDis);
-            run.y[k] = static_cast<int>((_origin[1] + run.t[k] * ray.direction[1] - shift[1]) / pointDis);
-            run.z[k] = static_cast<int>((_origin[2] + run.t[k] * ray.direction[2] - shift[2]) / pointDis);
-        }
-        return valid;
-    }
-
-    /// Along an axis to which the ray is perpendicular it takes very many steps to the next voxel.
-    static VoxelPosition count_steps_per_voxel(const Ray& ray) {
-        VoxelPosition steps = VoxelPosition::Zero();
-        for (int axis = 0; axis < 3; ++axis) {
-            const float perStep = 0.5f * ray.direction[axis];
-            steps[axis] = std::abs(perStep) > 1e-30f ? 1.0f / perStep : 1e30f;
-        }
-        return steps;
-    }
-
-    /// How many samples from n on are sure to read 0; 0 when sample n is not valid or may read something.
-    int count_empty_samples(const FieldReader<Leaf>& field, const Ray& ray, const VoxelPosition& stepsPerVoxel,
-                            int n) const {
-        const VoxelPosition q = field.in_voxels(at(ray, length_at(ray, n)));
-        if (!field.is_in_sample_range(q)) return 0;
-        const VoxelIndex voxel = q.template cast<int>();
-        const int bits = _tree.empty_node_bits(voxel[0], voxel[1], voxel[2]);
-        return bits == 0 ? 0 : 1 + count_steps_in_node(q, stepsPerVoxel, voxel, bits);
-    }
-
-    /// How many further samples are sure to lie in the node of 2^bits voxels around the voxel. Those outside the
-    /// valid range may be among them: a ray that has left the range does not come back.
-    int count_steps_in_node(const VoxelPosition& q, const VoxelPosition& stepsPerVoxel, const VoxelIndex& voxel,
-                            int bits) const {
-        float steps = 1e6f;
-        for (int axis = 0; axis < 3; ++axis) {
-            const bool forward = stepsPerVoxel[axis] > 0.0f;
-            const int side = ((voxel[axis] >> bits) + (forward ? 1 : 0)) << bits;
-            const float distance = static_cast<float>(side) + (forward ? -_skipMargin : _skipMargin) - q[axis];
-            steps = std::min(steps, distance * stepsPerVoxel[axis]);
-        }
-        return steps > 0.0f ? static_cast<int>(steps) : 0;
-    }
-
-    /// Trilinear samples around the crossing: it may lie one step further or one step before the place where
-    /// the nearest voxels' values changed their sign.
-    void refine(FieldReader<Leaf>& field, const Ray& ray, float t) const {
-        const float s = _step;
-        const auto sample = [&](float length) { return field.trilinear(field.in_voxels(at(ray, length))); };
-        // Comparisons with NaN are false, so a missing sample ends each case.
-        const float after = sample(t + s);
-        if (after > 0.0f) {
-            const float next = sample(t + 2.0f * s);
-            if (next < 0.0f && write(ray, (t + s) + s * after / (after - next))) return;
-        }
-        const float before = sample(t);
-        if (before < 0.0f) {
-            const float back = sample(t - s);
-            if (back > 0.0f && write(ray, (t - s) + s * back / (back - before))) return;
-        }
-        if (before > 0.0f && after < 0.0f) write(ray, t + s * before / (before - after));
-    }
-
-    bool write(const Ray& ray, float t) const {
-        const VoxelPosition point = at(ray, t);
-        if (std::isnan(point[0])) return false;
-        _result.set_vCoord(ray.slot, Vector3f(point[0], point[1], point[2]));
-        return true;
+        ray.end = enter <= leave ? _nearFar.y() : -std::numeric_limits<float>::infinity();
     }
 
     static constexpr int SmallestTile = 8;
@@ -333,6 +246,8 @@ private:
     float _halfInterval;
     float _validEnd;
     float _skipMargin;  // voxels; more than positions can be off by rounding
+    RayBundle _bundle;
+    CastRays _castRays;
 };
 
 /// The normal of a slot's point from the gradient of the field.

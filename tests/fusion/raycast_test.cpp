@@ -1,6 +1,8 @@
 // The raycast against a plain march written from its definition, against the rendered truth, and at its limits.
 #include "fusion/rayCast.h"
 
+#include <hwy/targets.h>
+
 #include <cmath>
 #include <memory>
 
@@ -260,6 +262,22 @@ TEST(RayCast, IsTheSameForAnyNumberOfThreads) {
     }
 }
 
+TEST(RayCast, IsTheSameBitsWithEveryInstructionSet) {
+    for (const bool guided : {true, false}) {
+        std::vector<PointImage> results;
+        for (const std::int64_t target : hwy::SupportedAndGeneratedTargets()) {
+            hwy::SetSupportedTargetsForTest(target);
+            hwy::GetChosenTarget().DeInit();
+            results.push_back(empty_view());
+            rayCast(scene_volume(), truth_view(views()[1]), views()[1], results.back(), guided, kNearFar, kFromVolume,
+                    6.0f);
+        }
+        hwy::SetSupportedTargetsForTest(0);
+        hwy::GetChosenTarget().DeInit();
+        for (const PointImage& result : results) EXPECT_EQ(result.get_vCoords(), results.front().get_vCoords());
+    }
+}
+
 // ---- limits ------------------------------------------------------------------------------------------
 
 TEST(RayCast, SlotCountsMustAgreeWhenGuided) {
@@ -332,6 +350,23 @@ TEST(RayCast, RaysEndBeforeTheFaces) {
     EXPECT_FALSE(finds_stack(500, 1019, -1, 1.0f, 20.0f, 6));  // in 1022
     EXPECT_TRUE(finds_stack(500, 3, 1, 1.0f, 20.0f, 4));
     EXPECT_FALSE(finds_stack(500, 3, 1, 1.0f, 20.0f, 6));
+}
+
+TEST(RayCast, BricksFarApartAreToldApart) {
+    // One ray through two stacks of voxels so far apart that only the highest bits of their coordinates differ.
+    constexpr int kApart = 1 << 15, kFirst = 1000;
+    FusionTsdf<LeafTSDFSpeckle> volume(17, 0.5f, 0.5f, 5, 1, "");
+    for (int z = -3; z <= 3; ++z) {
+        for (int k = 0; k < 9; ++k) {
+            set_voxel(volume, {500 + k % 3, 500 + k / 3, kFirst + z}, 1.0f);
+            set_voxel(volume, {500 + k % 3, 500 + k / 3, kFirst + kApart + z}, 0.5f * (0.4f - static_cast<float>(z)));
+        }
+    }
+    PointImage result;
+    result.ini(1, 1, {1.0, 1.0, 0.0, 0.0}, 1, Vector2f::Zero());
+    const RigidMatrix pose(Matrix3d::Identity(), {250.75, 250.75, 0.5 * (kFirst - 10)});
+    ASSERT_EQ(rayCast(volume, PointImage(), pose, result, false, {0.0f, 20000.0f}, kFromVolume, 0.0f), 0);
+    EXPECT_NEAR(result.get_vCoord(0).z(), 0.5 * (kFirst + kApart + 0.5) + 0.2, 0.01);
 }
 
 TEST(RayCast, OnlyFrontFacesBehindAPositiveSampleAreFound) {

@@ -1,0 +1,138 @@
+// Registration against the truth of the virtual world.
+#include <gtest/gtest.h>
+#include <tbb/task_arena.h>
+
+#include <cstring>
+#include <vector>
+
+#include "featureScenes.h"
+#include "simulation/combinations.h"
+#include "simulation/primitives.h"
+
+namespace VexelAlgorithm {
+namespace {
+
+constexpr double kAngleTolerance = 1.0;              // degrees
+constexpr double kPositionTolerance = kSpacing / 2;  // mm, at the middle of the object
+
+/// The motion of an arbitrary scanner coordinate system, far from the camera's.
+RigidMatrix arbitrary_motion(int number) {
+    const Vector3d axis = Vector3d(1, number - 2, 2).normalized();
+    return {Eigen::AngleAxisd(0.9 * number, axis).toRotationMatrix(), {300.0 * number, -5000, 40}};
+}
+
+Cloud as_cloud(const PointImage& frame, const RigidMatrix& motion, bool withNormals) {
+    Cloud cloud = frame;
+    if (!withNormals) cloud.disable_vNormal();
+    cloud.rigid_transformation(motion);
+    for (std::size_t i = 0; i < cloud.get_vn(); ++i)
+        if (!frame.has_point(i)) cloud.set_vCoord(i, Vector3f::Zero());
+    return cloud;
+}
+
+bool is_true(const RigidMatrix& found, const RigidMatrix& truth, const Vector3d& middle) {
+    const Matrix3d turn = found.get_rotation() * truth.get_rotation().transpose();
+    return Eigen::AngleAxisd(turn).angle() < kAngleTolerance * kRadian &&
+           (found * middle - truth * middle).norm() < kPositionTolerance;
+}
+
+struct Tally {
+    int found = 0;
+    int wrong = 0;
+};
+
+void register_pair(const View& ref, const View& obj, bool withNormals, const RigidMatrix& moved, Tally& tally) {
+    Registration registration;
+    const RetVal result =
+        registration.align(as_cloud(ref.frame, {}, withNormals), as_cloud(obj.frame, moved, withNormals));
+    if (result != RET_SUCCESS) return;
+    const RigidMatrix truth = ref.cameraToWorld.inverse() * obj.cameraToWorld * moved.inverse();
+    ++(is_true(registration.objToRef, truth, moved * Vector3d(0, 0, 400)) ? tally.found : tally.wrong);
+    EXPECT_LT(registration.alignment.residual, 0.2f * kSpacing);
+}
+
+TEST(FeatureRegistration, ViewsTenToFortyDegreesApart) {
+    const struct {
+        const char* scene;
+        Vector3d target;
+    } cases[] = {{"owl", Simulation::owl_centre()}, {"blocks", {0, 0, 25}}};
+    for (const auto& each : cases) {
+        SCOPED_TRACE(each.scene);
+        const Simulation::ShapePtr shape = Simulation::make_scene(each.scene);
+        Tally given, computed;
+        int pairs = 0;
+        for (const double azimuth : {-90.0, 150.0}) {
+            const View ref = view_of(*shape, each.target, azimuth, 25);
+            for (const double turn : {10.0, 25.0, 40.0}) {
+                const View obj = view_of(*shape, each.target, azimuth + turn, 25 + turn / 4);
+                register_pair(ref, obj, true, arbitrary_motion(++pairs), given);
+                // Computed normals are turned to the origin, which therefore stays at the camera.
+                register_pair(ref, obj, false, {}, computed);
+            }
+        }
+        EXPECT_GE(given.found, pairs - 1);
+        EXPECT_GE(computed.found, pairs - 1);
+        EXPECT_EQ(given.wrong + computed.wrong, 0);
+    }
+}
+
+TEST(FeatureRegistration, OneFrameAgainstAModelOfAllSides) {
+    const Simulation::ShapePtr owl = Simulation::owl_on_books();
+    Cloud model;
+    model.enable_vNormal();
+    for (int side = 0; side < 6; ++side) {
+        const View view = view_of(*owl, Simulation::owl_centre(), 60.0 * side, 10);
+        for (std::size_t i = 0; i < view.frame.get_vn(); ++i) {
+            if (!view.frame.has_point(i)) continue;
+            const std::size_t added = model.add_vCoord(view.cameraToWorld * view.frame.get_vCoord(i));
+            model.set_vNrv(added, view.cameraToWorld.transform_normal(view.frame.get_vNrv(i)));
+        }
+    }
+    const View frame = view_of(*owl, Simulation::owl_centre(), -100, 30);
+    Registration registration;
+    ASSERT_EQ(registration.align(model, frame.frame), RET_SUCCESS);
+    EXPECT_TRUE(is_true(registration.objToRef, frame.cameraToWorld, {0, 0, 400}));
+    EXPECT_GT(registration.alignment.overlap, 0.9f);
+
+    const RigidMatrix there = registration.objToRef;
+    ASSERT_EQ(registration.align(frame.frame, model), RET_SUCCESS);
+    EXPECT_TRUE(is_true(registration.objToRef * there, {}, {0, 0, 400})) << "forth and back";
+}
+
+TEST(FeatureRegistration, NothingInCommonOrFreeToSlide) {
+    const Vector3d target(0, 0, 40);
+    const std::vector<Simulation::ShapePtr> shapes = {
+        Simulation::make_scene("sphere"), Simulation::half_space({0, 0, 0}, {0, 0, 1}), Simulation::make_scene("torus"),
+        Simulation::owl_on_books(), Simulation::make_scene("blocks")};
+    std::vector<View> views;
+    for (std::size_t i = 0; i < shapes.size(); ++i) views.push_back(view_of(*shapes[i], target, 30.0 * i, 35));
+    for (std::size_t i = 0; i < views.size(); ++i) {
+        for (std::size_t j = 0; j < views.size(); ++j) {
+            const bool slides = i < 3;  // the first three even on themselves
+            if (i == j && !slides) continue;
+            Registration registration;
+            EXPECT_EQ(registration.align(views[i].frame, views[j].frame), RET_NOT_CONVERGED) << i << ", " << j;
+            EXPECT_TRUE(registration.objToRef.get_rotation().isIdentity() && registration.alignment.samples == 0);
+        }
+    }
+}
+
+TEST(FeatureRegistration, SameBytesWhateverTheThreads) {
+    const Simulation::ShapePtr owl = Simulation::owl_on_books();
+    const View ref = view_of(*owl, Simulation::owl_centre(), -80, 20);
+    const View obj = view_of(*owl, Simulation::owl_centre(), -60, 25);
+    const auto bytes = [&](int threads) {
+        Registration registration;
+        tbb::task_arena(threads).execute([&] { EXPECT_EQ(registration.align(ref.frame, obj.frame), RET_SUCCESS); });
+        std::vector<char> result(sizeof(RigidMatrix) + sizeof(FeatureAlignment));
+        std::memcpy(result.data(), &registration.objToRef, sizeof(RigidMatrix));
+        std::memcpy(result.data() + sizeof(RigidMatrix), &registration.alignment, sizeof(FeatureAlignment));
+        return result;
+    };
+    const std::vector<char> one = bytes(1);
+    EXPECT_EQ(bytes(4), one);
+    EXPECT_EQ(bytes(4), one);
+}
+
+}  // namespace
+}  // namespace VexelAlgorithm

@@ -22,8 +22,8 @@ const CorrespondenceKernels* kernels_of_target() {
 
 namespace {
 
-// One lane a point. Records of four floats are loaded lane by lane and transposed in registers, which costs a third of
-// what gather instructions do. Every operation and its grouping is that of the plain form.
+// One lane a point. Records of four floats are copied one by one and transposed in registers; gather instructions take
+// longer on many processors. Every operation and its grouping is that of the plain form.
 
 namespace hn = hwy::HWY_NAMESPACE;
 using FloatTag = hn::CappedTag<float, CorrespondencePadding>;
@@ -46,17 +46,6 @@ HWY_INLINE Records transpose(const float* records) {
     Records r;
     hn::LoadInterleaved4(FloatTag(), records, r.x, r.y, r.z, r.w);
     return r;
-}
-
-/// Loads record `index[lane]` for every lane; a record is four floats.
-template <class Record>
-HWY_INLINE Records load_records(const Record* records, const std::int32_t* index) {
-    const RecordTag d;
-    alignas(64) float buffer[4 * MaxLanes];
-    for (std::size_t lane = 0; lane < hn::Lanes(FloatTag()); ++lane) {
-        hn::Store(hn::Load(d, &records[index[lane]].x), d, buffer + 4 * lane);
-    }
-    return transpose(buffer);
 }
 
 struct PoseVecs {
@@ -148,34 +137,99 @@ HWY_INLINE FloatVec plane_offset(const ProjectedVecs& p, const Records& q, const
     return dot(hn::Sub(q.x, p.x), hn::Sub(q.y, p.y), hn::Sub(q.z, p.z), n);
 }
 
-/// The points of a range, one vector after the other.
-class EntryReader {
-public:
-    EntryReader(const MovingPoint* points, const EntryRange& range) : _points(points), _range(range) {}
+// Points are taken in blocks, and each step runs over the whole block before the next one begins: what one step stores
+// lane by lane has left the store buffer when the next one loads it as vectors.
+constexpr std::size_t BlockSize = 128;
 
-    /// Lanes at and behind `last` repeat the last point.
-    HWY_INLINE Records load(std::size_t k, std::int32_t* entries) const {
-        const std::size_t lanes = hn::Lanes(FloatTag());
-        for (std::size_t lane = 0; lane < lanes; ++lane) {
-            const std::size_t step = HWY_MIN(k + lane, _range.count - 1);
-            entries[lane] = static_cast<std::int32_t>(_range.first + step * _range.step);
-        }
-        if (_range.step == 1 && k + lanes <= _range.count) return transpose(&_points[_range.first + k].x);
-        return load_records(_points, entries);
+/// Where the points of a block fall, and the records that stand there.
+struct AssociatedBlock {
+    std::size_t count = 0;
+    alignas(64) std::int32_t entries[BlockSize];
+    alignas(64) std::int32_t pixels[BlockSize];  ///< the slot behind the last one where there is none
+    alignas(64) std::int32_t blocks[BlockSize];  ///< top left of the 2 x 2 block, likewise
+    alignas(64) float x[BlockSize], y[BlockSize], z[BlockSize];
+    alignas(64) float points[4 * BlockSize], normals[4 * BlockSize];  ///< records of the fixed image at the pixels
+
+    HWY_INLINE ProjectedVecs moved(std::size_t i) const {
+        const FloatTag d;
+        ProjectedVecs p;
+        p.x = hn::Load(d, x + i);
+        p.y = hn::Load(d, y + i);
+        p.z = hn::Load(d, z + i);
+        return p;
+    }
+};
+
+/// Copies record `index[i]` for every i; a record is four floats.
+template <class Record>
+HWY_INLINE void copy_records(const Record* records, const std::int32_t* index, std::size_t count, float* to) {
+    const RecordTag d;
+    for (std::size_t i = 0; i < count; ++i) hn::Store(hn::Load(d, &records[index[i]].x), d, to + 4 * i);
+}
+
+HWY_INLINE std::size_t round_up_to_lanes(std::size_t count) {
+    const std::size_t lanes = hn::Lanes(FloatTag());
+    return (count + lanes - 1) / lanes * lanes;
+}
+
+/// Associates the points of a range with slots, block after block.
+class Associator {
+public:
+    Associator(const Alignment& alignment, const EntryRange& range)
+        : _alignment(alignment),
+          _range(range),
+          _pose(alignment.movingToFixed),
+          _nowhere(static_cast<std::int32_t>(alignment.fixed.slot_count())) {}
+
+    /// The block from the k-th point of the range on. `slots_of(p, valid)` gives the mask of the lanes that look for a
+    /// partner; `valid` are those of the range.
+    template <class SlotsOf>
+    HWY_INLINE void associate(std::size_t k, AssociatedBlock& block, const SlotsOf& slots_of) const {
+        block.count = HWY_MIN(BlockSize, _range.count - k);
+        const std::size_t padded = round_up_to_lanes(block.count);
+        const float* moving = moving_records(k, padded, block);
+        for (std::size_t i = 0; i < padded; i += hn::Lanes(FloatTag())) project_vector(i, moving, block, slots_of);
+        copy_records(_alignment.fixed.points(), block.pixels, padded, block.points);
+        copy_records(_alignment.fixed.normals(), block.pixels, padded, block.normals);
     }
 
 private:
-    const MovingPoint* _points;
-    EntryRange _range;
-};
+    /// Points behind the last one repeat it. Points that follow each other are read where they are; the others are
+    /// collected in the block's records, which are not needed yet.
+    HWY_INLINE const float* moving_records(std::size_t k, std::size_t padded, AssociatedBlock& block) const {
+        for (std::size_t i = 0; i < padded; ++i) {
+            block.entries[i] = static_cast<std::int32_t>(_range.first + HWY_MIN(k + i, _range.count - 1) * _range.step);
+        }
+        if (_range.step == 1 && padded == block.count) return &_alignment.moving[_range.first + k].x;
+        copy_records(_alignment.moving, block.entries, padded, block.points);
+        return block.points;
+    }
 
-/// Which lanes' blocks, given by their top left, are usable throughout.
-HWY_INLINE FloatMask are_blocks_usable(const FixedImage& fixed, const std::int32_t* block) {
-    const IntTag di;
-    alignas(64) std::int32_t usable[MaxLanes];
-    for (std::size_t lane = 0; lane < hn::Lanes(di); ++lane) usable[lane] = fixed.usable_blocks()[block[lane]];
-    return hn::RebindMask(FloatTag(), hn::Ne(hn::Load(di, usable), hn::Zero(di)));
-}
+    template <class SlotsOf>
+    HWY_INLINE void project_vector(std::size_t i, const float* moving, AssociatedBlock& block,
+                                   const SlotsOf& slots_of) const {
+        const FloatTag d;
+        const IntTag di;
+        const SlotCamera& camera = _alignment.fixed.camera();
+        const ProjectedVecs p = project(transpose(moving + 4 * i), _pose, camera);
+        const SlotVecs nearest = nearest_slot(p, camera), position = block_position(p, camera);
+        const FloatMask looking = slots_of(i, p, nearest, hn::FirstN(d, block.count - HWY_MIN(i, block.count)));
+        const FloatMask hasBlock = hn::And(looking, position.is_above_low_edge());
+        const IntVec nowhere = hn::Set(di, _nowhere);
+        hn::Store(hn::IfThenElse(hn::RebindMask(di, looking), nearest.index(looking, camera), nowhere), di,
+                  block.pixels + i);
+        hn::Store(hn::IfThenElse(hn::RebindMask(di, hasBlock), position.index(hasBlock, camera), nowhere), di,
+                  block.blocks + i);
+        hn::Store(p.x, d, block.x + i);
+        hn::Store(p.y, d, block.y + i);
+        hn::Store(p.z, d, block.z + i);
+    }
+
+    const Alignment& _alignment;
+    EntryRange _range;
+    PoseVecs _pose;
+    std::int32_t _nowhere;
+};
 
 /// Stores the lanes of the mask one after the other, and anything behind them. Compressing in registers: some
 /// processors take ten times as long to compress into memory.
@@ -184,73 +238,117 @@ HWY_INLINE void store_kept(Vec values, Mask kept, Value* to) {
     hn::StoreU(hn::Compress(values, kept), hn::DFromV<Vec>(), to);
 }
 
-SearchResult find(const Alignment& alignment, const EntryRange& range, float gate, const CorrespondenceArrays& found) {
+/// Keeps the points of a block whose pixel is usable and near enough.
+HWY_INLINE std::size_t keep_found(const AssociatedBlock& block, const FixedImage& fixed, float gate,
+                                  const CorrespondenceArrays& found) {
     const FloatTag d;
     const IntTag di;
-    const std::size_t lanes = hn::Lanes(d);
-    const FixedImage& fixed = alignment.fixed;
-    const SlotCamera& camera = fixed.camera();
-    const PoseVecs pose(alignment.movingToFixed);
-    const EntryReader reader(alignment.moving, range);
-    alignas(64) std::int32_t entries[MaxLanes], pixels[MaxLanes], blocks[MaxLanes];
-    SearchResult result;
+    alignas(64) std::int32_t usable[BlockSize];
+    const std::size_t padded = round_up_to_lanes(block.count);
+    for (std::size_t i = 0; i < padded; ++i) usable[i] = fixed.usable_blocks()[block.blocks[i]];
 
-    for (std::size_t k = 0; k < range.count; k += lanes) {
-        const ProjectedVecs p = project(reader.load(k, entries), pose, camera);
-        const FloatMask inView = hn::And(is_in_view(p, camera), hn::FirstN(d, range.count - k));
-        const SlotVecs nearest = nearest_slot(p, camera);
-        const FloatMask inMap = hn::And(inView, nearest.is_inside(camera));
-        const FloatMask outOfMap = hn::AndNot(inMap, inView);
-        if (!hn::AllFalse(d, outOfMap)) {
-            if (result.outOfMap == 0) result.firstOutOfMap = entries[hn::FindFirstTrue(d, outOfMap)];
-            result.outOfMap += hn::CountTrue(d, outOfMap);
-        }
-        if (hn::AllFalse(d, inMap)) continue;
-
-        const IntVec pixel = nearest.index(inMap, camera);
-        hn::Store(pixel, di, pixels);
-        const Records q = load_records(fixed.points(), pixels);
-        const Records n = load_records(fixed.normals(), pixels);
-        const FloatVec distance = hn::Abs(plane_offset(p, q, n));
-        const FloatMask isUsable = hn::And(inMap, hn::Gt(q.w, hn::Zero(d)));
-        const FloatMask isFound = hn::And(isUsable, hn::Le(distance, set(gate)));
-        if (hn::AllFalse(d, isFound)) continue;
-
-        const SlotVecs position = block_position(p, camera);
-        const FloatMask hasBlock = hn::And(isFound, position.is_above_low_edge());
-        const IntVec block = position.index(hasBlock, camera);
-        hn::Store(block, di, blocks);
-        const FloatMask inBlock = hn::And(hasBlock, are_blocks_usable(fixed, blocks));
-
-        const auto isFoundInt = hn::RebindMask(di, isFound), inBlockInt = hn::RebindMask(di, inBlock);
-        const CorrespondenceArrays out = found.from(result.found);
-        store_kept(hn::IfThenElse(inBlockInt, block, pixel), isFoundInt, out.fixedIndex);
-        store_kept(hn::Load(di, entries), isFoundInt, out.movingEntry);
-        store_kept(hn::IfThenElseZero(inBlockInt, hn::Set(di, InBlock)), isFoundInt, out.mode);
+    std::size_t kept = 0;
+    for (std::size_t i = 0; i < padded; i += hn::Lanes(d)) {
+        const Records q = transpose(block.points + 4 * i), n = transpose(block.normals + 4 * i);
+        const FloatVec distance = hn::Abs(plane_offset(block.moved(i), q, n));
+        const FloatMask isFound = hn::And(hn::Gt(q.w, hn::Zero(d)), hn::Le(distance, set(gate)));
+        const auto isFoundInt = hn::RebindMask(di, isFound);
+        const auto inBlock = hn::Ne(hn::Load(di, usable + i), hn::Zero(di));
+        const IntVec pixel = hn::Load(di, block.pixels + i);
+        const CorrespondenceArrays out = found.from(kept);
+        store_kept(hn::IfThenElse(inBlock, hn::Load(di, block.blocks + i), pixel), isFoundInt, out.fixedIndex);
+        store_kept(hn::Load(di, block.entries + i), isFoundInt, out.movingEntry);
+        store_kept(hn::IfThenElseZero(inBlock, hn::Set(di, InBlock)), isFoundInt, out.mode);
         store_kept(pixel, isFoundInt, out.pixel);
         store_kept(distance, isFound, out.distance);
-        result.found += hn::CountTrue(d, isFound);
+        kept += hn::CountTrue(d, isFound);
+    }
+    return kept;
+}
+
+SearchResult find(const Alignment& alignment, const EntryRange& range, float gate, const CorrespondenceArrays& found) {
+    const FloatTag d;
+    const SlotCamera& camera = alignment.fixed.camera();
+    const Associator associator(alignment, range);
+    AssociatedBlock block;
+    SearchResult result;
+    const auto slots_in_view = [&](std::size_t i, const ProjectedVecs& p, const SlotVecs& nearest, FloatMask valid)
+                                   HWY_ATTR {
+                                       const FloatMask inView = hn::And(is_in_view(p, camera), valid);
+                                       const FloatMask inMap = hn::And(inView, nearest.is_inside(camera));
+                                       const FloatMask outOfMap = hn::AndNot(inMap, inView);
+                                       if (!hn::AllFalse(d, outOfMap)) {
+                                           if (result.outOfMap == 0)
+                                               result.firstOutOfMap = block.entries[i + hn::FindFirstTrue(d, outOfMap)];
+                                           result.outOfMap += hn::CountTrue(d, outOfMap);
+                                       }
+                                       return inMap;
+                                   };
+    for (std::size_t k = 0; k < range.count; k += BlockSize) {
+        associator.associate(k, block, slots_in_view);
+        result.found += keep_found(block, alignment.fixed, gate, found.from(result.found));
     }
     return result;
 }
 
-/// Bilinear interpolation of normal and inverse depth in the block at `index[lane]`.
-HWY_INLINE Records interpolate_blocks(const FixedImage& fixed, const std::int32_t* index, const float* fx,
-                                      const float* fy) {
+/// Correspondences of a block that take part, made ready to be interpolated.
+struct CorrespondenceBlock {
+    alignas(64) std::int32_t entries[BlockSize], index[BlockSize];  ///< any that exist where a lane is not active
+    alignas(64) float active[BlockSize], interpolated[BlockSize];   ///< 1 or 0
+    alignas(64) float moving[4 * BlockSize];
+    alignas(64) float fx[BlockSize], fy[BlockSize];  ///< 0 where the pixel is used as it is
+    alignas(64) float normals[4 * BlockSize];        ///< interpolated normal and inverse depth
+};
+
+/// Returns whether any takes part. Lanes behind the last correspondence read what happens to stand there, and none of
+/// it counts.
+HWY_INLINE bool choose_active(const CorrespondenceArrays& from, std::size_t count, float disCut,
+                              CorrespondenceBlock& block) {
+    const FloatTag d;
+    const IntTag di;
+    bool isAnyActive = false;
+    for (std::size_t i = 0; i < count; i += hn::Lanes(d)) {
+        const FloatVec distance = hn::LoadU(d, from.distance + i);
+        const FloatMask active = hn::And(hn::FirstN(d, count - i), hn::And(hn::Le(distance, set(disCut)),
+                                                                           hn::Ge(distance, set(CoincidentDistance))));
+        const auto activeInt = hn::RebindMask(di, active);
+        const auto inBlock = hn::Eq(hn::LoadU(di, from.mode + i), hn::Set(di, InBlock));
+        const FloatMask interpolated = hn::And(active, hn::RebindMask(d, inBlock));
+        hn::Store(hn::IfThenElseZero(activeInt, hn::LoadU(di, from.movingEntry + i)), di, block.entries + i);
+        hn::Store(hn::IfThenElseZero(activeInt, hn::LoadU(di, from.fixedIndex + i)), di, block.index + i);
+        hn::Store(hn::IfThenElseZero(active, set(1.0F)), d, block.active + i);
+        hn::Store(hn::IfThenElseZero(interpolated, set(1.0F)), d, block.interpolated + i);
+        isAnyActive = isAnyActive || !hn::AllFalse(d, active);
+    }
+    return isAnyActive;
+}
+
+HWY_INLINE void find_fractions(const PoseVecs& pose, const SlotCamera& camera, std::size_t padded,
+                               CorrespondenceBlock& block) {
+    const FloatTag d;
+    for (std::size_t i = 0; i < padded; i += hn::Lanes(d)) {
+        const SlotVecs position = block_position(project(transpose(block.moving + 4 * i), pose, camera), camera);
+        const FloatMask interpolated = hn::Gt(hn::Load(d, block.interpolated + i), hn::Zero(d));
+        hn::Store(hn::IfThenElseZero(interpolated, hn::Sub(position.x, hn::Trunc(position.x))), d, block.fx + i);
+        hn::Store(hn::IfThenElseZero(interpolated, hn::Sub(position.y, hn::Trunc(position.y))), d, block.fy + i);
+    }
+}
+
+/// Bilinear interpolation of normal and inverse depth. A block of one pixel is that pixel: fractions of 0 give its
+/// normal as it is.
+HWY_INLINE void interpolate_normals(const FixedImage& fixed, std::size_t padded, CorrespondenceBlock& block) {
     const RecordTag d;
     const std::ptrdiff_t width = fixed.camera().width;
     const auto between = [d](auto a, auto b, auto fraction)
                              HWY_ATTR { return hn::Add(a, hn::Mul(fraction, hn::Sub(b, a))); };
-    alignas(64) float buffer[4 * MaxLanes];
-    for (std::size_t lane = 0; lane < hn::Lanes(FloatTag()); ++lane) {
-        const FixedImage::Normal* above = fixed.normals() + index[lane];
+    for (std::size_t i = 0; i < padded; ++i) {
+        const FixedImage::Normal* above = fixed.normals() + block.index[i];
         const FixedImage::Normal* below = above + width;
-        const auto fractionX = hn::Set(d, fx[lane]);
+        const auto fractionX = hn::Set(d, block.fx[i]);
         const auto upper = between(hn::Load(d, &above[0].x), hn::Load(d, &above[1].x), fractionX);
         const auto lower = between(hn::Load(d, &below[0].x), hn::Load(d, &below[1].x), fractionX);
-        hn::Store(between(upper, lower, hn::Set(d, fy[lane])), d, buffer + 4 * lane);
+        hn::Store(between(upper, lower, hn::Set(d, block.fy[i])), d, block.normals + 4 * i);
     }
-    return transpose(buffer);
 }
 
 struct PlaneVecs {
@@ -258,21 +356,16 @@ struct PlaneVecs {
     FloatVec offset;
 };
 
-/// A block of one pixel is that pixel: fractions of 0 give its normal as it is.
-HWY_INLINE PlaneVecs tangent_planes(const ProjectedVecs& p, FloatMask active, FloatMask inBlock,
-                                    const std::int32_t* index, const FixedImage& fixed) {
+HWY_INLINE PlaneVecs tangent_planes(const ProjectedVecs& p, const CorrespondenceBlock& block, std::size_t i,
+                                    const FixedImage& fixed) {
     const FloatTag d;
-    const FloatMask interpolated = hn::And(active, inBlock);
-    const SlotVecs block = block_position(p, fixed.camera());
-    alignas(64) float fx[MaxLanes], fy[MaxLanes];
-    hn::Store(hn::IfThenElseZero(interpolated, hn::Sub(block.x, hn::Trunc(block.x))), d, fx);
-    hn::Store(hn::IfThenElseZero(interpolated, hn::Sub(block.y, hn::Trunc(block.y))), d, fy);
-
+    const FloatVec zero = hn::Zero(d);
+    const FloatMask interpolated = hn::Gt(hn::Load(d, block.interpolated + i), zero);
     PlaneVecs plane;
-    plane.n = interpolate_blocks(fixed, index, fx, fy);
+    plane.n = transpose(block.normals + 4 * i);
     const FloatVec depth = hn::Div(set(1.0F), plane.n.w);
     const FloatVec norm = hn::Sqrt(dot(plane.n.x, plane.n.y, plane.n.z, plane.n));
-    const FloatVec inverse = hn::IfThenElseZero(hn::Gt(norm, hn::Zero(d)), hn::Div(set(1.0F), norm));
+    const FloatVec inverse = hn::IfThenElseZero(hn::Gt(norm, zero), hn::Div(set(1.0F), norm));
     const FloatVec scale = hn::IfThenElse(interpolated, inverse, set(1.0F));
     plane.n.x = hn::Mul(plane.n.x, scale);
     plane.n.y = hn::Mul(plane.n.y, scale);
@@ -280,10 +373,11 @@ HWY_INLINE PlaneVecs tangent_planes(const ProjectedVecs& p, FloatMask active, Fl
     const FloatVec alongRay = hn::Add(hn::Add(hn::Mul(p.rayX, plane.n.x), hn::Mul(p.rayY, plane.n.y)), plane.n.z);
     plane.offset = hn::Mul(hn::Sub(depth, p.z), alongRay);
 
-    const FloatMask atPixel = hn::AndNot(inBlock, active);
+    const FloatMask atPixel = hn::AndNot(interpolated, hn::Gt(hn::Load(d, block.active + i), zero));
     if (!hn::AllFalse(d, atPixel)) {
-        const Records q = load_records(fixed.points(), index);
-        plane.offset = hn::IfThenElse(atPixel, plane_offset(p, q, plane.n), plane.offset);
+        alignas(64) float points[4 * MaxLanes];
+        copy_records(fixed.points(), block.index + i, hn::Lanes(d), points);
+        plane.offset = hn::IfThenElse(atPixel, plane_offset(p, transpose(points), plane.n), plane.offset);
     }
     return plane;
 }
@@ -355,75 +449,66 @@ private:
 void accumulate(const Alignment& alignment, const CorrespondenceArrays& correspondences, std::size_t count,
                 float disCut, NormalEquations& system) {
     const FloatTag d;
-    const IntTag di;
-    const std::size_t lanes = hn::Lanes(d);
+    const FixedImage& fixed = alignment.fixed;
     const PoseVecs pose(alignment.movingToFixed);
-    const Vector3f centre = alignment.fixed.centre().cast<float>();
-    alignas(64) std::int32_t entries[MaxLanes], index[MaxLanes];
+    const Vector3f centre = fixed.centre().cast<float>();
+    CorrespondenceBlock block;
     SystemSums sums;
-
-    for (std::size_t i = 0; i < count; i += lanes) {
-        // Lanes behind the last correspondence read what happens to stand there, and none of it counts.
-        const CorrespondenceArrays at = correspondences.from(i);
-        const FloatVec distance = hn::LoadU(d, at.distance);
-        const FloatMask active = hn::And(hn::FirstN(d, count - i), hn::And(hn::Le(distance, set(disCut)),
-                                                                           hn::Ge(distance, set(CoincidentDistance))));
-        if (hn::AllFalse(d, active)) continue;
-        const auto activeInt = hn::RebindMask(di, active);
-        hn::Store(hn::IfThenElseZero(activeInt, hn::LoadU(di, at.movingEntry)), di, entries);
-        hn::Store(hn::IfThenElseZero(activeInt, hn::LoadU(di, at.fixedIndex)), di, index);
-        const FloatMask inBlock = hn::RebindMask(d, hn::Eq(hn::LoadU(di, at.mode), hn::Set(di, InBlock)));
-
-        const Records moving = load_records(alignment.moving, entries);
-        const ProjectedVecs p = project(moving, pose, alignment.fixed.camera());
-        const PlaneVecs plane = tangent_planes(p, active, inBlock, index, alignment.fixed);
-        RowVecs row = system_rows(p, plane, moving.w, centre);
-        const FloatMask counts = hn::And(active, hn::Le(hn::Abs(plane.offset), set(disCut)));
-        for (FloatVec& a : row.a) a = hn::IfThenElseZero(counts, a);
-        row.r = hn::IfThenElseZero(counts, row.r);
-        sums.add(row);
+    for (std::size_t first = 0; first < count; first += BlockSize) {
+        const std::size_t blockCount = HWY_MIN(BlockSize, count - first), padded = round_up_to_lanes(blockCount);
+        if (!choose_active(correspondences.from(first), blockCount, disCut, block)) continue;
+        copy_records(alignment.moving, block.entries, padded, block.moving);
+        find_fractions(pose, fixed.camera(), padded, block);
+        interpolate_normals(fixed, padded, block);
+        for (std::size_t i = 0; i < padded; i += hn::Lanes(d)) {
+            const Records moving = transpose(block.moving + 4 * i);
+            const ProjectedVecs p = project(moving, pose, fixed.camera());
+            const PlaneVecs plane = tangent_planes(p, block, i, fixed);
+            const FloatMask active = hn::Gt(hn::Load(d, block.active + i), hn::Zero(d));
+            const FloatMask counts = hn::And(active, hn::Le(hn::Abs(plane.offset), set(disCut)));
+            RowVecs row = system_rows(p, plane, moving.w, centre);
+            for (FloatVec& a : row.a) a = hn::IfThenElseZero(counts, a);
+            row.r = hn::IfThenElseZero(counts, row.r);
+            sums.add(row);
+        }
     }
     sums.add_to(system);
 }
 
 ResidualSum residual(const Alignment& alignment, const EntryRange& range, const ResidualRule& rule, double saturation) {
     const FloatTag d;
-    const IntTag di;
     const SystemSums::Tag dd;
     const SystemSums::HalfTag dh;
-    const std::size_t lanes = hn::Lanes(d);
-    const FixedImage& fixed = alignment.fixed;
-    const SlotCamera& camera = fixed.camera();
-    const PoseVecs pose(alignment.movingToFixed);
-    const EntryReader reader(alignment.moving, range);
+    const SlotCamera& camera = alignment.fixed.camera();
+    const Associator associator(alignment, range);
     const auto largest = hn::Set(dd, saturation), units = hn::Set(dd, _tbbfloattoint);
     const auto in_units = [&](auto distance) HWY_ATTR {
         return hn::Floor(hn::Mul(hn::Min(hn::PromoteTo(dd, distance), largest), units));
     };
-    alignas(64) std::int32_t entries[MaxLanes], pixels[MaxLanes];
+    const auto slots_inside = [&](std::size_t, const ProjectedVecs& p, const SlotVecs& nearest, FloatMask valid)
+                                  HWY_ATTR {
+                                      const FloatMask inFront = hn::And(hn::Gt(p.z, hn::Zero(d)), valid);
+                                      return hn::And(inFront, nearest.is_inside(camera, rule.border));
+                                  };
+    AssociatedBlock block;
     auto sum = hn::Zero(dd);
     ResidualSum result;
-
-    for (std::size_t k = 0; k < range.count; k += lanes) {
-        const ProjectedVecs p = project(reader.load(k, entries), pose, camera);
-        const SlotVecs nearest = nearest_slot(p, camera);
-        const FloatMask inFront = hn::And(hn::Gt(p.z, hn::Zero(d)), hn::FirstN(d, range.count - k));
-        const FloatMask inside = hn::And(inFront, nearest.is_inside(camera, rule.border));
-        if (hn::AllFalse(d, inside)) continue;
-
-        hn::Store(nearest.index(inside, camera), di, pixels);
-        const Records q = load_records(fixed.points(), pixels);
-        const Records n = load_records(fixed.normals(), pixels);
-        const FloatVec dx = hn::Sub(q.x, p.x), dy = hn::Sub(q.y, p.y), dz = hn::Sub(q.z, p.z);
-        const FloatVec far = hn::Sqrt(hn::Add(hn::Add(hn::Mul(dx, dx), hn::Mul(dy, dy)), hn::Mul(dz, dz)));
-        const FloatVec distance = hn::Abs(plane_offset(p, q, n));
-        const FloatMask isNear =
-            hn::And(hn::Le(far, set(rule.largestDistance)), hn::Le(distance, set(rule.largestOffset)));
-        const FloatMask counts = hn::And(hn::And(inside, hn::Gt(q.w, hn::Zero(d))), isNear);
-        const FloatVec counted = hn::IfThenElseZero(counts, distance);
-        result.count += static_cast<std::int64_t>(hn::CountTrue(d, counts));
-        sum = hn::Add(sum, in_units(hn::LowerHalf(dh, counted)));
-        sum = hn::Add(sum, in_units(hn::UpperHalf(dh, counted)));
+    for (std::size_t k = 0; k < range.count; k += BlockSize) {
+        associator.associate(k, block, slots_inside);
+        for (std::size_t i = 0; i < block.count; i += hn::Lanes(d)) {
+            const ProjectedVecs p = block.moved(i);
+            const Records q = transpose(block.points + 4 * i), n = transpose(block.normals + 4 * i);
+            const FloatVec dx = hn::Sub(q.x, p.x), dy = hn::Sub(q.y, p.y), dz = hn::Sub(q.z, p.z);
+            const FloatVec far = hn::Sqrt(hn::Add(hn::Add(hn::Mul(dx, dx), hn::Mul(dy, dy)), hn::Mul(dz, dz)));
+            const FloatVec distance = hn::Abs(plane_offset(p, q, n));
+            const FloatMask isNear =
+                hn::And(hn::Le(far, set(rule.largestDistance)), hn::Le(distance, set(rule.largestOffset)));
+            const FloatMask counts = hn::And(hn::Gt(q.w, hn::Zero(d)), isNear);
+            const FloatVec counted = hn::IfThenElseZero(counts, distance);
+            result.count += static_cast<std::int64_t>(hn::CountTrue(d, counts));
+            sum = hn::Add(sum, in_units(hn::LowerHalf(dh, counted)));
+            sum = hn::Add(sum, in_units(hn::UpperHalf(dh, counted)));
+        }
     }
     result.sum = static_cast<std::int64_t>(hn::GetLane(hn::SumOfLanes(dd, sum)));
     return result;

@@ -3,6 +3,7 @@
 
 #include <glog/logging.h>
 #include <gtest/gtest.h>
+#include <hwy/targets.h>
 
 #include <algorithm>
 #include <limits>
@@ -84,12 +85,9 @@ Pair spoilt_pair(const Vector2f& viewRadial, std::uint32_t seed) {
     return {images[0], images[1]};
 }
 
-TEST(CorrespondenceKernels, VectorFormGivesWhatThePlainOneGives) {
+void compare_with_plain(const CorrespondenceKernels& best, const std::vector<Pair>& pairs) {
     const CorrespondenceKernels& plain = plain_correspondence_kernels();
-    const CorrespondenceKernels& best = best_correspondence_kernels();
-    for (const Vector2f& viewRadial :
-         {Vector2f(0, 0), Vector2f(0.5F, -0.25F), Vector2f(30, 12), Vector2f(-1e9F, 1e9F)}) {
-        const Pair pair = spoilt_pair(viewRadial, 7);
+    for (const Pair& pair : pairs) {
         for (const RigidMatrix& pose : {RigidMatrix(), Near, motion({0, 3, 0}, {0, 0, 100})}) {
             const Alignment alignment = pair.aligned(pose);
             for (const std::size_t step : {1, 12}) {
@@ -121,6 +119,24 @@ TEST(CorrespondenceKernels, VectorFormGivesWhatThePlainOneGives) {
             }
         }
     }
+}
+
+// Every instruction set that this processor has, not the widest alone.
+TEST(CorrespondenceKernels, VectorFormsGiveWhatThePlainOneGives) {
+    std::vector<Pair> pairs;
+    for (const Vector2f& radial : {Vector2f(0, 0), Vector2f(0.5F, -0.25F), Vector2f(30, 12), Vector2f(-1e9F, 1e9F)}) {
+        pairs.push_back(spoilt_pair(radial, 7));
+    }
+    const auto all = hwy::SupportedTargets();
+    for (auto rest = all; rest != 0; rest &= rest - 1) {
+        const auto target = rest & -rest;
+        SCOPED_TRACE(hwy::TargetName(target));
+        hwy::SetSupportedTargetsForTest(target);
+        hwy::GetChosenTarget().Update(hwy::SupportedTargets());
+        compare_with_plain(best_correspondence_kernels(), pairs);
+    }
+    hwy::SetSupportedTargetsForTest(0);
+    hwy::GetChosenTarget().Update(hwy::SupportedTargets());
 }
 
 // The pairs above must exercise both modes, drop-outs and the edge of the map.

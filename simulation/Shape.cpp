@@ -29,6 +29,14 @@ Bounds Shape::bounds_after(const RigidMatrix& motion) const {
     return {centre - half, centre + half};
 }
 
+double Shape::at_least(const Vector3d&) const {
+    return -kNoLimit;
+}
+
+ShapePtr Shape::near_segment(const Vector3d&, const Vector3d&, double) const {
+    return nullptr;
+}
+
 std::optional<Hit> Shape::hit(const Ray& ray, double farthest) const {
     if (!ray.origin.allFinite() || !ray.direction.allFinite() || std::isnan(farthest)) return std::nullopt;
     const std::optional<double> range = first_crossing(ray, farthest);

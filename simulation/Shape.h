@@ -17,6 +17,9 @@ constexpr double kNoLimit = std::numeric_limits<double>::infinity();
 struct Ray {
     Vector3d origin;
     Vector3d direction;
+    /// mm; where a march need not be better, it may step over pieces that run a shorter way inside a solid, and end
+    /// within a hundredth of it from the surface. 0 for the best that can be had.
+    double resolution = 0.0;
 
     Vector3d at(double t) const { return origin + t * direction; }
 };
@@ -61,12 +64,19 @@ public:
     /// differences a value that never exceeds the true distance in size, has the right sign and vanishes
     /// exactly on the surface.
     virtual double distance(const Vector3d& point) const = 0;
+    /// What `distance` is at least there; cheaper, to leave out solids that are too far away to matter.
+    virtual double at_least(const Vector3d& point) const;
     /// Gradient of `distance`; its length is 1 for the primitives and at most 1 otherwise. Where the distance
     /// has a kink (the centre of a sphere, the diagonals inside a box) it is one of the one-sided gradients.
     virtual Vector3d gradient(const Vector3d& point) const = 0;
     virtual Bounds bounds() const = 0;
     /// Bounds of the solid carried by a rigid motion; at most those of the carried box of `bounds`.
     virtual Bounds bounds_after(const RigidMatrix& motion) const;
+    /// A solid of fewer parts with the same surface near a segment, for the many rays of a narrow beam or the many
+    /// points of a small patch; null when this one has no parts to leave out. At a point at distance s < `radius` (mm)
+    /// from the segment its `distance` is the same wherever it is at most `radius` - s, and greater than that
+    /// elsewhere.
+    virtual std::shared_ptr<const Shape> near_segment(const Vector3d& from, const Vector3d& to, double radius) const;
 
     /// The first crossing of the surface, from either side, at a range in (1e-6, farthest] mm; crossings nearer
     /// than that are taken for the surface that the ray leaves. Spheres, half-spaces, sharp boxes and

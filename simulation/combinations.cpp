@@ -35,6 +35,13 @@ double smooth_minimum(const double* distances, std::size_t count, double blend) 
     return s;
 }
 
+double distance_to_segment(const Vector3d& point, const Vector3d& from, const Vector3d& to) {
+    const Vector3d along = to - from;
+    const double length = along.squaredNorm();
+    const double share = length > 0.0 ? std::clamp((point - from).dot(along) / length, 0.0, 1.0) : 0.0;
+    return (from + share * along - point).norm();
+}
+
 /// An operand of a union beside a ray.
 struct RayMember {
     const Shape* shape;
@@ -73,9 +80,12 @@ public:
         std::size_t count = 0;
         for (RayMember*& member : _members) {
             if (member->lower_bound(t) > nearest + _blend) continue;
-            const double distance = member->shape->distance(point);
+            const double bound = nearest < kNoLimit ? member->shape->at_least(point) : -kNoLimit;
+            const bool isTooFar = bound > nearest + _blend;
+            const double distance = isTooFar ? bound : member->shape->distance(point);
             member->lastDistance = distance;
             member->lastRange = t;
+            if (isTooFar) continue;
             _distances[count++] = distance;
             if (distance >= nearest) continue;
             nearest = distance;
@@ -135,11 +145,27 @@ public:
         return sum / shares;
     }
 
+    double at_least(const Vector3d& point) const override {
+        return _bounds.distance(point) > 0.0 ? _bounds.distance(point) : -kNoLimit;
+    }
     Bounds bounds() const override { return _bounds; }
     Bounds bounds_after(const RigidMatrix& motion) const override {
         Bounds all;
         for (const ShapePtr& shape : _shapes) all = all.united(shape->bounds_after(motion));
         return all.inflated(_blend + kBoundsMargin);
+    }
+
+    ShapePtr near_segment(const Vector3d& from, const Vector3d& to, double radius) const override {
+        const std::vector<std::size_t> kept = from == to ? shares_in_ball(from, radius) : reaches(from, to, radius);
+        std::vector<ShapePtr> shapes;
+        for (const std::size_t i : kept) {
+            // What blends with its neighbours must have the right distance as far as the blend reaches.
+            const ShapePtr simpler = _shapes[i]->near_segment(from, to, radius + _blend);
+            shapes.push_back(simpler ? simpler : _shapes[i]);
+        }
+        if (shapes.empty()) return nothing();
+        if (shapes.size() == 1) return shapes.front();
+        return std::make_shared<SmoothUnion>(std::move(shapes), _blend);
     }
 
     std::optional<double> first_crossing(const Ray& ray, double farthest) const override {
@@ -150,13 +176,44 @@ public:
         if (_blend == 0.0 && !startsInside) return nearest_crossing(ray, members);
         for (; piece.end() < kNoLimit; piece = RayPiece(ray, _blend, members, piece.end())) {
             if (piece.empty()) continue;
-            if (const auto crossing = march_to_crossing(piece, piece.begin(), piece.end(), startsInside))
+            if (const auto crossing =
+                    march_to_crossing(piece, piece.begin(), piece.end(), startsInside, ray.resolution))
                 return crossing;
         }
         return std::nullopt;
     }
 
 private:
+    /// Operands whose reach meets the capsule around the segment.
+    std::vector<std::size_t> reaches(const Vector3d& from, const Vector3d& to, double radius) const {
+        Bounds box{from.cwiseMin(to), from.cwiseMax(to)};
+        box = box.inflated(radius);
+        std::vector<std::size_t> found;
+        for (std::size_t i = 0; i < _reaches.size(); ++i) {
+            const Bounds& reach = _reaches[i];
+            if ((reach.low.array() > box.high.array()).any() || (reach.high.array() < box.low.array()).any()) continue;
+            const Vector3d centre = 0.5 * (reach.low + reach.high);
+            const double ownRadius = 0.5 * (reach.high - reach.low).norm();
+            const bool isBounded = ownRadius < kNoLimit;
+            if (!isBounded || distance_to_segment(centre, from, to) <= radius + ownRadius) found.push_back(i);
+        }
+        return found;
+    }
+
+    /// Operands that can have a share in the value somewhere in the ball.
+    std::vector<std::size_t> shares_in_ball(const Vector3d& centre, double radius) const {
+        std::vector<std::size_t> found = reaches(centre, centre, radius);
+        std::vector<double> distances;
+        for (const std::size_t i : found) distances.push_back(_shapes[i]->distance(centre));
+        if (found.empty()) return found;
+        const double limit = *std::min_element(distances.begin(), distances.end()) + 2.0 * radius + _blend;
+        std::size_t kept = 0;
+        for (std::size_t k = 0; k < found.size(); ++k)
+            if (distances[k] <= limit) found[kept++] = found[k];
+        found.resize(kept);
+        return found;
+    }
+
     std::vector<RayMember> members_on(const Ray& ray, double farthest) const {
         std::vector<RayMember> members;
         if (_bounds.span(ray, farthest).empty()) return members;
@@ -185,6 +242,7 @@ private:
         double nearest = kNoLimit;
         for (std::size_t i = 0; i < _shapes.size(); ++i) {
             if (_reaches[i].distance(point) > std::max(nearest, 0.0)) continue;
+            if (nearest < kNoLimit && _shapes[i]->at_least(point) > nearest + _blend) continue;
             const double value = _shapes[i]->distance(point);
             nearest = std::min(nearest, value);
             visitor(i, value);
@@ -239,13 +297,19 @@ public:
           _bounds(_shape->bounds_after(motion)) {}
 
     double distance(const Vector3d& point) const override { return _shape->distance(_toOwn * point); }
+    double at_least(const Vector3d& point) const override { return _shape->at_least(_toOwn * point); }
     Vector3d gradient(const Vector3d& point) const override {
         return _toCaller.get_rotation() * _shape->gradient(_toOwn * point);
     }
     Bounds bounds() const override { return _bounds; }
     Bounds bounds_after(const RigidMatrix& motion) const override { return _shape->bounds_after(motion * _toCaller); }
+    ShapePtr near_segment(const Vector3d& from, const Vector3d& to, double radius) const override {
+        const ShapePtr simpler = _shape->near_segment(_toOwn * from, _toOwn * to, radius);
+        return simpler ? moved(simpler, _toCaller) : nullptr;
+    }
     std::optional<double> first_crossing(const Ray& ray, double farthest) const override {
-        return _shape->first_crossing({_toOwn * ray.origin, _toOwn.get_rotation() * ray.direction}, farthest);
+        return _shape->first_crossing({_toOwn * ray.origin, _toOwn.get_rotation() * ray.direction, ray.resolution},
+                                      farthest);
     }
 
 private:

@@ -15,7 +15,7 @@ inline std::optional<double> march_solid(const Shape& shape, const Ray& ray, dou
     if (!(begin <= span.end)) return std::nullopt;
     const auto field = [&](double t) { return shape.distance(ray.at(t)); };
     const bool startsInside = span.begin == 0.0 && field(begin) < 0.0;
-    return march_to_crossing(field, begin, span.end, startsInside);
+    return march_to_crossing(field, begin, span.end, startsInside, ray.resolution);
 }
 
 }  // namespace VexelAlgorithm::Simulation

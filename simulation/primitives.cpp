@@ -156,6 +156,12 @@ public:
         const double size = (local - nearest.point).norm();
         return nearest.isInside ? -size : size;
     }
+    /// To the box around it.
+    double at_least(const Vector3d& point) const override {
+        const Vector3d local = point - _centre;
+        const double toBox = (local.cwiseAbs() - _halfAxes).cwiseMax(0.0).norm();
+        return toBox > 0.0 ? toBox : -kNoLimit;
+    }
     Vector3d gradient(const Vector3d& point) const override {
         return unit_or(nearest_to(point - _centre).point.cwiseQuotient(_squares), Vector3d::UnitZ());
     }

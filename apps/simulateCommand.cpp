@@ -8,9 +8,12 @@
 #include "foundation/diagnostics.h"
 #include "foundation/parallel.h"
 #include "recording/Recording.h"
+#include "recording/StereoRecording.h"
 #include "simulation/Sequence.h"
 #include "simulation/cameraPaths.h"
+#include "simulation/primitives.h"
 #include "simulation/scenes.h"
+#include "simulation/stereoImages.h"
 
 namespace VexelAlgorithm::Apps {
 namespace {
@@ -27,9 +30,10 @@ struct SimulateOptions {
     std::uint64_t seed = 1;
     bool hasNoise = false;
     double distance = 400.0;
-    int width = 640;
+    int width = 0;
     int height = 0;
     double depthStep = 0.0;
+    bool isStereo = false;
 };
 
 /// Two turns around the object that climb from a low to a high view, seen by a camera about as wide as the common
@@ -39,7 +43,7 @@ Simulation::Sequence two_turns(const SimulateOptions& options) {
     sequence.name = options.scene;
     sequence.scene = Simulation::make_scene(options.scene);
     sequence.normalWindow = 0.0;  // no pixel is lost for want of neighbours
-    sequence.width = options.width;
+    sequence.width = options.width > 0 ? options.width : 640;
     sequence.height = options.height > 0 ? options.height : 480;
     const double focalLength = 0.914 * sequence.width;
     sequence.camera = {focalLength, focalLength, 0.5 * (sequence.width - 1), 0.5 * (sequence.height - 1)};
@@ -62,7 +66,7 @@ Simulation::Sequence two_turns(const SimulateOptions& options) {
 std::optional<Simulation::Sequence> hand_held(const SimulateOptions& options) {
     Simulation::SequenceSettings settings;
     settings.frames = options.frames;
-    settings.width = options.width;
+    settings.width = options.width > 0 ? options.width : 640;
     settings.height = options.height > 0 ? options.height : 512;
     settings.seed = options.seed;
     if (!options.hasNoise) settings.noiseSigma = 0.0;
@@ -98,7 +102,66 @@ std::vector<std::string> sequence_names() {
     return names;
 }
 
+Simulation::StereoRig rig_of(const SimulateOptions& options) {
+    Simulation::StereoRig rig = Simulation::make_stereo_rig(options.width > 0 ? options.width : 1280,
+                                                            options.height > 0 ? options.height : 1024);
+    rig.sensor.hasNoise = options.hasNoise;
+    rig.sensor.seed = options.seed;
+    return rig;
+}
+
+CalibratedCamera calibration_of(const Simulation::DistortedCamera& camera) {
+    return {camera.fx, camera.fy, camera.cx, camera.cy, camera.distortion, camera.rigToCamera};
+}
+
+std::string notes_about(const Simulation::Sequence& sequence, const Simulation::StereoRig& rig) {
+    return "Virtual recording of the hand-held scan '" + sequence.name + "'\n" +
+           format_text("working range %g to %g mm of depth in the left camera\n", rig.nearLimit, rig.farLimit) +
+           format_text("noise %s, seed %llu\n", rig.sensor.hasNoise ? "on" : "off",
+                       static_cast<unsigned long long>(rig.sensor.seed));
+}
+
+StereoFrame recorded(Simulation::StereoPair&& pair, const RigidMatrix& leftToWorld) {
+    StereoFrame frame;
+    const int width = pair.left.width, height = pair.left.height;
+    frame.left = {width, height, std::move(pair.left.pixels)};
+    frame.right = {pair.right.width, pair.right.height, std::move(pair.right.pixels)};
+    frame.leftToWorld = leftToWorld;
+    frame.trueDepth = {width, height, std::move(pair.trueDepth)};
+    frame.visibility = {width, height, std::move(pair.visibility)};
+    return frame;
+}
+
+int run_stereo(const SimulateOptions& options) {
+    SimulateOptions path = options;
+    if (path.sequence.empty()) path.sequence = "arc";
+    path.width = path.height = 0;
+    const auto sequence = hand_held(path);
+    if (!sequence) return EXIT_FAILED;
+    const Simulation::StereoRig rig = rig_of(options);
+    Outcome<StereoRecordingWriter> writer =
+        StereoRecordingWriter::create(options.folder, calibration_of(rig.left), calibration_of(rig.right),
+                                      fineDepthStep, notes_about(*sequence, rig));
+    if (!writer) return report_failure(writer.failure());
+
+    const Simulation::StereoCamera camera(rig, default_thread_number());
+    const Simulation::ShapePtr nothing = Simulation::nothing();
+    Progress progress("rendering", sequence->frame_count());
+    for (int number = 0; number < sequence->frame_count(); ++number) {
+        const auto index = static_cast<std::size_t>(number);
+        const RigidMatrix& pose = sequence->poses[index];
+        const Simulation::ShapePtr& scene = sequence->isBlack[index] != 0 ? nothing : sequence->scene;
+        const Outcome<Done> written = writer->write_frame(number, recorded(camera.take(*scene, pose, index), pose));
+        if (!written) return report_failure(written.failure());
+        progress.advance();
+    }
+    print_line(format_text("Recording of %d stereo pairs: ", sequence->frame_count()) + options.folder);
+    print_speed(*sequence);
+    return EXIT_OK;
+}
+
 int run_simulate(const SimulateOptions& options) {
+    if (options.isStereo) return run_stereo(options);
     const bool isHandHeld = !options.sequence.empty();
     const auto sequence = isHandHeld ? hand_held(options) : two_turns(options);
     if (!sequence) return EXIT_FAILED;
@@ -127,25 +190,30 @@ void add_simulate_command(CLI::App& app, Command& chosen) {
     command->add_option("DIR", options->folder, "Folder for the recording; it must hold none yet")->required();
     CLI::Option* sequence = command->add_option("--sequence", options->sequence, described_sequences())
                                 ->check(CLI::IsMember(sequence_names()));
+    CLI::Option* stereo = command->add_flag(
+        "--stereo", options->isStereo,
+        "Writes raw pairs of a speckle scanner, its calibration, true depths and poses; the sequence 'arc' and\n"
+        "1280 x 1024 pixels if nothing else is said");
     command->add_option("--scene", options->scene, "What is scanned on two turns around it")
         ->check(CLI::IsMember(Simulation::scene_names()))
         ->capture_default_str()
-        ->excludes(sequence);
+        ->excludes(sequence)
+        ->excludes(stereo);
     command->add_option("--frames", options->frames, "Number of frames; on two turns 40")
         ->check(number_between(1, 100000));
     command->add_option("--distance", options->distance, "Distance of the camera from the object in mm, on two turns")
         ->check(number_between(50, 5000))
         ->capture_default_str()
-        ->excludes(sequence);
-    command->add_option("--width", options->width, "Pixels of a row")
-        ->check(number_between(16, 8192))
-        ->capture_default_str();
+        ->excludes(sequence)
+        ->excludes(stereo);
+    command->add_option("--width", options->width, "Pixels of a row; 640")->check(number_between(16, 8192));
     command->add_option("--height", options->height, "Pixel rows; 480 on two turns, 512 in a sequence")
         ->check(number_between(16, 8192));
     command
         ->add_option("--depth-step", options->depthStep,
                      "Millimetres between the depths that the images can hold; 1 on two turns, 0.01 in a sequence")
-        ->check(number_between(0.001, 1));
+        ->check(number_between(0.001, 1))
+        ->excludes(stereo);
     command->add_flag("--noise", options->hasNoise,
                       "Adds the measurement errors of a good scanner; in a sequence 0.1 mm everywhere");
     command->add_option("--seed", options->seed, "Seed of noise and tremor")->capture_default_str();

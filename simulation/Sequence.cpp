@@ -44,6 +44,12 @@ RigidMatrix around_the_owl(const Moment& moment) {
     return orbit_view(owl_centre(), -90.0 + 360.0 * moment.progress(), 20.0);
 }
 
+constexpr double kArcStep = 3.6;
+
+RigidMatrix along_the_arc(const Moment& moment) {
+    return orbit_view(owl_centre(), -90.0 + kArcStep * (moment.frame - moment.frames / 2), 20.0);
+}
+
 RigidMatrix slow_sweep_at(double progress) {
     return orbit_view(blocks_centre(), -110.0 + 40.0 * progress, 40.0 + 8.0 * std::sin(2.0 * kPi * progress));
 }
@@ -106,6 +112,12 @@ struct NamedSequence {
 
 const NamedSequence kSequences[] = {
     {{"full_turn", "Once around the owl on a table", 100}, "owl_on_table", around_the_owl, 1.0, 0.2, nullptr},
+    {{"arc", "A part of the turn around the owl, as far as the frames reach", 40},
+     "owl_on_table",
+     along_the_arc,
+     1.0,
+     0.2,
+     nullptr},
     {{"smooth", "A slow sweep about the blocks", 40}, "blocks", slow_sweep, 1.0, 0.2, nullptr},
     {{"fast", "To and fro about the blocks, with a strong tremor", 40}, "blocks", to_and_fro, 3.0, 0.5, nullptr},
     {{"jump", "A slow sweep with a jump in the middle", 40}, "blocks", sweep_with_jump, 0.3, 0.05, nullptr},

@@ -62,6 +62,7 @@ struct SequenceDescription {
 /// The built-in sequences. All but the bare plane see an object on a table from some 400 mm:
 ///
 /// - `full_turn`: once around the owl, 3.6 degrees and 25 mm a frame with 100 frames, and a mild tremor
+/// - `arc`: the same at 3.6 degrees a frame with any number of frames, the middle one in front of the owl
 /// - `smooth`: a slow sweep about the blocks, 7 mm and 1 degree a frame
 /// - `fast`: to and fro about the blocks with up to some 25 mm and 4 degrees a frame, and a strong tremor
 /// - `jump`: the slow sweep; in the middle the scanner jumps by (20, -20, 0) mm, which is a corner of a grid of 5 x 5

@@ -37,7 +37,7 @@ struct Illumination {
 /// Lens and sensor of both cameras. Signal chain, shot noise and quantisation after the linear camera model of the
 /// EMVA standard 1288; the lens dims with the fourth power of the cosine off its axis.
 struct Sensor {
-    double exposure = 0.75;        ///< signal of white at the working distance, relative to saturation
+    double exposure = 1.1;         ///< signal of white at the working distance, relative to saturation
     double fullWell = 10000.0;     ///< electrons at grey level 255; shot noise is the square root of the electrons
     double readNoise = 8.0;        ///< electrons
     double darkOffset = 2.0;       ///< grey levels

@@ -186,7 +186,8 @@ private:
     void cast_block(int column, int row) {
         const Vector2i first(_left + column * kBlock, _top + row * kBlock);
         const ShapePtr narrowed = narrowed_to_beam(beam(), first, kBlock);
-        for_pixels_of(column, row, [&](int x, int y) { store_cast(narrowed ? *narrowed : beam(), x, y); });
+        const std::optional<bool> light = light_around(column, row);
+        for_pixels_of(column, row, [&](int x, int y) { store_cast(narrowed ? *narrowed : beam(), x, y, light); });
     }
 
     template <class Visitor>
@@ -205,10 +206,11 @@ private:
         return true;
     }
 
-    void store_cast(const Shape& beam, int x, int y) {
+    void store_cast(const Shape& beam, int x, int y, std::optional<bool> light) {
         const Vector3d direction = _rays.at(x, y);
         Sight sight = cast(beam, direction);
-        sight.isLit = is_lit(sight, point_at(direction, sight.depth));
+        const Vector3d point = point_at(direction, sight.depth);
+        sight.isLit = light ? *light && sight.normal.dot(_lamp - point) > 0.0 : is_lit(sight, point);
         store(x, y, sight);
     }
 
@@ -219,13 +221,12 @@ private:
         const Vector3d centre =
             0.25 * (point_of(*corners[0]) + point_of(*corners[1]) + point_of(*corners[2]) + point_of(*corners[3]));
         double radius = 0.0;
-        bool isSmooth = true, hasShadowEdge = false;
+        bool isSmooth = true;
         for (const Sight* corner : corners) {
             radius = std::max(radius, (point_of(*corner) - centre).norm());
             isSmooth = isSmooth && corner->normal.dot(corners[0]->normal) > kSimilarNormals;
-            hasShadowEdge = hasShadowEdge || corner->isLit != corners[0]->isLit;
         }
-        hasShadowEdge = hasShadowEdge || is_beside_shadow_edge(column, row);
+        const std::optional<bool> light = light_around(column, row);
         const ShapePtr narrowed = _scene.near_segment(centre, centre, radius + kPatchReach);
         const Shape& patch = narrowed ? *narrowed : _scene;
 
@@ -242,23 +243,29 @@ private:
             const Vector3d direction = _rays.at(x, y);
             sight.depth = 1.0 / inverseDepth;
             sight.normal.normalize();
-            if (!polish(patch, world_direction(direction), sight)) return store_cast(beam(), x, y);
+            if (!polish(patch, world_direction(direction), sight)) return store_cast(beam(), x, y, light);
             const Vector3d point = point_at(direction, sight.depth);
             if (!isSmooth) {
                 sight.normal = patch.gradient(point).normalized();
                 if (sight.normal.dot(point - _cameraToWorld.get_translation()) > 0.0) sight.normal = -sight.normal;
             }
-            sight.isLit = hasShadowEdge ? is_lit(sight, point) : corners[0]->isLit;
+            sight.isLit = light ? *light : is_lit(sight, point);
             store(x, y, sight);
         });
     }
 
-    bool is_beside_shadow_edge(int column, int row) {
-        const bool isLit = corner(column, row).isLit;
+    /// What all corners of the block and its neighbours that see something have in common; nothing near the edge of a
+    /// shadow.
+    std::optional<bool> light_around(int column, int row) {
+        std::optional<bool> light;
         for (int y = row - 1; y <= row + 2; ++y)
-            for (int x = column - 1; x <= column + 2; ++x)
-                if (corner(x, y).isLit != isLit) return true;
-        return false;
+            for (int x = column - 1; x <= column + 2; ++x) {
+                const Sight& around = corner(x, y);
+                if (!around.sees()) continue;
+                if (light && *light != around.isLit) return std::nullopt;
+                light = around.isLit;
+            }
+        return light;
     }
 
     /// Moves the depth onto the surface with the slope that the normal gives; false when it does not arrive.

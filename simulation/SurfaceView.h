@@ -23,9 +23,9 @@ struct SurfaceView {
 
 /// Depths are within 1e-3 mm of the surface. Rays are cast through the corners of blocks of 4 x 4 pixels only, as far
 /// as the corners see one surface; in between, the depth is interpolated and moved onto the surface by its distance,
-/// which is checked. Blocks in which anything ends or begins, and their neighbours, get a ray for each pixel, so that
-/// only things narrower than a block in all directions can be missed. Shadows likewise. The same for any number of
-/// threads. `cameraToWorld` must be rigid; `lamp` (mm, world) is a point.
+/// which is checked. Blocks in which something ends or begins, and those into which something from a neighbour may
+/// reach, get a ray for each pixel, so that only things narrower than a block in all directions can be missed. Shadows
+/// likewise. The same for any number of threads. `cameraToWorld` must be rigid; `lamp` (mm, world) is a point.
 SurfaceView view_surface(const Shape& scene, const PixelRays& rays, const RigidMatrix& cameraToWorld, double farLimit,
                          const Vector3d& lamp, int threads = 2);
 

@@ -1,0 +1,251 @@
+// The virtual stereo scanner: geometry against the calibration reader and against rays, light and noise against the
+// model.
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <filesystem>
+#include <numeric>
+
+#include "readCaliData/CaliParReadIn.h"
+#include "recording/calibrationText.h"
+#include "recording/files.h"
+#include "simulation/cameraPaths.h"
+#include "simulation/primitives.h"
+#include "simulation/scenes.h"
+#include "simulation/stereoImages.h"
+
+namespace VexelAlgorithm::Simulation {
+namespace {
+
+const RigidMatrix kFrontView = look_at({-40, -380, 190}, {0, 0, 60});
+
+StereoRig small_rig(bool hasNoise) {
+    StereoRig rig = make_stereo_rig(320, 256);
+    rig.sensor.hasNoise = hasNoise;
+    return rig;
+}
+
+std::string written(const std::filesystem::path& folder, const char* name, const DistortedCamera& camera) {
+    const std::string path = (folder / name).string();
+    EXPECT_TRUE(write_whole_file(
+        path, calibration_text({camera.fx, camera.fy, camera.cx, camera.cy, camera.distortion, camera.rigToCamera})));
+    return path;
+}
+
+TEST(StereoRig, ItsFilesRectifyItsImages) {
+    const StereoRig rig = make_stereo_rig(320, 256);
+    const auto folder = std::filesystem::temp_directory_path() / "vexel_stereo_rig_test";
+    std::filesystem::create_directories(folder);
+    const Rebuild::CaliParReadIn reader(written(folder, "left.txt", rig.left), written(folder, "right.txt", rig.right),
+                                        {320, 256});
+    std::filesystem::remove_all(folder);
+    ASSERT_TRUE(reader.is_ini_success());
+    EXPECT_LT((reader.get_left_to_right().get_translation() - left_to_right(rig).get_translation()).norm(), 1e-9);
+    EXPECT_GT(left_to_right(rig).get_translation().norm(), 100);
+
+    const struct {
+        const DistortedCamera& camera;
+        Matrix3d toRectified;
+        Eigen::Matrix<double, 3, 4> projection;
+        const float* map;
+    } sides[] = {{rig.left, reader.get_R1(), reader.get_left_projection(), reader.get_left_map()},
+                 {rig.right, reader.get_R2(), reader.get_right_projection(), reader.get_right_map()}};
+    for (const auto& side : sides)
+        for (int y = 0; y < 256; y += 5)
+            for (int x = 0; x < 320; x += 5) {
+                const Matrix3d k = side.projection.leftCols<3>();
+                const Vector3d ray = side.toRectified.transpose() * k.inverse() * Vector3d(x, y, 1);
+                const Vector2d raw = side.camera.project(ray);
+                const float* mapped = side.map + 2 * (y * 320 + x);
+                ASSERT_NEAR(raw.x(), mapped[0], 2e-4);
+                ASSERT_NEAR(raw.y(), mapped[1], 2e-4);
+                const Vector2d back = side.camera.direction_of(raw);
+                ASSERT_LT((back - ray.head<2>() / ray.z()).norm(), 1e-10);
+            }
+}
+
+TEST(SurfaceView, SeesWhatSingleRaysSee) {
+    const DistortedCamera camera = make_stereo_rig(320, 256).left;
+    const PixelRays rays = rays_of(camera);
+    const Vector3d lamp = kFrontView * Vector3d(60, -20, 0);
+    for (const char* name : {"owl_on_table", "blocks", "torus"}) {
+        const ShapePtr scene = make_scene(name);
+        const SurfaceView view = view_surface(*scene, rays, kFrontView, 500, lamp, 2);
+        const SurfaceView alone = view_surface(*scene, rays, kFrontView, 500, lamp, 1);
+        EXPECT_TRUE(view.depth == alone.depth && view.normals == alone.normals && view.isLit == alone.isLit) << name;
+        int seen = 0, wrongDepth = 0, wrongNormal = 0, wrongLight = 0, lit = 0;
+        for (int y = 0; y < 256; y += 2)
+            for (int x = 0; x < 320; x += 2) {
+                const std::size_t i = view.index_of(x, y);
+                const double length = rays.at(x, y).norm();
+                const Ray ray{kFrontView.get_translation(), kFrontView.get_rotation() * rays.at(x, y) / length};
+                const std::optional<Hit> hit = scene->hit(ray, 500 * length);
+                if (hit.has_value() != (view.depth[i] > 0)) ++wrongDepth;
+                if (!hit || view.depth[i] == 0) continue;
+                ++seen;
+                wrongDepth += std::abs(hit->range / length - view.depth[i]) > 5e-3 ? 1 : 0;
+                const Vector3d normal = kFrontView.get_rotation() * view.normals[i].cast<double>();
+                wrongNormal += normal.dot(hit->normal) < 0.995 ? 1 : 0;
+                const Vector3d start = hit->point + 0.05 * hit->normal;
+                const double range = (lamp - start).norm();
+                const bool isLit = hit->normal.dot(lamp - hit->point) > 0 &&
+                                   !scene->first_crossing({start, (lamp - start) / range}, range);
+                wrongLight += isLit != (view.isLit[i] != 0) ? 1 : 0;
+                lit += isLit ? 1 : 0;
+            }
+        EXPECT_GT(seen, 2000) << name;
+        EXPECT_LT(lit, seen) << name;
+        EXPECT_LE(wrongDepth, 0.005 * seen) << name;
+        EXPECT_LE(wrongNormal, 0.01 * seen) << name << ": creases apart";
+        EXPECT_LE(wrongLight, 0.003 * seen) << name;
+    }
+}
+
+/// Bilinear grey level.
+double grey_at(const GreyImage& image, const Vector2d& pixel) {
+    const int x = static_cast<int>(pixel.x()), y = static_cast<int>(pixel.y());
+    const double u = pixel.x() - x, v = pixel.y() - y;
+    const auto at = [&](int column, int row) {
+        return double{image.pixels[static_cast<std::size_t>(row * image.width + column)] * 1.0};
+    };
+    return (1 - v) * ((1 - u) * at(x, y) + u * at(x + 1, y)) + v * ((1 - u) * at(x, y + 1) + u * at(x + 1, y + 1));
+}
+
+double correlation(const std::vector<double>& a, const std::vector<double>& b) {
+    const auto n = static_cast<double>(a.size());
+    const double meanA = std::accumulate(a.begin(), a.end(), 0.0) / n;
+    const double meanB = std::accumulate(b.begin(), b.end(), 0.0) / n;
+    double ab = 0, aa = 0, bb = 0;
+    for (std::size_t i = 0; i < a.size(); ++i) {
+        ab += (a[i] - meanA) * (b[i] - meanB);
+        aa += (a[i] - meanA) * (a[i] - meanA);
+        bb += (b[i] - meanB) * (b[i] - meanB);
+    }
+    return ab / std::sqrt(aa * bb);
+}
+
+TEST(StereoCamera, TruePointsShowTheSameSpeckleInBothImages) {
+    const StereoRig rig = small_rig(false);
+    const StereoPair pair = StereoCamera(rig).take(*make_scene("blocks"), kFrontView, 0);
+    const RigidMatrix toRight = left_to_right(rig);
+    // Grey levels of the right image at the true place and half a pixel beside it.
+    std::vector<double> left;
+    std::vector<std::vector<double>> right(5);
+    const Vector2d offsets[] = {{0, 0}, {-0.5, 0}, {0.5, 0}, {0, -0.5}, {0, 0.5}};
+    for (int y = 0; y < 256; ++y)
+        for (int x = 0; x < 320; ++x) {
+            const auto i = static_cast<std::size_t>(y * 320 + x);
+            if (pair.visibility[i] != (SeenByLeft | LitByProjector | SeenByRight)) continue;
+            const Vector2d direction = rig.left.direction_of({x, y});
+            const Vector3d point = pair.trueDepth[i] * Vector3d(direction.x(), direction.y(), 1);
+            const Vector2d pixel = rig.right.project(toRight * point);
+            if (!(pixel.x() > 1 && pixel.y() > 1 && pixel.x() < 317 && pixel.y() < 253)) continue;
+            left.push_back(pair.left.pixels[i]);
+            for (std::size_t k = 0; k < 5; ++k) right[k].push_back(grey_at(pair.right, pixel + offsets[k]));
+        }
+    ASSERT_GT(left.size(), 20000u);
+    const double middle = correlation(left, right[0]);
+    EXPECT_GT(middle, 0.95);
+    for (int axis = 0; axis < 2; ++axis) {
+        const double below = correlation(left, right[static_cast<std::size_t>(1 + 2 * axis)]);
+        const double above = correlation(left, right[static_cast<std::size_t>(2 + 2 * axis)]);
+        const double peak = 0.25 * (below - above) / (below - 2 * middle + above);
+        EXPECT_NEAR(peak, 0, 0.02) << "pixels along axis " << axis;
+    }
+}
+
+TEST(StereoCamera, ShadowsHoldAmbientLightOnly) {
+    StereoRig rig = small_rig(false);
+    rig.finish.albedoVariation = 0;
+    const StereoPair pair = StereoCamera(rig).take(*make_scene("blocks"), kFrontView, 0);
+    // The lens dims the corners; blurred borders of the shadows are left out.
+    const double ambient = rig.sensor.darkOffset + 255 * rig.sensor.exposure * rig.finish.albedo * rig.light.ambient;
+    int dark = 0, brightest = 0;
+    for (int y = 3; y < 253; ++y)
+        for (int x = 3; x < 317; ++x) {
+            bool isDeep = true;
+            for (int k = 0; k < 49; ++k) {
+                const int at = (y - 3 + k / 7) * 320 + x - 3 + k % 7;
+                isDeep = isDeep && (pair.visibility[static_cast<std::size_t>(at)] & 3) == SeenByLeft;
+            }
+            const int grey = pair.left.pixels[static_cast<std::size_t>(y * 320 + x)];
+            brightest = std::max(brightest, grey);
+            if (!isDeep) continue;
+            ++dark;
+            ASSERT_LE(grey, ambient + 0.5);
+            ASSERT_GE(grey, 0.75 * ambient - 0.5);
+        }
+    EXPECT_GT(dark, 100);
+    EXPECT_GT(brightest, 120);
+}
+
+TEST(StereoCamera, NoiseFollowsThePhotonTransferCurve) {
+    StereoRig rig = small_rig(true);
+    rig.sensor.fullWell = 4000;
+    rig.sensor.readNoise = 20;
+    const ShapePtr wall = half_space({0, 0, 0}, {0, -1, 0});
+    const RigidMatrix view = look_at({0, -400, 0}, {0, 0, 0});
+    const StereoCamera camera(rig);
+    const StereoPair one = camera.take(*wall, view, 0), two = camera.take(*wall, view, 1);
+    EXPECT_EQ(one.left.pixels, StereoCamera(rig, 1).take(*wall, view, 0).left.pixels) << "any number of threads";
+    EXPECT_NE(one.left.pixels, two.left.pixels);
+    struct Bin {
+        double squares = 0, sum = 0;
+        int count = 0;
+    };
+    std::vector<Bin> bins(6);
+    for (const bool isLeft : {true, false}) {
+        const GreyImage &a = isLeft ? one.left : one.right, &b = isLeft ? two.left : two.right;
+        for (std::size_t i = 0; i < a.pixels.size(); ++i) {
+            const double mean = 0.5 * (a.pixels[i] + b.pixels[i]);
+            const auto bin = static_cast<std::size_t>((mean - 10) / 35);
+            if (mean < 10 || bin >= bins.size() || a.pixels[i] == 255 || b.pixels[i] == 255) continue;
+            const double difference = double{a.pixels[i] * 1.0} - b.pixels[i];
+            bins[bin].squares += 0.5 * difference * difference;
+            bins[bin].sum += mean;
+            ++bins[bin].count;
+        }
+    }
+    const double gain = 255.0 / rig.sensor.fullWell;
+    for (std::size_t i = 0; i < 5; ++i) {
+        const Bin& bin = bins[i];
+        ASSERT_GT(bin.count, 1000) << i;
+        const double mean = bin.sum / bin.count - rig.sensor.darkOffset;
+        const double expected = gain * mean + std::pow(gain * rig.sensor.readNoise, 2) + 1.0 / 12.0;
+        EXPECT_NEAR(bin.squares / bin.count / expected, 1, 0.1) << "at " << mean;
+    }
+}
+
+TEST(SpeckleTexture, MeansUnderFootprintsAreMeansOfPoints) {
+    SpecklePattern pattern;
+    pattern.width = 160;
+    pattern.height = 120;
+    const SpeckleTexture texture(pattern);
+    const Eigen::Matrix2d point = 0.01 * Eigen::Matrix2d::Identity();
+    struct {
+        double major, minor, angle, tolerance;
+    } cases[] = {{0.6, 0.6, 0, 0.02}, {1.5, 1.5, 0, 0.03}, {3, 3, 0, 0.03}, {3, 0.8, 0.6, 0.03}, {4, 1, -1, 0.03}};
+    for (const auto& c : cases) {
+        const Vector2d along(std::cos(c.angle), std::sin(c.angle)), across(-along.y(), along.x());
+        const Eigen::Matrix2d covariance =
+            c.major * c.major * along * along.transpose() + c.minor * c.minor * across * across.transpose();
+        double squares = 0;
+        for (int n = 0; n < 30; ++n) {
+            const Vector2d centre(40 + 2.71 * n, 30 + 1.83 * n);
+            double sum = 0, weights = 0;
+            for (double u = -3; u <= 3; u += 0.125)
+                for (double v = -3; v <= 3; v += 0.125) {
+                    const double weight = std::exp(-0.5 * (u * u + v * v));
+                    sum += weight * texture.mean_under(centre + c.major * u * along + c.minor * v * across, point);
+                    weights += weight;
+                }
+            squares += std::pow(sum / weights - texture.mean_under(centre, covariance), 2) / 30;
+        }
+        EXPECT_LT(std::sqrt(squares), c.tolerance) << c.major << " x " << c.minor;
+    }
+    EXPECT_NEAR(texture.mean_under({80, 60}, 400 * Eigen::Matrix2d::Identity()), 0.52, 0.05) << "half is bright";
+    EXPECT_EQ(texture.mean_under({-2, 60}, point), 0.0F);
+}
+
+}  // namespace
+}  // namespace VexelAlgorithm::Simulation

@@ -65,7 +65,7 @@ TEST_F(Export, OpenMeshReadsBackEveryFormat) {
     struct Format {
         const char* name;
         std::uint32_t options;
-        bool hasNormals, hasColors, isStl = false;
+        bool hasNormals, hasColors;
     };
     constexpr std::uint32_t all = MESH_WRITE_VERTEX_NORMAL | MESH_WRITE_VERTEX_COLOR;
     testing::internal::CaptureStderr();
@@ -75,36 +75,36 @@ TEST_F(Export, OpenMeshReadsBackEveryFormat) {
                                  {"text.off", all, true, true},
                                  {"upper.OBJ", all, true, false},
                                  {"plain.obj", MESH_WRITE_BINARY, false, false},
-                                 {"text.stl", all, false, false, true},
-                                 {"binary.stl", all | MESH_WRITE_BINARY, false, false, true}}) {
-        ASSERT_EQ(write_mesh(path(format.name), mesh, format.options, 9), 0) << format.name;
+                                 {"text.stl", all, false, false},
+                                 {"binary.stl", all | MESH_WRITE_BINARY, false, false}}) {
+        SCOPED_TRACE(format.name);
+        ASSERT_EQ(write_mesh(path(format.name), mesh, format.options, 9), 0);
         TriMesh read;
         read.request_vertex_normals();
         read.request_vertex_colors();
         OpenMesh::IO::Options options = OpenMesh::IO::Options::VertexNormal;
         options += OpenMesh::IO::Options::VertexColor;
         if ((format.options & MESH_WRITE_BINARY) != 0) options += OpenMesh::IO::Options::Binary;
-        ASSERT_TRUE(OpenMesh::IO::read_mesh(read, path(format.name), options)) << format.name;
-        ASSERT_EQ(read.n_vertices(), 4u) << format.name;
-        ASSERT_EQ(read.n_faces(), 4u) << format.name;
-        if (!format.isStl) {  // whose reader leaves the options alone
-            EXPECT_EQ(options.vertex_has_normal(), format.hasNormals) << format.name;
-            EXPECT_EQ(options.vertex_has_color(), format.hasColors) << format.name;
+        ASSERT_TRUE(OpenMesh::IO::read_mesh(read, path(format.name), options));
+        ASSERT_EQ(read.n_vertices(), 4u);
+        ASSERT_EQ(read.n_faces(), 4u);
+        if (std::string(format.name).find("stl") == std::string::npos) {  // whose reader leaves the options alone
+            EXPECT_EQ(options.vertex_has_normal(), format.hasNormals);
+            EXPECT_EQ(options.vertex_has_color(), format.hasColors);
         }
         for (const auto f : read.faces()) {
             int corner = 0;
             for (const auto v : read.fv_range(f)) {
                 const Vector3f& expected = mesh.get_vCoord(mesh.get_face(f.idx())[corner++]);
                 const auto point = read.point(v);
-                EXPECT_EQ(Vector3f(point[0], point[1], point[2]), expected) << format.name << " face " << f.idx();
+                EXPECT_EQ(Vector3f(point[0], point[1], point[2]), expected) << "face " << f.idx();
             }
         }
-        for (const auto v : read.vertices()) {
-            if (!format.hasNormals) break;
-            EXPECT_NEAR(read.normal(v)[2], mesh.get_vNrv(v.idx()).z(), 1e-6f) << format.name;
+        if (format.hasNormals) {
+            for (const auto v : read.vertices()) EXPECT_NEAR(read.normal(v)[2], mesh.get_vNrv(v.idx()).z(), 1e-6f);
         }
         if (format.hasColors) {
-            EXPECT_EQ(read.color(TriMesh::VertexHandle(3)), OpenMesh::Vec3uc(153, 255, 0)) << format.name;
+            EXPECT_EQ(read.color(TriMesh::VertexHandle(3)), OpenMesh::Vec3uc(153, 255, 0));
         }
     }
     EXPECT_EQ(testing::internal::GetCapturedStderr(), "");
@@ -137,13 +137,9 @@ TEST_F(Export, FailuresGiveOneLineAndKeepTheOlderFile) {
 
     const std::string missing = path("missing/mesh.ply");
     EXPECT_NE(failure_line([&] { return write_mesh(missing, mesh, 0, 6); }).find(missing), std::string::npos);
-    failure_line([&] { return write_mesh(path("folder.ply"), mesh, 0, 6); });
-    failure_line([&] { return write_mesh(older, mesh, 0, 6); });
-    failure_line([&] { return write_mesh(path("mesh.xyz"), mesh, 0, 6); });
-    failure_line([&] { return write_mesh(path("mesh"), mesh, 0, 6); });
-    failure_line([&] { return write_mesh("", mesh, 0, 6); });
+    for (const std::string& wrong : {path("folder.ply"), older, path("mesh.xyz"), path("mesh"), std::string()})
+        failure_line([&] { return write_mesh(wrong, mesh, 0, 6); });
     failure_line([&] { return write_mesh(path("mesh.ply"), plain, MESH_WRITE_VERTEX_NORMAL, 6); });
-    failure_line([&] { return write_asc(path("missing/cloud.asc"), mesh); });
     failure_line([&] { return write_asc(path("folder.ply"), mesh); });
     failure_line([&] { return write_asc(path("cloud.asc"), illegal); });
     failure_line([&] { return write_cloudWithWeight(path("missing/cloud.asc"), CloudWithWeight()); });
@@ -196,10 +192,7 @@ TEST_F(Export, HalfEdgeMeshLeavesOutWhatItCannotHold) {
     mesh.delete_face(TriMesh::FaceHandle(0), true);
     ASSERT_EQ(write_mesh(path("a.off"), mesh, MESH_WRITE_DEFAULT, 6), 0);
     EXPECT_EQ(lines("a.off").at(1), "3 1 0") << "deleted faces and vertices are left out";
-    const TriMesh copy(mesh);
     mesh.clear();
-    EXPECT_EQ(mesh.n_vertices(), 0u);
-    EXPECT_EQ(copy.n_vertices(), 4u);
     ASSERT_EQ(write_mesh(path("empty.ply"), mesh, MESH_WRITE_BINARY, 6), 0) << "an empty mesh is a mesh";
 }
 

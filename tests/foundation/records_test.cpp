@@ -24,17 +24,14 @@ std::string printed(const std::function<void()>& action) {
     return testing::internal::GetCapturedStdout();
 }
 
-TEST(RecordPrint, CommonParameter) {
-    CommonParameter record;
-    record.imageSize = {1280, 1024};
-    record.colorImageSize = {2592, 1944};
-    record.sample = 2;
-    record.rawPointDis = 0.1F;
-    record.outputPath = "C:/debug out/";
-    record.deviceTag = 4711;
-    record.scanType = -3;
-    record.campar.set_param(2300.5, 2301.0, 640.1234567, 1e7);
-    EXPECT_EQ(printed([&] { print_parameter(record); }),
+TEST(RecordPrint, EveryFieldUnderItsLabel) {
+    CommonParameter common;
+    common.imageSize << 1280, 1024;
+    common.colorImageSize << 2592, 1944;
+    common.sample = 2, common.rawPointDis = 0.1F, common.outputPath = "C:/debug out/";
+    common.deviceTag = 4711, common.scanType = -3;
+    common.campar.set_param(2300.5, 2301.0, 640.1234567, 1e7);
+    EXPECT_EQ(printed([&] { print_parameter(common); }),
               "\n\n\ncommon parameter output\n"
               "imageSize = 1280\t1024\n"
               "colorImageSize = 2592\t1944\n"
@@ -43,21 +40,16 @@ TEST(RecordPrint, CommonParameter) {
               "outputPath = C:/debug out/\n"
               "scanType = -3\n"
               "campar = 2300.5\t2301\t640.123\t1e+07\n");
-}
 
-TEST(RecordPrint, TrackParmeter) {
-    TrackParmeter record;
-    record.icpIterNum = 30;
-    record.icpInterNumFixed = 5;
-    record.icpDis = {0.5F, 3.0F};
-    record.icpDisFeature = {0.25F, 12.0F};
-    record.icpDisAvgThread = 0.3F;
-    record.icpDisAvgFeatureThread = NOT_A_NUMBER;
-    record.icpRataRay = {0.1F, 0.2F};
-    record.icpRataRayFeature = {0.0F, 0.95F};
-    record.icpParticleSize = 8.0F;
-    record.disUniform = 1e-5F;
-    EXPECT_EQ(printed([&] { print_parameter(record); }),
+    TrackParmeter track;
+    track.icpIterNum = 30, track.icpInterNumFixed = 5;
+    track.icpDis << 0.5F, 3.0F;
+    track.icpDisFeature << 0.25F, 12.0F;
+    track.icpDisAvgThread = 0.3F, track.icpDisAvgFeatureThread = NOT_A_NUMBER;
+    track.icpRataRay << 0.1F, 0.2F;
+    track.icpRataRayFeature << 0.0F, 0.95F;
+    track.icpParticleSize = 8.0F, track.disUniform = 1e-5F;
+    EXPECT_EQ(printed([&] { print_parameter(track); }),
               "\n\n\nTrackParmeter output\n"
               "icpIterNum = 30\n"
               "icpInterNumFixed = 5\n"
@@ -69,26 +61,19 @@ TEST(RecordPrint, TrackParmeter) {
               "icpRataRayFeature = 0\t0.95\n"
               "icpParticleSize = 8\n"
               "disUniform = 1e-05\n");
-}
 
-TEST(RecordPrint, FusionParameter) {
-    FusionParameter record;
-    record.treeDepth = 11;
-    record.pointDis = 0.4F;
-    record.fusionDataSize = {5, 3};
-    record.currPointOffsetShow = -0.2F;
-    record.viewBox = {100.0F, 900.5F};
-    record.fusionLimitNum = 2000;
-    record.fusionLimitNumFeature = 2500;
-    record.colorOnInvaildPoint = {0.5F, 0.25F, 1.0F};
-    record.codeNumSet = 2;
-    record.colorImageRange = {10, 20, 1270, 1000};
-    record.colorImagePar << 2000.5, 0, 639.5, 0, 2001, 511.5, 0, 0, 1;
-    record.tranLeftToColor.set_rotation((Matrix3d() << 0, -1, 0, 1, 0, 0, 0, 0, 1).finished());
-    record.tranLeftToColor.set_translation({30.25, -1.5, 0});
-    record.colorImageSize = {1280, 1024};
+    FusionParameter fusion;
+    fusion.treeDepth = 11, fusion.pointDis = 0.4F, fusion.currPointOffsetShow = -0.2F, fusion.codeNumSet = 2;
+    fusion.fusionDataSize << 5, 3;
+    fusion.viewBox << 100.0F, 900.5F;
+    fusion.fusionLimitNum = 2000, fusion.fusionLimitNumFeature = 2500;
+    fusion.colorOnInvaildPoint << 0.5F, 0.25F, 1.0F;
+    fusion.colorImageRange << 10, 20, 1270, 1000;
+    fusion.colorImagePar << 2000.5, 0, 639.5, 0, 2001, 511.5, 0, 0, 1;
+    fusion.tranLeftToColor = {(Matrix3d() << 0, -1, 0, 1, 0, 0, 0, 0, 1).finished(), {30.25, -1.5, 0}};
+    fusion.colorImageSize << 1280, 1024;
     EXPECT_EQ(
-        printed([&] { print_parameter(record); }),
+        printed([&] { print_parameter(fusion); }),
         "\n\n\nFusionParameter output\n"
         "treeDepth = 11\n"
         "pointDis = 0.4\n"
@@ -130,117 +115,56 @@ void expect_findings(Check check, const std::vector<Damage<Record>>& damages) {
     }
 }
 
-TEST(RecordCheck, NamesTheWrongFieldOfCommonParameter) {
-    using R = CommonParameter;
-    expect_findings<R>(check_common_parameter, {{[](R& r) {
-                                                     r.imageSize = {0, 1 << 30};
-                                                 },
-                                                 "imageSize(0) imageSize(1) sample"},
-                                                {[](R& r) {
-                                                     r.colorImageSize = {0, 0};
-                                                 },
-                                                 ""},
-                                                {[](R& r) {
-                                                     r.colorImageSize = {640, 0};
-                                                 },
-                                                 "colorImageSize(1)"},
-                                                {[](R& r) { r.sample = 0; }, "sample"},
-                                                {[](R& r) { r.sample = std::numeric_limits<int>::max(); }, "sample"},
-                                                {[](R& r) { r.rawPointDis = INFINITE; }, "rawPointDis"},
-                                                {[](R& r) { r.campar.set_param(0, -1, NOT_A_NUMBER, INFINITE); },
-                                                 "campar(fx) campar(fy) campar(cx) campar(cy)"}});
-}
-
-TEST(RecordCheck, NamesTheWrongFieldOfTrackParmeter) {
-    using R = TrackParmeter;
-    expect_findings<R>(check_track_parmeter,
-                       {{[](R& r) { r.icpIterNum = 0; }, "icpIterNum icpInterNumFixed"},
-                        {[](R& r) {
-                             r.icpIterNum = std::numeric_limits<int>::max(),
-                             r.icpInterNumFixed = std::numeric_limits<int>::min();
-                         },
-                         "icpIterNum icpInterNumFixed"},
-                        {[](R& r) { r.icpIterNum = 9, r.icpInterNumFixed = 6; }, "icpInterNumFixed"},
-                        {[](R& r) { r.icpIterNum = 10, r.icpInterNumFixed = 6; }, ""},
-                        {[](R& r) {
-                             r.icpDis = {2.0F, 1.0F};
-                         },
-                         "icpDis(1)"},
-                        {[](R& r) {
-                             r.icpDis = {2.0F, 2.0F};
-                         },
-                         ""},
-                        {[](R& r) {
-                             r.icpDisFeature = {NOT_A_NUMBER, 1.0F};
-                         },
-                         "icpDisFeature(0)"},
-                        {[](R& r) { r.icpDisAvgThread = 0.0F; }, "icpDisAvgThread"},
-                        {[](R& r) { r.icpDisAvgFeatureThread = NOT_A_NUMBER; }, "icpDisAvgFeatureThread"},
-                        {[](R& r) {
-                             r.icpRataRay = {-0.1F, 1.0F};
-                         },
-                         "icpRataRay(0) icpRataRay(1)"},
-                        {[](R& r) {
-                             r.icpRataRayFeature = {0.5F, 0.4F};
-                         },
-                         "icpRataRayFeature(1)"},
-                        {[](R& r) { r.icpParticleSize = -1.0F, r.disUniform = 0.0F; }, "icpParticleSize disUniform"}});
-}
-
-TEST(RecordCheck, NamesTheWrongFieldOfFusionParameter) {
-    using R = FusionParameter;
-    const auto withoutColor = [](R& r) {
-        r.colorImageSize.setZero(), r.colorImageRange.setZero(), r.colorImagePar.setZero();
-    };
-    expect_findings<R>(
+TEST(RecordCheck, NamesTheWrongFields) {
+    constexpr int LARGEST = std::numeric_limits<int>::max();
+    expect_findings<CommonParameter>(check_common_parameter,
+                                     {{[](auto& r) { r.imageSize << 0, 1 << 30; }, "imageSize(0) imageSize(1) sample"},
+                                      {[](auto& r) { r.colorImageSize << 0, 0; }, ""},
+                                      {[](auto& r) { r.colorImageSize << 640, 0; }, "colorImageSize(1)"},
+                                      {[](auto& r) { r.sample = 0, r.rawPointDis = INFINITE; }, "sample rawPointDis"},
+                                      {[](auto& r) { r.sample = LARGEST; }, "sample"},
+                                      {[](auto& r) { r.campar.set_param(0, -1, NOT_A_NUMBER, INFINITE); },
+                                       "campar(fx) campar(fy) campar(cx) campar(cy)"}});
+    expect_findings<TrackParmeter>(
+        check_track_parmeter,
+        {{[](auto& r) { r.icpIterNum = 0; }, "icpIterNum icpInterNumFixed"},
+         {[](auto& r) { r.icpIterNum = LARGEST, r.icpInterNumFixed = -LARGEST; }, "icpIterNum icpInterNumFixed"},
+         {[](auto& r) { r.icpIterNum = 9, r.icpInterNumFixed = 6; }, "icpInterNumFixed"},
+         {[](auto& r) { r.icpIterNum = 10, r.icpInterNumFixed = 6; }, ""},
+         {[](auto& r) { r.icpDis << 2.0F, 1.0F; }, "icpDis(1)"},
+         {[](auto& r) { r.icpDis << 2.0F, 2.0F; }, ""},
+         {[](auto& r) { r.icpDisFeature << NOT_A_NUMBER, 1.0F; }, "icpDisFeature(0)"},
+         {[](auto& r) { r.icpDisAvgThread = 0.0F, r.icpDisAvgFeatureThread = NOT_A_NUMBER; },
+          "icpDisAvgThread icpDisAvgFeatureThread"},
+         {[](auto& r) { r.icpRataRay << -0.1F, 1.0F; }, "icpRataRay(0) icpRataRay(1)"},
+         {[](auto& r) { r.icpRataRayFeature << 0.5F, 0.4F; }, "icpRataRayFeature(1)"},
+         {[](auto& r) { r.icpParticleSize = -1.0F, r.disUniform = 0.0F; }, "icpParticleSize disUniform"}});
+    expect_findings<FusionParameter>(
         check_fusion_parameter,
-        {{[](R& r) { r.treeDepth = 9; }, "treeDepth"},
-         {[](R& r) { r.treeDepth = 32; }, "treeDepth"},
-         {[](R& r) { r.pointDis = NOT_A_NUMBER; }, "pointDis"},
-         {[](R& r) {
-              r.fusionDataSize = {100000, 0};
-          },
-          "fusionDataSize(0) fusionDataSize(1)"},
-         {[](R& r) { r.currPointOffsetShow = INFINITE; }, "currPointOffsetShow"},
-         {[](R& r) {
-              r.viewBox = {500.0F, 400.0F};
-          },
-          "viewBox(1)"},
-         {[](R& r) { r.fusionLimitNum = -1, r.fusionLimitNumFeature = -1; }, "fusionLimitNum fusionLimitNumFeature"},
-         {[](R& r) {
-              r.colorOnInvaildPoint = {0.0F, 1.0F, 255.0F};
-          },
-          "colorOnInvaildPoint(2)"},
-         {[](R& r) { r.codeNumSet = 0; }, "codeNumSet"},
-         {[](R& r) { r.codeNumSet = 257; }, "codeNumSet"},  // loops would clamp it
-         {[](R& r) {
-              r.colorImageRange = {-1, 5, 1281, 5};
-          },
+        {{[](auto& r) { r.treeDepth = 9, r.pointDis = NOT_A_NUMBER, r.codeNumSet = 0; },
+          "treeDepth pointDis codeNumSet"},
+         {[](auto& r) { r.treeDepth = 32, r.codeNumSet = 257; }, "treeDepth codeNumSet"},
+         {[](auto& r) { r.fusionDataSize << 100000, 0; }, "fusionDataSize(0) fusionDataSize(1)"},
+         {[](auto& r) { r.viewBox << 500.0F, 400.0F; }, "viewBox(1)"},
+         {[](auto& r) { r.currPointOffsetShow = INFINITE, r.fusionLimitNum = r.fusionLimitNumFeature = -1; },
+          "currPointOffsetShow fusionLimitNum fusionLimitNumFeature"},
+         {[](auto& r) { r.colorOnInvaildPoint << 0.0F, 1.0F, 255.0F; }, "colorOnInvaildPoint(2)"},
+         {[](auto& r) { r.colorImageRange << -1, 5, 1281, 5; },
           "colorImageRange(0) colorImageRange(2) colorImageRange(3)"},
-         {[](R& r) { r.colorImagePar(0, 0) = NOT_A_NUMBER; }, "colorImagePar colorImagePar"},
-         {[](R& r) { r.colorImagePar(2, 1) = 1.0; }, "colorImagePar"},
-         {[](R& r) { r.tranLeftToColor.set_rotation(-Matrix3d::Identity()); }, "tranLeftToColor"},
-         {[](R& r) {
-              r.tranLeftToColor.set_translation({0, 0, INFINITE});
-          },
-          "tranLeftToColor"},
-         {[](R& r) {
-              r.colorImageSize = {-5, 1024};
-          },
-          "colorImageRange(2) colorImageSize(0)"},
-         {withoutColor, ""}});
-}
-
-TEST(RecordCheck, NamesTheWrongFieldOfTextureParam) {
-    using R = TextureParam;
-    expect_findings<R>(check_texture_param,
-                       {{[](R& r) {
-                             r.camera = {0.0F, NOT_A_NUMBER, INFINITE, 1.0F};
-                         },
-                         "camera(0) camera(1) camera(2)"},
-                        {[](R& r) { r.featureCount = 0; }, "featureCount"},
-                        {[](R& r) { r.trackerFlags[3] = 2, r.matchFlags[2] = 255; }, "trackerFlags(3) matchFlags(2)"},
-                        {[](R& r) { r.trackerSettings.fill(-1), r.trackerToken = ~std::uint64_t{0}; }, ""}});
+         {[](auto& r) { r.colorImagePar(0, 0) = NOT_A_NUMBER; }, "colorImagePar colorImagePar"},
+         {[](auto& r) { r.colorImagePar(2, 1) = 1.0; }, "colorImagePar"},
+         {[](auto& r) { r.tranLeftToColor.set_rotation(-Matrix3d::Identity()); }, "tranLeftToColor"},
+         {[](auto& r) { r.tranLeftToColor.get_translation().z() = INFINITE; }, "tranLeftToColor"},
+         {[](auto& r) { r.colorImageSize << -5, 1024; }, "colorImageRange(2) colorImageSize(0)"},
+         {[](auto& r) { r.colorImageSize.setZero(), r.colorImageRange.setZero(), r.colorImagePar.setZero(); }, ""}});
+    expect_findings<TextureParam>(
+        check_texture_param, {{[](auto& r) {
+                                   r.camera = {0.0F, NOT_A_NUMBER, INFINITE, 1.0F};
+                               },
+                               "camera(0) camera(1) camera(2)"},
+                              {[](auto& r) { r.featureCount = 0, r.trackerFlags[3] = 2, r.matchFlags[2] = 255; },
+                               "featureCount trackerFlags(3) matchFlags(2)"},
+                              {[](auto& r) { r.trackerSettings.fill(-1), r.trackerToken = ~std::uint64_t{0}; }, ""}});
 }
 
 TEST(RecordCheck, SaysWhyWithTheValueFound) {
@@ -279,47 +203,29 @@ TEST(HandleFrame, NullTextsStandAsTheyAre) {
               "can not run function fusion_without_track_teeth because pFusionTrack = NULL\n");
 }
 
-TEST(HandleFrame, EveryResultTypeHasItsNullAndItsExceptionValue) {
+TEST(HandleFrame, NullAndExceptionGiveTheirLineAndValue) {
     Counter counter{7};
-    const Cloud empty;
-    const RigidMatrix identity;
+    const Cloud empty, shown;
     const auto run = [&](void* handle, bool fails) {
         const ExportedFunction function{"step", null_text::SESSION};
-        const auto body = [&](auto result) {
-            return [=](Counter& object) -> decltype(result) {
-                if (fails) throw std::runtime_error("disk full");
-                ++object.value;
-                return result;
-            };
-        };
-        EXPECT_EQ((on_handle<Counter, RetVal>(handle, function, {RET_INI_ERROR, RET_RUN_FAIL}, body(RET_SUCCESS))),
-                  !handle ? RET_INI_ERROR
-                  : fails ? RET_RUN_FAIL
-                          : RET_SUCCESS);
-        EXPECT_EQ((on_handle<Counter, bool>(handle, function, {false, false}, body(true))), handle && !fails);
-        const RigidMatrix pose = on_handle<Counter, RigidMatrix>(
-            handle, function, {identity, identity}, body(RigidMatrix(Matrix3d::Identity(), Vector3d(1, 2, 3))));
-        EXPECT_EQ(pose.get_translation(), handle && !fails ? Vector3d(1, 2, 3) : Vector3d(0, 0, 0));
-        const Cloud shown;
-        const Cloud& cloud =
-            on_handle<Counter, const Cloud&>(handle, function, {empty, empty}, [&](Counter& object) -> const Cloud& {
-                if (fails) throw std::runtime_error("disk full");
-                ++object.value;
-                return shown;
-            });
-        EXPECT_EQ(&cloud, handle && !fails ? &shown : &empty);
-        on_handle<Counter>(handle, function, [&](Counter& object) {
+        const auto step = [&](Counter& object) {
             if (fails) throw std::runtime_error("disk full");
             ++object.value;
-        });
+        };
+        const auto result = on_handle<Counter, RetVal>(handle, function, {RET_INI_ERROR, RET_RUN_FAIL},
+                                                       [&](Counter& object) { return step(object), RET_SUCCESS; });
+        EXPECT_EQ(result, !handle ? RET_INI_ERROR : fails ? RET_RUN_FAIL : RET_SUCCESS);
+        const Cloud& cloud = on_handle<Counter, const Cloud&>(
+            handle, function, {empty, empty}, [&](Counter& object) -> const Cloud& { return step(object), shown; });
+        EXPECT_EQ(&cloud, handle && !fails ? &shown : &empty);
+        on_handle<Counter>(handle, function, step);
     };
-    const auto fiveTimes = [](const std::string& line) { return line + line + line + line + line; };
-
-    EXPECT_EQ(printed([&] { run(nullptr, false); }), fiveTimes("fail because pFusionTrack = NULL\n"));
-    EXPECT_EQ(printed([&] { run(&counter, true); }), fiveTimes("step failed: disk full\n"));
+    const auto thrice = [](const std::string& line) { return line + line + line; };
+    EXPECT_EQ(printed([&] { run(nullptr, false); }), thrice("fail because pFusionTrack = NULL\n"));
+    EXPECT_EQ(printed([&] { run(&counter, true); }), thrice("step failed: disk full\n"));
     EXPECT_EQ(counter.value, 7);
     EXPECT_EQ(printed([&] { run(&counter, false); }), "");
-    EXPECT_EQ(counter.value, 12);
+    EXPECT_EQ(counter.value, 10);
 }
 
 TEST(HandleFrame, WhateverIsThrownEndsInOneLine) {

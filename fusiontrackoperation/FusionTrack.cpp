@@ -241,8 +241,9 @@ RetVal FusionTrack::reset(bool withTexture) {
         const std::lock_guard<std::mutex> state(_stateMutex);
         _state = FusionScanState();
     }
-    if (withTexture && _textureTracker != nullptr && !vexel_sfm::tbt_reset(_textureTracker)) return RET_RUN_FAIL;
-    return RET_SUCCESS;
+    if (!withTexture || _textureTracker == nullptr || vexel_sfm::tbt_reset(_textureTracker)) return RET_SUCCESS;
+    print_line("fusion_reset failed: the texture tracker can not be reset");
+    return RET_RUN_FAIL;
 }
 
 RetVal FusionTrack::reset_tree() {

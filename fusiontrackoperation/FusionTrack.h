@@ -127,7 +127,7 @@ private:
     bool has_enough_prediction();
     void set_up_tracking(const PointImage& frame);
     void find_coarse_pose();
-    FrameOutcome refine_pose();
+    bool refine_pose();
     bool passes_speed_check(int& speedState) const;
     bool is_over_fast() const;
     RigidMatrix append_pose(RigidMatrix pose);

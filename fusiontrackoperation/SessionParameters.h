@@ -19,17 +19,18 @@ struct FixedParameters {
     float intervalFactor = 3.0F;         ///< half-width of the guided raycast's interval, half voxels
 };
 
-/// The settings of a session's parts. Lengths in mm, sizes in pixels.
+/// The settings of a session's parts, and which fields of the records they come from. Lengths in mm, sizes in pixels.
 ///
-/// | part | from |
-/// |---|---|
-/// | images | imageSize / sample (integer division), campar / sample, sample; view radial (0, 0) |
-/// | volume | treeDepth, pointDis, cone half-width, fusionDataSize(0) as fusion range, codeNumSet threads, outputPath |
-/// | ICP | icpIterNum, icpInterNumFixed, icpDis, icpDisAvgThread, icpRataRay, outputPath, keep ratios `icpKeepRatio`,
-/// threads | | particle tracker | `particle...` below, particles' steps icpParticleSize, outputPath, threads | |
-/// feature registration | 5, 10, 20, disUniform as sampling, 3 | | limit of valid points | fusionLimitNum, never below
-/// the fixed lower bound | | prediction | normals from the rendered image with pixel step fusionDataSize(1), see
-/// `normalReach` | | view after `set_campar` | viewBox as nearest and farthest | | display | colorOnInvaildPoint |
+/// - images: imageSize / sample (integer division), campar / sample, view radial (0, 0)
+/// - volume: treeDepth, pointDis, the fixed cone half-width, fusionDataSize(0) as fusion range
+/// - ICP: icpIterNum, icpInterNumFixed, icpDis, icpDisAvgThread, icpRataRay, `icpKeepRatio`
+/// - particle tracker: icpParticleSize as the grid's step, `particle_gate`, the `particle...` values, the fixed ratio
+/// - feature registration: the radii 5, 10 and 20 in units of disUniform, 3 candidates
+/// - least number of valid points: fusionLimitNum, never below the fixed bound
+/// - prediction: the fixed interval factor; normals from the rendered image with pixel step fusionDataSize(1) and
+///   `normal_reach`; viewBox as nearest and farthest when the camera is exchanged
+/// - display: colorOnInvaildPoint
+/// - threads and debug output of all of them: codeNumSet, outputPath
 ///
 /// deviceTag, scanType, the colour camera, currPointOffsetShow and the settings named "...Feature..." are kept with the
 /// session and act on nothing in it.

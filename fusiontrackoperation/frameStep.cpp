@@ -116,7 +116,7 @@ FrameOutcome FusionTrack::track_and_fuse(const char* function, const PointImage&
     if (!has_enough_prediction()) return FrameOutcome::EmptyPrediction;
     set_up_tracking(frame);
     find_coarse_pose();
-    if (const FrameOutcome end = refine_pose(); end != FrameOutcome::TrackedOnly) return end;
+    if (!refine_pose()) return outcome_of(_pIcp->get_end());
     if (!passes_speed_check(arguments.speedState)) return FrameOutcome::TooFast;
 
     _lastFrameTimeGap = arguments.frameTimeGap;
@@ -198,8 +198,8 @@ FrameOutcome FusionTrack::run_step(const char* function, const Body& body) {
         print_line(format_text("can not run function %s because the session is busy with another frame", function));
         return FrameOutcome::Failed;
     }
-    const std::lock_guard<std::mutex> step(_stepMutex);
     wholeStepTimer.restart();
+    const std::lock_guard<std::mutex> step(_stepMutex);
     const RigidMatrix relative = _stepState.relative;
     _stepState = FusionScanState();
     _stepState.relative = relative;
@@ -328,7 +328,7 @@ void FusionTrack::find_coarse_pose() {
     _stepState.times.particles = stepTimer.milliseconds();
 }
 
-FrameOutcome FusionTrack::refine_pose() {
+bool FusionTrack::refine_pose() {
     stepTimer.restart();
     const RetVal result = _pIcp->realTimeIcp(_fixedImage, _movingImage, _relative, _initialPose, _debugLevel, false);
     _stepState.times.icp = stepTimer.milliseconds();
@@ -337,10 +337,10 @@ FrameOutcome FusionTrack::refine_pose() {
     _stepState.correspondences = static_cast<int>(_pIcp->get_corr_par().x());
     if (result != RET_SUCCESS) {
         print_line("icp false" + std::string(115, 'e') + " ");
-        return outcome_of(_pIcp->get_end());
+        return false;
     }
     _stepState.relative = _relative;
-    return FrameOutcome::TrackedOnly;
+    return true;
 }
 
 bool FusionTrack::passes_speed_check(int& speedState) const {

@@ -297,6 +297,60 @@ TEST(LifeCycle, AfterAResetTheSessionIsAsNew) {
     }
 }
 
+struct TextureLog {
+    vexel_sfm::TextureTrackerSettings settings;
+    int made = 0, resets = 0, released = 0;
+};
+TextureLog textureLog;
+
+/// Counts what a session does with its tracker.
+class LoggedTracker : public vexel_sfm::TextureTracker {
+public:
+    ~LoggedTracker() override { ++textureLog.released; }
+    bool reset() override { return ++textureLog.resets < 2; }
+    bool get_features(const vexel_sfm::TextureImage&, std::vector<Vector2f>&) override { return false; }
+    bool first_frame(const PointImage&, const vexel_sfm::TextureImage&) override { return false; }
+    bool add_frame(const PointImage&, const vexel_sfm::TextureImage&, RigidMatrix&) override { return false; }
+    bool feature_stitch(RigidMatrix&) override { return false; }
+    bool renew_current_frame(const RigidMatrix&) override { return false; }
+    bool from_cache(int) override { return false; }
+    bool reconnect(const PointImage&, const vexel_sfm::TextureImage&, RigidMatrix&) override { return false; }
+    bool delete_points(const std::vector<Vector3f>&, float) override { return false; }
+};
+
+TEST(LifeCycle, TheTextureTrackerIsMadeResetAndReleased) {
+    const Records records = Scan("smooth").records;
+    const auto before = vexel_sfm::register_texture_tracker(
+        [](const vexel_sfm::TextureTrackerSettings& settings) -> std::unique_ptr<vexel_sfm::TextureTracker> {
+            textureLog.settings = settings;
+            ++textureLog.made;
+            return std::make_unique<LoggedTracker>();
+        });
+    TextureParam texture;
+    texture.camera = {1.5F, 2.5F, 3.5F, 4.5F};
+    texture.trackerToken = 77;
+    const RigidMatrix leftToTexture(Matrix3d::Identity(), {1, 2, 3});
+    printed([&] {
+        void* plain = fusion_and_track_ini(records.common, records.track, records.fusion);
+        EXPECT_EQ(textureLog.made, 0) << "only the form with a texture record makes one";
+        fusiontrack_release(plain);
+        void* session = fusion_and_track_ini(records.common, records.track, records.fusion, texture, leftToTexture);
+        EXPECT_EQ(textureLog.made, 1);
+        EXPECT_EQ(textureLog.settings.camera[3], 4.5);
+        EXPECT_EQ(textureLog.settings.trackerToken, 77U);
+        EXPECT_EQ(textureLog.settings.leftToTexture.get_translation(), Vector3d(1, 2, 3));
+        fusion_reset_withoutTex(session);
+        fusion_tree_reset(session);
+        EXPECT_EQ(textureLog.resets, 0);
+        EXPECT_EQ(fusion_reset(session), RET_SUCCESS);
+        EXPECT_EQ(fusion_reset(session), RET_RUN_FAIL) << "the tracker refused";
+        EXPECT_EQ(textureLog.resets, 2);
+        fusiontrack_release(session);
+        EXPECT_EQ(textureLog.released, 1);
+    });
+    vexel_sfm::register_texture_tracker(before);
+}
+
 TEST(Results, AreNearTheTruthAtAnySpacing) {
     const Scan scan("smooth");
     Session session(scan.records);

@@ -8,7 +8,7 @@
 #include <algorithm>
 #include <cstddef>
 
-#include "foundation/raceAnnotations.h"
+#include "foundation/sanitizedThreads.h"
 
 namespace VexelAlgorithm {
 
@@ -29,15 +29,15 @@ void parallel_ranges(int threads, std::size_t count, std::size_t grain, const Bo
         body(std::size_t{0}, count);
         return;
     }
+#if defined(VEXEL_THREAD_SANITIZER)
+    sanitized_ranges(usable_threads(threads), count, std::max<std::size_t>(grain, 1), body);
+#else
     tbb::task_arena arena(usable_threads(threads));
-    ForkJoin loop;
     arena.execute([&] {
         tbb::parallel_for(tbb::blocked_range<std::size_t>(0, count, std::max<std::size_t>(grain, 1)),
-                          [&](const tbb::blocked_range<std::size_t>& range) {
-                              const ForkJoin::Task task(loop);
-                              body(range.begin(), range.end());
-                          });
+                          [&](const tbb::blocked_range<std::size_t>& range) { body(range.begin(), range.end()); });
     });
+#endif
 }
 
 /// The number of processors that the library uses where no thread number is configured; at least 1.

@@ -14,6 +14,7 @@ namespace VexelAlgorithm {
 namespace {
 
 constexpr int MOST_SLOTS = 1 << 24;  // an image takes 30 bytes a slot, and a session holds half a dozen
+constexpr int PARTICLE_POINTS = 10000;
 constexpr int MOST_ITERATIONS = 1000;
 constexpr int DEEPEST_TREE = 20;
 constexpr int LARGEST_FUSION_RANGE = 63;
@@ -63,7 +64,7 @@ void replace_unusable_display_settings(FusionParameter& fusion) {
 }  // namespace
 
 float SessionParameters::particle_gate() const {
-    return std::max(track.icpDis(1), 0.5F * track.icpParticleSize);
+    return std::max(track.icpDis(1), 1.8F * track.icpParticleSize);
 }
 
 float SessionParameters::normal_reach(float pointDis) const {
@@ -91,6 +92,8 @@ SessionParameters make_session_parameters(const CommonParameter& common, const T
     parameters.fixed = fixed;
     parameters.imageSize = frame_size(common);
     parameters.camera = common.campar.scaled_down(common.sample);
+    // Odd, so that the columns of the image take turns.
+    parameters.particleStep = std::max(parameters.imageSize.prod() / PARTICLE_POINTS, 1) | 1;
     parameters.icpLimitNum = std::max(fusion.fusionLimitNum, fixed.icpLimitLowerBound);
 
     replace("icpInterNumFixed", parameters.track.icpInterNumFixed, std::max(track.icpInterNumFixed, 0));

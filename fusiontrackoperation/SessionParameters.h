@@ -46,11 +46,12 @@ struct SessionParameters {
 
     Vector2f icpKeepRatio{0.7F, 0.9F};  ///< share of correspondences kept in the first and in the fine iterations
     int particleIterations = 5;         ///< of the rough stage
-    int particleStep = 12;              ///< one in so many points is used
+    int particleStep = 1;               ///< one in so many points is used: about 10000 of a full image
     Vector3i particleCounts{5, 5, 1};   ///< along x, y, z
     float particleKeepRatio = 0.8F;     ///< share of a particle's correspondences kept
 
-    /// Correspondence gate of the particles: the ICP's widest, and wide enough for a start half a grid step away.
+    /// Correspondence gate of the particles: the ICP's widest, and wide enough for a start half a diagonal of the grid
+    /// away and a turn of some degrees.
     float particle_gate() const;
     /// How far points may lie apart that make one normal of the prediction: three times the distance that neighbours
     /// of the window have on a surface seen from the front, so that slopes up to 70 degrees have normals.

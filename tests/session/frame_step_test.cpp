@@ -173,6 +173,22 @@ TEST(FrameStep, ABlackOutIsAState) {
     EXPECT_LT(pose_error(truth, get_current_rt(session)).x(), 0.5);
 }
 
+TEST(FrameStep, JumpsWithinTheParticleGridAreTracked) {
+    const Scan scan("jump", 160, 0.1);
+    const auto step = [&](int i) {
+        return pose_error(scan.sequence.pose_in_model(i - 1), scan.sequence.pose_in_model(i)).x();
+    };
+    int jump = 1;
+    for (int i = 2; i < scan.sequence.frame_count(); ++i) jump = step(i) > step(jump) ? i : jump;
+    ASSERT_GT(step(jump), 25.0);
+    Session session(scan.records);
+    for (int i = jump - 2; i < jump + 2; ++i) {
+        ASSERT_TRUE(session.step(scan.frame(i))) << i - jump;
+        const RigidMatrix truth = scan.sequence.pose_in_model(jump - 2).inverse() * scan.sequence.pose_in_model(i);
+        EXPECT_LT(pose_error(truth, get_current_rt(session)).x(), 0.5) << i - jump;
+    }
+}
+
 TEST(FrameStep, SomethingElseInViewIsLost) {
     const Scan scan("smooth"), other("bare_plane");
     Session session(scan.records);

@@ -1,0 +1,133 @@
+#include "SpeckleRebCPU/DepthRange.h"
+
+#include <algorithm>
+
+#include "SpeckleRebCPU/parallaxFacets.h"
+#include "foundation/diagnostics.h"
+#include "foundation/parallel.h"
+
+namespace VexelAlgorithm {
+namespace {
+
+constexpr std::size_t ROW_GRAIN = 16;
+
+bool is_in_front(double depth) {
+    return depth > 0.0 && std::isfinite(depth);
+}
+
+template <class Body>
+void for_each_slot(int width, int height, int threads, const Body& body) {
+    parallel_ranges(threads, static_cast<std::size_t>(height), ROW_GRAIN, [&](std::size_t begin, std::size_t end) {
+        for (std::size_t y = begin; y < end; ++y)
+            for (int x = 0; x < width; ++x)
+                body(x, static_cast<int>(y), y * static_cast<std::size_t>(width) + static_cast<std::size_t>(x));
+    });
+}
+
+}  // namespace
+
+void DepthRange::ini(int width, int height, int sample, const StereoGeometry& geometry) {
+    _width = width;
+    _height = height;
+    _sample = sample;
+    _geometry = geometry;
+    _vecParallax.assign(width, height);
+    set_zero();
+}
+
+void DepthRange::set_zero() {
+    if (_vecParallax.parallax.empty()) {
+        print_line(" _vecParallax.size() == 0  set_zero");
+        return;
+    }
+    const std::size_t slots = _vecParallax.parallax.size();
+    _hasRange = false;
+    _near.assign(slots, 0.0F);
+    _far.assign(slots, 0.0F);
+    _vecParallax.assign(_width, _height);
+    _vecPoints.assign(slots, Vector3f::Zero());
+    _vecNormal.assign(slots, Vector3f::Zero());
+}
+
+void DepthRange::parallax_range_convert_to_depth_range(const Raster<float>& parallax, float margin) {
+    set_zero();
+    for (std::size_t i = 0; i < parallax.size(); ++i) {
+        if (!has_parallax(parallax[i]) || !is_in_front(_geometry.depth_of(parallax[i]))) continue;
+        const double ends[2] = {_geometry.depth_of(parallax[i] - margin), _geometry.depth_of(parallax[i] + margin)};
+        // Beyond infinity the depth is negative; the interval then ends where the parallax is.
+        const double depth = _geometry.depth_of(parallax[i]);
+        const double first = is_in_front(ends[0]) ? ends[0] : depth, second = is_in_front(ends[1]) ? ends[1] : depth;
+        _near[i] = static_cast<float>(std::min(first, second));
+        _far[i] = static_cast<float>(std::max(first, second));
+    }
+    _hasRange = true;
+}
+
+void DepthRange::facets_from_range() {
+    _vecParallax.assign(_width, _height);
+    for (std::size_t i = 0; i < _near.size(); ++i)
+        if (_near[i] > 0.0F)
+            _vecParallax.parallax[i] =
+                static_cast<float>(0.5 * (_geometry.parallax_of(_near[i]) + _geometry.parallax_of(_far[i])));
+}
+
+void DepthRange::move_parallax(std::size_t slot, float step) {
+    const auto one = static_cast<float>(_geometry.parallax_of(_near[slot]));
+    const auto other = static_cast<float>(_geometry.parallax_of(_far[slot]));
+    float& parallax = _vecParallax.parallax[slot];
+    parallax = std::clamp(parallax + step, std::min(one, other), std::max(one, other));
+}
+
+void DepthRange::depth_gaussian_smooth(int radius, float sigma, float tolerance, float slopeTolerance, int threads) {
+    fit_facets({radius, 1, sigma, tolerance, slopeTolerance}, _sample, threads, _vecParallax);
+}
+
+void DepthRange::depth_window_smooth(int window, float tolerance, float slopeTolerance, int threads) {
+    // Five samples along each axis spread as far as the pixels of the window when they stand this far apart: the
+    // variance of an even distribution is (window^2 - 1) / 12, that of five points 2 spacing^2.
+    const double spacing = std::sqrt((static_cast<double>(window) * window - 1.0) / 24.0) / _sample;
+    const FacetFit fit{2, std::max(1, static_cast<int>(std::lround(spacing))), std::numeric_limits<float>::infinity(),
+                       tolerance, slopeTolerance};
+    fit_facets(fit, _sample, threads, _vecParallax);
+}
+
+void DepthRange::update_points(int threads) {
+    for_each_slot(_width, _height, threads, [&](int x, int y, std::size_t slot) {
+        float& parallax = _vecParallax.parallax[slot];
+        const Vector3d point =
+            has_parallax(parallax) ? _geometry.point(x * _sample, y * _sample, parallax) : Vector3d::Zero();
+        if (!is_in_front(point.z())) parallax = NO_PARALLAX;
+        _vecPoints[slot] = has_parallax(parallax) ? Vector3f(point.cast<float>()) : Vector3f(Vector3f::Zero());
+    });
+}
+
+void DepthRange::update_normals(int threads) {
+    for_each_slot(_width, _height, threads, [&](int x, int y, std::size_t slot) {
+        const float parallax = _vecParallax.parallax[slot];
+        _vecNormal[slot].setZero();
+        if (!has_parallax(parallax)) return;
+        const Vector3d normal =
+            _geometry.normal(x * _sample, y * _sample, parallax, _vecParallax.slopeX[slot], _vecParallax.slopeY[slot]);
+        if (normal.allFinite()) _vecNormal[slot] = normal.cast<float>();
+    });
+}
+
+bool DepthRange::set_point_vector(const std::vector<Vector3f>& vecPoints) {
+    if (vecPoints.size() != _vecPoints.size()) {
+        print_line("vecPoints.size() != _vecPoints.size() in set_point_vector func ");
+        return false;
+    }
+    _vecPoints = vecPoints;
+    return true;
+}
+
+bool DepthRange::set_normal_vector(const std::vector<Vector3f>& vecNormal) {
+    if (vecNormal.size() != _vecNormal.size()) {
+        print_line("vecNormal.size() != _vecNormal.size() in set_point_vector func ");
+        return false;
+    }
+    _vecNormal = vecNormal;
+    return true;
+}
+
+}  // namespace VexelAlgorithm

@@ -1,0 +1,33 @@
+// Settings of the speckle reconstruction.
+#pragma once
+
+#include <string>
+#include <vector>
+
+#include "foundation/export.h"
+#include "foundation/types.h"
+
+namespace VexelAlgorithm {
+
+/// The defaults describe a hand-held scanner with 1.3 megapixel cameras; the calibration and the search range have to
+/// be filled in.
+struct RebParam {
+    Vector2i imgSize{1280, 1024};  ///< width, height of the raw images, pixels
+    int sampleRatio = 2;           ///< one point per sampleRatio x sampleRatio pixels, 1 to 16
+    bool isDebug2OutPut = false;   ///< dump every stage into `debugPath`
+    /// Window (full width, pixels of the sampled image) and threshold of the texture test: the root mean square of the
+    /// grey-value differences I(x + 1) - I(x - 1). 0 takes everything.
+    Vector2i gradientTh{11, 3};
+    /// Parallax search range [first, last) of c - x, pixels of the rectified full-size images: the point seen at left
+    /// column x is looked for at right columns c from x + first on, below x + last.
+    Vector2i findRange{-128, 128};
+    Vector2i pixMatchWin{11, 11};           ///< width, height, odd, 3 to 63; pixels of the sampled image
+    Vector2i subPixMatchWin{21, 21};        ///< width, height, odd, 3 to 63; pixels of the full-size image
+    Vector4i imageRange{0, 1280, 0, 1024};  ///< xBegin, xEnd, yBegin, yEnd: processed rectangle, full-size pixels
+    /// Camera vectors of 22 values: fx, fy, cx, cy, alpha, k1, k2, p1, p2, k3, translation, rotation row by row.
+    std::vector<float> leftCalib;
+    std::vector<float> rightCalib;
+    std::string debugPath;  ///< directory and prefix of the debug dumps
+};
+
+}  // namespace VexelAlgorithm

@@ -1,0 +1,427 @@
+#include "SpeckleRebCPU/SpeckleRebCpu.h"
+
+#include <algorithm>
+#include <chrono>
+#include <cmath>
+
+#include "SpeckleRebCPU/growMatches.h"
+#include "SpeckleRebCPU/parallaxFilters.h"
+#include "SpeckleRebCPU/pixelMatch.h"
+#include "SpeckleRebCPU/subPixelStep.h"
+#include "SpeckleRebCPU/verifyMatch.h"
+#include "foundation/diagnostics.h"
+#include "foundation/parallel.h"
+
+namespace VexelAlgorithm {
+
+struct SpeckleRebCpu::StageNames {
+    const char *origin, *remap, *pyramid, *mask;
+    const char *pixMatch, *removeNoise, *fill, *invalid, *depthRange;
+    const char *preSubPixel, *smoothRange, *normals, *iterated;
+};
+
+namespace {
+
+// ---- pixel stage, sampled pixels ----
+constexpr float SEED_SCORE = 0.6F;
+constexpr float WEAK_SEED_SCORE = 0.45F;
+constexpr float SMALLEST_GROWN_SCORE = 0.6F;
+constexpr float REGION_STEP = 1.0F;
+constexpr std::size_t SEED_SHARE = 8000;  // a region of matches has at least one slot in so many
+constexpr float RANGE_MARGIN = 1.5F;
+
+// ---- sub-pixel stage, full-size pixels ----
+constexpr int FIRST_STEPS = 1;
+constexpr int STEPS = 3;
+constexpr float LARGEST_FIRST_STEP = 1.0F;
+constexpr float LARGEST_STEP = 0.5F;
+constexpr float FACET_TOLERANCE = 0.5F;
+constexpr float FACET_SLOPE_TOLERANCE = 0.1F;
+constexpr float SMALLEST_SCORE = 0.6F;
+constexpr float LARGEST_LAST_STEP = 0.2F;
+
+// ---- noise removal ----
+constexpr std::size_t FIRST_ISLAND_SHARE = 4000;
+constexpr std::size_t ISLAND_SHARE = 1500;
+constexpr int CONSISTENCY_RADIUS = 3;
+constexpr int RETURN_RADIUS = 16;
+constexpr int RETURN_TOLERANCE = 2;
+constexpr int CELL_SIZE = 16;
+constexpr float NORMAL_SIGMA = 1.5F;
+
+class Stopwatch {
+public:
+    int elapsed_ms() const {
+        const auto elapsed = std::chrono::steady_clock::now() - _start;
+        const auto microseconds = std::chrono::duration_cast<std::chrono::microseconds>(elapsed).count();
+        return static_cast<int>(static_cast<double>(microseconds) / 1000.0);
+    }
+
+private:
+    std::chrono::steady_clock::time_point _start = std::chrono::steady_clock::now();
+};
+
+int floor_divide(int value, int divisor) {
+    return static_cast<int>(std::floor(static_cast<double>(value) / divisor));
+}
+
+}  // namespace
+
+std::unique_ptr<SpeckleRebCpu> SpeckleRebCpu::create(const RebParam& param) {
+    std::unique_ptr<SpeckleRebCpu> rebuild(new SpeckleRebCpu(param));
+    if (!rebuild->ini()) return nullptr;
+    return rebuild;
+}
+
+bool SpeckleRebCpu::ini() {
+    print_param();
+    if (!ini_common()) return false;
+    print_calibration();
+    for (DepthRange* store : {&_pixDepthRange, &_objDepthRange})
+        store->ini(_widthSample, _heightSample, _param.sampleRatio, _geometry);
+    print_line("SpeckleRebCpu ini done");
+    return true;
+}
+
+void SpeckleRebCpu::should_we_debug(bool isOn, bool images, int frame, bool points) {
+    _debug.enable(isOn);
+    _debug.select(images, points, frame);
+}
+
+bool SpeckleRebCpu::can_take(const unsigned char* left, const unsigned char* right, const PointImage& result) const {
+    if (left != nullptr && right != nullptr && result.get_image_height() == _heightSample &&
+        result.get_image_width() == _widthSample && result.is_legal())
+        return true;
+    print_line(
+        "!pImageL || !pImageR || resultData.get_image_height() != _heightSample || resultData.get_image_width() != "
+        "_widthSample ");
+    print_line(format_text("resultData.get_image_height() = %d", result.get_image_height()));
+    print_line(format_text("resultData.get_image_width() = %d", result.get_image_width()));
+    print_line(format_text("_heightSample = %d", _heightSample));
+    print_line(format_text("_widthSample = %d", _widthSample));
+    return false;
+}
+
+RetVal SpeckleRebCpu::run(const unsigned char* left, const unsigned char* right, PointImage& result, int& timeMs) {
+    static constexpr StageNames NAMES{"bmp_origin_image",
+                                      "bmp_remap_image",
+                                      "bmp_pyramid_image",
+                                      "bmp_valid_mask",
+                                      "asc_pix_match_zncc",
+                                      "asc_remove_noise_points",
+                                      "asc_fill_neigh_invalid_points",
+                                      "asc_save_invaild_points",
+                                      "parallax_range_convert_to_depth_range",
+                                      "asc_pre_subpixel_match_points",
+                                      "_objDepthRange.depth_gaussian_smooth",
+                                      "asc_points_normal",
+                                      "subpix_iter_points_normal"};
+    const Stopwatch watch;
+    if (!can_take(left, right, result)) return RET_INPUT_ERROR;
+    result.enable_vNormal();
+    result.enable_vWeight();
+    result.setZero();
+    _debug.set_frame(_frame++);
+    if (!prepare_images(left, right, NAMES) || !match_to_depth_range(NAMES)) return RET_RUN_FAIL;
+    refine(NAMES);
+    remove_noise();
+    write_result(result);
+    timeMs = watch.elapsed_ms();
+    return RET_SUCCESS;
+}
+
+RetVal SpeckleRebCpu::run_pixMatch(const unsigned char* left, const unsigned char* right, int& timeMs) {
+    static constexpr StageNames NAMES{"pixMatch_bmp_origin_image",
+                                      "pixMatch_bmp_remap_image",
+                                      "pixMatch_bmp_pyramid_image",
+                                      "pixMatch_bmp_valid_mask",
+                                      "pixMatch_pix_match_zncc",
+                                      "pixMatch_remove_noise_points",
+                                      "pixMatch_fill_neigh_invalid_points",
+                                      "pixMatch_match_result_to_save_invaild",
+                                      "pixMatch_parallax_range_convert_to_depth_range",
+                                      nullptr,
+                                      nullptr,
+                                      nullptr,
+                                      nullptr};
+    const Stopwatch watch;
+    _debug.set_frame(_frame++);
+    if (!prepare_images(left, right, NAMES))
+        return left == nullptr || right == nullptr ? RET_INPUT_ERROR : RET_RUN_FAIL;
+    if (!match_to_depth_range(NAMES)) return RET_RUN_FAIL;
+    timeMs = watch.elapsed_ms();
+    return RET_SUCCESS;
+}
+
+RetVal SpeckleRebCpu::run_subPix(const unsigned char* left, const unsigned char* right, PointImage& result,
+                                 int& timeMs) {
+    static constexpr StageNames NAMES{"subPix_origin_image",
+                                      "subPix_remap_image",
+                                      "subPix_pyramid_image",
+                                      "subPix_valid_mask",
+                                      nullptr,
+                                      nullptr,
+                                      nullptr,
+                                      nullptr,
+                                      nullptr,
+                                      "subPix_pre_subpixel_match_points",
+                                      "_objDepthRange.depth_gaussian_smooth",
+                                      "subPix_points_normal",
+                                      "subPix_iter_points_normal"};
+    const Stopwatch watch;
+    if (!can_take(left, right, result)) return RET_INPUT_ERROR;
+    if (!_pixDepthRange.has_range()) {
+        print_line("run_speckle_rebuild_subPix_cpu fail because the pixel stage has not run");
+        return RET_STATE_ERROR;
+    }
+    result.enable_vNormal();
+    result.enable_vWeight();
+    result.setZero();
+    _debug.set_frame(_frame++);
+    if (!prepare_images(left, right, NAMES)) return RET_RUN_FAIL;
+    refine(NAMES);
+    remove_noise();
+    write_result(result);
+    timeMs = watch.elapsed_ms();
+    return RET_SUCCESS;
+}
+
+bool SpeckleRebCpu::prepare_images(const unsigned char* left, const unsigned char* right, const StageNames& names) {
+    if (!remap(left, right)) return false;
+    if (_debug.is_on()) {
+        copy_raw(left, right);
+        _debug.images(names.origin, _raw.left, _raw.right);
+        _debug.images(names.remap, _remap.left, _remap.right);
+    }
+    build_pyramid();
+    _debug.images(names.pyramid, _pyramid.left, _pyramid.right);
+    if (!compute_valid_mask()) return false;
+    _debug.masks(names.mask, _mask.left, _mask.right);
+    return true;
+}
+
+bool SpeckleRebCpu::match_to_depth_range(const StageNames& names) {
+    if (!match_pixels_by_zncc()) return false;
+    _debug.parallaxes(names.pixMatch, _match);
+    remove_noise_points();
+    _debug.parallaxes(names.removeNoise, _match);
+    fill_neigh_invalid_points();
+    _debug.parallaxes(names.fill, _match);
+    save_invalid_points();
+    _debug.parallaxes(names.invalid, _match);
+
+    const auto sample = static_cast<float>(_param.sampleRatio);
+    Raster<float> parallax = _match;
+    for (std::size_t i = 0; i < parallax.size(); ++i) parallax[i] *= sample;
+    _pixDepthRange.parallax_range_convert_to_depth_range(parallax, RANGE_MARGIN * sample);
+    if (_debug.is_on()) {
+        DepthRange shown = _pixDepthRange;
+        shown.facets_from_range();
+        shown.update_points(_threads);
+        _debug.points(names.depthRange, shown);
+    }
+    return true;
+}
+
+bool SpeckleRebCpu::match_pixels_by_zncc() {
+    const int sample = _param.sampleRatio;
+    const PixelMatchTask task{_pyramid.left,
+                              _pyramid.right,
+                              _mask.left,
+                              _mask.right,
+                              _param.pixMatchWin.x(),
+                              _param.pixMatchWin.y(),
+                              floor_divide(_param.findRange(0), sample),
+                              -floor_divide(-_param.findRange(1), sample),
+                              _sampledRange};
+    if (!match_pixels(task, _threads, _match, _matchScore)) {
+        print_line("pre_compute_src_image_patch_eve_std failed");
+        return false;
+    }
+    for (int y = 0; y < _match.height(); ++y) {
+        float* match = _match.row(y);
+        for (int x = 0; x < _match.width(); ++x)
+            match[x] = match[x] == NO_MATCH ? NO_PARALLAX : match[x] - static_cast<float>(x);
+    }
+    return true;
+}
+
+std::size_t SpeckleRebCpu::island_limit(std::size_t share) const {
+    return std::max<std::size_t>(12, _match.size() / share);
+}
+
+void SpeckleRebCpu::remove_noise_points() {
+    _weakMatch = _match;
+    for (std::size_t i = 0; i < _match.size(); ++i) {
+        if (_matchScore[i] < SEED_SCORE) _match[i] = NO_PARALLAX;
+        if (_matchScore[i] < WEAK_SEED_SCORE) _weakMatch[i] = NO_PARALLAX;
+    }
+    remove_small_regions(island_limit(SEED_SHARE), REGION_STEP, _match);
+}
+
+/// Good matches grow first, as they know slants that upright windows do not; weaker ones then found new regions in what
+/// is left.
+void SpeckleRebCpu::fill_neigh_invalid_points() {
+    const auto sample = static_cast<float>(_param.sampleRatio);
+    const GrowTask task{_pyramid.left,
+                        _pyramid.right,
+                        _mask.left,
+                        _param.pixMatchWin.x(),
+                        _param.pixMatchWin.y(),
+                        static_cast<float>(_param.findRange(0)) / sample,
+                        static_cast<float>(_param.findRange(1)) / sample,
+                        SMALLEST_GROWN_SCORE};
+    grow_matches(task, _threads, _match, _matchScore);
+    for (std::size_t i = 0; i < _match.size(); ++i)
+        if (has_parallax(_match[i])) _weakMatch[i] = NO_PARALLAX;
+    remove_small_regions(island_limit(SEED_SHARE), REGION_STEP, _weakMatch);
+    bool isFounded = false;
+    for (std::size_t i = 0; i < _match.size(); ++i) {
+        if (!has_parallax(_weakMatch[i])) continue;
+        _match[i] = _weakMatch[i];
+        isFounded = true;
+    }
+    if (isFounded) grow_matches(task, _threads, _match, _matchScore);
+}
+
+void SpeckleRebCpu::save_invalid_points() {
+    _invalid.assign(_match.width(), _match.height());
+    for (std::size_t i = 0; i < _match.size(); ++i) _invalid[i] = has_parallax(_match[i]) ? 0 : 1;
+}
+
+void SpeckleRebCpu::refine(const StageNames& names) {
+    pre_subpixel_match();
+    if (_debug.is_on()) _objDepthRange.update_points(_threads);
+    _debug.points(names.preSubPixel, _objDepthRange);
+
+    _objDepthRange.depth_gaussian_smooth(2, 1.2F, 0.7F, 0.2F, _threads);
+    if (_debug.is_on()) _objDepthRange.update_points(_threads);
+    _debug.points(names.smoothRange, _objDepthRange);
+    _objDepthRange.update_normals(_threads);
+    _debug.points(names.normals, _objDepthRange);
+
+    iterate_subpixel_match();
+    _objDepthRange.update_points(_threads);
+    _objDepthRange.update_normals(_threads);
+    _debug.points(names.iterated, _objDepthRange);
+}
+
+void SpeckleRebCpu::pre_subpixel_match() {
+    _objDepthRange = _pixDepthRange;
+    _objDepthRange.facets_from_range();
+    for (int step = 0; step < FIRST_STEPS; ++step) {
+        _objDepthRange.depth_gaussian_smooth(3, 1.5F, 0.7F, 0.8F, _threads);
+        take_sub_pixel_step(LARGEST_FIRST_STEP);
+    }
+}
+
+/// Facets smooth the field and give the slants; the step under these facets brings back what the smoothing took. The
+/// field thus follows the surface closer than one window could, and windows see no residual curvature. What a window
+/// measures is the mean of that: the first-order subset of digital image correlation.
+void SpeckleRebCpu::iterate_subpixel_match() {
+    for (int step = 0; step < STEPS; ++step) {
+        if (step > 0) _objDepthRange.depth_gaussian_smooth(2, 1.2F, FACET_TOLERANCE, FACET_SLOPE_TOLERANCE, _threads);
+        take_sub_pixel_step(LARGEST_STEP);
+    }
+    drop_uncorrelated();
+    const int window = std::min(_param.subPixMatchWin.x(), _param.subPixMatchWin.y());
+    _objDepthRange.depth_window_smooth(window, FACET_TOLERANCE, FACET_SLOPE_TOLERANCE, _threads);
+}
+
+void SpeckleRebCpu::take_sub_pixel_step(float largestStep) {
+    const SubPixelTask task{_remap.left,
+                            _remap.right,
+                            _cover.left,
+                            _param.sampleRatio,
+                            _param.subPixMatchWin.x(),
+                            _param.subPixMatchWin.y()};
+    find_sub_pixel_steps(task, _objDepthRange.field(), _threads, _step, _score);
+    ParallaxField& field = _objDepthRange.field();
+    for (std::size_t i = 0; i < _step.size(); ++i) {
+        if (!has_parallax(field.parallax[i])) continue;
+        field.score[i] = _score[i];
+        if (has_parallax(_step[i])) _objDepthRange.move_parallax(i, std::clamp(_step[i], -largestStep, largestStep));
+    }
+}
+
+void SpeckleRebCpu::drop_uncorrelated() {
+    ParallaxField& field = _objDepthRange.field();
+    for (std::size_t i = 0; i < _step.size(); ++i)
+        if (!(std::abs(_step[i]) <= LARGEST_LAST_STEP) || field.score[i] < SMALLEST_SCORE) field.clear_slot(i);
+}
+
+void SpeckleRebCpu::remove_noise() {
+    ParallaxField& field = _objDepthRange.field();
+    const int sample = _param.sampleRatio;
+    const float regionStep = 0.5F + 0.8F * static_cast<float>(sample);
+    const auto dump = [&](const char* name) {
+        if (!_debug.is_on()) return;
+        _objDepthRange.update_points(_threads);
+        _debug.points(name, _objDepthRange);
+    };
+    remove_small_regions(island_limit(FIRST_ISLAND_SHARE), regionStep, field.parallax);
+    dump("remove_nosie");
+
+    remove_inconsistent(CONSISTENCY_RADIUS, 0.5F, 0.1F, sample, _threads, field);
+    remove_inconsistent(1, 0.5F, 0.1F, sample, _threads, field);
+    dump("after remove_nosie_with_parallax_consistency");
+
+    const VerifyTask task{_pyramid.left,
+                          _pyramid.right,
+                          sample,
+                          _param.pixMatchWin.x(),
+                          _param.pixMatchWin.y(),
+                          floor_divide(_param.findRange(0), sample),
+                          -floor_divide(-_param.findRange(1), sample),
+                          _windowCover.right,
+                          regionStep};
+    right_to_left_to_vertify_match(task, RETURN_RADIUS, RETURN_TOLERANCE, _threads, field);
+    dump("after right_to_left_to_vertify_match");
+
+    remove_cell_outliers(CELL_SIZE, 8.0F, 2.0F, CELL_SIZE * CELL_SIZE / 16, _threads, field);
+    dump("after remove_nosie_with_cell");
+
+    remove_small_regions(island_limit(ISLAND_SHARE), regionStep, field.parallax);
+    dump("after remove_isolated_island");
+
+    dump("measure point");
+    smooth_normals(NORMAL_SIGMA);
+    dump("after smooth normal");
+}
+
+/// Facets over a wider window give smoother slopes; the parallaxes stay.
+void SpeckleRebCpu::smooth_normals(float sigma) {
+    const Raster<float> measured = _objDepthRange.field().parallax;
+    _objDepthRange.depth_gaussian_smooth(3, sigma, 0.5F, 0.1F, _threads);
+    _objDepthRange.field().parallax = measured;
+    _objDepthRange.update_points(_threads);
+    _objDepthRange.update_normals(_threads);
+}
+
+void SpeckleRebCpu::write_result(PointImage& result) {
+    const std::vector<Vector3f>& points = _objDepthRange.get_point_vector();
+    const std::vector<Vector3f>& normals = _objDepthRange.get_normal_vector();
+    const Raster<float>& score = _objDepthRange.field().score;
+    const Mask& cover = _cover.right;
+    const Raster<float>& parallax = _objDepthRange.field().parallax;
+    const int sample = _param.sampleRatio;
+    for (int y = 0; y < _heightSample; ++y) {
+        for (int x = 0; x < _widthSample; ++x) {
+            const std::size_t slot = result.index_of(x, y);
+            if (!has_parallax(parallax[slot]) || normals[slot].isZero(0.0F)) continue;
+            const int column = static_cast<int>(static_cast<float>(x * sample) + parallax[slot] + 0.5F);
+            if (!cover.contains(column, y * sample) || cover.at(column, y * sample) == 0) continue;
+            const float cosine = -normals[slot].dot(points[slot].normalized());
+            if (!(cosine > 0.0F)) continue;
+            result.set_vCoord(slot, points[slot]);
+            result.set_vNrv(slot, normals[slot]);
+            result.set_vWeight(slot, cosine * score[slot]);
+        }
+    }
+    result.set_camPar(_geometry.camera.scaled_down(sample));
+    result.set_rt(RigidMatrix());
+    _debug.points("result_points", _objDepthRange);
+    _debug.image("result_image", _remap.left);
+}
+
+}  // namespace VexelAlgorithm

@@ -1,0 +1,64 @@
+// The stereo reconstruction of a speckle scanner on the processor.
+#pragma once
+
+#include <memory>
+
+#include "SpeckleRebCPU/CommonSpeReb.h"
+#include "SpeckleRebCPU/DepthRange.h"
+#include "foundation/PointImage.h"
+#include "foundation/RetVal.h"
+
+namespace VexelAlgorithm {
+
+/// From a raw image pair to a point and a normal per sampled pixel. One object reconstructs one frame at a time; the
+/// result does not depend on the thread number.
+class SpeckleRebCpu : public CommonSpeReb {
+public:
+    /// Null, with a line, when the settings or the calibration cannot be used.
+    static std::unique_ptr<SpeckleRebCpu> create(const RebParam& param);
+
+    /// The whole sequence.
+    RetVal run(const unsigned char* left, const unsigned char* right, PointImage& result, int& timeMs);
+    /// Up to the depth range, which stays in the object.
+    RetVal run_pixMatch(const unsigned char* left, const unsigned char* right, int& timeMs);
+    /// From the depth range on that the last pixel stage left.
+    RetVal run_subPix(const unsigned char* left, const unsigned char* right, PointImage& result, int& timeMs);
+
+    /// Dumps on or off, of bitmaps and of points, for one frame (counted from 0) or, when negative, all.
+    void should_we_debug(bool isOn, bool images, int frame, bool points);
+
+private:
+    struct StageNames;
+
+    explicit SpeckleRebCpu(const RebParam& param) : CommonSpeReb(param) {}
+    bool ini();
+
+    bool can_take(const unsigned char* left, const unsigned char* right, const PointImage& result) const;
+    bool prepare_images(const unsigned char* left, const unsigned char* right, const StageNames& names);
+    bool match_to_depth_range(const StageNames& names);
+    void refine(const StageNames& names);
+    void remove_noise();
+    void write_result(PointImage& result);
+
+    bool match_pixels_by_zncc();
+    void remove_noise_points();
+    void fill_neigh_invalid_points();
+    void save_invalid_points();
+    void pre_subpixel_match();
+    void iterate_subpixel_match();
+    void take_sub_pixel_step(float largestStep);
+    void drop_uncorrelated();
+    void smooth_normals(float sigma);
+    std::size_t island_limit(std::size_t share) const;
+
+    Raster<float> _match;  ///< parallax of the pixel stage, sampled pixels
+    Raster<float> _matchScore;
+    Raster<float> _weakMatch;   ///< matches that are not good enough to start from
+    Mask _invalid;              ///< pixels that the pixel stage could not match
+    DepthRange _pixDepthRange;  ///< kept between the stages
+    DepthRange _objDepthRange;
+    Raster<float> _step, _score;
+    int _frame = 0;
+};
+
+}  // namespace VexelAlgorithm

@@ -1,0 +1,190 @@
+#include "SpeckleRebCPU/parallaxFilters.h"
+
+#include <algorithm>
+#include <cmath>
+#include <vector>
+
+#include "foundation/parallel.h"
+#include "foundation/types.h"
+
+namespace VexelAlgorithm {
+namespace {
+
+constexpr std::size_t ROW_GRAIN = 16;
+
+/// Labels of regions that turned out to be one point to each other; the smallest is the root.
+class RegionLabels {
+public:
+    std::int32_t make() {
+        _parents.push_back(static_cast<std::int32_t>(_parents.size()));
+        return _parents.back();
+    }
+    std::int32_t root(std::int32_t label) {
+        while (parent(label) != label) {
+            parent(label) = parent(parent(label));
+            label = parent(label);
+        }
+        return label;
+    }
+    void unite(std::int32_t one, std::int32_t other) {
+        one = root(one);
+        other = root(other);
+        parent(std::max(one, other)) = std::min(one, other);
+    }
+    std::size_t count() const { return _parents.size(); }
+
+private:
+    std::int32_t& parent(std::int32_t label) { return _parents[static_cast<std::size_t>(label)]; }
+
+    std::vector<std::int32_t> _parents;
+};
+
+Raster<std::int32_t> label_regions(const Raster<float>& parallax, float largestStep, RegionLabels& labels) {
+    Raster<std::int32_t> label(parallax.width(), parallax.height(), -1);
+    for (int y = 0; y < parallax.height(); ++y) {
+        const float* row = parallax.row(y);
+        const float* above = y > 0 ? parallax.row(y - 1) : nullptr;
+        for (int x = 0; x < parallax.width(); ++x) {
+            if (!has_parallax(row[x])) continue;
+            std::int32_t& own = label.at(x, y);
+            if (x > 0 && std::abs(row[x] - row[x - 1]) <= largestStep) own = label.at(x - 1, y);
+            if (above != nullptr && std::abs(row[x] - above[x]) <= largestStep) {
+                const std::int32_t upper = label.at(x, y - 1);
+                if (own >= 0 && own != upper) labels.unite(own, upper);
+                if (own < 0) own = upper;
+            }
+            if (own < 0) own = labels.make();
+        }
+    }
+    return label;
+}
+
+bool is_supported(const ParallaxField& field, int x, int y, int radius, float tolerance, float slopeTolerance,
+                  int sample) {
+    const float own = field.parallax.at(x, y);
+    const float a = field.slopeX.at(x, y) * static_cast<float>(sample);
+    const float b = field.slopeY.at(x, y) * static_cast<float>(sample);
+    int present = 0, supporting = 0;
+    for (int dy = -radius; dy <= radius; ++dy) {
+        if (y + dy < 0 || y + dy >= field.parallax.height()) continue;
+        const float* row = field.parallax.row(y + dy);
+        for (int dx = std::max(-radius, -x); dx <= std::min(radius, field.parallax.width() - 1 - x); ++dx) {
+            const float other = row[x + dx];
+            if (!has_parallax(other)) continue;
+            ++present;
+            const float distance = std::sqrt(static_cast<float>(dx * dx + dy * dy)) * static_cast<float>(sample);
+            const float expected = own + a * static_cast<float>(dx) + b * static_cast<float>(dy);
+            if (std::abs(other - expected) <= tolerance + slopeTolerance * distance) ++supporting;
+        }
+    }
+    const int window = (2 * radius + 1) * (2 * radius + 1);
+    return 2 * supporting >= present && 5 * supporting >= window;
+}
+
+struct CellSlot {
+    std::size_t index;
+    Vector3d row;  ///< 1, x, y
+    double parallax;
+};
+
+std::vector<CellSlot> slots_of_cell(const ParallaxField& field, int x0, int y0, int cellSize) {
+    std::vector<CellSlot> slots;
+    for (int y = y0; y < std::min(y0 + cellSize, field.parallax.height()); ++y) {
+        for (int x = x0; x < std::min(x0 + cellSize, field.parallax.width()); ++x) {
+            const float parallax = field.parallax.at(x, y);
+            if (!has_parallax(parallax)) continue;
+            const auto index = static_cast<std::size_t>(&field.parallax.at(x, y) - field.parallax.data());
+            slots.push_back({index, Vector3d(1.0, x - x0, y - y0), parallax});
+        }
+    }
+    return slots;
+}
+
+/// Least squares over the slots within `limit` of the plane.
+Vector3d refit(const std::vector<CellSlot>& slots, const Vector3d& plane, double limit) {
+    Matrix3d normal = 1e-6 * Matrix3d::Identity();
+    Vector3d right = Vector3d::Zero();
+    for (const CellSlot& slot : slots) {
+        if (std::abs(slot.row.dot(plane) - slot.parallax) > limit) continue;
+        normal += slot.row * slot.row.transpose();
+        right += slot.row * slot.parallax;
+    }
+    return normal.inverse() * right;
+}
+
+double robust_deviation(const std::vector<CellSlot>& slots, const Vector3d& plane) {
+    std::vector<double> residuals;
+    for (const CellSlot& slot : slots) residuals.push_back(std::abs(slot.row.dot(plane) - slot.parallax));
+    const auto middle = residuals.begin() + static_cast<std::ptrdiff_t>(residuals.size() / 2);
+    std::nth_element(residuals.begin(), middle, residuals.end());
+    return 1.4826 * *middle;
+}
+
+void clean_cell(ParallaxField& field, int x0, int y0, int cellSize, float factor, float tolerance, int fewest) {
+    const std::vector<CellSlot> slots = slots_of_cell(field, x0, y0, cellSize);
+    if (slots.empty()) return;
+    if (slots.size() < static_cast<std::size_t>(fewest)) {
+        for (const CellSlot& slot : slots) field.clear_slot(slot.index);
+        return;
+    }
+    Vector3d plane = refit(slots, Vector3d::Zero(), std::numeric_limits<double>::infinity());
+    plane = refit(slots, plane, std::max(3.0 * robust_deviation(slots, plane), 0.05));
+    const double limit =
+        std::max(static_cast<double>(factor) * robust_deviation(slots, plane), static_cast<double>(tolerance));
+    for (const CellSlot& slot : slots)
+        if (std::abs(slot.row.dot(plane) - slot.parallax) > limit) field.clear_slot(slot.index);
+}
+
+}  // namespace
+
+ParallaxRegions find_regions(float largestStep, const Raster<float>& parallax) {
+    RegionLabels labels;
+    ParallaxRegions regions{label_regions(parallax, largestStep, labels), {}};
+    regions.sizes.assign(labels.count(), 0);
+    for (std::size_t i = 0; i < regions.label.size(); ++i) {
+        std::int32_t& label = regions.label[i];
+        if (label < 0) continue;
+        label = labels.root(label);
+        ++regions.sizes[static_cast<std::size_t>(label)];
+    }
+    return regions;
+}
+
+std::size_t remove_small_regions(std::size_t smallest, float largestStep, Raster<float>& parallax) {
+    const ParallaxRegions regions = find_regions(largestStep, parallax);
+    std::size_t removed = 0;
+    for (std::size_t i = 0; i < parallax.size(); ++i) {
+        const std::int32_t label = regions.label[i];
+        if (label < 0 || regions.sizes[static_cast<std::size_t>(label)] >= smallest) continue;
+        parallax[i] = NO_PARALLAX;
+        ++removed;
+    }
+    return removed;
+}
+
+void remove_inconsistent(int radius, float tolerance, float slopeTolerance, int sample, int threads,
+                         ParallaxField& field) {
+    const int width = field.parallax.width(), height = field.parallax.height();
+    Mask unsupported(width, height);
+    parallel_ranges(threads, static_cast<std::size_t>(height), ROW_GRAIN, [&](std::size_t begin, std::size_t end) {
+        for (int y = static_cast<int>(begin); y < static_cast<int>(end); ++y)
+            for (int x = 0; x < width; ++x)
+                if (has_parallax(field.parallax.at(x, y)) &&
+                    !is_supported(field, x, y, radius, tolerance, slopeTolerance, sample))
+                    unsupported.at(x, y) = 1;
+    });
+    for (std::size_t i = 0; i < unsupported.size(); ++i)
+        if (unsupported[i] != 0) field.clear_slot(i);
+}
+
+void remove_cell_outliers(int cellSize, float factor, float tolerance, int fewest, int threads, ParallaxField& field) {
+    const int height = field.parallax.height();
+    const auto rows = static_cast<std::size_t>((height + cellSize - 1) / cellSize);
+    parallel_ranges(threads, rows, 1, [&](std::size_t begin, std::size_t end) {
+        for (std::size_t row = begin; row < end; ++row)
+            for (int x0 = 0; x0 < field.parallax.width(); x0 += cellSize)
+                clean_cell(field, x0, static_cast<int>(row) * cellSize, cellSize, factor, tolerance, fewest);
+    });
+}
+
+}  // namespace VexelAlgorithm

@@ -1,0 +1,32 @@
+// Removal of wrong parallaxes.
+#pragma once
+
+#include "SpeckleRebCPU/ParallaxField.h"
+
+namespace VexelAlgorithm {
+
+/// Removes connected regions of fewer than `smallest` slots. Neighbours (up, down, left, right) are connected when
+/// their parallaxes differ by at most `largestStep` (speckle filtering as in H. Hirschmueller, "Stereo processing by
+/// semiglobal matching and mutual information", 2008). Returns the number of slots removed.
+std::size_t remove_small_regions(std::size_t smallest, float largestStep, Raster<float>& parallax);
+
+/// The connected regions of the same kind: which one each slot belongs to (-1 for none) and how many slots each has.
+struct ParallaxRegions {
+    Raster<std::int32_t> label;
+    std::vector<std::size_t> sizes;
+};
+ParallaxRegions find_regions(float largestStep, const Raster<float>& parallax);
+
+/// Removes slots that fewer than half of the present slots within `radius` support, or fewer than a fifth of the
+/// window. One supports the other when it lies within `tolerance` + `slopeTolerance` * distance of its facet, pixels.
+/// Facets as in `ParallaxField`, `sample` pixels a slot.
+void remove_inconsistent(int radius, float tolerance, float slopeTolerance, int sample, int threads,
+                         ParallaxField& field);
+
+/// In cells of `cellSize` x `cellSize` slots: the plane through the cell's slots is fitted robustly (least squares,
+/// then again to what is within three robust standard deviations of it, the median absolute deviation times 1.4826),
+/// and what lies further off than `factor` of them, but at least `tolerance` pixels, is removed. Cells with fewer than
+/// `fewest` slots lose them all.
+void remove_cell_outliers(int cellSize, float factor, float tolerance, int fewest, int threads, ParallaxField& field);
+
+}  // namespace VexelAlgorithm

@@ -23,6 +23,7 @@
 // thread configured, the same input gives the same bytes.
 #pragma once
 
+#include "SpeckleRebCPU/speckleRebuild.h"
 #include "foundation/BaseTriMesh.h"
 #include "foundation/CameraInParam.h"
 #include "foundation/Cloud.h"
@@ -47,6 +48,7 @@
 #include "fusiontrackoperation/sessionCallbacks.h"
 #include "platform/featureRegistration.h"
 #include "platform/textureTracking.h"
+#include "readCaliData/CaliParReadIn.h"
 #include "track/IcpBaseOnCam.h"
 #include "track/ParticleTrack.h"
 
@@ -183,6 +185,3 @@ VEXEL_API void set_illegal_input_call_back(void* handle, IllegalInputCallBack ca
 VEXEL_API RetVal shoule_we_debug_fusion(void* handle, bool ignored, int level) noexcept;
 
 }  // namespace VexelAlgorithm
-#include "platform/featureRegistration.h"
-#include "platform/textureTracking.h"
-#include "readCaliData/CaliParReadIn.h"

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <chrono>
 #include <cmath>
+#include <utility>
 
 #include "SpeckleRebCPU/growMatches.h"
 #include "SpeckleRebCPU/parallaxFilters.h"
@@ -61,8 +62,11 @@ private:
     std::chrono::steady_clock::time_point _start = std::chrono::steady_clock::now();
 };
 
-int floor_divide(int value, int divisor) {
-    return static_cast<int>(std::floor(static_cast<double>(value) / divisor));
+/// The parallax search range in sampled pixels, no wider than the image is.
+std::pair<int, int> sampled_range(const Vector2i& range, int sample, int width) {
+    const int begin = static_cast<int>(std::floor(static_cast<double>(range(0)) / sample));
+    const int end = static_cast<int>(std::ceil(static_cast<double>(range(1)) / sample));
+    return {std::max(begin, -width), std::min(end, width)};
 }
 
 }  // namespace
@@ -224,16 +228,9 @@ bool SpeckleRebCpu::match_to_depth_range(const StageNames& names) {
 }
 
 bool SpeckleRebCpu::match_pixels_by_zncc() {
-    const int sample = _param.sampleRatio;
-    const PixelMatchTask task{_pyramid.left,
-                              _pyramid.right,
-                              _mask.left,
-                              _mask.right,
-                              _param.pixMatchWin.x(),
-                              _param.pixMatchWin.y(),
-                              floor_divide(_param.findRange(0), sample),
-                              -floor_divide(-_param.findRange(1), sample),
-                              _sampledRange};
+    const auto [begin, end] = sampled_range(_param.findRange, _param.sampleRatio, _widthSample);
+    const PixelMatchTask task{_pyramid.left,          _pyramid.right, _mask.left, _mask.right,  _param.pixMatchWin.x(),
+                              _param.pixMatchWin.y(), begin,          end,        _sampledRange};
     if (!match_pixels(task, _threads, _match, _matchScore)) {
         print_line("pre_compute_src_image_patch_eve_std failed");
         return false;
@@ -366,15 +363,10 @@ void SpeckleRebCpu::remove_noise() {
     remove_inconsistent(1, 0.5F, 0.1F, sample, _threads, field);
     dump("after remove_nosie_with_parallax_consistency");
 
-    const VerifyTask task{_pyramid.left,
-                          _pyramid.right,
-                          sample,
-                          _param.pixMatchWin.x(),
-                          _param.pixMatchWin.y(),
-                          floor_divide(_param.findRange(0), sample),
-                          -floor_divide(-_param.findRange(1), sample),
-                          _windowCover.right,
-                          regionStep};
+    const auto [begin, end] = sampled_range(_param.findRange, sample, _widthSample);
+    const VerifyTask task{
+        _pyramid.left, _pyramid.right,     sample,    _param.pixMatchWin.x(), _param.pixMatchWin.y(), begin,
+        end,           _windowCover.right, regionStep};
     right_to_left_to_vertify_match(task, RETURN_RADIUS, RETURN_TOLERANCE, _threads, field);
     dump("after right_to_left_to_vertify_match");
 

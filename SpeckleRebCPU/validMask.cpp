@@ -46,7 +46,7 @@ bool generate_valid_mask(const GreyImage& gradient, const PixelRange& range, int
     const PixelRange inner = mirrored_range(gradient.width(), gradient.height(), range, radius + 1);
     mask.assign(gradient.width(), gradient.height());
     const auto pixels = static_cast<float>((2 * radius + 1) * (2 * radius + 1));
-    const float least = threshold * threshold * pixels;
+    const float least = std::max(threshold, 0.0F) * threshold * pixels;
     for_each_box_sum(
         gradient.width(), gradient.height(), radius, radius, threads,
         [&](int x, int y) { return gradient.at(x, y) * gradient.at(x, y); },

@@ -1,0 +1,264 @@
+// Every matching stage against its plain twin, on small images of awkward sizes.
+#include <gtest/gtest.h>
+
+#include <functional>
+#include <random>
+
+#include "SpeckleRebCPU/parallaxFilters.h"
+#include "SpeckleRebCPU/pyramid.h"
+#include "SpeckleRebCPU/verifyMatch.h"
+#include "tests/reconstruction/plainStages.h"
+
+namespace VexelAlgorithm {
+namespace {
+
+GreyImage noise_image(int width, int height, unsigned seed, int smoothing = 1) {
+    std::mt19937 random(seed);
+    Raster<int> raw(width + 8, height + 8);
+    for (std::size_t i = 0; i < raw.size(); ++i) raw[i] = static_cast<int>(random() % 256);
+    GreyImage image(width, height);
+    for (int y = 0; y < height; ++y)
+        for (int x = 0; x < width; ++x) {
+            int sum = 0;
+            for (int dy = 0; dy < smoothing; ++dy)
+                for (int dx = 0; dx < smoothing; ++dx) sum += raw.at(x + dx, y + dy);
+            image.at(x, y) = static_cast<std::uint8_t>(sum / (smoothing * smoothing));
+        }
+    return image;
+}
+
+GreyImage shifted(const GreyImage& image, int by) {
+    GreyImage result(image.width(), image.height());
+    for (int y = 0; y < image.height(); ++y)
+        for (int x = 0; x < image.width(); ++x) result.at(x, y) = image.at(std::clamp(x - by, 0, image.width() - 1), y);
+    return result;
+}
+
+Mask random_mask(int width, int height, unsigned seed, int percent) {
+    std::mt19937 random(seed);
+    Mask mask(width, height);
+    for (std::size_t i = 0; i < mask.size(); ++i) mask[i] = static_cast<int>(random() % 100) < percent ? 1 : 0;
+    return mask;
+}
+
+TEST(MatchingStages, SampledImageIsTheSmoothedOne) {
+    for (const int ratio : {1, 2, 3, 5}) {
+        const GreyImage image = noise_image(61, 43, 1);
+        GreyImage sampled;
+        build_sampled_image(image, ratio, 3, sampled);
+        ASSERT_EQ(sampled.width(), 61 / ratio);
+        for (int y = 0; y < sampled.height(); ++y)
+            for (int x = 0; x < sampled.width(); ++x)
+                ASSERT_EQ(sampled.at(x, y), Plain::sampled_pixel(image, ratio, x, y)) << ratio << ": " << x << ' ' << y;
+    }
+}
+
+TEST(MatchingStages, ValidMaskWithItsMirroredBounds) {
+    GreyImage image = noise_image(90, 70, 2, 3);
+    for (int y = 20; y < 45; ++y) std::fill_n(image.row(y) + 30, 30, std::uint8_t{100});
+    struct {
+        PixelRange range;
+        int window, threshold, dilateX, dilateY;
+    } const cases[] = {{{0, 90, 0, 70}, 5, 20, 3, 5},     {{50, 90, 2, 70}, 5, 20, 1, 1},
+                       {{12, 60, 20, 41}, 9, 25, 7, 3},   {{0, 90, 0, 70}, 0, 10, 1, 1},
+                       {{-5, 200, -5, 200}, 11, 0, 3, 3}, {{80, 85, 0, 70}, 5, 1, 3, 3},
+                       {{46, 90, 0, 70}, 255, 1, 3, 3}};
+    for (const auto& c : cases) {
+        GreyImage gradient;
+        Mask textured, mask;
+        ASSERT_TRUE(compute_gradient(image, c.range, 2, gradient));
+        ASSERT_TRUE(generate_valid_mask(gradient, c.range, c.window, static_cast<float>(c.threshold), 2, textured));
+        ASSERT_TRUE(mask_dilate(textured, c.range, c.dilateX, c.dilateY, 2, mask));
+        for (int y = 0; y < 70; ++y)
+            for (int x = 0; x < 90; ++x)
+                ASSERT_EQ(mask.at(x, y) != 0,
+                          Plain::is_valid(image, c.range, c.window, c.threshold, c.dilateX, c.dilateY, x, y))
+                    << "range from " << c.range.xBegin << ", pixel " << x << ' ' << y;
+    }
+    const PixelRange atLeastThree = mirrored_range(90, 70, {1, 90, 0, 70}, 3),
+                     fifty = mirrored_range(90, 70, {50, 90, 2, 70}, 3);
+    EXPECT_EQ(atLeastThree.xEnd, 87);
+    EXPECT_EQ(fifty.xEnd, 40);
+    GreyImage none;
+    EXPECT_FALSE(compute_gradient(none, {0, 1, 0, 1}, 1, none));
+}
+
+struct MatchCase {
+    const char* name;
+    int width, height, windowWidth, windowHeight, begin, end, leftPercent, rightPercent;
+    PixelRange range;
+};
+
+TEST(MatchingStages, RowSearchFindsWhatTheDefinitionFinds) {
+    const MatchCase cases[] = {
+        {"plain", 67, 40, 5, 7, -9, 12, 100, 100, {0, 67, 0, 40}},
+        {"candidates left out", 67, 40, 5, 7, -9, 12, 80, 70, {0, 67, 0, 40}},
+        {"range beyond the image", 67, 21, 3, 3, -200, 300, 100, 90, {0, 67, 0, 21}},
+        {"range to one side", 67, 21, 11, 3, 14, 31, 100, 100, {0, 67, 0, 21}},
+        {"range to the other", 67, 21, 11, 3, -31, -14, 100, 100, {0, 67, 0, 21}},
+        {"part of the image", 67, 40, 5, 5, -9, 12, 100, 100, {20, 50, 13, 22}},
+        {"window as large as the image", 15, 9, 15, 9, -3, 4, 100, 100, {0, 15, 0, 9}},
+        {"four candidates", 67, 20, 5, 5, 2, 6, 100, 100, {0, 67, 0, 20}},
+    };
+    for (const MatchCase& c : cases) {
+        const GreyImage left = noise_image(c.width, c.height, 3, 2),
+                        right = shifted(noise_image(c.width, c.height, 3, 2), 4);
+        const Mask leftMask = random_mask(c.width, c.height, 4, c.leftPercent),
+                   rightMask = random_mask(c.width, c.height, 5, c.rightPercent);
+        const PixelMatchTask task{left,           right,   leftMask, rightMask, c.windowWidth,
+                                  c.windowHeight, c.begin, c.end,    c.range};
+        Raster<float> position, score, other;
+        ASSERT_TRUE(match_pixels(task, 1, position, score)) << c.name;
+        ASSERT_TRUE(match_pixels(task, 4, other, score)) << c.name;
+        int matches = 0;
+        for (int y = 0; y < c.height; ++y) {
+            for (int x = 0; x < c.width; ++x) {
+                const bool isMatched = leftMask.at(x, y) != 0 && x >= std::max(c.range.xBegin, c.windowWidth / 2) &&
+                                       x < std::min(c.range.xEnd, c.width - c.windowWidth / 2) &&
+                                       y >= std::max(c.range.yBegin, c.windowHeight / 2) &&
+                                       y < std::min(c.range.yEnd, c.height - c.windowHeight / 2);
+                const double expected = isMatched ? Plain::search_row(Plain::candidates(task, x, y)) : NO_MATCH;
+                ASSERT_NEAR(position.at(x, y), expected, 2e-3) << c.name << ": " << x << ' ' << y;
+                ASSERT_EQ(position.at(x, y), other.at(x, y)) << "threads";
+                matches += expected != NO_MATCH;
+            }
+        }
+        EXPECT_TRUE(matches > 20 || c.height <= 9) << c.name;
+    }
+}
+
+TEST(MatchingStages, BestAtTheEndsOfTheListIsNoMatch) {
+    const GreyImage left = noise_image(60, 15, 6);
+    const Mask all(60, 15, 1);
+    const GreyImage right = shifted(left, 5);  // the truth, with a score of exactly 1, is candidate 5 - begin
+    for (const auto& [begin, end, found] :
+         {std::tuple(5, 12, false), {4, 12, false}, {3, 12, true}, {0, 6, false}, {0, 7, true}}) {
+        Raster<float> position, score;
+        ASSERT_TRUE(match_pixels({left, right, all, all, 5, 5, begin, end, {0, 60, 0, 15}}, 1, position, score));
+        EXPECT_EQ(std::abs(position.at(30, 7) - 35.0F) < 0.5F, found) << begin << ' ' << end;
+        EXPECT_TRUE(found ? score.at(30, 7) == 1.0F : position.at(30, 7) == NO_MATCH) << begin << ' ' << end;
+    }
+    const GreyImage flat(60, 15, 90);
+    Raster<float> position, score;
+    ASSERT_TRUE(match_pixels({flat, right, all, all, 5, 5, 0, 9, {0, 60, 0, 15}}, 1, position, score));
+    EXPECT_EQ(position.at(30, 7), NO_MATCH);
+    EXPECT_FALSE(match_pixels({left, right, all, all, 61, 5, 0, 9, {0, 60, 0, 15}}, 1, position, score));
+    EXPECT_FALSE(match_pixels({left, right, all, all, 4, 5, 0, 9, {0, 60, 0, 15}}, 1, position, score));
+}
+
+ParallaxField slanted_field(int width, int height, int sample, double noise) {
+    std::mt19937 random(8);
+    std::normal_distribution<double> error(0.0, 1.0);
+    ParallaxField field;
+    field.assign(width, height);
+    for (int y = 0; y < height; ++y)
+        for (int x = 0; x < width; ++x) {
+            if (random() % 20 == 0) continue;
+            field.parallax.at(x, y) =
+                static_cast<float>(4.0 + 0.15 * x * sample - 0.05 * y * sample + noise * error(random));
+            field.slopeX.at(x, y) = 0.15F;
+            field.slopeY.at(x, y) = -0.05F;
+        }
+    return field;
+}
+
+TEST(MatchingStages, SubPixelStepsAreThoseOfSingleWindows) {
+    for (const int sample : {1, 2, 3}) {
+        const GreyImage left = noise_image(95, 53, 9, 3), right = shifted(noise_image(95, 53, 9, 3), 6);
+        const Mask cover = random_mask(95, 53, 10, 95);
+        const ParallaxField field = slanted_field(95 / sample, 53 / sample, sample, 0.4);
+        const SubPixelTask task{left, right, cover, sample, 11, 7};
+        Raster<float> step, score, other;
+        find_sub_pixel_steps(task, field, 1, step, score);
+        find_sub_pixel_steps(task, field, 3, other, score);
+        int compared = 0;
+        for (int y = 0; y < step.height(); ++y) {
+            for (int x = 0; x < step.width(); ++x) {
+                const auto expected =
+                    has_parallax(field.parallax.at(x, y)) ? Plain::sub_pixel_step(task, field, x, y) : std::nullopt;
+                ASSERT_EQ(has_parallax(step.at(x, y)), expected.has_value()) << sample << ": " << x << ' ' << y;
+                if (!expected) continue;
+                ++compared;
+                ASSERT_NEAR(step.at(x, y), expected->step, 0.01)
+                    << sample << ": " << x << ' ' << y;  // of rounded grey values
+                ASSERT_NEAR(score.at(x, y), expected->score, 0.005);
+                ASSERT_EQ(step.at(x, y), other.at(x, y)) << "threads";
+            }
+        }
+        EXPECT_GT(compared, step.width() * step.height() / 3);
+    }
+}
+
+TEST(MatchingStages, FacetsFindThePlaneAndKeepTheEdge) {
+    for (const int sample : {1, 2}) {
+        ParallaxField field = slanted_field(53, 37, sample, 0.0);
+        for (int y = 0; y < 37; ++y)
+            for (int x = 30; x < 53; ++x) field.parallax.at(x, y) += 15.0F;  // a depth edge
+        const ParallaxField exact = field;
+        field.slopeX.fill(0.0F);
+        field.slopeY.fill(0.0F);
+        fit_facets({3, 1, 1.5F, 0.5F, 0.5F}, sample, 2, field);
+        fit_facets({2, 2, std::numeric_limits<float>::infinity(), 0.5F, 0.1F}, sample, 2, field);
+        for (std::size_t i = 0; i < field.parallax.size(); ++i) {
+            ASSERT_EQ(has_parallax(field.parallax[i]), has_parallax(exact.parallax[i]));
+            if (!has_parallax(exact.parallax[i])) continue;
+            ASSERT_NEAR(field.parallax[i], exact.parallax[i], 1e-3) << i;
+            ASSERT_NEAR(field.slopeX[i], 0.15, 1e-3) << i;
+            ASSERT_NEAR(field.slopeY[i], -0.05, 1e-3) << i;
+        }
+    }
+}
+
+TEST(MatchingStages, FiltersRemoveWhatIsWrongAndKeepTheRest) {
+    const auto planted = [](ParallaxField& field) {  // a small patch and a lone slot off the surface
+        for (int y = 10; y < 13; ++y)
+            for (int x = 10; x < 13; ++x) field.parallax.at(x, y) = 40.0F;
+        field.parallax.at(30, 20) = -20.0F;
+    };
+    const std::function<void(ParallaxField&)> filters[] = {
+        [](ParallaxField& field) { remove_small_regions(30, 1.0F, field.parallax); },
+        [](ParallaxField& field) { remove_inconsistent(3, 0.5F, 0.1F, 1, 2, field); },
+        [](ParallaxField& field) { remove_cell_outliers(16, 8.0F, 1.0F, 16, 2, field); },
+    };
+    for (const auto& filter : filters) {
+        ParallaxField field = slanted_field(64, 48, 1, 0.05);
+        const ParallaxField clean = field;
+        planted(field);
+        filter(field);
+        EXPECT_FALSE(has_parallax(field.parallax.at(11, 11)));
+        EXPECT_FALSE(has_parallax(field.parallax.at(30, 20)));
+        int lost = 0, had = 0;
+        for (std::size_t i = 0; i < field.parallax.size(); ++i) {
+            had += has_parallax(clean.parallax[i]);
+            lost += has_parallax(clean.parallax[i]) && !has_parallax(field.parallax[i]);
+        }
+        EXPECT_LE(lost, had / 50 + 10);
+    }
+}
+
+TEST(MatchingStages, ReturnMatchRemovesRepeatedPatterns) {
+    constexpr int W = 160, H = 60, TRUTH = 20, FALSE_PARALLAX = -10;
+    const GreyImage left = noise_image(W, H, 11, 2), right = shifted(left, TRUTH);
+    const Mask cover(W, H, 1);
+    ParallaxField field;
+    field.assign(W, H);
+    for (int y = 0; y < H; ++y)
+        for (int x = 5; x < 130; ++x) {
+            field.parallax.at(x, y) =
+                static_cast<float>(x >= 90 && x < 110 ? TRUTH + 6 : TRUTH);  // wrong by six pixels
+            field.score.at(x, y) = 0.9F;
+        }
+    for (int y = 10; y < 50; ++y)
+        for (int x = 145; x < 155; ++x) {  // a strip that claims what belongs to x = 115 .. 125, and correlates better
+            field.parallax.at(x, y) = FALSE_PARALLAX;
+            field.score.at(x, y) = 0.99F;
+        }
+    right_to_left_to_vertify_match({left, right, 1, 7, 7, -15, 30, cover, 1.0F}, 16, 2, 2, field);
+    EXPECT_FALSE(has_parallax(field.parallax.at(150, 30)));
+    EXPECT_TRUE(has_parallax(field.parallax.at(120, 30)));
+    EXPECT_TRUE(has_parallax(field.parallax.at(50, 30)));
+    EXPECT_FALSE(has_parallax(field.parallax.at(100, 30)));
+}
+
+}  // namespace
+}  // namespace VexelAlgorithm

@@ -79,7 +79,7 @@ void DepthRange::move_parallax(std::size_t slot, float step) {
 }
 
 void DepthRange::depth_gaussian_smooth(int radius, float sigma, float tolerance, float slopeTolerance, int threads) {
-    fit_facets({radius, 1, sigma, tolerance, slopeTolerance}, _sample, threads, _vecParallax);
+    fit_facets({radius, std::max(1, 2 / _sample), sigma, tolerance, slopeTolerance}, _sample, threads, _vecParallax);
 }
 
 void DepthRange::depth_window_smooth(int window, float tolerance, float slopeTolerance, int threads) {

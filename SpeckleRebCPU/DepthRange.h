@@ -28,7 +28,8 @@ public:
     /// Takes a step of the parallax, but not out of the interval.
     void move_parallax(std::size_t slot, float step);
 
-    /// Smooths the parallax by Gaussian-weighted facets, which also yields its slopes. Depth edges stay. On a
+    /// Smooths the parallax by Gaussian-weighted facets over `radius` neighbours to each side, at least two pixels
+    /// apart, which also yields its slopes. Sigma in neighbours. Depth edges stay. On a
     /// surface the parallax is affine where it is plane, so this smooths neither away nor across.
     void depth_gaussian_smooth(int radius, float sigma, float tolerance, float slopeTolerance, int threads);
     /// Replaces every parallax by the centre of the facet over a window of so many pixels, all weighted alike.

@@ -80,9 +80,15 @@ void opencv_remap(benchmark::State& state) {
     count_pixels(state);
 }
 
-BENCHMARK(remap_to_bytes)->Unit(benchmark::kMillisecond)->UseRealTime();
-BENCHMARK(remap_to_floats)->Unit(benchmark::kMillisecond)->UseRealTime();
-BENCHMARK(opencv_remap)->ArgName("interleaved")->Arg(0)->Arg(1)->Unit(benchmark::kMillisecond)->UseRealTime();
+BENCHMARK(remap_to_bytes)->Unit(benchmark::kMillisecond)->MeasureProcessCPUTime()->UseRealTime();
+BENCHMARK(remap_to_floats)->Unit(benchmark::kMillisecond)->MeasureProcessCPUTime()->UseRealTime();
+BENCHMARK(opencv_remap)
+    ->ArgName("interleaved")
+    ->Arg(0)
+    ->Arg(1)
+    ->Unit(benchmark::kMillisecond)
+    ->MeasureProcessCPUTime()
+    ->UseRealTime();
 
 }  // namespace
 

@@ -137,16 +137,23 @@ void opencv_semi_global_3way(benchmark::State& state) {
     run_opencv(state, *matcher);
 }
 
-BENCHMARK(pixel_matching)->Unit(benchmark::kMillisecond)->UseRealTime();
-BENCHMARK(sub_pixel_matching)->ArgName("window")->Arg(21)->Arg(11)->Unit(benchmark::kMillisecond)->UseRealTime();
+BENCHMARK(pixel_matching)->Unit(benchmark::kMillisecond)->MeasureProcessCPUTime()->UseRealTime();
+BENCHMARK(sub_pixel_matching)
+    ->ArgName("window")
+    ->Arg(21)
+    ->Arg(11)
+    ->Unit(benchmark::kMillisecond)
+    ->MeasureProcessCPUTime()
+    ->UseRealTime();
 BENCHMARK(whole_frame)
     ->ArgNames({"sample", "candidates"})
     ->Args({2, 128})
     ->Args({1, 128})
     ->Unit(benchmark::kMillisecond)
+    ->MeasureProcessCPUTime()
     ->UseRealTime();
-BENCHMARK(opencv_block_matching)->Unit(benchmark::kMillisecond)->UseRealTime();
-BENCHMARK(opencv_semi_global_3way)->Unit(benchmark::kMillisecond)->UseRealTime();
+BENCHMARK(opencv_block_matching)->Unit(benchmark::kMillisecond)->MeasureProcessCPUTime()->UseRealTime();
+BENCHMARK(opencv_semi_global_3way)->Unit(benchmark::kMillisecond)->MeasureProcessCPUTime()->UseRealTime();
 
 }  // namespace
 

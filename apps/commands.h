@@ -27,6 +27,7 @@ void add_fuse_command(CLI::App& app, Command& chosen);
 void add_info_command(CLI::App& app, Command& chosen);
 void add_settings_command(CLI::App& app, Command& chosen);
 void add_simulate_command(CLI::App& app, Command& chosen);
+void add_track_command(CLI::App& app, Command& chosen);
 
 /// Prints "vexel-scan: " and the reason on standard error; returns EXIT_FAILED.
 int report_failure(const Failure& failure);

@@ -32,6 +32,7 @@ int run(int argc, char** argv) {
     add_info_command(app, chosen);
     add_settings_command(app, chosen);
     add_simulate_command(app, chosen);
+    add_track_command(app, chosen);
     try {
         app.parse(argc, argv);
     } catch (const CLI::ParseError& error) {

@@ -226,7 +226,8 @@ TEST(Trajectory, CutsWhereThePosesJumpAgainstEachOther) {
         EXPECT_LT(evaluate_trajectory(frames, range).firstAligned.translation.max, 0.51);
     }
 
-    for (std::size_t i = 0; i < frames.size(); i += 8) frames[i].found = *frames[i].found * motion({0, 0, 0}, {90, 0, 0});
+    for (std::size_t i = 0; i < frames.size(); i += 8)
+        frames[i].found = *frames[i].found * motion({0, 0, 0}, {90, 0, 0});
     EXPECT_EQ(ranges_between_jumps(frames).size(), 1u) << "this many jumps are bad tracking";
     EXPECT_TRUE(ranges_between_jumps({}).empty());
 }

@@ -6,13 +6,9 @@
 #include <cstdlib>
 #include <opencv2/imgcodecs.hpp>
 
-#include "TemporaryFolder.h"
+#include "ToolTest.h"
 #include "foundation/PointImage.h"
 #include "recording/Recording.h"
-
-#if !defined(_WIN32)
-#    include <sys/wait.h>
-#endif
 
 namespace {
 
@@ -20,38 +16,11 @@ namespace fs = std::filesystem;
 using namespace VexelAlgorithm;
 using VexelTest::bytes_of;
 using VexelTest::put_bytes;
-using VexelTest::TemporaryFolder;
+using VexelTest::quoted;
+using VexelTest::ToolRun;
 
-struct ToolRun {
-    int exitCode = -1;
-    std::string output;
-    std::string errors;
-};
-
-std::string quoted(const fs::path& path) {
-    return '"' + path.string() + '"';
-}
-
-class VexelScan : public ::testing::Test {
+class VexelScan : public VexelTest::ToolTest {
 protected:
-    ToolRun run(const std::string& arguments) const {
-        const fs::path output = path("stdout.txt");
-        const fs::path errors = path("stderr.txt");
-        const std::string command =
-            quoted(VEXEL_SCAN_PROGRAM) + ' ' + arguments + " >" + quoted(output) + " 2>" + quoted(errors);
-        const int status = std::system(command.c_str());
-#if defined(_WIN32)
-        const int exitCode = status;
-#else
-        const int exitCode = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-#endif
-        return {exitCode, bytes_of(output), bytes_of(errors)};
-    }
-
-    fs::path path(const std::string& name) const {
-        return _folder.path() / name;
-    }
-
     /// Frames of a ball in front of a wall, seen from a camera that moves sideways.
     fs::path ball_recording(int frames) const {
         const fs::path folder = path("ball");
@@ -82,8 +51,6 @@ private:
         }
         return image;
     }
-
-    TemporaryFolder _folder;
 };
 
 std::string without_this_run(const std::string& report) {
@@ -230,12 +197,8 @@ TEST_F(VexelScan, SaysInOneSentenceWhatIsWrong) {
 #if !defined(_WIN32)
 TEST_F(VexelScan, WritesWhatIsFusedWhenInterrupted) {
     const fs::path recording = ball_recording(300);
-    const fs::path log = path("log.txt");
-    const std::string call = quoted(VEXEL_SCAN_PROGRAM) + " fuse " + quoted(recording) +
-                             " --voxel 8 --min-weight 1 --out " + quoted(path("out")) + " >" + quoted(log);
-    const std::string untilItFuses = "while kill -0 $p && ! grep -q fusing " + quoted(log) + "; do sleep 0.01; done";
-    const int status = std::system((call + " & p=$!; " + untilItFuses + "; kill -INT $p; wait $p").c_str());
-    const ToolRun result{WEXITSTATUS(status), bytes_of(log), ""};
+    const ToolRun result = run_interrupted(
+        "fuse " + quoted(recording) + " --voxel 8 --min-weight 1 --out " + quoted(path("out")), "fusing");
     ASSERT_EQ(result.exitCode, 130) << result.errors;
     EXPECT_NE(result.output.find("interrupted: writing what the first "), std::string::npos) << result.output;
     EXPECT_NE(bytes_of(path("out") / "report.json").find("\"interrupted\": true"), std::string::npos);

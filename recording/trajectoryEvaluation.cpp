@@ -28,6 +28,24 @@ double rotation_angle(const RigidMatrix& motion) {
     return turn.angle() * degreesPerRadian;
 }
 
+/// The rotation nearest to a matrix.
+Matrix3d nearest_rotation(const Matrix3d& matrix) {
+    const Eigen::JacobiSVD<Matrix3d> svd(matrix, Eigen::ComputeFullU | Eigen::ComputeFullV);
+    const double handedness = (svd.matrixU() * svd.matrixV().transpose()).determinant();
+    return svd.matrixU() * Vector3d(1.0, 1.0, handedness).asDiagonal() * svd.matrixV().transpose();
+}
+
+Matrix3d sum_of_turns(const std::vector<RigidMatrix>& from, const std::vector<RigidMatrix>& to) {
+    Matrix3d sum = Matrix3d::Zero();
+    for (std::size_t i = 0; i < from.size(); ++i) sum += to[i].get_rotation() * from[i].get_rotation().transpose();
+    return sum;
+}
+
+/// Chordal mean of the turns from one to the other (Hartley et al., "Rotation averaging", 2013).
+Matrix3d mean_rotation(const std::vector<RigidMatrix>& from, const std::vector<RigidMatrix>& to) {
+    return nearest_rotation(sum_of_turns(from, to));
+}
+
 double median_of(std::vector<double> values) {
     const auto middle = values.begin() + static_cast<std::ptrdiff_t>(values.size() / 2);
     std::nth_element(values.begin(), middle, values.end());
@@ -60,6 +78,12 @@ PoseErrors absolute_errors(const PosePairs& pairs, const RigidMatrix& foundToGiv
         errors.add(pairs.given[i].inverse() * (foundToGiven * pairs.found[i]));
     }
     return errors.figures();
+}
+
+PoseErrors best_absolute_errors(const PosePairs& pairs) {
+    const RigidMatrix turn(mean_rotation(pairs.found, pairs.given), Vector3d::Zero());
+    const RigidMatrix alignment = best_rigid_alignment(pairs.found, pairs.given);
+    return {absolute_errors(pairs, alignment).translation, absolute_errors(pairs, turn).rotation};
 }
 
 /// The motion of the later of two frames that follow each other, in the earlier one's camera coordinates.
@@ -126,22 +150,16 @@ RigidMatrix best_rigid_alignment(const std::vector<RigidMatrix>& from, const std
         fromMean += from[i].get_translation() / count;
         toMean += to[i].get_translation() / count;
     }
-    Matrix3d covariance = Matrix3d::Zero(), orientation = Matrix3d::Zero();
+    Matrix3d covariance = Matrix3d::Zero();
     double spread = 0.0;
     for (std::size_t i = 0; i < from.size(); ++i) {
         const Vector3d offset = from[i].get_translation() - fromMean;
         covariance += (to[i].get_translation() - toMean) * offset.transpose();
-        orientation += to[i].get_rotation() * from[i].get_rotation().transpose();
         spread += offset.squaredNorm();
     }
     constexpr double leastSpread = 1e-6;  // mm^2; a camera on the spot
-    covariance += orientationShare * std::max(spread, leastSpread) / count * orientation;
-
-    const Eigen::JacobiSVD<Matrix3d> svd(covariance, Eigen::ComputeFullU | Eigen::ComputeFullV);
-    Matrix3d rotation = svd.matrixU() * svd.matrixV().transpose();
-    if (rotation.determinant() < 0.0) {
-        rotation = svd.matrixU() * Vector3d(1.0, 1.0, -1.0).asDiagonal() * svd.matrixV().transpose();
-    }
+    covariance += orientationShare * std::max(spread, leastSpread) / count * sum_of_turns(from, to);
+    const Matrix3d rotation = nearest_rotation(covariance);
     return {rotation, toMean - rotation * fromMean};
 }
 
@@ -172,7 +190,7 @@ TrajectoryErrors evaluate_trajectory(const std::vector<ComparedFrame>& frames, F
     if (errors.compared == 0) return errors;
 
     errors.firstAligned = absolute_errors(pairs, pairs.given.front() * pairs.found.front().inverse());
-    errors.bestAligned = absolute_errors(pairs, best_rigid_alignment(pairs.found, pairs.given));
+    errors.bestAligned = best_absolute_errors(pairs);
     add_step_errors(steps_of(inside), errors);
     return errors;
 }

@@ -49,12 +49,14 @@ struct PoseErrors {
 struct TrajectoryErrors {
     int first = 0;  ///< frame numbers
     int last = 0;
-    int frames = 0;            ///< in the range
-    int tracked = 0;           ///< with a pose found
-    int compared = 0;          ///< with both poses; 0: the other figures say nothing
-    int steps = 0;             ///< frames that follow each other, both compared
-    PoseErrors firstAligned;   ///< absolute, the first compared pose made equal
-    PoseErrors bestAligned;    ///< absolute, after `best_rigid_alignment`
+    int frames = 0;           ///< in the range
+    int tracked = 0;          ///< with a pose found
+    int compared = 0;         ///< with both poses; 0: the other figures say nothing
+    int steps = 0;            ///< frames that follow each other, both compared
+    PoseErrors firstAligned;  ///< absolute, the first compared pose made equal
+    /// Absolute: positions after `best_rigid_alignment`, rotations after the turn that is best for them, because short
+    /// paths say little about it.
+    PoseErrors bestAligned;
     PoseErrors relative;       ///< of the steps
     ErrorFigures pointMotion;  ///< of the steps: `rms_point_distance` of the later frame's points, mm
 

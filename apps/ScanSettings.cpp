@@ -108,6 +108,7 @@ std::vector<ParameterFinding> check_settings(const ScanSettings& settings) {
     findings.add("common.", check_common_parameter(with_some_device(settings.common)));
     findings.add("track.", check_track_parmeter(settings.track));
     findings.add("fusion.", check_fusion_parameter(settings.fusion));
+    findings.within("session.icpStableThreadhold", settings.session.icpStableThreadhold, 0.0, 1e30);
     findings.add("texture.", check_texture_param(settings.texture.param));
     check_frame(findings, settings.frame);
     return findings.take();

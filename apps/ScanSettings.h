@@ -21,10 +21,17 @@ struct TextureSettings {
     RigidMatrix leftToTexture;  ///< takes left-camera coordinates to texture-camera coordinates, mm
 };
 
+/// What a session is told after it was made.
+struct SessionSettings {
+    /// Smallest eigenvalue of the ICP's normal matrix (weights squared, mm) of a stable registration.
+    float icpStableThreadhold = 5.0F;
+};
+
 struct ScanSettings {
     CommonParameter common;
     TrackParmeter track;
     FusionParameter fusion;
+    SessionSettings session;
     TextureSettings texture;
     DepthFrameSettings frame;
 };

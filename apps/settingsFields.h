@@ -74,6 +74,14 @@ void visit_fusion(Visitor& visitor, Record& record) {
 }
 
 template <class Visitor, class Record>
+void visit_session(Visitor& visitor, Record& record) {
+    auto& [icpStableThreadhold] = record;
+    visitor.field("icpStableThreadhold", icpStableThreadhold,
+                  "smallest eigenvalue of the ICP's normal matrix (squared weights, mm) from which on a registration "
+                  "counts as stable; noise of a bare plane must stay below it");
+}
+
+template <class Visitor, class Record>
 void visit_texture(Visitor& visitor, Record& record) {
     auto& [isUsed, param, leftToTexture] = record;
     auto& [trackerSettings, camera, featureCount, trackerFlags, matchFlags, trackerToken] = param;
@@ -112,6 +120,9 @@ void visit_settings(Visitor& visitor, Settings& settings) {
     if (visitor.section("common", "camera and frames")) visit_common(visitor, settings.common);
     if (visitor.section("track", "registration of a frame against the model")) visit_track(visitor, settings.track);
     if (visitor.section("fusion", "volume, display and colour camera")) visit_fusion(visitor, settings.fusion);
+    if (visitor.section("session", "what a session is told after it was made")) {
+        visit_session(visitor, settings.session);
+    }
     if (visitor.section("texture", "texture-based tracking")) visit_texture(visitor, settings.texture);
     if (visitor.section("frame", "from depth images to points")) visit_frame(visitor, settings.frame);
 }

@@ -104,7 +104,9 @@ public:
     explicit Scan(const ScanSettings& settings)
         : _handle(settings.texture.isUsed ? fusion_and_track_ini(settings.common, settings.track, settings.fusion,
                                                                  settings.texture.param, settings.texture.leftToTexture)
-                                          : fusion_and_track_ini(settings.common, settings.track, settings.fusion)) {}
+                                          : fusion_and_track_ini(settings.common, settings.track, settings.fusion)) {
+        if (_handle != nullptr) set_icpStableThreadhold(_handle, settings.session.icpStableThreadhold);
+    }
     ~Scan() {
         if (_handle != nullptr) fusiontrack_release(_handle);
     }

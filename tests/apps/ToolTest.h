@@ -44,6 +44,7 @@ protected:
     /// Interrupts the tool as soon as its output holds the word.
     ToolRun run_interrupted(const std::string& arguments, const std::string& word) const {
         const std::filesystem::path log = path("log.txt");
+        std::ofstream(log).close();
         const std::string call = quoted(VEXEL_SCAN_PROGRAM) + ' ' + arguments + " >" + quoted(log);
         const std::string wait = "while kill -0 $p && ! grep -q " + word + ' ' + quoted(log) + "; do sleep 0.01; done";
         const int status = std::system((call + " & p=$!; " + wait + "; kill -INT $p; wait $p").c_str());

@@ -67,6 +67,10 @@ float SessionParameters::particle_gate() const {
     return std::max(track.icpDis(1), 1.8F * track.icpParticleSize);
 }
 
+float SessionParameters::interval_factor(int fusionRange) const {
+    return std::max(fixed.intervalFactor, static_cast<float>(fusionRange));
+}
+
 float SessionParameters::normal_reach(float pointDis) const {
     const auto reach = static_cast<float>(fusion.fusionDataSize(1) + 1);
     return 3.0F * reach * std::max(pointDis, std::isfinite(common.rawPointDis) ? common.rawPointDis : 0.0F);

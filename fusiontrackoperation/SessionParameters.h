@@ -16,7 +16,7 @@ struct FixedParameters {
     float particleMinValidRatio = 0.5F;  ///< least share of a frame's points that count for a particle
     int debugLevel = 0;                  ///< handed to both trackers
     int icpLimitLowerBound = 1500;       ///< least number of valid points, whatever the records say
-    float intervalFactor = 3.0F;         ///< half-width of the guided raycast's interval, half voxels
+    float intervalFactor = 3.0F;         ///< least half-width of the guided raycast's interval, half voxels
 };
 
 /// The settings of a session's parts, and which fields of the records they come from. Lengths in mm, sizes in pixels.
@@ -27,7 +27,7 @@ struct FixedParameters {
 /// - particle tracker: icpParticleSize as the grid's step, `particle_gate`, the `particle...` values, the fixed ratio
 /// - feature registration: the radii 5, 10 and 20 in units of disUniform, 3 candidates
 /// - least number of valid points: fusionLimitNum, never below the fixed bound
-/// - prediction: the fixed interval factor; normals from the rendered image with pixel step fusionDataSize(1) and
+/// - prediction: `interval_factor`; normals from the rendered image with pixel step fusionDataSize(1) and
 ///   `normal_reach`; viewBox as nearest and farthest when the camera is exchanged
 /// - display: colorOnInvaildPoint
 /// - threads and debug output of all of them: codeNumSet, outputPath
@@ -53,6 +53,10 @@ struct SessionParameters {
     /// Correspondence gate of the particles: the ICP's widest, and wide enough for a start half a diagonal of the grid
     /// away and a turn of some degrees.
     float particle_gate() const;
+    /// Half-width of the guided raycast's interval, half voxels: as far as a point of the guide has changed the volume,
+    /// and never below the fixed factor. Noise takes single points as far from the fused surface; with a narrower
+    /// interval their slots stay empty, on a noisy camera so many that the particles fall below their least share.
+    float interval_factor(int fusionRange) const;
     /// How far points may lie apart that make one normal of the prediction: three times the distance that neighbours
     /// of the window have on a surface seen from the front, so that slopes up to 70 degrees have normals.
     float normal_reach(float pointDis) const;

@@ -416,7 +416,7 @@ void FusionTrack::render_prediction(const RigidMatrix& pose, bool guided) {
     {
         const std::lock_guard<std::mutex> outer(_outerMutex);
         Fusion::rayCast(_volume, _lastFrame, pose, _mapPre, guided, _parameters.fusion.viewBox, normals,
-                        _parameters.fixed.intervalFactor);
+                        _parameters.interval_factor(_volume.get_fusionRange()));
     }
     _mapPre.to_ori_coor();
     _stepState.times.predict = stepTimer.milliseconds();

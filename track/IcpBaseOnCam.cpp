@@ -69,7 +69,7 @@ RetVal IcpBaseOnCam::State::register_frame(const PointImage& fixedImage, const P
     currentPose = bestPose = initial;
     system = {};
     isStable = true;
-    residual = 0.0F;
+    residual = fixedThreshold = movingThreshold = 0.0F;
 
     end = iterate(limits, debugId);
     if (end == IcpEnd::Accepted) end = check_result(limits, acceptFar);

@@ -29,16 +29,22 @@ enum class IcpEnd : std::int32_t {
 };
 
 /// Finds the pose that takes the points of a moving image to the frame of reference of a fixed image. Every moving
-/// point is projected into the fixed image and paired with what it meets there (Blais and Levine 1995); the sum of
-/// squared distances from the partners' tangent planes (Chen and Medioni 1991), each multiplied by the moving point's
-/// weight, is minimised by linearised steps (Low 2004) over the share of nearest pairs (trimmed: Chetverikov et al.
-/// 2002).
+/// point is projected into the fixed image and paired with what it meets there (Blais and Levine 1995). The sum of
+/// squared distances from the partners' tangent planes (Chen and Medioni 1991), each distance multiplied by the moving
+/// point's weight, is minimised by linearised steps (Low 2004) over the share of nearest pairs (trimming: Chetverikov
+/// et al. 2002). Pairs whose interpolated partner lies beyond the trimming cut are left out too: at depth edges it
+/// floats between two surfaces.
 ///
 /// The first `iterNumFixed` iterations are coarse: every `code_Num`-th point, a distance gate that shrinks linearly
 /// from icpDis(1) to icpDis(0), a keep ratio that goes from corrRatio(0) to corrRatio(1). The others use every point,
 /// icpDis(0) and corrRatio(1), and only their poses are candidates for the result. They end when the average distance
-/// changes by less than a twentieth while being below `disAvgThread`, when it has grown twice, or with the last
-/// iteration.
+/// changes by less than a twentieth while being below `disAvgThread`, when it has not improved twice in a row, or with
+/// the last iteration.
+///
+/// What serves well: for a room-size depth camera (errors of some mm), 20 iterations of which 6 coarse, gates of 20 and
+/// 100 mm, keep ratios of 0.7 and 0.9, `disAvgThread` of 10 mm; for frames of a desk-size object (errors of some 0.1
+/// mm) gates of 1 and 6 mm, `disAvgThread` of 0.5 mm, and more coarse iterations with a wider first gate where it moves
+/// faster.
 ///
 /// Units: mm, radians, pixels. The same input gives the same bytes, with any number of threads.
 ///

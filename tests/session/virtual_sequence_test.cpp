@@ -1,0 +1,172 @@
+// Whole hand-held scans against the truth of the virtual world: every frame tracked, jumps and black-outs survived, the
+// bare plane found out.
+#include <gtest/gtest.h>
+
+#include <cmath>
+
+#include "sessionScenes.h"
+#include "simulation/Shape.h"
+
+namespace VexelAlgorithm {
+namespace {
+
+/// A scan with 0.1 mm of noise and the settings that reach as far as the particles' grid: a gate that is wider than the
+/// grid's step, and enough coarse iterations to arrive from there.
+Scan object_scan(const char* name) {
+    Scan scan(name, 160, 0.1);
+    scan.records.track.icpIterNum = 26;
+    scan.records.track.icpInterNumFixed = 12;
+    scan.records.track.icpDis = {1.0F, 15.0F};
+    scan.records.track.icpDisAvgThread = 0.3F;
+    return scan;
+}
+
+/// Root mean square errors of the tracked poses, mm and degrees.
+struct Trajectory {
+    Vector2d squares = Vector2d::Zero();
+    int tracked = 0;
+    int lost = 0;
+
+    void add(const Simulation::Sequence& sequence, int frame, bool isTracked, const RigidMatrix& pose) {
+        (isTracked ? tracked : lost) += 1;
+        if (isTracked) squares += pose_error(sequence.pose_in_model(frame), pose).cwiseAbs2();
+    }
+    Vector2d rms() const { return (squares / std::max(tracked, 1)).cwiseSqrt(); }
+};
+
+/// Root mean square distance of every `step`-th vertex from the true surface, mm.
+double surface_error(const BaseTriMesh& mesh, const Simulation::Sequence& sequence, std::size_t step) {
+    double squares = 0.0;
+    int count = 0;
+    for (std::size_t i = 0; i < mesh.get_vn(); i += step) {
+        const Vector3d point = sequence.poses.front() * Vector3d(mesh.get_vCoord(i).cast<double>());
+        const double distance = Simulation::distance_by_descent(*sequence.scene, point);
+        if (!std::isfinite(distance)) continue;
+        squares += distance * distance;
+        ++count;
+    }
+    return std::sqrt(squares / std::max(count, 1));
+}
+
+// The bounds belong to small images: 1.6 mm from pixel to pixel, voxels of 2 mm.
+TEST(VirtualSequence, EveryFrameIsTrackedCloseToTheTruth) {
+    const struct {
+        const char* name;
+        int frames;
+        double millimetres, degrees, surface;
+    } cases[] = {{"arc", 20, 0.3, 0.05, 0.3}, {"smooth", 30, 0.3, 0.05, 0.2}, {"fast", 30, 0.3, 0.05, 0.1}};
+    for (const auto& c : cases) {
+        const Scan scan = object_scan(c.name);
+        Session session(scan.records);
+        Trajectory trajectory;
+        for (int i = 0; i < c.frames; ++i) {
+            const bool isTracked = session.step(scan.frame(i));
+            trajectory.add(scan.sequence, i, isTracked, get_current_rt(session));
+        }
+        EXPECT_EQ(trajectory.lost, 0) << c.name;
+        EXPECT_LT(trajectory.rms().x(), c.millimetres) << c.name;
+        EXPECT_LT(trajectory.rms().y(), c.degrees) << c.name;
+        EXPECT_LT(surface_error(session.mesh(), scan.sequence, 20), c.surface) << c.name;
+    }
+}
+
+/// Translation (mm) and rotation about an axis of the camera (degrees).
+RigidMatrix motion(const Vector3d& translation, const Vector3d& degrees) {
+    Matrix3d rotation;
+    rodrigures(degrees * std::acos(-1.0) / 180.0, rotation);
+    return {rotation, translation};
+}
+
+/// Every position of the particles' grid, and the turned ones, each with two degrees more about some axis.
+std::vector<RigidMatrix> jumps_within_reach(double particleSize) {
+    const Vector3d axes[] = {Vector3d::UnitX(), Vector3d::UnitY(), Vector3d::UnitZ(), Vector3d::Ones().normalized()};
+    std::vector<RigidMatrix> jumps;
+    const auto add = [&](const Vector3d& translation, double roll) {
+        const std::size_t n = jumps.size();
+        const double further = n % 2 == 0 ? 2.0 : -2.0;
+        jumps.push_back(motion(translation, {0, 0, roll}) * motion(Vector3d::Zero(), further * axes[n / 2 % 4]));
+    };
+    for (int x = -2; x <= 2; ++x)
+        for (int y = -2; y <= 2; ++y) add(particleSize * Vector3d(x, y, 0), 0.0);
+    for (const double roll : {-15.0, 15.0})
+        for (int x = -1; x <= 1; ++x)
+            for (int y = -1; y <= 1; ++y) add(particleSize * Vector3d(x, y, 0), roll);
+    return jumps;
+}
+
+TEST(VirtualSequence, JumpsWithinTheParticlesReachAreTracked) {
+    const Scan scan = object_scan("smooth");
+    const RigidMatrix start = scan.sequence.poses.front();
+    for (const RigidMatrix& jump : jumps_within_reach(double{scan.records.track.icpParticleSize})) {
+        Session session(scan.records);
+        ASSERT_TRUE(session.step(scan.frame(0)));
+        const PointImage frame = Simulation::frame_from(scan.sequence, start * jump, 1);
+        bool isTracked = false;
+        printed([&] { isTracked = session.step(frame); });
+        const Vector2d error = pose_error(jump, get_current_rt(session));
+        EXPECT_TRUE(isTracked && error.x() < 1.0 && error.y() < 0.15)
+            << "jump by " << jump.get_translation().transpose() << " mm, tracked " << isTracked << ", off by "
+            << error.transpose() << ", outcome " << static_cast<int>(session.state().outcome);
+    }
+}
+
+TEST(VirtualSequence, TheJumpOfASequenceIsTracked) {
+    const Scan scan = object_scan("jump");
+    Session session(scan.records);
+    for (int i = 10; i < 30; ++i) {
+        ASSERT_TRUE(session.step(scan.frame(i))) << i;
+        const RigidMatrix truth = scan.sequence.poses[10].inverse() * scan.sequence.poses[static_cast<std::size_t>(i)];
+        EXPECT_LT(pose_error(truth, get_current_rt(session)).x(), 1.0) << i;
+    }
+}
+
+TEST(VirtualSequence, ABlackOutChangesNothingAndTheScanGoesOn) {
+    const Scan scan = object_scan("black_out");
+    Session session(scan.records);
+    std::string before;
+    for (int i = 5; i < 35; ++i) {
+        const bool isBlack = scan.sequence.isBlack[static_cast<std::size_t>(i)] != 0;
+        if (isBlack && before.empty()) before = session.bytes();
+        bool isTracked = false;
+        printed([&] { isTracked = session.step(scan.frame(i)); });
+        ASSERT_EQ(isTracked, !isBlack) << i;
+        EXPECT_EQ(session.state().isLost, isBlack);
+        if (isBlack) {
+            EXPECT_EQ(session.state().outcome, FrameOutcome::TooFewPoints);
+            EXPECT_TRUE(session.bytes() == before) << i;
+        }
+    }
+    const RigidMatrix truth = scan.sequence.poses[5].inverse() * scan.sequence.poses[34];
+    EXPECT_LT(pose_error(truth, get_current_rt(session)).x(), 1.0);
+}
+
+TEST(VirtualSequence, FramesFromElsewhereAreRefusedAndChangeNothing) {
+    const Scan scan = object_scan("smooth");
+    Session session(scan.records);
+    for (int i = 0; i < 5; ++i) ASSERT_TRUE(session.step(scan.frame(i)));
+    const std::string before = session.bytes();
+    const RigidMatrix& place = scan.sequence.poses[4];
+    for (const RigidMatrix& away : {motion({0, 0, 0}, {0, 0, 90}), motion({0, 0, -150}, {0, 0, 0}),
+                                    motion({0, 120, 0}, {20, 0, 40}), motion({0, 0, 0}, {25, 0, 0})}) {
+        bool isTracked = true;
+        printed([&] { isTracked = session.step(Simulation::frame_from(scan.sequence, place * away, 99)); });
+        EXPECT_FALSE(isTracked) << away.get_translation().transpose();
+        EXPECT_TRUE(session.bytes() == before);
+    }
+    EXPECT_TRUE(session.step(scan.frame(5)));
+}
+
+TEST(VirtualSequence, TheBarePlaneIsReportedUnstableAndTheBlocksAreNot) {
+    const Scan plane("bare_plane", 160), blocks("smooth", 160);
+    Session slides(plane.records), holds(blocks.records);
+    for (int i = 0; i < 6; ++i) {
+        printed([&] { slides.step(plane.frame(i)); });
+        printed([&] { holds.step(blocks.frame(i)); });
+        if (i == 0) continue;
+        EXPECT_FALSE(slides.state().isStable) << i;
+        EXPECT_TRUE(holds.state().isStable) << i;
+    }
+}
+
+}  // namespace
+}  // namespace VexelAlgorithm

@@ -35,10 +35,15 @@ struct Illumination {
 };
 
 /// Lens and sensor of both cameras. Signal chain, shot noise and quantisation after the linear camera model of the
-/// EMVA standard 1288; the lens dims with the fourth power of the cosine off its axis.
+/// EMVA standard 1288; the lens dims with the fourth power of the cosine off its axis. Ambient light and projector are
+/// exposed alike, so that a sweep over exposure times varies `exposure` and one over amplifications `gain`.
 struct Sensor {
-    double exposure = 1.1;         ///< signal of white at the working distance, relative to saturation
-    double fullWell = 10000.0;     ///< electrons at grey level 255; shot noise is the square root of the electrons
+    double exposure = 1.1;         ///< proportional to the time: signal of white at the working distance, relative to
+                                   ///< saturation
+    double gain = 1.0;             ///< grey levels for the same electrons, noise included; above 1 the grey levels are
+                                   ///< clipped before the electrons, below 1 the electrons are
+    double fullWell = 10000.0;     ///< electrons, no pixel holds more: grey level 255 with a gain of 1 and no offset;
+                                   ///< shot noise is the square root of the electrons
     double readNoise = 8.0;        ///< electrons
     double darkOffset = 2.0;       ///< grey levels
     double sharpness = 0.5;        ///< pixels, standard deviation of the image of a point in focus

@@ -133,14 +133,14 @@ std::vector<float> signals(const Exposure& exposure, const SurfaceView& view, co
 GreyImage developed(const std::vector<float>& signal, int width, int height, const Sensor& sensor, std::uint64_t key,
                     int threads) {
     GreyImage image{width, height, std::vector<std::uint8_t>(signal.size())};
-    const double greyPerElectron = kLargestGrey / sensor.fullWell;
+    const double greyPerElectron = sensor.gain * kLargestGrey / sensor.fullWell;
     parallel_ranges(threads, signal.size(), 8192, [&](std::size_t begin, std::size_t end) {
         for (std::size_t i = begin; i < end; ++i) {
             double electrons = signal[i] * sensor.fullWell;
             if (sensor.hasNoise)
                 electrons += std::sqrt(electrons + sensor.readNoise * sensor.readNoise) *
                              PixelRandom(sensor.seed, key, i).gaussian(0);
-            const double grey = std::round(sensor.darkOffset + greyPerElectron * electrons);
+            const double grey = std::round(sensor.darkOffset + greyPerElectron * std::min(electrons, sensor.fullWell));
             image.pixels[i] = static_cast<std::uint8_t>(std::clamp(grey, 0.0, kLargestGrey));
         }
     });

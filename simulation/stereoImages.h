@@ -42,10 +42,10 @@ public:
     /// same for any number of threads.
     ///
     /// The grey level of a pixel: albedo (ambient + pattern * facing * fall-off) + highlight of the projector's light,
-    /// where the lamp reaches; dimmed by the lens; blurred by it; to electrons, shot and read noise, to grey levels,
-    /// rounded and clipped. Speckles are averaged over the pixel's footprint on the projector, widened by the camera's
-    /// defocus; the lens in focus blurs the image as a whole, so that edges of things are soft as well. Edges are not
-    /// widened by defocus.
+    /// where the lamp reaches; dimmed by the lens; blurred by it; to electrons, shot and read noise, saturated; to grey
+    /// levels, rounded and clipped. Speckles are averaged over the pixel's footprint on the projector, widened by the
+    /// camera's defocus; the lens in focus blurs the image as a whole, so that edges of things are soft as well. Edges
+    /// are not widened by defocus.
     StereoPair take(const Shape& scene, const RigidMatrix& leftToWorld, std::uint64_t number) const;
 
     const StereoRig& rig() const { return _rig; }

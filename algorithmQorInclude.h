@@ -50,6 +50,7 @@
 #include "platform/textureTracking.h"
 #include "readCaliData/CaliParReadIn.h"
 #include "track/IcpBaseOnCam.h"
+#include "track/IcpOnImage.h"
 #include "track/ParticleTrack.h"
 
 namespace VexelAlgorithm {

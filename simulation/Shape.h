@@ -72,6 +72,10 @@ public:
     virtual Bounds bounds() const = 0;
     /// Bounds of the solid carried by a rigid motion; at most those of the carried box of `bounds`.
     virtual Bounds bounds_after(const RigidMatrix& motion) const;
+    /// A piece of the ray, within [0, farthest], outside which the solid is farther away than `margin` (mm, finite).
+    virtual RaySpan reach(const Ray& ray, double margin, double farthest) const {
+        return bounds().inflated(margin).span(ray, farthest);
+    }
     /// A solid of fewer parts with the same surface near a segment, for the many rays of a narrow beam or the many
     /// points of a small patch; null when this one has no parts to leave out. At a point at distance s < `radius` (mm)
     /// from the segment its `distance` is the same wherever it is at most `radius` - s, and greater than that

@@ -35,71 +35,80 @@ double smooth_minimum(const double* distances, std::size_t count, double blend) 
     return s;
 }
 
-double distance_to_segment(const Vector3d& point, const Vector3d& from, const Vector3d& to) {
-    const Vector3d along = to - from;
-    const double length = along.squaredNorm();
-    const double share = length > 0.0 ? std::clamp((point - from).dot(along) / length, 0.0, 1.0) : 0.0;
-    return (from + share * along - point).norm();
-}
-
 /// An operand of a union beside a ray.
 struct RayMember {
     const Shape* shape;
     RaySpan span;                     ///< where the ray is within its reach
-    double lastDistance = -kNoLimit;  ///< of the last place where it was evaluated
+    double lastDistance = -kNoLimit;  ///< at the last place that was asked about, or a lower bound
     double lastRange = 0.0;           ///< that place
+    bool isExact = false;             ///< no bound
 
     /// The distance changes by at most 1 per mm.
     double lower_bound(double t) const { return lastDistance - std::abs(t - lastRange); }
 };
 
-/// The value of a union along a part of a ray on which the same operands are in reach, up to where the next one
-/// comes or goes. These operands alone give the same sign as the whole union.
-class RayPiece {
+/// The value of a union along a ray, of the operands in whose reach the ray has come so far. Where these are all that
+/// it comes to up to `next_arrival`, the value has the same sign as that of the whole union and changes by at most 1
+/// per mm.
+class RayField {
 public:
-    /// The end is infinite when nothing is in reach from `begin` on.
-    RayPiece(const Ray& ray, double blend, std::vector<RayMember>& members, double begin)
-        : _ray(&ray), _blend(blend), _begin(begin) {
-        for (RayMember& member : members) {
-            if (member.span.end <= begin) continue;
-            const bool reached = member.span.begin <= begin;
-            _end = std::min(_end, reached ? member.span.end : member.span.begin);
-            if (reached) _members.push_back(&member);
-        }
-        _distances.resize(_members.size());
+    RayField(const Ray& ray, double blend, std::vector<RayMember>& members)
+        : _ray(&ray), _blend(blend), _members(members.data()), _count(members.size()) {
+        std::sort(members.begin(), members.end(),
+                  [](const RayMember& a, const RayMember& b) { return a.span.begin < b.span.begin; });
+        _distances.resize(_count);
     }
 
-    bool empty() const { return _members.empty(); }
-    double begin() const { return _begin; }
-    double end() const { return _end; }
+    /// Takes in what begins up to there and leaves out what has ended.
+    void advance_to(double t) {
+        while (_arrived < _count && _members[_arrived].span.begin <= t) _active.push_back(&_members[_arrived++]);
+        const auto ended = [t](const RayMember* member) { return member->span.end < t; };
+        _active.erase(std::remove_if(_active.begin(), _active.end(), ended), _active.end());
+    }
+    bool empty() const { return _active.empty(); }
+    /// Negative infinity when there is nothing.
+    double last_end() const {
+        double last = -kNoLimit;
+        for (const RayMember* member : _active) last = std::max(last, member->span.end);
+        return last;
+    }
+    /// Infinite when nothing is to come.
+    double next_arrival() const { return _arrived < _count ? _members[_arrived].span.begin : kNoLimit; }
 
     /// Evaluates the operands that can have a share, the nearest one of the last call first.
     double operator()(double t) {
         const Vector3d point = _ray->at(t);
         double nearest = kNoLimit;
         std::size_t count = 0;
-        for (RayMember*& member : _members) {
+        for (RayMember*& member : _active) {
             if (member->lower_bound(t) > nearest + _blend) continue;
-            const double bound = nearest < kNoLimit ? member->shape->at_least(point) : -kNoLimit;
-            const bool isTooFar = bound > nearest + _blend;
-            const double distance = isTooFar ? bound : member->shape->distance(point);
-            member->lastDistance = distance;
-            member->lastRange = t;
-            if (isTooFar) continue;
+            evaluate(*member, t, point, nearest + _blend);
+            if (!member->isExact) continue;
+            const double distance = member->lastDistance;
             _distances[count++] = distance;
             if (distance >= nearest) continue;
             nearest = distance;
-            std::swap(_members.front(), member);
+            std::swap(_active.front(), member);
         }
         return smooth_minimum(_distances.data(), count, _blend);
     }
 
 private:
+    /// Its distance, or only a bound when that is beyond the limit.
+    static void evaluate(RayMember& member, double t, const Vector3d& point, double limit) {
+        if (member.isExact && member.lastRange == t) return;
+        member.lastRange = t;
+        member.lastDistance = limit < kNoLimit ? member.shape->at_least(point) : -kNoLimit;
+        member.isExact = !(member.lastDistance > limit);
+        if (member.isExact) member.lastDistance = member.shape->distance(point);
+    }
+
     const Ray* _ray;
     double _blend;
-    double _begin;
-    double _end = kNoLimit;
-    std::vector<RayMember*> _members;
+    RayMember* _members;  ///< in the order in which the ray comes to them
+    std::size_t _count;
+    std::size_t _arrived = 0;
+    std::vector<RayMember*> _active;
     std::vector<double> _distances;
 };
 
@@ -107,7 +116,7 @@ class SmoothUnion final : public Shape {
 public:
     SmoothUnion(std::vector<ShapePtr> shapes, double blend) : _shapes(std::move(shapes)), _blend(blend) {
         for (const ShapePtr& shape : _shapes) {
-            _reaches.push_back(shape->bounds().inflated(_blend + kBoundsMargin));
+            _reaches.push_back(shape->bounds().inflated(margin()));
             _bounds = _bounds.united(_reaches.back());
         }
     }
@@ -171,31 +180,35 @@ public:
     std::optional<double> first_crossing(const Ray& ray, double farthest) const override {
         std::vector<RayMember> members = members_on(ray, std::min(farthest, kMarchHorizon));
         if (members.empty()) return std::nullopt;
-        RayPiece piece(ray, _blend, members, kSelfHitRange);
-        const bool startsInside = !piece.empty() && piece(piece.begin()) < 0.0;
+        RayField field(ray, _blend, members);
+        field.advance_to(kSelfHitRange);
+        const bool startsInside = !field.empty() && field(kSelfHitRange) < 0.0;
         if (_blend == 0.0 && !startsInside) return nearest_crossing(ray, members);
-        for (; piece.end() < kNoLimit; piece = RayPiece(ray, _blend, members, piece.end())) {
-            if (piece.empty()) continue;
-            if (const auto crossing =
-                    march_to_crossing(piece, piece.begin(), piece.end(), startsInside, ray.resolution))
+        for (double begin = kSelfHitRange; begin < kNoLimit; begin = field.next_arrival()) {
+            field.advance_to(begin);
+            const double end = std::min(field.last_end(), field.next_arrival());
+            if (!(begin <= end)) continue;
+            if (const auto crossing = march_to_crossing(field, begin, end, startsInside, ray.resolution))
                 return crossing;
         }
         return std::nullopt;
     }
 
 private:
-    /// Operands whose reach meets the capsule around the segment.
+    /// Farther away an operand has no share.
+    double margin() const { return _blend + kBoundsMargin; }
+
+    /// Operands that may be within the radius and the blend of the segment.
     std::vector<std::size_t> reaches(const Vector3d& from, const Vector3d& to, double radius) const {
+        const double length = (to - from).norm();
+        const Ray ray{from, length > 0.0 ? Vector3d((to - from) / length) : Vector3d::UnitX()};
         Bounds box{from.cwiseMin(to), from.cwiseMax(to)};
         box = box.inflated(radius);
         std::vector<std::size_t> found;
         for (std::size_t i = 0; i < _reaches.size(); ++i) {
             const Bounds& reach = _reaches[i];
             if ((reach.low.array() > box.high.array()).any() || (reach.high.array() < box.low.array()).any()) continue;
-            const Vector3d centre = 0.5 * (reach.low + reach.high);
-            const double ownRadius = 0.5 * (reach.high - reach.low).norm();
-            const bool isBounded = ownRadius < kNoLimit;
-            if (!isBounded || distance_to_segment(centre, from, to) <= radius + ownRadius) found.push_back(i);
+            if (!_shapes[i]->reach(ray, radius + margin(), length).empty()) found.push_back(i);
         }
         return found;
     }
@@ -218,7 +231,8 @@ private:
         std::vector<RayMember> members;
         if (_bounds.span(ray, farthest).empty()) return members;
         for (std::size_t i = 0; i < _shapes.size(); ++i) {
-            const RaySpan span = _reaches[i].span(ray, farthest);
+            if (_reaches[i].span(ray, farthest).empty()) continue;
+            const RaySpan span = _shapes[i]->reach(ray, margin(), farthest);
             if (!span.empty()) members.push_back({_shapes[i].get(), span});
         }
         return members;
@@ -308,11 +322,17 @@ public:
         return simpler ? moved(simpler, _toCaller) : nullptr;
     }
     std::optional<double> first_crossing(const Ray& ray, double farthest) const override {
-        return _shape->first_crossing({_toOwn * ray.origin, _toOwn.get_rotation() * ray.direction, ray.resolution},
-                                      farthest);
+        return _shape->first_crossing(own(ray), farthest);
+    }
+    RaySpan reach(const Ray& ray, double margin, double farthest) const override {
+        return _shape->reach(own(ray), margin, farthest);
     }
 
 private:
+    Ray own(const Ray& ray) const {
+        return {_toOwn * ray.origin, _toOwn.get_rotation() * ray.direction, ray.resolution};
+    }
+
     ShapePtr _shape;
     RigidMatrix _toCaller;
     RigidMatrix _toOwn;

@@ -156,11 +156,14 @@ public:
         const double size = (local - nearest.point).norm();
         return nearest.isInside ? -size : size;
     }
-    /// To the box around it.
+    /// To the box around it, and to the unit ball that it becomes when every axis is divided by its half length, which
+    /// shortens no distance to less than a share of 1 / the smallest one.
     double at_least(const Vector3d& point) const override {
         const Vector3d local = point - _centre;
         const double toBox = (local.cwiseAbs() - _halfAxes).cwiseMax(0.0).norm();
-        return toBox > 0.0 ? toBox : -kNoLimit;
+        const double toBall = _halfAxes.minCoeff() * (local.cwiseQuotient(_halfAxes).norm() - 1.0);
+        const double bound = std::max(toBox, toBall);
+        return bound > 0.0 ? bound : -kNoLimit;
     }
     Vector3d gradient(const Vector3d& point) const override {
         return unit_or(nearest_to(point - _centre).point.cwiseQuotient(_squares), Vector3d::UnitZ());

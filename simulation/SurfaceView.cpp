@@ -23,6 +23,8 @@ constexpr double kNearerLimit = 0.5;  ///< mm in front of the plane of a block, 
 constexpr double kSteepestSight = 0.08;  ///< cosine of the angle of incidence; steeper blocks are cast pixel by pixel
 constexpr double kSimilarNormals = 0.97;
 constexpr double kBeamMargin = 1.2;      ///< for lenses, whose rays are not evenly spread
+constexpr int kCornerGroup = 4;          ///< corners along a side that share the first part of their way
+constexpr double kLeastRoom = 0.05;      ///< mm
 constexpr double kLiftOff = 0.05;        ///< mm above the surface where the ray to the lamp begins
 constexpr double kCastResolution = 0.1;  ///< mm
 
@@ -77,6 +79,16 @@ private:
     /// The rays of a square of pixels lie within the capsule around its middle ray that is as wide as they are at the
     /// far limit.
     ShapePtr narrowed_to_beam(const Shape& shape, const Vector2i& first, int side) const {
+        const auto [axis, halfWidth] = beam_of(first, side);
+        const double radius = kBeamMargin * halfWidth * _farLimit;
+        return shape.near_segment(point_at(axis, 0.0), point_at(axis, _farLimit), radius);
+    }
+
+    struct Beam {
+        Vector3d axis;     ///< with z = 1, camera coordinates
+        double halfWidth;  ///< per mm of depth
+    };
+    Beam beam_of(const Vector2i& first, int side) const {
         const auto direction_at = [&](int x, int y) {
             return _rays.at(std::clamp(x, 0, _view.width - 1), std::clamp(y, 0, _view.height - 1));
         };
@@ -85,27 +97,47 @@ private:
         for (const int x : {first.x(), first.x() + side})
             for (const int y : {first.y(), first.y() + side})
                 halfWidth = std::max(halfWidth, (direction_at(x, y) - axis).norm());
-        const double radius = kBeamMargin * halfWidth * _farLimit;
-        return shape.near_segment(point_at(axis, 0.0), point_at(axis, _farLimit), radius);
+        return {axis, halfWidth};
     }
 
     const Shape& beam() const { return _beam ? *_beam : _scene; }
 
-    Sight cast(const Shape& beam, const Vector3d& direction) const {
+    /// A depth before which the rays of a square of pixels meet nothing: their middle ray is followed with steps that
+    /// leave room for the others.
+    double free_depth(const Shape& shape, const Vector2i& first, int side) const {
+        const auto [axis, halfWidth] = beam_of(first, side);
+        const double spread = kBeamMargin * halfWidth;
+        const double length = axis.norm();
+        double depth = 0.0;
+        for (int step = 0; step < 50 && depth < _farLimit; ++step) {
+            const double room = shape.distance(point_at(axis, depth)) - spread * depth;
+            if (!(room > kLeastRoom)) break;
+            depth += room / (length + spread);
+        }
+        return std::clamp(depth - kLeastRoom, 0.0, _farLimit);
+    }
+
+    Sight cast(const Shape& beam, const Vector3d& direction, double freeDepth) const {
         const double length = direction.norm();
-        const Ray ray{_cameraToWorld.get_translation(), world_direction(direction) / length, kCastResolution};
-        const std::optional<Hit> hit = beam.hit(ray, _farLimit * length);
+        const Ray ray{point_at(direction, freeDepth), world_direction(direction) / length, kCastResolution};
+        const std::optional<Hit> hit = beam.hit(ray, (_farLimit - freeDepth) * length);
         if (!hit) return {};
         const bool facesAway = hit->normal.dot(ray.direction) > 0.0;
-        return {hit->range / length, facesAway ? Vector3d(-hit->normal) : hit->normal, false};
+        return {freeDepth + hit->range / length, facesAway ? Vector3d(-hit->normal) : hit->normal, false};
     }
 
     void cast_corners() {
-        for (int row = -kRim; row < kCorners - kRim; ++row)
-            for (int column = -kRim; column < kCorners - kRim; ++column) {
+        for (int row = -kRim; row < kCorners - kRim; row += kCornerGroup)
+            for (int column = -kRim; column < kCorners - kRim; column += kCornerGroup) cast_corner_group(column, row);
+    }
+    void cast_corner_group(int firstColumn, int firstRow) {
+        const Vector2i first(_left + firstColumn * kBlock, _top + firstRow * kBlock);
+        const double freeDepth = free_depth(beam(), first, (kCornerGroup - 1) * kBlock);
+        for (int row = firstRow; row < std::min(firstRow + kCornerGroup, kCorners - kRim); ++row)
+            for (int column = firstColumn; column < std::min(firstColumn + kCornerGroup, kCorners - kRim); ++column) {
                 const Vector2d pixel = corner_pixel(column, row);
                 const Vector3d direction = _rays.at(static_cast<int>(pixel.x()), static_cast<int>(pixel.y()));
-                corner(column, row) = cast(beam(), direction);
+                corner(column, row) = cast(beam(), direction, freeDepth);
                 _points[static_cast<std::size_t>(&corner(column, row) - _corners.data())] =
                     point_at(direction, corner(column, row).depth);
             }
@@ -186,8 +218,10 @@ private:
     void cast_block(int column, int row) {
         const Vector2i first(_left + column * kBlock, _top + row * kBlock);
         const ShapePtr narrowed = narrowed_to_beam(beam(), first, kBlock);
+        const Shape& shape = narrowed ? *narrowed : beam();
+        const double freeDepth = free_depth(shape, first, kBlock);
         const std::optional<bool> light = light_around(column, row);
-        for_pixels_of(column, row, [&](int x, int y) { store_cast(narrowed ? *narrowed : beam(), x, y, light); });
+        for_pixels_of(column, row, [&](int x, int y) { store_cast(shape, x, y, freeDepth, light); });
     }
 
     template <class Visitor>
@@ -206,9 +240,9 @@ private:
         return true;
     }
 
-    void store_cast(const Shape& beam, int x, int y, std::optional<bool> light) {
+    void store_cast(const Shape& beam, int x, int y, double freeDepth, std::optional<bool> light) {
         const Vector3d direction = _rays.at(x, y);
-        Sight sight = cast(beam, direction);
+        Sight sight = cast(beam, direction, freeDepth);
         const Vector3d point = point_at(direction, sight.depth);
         sight.isLit = light ? *light && sight.normal.dot(_lamp - point) > 0.0 : is_lit(sight, point);
         store(x, y, sight);
@@ -243,7 +277,7 @@ private:
             const Vector3d direction = _rays.at(x, y);
             sight.depth = 1.0 / inverseDepth;
             sight.normal.normalize();
-            if (!polish(patch, world_direction(direction), sight)) return store_cast(beam(), x, y, light);
+            if (!polish(patch, world_direction(direction), sight)) return store_cast(beam(), x, y, 0.0, light);
             const Vector3d point = point_at(direction, sight.depth);
             if (!isSmooth) {
                 sight.normal = patch.gradient(point).normalized();

@@ -14,21 +14,27 @@ namespace VexelAlgorithm::Simulation {
 namespace {
 
 /// The smooth minimum of `smooth_union`. phi(s) = sum max(0, 1 + (s - d_i) / blend)^2 rises and is convex, and
-/// phi(min d) >= 1, so Newton's method from there falls to the root of phi = 1 without passing it.
+/// phi(min d) >= 1, so Newton's method from there falls to the root of phi = 1 without passing it. As soon as the
+/// operands that share are those of the root, it is that of a quadratic.
 double smooth_minimum(const double* distances, std::size_t count, double blend) {
     double s = *std::min_element(distances, distances + count);
     if (blend == 0.0 || count == 1) return s;
     const double perBlend = 1.0 / blend;
     for (int step = 0; step < 50; ++step) {
-        double phi = -1.0;
-        double slope = 0.0;
+        double sharing = 0.0, sum = 0.0, squares = 0.0, least = kNoLimit;
         for (std::size_t i = 0; i < count; ++i) {
             const double share = 1.0 + (s - distances[i]) * perBlend;
             if (share <= 0.0) continue;
-            phi += share * share;
-            slope += 2.0 * share * perBlend;
+            sharing += 1.0;
+            sum += share;
+            squares += share * share;
+            least = std::min(least, share);
         }
-        const double next = s - phi / slope;
+        const double excess = squares - 1.0;
+        if (!(excess > 0.0)) break;
+        const double fall = excess / (sum + std::sqrt(std::max(sum * sum - sharing * excess, 0.0)));
+        if (fall <= least) return s - fall * blend;
+        const double next = s - 0.5 * excess / sum * blend;
         if (!(next < s)) break;
         s = next;
     }

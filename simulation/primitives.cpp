@@ -212,8 +212,8 @@ private:
             const double sum = terms.sum();
             const double advance = sum * (std::sqrt(sum) - 1.0) / terms.dot(inverse);
             u = std::max(u + advance, leftmost);
-            // Each step squares the error: 1e-8 now is 1e-16 after it.
-            const bool settled = std::abs(advance) * inverse.maxCoeff() < 1e-8;
+            // Each step squares the error: 1e-7 now is 1e-14 after it.
+            const bool settled = std::abs(advance) * inverse.maxCoeff() < 1e-7;
             if (settled || (step > 0 && advance <= 0.0)) break;
         }
         Vector3d nearest = _squares.cwiseProduct(query).cwiseQuotient((excess.array() + u).matrix());

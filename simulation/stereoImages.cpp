@@ -19,6 +19,10 @@ constexpr double kPixelVariance = 1.0 / 12.0;  ///< of an even distribution over
 constexpr double kLargestGrey = 255.0;
 constexpr double kSameSurface = 0.3;  ///< mm of depth at a surface seen from the front
 
+double squared(double value) {
+    return value * value;
+}
+
 /// Between -1 and 1: three waves of sines along odd directions, so that nothing repeats within an object.
 double wavy(const Vector3d& point, double wavelength) {
     static const std::array<Vector3d, 3> directions{Vector3d(0.81, 0.35, -0.47), Vector3d(-0.29, 0.72, 0.63),
@@ -54,7 +58,7 @@ public:
             const Vector3d toLamp = _lamp - point;
             const double distance = toLamp.norm();
             const Vector3d lightDirection = toLamp / distance;
-            const double fallOff = std::pow(_rig.light.workingDistance / distance, 2);
+            const double fallOff = squared(_rig.light.workingDistance / distance);
             const double facing = std::max(normal.dot(lightDirection), 0.0);
             const double pattern = pattern_at(direction, depth, normal);
             const Vector3d halfway = (lightDirection - direction.normalized()).normalized();
@@ -64,7 +68,7 @@ public:
             radiance += pattern * fallOff * facing * (albedo + highlight);
         }
         const double cosine = 1.0 / direction.norm();
-        return _rig.sensor.exposure * radiance * std::pow(cosine, 4);
+        return _rig.sensor.exposure * radiance * squared(squared(cosine));
     }
 
     bool is_in_projector_image(const Vector3d& point) const {

@@ -1,5 +1,7 @@
 #include "apps/ScanSettings.h"
 
+#include <algorithm>
+
 #include "foundation/diagnostics.h"
 #include "recording/numberText.h"
 
@@ -17,6 +19,8 @@ ScanSettings without_device() {
     settings.common.colorImageSize.setZero();
     settings.common.sample = 1;
     settings.fusion.colorImageSize.setZero();
+    settings.rig.rebuild.imgSize.setZero();
+    settings.rig.rebuild.imageRange.setZero();
     return settings;
 }
 
@@ -45,6 +49,17 @@ ScanSettings object_settings() {
     settings.fusion.pointDis = 0.5F;
     settings.fusion.viewBox = {150.0F, 1000.0F};
     settings.frame.inverseDepthStep = 1e-6F;
+    return settings;
+}
+
+ScanSettings desk_settings() {
+    ScanSettings settings = without_device();
+    settings.common.sample = settings.rig.rebuild.sampleRatio;
+    settings.common.rawPointDis = 0.4F;
+    settings.fusion.treeDepth = 11;
+    settings.fusion.pointDis = 0.5F;
+    settings.fusion.viewBox = {150.0F, 1000.0F};
+    settings.rig.depthRange = {300.0F, 520.0F};
     return settings;
 }
 
@@ -77,6 +92,41 @@ void check_frame(Findings& findings, const DepthFrameSettings& frame) {
     findings.within("frame.normalWindow", frame.normalWindow, frame.normalStep, 16.0 * frame.normalStep);
 }
 
+void check_window(Findings& findings, const char* field, const Vector2i& window) {
+    if ((window.array() >= 3).all() && (window.array() <= 63).all() && window.x() % 2 == 1 && window.y() % 2 == 1)
+        return;
+    findings.add("", {{field, "both sides must be odd, from 3 to 63"}});
+}
+
+void check_camera_vector(Findings& findings, const char* field, const std::vector<float>& values) {
+    if (values.empty() || values.size() == 22) return;
+    findings.add("", {{field, "has " + std::to_string(values.size()) + " values where a camera has 22"}});
+}
+
+void check_rig(Findings& findings, const RigSettings& rig) {
+    const RebParam& rebuild = rig.rebuild;
+    if (!rig.depthRange.isZero()) {
+        findings.within("rig.depthRange(0)", rig.depthRange(0), 1.0, 65533.0);
+        findings.within("rig.depthRange(1)", rig.depthRange(1), std::max(rig.depthRange(0), 1.0F), 65534.0);
+    } else if (rebuild.findRange(0) >= rebuild.findRange(1)) {
+        findings.add("rig.", {{"findRange(1)", "is not above findRange(0)"}});
+    }
+    if (!rebuild.imgSize.isZero()) {
+        findings.within("rig.imgSize(0)", rebuild.imgSize(0), 16, 16384);
+        findings.within("rig.imgSize(1)", rebuild.imgSize(1), 16, 16384);
+    }
+    findings.within("rig.sampleRatio", rebuild.sampleRatio, 1, 16);
+    findings.within("rig.gradientTh(0)", rebuild.gradientTh(0), 0, 255);
+    findings.within("rig.gradientTh(1)", rebuild.gradientTh(1), 0, 255);
+    check_window(findings, "rig.pixMatchWin", rebuild.pixMatchWin);
+    check_window(findings, "rig.subPixMatchWin", rebuild.subPixMatchWin);
+    const Vector4i& range = rebuild.imageRange;
+    if (!range.isZero() && (range(0) >= range(1) || range(2) >= range(3)))
+        findings.add("rig.", {{"imageRange", "is empty or inverted"}});
+    check_camera_vector(findings, "rig.leftCalib", rebuild.leftCalib);
+    check_camera_vector(findings, "rig.rightCalib", rebuild.rightCalib);
+}
+
 /// A record in which the zeros that stand for the recording's values are replaced by some that pass.
 CommonParameter with_some_device(CommonParameter common) {
     const CommonParameter usual;
@@ -88,10 +138,11 @@ CommonParameter with_some_device(CommonParameter common) {
 }  // namespace
 
 std::vector<std::string> preset_names() {
-    return {"room", "object"};
+    return {"room", "object", "desk"};
 }
 
 ScanSettings preset_settings(const std::string& name) {
+    if (name == "desk") return desk_settings();
     return name == "object" ? object_settings() : room_settings();
 }
 
@@ -111,6 +162,7 @@ std::vector<ParameterFinding> check_settings(const ScanSettings& settings) {
     findings.within("session.icpStableThreadhold", settings.session.icpStableThreadhold, 0.0, 1e30);
     findings.add("texture.", check_texture_param(settings.texture.param));
     check_frame(findings, settings.frame);
+    check_rig(findings, settings.rig);
     return findings.take();
 }
 

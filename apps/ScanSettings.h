@@ -4,6 +4,7 @@
 #include <string>
 #include <vector>
 
+#include "SpeckleRebCPU/RebParam.h"
 #include "foundation/CommonParameter.h"
 #include "foundation/FusionParameter.h"
 #include "foundation/TextureParam.h"
@@ -27,6 +28,14 @@ struct SessionSettings {
     float icpStableThreadhold = 5.0F;
 };
 
+/// A stereo scanner and how its pairs are reconstructed.
+struct RigSettings {
+    /// Nearest and farthest depth in rectified-left coordinates, mm; (0, 0) leaves the search range to
+    /// `rebuild.findRange`, which is otherwise replaced, see searchRange.h.
+    Vector2f depthRange = Vector2f::Zero();
+    RebParam rebuild;
+};
+
 struct ScanSettings {
     CommonParameter common;
     TrackParmeter track;
@@ -34,12 +43,14 @@ struct ScanSettings {
     SessionSettings session;
     TextureSettings texture;
     DepthFrameSettings frame;
+    RigSettings rig;
 };
 
-/// "room" and "object".
+/// "room", "object" and "desk".
 std::vector<std::string> preset_names();
-/// A room seen by a hand-held depth camera at one to four metres ("room"), or an object of the size of a desk seen by a
-/// scanner at 400 mm ("object"). Image size and camera are zero and the output path is empty, see `fill_in`.
+/// A room seen by a hand-held depth camera at one to four metres ("room"), an object of the size of a desk seen by a
+/// depth camera at 400 mm ("object"), or such an object seen by a stereo speckle scanner with 1.3 megapixel cameras
+/// ("desk"). Image size and camera are zero and the output path is empty, see `fill_in`.
 ScanSettings preset_settings(const std::string& name);
 
 /// Replaces an image size, a camera or a colour image size of zeros by the recording's, and an empty output path by the

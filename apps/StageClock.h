@@ -23,6 +23,13 @@ public:
         return work();
     }
 
+    /// Work that was timed elsewhere.
+    void add(const std::string& name, double milliseconds) {
+        Stage& known = stage(name);
+        known.milliseconds += milliseconds;
+        ++known.runs;
+    }
+
     const std::deque<Stage>& stages() const { return _stages; }
 
 private:

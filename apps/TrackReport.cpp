@@ -79,12 +79,20 @@ Json timing_of(const TrackReport& report) {
     Json frames = Json::array();
     for (const TrackedFrame& frame : report.frames) {
         Json row = {{"frame", frame.number}};
-        for (const FrameStage& stage : frame_stages()) row[stage.name] = stage.milliseconds(frame);
+        for (const FrameStage& stage : report.frame_stages()) row[stage.name] = stage.milliseconds(frame);
         row["step"] = frame.stepMs;
         frames.push_back(std::move(row));
     }
     timing["frames_ms"] = std::move(frames);
     return timing;
+}
+
+Json json_of(const RigSummary& rig) {
+    return {{"baseline_mm", rig.baseline},
+            {"rectified_focal_length_pixels", rig.focalLength},
+            {"sample_ratio", rig.sampleRatio},
+            {"depth_range_mm", {rig.depthRange(0), rig.depthRange(1)}},
+            {"search_range_pixels", {rig.findRange(0), rig.findRange(1)}}};
 }
 
 void add_line(std::string& text, const char* label, const std::string& value) {
@@ -113,19 +121,19 @@ std::string errors_text(const TrajectoryErrors& errors) {
     return text;
 }
 
-std::string frame_line(const TrackedFrame& frame) {
+std::string frame_line(const TrackReport& report, const TrackedFrame& frame) {
     std::string line =
         format_text("%6d  %-24s%9.3f%9d%9d%9d%4s ", frame.number, outcome_text(frame.state.outcome).c_str(),
                     frame.state.residual, frame.state.correspondences, frame.state.frameValid,
                     frame.state.predictionValid, frame.state.isStable ? "" : "no");
-    for (const FrameStage& stage : frame_stages()) line += format_text("%9.1f", stage.milliseconds(frame));
+    for (const FrameStage& stage : report.frame_stages()) line += format_text("%9.1f", stage.milliseconds(frame));
     return line + '\n';
 }
 
-std::string frame_header() {
+std::string frame_header(const TrackReport& report) {
     std::string line = format_text("%6s  %-24s%9s%9s%9s%9s%5s", "frame", "outcome", "residual", "corresp.", "points",
                                    "predicted", "stable");
-    for (const FrameStage& stage : frame_stages()) line += format_text("%9.8s", stage.name);
+    for (const FrameStage& stage : report.frame_stages()) line += format_text("%9.8s", stage.name);
     return line + '\n';
 }
 
@@ -137,10 +145,10 @@ std::string outcome_text(FrameOutcome outcome) {
     return known == std::end(outcomeNames) ? format_text("outcome %d", static_cast<int>(outcome)) : known->name;
 }
 
-const std::array<FrameStage, 9>& frame_stages() {
-    static const std::array<FrameStage, 9> stages{{
+std::array<FrameStage, 9> TrackReport::frame_stages() const {
+    return {{
         {"read", [](const TrackedFrame& frame) { return frame.readMs; }},
-        {"points", [](const TrackedFrame& frame) { return frame.pointsMs; }},
+        {pointsStage, [](const TrackedFrame& frame) { return frame.pointsMs; }},
         {"prepare", [](const TrackedFrame& frame) { return frame.state.times.prepare; }},
         {"particles", [](const TrackedFrame& frame) { return frame.state.times.particles; }},
         {"icp", [](const TrackedFrame& frame) { return frame.state.times.icp; }},
@@ -149,7 +157,6 @@ const std::array<FrameStage, 9>& frame_stages() {
         {"predict", [](const TrackedFrame& frame) { return frame.state.times.predict; }},
         {"display", [](const TrackedFrame& frame) { return frame.displayMs; }},
     }};
-    return stages;
 }
 
 int TrackReport::accepted() const {
@@ -178,6 +185,7 @@ std::string json_text(const TrackReport& report) {
                      {"frames_seen", report.frames.size()},
                      {"frames_tracked", report.accepted()},
                      {"interrupted", report.isInterrupted}};
+    if (report.rig) json["rig"] = json_of(*report.rig);
     json["mesh"] = {{"vertices", report.vertices},
                     {"triangles", report.triangles},
                     {"box_low_mm", json_of(report.low)},
@@ -205,6 +213,12 @@ std::string summary_text(const TrackReport& report) {
     add_line(text, "Settings",
              "preset " + report.preset + (report.settingsFile.empty() ? "" : ", " + report.settingsFile) +
                  format_text(", voxel %g mm, %d threads", report.voxel, report.threads));
+    if (report.rig) {
+        add_line(text, "Rig",
+                 format_text("baseline %.2f mm, focal length %.1f pixels, search range %d .. %d pixels",
+                             report.rig->baseline, report.rig->focalLength, report.rig->findRange(0),
+                             report.rig->findRange(1)));
+    }
     add_line(text, "Triangles",
              std::to_string(report.triangles) + ", " + std::to_string(report.vertices) + " vertices");
     add_line(text, "Box",
@@ -223,8 +237,8 @@ std::string summary_text(const TrackReport& report) {
 }
 
 std::string plain_text(const TrackReport& report) {
-    std::string text = summary_text(report) + "\nFrames: residual in mm, times in ms\n" + frame_header();
-    for (const TrackedFrame& frame : report.frames) text += frame_line(frame);
+    std::string text = summary_text(report) + "\nFrames: residual in mm, times in ms\n" + frame_header(report);
+    for (const TrackedFrame& frame : report.frames) text += frame_line(report, frame);
     return text;
 }
 

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <array>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -20,10 +21,19 @@ struct TrackedFrame {
     FusionScanState state;   ///< right after the frame step
     RigidMatrix pose;        ///< camera to model, mm; of an accepted frame
     int displayPoints = 0;   ///< in the display cloud after the frame
-    double readMs = 0.0;     ///< reading the image
-    double pointsMs = 0.0;   ///< from the image to points with normals
+    double readMs = 0.0;     ///< reading the images
+    double pointsMs = 0.0;   ///< from the images to points with normals
     double stepMs = 0.0;     ///< the frame step as its caller sees it
     double displayMs = 0.0;  ///< fetching the display cloud
+};
+
+/// The stereo scanner of a recording of pairs.
+struct RigSummary {
+    double baseline = 0.0;     ///< mm
+    double focalLength = 0.0;  ///< of the rectified cameras, pixels
+    Vector2i findRange = Vector2i::Zero();
+    Vector2f depthRange = Vector2f::Zero();  ///< mm; zero when the search range was given in pixels
+    int sampleRatio = 1;
 };
 
 /// "fused", "residual too large", ...
@@ -33,8 +43,6 @@ struct FrameStage {
     const char* name;
     double (*milliseconds)(const TrackedFrame&);
 };
-/// The stages of a frame in their order; the time of the whole is not among them.
-const std::array<FrameStage, 9>& frame_stages();
 
 struct TrackReport {
     // input
@@ -48,6 +56,8 @@ struct TrackReport {
     double rate = 30.0;  ///< frames a second, as the trajectory's times go
     float voxel = 0.0f;  ///< mm
     bool isInterrupted = false;
+    const char* pointsStage = "points";  ///< how the points of a frame come about
+    std::optional<RigSummary> rig;
 
     std::vector<TrackedFrame> frames;
 
@@ -66,6 +76,8 @@ struct TrackReport {
     double peakMemoryMib = 0.0;
 
     int accepted() const;
+    /// The stages of a frame in their order; the time of the whole is not among them.
+    std::array<FrameStage, 9> frame_stages() const;
     /// The accepted poses at frame number / rate seconds.
     std::vector<TimedPose> trajectory() const;
 };

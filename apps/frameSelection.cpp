@@ -4,22 +4,38 @@
 #include "foundation/diagnostics.h"
 
 namespace VexelAlgorithm::Apps {
+namespace {
 
-void add_selection_options(CLI::App& command, FrameSelection& selection, const std::string& content) {
-    command.add_option("RECORDING", selection.recording, "Folder with " + content)->required();
+template <class Recorded>
+Outcome<std::vector<Recorded>> selected_of(const std::vector<Recorded>& all, const FrameSelection& selection) {
+    std::vector<Recorded> selected;
+    for (const Recorded& frame : all) {
+        const bool isInRange = frame.number >= selection.first && frame.number <= selection.last;
+        if (isInRange && (frame.number - selection.first) % selection.step == 0) selected.push_back(frame);
+    }
+    if (!selected.empty()) return selected;
+    return Failure{format_text("%s has no frame in the chosen range; its numbers go from %d to %d",
+                               selection.recording.c_str(), all.front().number, all.back().number)};
+}
+
+}  // namespace
+
+CLI::Option* add_selection_options(CLI::App& command, FrameSelection& selection, const std::string& content) {
+    CLI::Option* recording = command.add_option("RECORDING", selection.recording, "Folder with " + content);
     command.add_option("--first", selection.first, "Number of the first frame")->check(number_between(0, 999999999));
     command.add_option("--last", selection.last, "Number of the last frame")->check(number_between(0, 999999999));
     command.add_option("--step", selection.step, "Take every so-many-th frame")
         ->check(number_between(1, 999999999))
         ->capture_default_str();
+    return recording;
 }
 
 Outcome<std::vector<RecordedFrame>> selected_frames(const Recording& recording, const FrameSelection& selection) {
-    std::vector<RecordedFrame> frames = recording.select(selection.first, selection.last, selection.step);
-    if (!frames.empty()) return frames;
-    return Failure{format_text("%s has no frame in the chosen range; its numbers go from %d to %d",
-                               selection.recording.c_str(), recording.frames().front().number,
-                               recording.frames().back().number)};
+    return selected_of(recording.frames(), selection);
+}
+
+Outcome<std::vector<RecordedPair>> selected_pairs(const StereoRecording& recording, const FrameSelection& selection) {
+    return selected_of(recording.pairs(), selection);
 }
 
 }  // namespace VexelAlgorithm::Apps

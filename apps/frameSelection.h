@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "recording/Recording.h"
+#include "recording/StereoRecording.h"
 
 namespace VexelAlgorithm::Apps {
 
@@ -16,10 +17,11 @@ struct FrameSelection {
     int step = 1;
 };
 
-/// Adds RECORDING, --first, --last and --step. `content` tells what the folder must hold.
-void add_selection_options(CLI::App& command, FrameSelection& selection, const std::string& content);
+/// Adds RECORDING, --first, --last and --step. `content` tells what the folder must hold. Returns RECORDING.
+CLI::Option* add_selection_options(CLI::App& command, FrameSelection& selection, const std::string& content);
 
 /// The selected frames; a range without frames fails with the numbers that there are.
 Outcome<std::vector<RecordedFrame>> selected_frames(const Recording& recording, const FrameSelection& selection);
+Outcome<std::vector<RecordedPair>> selected_pairs(const StereoRecording& recording, const FrameSelection& selection);
 
 }  // namespace VexelAlgorithm::Apps

@@ -141,7 +141,8 @@ Outcome<Done> write_results(const BaseTriMesh& mesh, const Recording& recording,
     Outcome<Done> written = report.clock.time("write mesh", [&] { return write_mesh_file(meshFile, mesh); });
     if (written) {
         written = report.clock.time("draw", [&] {
-            return write_preview(folder / "preview.png", mesh, recording, poses_of(frames), report.threads);
+            return write_preview(folder / "preview.png", mesh, recording.camera(), recording.image_size(),
+                                 poses_of(frames), report.threads);
         });
     }
     report.peakMemoryMib = peak_memory_mib();
@@ -209,7 +210,8 @@ void add_fuse_command(CLI::App& app, Command& chosen) {
     const auto options = std::make_shared<FuseOptions>();
     add_selection_options(*command, options->selection,
                           "frame-NNNNNN.depth.png (16 bit, mm), frame-NNNNNN.pose.txt (camera to world, m) and "
-                          "camera-intrinsics.txt");
+                          "camera-intrinsics.txt")
+        ->required();
     command->add_option("--out", options->out, "Folder for mesh, preview.png, report.txt and report.json")->required();
     command->add_option("--voxel", options->voxel, "Edge of a voxel in mm")
         ->check(number_between(0.01, 1000))

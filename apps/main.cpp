@@ -24,12 +24,13 @@ int usage_failure(const CLI::App& app, const CLI::ParseError& error) {
 }
 
 int run(int argc, char** argv) {
-    CLI::App app("Turns recordings of depth frames into models.", "vexel-scan");
+    CLI::App app("Turns recordings of stereo pairs or depth frames into models.", "vexel-scan");
     app.set_version_flag("--version", VEXEL_VERSION);
     app.require_subcommand(0, 1);
     Command chosen;
     add_fuse_command(app, chosen);
     add_info_command(app, chosen);
+    add_scan_command(app, chosen);
     add_settings_command(app, chosen);
     add_simulate_command(app, chosen);
     add_track_command(app, chosen);

@@ -24,9 +24,9 @@ Outcome<Done> write_picture(const std::filesystem::path& path, const cv::Mat& pi
     return write_whole_file(path, {reinterpret_cast<const char*>(encoded.data()), encoded.size()});
 }
 
-Outcome<Done> write_preview(const std::filesystem::path& path, const BaseTriMesh& mesh, const Recording& recording,
-                            const std::vector<RigidMatrix>& poses, int threads) {
-    const std::vector<View> views = preview_views(mesh, poses, recording.camera(), recording.image_size());
+Outcome<Done> write_preview(const std::filesystem::path& path, const BaseTriMesh& mesh, const CameraInParam& camera,
+                            ImageSize size, const std::vector<RigidMatrix>& poses, int threads) {
+    const std::vector<View> views = preview_views(mesh, poses, camera, size);
     return write_picture(path, draw_preview(mesh, views, threads), "preview");
 }
 

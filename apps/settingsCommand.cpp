@@ -10,15 +10,15 @@
 namespace VexelAlgorithm::Apps {
 
 void add_settings_command(CLI::App& app, Command& chosen) {
-    CLI::App* command =
-        app.add_subcommand("settings", "Prints the settings of a preset as YAML, to be edited for track --settings.");
+    CLI::App* command = app.add_subcommand(
+        "settings", "Prints the settings of a preset as YAML, to be edited for track and scan --settings.");
     const auto preset = std::make_shared<std::string>("room");
     command->add_option("--preset", *preset, "Which settings")
         ->check(CLI::IsMember(preset_names()))
         ->capture_default_str();
     command->callback([preset, &chosen] {
         chosen = [preset] {
-            print_text(settings_text(preset_settings(*preset), "Settings of vexel-scan track, preset " + *preset));
+            print_text(settings_text(preset_settings(*preset), "Settings of vexel-scan, preset " + *preset));
             return EXIT_OK;
         };
     });

@@ -114,6 +114,38 @@ void visit_frame(Visitor& visitor, Record& record) {
     visitor.field("normalWindow", normalWindow, "distance of the farthest such neighbour along each axis, pixels");
 }
 
+template <class Visitor, class Record>
+void visit_rig(Visitor& visitor, Record& record) {
+    auto& [depthRange, rebuild] = record;
+    auto& [imgSize, sampleRatio, isDebug2OutPut, gradientTh, findRange, pixMatchWin, subPixMatchWin, imageRange,
+           leftCalib, rightCalib, debugPath] = rebuild;
+    visitor.field(
+        "depthRange", depthRange,
+        "nearest, farthest depth, mm, perpendicular to the line from camera to camera, from which findRange follows; "
+        "[ 0, 0 ] takes findRange as it stands");
+    visitor.field("imgSize", imgSize, "width, height of the raw images, pixels; [ 0, 0 ] takes the recording's");
+    visitor.field("sampleRatio", sampleRatio,
+                  "one point per sampleRatio x sampleRatio pixels, 1 to 16; takes the place of common.sample");
+    visitor.field("isDebug2OutPut", isDebug2OutPut, "1 writes the result of every stage to debugPath, 0 does not");
+    visitor.field("gradientTh", gradientTh,
+                  "window (sampled pixels) and threshold (grey values, root mean square) of the test for texture");
+    visitor.field("findRange", findRange,
+                  "first and last (just outside) parallax: right column minus left column, rectified full-size pixels");
+    visitor.field("pixMatchWin", pixMatchWin,
+                  "width, height of the window of the search for partners, odd, sampled pixels");
+    visitor.field("subPixMatchWin", subPixMatchWin,
+                  "width, height of the window of the sub-pixel matching, odd, full-size pixels; larger for less "
+                  "noise, smaller for finer detail");
+    visitor.field("imageRange", imageRange,
+                  "rectified pixels that are reconstructed: left, right, top, bottom; right and bottom lie just "
+                  "outside; [ 0, 0, 0, 0 ] takes all");
+    visitor.field("leftCalib", leftCalib,
+                  "left camera: fx, fy, cx, cy, alpha, k1, k2, p1, p2, k3, translation (mm), rotation row by row; [ ] "
+                  "takes the recording's calib_left.txt");
+    visitor.field("rightCalib", rightCalib, "right camera, likewise; [ ] takes the recording's calib_right.txt");
+    visitor.field("debugPath", debugPath, "folder and prefix of the results of the stages");
+}
+
 /// `visitor.section(name, meaning)` stands before the fields of each record; where it returns false they are left out.
 template <class Visitor, class Settings>
 void visit_settings(Visitor& visitor, Settings& settings) {
@@ -125,6 +157,7 @@ void visit_settings(Visitor& visitor, Settings& settings) {
     }
     if (visitor.section("texture", "texture-based tracking")) visit_texture(visitor, settings.texture);
     if (visitor.section("frame", "from depth images to points")) visit_frame(visitor, settings.frame);
+    if (visitor.section("rig", "stereo scanner: from pairs of images to points")) visit_rig(visitor, settings.rig);
 }
 
 }  // namespace VexelAlgorithm::Apps

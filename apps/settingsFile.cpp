@@ -6,10 +6,12 @@
 #include <charconv>
 #include <cmath>
 #include <cstdlib>
+#include <exception>
 #include <limits>
 #include <opencv2/core.hpp>
 #include <set>
 #include <string_view>
+#include <vector>
 
 #include "apps/settingsFields.h"
 #include "recording/files.h"
@@ -114,6 +116,9 @@ std::string value_text(const Eigen::Matrix<Scalar, Rows, 1>& vector) {
     std::copy_n(vector.data(), values.size(), values.begin());
     return list_text(values);
 }
+std::string value_text(const std::vector<float>& values) {
+    return values.empty() ? "[ ]" : list_text(values);
+}
 std::string value_text(const Matrix3d& matrix) {
     return list_text(numbers_of(matrix));
 }
@@ -141,8 +146,10 @@ std::string comment_text(std::string_view words, const std::string& indent) {
 
 struct Writer {
     std::string text;
+    std::string_view onlySection = {};  ///< all when empty
 
     bool section(const char* name, const char* meaning) {
+        if (!onlySection.empty() && onlySection != name) return false;
         text += '\n' + comment_text(meaning, "") + name + ":\n";
         return true;
     }
@@ -315,6 +322,18 @@ Reason take(const cv::FileNode& node, std::array<Scalar, Count>& values) {
     return {};
 }
 
+constexpr std::size_t longestList = 64;
+
+Reason take(const cv::FileNode& node, std::vector<float>& values) {
+    if (!node.isSeq() || node.size() > longestList) return "a list of numbers is expected";
+    values.assign(node.size(), 0.0F);
+    for (std::size_t place = 0; place < values.size(); ++place) {
+        const Reason reason = take(node[static_cast<int>(place)], values[place]);
+        if (!reason.empty()) return "entry " + std::to_string(place) + ": " + reason;
+    }
+    return {};
+}
+
 template <class Scalar, int Rows>
 Reason take(const cv::FileNode& node, Eigen::Matrix<Scalar, Rows, 1>& vector) {
     std::array<Scalar, static_cast<std::size_t>(Rows)> values{};
@@ -427,6 +446,12 @@ std::string settings_text(const ScanSettings& settings, const std::string& title
     return writer.text;
 }
 
+std::string rig_settings_text(const ScanSettings& settings, const std::string& title) {
+    Writer writer{header + comment_text(title, ""), "rig"};
+    visit_settings(writer, settings);
+    return writer.text;
+}
+
 Outcome<Done> read_settings_text(const std::string& text, ScanSettings& settings) {
     const Outcome<Done> checked = check_before_parsing(text);
     if (!checked) return checked;
@@ -447,6 +472,8 @@ Outcome<Done> read_settings_text(const std::string& text, ScanSettings& settings
         return Done{};
     } catch (const cv::Exception& error) {
         return Failure{parser_reason(error, hasHeader ? 0 : 2)};
+    } catch (const std::exception&) {  // the parser lets slip through what its own checks miss
+        return Failure{"it is no YAML"};
     }
 }
 

@@ -13,6 +13,9 @@ namespace VexelAlgorithm::Apps {
 /// to the same settings, to the last bit. `title` becomes the first comment.
 std::string settings_text(const ScanSettings& settings, const std::string& title);
 
+/// The section of the stereo scanner alone, for the `settings.yml` of a recording.
+std::string rig_settings_text(const ScanSettings& settings, const std::string& title);
+
 /// Replaces what the text names and keeps the rest. Sections and fields that do not exist, values of another type or
 /// number, and numbers that do not fit fail with one sentence that names the field, and change nothing. Whether values
 /// make sense is for `check_settings`. The lines "%YAML:1.0" and "---" may be missing. Never throws.

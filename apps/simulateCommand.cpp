@@ -1,14 +1,18 @@
 // vexel-scan simulate: the virtual world writes a recording.
 #include <CLI/CLI.hpp>
+#include <cmath>
 #include <memory>
 
 #include "apps/Progress.h"
 #include "apps/commands.h"
 #include "apps/numberOptions.h"
+#include "apps/searchRange.h"
+#include "apps/settingsFile.h"
 #include "foundation/diagnostics.h"
 #include "foundation/parallel.h"
 #include "recording/Recording.h"
 #include "recording/StereoRecording.h"
+#include "recording/files.h"
 #include "simulation/Sequence.h"
 #include "simulation/cameraPaths.h"
 #include "simulation/primitives.h"
@@ -121,6 +125,16 @@ std::string notes_about(const Simulation::Sequence& sequence, const Simulation::
                        static_cast<unsigned long long>(rig.sensor.seed));
 }
 
+/// The depths are those of everything that the left camera can see. `folder` holds the calibration.
+std::string settings_of(const Simulation::StereoRig& rig, const std::filesystem::path& folder) {
+    const Rebuild::CaliParReadIn calibration((folder / "calib_left.txt").string(),
+                                             (folder / "calib_right.txt").string(), {rig.left.width, rig.left.height});
+    ScanSettings settings = preset_settings("desk");
+    const Vector2d depths = rectified_depths(calibration, rig.nearLimit, rig.farLimit);
+    settings.rig.depthRange = {std::floor(static_cast<float>(depths(0))), std::ceil(static_cast<float>(depths(1)))};
+    return rig_settings_text(settings, "The scanner of this recording, for vexel-scan scan");
+}
+
 StereoFrame recorded(Simulation::StereoPair&& pair, const RigidMatrix& leftToWorld) {
     StereoFrame frame;
     const int width = pair.left.width, height = pair.left.height;
@@ -143,6 +157,9 @@ int run_stereo(const SimulateOptions& options) {
         StereoRecordingWriter::create(options.folder, calibration_of(rig.left), calibration_of(rig.right),
                                       fineDepthStep, notes_about(*sequence, rig));
     if (!writer) return report_failure(writer.failure());
+    const Outcome<Done> described =
+        write_whole_file(std::filesystem::path(options.folder) / "settings.yml", settings_of(rig, options.folder));
+    if (!described) return report_failure(described.failure());
 
     const Simulation::StereoCamera camera(rig, default_thread_number());
     const Simulation::ShapePtr nothing = Simulation::nothing();

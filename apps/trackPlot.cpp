@@ -34,10 +34,10 @@ Chart point_chart(const std::vector<TrackedFrame>& frames) {
                       [&](const auto& frame) { return frame.state.correspondences / thousand; })}};
 }
 
-Chart time_chart(const std::vector<TrackedFrame>& frames) {
+Chart time_chart(const TrackReport& report) {
     Chart chart{"Time, ms", {}, true};
-    for (const FrameStage& stage : frame_stages()) {
-        chart.curves.push_back(curve_of(stage.name, frames, stage.milliseconds));
+    for (const FrameStage& stage : report.frame_stages()) {
+        chart.curves.push_back(curve_of(stage.name, report.frames, stage.milliseconds));
     }
     return chart;
 }
@@ -57,7 +57,7 @@ cv::Mat draw_track_plot(const TrackReport& report, const std::vector<ComparedFra
         numbers.push_back(frame.number);
         lost.push_back(!frame.isAccepted);
     }
-    std::vector<Chart> charts{residual_chart(report.frames), point_chart(report.frames), time_chart(report.frames)};
+    std::vector<Chart> charts{residual_chart(report.frames), point_chart(report.frames), time_chart(report)};
     if (!compared.empty()) {
         const std::vector<FrameError> errors = frame_errors(compared);
         charts.push_back({"Error, mm",

@@ -10,6 +10,7 @@
 
 #include "foundation/diagnostics.h"
 #include "recording/files.h"
+#include "recording/frameNames.h"
 #include "recording/poseText.h"
 
 namespace VexelAlgorithm {
@@ -17,27 +18,10 @@ namespace {
 
 namespace fs = std::filesystem;
 
-constexpr std::size_t largestTextFile = 1 << 16;
 constexpr const char* intrinsicsName = "camera-intrinsics.txt";
 constexpr const char* depthStepName = "depth-step.txt";
-constexpr std::string_view framePrefix = "frame-";
 constexpr std::string_view depthEnding = ".depth.png";
 constexpr std::string_view poseEnding = ".pose.txt";
-
-std::string frame_name(int number, std::string_view ending) {
-    return format_text("frame-%06d", number) + std::string(ending);
-}
-
-/// The number in "frame-NNNNNN" + ending; nothing for any other name.
-std::optional<int> frame_number(const std::string& name, std::string_view ending) {
-    const std::size_t frame = framePrefix.size() + ending.size();
-    if (name.size() < frame + 6 || name.size() > frame + 9) return std::nullopt;
-    const std::string digits = name.substr(framePrefix.size(), name.size() - frame);
-    if (!std::all_of(digits.begin(), digits.end(), [](char c) { return c >= '0' && c <= '9'; })) return std::nullopt;
-    const int number = std::stoi(digits);
-    if (name != frame_name(number, ending)) return std::nullopt;
-    return number;
-}
 
 struct FrameFiles {
     bool hasDepth = false;
@@ -57,16 +41,6 @@ Outcome<std::map<int, FrameFiles>> list_frames(const fs::path& folder) {
     }
     if (error) return Failure{"the folder " + folder.string() + " cannot be listed (" + error.message() + ")"};
     return frames;
-}
-
-/// Reads a small text file and hands it to a parser; the failure names the file.
-template <class T>
-Outcome<T> read_text_as(const fs::path& path, Outcome<T> (*parse)(std::string_view)) {
-    const Outcome<std::string> text = read_whole_file(path, largestTextFile);
-    if (!text) return text.failure();
-    Outcome<T> value = parse(*text);
-    if (!value) return Failure{path.string() + " is not usable: " + value.failure().reason};
-    return value;
 }
 
 /// Millimetres where the folder says nothing else.
@@ -133,15 +107,6 @@ Outcome<Recording> Recording::open(const fs::path& folder, PosePolicy policy) {
         recording._frames.push_back(std::move(*frame));
     }
     return recording;
-}
-
-std::vector<RecordedFrame> Recording::select(int first, int last, int step) const {
-    std::vector<RecordedFrame> selected;
-    for (const RecordedFrame& frame : _frames) {
-        const bool isInRange = frame.number >= first && frame.number <= last;
-        if (isInRange && (frame.number - first) % std::max(step, 1) == 0) selected.push_back(frame);
-    }
-    return selected;
 }
 
 Outcome<RecordingWriter> RecordingWriter::create(const fs::path& folder, const CameraInParam& camera,

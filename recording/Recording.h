@@ -47,8 +47,6 @@ public:
     double depth_step() const { return _frames.front().depthStep; }
     /// In the order of their numbers; never empty.
     const std::vector<RecordedFrame>& frames() const { return _frames; }
-    /// Keeps the frames with numbers first, first + step, ... up to last.
-    std::vector<RecordedFrame> select(int first, int last, int step) const;
 
 private:
     Recording() = default;

@@ -3,6 +3,7 @@
 
 #include <array>
 #include <string>
+#include <string_view>
 
 #include "foundation/RigidMatrix.h"
 
@@ -20,5 +21,8 @@ struct CalibratedCamera {
 
 /// What the calibration reader of the library takes, to the last digit; uncertainties and error are written as 0.
 std::string calibration_text(const CalibratedCamera& camera);
+
+/// What is wrong with a text that the calibration reader does not take, in words.
+std::string calibration_fault(std::string_view text);
 
 }  // namespace VexelAlgorithm

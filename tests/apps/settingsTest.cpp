@@ -34,6 +34,10 @@ struct Scrambler {
         Matrix3d rotation = Matrix3d::NullaryExpr([&] { return number(); });
         rigid = {rotation, {number(), number(), number()}};
     }
+    void change(std::vector<float>& values) {
+        values.resize(5);
+        for (float& value : values) change(value);
+    }
     template <class Scalar, std::size_t Count>
     void change(std::array<Scalar, Count>& values) {
         for (Scalar& value : values) change(value);

@@ -1,0 +1,58 @@
+// What the commands that run a session have in common: options, settings, results.
+#pragma once
+
+#include <CLI/CLI.hpp>
+#include <filesystem>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "apps/ScanSettings.h"
+#include "apps/TrackReport.h"
+#include "apps/givenPoses.h"
+#include "foundation/BaseTriMesh.h"
+#include "recording/Outcome.h"
+
+namespace VexelAlgorithm::Apps {
+
+struct ScanOptions {
+    std::string out;
+    std::string preset;
+    std::string settingsFile;
+    std::string dumpFile;
+    int threads = 0;  ///< 0: as the settings say
+    std::string format = "ply";
+    TruthOptions truth;
+};
+/// Adds --out, --preset, --settings, --dump-settings, --threads, --format and those of the comparison. The preset is
+/// what `options` says until another is given.
+void add_scan_options(CLI::App& command, ScanOptions& options, const std::string& outContent);
+
+/// The preset, changed by the recording's file, if there is one, and then by that of the options.
+Outcome<ScanSettings> chosen_settings(const ScanOptions& options,
+                                      const std::optional<std::filesystem::path>& recordingsFile);
+/// One sentence with all findings, if there are any.
+Outcome<Done> check_usable(const ScanSettings& settings);
+/// Writes the settings where --dump-settings asks for them.
+Outcome<Done> dump_settings(const ScanOptions& options, const std::string& command, const ScanSettings& settings);
+
+/// A report with what is known before the first frame.
+TrackReport begin_report(const std::string& recording, const ScanOptions& options, const ScanSettings& settings,
+                         ImageSize imageSize, std::size_t frames, int step);
+
+/// What is said when Ctrl-C ended a scan.
+std::string interruption_text(const TrackReport& report);
+
+std::vector<RigidMatrix> accepted_poses(const TrackReport& report);
+/// "mesh." with the format of the options as ending.
+std::filesystem::path mesh_file(const ScanOptions& options);
+/// Mesh and preview. `poses` are those of the camera, at least one; without one only the mesh is written.
+Outcome<Done> write_model(const ScanOptions& options, const BaseTriMesh& mesh, const std::vector<RigidMatrix>& poses,
+                          const CameraInParam& camera, TrackReport& report);
+/// Trajectory, plot and both reports.
+Outcome<Done> write_account(const std::filesystem::path& folder, TrackReport& report,
+                            const std::vector<ComparedFrame>& compared);
+/// The summary and where the files are.
+void print_results(const ScanOptions& options, const TrackReport& report);
+
+}  // namespace VexelAlgorithm::Apps

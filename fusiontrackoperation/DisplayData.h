@@ -1,14 +1,16 @@
 // What an application draws while it scans.
 #pragma once
 
+#include <hwy/cache_control.h>
+
+#include <cstddef>
 #include <cstdint>
-#include <optional>
 #include <vector>
 
 #include "foundation/Cloud.h"
 #include "fusion/FusionTsdf.h"
 #include "fusion/PagedArray.h"
-#include "fusiontrackoperation/surfacePoint.h"
+#include "fusiontrackoperation/OctetSurfaces.h"
 
 namespace VexelAlgorithm {
 
@@ -22,6 +24,16 @@ public:
 
     const Cloud& cloud() const { return _cloud; }
     std::int32_t leaf_of(std::size_t point) const { return _leaves[point]; }
+    bool has(std::int32_t leaf) const { return leaf < _ranks.size() && _ranks[leaf] > 0; }
+    /// A bit for each leaf of an octet that has a point.
+    unsigned shown_of(std::int32_t octet) const;
+    /// Asks the memory for what `shown_of` needs.
+    void prefetch(std::int32_t octet) const {
+        if (OctetCells::Count * octet < _ranks.size()) hwy::Prefetch(&_ranks[OctetCells::Count * octet]);
+    }
+    /// Moves the point of a leaf that has one. Several threads may move points of different leaves.
+    void move(std::int32_t leaf, const SurfacePoint& surface);
+    /// Moves the leaf's point or gives it one.
     void set(std::int32_t leaf, const SurfacePoint& surface);
     void remove(std::int32_t leaf);
     void clear();
@@ -31,6 +43,39 @@ private:
     Cloud _cloud;                                      // normals and colours enabled
     std::vector<std::int32_t> _leaves;                 // of each point
     VexelOctree::PagedArray<std::int32_t, 17> _ranks;  // of each leaf: index of its point + 1, 0 for none
+};
+
+/// What happens to the leaves of `LeafPoints`, gathered by one worker. Points that only move are moved at once.
+class LeafPointChanges {
+public:
+    /// Of the octet's leaves that changed, those that are wanted get or move their points and the others lose them; a
+    /// bit a leaf.
+    void take(LeafPoints& points, const OctetSurface& octet, unsigned changed, unsigned wanted);
+    /// Makes the changes that alter the number of points, and forgets them.
+    void apply_to(LeafPoints& points);
+
+private:
+    struct NewPoint {
+        std::int32_t leaf;
+        SurfacePoint surface;
+    };
+    std::vector<NewPoint> _appeared;
+    std::vector<std::int32_t> _vanished;
+};
+
+/// The octets of listed leaves, each once, in the order of the list.
+class OctetList {
+public:
+    /// `leafCount`: all leaves of the volume.
+    void collect(const Fusion::ChangedLeaves& leaves, std::int32_t leafCount);
+    void clear();
+    std::size_t size() const { return _count; }
+    std::int32_t operator[](std::size_t i) const { return _octets[i]; }
+
+private:
+    std::vector<std::int32_t> _octets;  // and room behind them
+    std::size_t _count = 0;
+    std::vector<std::uint64_t> _isListed;  // a bit an octet of the volume
 };
 
 /// The display points of a volume. Guarded by the session's inner lock.
@@ -56,13 +101,18 @@ public:
     void clear();
 
 private:
-    void find_points(SessionVolume& volume, const Fusion::ChangedLeaves& changedLeaves);
+    /// The changes that one task finds.
+    struct TaskChanges {
+        LeafPointChanges points, confirmed;
+    };
+    void find_changes(SessionVolume& volume, std::size_t begin, std::size_t end, TaskChanges& changes);
 
     LeafPoints _points;
     LeafPoints _confirmed;
     bool _keepsConfirmed = false;
-    std::vector<std::optional<SurfacePoint>> _found;  // of each listed leaf
-    Vector3f _shift = Vector3f::Zero();               // of the volume, for those who place the model in it
+    OctetList _octets;  // of the leaves that changed
+    std::vector<TaskChanges> _tasks;
+    Vector3f _shift = Vector3f::Zero();  // of the volume, for those who place the model in it
 };
 
 }  // namespace VexelAlgorithm

@@ -8,6 +8,7 @@
 #include "foundation/parallel.h"
 #include "fusion/meshOptimise.h"
 #include "fusiontrackoperation/FusionTrack.h"
+#include "fusiontrackoperation/OctetSurfaces.h"
 #include "fusiontrackoperation/Stopwatch.h"
 #include "fusiontrackoperation/meshThinning.h"
 
@@ -16,7 +17,7 @@ namespace {
 
 constexpr float MIN_CONTRIBUTIONS = 0.0F;  // everything that was fused
 constexpr std::size_t MIN_PIECE_TRIANGLES = 100;
-constexpr std::size_t LEAVES_PER_TASK = std::size_t{1} << 16;
+constexpr std::size_t OCTETS_PER_TASK = std::size_t{1} << 13;
 
 struct Box {
     Vector3f low = Vector3f::Constant(std::numeric_limits<float>::infinity());
@@ -62,22 +63,23 @@ void FusionTrack::write_debug_mesh(const char* name, const BaseTriMesh& mesh) co
 
 RetVal FusionTrack::get_model_bounding_box(Vector3f& low, Vector3f& high) {
     const std::lock_guard<std::mutex> step(_stepMutex);
-    const auto& tree = _volume.get_fusion_tree();
+    const auto octets = static_cast<std::size_t>(_volume.get_vaild_leaf_num() / OctetCells::Count);
     Box box;
     std::mutex boxMutex;
-    parallel_ranges(_volume.get_code_Num(), static_cast<std::size_t>(_volume.get_vaild_leaf_num()), LEAVES_PER_TASK,
-                    [&](std::size_t begin, std::size_t end) {
-                        Fusion::FieldReader<Fusion::LeafTSDFSpeckle> field(tree);
-                        Box own;
-                        for (std::size_t leaf = begin; leaf < end; ++leaf) {
-                            const auto surface = find_surface_point(field, static_cast<std::int32_t>(leaf));
-                            if (surface) own.include(surface->point);
-                        }
-                        const std::lock_guard<std::mutex> lock(boxMutex);
-                        if (own.is_empty()) return;
-                        box.include(own.low);
-                        box.include(own.high);
-                    });
+    parallel_ranges(_volume.get_code_Num(), octets, OCTETS_PER_TASK, [&](std::size_t begin, std::size_t end) {
+        OctetSurfaces surfaces(_volume.get_fusion_tree());
+        Box own;
+        const auto number_at = [&](std::size_t i) { return static_cast<std::int32_t>(begin + i); };
+        surfaces.for_each(end - begin, number_at, [&](const OctetSurface& octet) {
+            for (int code = 0; code < OctetCells::Count; ++code) {
+                if ((octet.found() >> code & 1) != 0) own.include(octet.point(code).point);
+            }
+        });
+        const std::lock_guard<std::mutex> lock(boxMutex);
+        if (own.is_empty()) return;
+        box.include(own.low);
+        box.include(own.high);
+    });
     if (box.is_empty()) {
         print_line("can not run function get_model_bounding_box because the model is empty");
         return RET_STATE_ERROR;

@@ -1,8 +1,11 @@
 // What an application draws: on the surface, once each, growing with the scan.
 #include <algorithm>
 #include <map>
+#include <random>
 #include <tuple>
 
+#include "fusion/leafCommon.h"
+#include "fusiontrackoperation/cellSurface.h"
 #include "tests/session/sessionScenes.h"
 
 namespace VexelAlgorithm {
@@ -49,6 +52,65 @@ protected:
         EXPECT_EQ(std::unique(points.begin(), points.end()), points.end());
     }
 };
+
+/// The plain twin of the kernel: one cell, edge by edge. False when it has no surface.
+bool find_surface(const float (&value)[8], Vector3f& position, Vector3f& normal) {
+    const auto is_known = [](float v) { return std::abs(v) >= 1e-6F; };
+    int crossed = 0;
+    position = normal = Vector3f::Zero();
+    for (int axis = 0; axis < 3; ++axis) {
+        int known = 0;
+        for (int start = 0; start < 8; ++start) {
+            const float low = value[start], high = value[start | 1 << axis];
+            if ((start >> axis & 1) != 0 || !is_known(low) || !is_known(high)) continue;
+            normal[axis] += high - low;
+            ++known;
+            if ((low < 0.0F) == (high < 0.0F)) continue;
+            const Vector3f corner(float(start & 1), float(start >> 1 & 1), float(start >> 2));
+            position += corner + low / (low - high) * Vector3f::Unit(axis);
+            ++crossed;
+        }
+        if (known > 0) normal[axis] /= static_cast<float>(known);
+    }
+    if (crossed < 3 || !is_known(value[0]) || normal.norm() == 0.0F) return false;
+    position /= static_cast<float>(crossed);
+    normal /= normal.norm();
+    return true;
+}
+
+TEST(CellSurface, VectorsGiveTheBitsOfThePlainTwin) {
+    std::mt19937 random(5);
+    std::uniform_real_distribution<float> weight(-1.0F, 3.0F), sum(-2.0F, 2.0F);
+    std::vector<OctetCells> octets(500);
+    int found = 0;
+    for (OctetCells& octet : octets) {
+        for (std::size_t i = 0; i < OctetCells::LatticeSize; ++i) {
+            octet.weight[i] = std::max(weight(random), 0.0F);
+            octet.tsdfSum[i] = sum(random);
+        }
+    }
+    const std::vector<OctetCells> before = octets;
+    best_cell_surface_kernel()(octets.data(), octets.size());
+    for (std::size_t n = 0; n < octets.size(); ++n) {
+        for (int cell = 0; cell < OctetCells::Count; ++cell) {
+            float value[8];
+            for (int corner = 0; corner < 8; ++corner) {
+                const int x = (cell & 1) + (corner & 1), y = (cell >> 1 & 1) + (corner >> 1 & 1);
+                const int at = x + 3 * y + 9 * ((cell >> 2) + (corner >> 2));
+                value[corner] = Fusion::mean_distance(before[n].tsdfSum[at], before[n].weight[at]);
+            }
+            Vector3f position, normal;
+            const bool isFound = find_surface(value, position, normal);
+            ASSERT_EQ((octets[n].found >> cell & 1) != 0, isFound);
+            for (int axis = 0; isFound && axis < 3; ++axis) {
+                ASSERT_EQ(octets[n].position[axis][cell], position[axis]);
+                ASSERT_EQ(octets[n].normal[axis][cell], normal[axis]);
+            }
+            found += isFound ? 1 : 0;
+        }
+    }
+    EXPECT_GT(found, 1000);
+}
 
 TEST_F(Display, ShowsTheSurfaceOnceAndGrows) {
     EXPECT_EQ(get_show_data(session).get_vn(), 0U);

@@ -92,12 +92,21 @@ cv::Mat draw_values(const ValueMap& map, const char* title) {
 
 }  // namespace
 
-cv::Mat draw_rectified_pair(const StereoImages& images, const Rig& rig) {
+Outcome<RectifiedPair> rectified_pair(const StereoImages& images, const Rig& rig) {
     const int width = images.left.width, height = images.left.height;
-    cv::Mat left(height, width, CV_8UC1), right(height, width, CV_8UC1), picture;
-    if (!rig.calibration.remap_image_LR(images.left.pixels.data(), images.right.pixels.data(), left.data, right.data))
-        return {};
-    cv::hconcat(left, right, picture);
+    RectifiedPair pair{cv::Mat(height, width, CV_8UC1), cv::Mat(height, width, CV_8UC1)};
+    if (rig.calibration.remap_image_LR(images.left.pixels.data(), images.right.pixels.data(), pair.left.data,
+                                       pair.right.data))
+        return pair;
+    return Failure{"the pair cannot be rectified; the line above says why"};
+}
+
+cv::Mat draw_rectified_pair(const StereoImages& images, const Rig& rig) {
+    const Outcome<RectifiedPair> pair = rectified_pair(images, rig);
+    if (!pair) return {};
+    const int width = images.left.width, height = images.left.height;
+    cv::Mat picture;
+    cv::hconcat(pair->left, pair->right, picture);
     cv::cvtColor(picture, picture, cv::COLOR_GRAY2BGR);
     const cv::Scalar colours[] = {{80, 200, 80}, {60, 160, 255}, {255, 170, 60}};
     for (int y = lineStep / 2; y < height; y += lineStep)

@@ -9,6 +9,13 @@
 
 namespace VexelAlgorithm::Apps {
 
+/// 8-bit grey.
+struct RectifiedPair {
+    cv::Mat left;
+    cv::Mat right;
+};
+Outcome<RectifiedPair> rectified_pair(const StereoImages& images, const Rig& rig);
+
 /// The rectified images side by side with horizontal lines, along which partners lie; 8-bit BGR.
 cv::Mat draw_rectified_pair(const StereoImages& images, const Rig& rig);
 

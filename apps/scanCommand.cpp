@@ -190,8 +190,7 @@ int run_scan(const StereoScanOptions& options) {
     if (!recording) return report_failure(recording.failure());
     const Outcome<std::vector<RecordedPair>> pairs = selected_pairs(*recording, options.stereo.selection);
     if (!pairs) return report_failure(pairs.failure());
-    const Outcome<GivenPoses> given =
-        given_poses(options.scan.truth, options.stereo.selection.recording, posed(*pairs));
+    const Outcome<GivenPoses> given = given_poses(options.scan.truth, name_of(options.stereo), posed(*pairs));
     if (!given) return report_failure(given.failure());
     Outcome<ScanSettings> settings = chosen_settings(options.scan, recording->settings_file());
     if (!settings) return report_failure(settings.failure());
@@ -210,8 +209,8 @@ int run_scan(const StereoScanOptions& options) {
     PairReconstruction reconstruction(rig->param, *pairs);
     if (!reconstruction.is_ready())
         return report_failure({"the reconstruction refused its settings; the line above says why"});
-    TrackReport report = begin_report(pairs->front().leftFile.parent_path().string(), options.scan, *settings,
-                                      recording->image_size(), pairs->size(), options.stereo.selection.step);
+    TrackReport report = begin_report(name_of(options.stereo), options.scan, *settings, recording->image_size(),
+                                      pairs->size(), options.stereo.selection.step);
     report.pointsStage = "reconstruct";
     report.rig = summary_of(*rig, *settings);
     return scan_pairs({options, *rig, *settings, reconstruction}, *given, report);

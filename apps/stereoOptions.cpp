@@ -32,6 +32,10 @@ Outcome<StereoRecording> open_stereo(const StereoOptions& options) {
     return Failure{"name a RECORDING, or a pair with --left and --right"};
 }
 
+std::string name_of(const StereoOptions& options) {
+    return options.left.empty() ? options.selection.recording : options.left;
+}
+
 CalibrationFiles calibration_files(const StereoOptions& options, const StereoRecording& recording) {
     CalibrationFiles files{recording.left_calibration(), recording.right_calibration()};
     if (!options.leftCalibration.empty()) files.left = options.leftCalibration;

@@ -23,6 +23,8 @@ struct StereoOptions {
 void add_stereo_options(CLI::App& command, StereoOptions& options);
 
 Outcome<StereoRecording> open_stereo(const StereoOptions& options);
+/// The recording's folder or the left image, for messages and reports.
+std::string name_of(const StereoOptions& options);
 CalibrationFiles calibration_files(const StereoOptions& options, const StereoRecording& recording);
 /// Depth range and calibration files go before what the settings say.
 void apply(const StereoOptions& options, ScanSettings& settings);

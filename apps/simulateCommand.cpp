@@ -5,6 +5,7 @@
 
 #include "apps/Progress.h"
 #include "apps/commands.h"
+#include "apps/meshPlacement.h"
 #include "apps/numberOptions.h"
 #include "apps/searchRange.h"
 #include "apps/settingsFile.h"
@@ -38,14 +39,16 @@ struct SimulateOptions {
     int height = 0;
     double depthStep = 0.0;
     bool isStereo = false;
+    std::string meshFile;
+    MeshPlacement placement;
 };
 
 /// Two turns around the object that climb from a low to a high view, seen by a camera about as wide as the common
 /// depth cameras: 57 degrees.
-Simulation::Sequence two_turns(const SimulateOptions& options) {
+Simulation::Sequence two_turns(const SimulateOptions& options, const std::optional<PlacedMesh>& mesh) {
     Simulation::Sequence sequence;
     sequence.name = options.scene;
-    sequence.scene = Simulation::make_scene(options.scene);
+    sequence.scene = mesh ? mesh->scene : Simulation::make_scene(options.scene);
     sequence.normalWindow = 0.0;  // no pixel is lost for want of neighbours
     sequence.width = options.width > 0 ? options.width : 640;
     sequence.height = options.height > 0 ? options.height : 480;
@@ -53,7 +56,7 @@ Simulation::Sequence two_turns(const SimulateOptions& options) {
     sequence.camera = {focalLength, focalLength, 0.5 * (sequence.width - 1), 0.5 * (sequence.height - 1)};
     sequence.farLimit = 1.2 * options.distance;  // a scanner's working range
     Simulation::Orbit orbit;
-    orbit.target = Simulation::owl_centre();
+    orbit.target = mesh ? mesh->centre : Simulation::owl_centre();
     orbit.radius = options.distance;
     orbit.turns = 2.0;
     orbit.startElevation = 8.0;
@@ -67,13 +70,17 @@ Simulation::Sequence two_turns(const SimulateOptions& options) {
     return sequence;
 }
 
-std::optional<Simulation::Sequence> hand_held(const SimulateOptions& options) {
+std::optional<Simulation::Sequence> hand_held(const SimulateOptions& options, const std::optional<PlacedMesh>& mesh) {
     Simulation::SequenceSettings settings;
     settings.frames = options.frames;
     settings.width = options.width > 0 ? options.width : 640;
     settings.height = options.height > 0 ? options.height : 512;
     settings.seed = options.seed;
     if (!options.hasNoise) settings.noiseSigma = 0.0;
+    if (mesh) {
+        settings.scene = mesh->scene;
+        settings.centre = mesh->centre;
+    }
     return Simulation::make_sequence(options.sequence, settings);
 }
 
@@ -146,11 +153,11 @@ StereoFrame recorded(Simulation::StereoPair&& pair, const RigidMatrix& leftToWor
     return frame;
 }
 
-int run_stereo(const SimulateOptions& options) {
+int run_stereo(const SimulateOptions& options, const std::optional<PlacedMesh>& mesh) {
     SimulateOptions path = options;
     if (path.sequence.empty()) path.sequence = "arc";
     path.width = path.height = 0;
-    const auto sequence = hand_held(path);
+    const auto sequence = hand_held(path, mesh);
     if (!sequence) return EXIT_FAILED;
     const Simulation::StereoRig rig = rig_of(options);
     Outcome<StereoRecordingWriter> writer =
@@ -178,9 +185,16 @@ int run_stereo(const SimulateOptions& options) {
 }
 
 int run_simulate(const SimulateOptions& options) {
-    if (options.isStereo) return run_stereo(options);
+    std::optional<PlacedMesh> mesh;
+    if (!options.meshFile.empty()) {
+        Outcome<PlacedMesh> placed = place_mesh(options.meshFile, options.placement);
+        if (!placed) return report_failure(placed.failure());
+        print_line("Mesh          " + placed->description);
+        mesh = std::move(*placed);
+    }
+    if (options.isStereo) return run_stereo(options, mesh);
     const bool isHandHeld = !options.sequence.empty();
-    const auto sequence = isHandHeld ? hand_held(options) : two_turns(options);
+    const auto sequence = isHandHeld ? hand_held(options, mesh) : two_turns(options, mesh);
     if (!sequence) return EXIT_FAILED;
     const double depthStep = options.depthStep > 0.0 ? options.depthStep : isHandHeld ? fineDepthStep : 1.0;
     Outcome<RecordingWriter> writer = RecordingWriter::create(options.folder, sequence->camera, depthStep);
@@ -201,6 +215,31 @@ int run_simulate(const SimulateOptions& options) {
 
 }  // namespace
 
+namespace {
+
+void add_mesh_options(CLI::App& command, SimulateOptions& options, CLI::Option* scene) {
+    CLI::Option* mesh = command
+                            .add_option("--mesh", options.meshFile,
+                                        "What is scanned: a mesh file (.ply, .obj, .stl), stood on z = 0; taken for\n"
+                                        "millimetres when it is 40 to 220 of them large, else scaled to 150 mm")
+                            ->excludes(scene);
+    CLI::Option* unit =
+        command.add_option("--mesh-unit", options.placement.unit, "Unit of the mesh file, which is then not scaled")
+            ->check(CLI::IsMember({"mm", "cm", "m", "inch"}))
+            ->needs(mesh);
+    command.add_option("--mesh-size", options.placement.size, "Scales the mesh to this largest side in mm")
+        ->check(number_between(1, 2000))
+        ->needs(mesh)
+        ->excludes(unit);
+    command.add_option("--mesh-up", options.placement.up, "Axis of the mesh file that points upwards")
+        ->check(CLI::IsMember({"x", "y", "z", "-x", "-y", "-z"}))
+        ->capture_default_str()
+        ->needs(mesh);
+    command.add_flag("--on-table", options.placement.isOnTable, "Puts a table under the mesh")->needs(mesh);
+}
+
+}  // namespace
+
 void add_simulate_command(CLI::App& app, Command& chosen) {
     CLI::App* command = app.add_subcommand("simulate", "Writes a recording of a virtual scene with its true poses.");
     const auto options = std::make_shared<SimulateOptions>();
@@ -211,11 +250,12 @@ void add_simulate_command(CLI::App& app, Command& chosen) {
         "--stereo", options->isStereo,
         "Writes raw pairs of a speckle scanner, its calibration, true depths and poses; the sequence 'arc' and\n"
         "1280 x 1024 pixels if nothing else is said");
-    command->add_option("--scene", options->scene, "What is scanned on two turns around it")
-        ->check(CLI::IsMember(Simulation::scene_names()))
-        ->capture_default_str()
-        ->excludes(sequence)
-        ->excludes(stereo);
+    CLI::Option* scene = command->add_option("--scene", options->scene, "What is scanned on two turns around it")
+                             ->check(CLI::IsMember(Simulation::scene_names()))
+                             ->capture_default_str()
+                             ->excludes(sequence)
+                             ->excludes(stereo);
+    add_mesh_options(*command, *options, scene);
     command->add_option("--frames", options->frames, "Number of frames; on two turns 40")
         ->check(number_between(1, 100000));
     command->add_option("--distance", options->distance, "Distance of the camera from the object in mm, on two turns")

@@ -40,6 +40,10 @@ Vector3d blocks_centre() {
     return {0, 0, 35};
 }
 
+Vector3d table_centre() {
+    return Vector3d::Zero();
+}
+
 RigidMatrix around_the_owl(const Moment& moment) {
     return orbit_view(owl_centre(), -90.0 + 360.0 * moment.progress(), 20.0);
 }
@@ -104,6 +108,7 @@ RigidMatrix one_view(const Moment&) {
 struct NamedSequence {
     SequenceDescription description;
     const char* scene;
+    Vector3d (*centre)();  ///< of the scene, about which the path leads
     RigidMatrix (*steadyPose)(const Moment&);
     double tremorTranslation;  ///< mm
     double tremorRotation;     ///< degrees
@@ -111,25 +116,51 @@ struct NamedSequence {
 };
 
 const NamedSequence kSequences[] = {
-    {{"full_turn", "Once around the owl on a table", 100}, "owl_on_table", around_the_owl, 1.0, 0.2, nullptr},
+    {{"full_turn", "Once around the owl on a table", 100},
+     "owl_on_table",
+     owl_centre,
+     around_the_owl,
+     1.0,
+     0.2,
+     nullptr},
     {{"arc", "A part of the turn around the owl, as far as the frames reach", 40},
      "owl_on_table",
+     owl_centre,
      along_the_arc,
      1.0,
      0.2,
      nullptr},
-    {{"smooth", "A slow sweep about the blocks", 40}, "blocks", slow_sweep, 1.0, 0.2, nullptr},
-    {{"fast", "To and fro about the blocks, with a strong tremor", 40}, "blocks", to_and_fro, 3.0, 0.5, nullptr},
-    {{"jump", "A slow sweep with a jump in the middle", 40}, "blocks", sweep_with_jump, 0.3, 0.05, nullptr},
+    {{"smooth", "A slow sweep about the blocks", 40}, "blocks", blocks_centre, slow_sweep, 1.0, 0.2, nullptr},
+    {{"fast", "To and fro about the blocks, with a strong tremor", 40},
+     "blocks",
+     blocks_centre,
+     to_and_fro,
+     3.0,
+     0.5,
+     nullptr},
+    {{"jump", "A slow sweep with a jump in the middle", 40},
+     "blocks",
+     blocks_centre,
+     sweep_with_jump,
+     0.3,
+     0.05,
+     nullptr},
     {{"black_out", "A slow sweep with ten black frames in the middle", 40},
      "blocks",
+     blocks_centre,
      sweep_that_waits,
      0.3,
      0.05,
      covered_in_the_middle},
-    {{"past_plane", "From the blocks over the bare table and back", 90}, "blocks", away_and_back, 1.0, 0.2, nullptr},
-    {{"bare_plane", "A slow sweep over the bare table", 20}, "table", over_the_table, 1.0, 0.2, nullptr},
-    {{"still", "A view of the blocks that stays", 1000}, "blocks", one_view, 0.3, 0.05, nullptr},
+    {{"past_plane", "From the blocks over the bare table and back", 90},
+     "blocks",
+     table_centre,
+     away_and_back,
+     1.0,
+     0.2,
+     nullptr},
+    {{"bare_plane", "A slow sweep over the bare table", 20}, "table", table_centre, over_the_table, 1.0, 0.2, nullptr},
+    {{"still", "A view of the blocks that stays", 1000}, "blocks", blocks_centre, one_view, 0.3, 0.05, nullptr},
 };
 
 const NamedSequence* find_sequence(const std::string& name) {
@@ -149,6 +180,7 @@ const char* fault_of(const SequenceSettings& settings) {
         return "sequence: the noise must be at least 0 mm";
     if (!(std::isfinite(settings.tremor) && settings.tremor >= 0.0))
         return "sequence: the factor on the tremor must be at least 0";
+    if (!settings.centre.allFinite()) return "sequence: the centre of the scene is not finite";
     return nullptr;
 }
 
@@ -210,7 +242,9 @@ std::optional<Sequence> make_sequence(const std::string& name, const SequenceSet
     }
     Sequence sequence;
     sequence.name = name;
-    sequence.scene = make_scene(plan->scene);
+    sequence.scene = settings.scene ? settings.scene : make_scene(plan->scene);
+    const Vector3d shift = settings.scene ? Vector3d(settings.centre - plan->centre()) : Vector3d(Vector3d::Zero());
+    const RigidMatrix toScene(Matrix3d::Identity(), shift);
     sequence.width = settings.width;
     sequence.height = settings.height;
     const double focalLength = kFocalLengthPerColumn * settings.width;
@@ -220,7 +254,7 @@ std::optional<Sequence> make_sequence(const std::string& name, const SequenceSet
     const int frames = settings.frames > 0 ? settings.frames : plan->description.frames;
     for (int frame = 0; frame < frames; ++frame) {
         const Moment moment{frame, frames};
-        sequence.poses.push_back(plan->steadyPose(moment));
+        sequence.poses.push_back(toScene * plan->steadyPose(moment));
         sequence.isBlack.push_back(plan->isBlack != nullptr && plan->isBlack(moment) ? 1 : 0);
     }
     HandTremor tremor;

@@ -48,9 +48,11 @@ struct SequenceSettings {
     /// any other number of columns.
     int width = 640;
     int height = 512;
-    std::uint64_t seed = 1;   ///< of noise and tremor
-    double noiseSigma = 0.1;  ///< mm of depth, the same everywhere; 0 for ideal depths
-    double tremor = 1.0;      ///< factor on the tremor of the sequence; 0 for a path on rails
+    std::uint64_t seed = 1;              ///< of noise and tremor
+    double noiseSigma = 0.1;             ///< mm of depth, the same everywhere; 0 for ideal depths
+    double tremor = 1.0;                 ///< factor on the tremor of the sequence; 0 for a path on rails
+    ShapePtr scene;                      ///< instead of the sequence's own; null for that
+    Vector3d centre = Vector3d::Zero();  ///< mm; what the camera looks at in a scene given here
 };
 
 /// A name, one sentence about it, and the frames it has when nothing else is asked for.

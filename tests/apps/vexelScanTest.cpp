@@ -126,6 +126,14 @@ TEST_F(VexelScan, SimulatesARecordingThatFuses) {
     EXPECT_EQ(bytes_of(path("walk") / "depth-step.txt"), "0.01\n");
     EXPECT_EQ(run("fuse " + quoted(path("walk")) + " --voxel 4 --min-weight 1 --out " + quoted(path("out"))).exitCode,
               0);
+    put_bytes(path("wedge.obj"), "v 0 0 0\nv .1 0 0\nv 0 .1 0\nv 0 0 .12\nf 1 3 2\nf 1 2 4\nf 2 3 4\nf 3 1 4\n");
+    const std::string mesh = "simulate --frames 2 --width 160 --height 128 --mesh " + quoted(path("wedge.obj"));
+    const ToolRun placed = run(mesh + " --mesh-unit m --on-table " + quoted(path("wedge")));
+    EXPECT_EQ(placed.exitCode, 0) << placed.errors;
+    EXPECT_NE(placed.output.find("4 triangles, 100.0 x 100.0 x 120.0 mm"), std::string::npos) << placed.output;
+    EXPECT_EQ(run("fuse " + quoted(path("wedge")) + " --voxel 4 --min-weight 1 --out " + quoted(path("out"))).exitCode,
+              0);
+    EXPECT_EQ(run(mesh + " --stereo " + quoted(path("wedge-pairs"))).exitCode, 0);
     const ToolRun refused = run(call + quoted(path("sim")));
     EXPECT_EQ(refused.exitCode, 1);
     EXPECT_NE(refused.errors.find("holds a recording already"), std::string::npos) << refused.errors;
@@ -168,11 +176,20 @@ const BadCall badCalls[] = {
     {"simulate @/sim --sequence earthquake", 2, "--sequence"},
     {"simulate @/sim --sequence smooth --scene owl", 2, "--sequence"},
     {"simulate @/sim --depth-step 0", 2, "--depth-step"},
+    {"simulate @/sim --mesh @/nothing.ply", 1, "nothing.ply"},
+    {"simulate @/sim --mesh @/file", 1, "is no mesh file"},
+    {"simulate @/sim --mesh @/dust.obj", 1, "lie in one point"},
+    {"simulate @/sim --mesh @/needle.obj", 1, "has an area"},
+    {"simulate @/sim --mesh @/needle.obj --mesh-unit m", 1, "--mesh-size"},
+    {"simulate @/sim --mesh @/dust.obj --mesh-up w", 2, "--mesh-up"},
+    {"simulate @/sim --on-table", 2, "--mesh"},
 };
 
 TEST_F(VexelScan, SaysInOneSentenceWhatIsWrong) {
     const fs::path ball = ball_recording(2);
     put_bytes(path("file"), "precious");
+    put_bytes(path("dust.obj"), "v 1 1 1\nf 1 1 1\n");
+    put_bytes(path("needle.obj"), "v 0 0 0\nv 0 0 5\nv 0 0 9\nf 1 2 3\n");
     fs::copy(ball, path("half"));
     fs::resize_file(path("half") / "frame-000003.depth.png", 100);
     fs::copy(ball, path("black"));

@@ -10,6 +10,7 @@
 #include "foundation/handle.h"
 #include "foundation/parallel.h"
 #include "fusion/FusionTsdf.h"
+#include "fusion/ImageTiles.h"
 #include "fusion/cameraConstraint.h"
 #include "fusion/integratePoint.h"
 #include "fusion/marchingCubes.h"
@@ -100,24 +101,43 @@ inline int upper_bound(int treeDepth) {
     return (1 << treeDepth) - 3;
 }
 
+/// The offsets that come into question for the points of a tile.
+inline void select_nearby(const PointImage& frame, const FrameIntegration& integration, const FusionCone& cone,
+                          const ImageTile& tile, NearbyOffsets& nearby) {
+    PixelCone cones = cone.pixel(tile.x0, tile.y0);
+    Vector2f widest = Vector2f::Zero();
+    float farthest = 0.0f;
+    tile.for_each_pixel([&](int u, int v) {
+        const PixelCone pixel = cone.pixel(u, v);
+        cones = {std::min(cones.left, pixel.left), std::max(cones.right, pixel.right), std::min(cones.top, pixel.top),
+                 std::max(cones.bottom, pixel.bottom)};
+        widest = widest.cwiseMax(Vector2f(pixel.right - pixel.left, pixel.bottom - pixel.top));
+        const float z = frame.get_point(u, v).z();
+        if (z > farthest && z < 1e30f) farthest = z;
+    });
+    nearby.select(integration.offsets_C, cones, widest, farthest + integration.pointDis, integration.rt.get_rotation(),
+                  integration.pointDis);
+}
+
 template <class Leaf>
 void integrate_image(VexelOctree::Octree<Leaf>& tree, const PointImage& frame, const FrameIntegration& integration,
                      const FusionCone& cone, int threads, ChangedLeaves& changedLeaves,
                      const std::vector<unsigned char>* labels) {
-    parallel_ranges(threads, frame.get_vn(), detail::points_per_task(frame.get_vn(), threads),
-                    [&](std::size_t begin, std::size_t end) {
-                        IntegrationWorker worker(integration);
-                        const auto width = static_cast<std::size_t>(frame.get_image_width());
-                        auto u = static_cast<int>(begin % width), v = static_cast<int>(begin / width);
-                        for (std::size_t slot = begin; slot < end; ++slot) {
-                            if (is_usable_point(frame.get_vCoord(slot), frame.get_vNrv(slot))) {
-                                integrate_point(tree, integration, worker, measure(frame, cone, u, v, labels),
-                                                changedLeaves);
-                            }
-                            if (++u == frame.get_image_width()) u = 0, ++v;
-                        }
-                        finish_points(tree, integration, worker, changedLeaves);
-                    });
+    const ImageTiles tiles(frame.get_image_width(), frame.get_image_height());
+    const std::size_t tilesPerTask =
+        std::max(points_per_task(frame.get_vn(), threads) / ImageTiles::PixelsPerTile, std::size_t{1});
+    parallel_ranges(threads, tiles.count(), tilesPerTask, [&](std::size_t begin, std::size_t end) {
+        IntegrationWorker worker(integration);
+        for (std::size_t i = begin; i < end; ++i) {
+            if (!integration.openCone) select_nearby(frame, integration, cone, tiles[i], worker.nearby);
+            tiles[i].for_each_pixel([&](int u, int v) {
+                const std::size_t slot = frame.index_of(u, v);
+                if (!is_usable_point(frame.get_vCoord(slot), frame.get_vNrv(slot))) return;
+                integrate_point(tree, integration, worker, measure(frame, cone, u, v, labels), changedLeaves);
+            });
+        }
+        finish_points(tree, integration, worker, changedLeaves);
+    });
 }
 
 }  // namespace detail

@@ -37,6 +37,7 @@ void for_each_quarter(const ImageTile& tile, const Body& body) {
 class ImageTiles {
 public:
     static constexpr int Size = 32;
+    static constexpr std::size_t PixelsPerTile = std::size_t{Size} * Size;
 
     ImageTiles(int width, int height)
         : _width(width), _height(height), _columns((width + Size - 1) / Size), _rows((height + Size - 1) / Size) {}

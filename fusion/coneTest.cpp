@@ -5,6 +5,7 @@
 #include <hwy/foreach_target.h>
 #include <hwy/highway.h>
 
+#include <algorithm>
 #include <limits>
 
 HWY_BEFORE_NAMESPACE();
@@ -62,17 +63,32 @@ ConeTest best_cone_test() {
     return &HWY_DYNAMIC_DISPATCH(find_inside);
 }
 
-RotatedOffsets::RotatedOffsets(const OffsetCube& cube, const Matrix3d& cameraToModel) : _count(cube.voxels.size()) {
-    const std::size_t padded = (_count + Padding - 1) / Padding * Padding;
+void RotatedOffsets::resize(std::size_t count) {
+    _count = count;
+    const std::size_t padded = (count + Padding - 1) / Padding * Padding;
     const float nowhere = std::numeric_limits<float>::quiet_NaN();
-    _x.assign(padded, nowhere);
-    _y.assign(padded, nowhere);
-    _z.assign(padded, nowhere);
+    for (std::vector<float>* coordinates : {&_x, &_y, &_z}) {
+        coordinates->resize(padded);
+        std::fill(coordinates->begin() + static_cast<std::ptrdiff_t>(count), coordinates->end(), nowhere);
+    }
+}
+
+RotatedOffsets::RotatedOffsets(const OffsetCube& cube, const Matrix3d& cameraToModel) {
+    resize(cube.voxels.size());
     for (std::size_t i = 0; i < _count; ++i) {
         const Vector3f offset_C = (cameraToModel.transpose() * cube.offsets[i].cast<double>()).cast<float>();
         _x[i] = offset_C.x();
         _y[i] = offset_C.y();
         _z[i] = offset_C.z();
+    }
+}
+
+void RotatedOffsets::select(const RotatedOffsets& all, const std::vector<std::size_t>& numbers) {
+    resize(numbers.size());
+    for (std::size_t i = 0; i < _count; ++i) {
+        _x[i] = all._x[numbers[i]];
+        _y[i] = all._y[numbers[i]];
+        _z[i] = all._z[numbers[i]];
     }
 }
 

@@ -16,8 +16,11 @@ namespace Fusion {
 /// frame instead of four plane normals for every pixel leaves two products a plane pair and voxel.
 class RotatedOffsets {
 public:
+    RotatedOffsets() = default;
     /// `cameraToModel` is the rotation of the pose.
     RotatedOffsets(const OffsetCube& cube, const Matrix3d& cameraToModel);
+    /// Becomes those of `all` with these numbers.
+    void select(const RotatedOffsets& all, const std::vector<std::size_t>& numbers);
 
     std::size_t size() const { return _count; }
     /// Padded with NaN, which lies in no cone, to a multiple of `Padding`.
@@ -30,7 +33,9 @@ public:
     static constexpr std::size_t Padding = 64;
 
 private:
-    std::size_t _count;
+    void resize(std::size_t count);
+
+    std::size_t _count = 0;
     std::vector<float> _x, _y, _z;
 };
 

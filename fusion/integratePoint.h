@@ -12,6 +12,7 @@
 
 #include "foundation/RigidMatrix.h"
 #include "fusion/FusionTsdf.h"
+#include "fusion/NearbyOffsets.h"
 #include "fusion/OctetCache.h"
 #include "fusion/coneTest.h"
 
@@ -84,6 +85,7 @@ struct IntegrationWorker {
     }
 
     OctetCache cache;
+    NearbyOffsets nearby;               // for the points of the tile at work; for none without a tile
     std::vector<std::uint64_t> inside;  // a bit an offset
     PointUpdates current, waiting;
 };
@@ -97,9 +99,9 @@ inline bool is_usable_point(const Vector3f& point_C, const Vector3f& normal_C) {
 }
 
 /// The offsets whose voxels lie inside the point's cone, into worker.inside; `base_V` is the centre of the base
-/// voxel relative to the shift.
-inline void find_cone_voxels(const FrameIntegration& frame, const Vector3f& base_V, const PixelCone& cone,
-                             IntegrationWorker& worker) {
+/// voxel relative to the shift. Returns those that the bits stand for; null: the whole cube.
+inline const NearbyOffsets* find_cone_voxels(const FrameIntegration& frame, const Vector3f& base_V,
+                                             const PixelCone& cone, IntegrationWorker& worker) {
     const Matrix3f& rotation = frame.modelToCamera;
     const float x = base_V.x() - frame.origin_V.x();
     const float y = base_V.y() - frame.origin_V.y();
@@ -107,7 +109,9 @@ inline void find_cone_voxels(const FrameIntegration& frame, const Vector3f& base
     const Vector3f base_C(rotation(0, 0) * x + (rotation(0, 1) * y + rotation(0, 2) * z),
                           rotation(1, 0) * x + (rotation(1, 1) * y + rotation(1, 2) * z),
                           rotation(2, 0) * x + (rotation(2, 1) * y + rotation(2, 2) * z));
-    frame.coneTest(frame.offsets_C, base_C, cone, worker.inside.data());
+    const bool isNearbyEnough = worker.nearby.suffice(base_C, cone);
+    frame.coneTest(isNearbyEnough ? worker.nearby.offsets() : frame.offsets_C, base_C, cone, worker.inside.data());
+    return isNearbyEnough ? &worker.nearby : nullptr;
 }
 
 /// Adds one contribution to a leaf, or takes it away, under the leaf's lock. True when the leaf became changed.
@@ -178,12 +182,14 @@ void integrate_point(VexelOctree::Octree<Leaf>& tree, const FrameIntegration& fr
     const float baseDistance = (base_V - point_V).dot(normal_M);
 
     worker.cache.find_or_create(tree, base.x(), base.y(), base.z());
-    if (!frame.openCone) find_cone_voxels(frame, base_V, measured.cone, worker);
+    const NearbyOffsets* nearby = frame.openCone ? nullptr : find_cone_voxels(frame, base_V, measured.cone, worker);
+    const std::size_t words = nearby != nullptr ? nearby->offsets().word_count() : worker.inside.size();
     PointUpdates& updates = worker.current;
     updates.measured = measured;
-    for (std::size_t word = 0; word < worker.inside.size(); ++word) {
+    for (std::size_t word = 0; word < words; ++word) {
         for (std::uint64_t bits = worker.inside[word]; bits != 0; bits &= bits - 1) {
-            const std::size_t k = 64 * word + hwy::Num0BitsBelowLS1Bit_Nonzero64(bits);
+            const std::size_t bit = 64 * word + hwy::Num0BitsBelowLS1Bit_Nonzero64(bits);
+            const std::size_t k = nearby != nullptr ? nearby->number(bit) : bit;
             const Vector3i voxel = base + frame.cube.voxels[k];
             const std::int32_t leaf = worker.cache.find_or_create(tree, voxel.x(), voxel.y(), voxel.z());
             if (leaf < 0) continue;

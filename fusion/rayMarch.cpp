@@ -9,6 +9,7 @@
 #include <cmath>
 #include <limits>
 
+#include "fusion/EmptySpace.h"
 #include "fusion/fieldLanes-inl.h"
 
 HWY_BEFORE_NAMESPACE();
@@ -30,46 +31,14 @@ HWY_INLINE PositionLanes in_voxels(const RayBundle& bundle, const PositionLanes&
             axis_in_voxels(bundle, 2, direction.z, t)};
 }
 
-HWY_INLINE float length_at(const RayBundle& bundle, const MarchRay& ray, std::int32_t n) {
-    return ray.start + static_cast<float>(n) * bundle.step;
-}
-
 HWY_INLINE std::size_t leading_ones(std::uint32_t bits) {
     return hwy::Num0BitsBelowLS1Bit_Nonzero32(~bits);
 }
 
-/// How many samples are sure to read 0 behind sample n, which does; 0 when sample n is not valid or may read something.
-int count_empty_samples(const RayBundle& bundle, const BrickCache& bricks, const MarchRay& ray, std::int32_t n) {
-    const float t = length_at(bundle, ray, n);
-    float q[3];
-    int voxel[3];
-    for (int axis = 0; axis < 3; ++axis) {
-        q[axis] = (bundle.origin[axis] + t * ray.direction[axis] - bundle.shift[axis]) / bundle.pointDis;
-        if (!(q[axis] >= 1.0f && q[axis] < bundle.sampleEnd)) return 0;
-        voxel[axis] = static_cast<int>(q[axis]);
-    }
-    const int bits = bricks.source().empty_node_bits(voxel[0], voxel[1], voxel[2]);
-    if (bits == 0) return 0;
-
-    // More than positions can be off by rounding.
-    const float margin = 0.01f + bundle.sampleEnd * 4.0f * std::numeric_limits<float>::epsilon();
-    // Along an axis to which the ray is perpendicular it takes very many steps to the next voxel. Samples outside the
-    // valid range may be among those passed over: a ray that has left the range does not come back.
-    float steps = 1e6f;
-    for (int axis = 0; axis < 3; ++axis) {
-        const float perStep = 0.5f * ray.direction[axis];
-        if (!(std::abs(perStep) > 1e-30f)) continue;
-        const bool forward = perStep > 0.0f;
-        const int side = ((voxel[axis] >> bits) + (forward ? 1 : 0)) << bits;
-        const float distance = static_cast<float>(side) + (forward ? -margin : margin) - q[axis];
-        steps = std::min(steps, distance / perStep);
-    }
-    return 1 + (steps > 0.0f ? static_cast<int>(steps) : 0);
-}
-
 /// The ray length of the last positive sample before a negative one; NaN when there is none. A vector holds samples in
-/// a row.
-float find_crossing(const RayBundle& bundle, FieldLanes& field, const BrickCache& bricks, const MarchRay& ray) {
+/// a row. `count_empty` tells how many samples from the n-th on may be passed over.
+template <class CountEmpty>
+float find_crossing(const RayBundle& bundle, FieldLanes& field, const MarchRay& ray, const CountEmpty& count_empty) {
     const FloatTag d;
     const IntTag di;
     const std::size_t lanes = hn::Lanes(d);
@@ -80,13 +49,11 @@ float find_crossing(const RayBundle& bundle, FieldLanes& field, const BrickCache
     std::uint32_t wasPositive = 0;
     bool wasEmpty = true;
     for (std::int32_t n = ray.firstSample;;) {
-        if (!bundle.isGuided && wasEmpty) {
-            const int empty = count_empty_samples(bundle, bricks, ray, n);
-            if (empty > 0) {
-                n += empty;
-                if (length_at(bundle, ray, n - 1) > ray.end) return None;
-                continue;
-            }
+        const int empty = wasEmpty ? count_empty(n) : 0;
+        if (empty > 0) {
+            n += empty;
+            if (length_at(bundle, ray, n - 1) > ray.end) return None;
+            continue;
         }
         const Floats t = hn::Add(start, hn::Mul(hn::ConvertTo(d, hn::Add(hn::Set(di, n), numbers)), step));
         const PositionLanes q = in_voxels(bundle, direction, t);
@@ -112,6 +79,13 @@ float find_crossing(const RayBundle& bundle, FieldLanes& field, const BrickCache
         wasEmpty = ((positive | negative) >> (lanes - 1)) == 0;
         n += static_cast<std::int32_t>(lanes);
     }
+}
+
+HWY_INLINE float find_crossing(const RayBundle& bundle, FieldLanes& field, const BrickSource& source,
+                               const MarchRay& ray) {
+    if (bundle.isGuided) return find_crossing(bundle, field, ray, [](std::int32_t) { return 0; });
+    const EmptySpace space(bundle, source, ray);
+    return find_crossing(bundle, field, ray, [&](std::int32_t n) { return space.count_samples(n); });
 }
 
 /// Reads most bricks that guided rays will ask for, all together instead of one after the other. Neighbours ask for the
@@ -220,7 +194,7 @@ void cast_rays(const RayBundle& bundle, BrickCache& bricks, const MarchRay* rays
     if (bundle.isGuided) read_ahead(bundle, field, bricks, rays, count);
     for (std::size_t i = 0; i < count; ++i) {
         lengths[i] = None;
-        crossings.add(rays[i], find_crossing(bundle, field, bricks, rays[i]), i);
+        crossings.add(rays[i], find_crossing(bundle, field, bricks.source(), rays[i]), i);
         if (crossings.is_full()) crossings.refine_all(bundle, field, lengths);
     }
     crossings.refine_all(bundle, field, lengths);

@@ -26,6 +26,11 @@ struct RayBundle {
     bool isGuided;    ///< short rays: no search for empty space that may be passed over
 };
 
+/// The length (mm) at which sample n of a ray lies.
+inline float length_at(const RayBundle& bundle, const MarchRay& ray, std::int32_t n) {
+    return ray.start + static_cast<float>(n) * bundle.step;
+}
+
 /// Finds for each ray the length at which it passes from in front of the surface to behind it, NaN when there is no
 /// such place. Sample n lies at start + n step. March: nearest voxels' values until a positive one is followed by a
 /// negative one; samples that are sure to read 0, because they lie in an empty node of the octree, are passed over.

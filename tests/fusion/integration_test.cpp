@@ -2,9 +2,9 @@
 #include <algorithm>
 #include <cmath>
 #include <map>
-#include <numeric>
 #include <set>
 
+#include "fusion/ImageTiles.h"
 #include "tests/fusion/fusionScenes.h"
 
 namespace VexelAlgorithm::Fusion {
@@ -278,8 +278,11 @@ TEST(Integration, PointByPointEqualsTheWholeFrame) {
         ASSERT_TRUE(whole.fusion_one_frame_speckle_parallel(frame, pose, changedWhole, true, true, nullptr));
         points.set_shift(whole.get_treeShift());
         if (points.get_fusion_cone().empty()) points.computer_fusion_cone(frame);
-        std::vector<int> every(frame.get_vn());
-        std::iota(every.begin(), every.end(), 0);
+        std::vector<int> every;  // tile by tile, as whole frames go
+        const ImageTiles tiles(frame.get_image_width(), frame.get_image_height());
+        for (std::size_t i = 0; i < tiles.count(); ++i) {
+            tiles[i].for_each_pixel([&](int u, int v) { every.push_back(static_cast<int>(frame.index_of(u, v))); });
+        }
         for (std::uint64_t k = 0; k < every.size(); ++k) {
             points.integrate_tsdfvolume_speckle(frame, pose, k, changedPoints, 0.8f, (1 << 10) - 3, every, true,
                                                 nullptr);

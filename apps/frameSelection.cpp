@@ -2,17 +2,14 @@
 
 #include "apps/numberOptions.h"
 #include "foundation/diagnostics.h"
+#include "recording/selectFrames.h"
 
 namespace VexelAlgorithm::Apps {
 namespace {
 
 template <class Recorded>
 Outcome<std::vector<Recorded>> selected_of(const std::vector<Recorded>& all, const FrameSelection& selection) {
-    std::vector<Recorded> selected;
-    for (const Recorded& frame : all) {
-        const bool isInRange = frame.number >= selection.first && frame.number <= selection.last;
-        if (isInRange && (frame.number - selection.first) % selection.step == 0) selected.push_back(frame);
-    }
+    std::vector<Recorded> selected = select_frames(all, selection.first, selection.last, selection.step);
     if (!selected.empty()) return selected;
     return Failure{format_text("%s has no frame in the chosen range; its numbers go from %d to %d",
                                selection.recording.c_str(), all.front().number, all.back().number)};

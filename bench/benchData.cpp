@@ -17,6 +17,7 @@
 #include "foundation/parallel.h"
 #include "recording/Recording.h"
 #include "recording/pointImageFromDepth.h"
+#include "recording/selectFrames.h"
 #include "simulation/cameraPaths.h"
 #include "simulation/render.h"
 #include "simulation/scenes.h"
@@ -51,7 +52,7 @@ Sequence read_office() {
     sequence.name = "office";
     sequence.pointDis = 5.0f;
     sequence.nearFar = {400.0f, 4000.0f};
-    for (const RecordedFrame& recorded : recording->select(0, 118, 2)) {
+    for (const RecordedFrame& recorded : select_frames(recording->frames(), 0, 118, 2)) {
         Outcome<DepthImage> depth = read_depth(recorded);
         if (!depth) throw std::runtime_error(depth.failure().reason);
         PointImage frame =

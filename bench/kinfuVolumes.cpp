@@ -12,6 +12,7 @@
 #include <tuple>
 
 #include "bench/Stopwatch.h"
+#include "bench/metricPoses.h"
 
 namespace VexelBench {
 namespace {
@@ -21,7 +22,7 @@ using cv::kinfu::Volume;
 using cv::kinfu::VolumeParams;
 using cv::kinfu::VolumeType;
 
-constexpr float MetresPerMillimetre = 1e-3f;
+constexpr auto MetresPerMm = static_cast<float>(MetresPerMillimetre);
 constexpr float DepthUnitsPerMetre = 1000.0f;
 constexpr float FarthestDepth = 4.0f;  // m; the recording's depths end at 3.6
 constexpr float BoxMargin = 0.1f;      // m
@@ -39,17 +40,6 @@ struct KinfuSequence {
     cv::Size imageSize;
     cv::Vec3f low, high;  // m, box of all points
 };
-
-cv::Matx44f metric_pose(const RigidMatrix& pose) {
-    cv::Matx44f matrix = cv::Matx44f::eye();
-    for (int row = 0; row < 3; ++row) {
-        for (int column = 0; column < 3; ++column) {
-            matrix(row, column) = static_cast<float>(pose.get_rotation()(row, column));
-        }
-        matrix(row, 3) = static_cast<float>(pose.get_translation()[row]) * MetresPerMillimetre;
-    }
-    return matrix;
-}
 
 cv::Mat depth_matrix(const DepthImage& image) {
     cv::Mat depth(image.height, image.width, CV_32FC1);
@@ -76,8 +66,8 @@ KinfuSequence convert(const Sequence& sequence) {
         }
     }
     for (int axis = 0; axis < 3; ++axis) {
-        converted.low[axis] = low[axis] * MetresPerMillimetre - BoxMargin;
-        converted.high[axis] = high[axis] * MetresPerMillimetre + BoxMargin;
+        converted.low[axis] = low[axis] * MetresPerMm - BoxMargin;
+        converted.high[axis] = high[axis] * MetresPerMm + BoxMargin;
     }
     return converted;
 }
@@ -141,7 +131,7 @@ void kinfu_integration(benchmark::State& state, const Sequence* (*source)(), Pee
     for (auto _ : state) {
         const std::int64_t before = resident_bytes();
         const cv::Ptr<Volume> volume =
-            make_volume(settings.type, converted, sequence->pointDis * MetresPerMillimetre, settings.truncationVoxels);
+            make_volume(settings.type, converted, sequence->pointDis * MetresPerMm, settings.truncationVoxels);
         TimeSum run;
         for (int i = 0; i < static_cast<int>(converted.frames.size()); ++i) {
             const Stopwatch watch;
@@ -165,7 +155,7 @@ void kinfu_integration(benchmark::State& state, const Sequence* (*source)(), Pee
 std::vector<float> depths_in_millimetres(const cv::Mat& points) {
     std::vector<float> depths;
     for (auto point = points.begin<cv::Vec4f>(); point != points.end<cv::Vec4f>(); ++point) {
-        depths.push_back((*point)[2] / MetresPerMillimetre);
+        depths.push_back((*point)[2] / MetresPerMm);
     }
     return depths;
 }
@@ -178,7 +168,7 @@ void kinfu_raycast(benchmark::State& state, const Sequence* (*source)(), PeerSet
     cv::Ptr<Volume>& volume = kept_volume(settings);
     if (volume == nullptr) {
         volume =
-            make_volume(settings.type, converted, sequence->pointDis * MetresPerMillimetre, settings.truncationVoxels);
+            make_volume(settings.type, converted, sequence->pointDis * MetresPerMm, settings.truncationVoxels);
         for (int i = 0; i < static_cast<int>(converted.frames.size()); ++i) integrate(*volume, converted, i);
     }
 

@@ -11,6 +11,7 @@
 #include "foundation/parallel.h"
 #include "recording/Recording.h"
 #include "recording/pointImageFromDepth.h"
+#include "recording/selectFrames.h"
 #include "simulation/NoiseModel.h"
 #include "simulation/cameraPaths.h"
 #include "simulation/render.h"
@@ -34,19 +35,6 @@ const FramePairs* made_once(PairsBySize& kept, ImageSize size, const Make& make)
     return kept[key].pairs.empty() ? nullptr : &kept[key];
 }
 
-DepthImage every_nth_pixel(const DepthImage& image, int n) {
-    DepthImage sampled;
-    sampled.width = image.width / n;
-    sampled.height = image.height / n;
-    sampled.step = image.step;
-    for (int y = 0; y < sampled.height; ++y) {
-        for (int x = 0; x < sampled.width; ++x) {
-            sampled.millimetres.push_back(image.millimetres[static_cast<std::size_t>(y * n) * image.width + x * n]);
-        }
-    }
-    return sampled;
-}
-
 FramePairs read_office(ImageSize size) {
     FramePairs office;
     const char* folder = std::getenv("VEXEL_RECORDINGS");
@@ -62,7 +50,7 @@ FramePairs read_office(ImageSize size) {
         const Outcome<DepthImage> depth = read_depth_png(recorded.depthFile, 1.0);
         return depth ? every_nth_pixel(*depth, sampling) : DepthImage();
     };
-    const std::vector<RecordedFrame> frames = recording->select(0, 120, 1);
+    const std::vector<RecordedFrame> frames = select_frames(recording->frames(), 0, 120, 1);
     for (std::size_t i = 0; i + 1 < frames.size(); i += frames.size() / PairCount) {
         FramePair pair;
         pair.fixedDepth = read(frames[i]);
@@ -130,6 +118,19 @@ const FramePairs* office_pairs(ImageSize size) {
 const FramePairs* rendered_pairs(ImageSize size) {
     static PairsBySize kept;
     return made_once(kept, size, render_walk);
+}
+
+DepthImage every_nth_pixel(const DepthImage& image, int n) {
+    DepthImage sampled;
+    sampled.width = image.width / n;
+    sampled.height = image.height / n;
+    sampled.step = image.step;
+    for (int y = 0; y < sampled.height; ++y) {
+        for (int x = 0; x < sampled.width; ++x) {
+            sampled.millimetres.push_back(image.millimetres[static_cast<std::size_t>(y * n) * image.width + x * n]);
+        }
+    }
+    return sampled;
 }
 
 double rms_distance(const PointImage& frame, const RigidMatrix& one, const RigidMatrix& other) {

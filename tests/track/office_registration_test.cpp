@@ -10,6 +10,7 @@
 
 #include "recording/Recording.h"
 #include "recording/pointImageFromDepth.h"
+#include "recording/selectFrames.h"
 #include "track/IcpBaseOnCam.h"
 
 namespace {
@@ -34,7 +35,7 @@ TEST(OfficeRegistration, ConsecutiveFramesAgreeWithTheGivenPoses) {
     if (folder == nullptr) GTEST_SKIP() << "VEXEL_RECORDINGS is not set";
     const auto recording = Recording::open(std::filesystem::path(folder) / "office_depth", PosePolicy::Required);
     ASSERT_TRUE(recording) << recording.failure().reason;
-    const std::vector<RecordedFrame> frames = recording->select(0, 121, 1);
+    const std::vector<RecordedFrame> frames = select_frames(recording->frames(), 0, 121, 1);
     const auto read = [&](const RecordedFrame& recorded) {
         const Outcome<DepthImage> depth = read_depth_png(recorded.depthFile, 1.0);
         EXPECT_TRUE(depth) << recorded.depthFile;

@@ -1,0 +1,196 @@
+// The frame step of a scan session, through its handle.
+#include <benchmark/benchmark.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <string>
+#include <vector>
+
+#include "algorithmQorInclude.h"
+#include "bench/Stopwatch.h"
+#include "bench/sessionData.h"
+
+#ifdef VEXEL_BENCH_RGBD
+#    include "bench/kinfuLoop.h"
+#endif
+
+namespace {
+
+using namespace VexelAlgorithm;
+using namespace VexelBench;
+
+constexpr double Milli = 1e-3;
+
+class Session {
+public:
+    Session(const ScanSequence& sequence, int threads) {
+        FusionParameter fusion = sequence.settings.fusion;
+        fusion.codeNumSet = threads;
+        _handle = fusion_and_track_ini(sequence.settings.common, sequence.settings.track, fusion);
+    }
+    ~Session() {
+        if (_handle != nullptr) fusiontrack_release(_handle);
+    }
+    Session(const Session&) = delete;
+    Session& operator=(const Session&) = delete;
+
+    bool is_made() const { return _handle != nullptr; }
+    void* handle() const { return _handle; }
+
+    bool step(const ScanFrame& scanned) {
+        int elapsedMicroseconds = 0;
+        return fusion_and_track(_handle, scanned.frame, elapsedMicroseconds);
+    }
+    FrameStepTimes stage_times() const {
+        FusionScanState state;
+        get_fusion_scan_state(_handle, state);
+        return state.times;
+    }
+
+private:
+    void* _handle = nullptr;
+};
+
+/// Sums over frames.
+struct StageSums {
+    TimeSum whole;
+    double slowest = 0.0;   // s
+    FrameStepTimes stages;  // ms
+    int frames = 0;
+
+    void add(const TimeSum& step, const FrameStepTimes& times) {
+        whole += step;
+        slowest = std::max(slowest, step.wall);
+        stages.prepare += times.prepare;
+        stages.particles += times.particles;
+        stages.icp += times.icp;
+        stages.integrate += times.integrate;
+        stages.predict += times.predict;
+        ++frames;
+    }
+    void report(benchmark::State& state) const {
+        state.counters["ms/frame"] = whole.wall / Milli / frames;
+        state.counters["cpu_ms/frame"] = whole.cpu / Milli / frames;
+        state.counters["frames/s"] = frames / whole.wall;
+        state.counters["slowestFrame_ms"] = slowest / Milli;
+        state.counters["prepare_ms"] = stages.prepare / frames;
+        state.counters["particles_ms"] = stages.particles / frames;
+        state.counters["icp_ms"] = stages.icp / frames;
+        state.counters["integrate_ms"] = stages.integrate / frames;
+        state.counters["predict_ms"] = stages.predict / frames;
+    }
+};
+
+// An iteration scans the whole sequence in a new session. The first frame, which is only fused, counts in no figure.
+void whole_scan(benchmark::State& state, ScanSource source, ImageSize size, int threads) {
+    const ScanSequence* sequence = source(size);
+    if (sequence == nullptr) return state.SkipWithError("no frames");
+    StageSums sums;
+    std::vector<RigidMatrix> poses;
+    for (auto _ : state) {
+        Session session(*sequence, threads);
+        if (!session.is_made() || !session.step(sequence->frames.front())) {
+            return state.SkipWithError("the session did not start");
+        }
+        poses.assign(1, RigidMatrix());
+        double seconds = 0.0;
+        for (std::size_t i = 1; i < sequence->frames.size(); ++i) {
+            const Stopwatch watch;
+            if (!session.step(sequence->frames[i])) return state.SkipWithError("a frame was lost");
+            const TimeSum step = watch.sum();
+            sums.add(step, session.stage_times());
+            seconds += step.wall;
+            poses.push_back(get_current_rt(session.handle()));
+        }
+        state.SetIterationTime(seconds);
+    }
+    sums.report(state);
+    state.counters["trajectoryError_mm"] = trajectory_error(*sequence, poses);
+}
+
+/// Slope of the least-squares line through the values at 0, 1, 2, ...
+double slope(const std::vector<double>& values) {
+    const double middle = 0.5 * (static_cast<double>(values.size()) - 1.0);
+    double products = 0.0, squares = 0.0;
+    for (std::size_t i = 0; i < values.size(); ++i) {
+        const double offset = static_cast<double>(i) - middle;
+        products += offset * values[i];
+        squares += offset * offset;
+    }
+    return products / squares;
+}
+
+double mean(std::vector<double>::const_iterator first, std::vector<double>::const_iterator last) {
+    double sum = 0.0;
+    for (auto value = first; value != last; ++value) sum += *value;
+    return sum / static_cast<double>(last - first);
+}
+
+// 1000 frames of a view that stays, all fused: whether the frame step becomes slower the more has been fused.
+void still_view(benchmark::State& state, ScanSource source, ImageSize size, int threads) {
+    constexpr int FrameCount = 1000, WarmUp = 20, Part = 100;
+    const ScanSequence* sequence = source(size);
+    if (sequence == nullptr) return state.SkipWithError("no frames");
+    std::vector<double> milliseconds, processorMilliseconds;
+    for (auto _ : state) {
+        Session session(*sequence, threads);
+        if (!session.is_made()) return state.SkipWithError("the session did not start");
+        milliseconds.clear();
+        processorMilliseconds.clear();
+        double seconds = 0.0;
+        for (int i = -WarmUp; i < FrameCount; ++i) {
+            const ScanFrame& scanned = sequence->frames[static_cast<std::size_t>(i + WarmUp) % sequence->frames.size()];
+            const Stopwatch watch;
+            if (!session.step(scanned)) return state.SkipWithError("a frame was lost");
+            if (i < 0) continue;
+            const TimeSum step = watch.sum();
+            seconds += step.wall;
+            milliseconds.push_back(step.wall / Milli);
+            processorMilliseconds.push_back(step.cpu / Milli);
+        }
+        state.SetIterationTime(seconds);
+    }
+    state.counters["ms/frame"] = mean(milliseconds.begin(), milliseconds.end());
+    state.counters["cpu_ms/frame"] = mean(processorMilliseconds.begin(), processorMilliseconds.end());
+    state.counters["first100_cpu_ms"] = mean(processorMilliseconds.begin(), processorMilliseconds.begin() + Part);
+    state.counters["last100_cpu_ms"] = mean(processorMilliseconds.end() - Part, processorMilliseconds.end());
+    state.counters["slope_cpu_ms/1000frames"] = slope(processorMilliseconds) * FrameCount;
+    state.counters["slope_ms/1000frames"] = slope(milliseconds) * FrameCount;
+}
+
+template <class Function, class... Arguments>
+void add(const std::string& name, Function function, Arguments... arguments) {
+    benchmark::RegisterBenchmark(name.c_str(), [=](benchmark::State& state) { function(state, arguments...); })
+        ->UseManualTime()
+        ->Unit(benchmark::kMillisecond);
+}
+
+std::string size_text(const ImageSize& size) {
+    return std::to_string(size.width) + 'x' + std::to_string(size.height);
+}
+
+void add_scans(const std::string& data, ScanSource source, const std::vector<ImageSize>& sizes) {
+    for (const ImageSize& size : sizes) {
+        for (const int threads : {1, 2}) {
+            add("session/" + data + '/' + size_text(size) + "/threads:" + std::to_string(threads), whole_scan, source,
+                size, threads);
+        }
+    }
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    benchmark::Initialize(&argc, argv);
+    if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
+    add_scans("office", office_scan, {{320, 240}, {640, 480}});
+#ifdef VEXEL_BENCH_RGBD
+    for (const ImageSize size : {ImageSize{320, 240}, ImageSize{640, 480}})
+        add("session/fastIcpAndHashTsdf/office/" + size_text(size) + "/threads:2", kinfu_loop, office_scan, size);
+#endif
+    add_scans("rendered", rendered_scan, {{320, 240}, {640, 480}, {640, 512}});
+    add("still/rendered/320x240/threads:2", still_view, still_scan, ImageSize{320, 240}, 2);
+    benchmark::RunSpecifiedBenchmarks();
+    benchmark::Shutdown();
+    return 0;
+}

@@ -50,7 +50,6 @@ std::vector<BadFrame> bad_frames() {
         {"no normals", damaged([](PointImage& frame) { frame.disable_vNormal(); }), pose, "", false},
         {"no weights", damaged([](PointImage& frame) { frame.disable_vWeight(); }), pose, "", false},
         {"NaN position", scene_frame(pose), moved_by(kNaN), "the pose is not finite", false},
-        {"infinite position", scene_frame(pose), moved_by(kInfinity), "the pose is not finite", false},
         {"NaN rotation", scene_frame(pose), turnedByNaN, "the pose is not finite", false},
         {"other size", flat_frame(100), pose, kSizes, false},
         {"few normals", damaged([](PointImage& frame) {
@@ -59,7 +58,6 @@ std::vector<BadFrame> bad_frames() {
          pose, "the frame's attributes differ in length", false},
         {"slots without size", withoutSize, pose, "the frame's attributes differ in length", false},
         {"all NaN", every_point(Vector3f::Constant(kNaN)), pose, "", true, kNoPoints},
-        {"all infinite", every_point(Vector3f::Constant(kInfinity)), pose, "", true, kNoPoints},
         {"all empty", every_point(Vector3f::Zero()), pose, "", true, kNoPoints},
         {"all behind the camera", every_point({0, 0, -60}), pose, "", true, kNoPoints},
         {"huge points", every_point(Vector3f::Constant(3e38f)), pose, "", true},

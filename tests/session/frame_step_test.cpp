@@ -128,78 +128,21 @@ TEST(FrameStep, TheFirstFrameIsFusedWhateverTheArguments) {
     EXPECT_GT(session.mesh().get_fn(), 5000U);
 }
 
-TEST(FrameStep, FollowsTheTruth) {
-    for (const char* name : {"smooth", "fast"}) {
-        SCOPED_TRACE(name);
-        const Scan scan(name);
-        Session session(scan.records);
-        for (int i = 0; i < 20; ++i) {
-            ASSERT_TRUE(session.step(scan.frame(i))) << i;
-            const Vector2d error = pose_error(scan.sequence.pose_in_model(i), get_current_rt(session));
-            EXPECT_LT(error.x(), 0.5) << i;
-            EXPECT_LT(error.y(), 0.1) << i;
-        }
-        const FusionScanState state = session.state();
-        EXPECT_EQ(state.outcome, FrameOutcome::Fused);
-        EXPECT_EQ(state.acceptedFrames, 20);
-        EXPECT_GT(state.correspondences, 3000);
-        EXPECT_LT(state.residual, 0.2F);
-        for (const double time : {state.times.prepare, state.times.particles, state.times.icp, state.times.integrate,
-                                  state.times.predict}) {
-            EXPECT_GT(time, 0.0);
-            EXPECT_LT(time, state.times.whole);
-        }
-    }
-}
-
-TEST(FrameStep, ABlackOutIsAState) {
-    const Scan scan("black_out");
-    const std::vector<char>& black = scan.sequence.isBlack;
-    const int firstBlack =
-        static_cast<int>(std::find_if(black.begin(), black.end(), [](char c) { return c != 0; }) - black.begin());
-    const int first = firstBlack - 3;
+TEST(FrameStep, TheStateTellsOfTheFrame) {
+    const Scan scan("fast");
     Session session(scan.records);
-    for (int i = first; i < firstBlack; ++i) ASSERT_TRUE(session.step(scan.frame(i))) << i;
-    const std::string before = session.bytes();
-    int i = firstBlack;
-    for (; black[static_cast<std::size_t>(i)] != 0; ++i) {
-        EXPECT_EQ(printed([&] { EXPECT_FALSE(session.step(scan.frame(i))); }), too_few(0));
-        EXPECT_TRUE(session.state().isLost);
-        EXPECT_EQ(session.bytes(), before);
+    for (int i = 0; i < 5; ++i) ASSERT_TRUE(session.step(scan.frame(i))) << i;
+    const FusionScanState state = session.state();
+    EXPECT_EQ(state.outcome, FrameOutcome::Fused);
+    EXPECT_EQ(state.acceptedFrames, 5);
+    EXPECT_GT(state.correspondences, 3000);
+    EXPECT_LT(state.residual, 0.2F);
+    EXPECT_LT(pose_error(get_current_rt(session), scan.sequence.pose_in_model(4)).x(), 0.5);
+    for (const double time :
+         {state.times.prepare, state.times.particles, state.times.icp, state.times.integrate, state.times.predict}) {
+        EXPECT_GT(time, 0.0);
+        EXPECT_LT(time, state.times.whole);
     }
-    EXPECT_TRUE(session.step(scan.frame(i)));
-    EXPECT_FALSE(session.state().isLost);
-    const RigidMatrix truth = scan.sequence.pose_in_model(first).inverse() * scan.sequence.pose_in_model(i);
-    EXPECT_LT(pose_error(truth, get_current_rt(session)).x(), 0.5);
-}
-
-TEST(FrameStep, JumpsWithinTheParticleGridAreTracked) {
-    const Scan scan("jump", 160, 0.1);
-    const auto step = [&](int i) {
-        return pose_error(scan.sequence.pose_in_model(i - 1), scan.sequence.pose_in_model(i)).x();
-    };
-    int jump = 1;
-    for (int i = 2; i < scan.sequence.frame_count(); ++i) jump = step(i) > step(jump) ? i : jump;
-    ASSERT_GT(step(jump), 25.0);
-    Session session(scan.records);
-    for (int i = jump - 2; i < jump + 2; ++i) {
-        ASSERT_TRUE(session.step(scan.frame(i))) << i - jump;
-        const RigidMatrix truth = scan.sequence.pose_in_model(jump - 2).inverse() * scan.sequence.pose_in_model(i);
-        EXPECT_LT(pose_error(truth, get_current_rt(session)).x(), 0.5) << i - jump;
-    }
-}
-
-TEST(FrameStep, SomethingElseInViewIsLost) {
-    const Scan scan("smooth"), other("bare_plane");
-    Session session(scan.records);
-    ASSERT_TRUE(session.step(scan.frame(0)));
-    const std::string before = session.bytes();
-    const std::string lines = printed([&] { EXPECT_FALSE(session.step(other.frame(0))); });
-    EXPECT_NE(lines.find("icp false" + std::string(115, 'e') + " \n"), std::string::npos);
-    EXPECT_GE(session.state().outcome, FrameOutcome::NoCorrespondences);
-    EXPECT_LE(session.state().outcome, FrameOutcome::NotConverged);
-    EXPECT_EQ(session.bytes(), before);
-    EXPECT_TRUE(session.step(scan.frame(1)));
 }
 
 TEST(FrameStep, SpeedStates) {

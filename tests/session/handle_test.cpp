@@ -390,7 +390,7 @@ TEST(Results, AreNearTheTruthAtAnySpacing) {
     BaseTriMesh kept = session.mesh();
     for (const float bad : {kNaN, -1.0F, std::numeric_limits<float>::infinity()}) {
         EXPECT_EQ(printed([&] { EXPECT_EQ(get_fusion_result_tbb(session, bad, kept), RET_INPUT_ERROR); }),
-                  can_not("get_fusion_result", "pointDis is negative or not a number"));
+                  can_not("get_fusion_result_tbb", "pointDis is negative or not a number"));
     }
     EXPECT_EQ(kept.get_vn(), vertices);
     std::ostringstream tbb, openMp;

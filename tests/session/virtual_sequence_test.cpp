@@ -146,13 +146,17 @@ TEST(VirtualSequence, FramesFromElsewhereAreRefusedAndChangeNothing) {
     for (int i = 0; i < 5; ++i) ASSERT_TRUE(session.step(scan.frame(i)));
     const std::string before = session.bytes();
     const RigidMatrix& place = scan.sequence.poses[4];
+    std::string lines;
     for (const RigidMatrix& away : {motion({0, 0, 0}, {0, 0, 90}), motion({0, 0, -150}, {0, 0, 0}),
                                     motion({0, 120, 0}, {20, 0, 40}), motion({0, 0, 0}, {25, 0, 0})}) {
-        bool isTracked = true;
-        printed([&] { isTracked = session.step(Simulation::frame_from(scan.sequence, place * away, 99)); });
-        EXPECT_FALSE(isTracked) << away.get_translation().transpose();
+        const PointImage frame = Simulation::frame_from(scan.sequence, place * away, 99);
+        lines += printed([&] { EXPECT_FALSE(session.step(frame)) << away.get_translation().transpose(); });
+        EXPECT_TRUE(session.state().isLost);
+        EXPECT_GE(session.state().outcome, FrameOutcome::TooFewPoints);
+        EXPECT_LE(session.state().outcome, FrameOutcome::NotConverged);
         EXPECT_TRUE(session.bytes() == before);
     }
+    EXPECT_NE(lines.find("icp false" + std::string(115, 'e') + " \n"), std::string::npos);
     EXPECT_TRUE(session.step(scan.frame(5)));
 }
 

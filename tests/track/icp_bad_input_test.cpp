@@ -51,59 +51,47 @@ struct BadInput {
 std::vector<BadInput> bad_inputs() {
     const Change keep = [](PointImage&) {};
     const Change fewNormals = [](PointImage& image) { image.set_vNrvs({{0, 0, 1}}); };
+    const Change noWeights = [](PointImage& image) { image.set_vWeights(std::vector<float>(image.get_vn(), NaN)); };
     const Change noSlots = [](PointImage& image) { image.ini(0, 0, image.get_camPar(), 1, Vector2f::Zero()); };
     const std::string none = "icp False correspondNum = 0 \n", camera = "the fixed image's camera is not usable";
     const auto refused = [](const std::string& reason) { return "realTimeIcp fail because " + reason + "\n"; };
     const std::string outside =
         "wrong pixPointBelongTo < 0 || pixPointBelongTo >= _fixCloudVaildMap.size()\npixPointBelongTo = ";
     const double huge = 1e300;
+    const auto of_fixed = [&](const char* name, const Change& change, RetVal code, const std::string& line) {
+        return BadInput{name, change, keep, {}, code, line};
+    };
+    const auto of_moving = [&](const char* name, const Change& change, RetVal code, const std::string& line) {
+        return BadInput{name, keep, change, {}, code, line};
+    };
+    const auto of_pose = [&](const char* name, const RigidMatrix& pose, RetVal code, const std::string& line) {
+        return BadInput{name, keep, keep, pose, code, line};
+    };
+    const std::string arrays = " image's arrays do not agree with its size";
     return {
-        {"fixed normals",
-         fewNormals,
-         keep,
-         {},
-         RET_INPUT_ERROR,
-         refused("the fixed image's arrays do not agree with its size")},
-        {"moving normals",
-         keep,
-         fewNormals,
-         {},
-         RET_INPUT_ERROR,
-         refused("the moving image's arrays do not agree with its size")},
-        {"no focal length", with_camera(0, 100, 50), keep, {}, RET_INPUT_ERROR, refused(camera)},
-        {"NaN focal length", with_camera(100, NaN, 50), keep, {}, RET_INPUT_ERROR, refused(camera)},
-        {"infinite centre", with_camera(100, 100, Infinity), keep, {}, RET_INPUT_ERROR, refused(camera)},
-        {"absurd camera", with_camera(huge, huge, 50), keep, {}, RET_INPUT_ERROR, refused(camera)},
-        {"NaN radial",
-         with_radial(NaN, 0),
-         keep,
-         {},
-         RET_INPUT_ERROR,
-         refused("the fixed image's view radial is not finite")},
-        {"absurd radial",
-         with_radial(1e30F, -1e30F),
-         keep,
-         {},
-         RET_NOT_CONVERGED,
-         outside + "9000000000000000000\n" + none},
-        {"NaN initial pose", keep, keep, motion({0, 0, 0}, {0, NaN, 0}), RET_INPUT_ERROR,
-         refused("the initial pose is not finite")},
-        {"absurd initial pose", keep, keep, motion({0, 0, 0}, {huge, huge, huge}), RET_NOT_CONVERGED, none},
-        {"behind the camera", keep, keep, motion({0, 3.14159, 0}, {0, 0, 0}), RET_NOT_CONVERGED, none},
-        {"no fixed slots", noSlots, keep, {}, RET_NOT_CONVERGED, none},
-        {"no moving slots", keep, noSlots, {}, RET_NOT_CONVERGED, none},
+        of_fixed("fixed normals", fewNormals, RET_INPUT_ERROR, refused("the fixed" + arrays)),
+        of_moving("moving normals", fewNormals, RET_INPUT_ERROR, refused("the moving" + arrays)),
+        of_fixed("no focal length", with_camera(0, 100, 50), RET_INPUT_ERROR, refused(camera)),
+        of_fixed("NaN focal length", with_camera(100, NaN, 50), RET_INPUT_ERROR, refused(camera)),
+        of_fixed("infinite centre", with_camera(100, 100, Infinity), RET_INPUT_ERROR, refused(camera)),
+        of_fixed("absurd camera", with_camera(huge, huge, 50), RET_INPUT_ERROR, refused(camera)),
+        of_fixed("NaN radial", with_radial(NaN, 0), RET_INPUT_ERROR,
+                 refused("the fixed image's view radial is not finite")),
+        of_fixed("absurd radial", with_radial(1e30F, -1e30F), RET_NOT_CONVERGED,
+                 outside + "9000000000000000000\n" + none),
+        of_pose("NaN initial pose", motion({0, 0, 0}, {0, NaN, 0}), RET_INPUT_ERROR,
+                refused("the initial pose is not finite")),
+        of_pose("absurd initial pose", motion({0, 0, 0}, {huge, huge, huge}), RET_NOT_CONVERGED, none),
+        of_pose("behind the camera", motion({0, 3.14159, 0}, {0, 0, 0}), RET_NOT_CONVERGED, none),
+        of_fixed("no fixed slots", noSlots, RET_NOT_CONVERGED, none),
+        of_moving("no moving slots", noSlots, RET_NOT_CONVERGED, none),
         {"NaN points", every_point({NaN, NaN, NaN}), every_point({0, 0, Infinity}), {}, RET_NOT_CONVERGED, none},
         {"points at the lens", every_point({0, 0, 1e-6F}), every_point({0, 0, 1e-20F}), {}, RET_NOT_CONVERGED, none},
-        {"far points", keep, every_point({3e38F, -3e38F, 3e38F}), {}, RET_NOT_CONVERGED, none},
-        {"NaN normals", every_normal({NaN, 0, 1}), keep, {}, RET_NOT_CONVERGED, none},
-        {"tiny normals", keep, every_normal({0, 1e-6F, 0}), {}, RET_NOT_CONVERGED, none},
-        {"huge normals", every_normal({3e38F, 3e38F, 3e38F}), keep, {}, RET_NOT_CONVERGED, none},
-        {"NaN weights",
-         keep,
-         [](PointImage& i) { i.set_vWeights(std::vector<float>(i.get_vn(), NaN)); },
-         {},
-         RET_NOT_CONVERGED,
-         none},
+        of_moving("far points", every_point({3e38F, -3e38F, 3e38F}), RET_NOT_CONVERGED, none),
+        of_fixed("NaN normals", every_normal({NaN, 0, 1}), RET_NOT_CONVERGED, none),
+        of_moving("tiny normals", every_normal({0, 1e-6F, 0}), RET_NOT_CONVERGED, none),
+        of_fixed("huge normals", every_normal({3e38F, 3e38F, 3e38F}), RET_NOT_CONVERGED, none),
+        of_moving("NaN weights", noWeights, RET_NOT_CONVERGED, none),
     };
 }
 

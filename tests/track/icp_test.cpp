@@ -269,29 +269,6 @@ TEST(IcpSchedule, ShrinksOverTheCoarseIterations) {
     }
 }
 
-TEST(IcpSchedule, RefusesWhatHasNoFineIteration) {
-    constexpr int Lowest = std::numeric_limits<int>::min(), Highest = std::numeric_limits<int>::max();
-    struct Case {
-        int iterNum, iterNumFixed;
-        Vector2f icpDis;
-        bool isUsable;
-    };
-    const Case cases[] = {{1, 0, {1, 6}, true},
-                          {5, 5, {1, 6}, false},
-                          {5, 4, {1, 6}, true},
-                          {0, -9, {1, 6}, false},
-                          {5, 4, {6, 6}, true},
-                          {5, 4, {6, 1}, false},
-                          {Lowest, Highest, {1, 6}, false},
-                          {Highest, Lowest, {1, 6}, true},
-                          {5, 4, {1, Infinity}, false},
-                          {5, 4, {std::nanf(""), 6}, false}};
-    for (const Case& c : cases) {
-        EXPECT_EQ((IcpSchedule{c.iterNum, c.iterNumFixed, c.icpDis, {1, 1}}.is_usable()), c.isUsable)
-            << c.iterNum << ' ' << c.iterNumFixed << ' ' << c.icpDis.transpose();
-    }
-}
-
 // The only iteration judges the initial pose; six coarse ones before it move it, and are no candidates themselves.
 TEST(Icp, OnlyFineIterationsOfferTheirPose) {
     const PointImage moving = moved_view(Small);

@@ -61,8 +61,9 @@ TEST(ParticleInput, UnusableImagesGiveOneLineAndLeaveTheResult) {
 
 TEST(ParticleInput, ImagesWithoutUsablePointsFailAsASearchDoes) {
     const PointImage other = view();
-    std::vector<PointImage> images = {view([](PointImage& i) { i.setZero(); }),
-                                      view([](PointImage& i) { i.set_vNrvs(std::vector<Vector3f>(i.get_vn(), Vector3f::Zero())); })};
+    std::vector<PointImage> images = {view([](PointImage& i) { i.setZero(); }), view([](PointImage& i) {
+                                          i.set_vNrvs(std::vector<Vector3f>(i.get_vn(), Vector3f::Zero()));
+                                      })};
     for (const Vector3f& point :
          {Vector3f(kNaN, 0, 1), Vector3f(0, kInfinity, 1), Vector3f(0, 0, -50), Vector3f(3e38F, 3e38F, 3e38F)}) {
         images.push_back(view([&](PointImage& i) { i.set_vCoords(std::vector<Vector3f>(i.get_vn(), point)); }));

@@ -168,7 +168,8 @@ FrameOutcome FusionTrack::fuse_at(const PointImage& input, const RigidMatrix& po
     const PointImage& frame = in_camera_coordinates(input);
     if (!has_enough_points(frame)) return FrameOutcome::TooFewPoints;
     _currentFrame.set_vCoords(frame.get_vCoords());
-    set_up_tracking(frame);
+    _movingImage = frame;
+    _stepState.times.prepare = wholeStepTimer.milliseconds();
 
     const bool isFirst = is_model_empty();
     if (isFirst) {

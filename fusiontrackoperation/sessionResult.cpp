@@ -35,7 +35,8 @@ struct Box {
 RetVal FusionTrack::get_fusion_result(float pointDis, BaseTriMesh& mesh, Parallel parallel) {
     const std::lock_guard<std::mutex> step(_stepMutex);
     if (!(pointDis >= 0.0F) || !std::isfinite(pointDis)) {
-        print_line("can not run function get_fusion_result because pointDis is negative or not a number");
+        print_line(format_text("can not run function %s because pointDis is negative or not a number",
+                               parallel == Parallel::Tbb ? "get_fusion_result_tbb" : "get_fusion_result"));
         return RET_INPUT_ERROR;
     }
     const Stopwatch watch;

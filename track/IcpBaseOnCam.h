@@ -69,7 +69,7 @@ public:
 
     /// `initial` and `result` take moving points to the fixed image's frame. The fixed image needs normals, the moving
     /// one normals and weights; their sizes and cameras may differ, and the stored poses of both are ignored. With
-    /// `acceptFar` the final check counts points however far their partner is, otherwise up to icpDis(1).
+    /// `acceptFar` the final check counts points however far their partner is, otherwise up to the first gate.
     ///
     /// RET_SUCCESS: `result` is the pose. RET_NOT_CONVERGED: no acceptable pose; `result` is the best one when the
     /// average distance was too large, and as it was otherwise. RET_INPUT_ERROR: images or initial pose are not usable,
@@ -84,7 +84,8 @@ public:
 
     IcpEnd get_end() const;
     /// Average point-to-plane distance of the final check, mm; 1e6 when it failed before for want of correspondences or
-    /// of a solution, 0 when it ended before for another reason.
+    /// of a solution, 0 when the images coincide. What cannot be registered at all leaves it, and the values below, as
+    /// they were.
     float get_residual() const;
     /// False when the smallest eigenvalue of the last iteration's normal matrix (angles in radians, lengths in mm,
     /// points relative to the fixed image's centre) is below the stable threshold: some motion is not held by the

@@ -36,10 +36,10 @@ double wavy(const Vector3d& point, double wavelength) {
 }
 
 /// One camera of the rig at one moment.
-class Exposure {
+class Irradiance {
 public:
-    Exposure(const StereoRig& rig, const DistortedCamera& camera, const SpeckleTexture& pattern,
-             const RigidMatrix& cameraToWorld)
+    Irradiance(const StereoRig& rig, const DistortedCamera& camera, const SpeckleTexture& pattern,
+               const RigidMatrix& cameraToWorld)
         : _rig(rig),
           _camera(camera),
           _pattern(pattern),
@@ -47,7 +47,8 @@ public:
           _toProjector(rig.projector.rigToProjector * camera.rigToCamera.inverse()),
           _lamp(_toProjector.inverse().get_translation()) {}
 
-    /// Signal relative to saturation of what lies at `depth` along `direction` = (x, y, 1) in camera coordinates.
+    /// Signal relative to saturation at exposure 1 of what lies at `depth` along `direction` = (x, y, 1) in camera
+    /// coordinates.
     double signal(const Vector3d& direction, double depth, const Vector3d& normal, bool isLit) const {
         const Vector3d point = depth * direction;
         const SurfaceFinish& finish = _rig.finish;
@@ -68,7 +69,7 @@ public:
             radiance += pattern * fallOff * facing * (albedo + highlight);
         }
         const double cosine = 1.0 / direction.norm();
-        return _rig.sensor.exposure * radiance * squared(squared(cosine));
+        return radiance * squared(squared(cosine));
     }
 
     bool is_in_projector_image(const Vector3d& point) const {
@@ -120,14 +121,14 @@ void for_rows(int threads, int height, const Body& body) {
     });
 }
 
-std::vector<float> signals(const Exposure& exposure, const SurfaceView& view, const PixelRays& rays, int threads) {
+std::vector<float> signals(const Irradiance& irradiance, const SurfaceView& view, const PixelRays& rays, int threads) {
     std::vector<float> image(view.depth.size(), 0.0F);
     for_rows(threads, view.height, [&](int y) {
         for (int x = 0; x < view.width; ++x) {
             const std::size_t i = view.index_of(x, y);
             if (view.depth[i] > 0.0F)
-                image[i] = static_cast<float>(
-                    exposure.signal(rays.at(x, y), view.depth[i], view.normals[i].cast<double>(), view.isLit[i] != 0));
+                image[i] = static_cast<float>(irradiance.signal(rays.at(x, y), view.depth[i],
+                                                                view.normals[i].cast<double>(), view.isLit[i] != 0));
         }
     });
     return image;
@@ -137,10 +138,11 @@ std::vector<float> signals(const Exposure& exposure, const SurfaceView& view, co
 GreyImage developed(const std::vector<float>& signal, int width, int height, const Sensor& sensor, std::uint64_t key,
                     int threads) {
     GreyImage image{width, height, std::vector<std::uint8_t>(signal.size())};
+    const double electronsPerSignal = sensor.exposure * sensor.fullWell;
     const double greyPerElectron = sensor.gain * kLargestGrey / sensor.fullWell;
     parallel_ranges(threads, signal.size(), 8192, [&](std::size_t begin, std::size_t end) {
         for (std::size_t i = begin; i < end; ++i) {
-            double electrons = signal[i] * sensor.fullWell;
+            double electrons = signal[i] * electronsPerSignal;
             if (sensor.hasNoise)
                 electrons += std::sqrt(electrons + sensor.readNoise * sensor.readNoise) *
                              PixelRandom(sensor.seed, key, i).gaussian(0);
@@ -180,6 +182,18 @@ StereoCamera::StereoCamera(const StereoRig& rig, int threads)
       _pattern(rig.projector.pattern, threads) {}
 
 StereoPair StereoCamera::take(const Shape& scene, const RigidMatrix& leftToWorld, std::uint64_t number) const {
+    return develop(gather(scene, leftToWorld), _rig.sensor, number);
+}
+
+StereoPair StereoCamera::develop(const StereoSignals& signals, const Sensor& sensor, std::uint64_t number) const {
+    const auto develop_one = [&](const std::vector<float>& signal, std::uint64_t key) {
+        return developed(signal, signals.width, signals.height, sensor, key, _threads);
+    };
+    return {develop_one(signals.left, 2 * number), develop_one(signals.right, 2 * number + 1), signals.trueDepth,
+            signals.visibility};
+}
+
+StereoSignals StereoCamera::gather(const Shape& scene, const RigidMatrix& leftToWorld) const {
     const RigidMatrix toRight = left_to_right(_rig);
     const RigidMatrix rightToWorld = leftToWorld * toRight.inverse();
     const RigidMatrix rigToWorld = leftToWorld * _rig.left.rigToCamera;
@@ -187,32 +201,34 @@ StereoPair StereoCamera::take(const Shape& scene, const RigidMatrix& leftToWorld
     const SurfaceView leftView = view_surface(scene, _leftRays, leftToWorld, _rig.farLimit, lamp, _threads);
     const SurfaceView rightView = view_surface(scene, _rightRays, rightToWorld, _rig.farLimit, lamp, _threads);
 
-    const auto expose = [&](const DistortedCamera& camera, const RigidMatrix& cameraToWorld, const PixelRays& rays,
-                            const SurfaceView& view, std::uint64_t key) {
-        std::vector<float> signal = signals(Exposure(_rig, camera, _pattern, cameraToWorld), view, rays, _threads);
+    const auto blurred_signals = [&](const DistortedCamera& camera, const RigidMatrix& cameraToWorld,
+                                     const PixelRays& rays, const SurfaceView& view) {
+        std::vector<float> signal = signals(Irradiance(_rig, camera, _pattern, cameraToWorld), view, rays, _threads);
         gaussian_blur(signal, view.width, view.height, _rig.sensor.sharpness, _threads);
-        return developed(signal, view.width, view.height, _rig.sensor, key, _threads);
+        return signal;
     };
-    StereoPair pair;
-    pair.left = expose(_rig.left, leftToWorld, _leftRays, leftView, 2 * number);
-    pair.right = expose(_rig.right, rightToWorld, _rightRays, rightView, 2 * number + 1);
+    StereoSignals seen;
+    seen.width = leftView.width;
+    seen.height = leftView.height;
+    seen.left = blurred_signals(_rig.left, leftToWorld, _leftRays, leftView);
+    seen.right = blurred_signals(_rig.right, rightToWorld, _rightRays, rightView);
 
-    pair.visibility.assign(leftView.depth.size(), 0);
-    const Exposure left(_rig, _rig.left, _pattern, leftToWorld);
+    seen.visibility.assign(leftView.depth.size(), 0);
+    const Irradiance left(_rig, _rig.left, _pattern, leftToWorld);
     for_rows(_threads, leftView.height, [&](int y) {
         for (int x = 0; x < leftView.width; ++x) {
             const std::size_t i = leftView.index_of(x, y);
             if (leftView.depth[i] <= 0.0F) continue;
             const Vector3d point = leftView.depth[i] * _leftRays.at(x, y);
             const Vector3d normal = leftView.normals[i].cast<double>();
-            int seen = SeenByLeft;
-            if (leftView.isLit[i] != 0 && left.is_in_projector_image(point)) seen |= LitByProjector;
-            if (is_seen(rightView, _rig.right, toRight * point, toRight.get_rotation() * normal)) seen |= SeenByRight;
-            pair.visibility[i] = static_cast<std::uint8_t>(seen);
+            int bits = SeenByLeft;
+            if (leftView.isLit[i] != 0 && left.is_in_projector_image(point)) bits |= LitByProjector;
+            if (is_seen(rightView, _rig.right, toRight * point, toRight.get_rotation() * normal)) bits |= SeenByRight;
+            seen.visibility[i] = static_cast<std::uint8_t>(bits);
         }
     });
-    pair.trueDepth = leftView.depth;
-    return pair;
+    seen.trueDepth = leftView.depth;
+    return seen;
 }
 
 PointImage rectified_truth(const Shape& scene, const RigidMatrix& leftToWorld, const Matrix3d& rectifiedToLeft,

@@ -33,6 +33,16 @@ struct StereoPair {
     std::vector<std::uint8_t> visibility;  ///< of what each raw left pixel sees
 };
 
+/// What falls on the sensors before an exposure is chosen: relative to saturation at exposure 1, blurred by the lenses.
+struct StereoSignals {
+    int width = 0;
+    int height = 0;
+    std::vector<float> left;
+    std::vector<float> right;
+    std::vector<float> trueDepth;  ///< as in `StereoPair`
+    std::vector<std::uint8_t> visibility;
+};
+
 /// Keeps what does not change from pair to pair: the rays of the pixels and the projector's pattern.
 class StereoCamera {
 public:
@@ -47,6 +57,9 @@ public:
     /// camera's defocus; the lens in focus blurs the image as a whole, so that edges of things are soft as well. Edges
     /// are not widened by defocus.
     StereoPair take(const Shape& scene, const RigidMatrix& leftToWorld, std::uint64_t number) const;
+    /// The two halves of `take`: many exposures of the same view need the light but once.
+    StereoSignals gather(const Shape& scene, const RigidMatrix& leftToWorld) const;
+    StereoPair develop(const StereoSignals& signals, const Sensor& sensor, std::uint64_t number) const;
 
     const StereoRig& rig() const { return _rig; }
 

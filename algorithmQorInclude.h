@@ -24,6 +24,7 @@
 #pragma once
 
 #include "SpeckleRebCPU/speckleRebuild.h"
+#include "exposure/autoExposure.h"
 #include "foundation/BaseTriMesh.h"
 #include "foundation/CameraInParam.h"
 #include "foundation/Cloud.h"

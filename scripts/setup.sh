@@ -5,6 +5,7 @@ set -euo pipefail
 packages=(
     g++ cmake ninja-build
     libeigen3-dev libtbb-dev libopenmesh-dev libhwy-dev     # the library
+    libjpeg-dev libpng-dev                                  # the library: images of the choice of exposure
     libgoogle-glog-dev                                      # the library: warnings of numerical routines
     libopencv-dev                                           # the library: rectification; pictures and recordings
     libopencv-contrib-dev                                   # rgbd, the peer in the benchmarks

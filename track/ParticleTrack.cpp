@@ -79,7 +79,7 @@ struct ParticleTrack::State {
     FixedImage fixedImage{};
     MovingPoints movingImage{};
     std::vector<MovingPoint> movingCloud{};  // every codeNum-th point of the moving image
-    tbb::enumerable_thread_specific<ParticleWorkspace> workspaces{};
+    mutable tbb::enumerable_thread_specific<ParticleWorkspace> workspaces{};  // one a worker
 
     ParticleIcp icp() const {
         const CorrespondenceKernels& kernels = vectorSteps ? vectorSteps->kernels : plain_correspondence_kernels();
@@ -89,10 +89,19 @@ struct ParticleTrack::State {
 
     void generate_grid() { generate_partical(particleCounts, particleSizes, particles, RigidMatrix(), true); }
     void append_extra_poses(const std::vector<RigidMatrix>& extraPoses);
-    void run_particles(const ParticleTrack& tracker, int iterations, int frameId, const char* label);
+
+    // The stages of a search.
+    RetVal rough_stages(int frameId, RigidMatrix& found);
+    void fine_stage(int frameId, RigidMatrix& found);
+    void run_particles(int iterations, int frameId, const char* label);
     bool filter_particles();
-    RetVal rough_stages(const ParticleTrack& tracker, int frameId, RigidMatrix& found);
-    void fine_stage(const ParticleTrack& tracker, int frameId, RigidMatrix& found);
+    /// Takes the best of the refined poses and its residual; false when every particle has failed.
+    bool take_best(int frameId, RigidMatrix& found);
+
+    void count_one_particle(int particleId, const RigidMatrix& start, RigidMatrix& pose, float& residual,
+                            int iterations, int step, int frameId, const char* label) const;
+    int get_result(const std::vector<RigidMatrix>& poses, RigidMatrix& result, int frameId,
+                   const std::vector<float>& scores) const;
 };
 
 void ParticleTrack::State::append_extra_poses(const std::vector<RigidMatrix>& extraPoses) {
@@ -105,13 +114,31 @@ void ParticleTrack::State::append_extra_poses(const std::vector<RigidMatrix>& ex
     if (leftOut > 0) print_line(std::to_string(leftOut) + " extra start poses are not finite or too many, left out");
 }
 
-void ParticleTrack::State::run_particles(const ParticleTrack& tracker, int iterations, int frameId, const char* label) {
+RetVal ParticleTrack::State::rough_stages(int frameId, RigidMatrix& found) {
+    run_particles(RoughIterations, frameId, "roughtPosition");
+    if (!filter_particles()) {
+        print_line("partical filter fail");
+        return RET_RUN_FAIL;
+    }
+    run_particles(iterNum - 1, frameId, "roughtPosition_fine");
+    if (take_best(frameId, found)) return RET_SUCCESS;
+    print_line("partcial filter fails because bestParticleId < 0");
+    return RET_RUN_FAIL;
+}
+
+void ParticleTrack::State::fine_stage(int frameId, RigidMatrix& found) {
+    generate_partical(FineCounts, FineStep * particleSizes, particles, found, false);
+    run_particles(FineIterations, frameId, "finePosition");
+    take_best(frameId, found);
+}
+
+void ParticleTrack::State::run_particles(int iterations, int frameId, const char* label) {
     refined.resize(particles.size());
     residuals.resize(particles.size());
     parallel_ranges(threadNum, particles.size(), 1, [&](std::size_t begin, std::size_t end) {
         for (std::size_t i = begin; i < end; ++i) {
-            tracker.count_one_particle(static_cast<int>(i), particles[i], refined[i], residuals[i], iterations, 1,
-                                       frameId, label);
+            count_one_particle(static_cast<int>(i), particles[i], refined[i], residuals[i], iterations, 1, frameId,
+                               label);
         }
     });
 }
@@ -124,29 +151,49 @@ bool ParticleTrack::State::filter_particles() {
     return !kept.empty();
 }
 
-RetVal ParticleTrack::State::rough_stages(const ParticleTrack& tracker, int frameId, RigidMatrix& found) {
-    run_particles(tracker, RoughIterations, frameId, "roughtPosition");
-    if (!filter_particles()) {
-        print_line("partical filter fail");
-        return RET_RUN_FAIL;
-    }
-    run_particles(tracker, iterNum - 1, frameId, "roughtPosition_fine");
-    int bestParticleId = -1;
-    tracker.get_result(refined, found, frameId, residuals, bestParticleId);
-    if (bestParticleId < 0) {
-        print_line("partcial filter fails because bestParticleId < 0");
-        return RET_RUN_FAIL;
-    }
+bool ParticleTrack::State::take_best(int frameId, RigidMatrix& found) {
+    const int bestParticleId = get_result(refined, found, frameId, residuals);
+    if (bestParticleId < 0) return false;
     minResidual = residuals[static_cast<std::size_t>(bestParticleId)];
-    return RET_SUCCESS;
+    return true;
 }
 
-void ParticleTrack::State::fine_stage(const ParticleTrack& tracker, int frameId, RigidMatrix& found) {
-    generate_partical(FineCounts, FineStep * particleSizes, particles, found, false);
-    run_particles(tracker, FineIterations, frameId, "finePosition");
-    int bestParticleId = -1;
-    tracker.get_result(refined, found, frameId, residuals, bestParticleId);
-    if (bestParticleId >= 0) minResidual = residuals[static_cast<std::size_t>(bestParticleId)];
+void ParticleTrack::State::count_one_particle(int particleId, const RigidMatrix& start, RigidMatrix& pose,
+                                              float& residual, int iterations, int step, int frameId,
+                                              const char* label) const {
+    RigidMatrix moved = start;
+    pose.set_identity();
+    residual = FailedResidual;
+    guarded("count_one_particle", [&] {
+        const ParticleIcp particle = icp();
+        ParticleWorkspace& workspace = workspaces.local();
+        const bool isRefined = particle.refine(moved, std::min(iterations, MaxIterations),
+                                               static_cast<std::size_t>(std::max(step, 1)), workspace);
+        if (label != nullptr && is_debugged(frameId)) {
+            dump_correspondences(debugPath, label, frameId, particleId, workspace, particle.alignment(moved));
+        }
+        if (isRefined && particle.judge(moved, residual)) pose = moved;
+    });
+}
+
+int ParticleTrack::State::get_result(const std::vector<RigidMatrix>& poses, RigidMatrix& result, int frameId,
+                                     const std::vector<float>& scores) const {
+    float minDis = FailedResidual;
+    int minId = -1;
+    for (std::size_t i = 0; i < std::min(poses.size(), scores.size()); ++i) {
+        if (scores[i] < minDis) {
+            minDis = scores[i];
+            minId = static_cast<int>(i);
+        }
+    }
+    if (minId >= 0) result = poses[static_cast<std::size_t>(minId)];
+    if (is_debugged(frameId)) {
+        guarded("get_result", [&] {
+            print_line(format_text("minDis = %f", static_cast<double>(minDis)));
+            print_line(format_text("minId = %d", minId));
+        });
+    }
+    return minId;
 }
 
 ParticleTrack::ParticleTrack(float disThreshold, int iterNum, const std::string& debugPath, int codeNum,
@@ -171,9 +218,9 @@ RetVal ParticleTrack::partical_track(const PointImage& fixed, const PointImage& 
         if (extraPoses != nullptr) state.append_extra_poses(*extraPoses);
 
         RigidMatrix found;
-        const RetVal ended = state.rough_stages(*this, frameId, found);
+        const RetVal ended = state.rough_stages(frameId, found);
         const RigidMatrix rough = found;
-        if (ended == RET_SUCCESS) state.fine_stage(*this, frameId, found);
+        if (ended == RET_SUCCESS) state.fine_stage(frameId, found);
         result = found;
         if (state.is_debugged(frameId)) {
             dump_cloud(state.debugPath, "fixCloud", frameId, fixed, RigidMatrix());
@@ -206,19 +253,7 @@ RetVal ParticleTrack::data_prepare(const PointImage& fixed, const PointImage& mo
 
 void ParticleTrack::count_one_particle(int particleId, const RigidMatrix& start, RigidMatrix& refined, float& residual,
                                        int iterations, int step, int frameId, const char* label) const {
-    RigidMatrix pose = start;
-    refined.set_identity();
-    residual = FailedResidual;
-    guarded("count_one_particle", [&] {
-        const ParticleIcp icp = _state->icp();
-        ParticleWorkspace& workspace = _state->workspaces.local();
-        const bool isRefined = icp.refine(pose, std::min(iterations, MaxIterations),
-                                          static_cast<std::size_t>(std::max(step, 1)), workspace);
-        if (label != nullptr && _state->is_debugged(frameId)) {
-            dump_correspondences(_state->debugPath, label, frameId, particleId, workspace, icp.alignment(pose));
-        }
-        if (isRefined && icp.judge(pose, residual)) refined = pose;
-    });
+    _state->count_one_particle(particleId, start, refined, residual, iterations, step, frameId, label);
 }
 
 void ParticleTrack::count_residual(const RigidMatrix& pose, int& count, float& sum) const {
@@ -233,21 +268,7 @@ void ParticleTrack::count_residual(const RigidMatrix& pose, int& count, float& s
 
 void ParticleTrack::get_result(const std::vector<RigidMatrix>& poses, RigidMatrix& result, int frameId,
                                const std::vector<float>& residuals, int& bestId) const {
-    float minDis = FailedResidual;
-    bestId = -1;
-    for (std::size_t i = 0; i < std::min(poses.size(), residuals.size()); ++i) {
-        if (residuals[i] < minDis) {
-            minDis = residuals[i];
-            bestId = static_cast<int>(i);
-        }
-    }
-    if (bestId >= 0) result = poses[static_cast<std::size_t>(bestId)];
-    if (_state->is_debugged(frameId)) {
-        guarded("get_result", [&] {
-            print_line(format_text("minDis = %f", static_cast<double>(minDis)));
-            print_line(format_text("minId = %d", bestId));
-        });
-    }
+    bestId = _state->get_result(poses, result, frameId, residuals);
 }
 
 Vector3f ParticleTrack::get_particleSize() const {

@@ -28,6 +28,7 @@ int run(int argc, char** argv) {
     app.set_version_flag("--version", VEXEL_VERSION);
     app.require_subcommand(0, 1);
     Command chosen;
+    add_accuracy_command(app, chosen);
     add_check_calibration_command(app, chosen);
     add_fuse_command(app, chosen);
     add_info_command(app, chosen);

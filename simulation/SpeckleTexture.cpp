@@ -12,8 +12,15 @@ namespace VexelAlgorithm::Simulation {
 namespace {
 
 constexpr double kTexelsPerPixel = 2.0;
-constexpr int kMostProbes = 8;
+constexpr double kLeastFootprint = 0.25;  ///< projector pixels, standard deviation; that of the first level
+constexpr double kVarianceStep = 2.0;     ///< from level to level
+constexpr double kTexelsPerBlur = 2.0;  ///< texels that a level has at least for the standard deviation of all its blur
+constexpr std::size_t kLevels = 12;
 constexpr int kSmallestLevel = 8;
+constexpr double kFewProbesReach = 0.8;  ///< of the blur that the texture has anyway; longer footprints take more
+constexpr double kProbeStep = 0.8;       ///< likewise, between these
+constexpr double kProbeReach = 2.5;      ///< standard deviations
+constexpr int kMostProbes = 32;
 
 std::vector<float> white_noise(int width, int height, std::uint64_t seed, int threads) {
     const auto count = static_cast<std::size_t>(width) * static_cast<std::size_t>(height);
@@ -72,18 +79,25 @@ SpeckleTexture::SpeckleTexture(const SpecklePattern& pattern, int threads)
     for (std::size_t i = 0; i < coarse.size(); ++i) level.texels[i] = level.texels[i] > coarse[i] ? 1.0F : dark;
     gaussian_blur(level.texels, level.width, level.height, kTexelsPerPixel * pattern.blur, threads);
 
-    _levels.push_back(std::move(level));
-    while (std::min(_levels.back().width, _levels.back().height) > 2 * kSmallestLevel) {
-        const Level& finer = _levels.back();
-        const double texel = static_cast<double>(_width) / finer.width;
-        Level next{finer.width / 2, finer.height / 2, 0.0, finer.texels};
-        constexpr double filter = 0.8;  // texels
-        gaussian_blur(next.texels, finer.width, finer.height, filter, threads);
-        next.texels = halved(next.texels, finer.width, next.width, next.height);
-        // The mean of two texels is a filter of half a texel.
-        next.blur = std::sqrt(finer.blur * finer.blur + (filter * filter + 0.25) * texel * texel);
-        _levels.push_back(std::move(next));
+    const double patternVariance = pattern.blur * pattern.blur;
+    double variance = 0.0;  // of the level, without that of the pattern
+    for (double wanted = kLeastFootprint * kLeastFootprint; _levels.size() < kLevels; wanted *= kVarianceStep) {
+        const double texel = static_cast<double>(_width) / level.width;
+        const bool isCoarser = kTexelsPerBlur * 2.0 * texel <= std::sqrt(wanted + patternVariance) &&
+                               std::min(level.width, level.height) > 2 * kSmallestLevel;
+        const double byHalving = isCoarser ? 0.25 * texel * texel : 0.0;  // the mean of two texels
+        const double blur = std::sqrt(std::max(wanted - variance - byHalving, 0.0));
+        gaussian_blur(level.texels, level.width, level.height, blur / texel, threads);
+        if (isCoarser) {
+            level.texels = halved(level.texels, level.width, level.width / 2, level.height / 2);
+            level.width /= 2;
+            level.height /= 2;
+        }
+        variance = wanted;
+        level.blur = std::sqrt(wanted);
+        _levels.push_back(level);
     }
+    _patternBlur = pattern.blur;
 }
 
 float SpeckleTexture::bilinear(const Level& level, double size, const Vector2d& place) const {
@@ -116,17 +130,22 @@ float SpeckleTexture::mean_under(const Vector2d& centre, const Eigen::Matrix2d& 
         centre.x() >= -0.5 && centre.y() >= -0.5 && centre.x() <= _width - 0.5 && centre.y() <= _height - 0.5;
     if (!isInside) return 0.0F;
     const Axes axes = principal_axes(covariance);
-    const double least = 0.5 / kTexelsPerPixel;
-    const double sigma = std::max(axes.minor, least);
-    const int probes = std::clamp(static_cast<int>(std::ceil(axes.major / sigma)), 1, kMostProbes);
-    if (probes == 1) return round_mean(centre, sigma);
-    // Probes with Gaussian weights along the major axis over two standard deviations of what the round part leaves.
+    const double sigma = std::max(axes.minor, kLeastFootprint);
     const double rest = std::sqrt(std::max(axes.major * axes.major - sigma * sigma, 0.0));
+    const double smoothness = std::hypot(sigma, _patternBlur);
+    const auto probe = [&](double place) { return round_mean(centre + place * rest * axes.direction, sigma); };
+    if (rest < 0.1 * smoothness) return probe(0.0);
+    if (rest < kFewProbesReach * smoothness) {
+        const double outer = std::sqrt(3.0);  // the points of Gauss and Hermite
+        return (probe(-outer) + 4.0F * probe(0.0) + probe(outer)) / 6.0F;
+    }
+    const int half =
+        std::min(static_cast<int>(std::ceil(kProbeReach * rest / (kProbeStep * smoothness))), kMostProbes / 2);
     float sum = 0.0F, weights = 0.0F;
-    for (int i = 0; i < probes; ++i) {
-        const double place = 2.0 * ((2.0 * i + 1.0) / probes - 1.0);
+    for (int i = -half; i <= half; ++i) {
+        const double place = kProbeReach * i / half;
         const auto weight = static_cast<float>(std::exp(-0.5 * place * place));
-        sum += weight * round_mean(centre + place * rest * axes.direction, sigma);
+        sum += weight * probe(place);
         weights += weight;
     }
     return sum / weights;

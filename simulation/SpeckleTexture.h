@@ -20,8 +20,9 @@ struct SpecklePattern {
     std::uint64_t seed = 7;
 };
 
-/// The pattern with two texels for every projector pixel, and images of half the size down to a few texels, each one
-/// filtered before it is halved (L. Williams, "Pyramidal parametrics", SIGGRAPH 1983).
+/// The pattern, seen through round Gaussian footprints whose variances double from level to level, with fewer texels
+/// where the blur allows it (L. Williams, "Pyramidal parametrics", SIGGRAPH 1983, with finer steps: cameras that see a
+/// speckle under different footprints must agree on its place to some thousandths of a pixel).
 class SpeckleTexture {
 public:
     explicit SpeckleTexture(const SpecklePattern& pattern, int threads = 2);
@@ -36,7 +37,7 @@ private:
     struct Level {
         int width = 0;
         int height = 0;
-        double blur = 0.0;  ///< projector pixels, standard deviation of all filters up to here
+        double blur = 0.0;  ///< projector pixels, standard deviation of the footprint
         std::vector<float> texels;
     };
     float bilinear(const Level& level, double size, const Vector2d& place) const;
@@ -44,6 +45,7 @@ private:
 
     int _width;
     int _height;
+    double _patternBlur = 0.0;  ///< projector pixels
     std::vector<Level> _levels;
 };
 

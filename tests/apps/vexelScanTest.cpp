@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <cmath>
 #include <cstdlib>
+#include <map>
 #include <opencv2/imgcodecs.hpp>
 
 #include "ToolTest.h"
@@ -139,6 +140,26 @@ TEST_F(VexelScan, SimulatesARecordingThatFuses) {
     EXPECT_NE(refused.errors.find("holds a recording already"), std::string::npos) << refused.errors;
 }
 
+TEST_F(VexelScan, MeasuresTheAccuracyOfTheVirtualRig) {
+    const std::string call = "accuracy --width 320 --height 256 --distance 400 --window 9 --seed 3 --csv ";
+    const ToolRun measured = run(call + quoted(path("one.csv")) + " --out " + quoted(path("maps")));
+    ASSERT_EQ(measured.exitCode, 0) << measured.errors;
+    ASSERT_EQ(run(call + quoted(path("two.csv"))).exitCode, 0);
+    EXPECT_EQ(bytes_of(path("one.csv")), bytes_of(path("two.csv"))) << "reproducible from the seed";
+    for (const char* map : {"sphere.png", "ball-bar.png", "plane.png"})
+        EXPECT_FALSE(cv::imread((path("maps") / map).string()).empty()) << map;
+    // A quarter of the pixels across: a pixel of parallax is worth 2.9 mm there.
+    const std::map<std::string, double> limits{{"PF", 6.0}, {"PS", 2.0}, {"SD", 0.5}, {"F", 2.0}};
+    for (const auto& [name, limit] : limits) {
+        const std::size_t line = measured.output.find("\n" + name + ' ');
+        ASSERT_NE(line, std::string::npos) << measured.output;
+        const std::size_t end = measured.output.find(" mm\n", line);
+        const double value = std::stod(measured.output.substr(measured.output.rfind("  ", end)));
+        EXPECT_GT(std::abs(value), 1e-4) << name;
+        EXPECT_LT(std::abs(value), limit) << name;
+    }
+}
+
 struct BadCall {
     const char* arguments;  // @ stands for the test's folder
     int exitCode;
@@ -176,6 +197,10 @@ const BadCall badCalls[] = {
     {"simulate @/sim --sequence earthquake", 2, "--sequence"},
     {"simulate @/sim --sequence smooth --scene owl", 2, "--sequence"},
     {"simulate @/sim --depth-step 0", 2, "--depth-step"},
+    {"accuracy --distance 100", 2, "--distance"},
+    {"accuracy --window 8", 2, "--window"},
+    {"accuracy --leave-out -1", 2, "--leave-out"},
+    {"accuracy --out @/file", 1, "is a file"},
     {"simulate @/sim --mesh @/nothing.ply", 1, "nothing.ply"},
     {"simulate @/sim --mesh @/file", 1, "is no mesh file"},
     {"simulate @/sim --mesh @/dust.obj", 1, "lie in one point"},

@@ -1,11 +1,12 @@
-// What texture trackers are fed, and what becomes of their failures.
+// A texture tracker that records what it is fed.
 #include <gtest/gtest.h>
 
 #include <functional>
 #include <set>
+#include <stdexcept>
 #include <string>
 
-#include "recordingTracker.h"
+#include "platform/textureTracking.h"
 
 namespace vexel_sfm {
 namespace {
@@ -16,6 +17,56 @@ using VexelAlgorithm::RigidMatrix;
 using VexelAlgorithm::Vector2f;
 using VexelAlgorithm::Vector3d;
 using VexelAlgorithm::Vector3f;
+
+struct Record {
+    TextureTrackerSettings settings;
+    std::vector<std::string> calls;
+    bool succeeds = true;
+    bool throws = false;
+    bool makesNone = false;
+} record;
+
+class RecordingTracker : public TextureTracker {
+public:
+    ~RecordingTracker() override { record.calls.emplace_back("release"); }
+    bool reset() override { return note("reset"); }
+    bool get_features(const TextureImage& image, std::vector<Vector2f>& features) override {
+        features.assign(static_cast<std::size_t>(image.width), Vector2f::Zero());
+        return note("features");
+    }
+    bool first_frame(const PointImage& frame, const TextureImage& image) override {
+        return note("first " + std::to_string(frame.get_vn()) + " " + std::to_string(image.pixels[image.stride]));
+    }
+    bool add_frame(const PointImage&, const TextureImage&, RigidMatrix& pose) override { return move(pose, "add"); }
+    bool feature_stitch(RigidMatrix& pose) override { return move(pose, "stitch"); }
+    bool renew_current_frame(const RigidMatrix& pose) override {
+        return note("renew " + std::to_string(static_cast<int>(pose.get_translation().x())));
+    }
+    bool from_cache(int frame) override { return note("cache " + std::to_string(frame)); }
+    bool reconnect(const PointImage&, const TextureImage&, RigidMatrix& pose) override {
+        return move(pose, "reconnect");
+    }
+    bool delete_points(const std::vector<Vector3f>& points, float radius) override {
+        return note("delete " + std::to_string(points.size()) + " " + std::to_string(static_cast<int>(radius)));
+    }
+
+private:
+    static bool note(const std::string& call) {
+        record.calls.push_back(call);
+        if (record.throws) throw std::runtime_error("lost");
+        return record.succeeds;
+    }
+    static bool move(RigidMatrix& pose, const std::string& call) {
+        pose.get_translation().x() += 1.0;
+        return note(call);
+    }
+};
+
+std::unique_ptr<TextureTracker> make_recording(const TextureTrackerSettings& settings) {
+    if (record.throws) throw std::runtime_error("no memory");
+    record.settings = settings;
+    return record.makesNone ? nullptr : std::make_unique<RecordingTracker>();
+}
 
 class TextureTracking : public testing::Test {
 protected:

@@ -46,13 +46,22 @@ std::vector<BadFrame> bad_frames() {
          too_few(0)},
         {"other size", [](PointImage& f) { f.ini(40, 30, f.get_camPar(), 1, Vector2f::Zero()); },
          FrameOutcome::BadFrame, can_not("the frame has 40 x 30 pixels and the session 160 x 128")},
-        {"few normals", [](PointImage& f) { f.set_vNrvs(std::vector<Vector3f>(1)); }, FrameOutcome::BadFrame,
-         can_not("the frame's attributes differ in length")},
-        {"camera of NaN", [](PointImage& f) { f.set_camPar(CameraInParam(kNaN, 400, 80, 64)); }, FrameOutcome::BadFrame,
+        {"few normals",
+         [](PointImage& f) {
+             f.set_vNrvs({{0, 0, 1}});
+         },
+         FrameOutcome::BadFrame, can_not("the frame's attributes differ in length")},
+        {"camera of NaN",
+         [](PointImage& f) {
+             f.set_camPar({kNaN, 400, 80, 64});
+         },
+         FrameOutcome::BadFrame, can_not("the frame's camera is not usable")},
+        {"no camera", [](PointImage& f) { f.set_camPar({}); }, FrameOutcome::BadFrame,
          can_not("the frame's camera is not usable")},
-        {"no camera", [](PointImage& f) { f.set_camPar(CameraInParam()); }, FrameOutcome::BadFrame,
-         can_not("the frame's camera is not usable")},
-        {"moved by NaN", [](PointImage& f) { f.set_rt(RigidMatrix(Matrix3d::Identity(), Vector3d::Constant(kNaN))); },
+        {"moved by NaN",
+         [](PointImage& f) {
+             f.set_rt({Matrix3d::Identity(), Vector3d::Constant(kNaN)});
+         },
          FrameOutcome::BadFrame, can_not("the frame's stored pose is not a rigid motion")},
     };
 }

@@ -2,7 +2,6 @@
 #include <filesystem>
 #include <fstream>
 
-#include "tests/platform/recordingTracker.h"
 #include "tests/session/sessionScenes.h"
 
 namespace VexelAlgorithm {
@@ -49,11 +48,19 @@ TEST(NullHandle, EveryFunctionSaysItsLineAndFails) {
         {"get_model_bounding_box", [&] { return number(get_model_bounding_box(none, low, high)); }, RET_INI_ERROR},
         {"reset_Point_dis", [&] { return number(reset_Point_dis(none, 1)); }, RET_INI_ERROR},
         {"reset_icpDisThread", [&] { return number(reset_icpDisThread(none, 1)); }, RET_INI_ERROR},
-        {"reset_rata_ray", [&] { return number(reset_rata_ray(none, Vector2f(0, 0))); }, RET_INI_ERROR},
+        {"reset_rata_ray",
+         [&] {
+             return number(reset_rata_ray(none, {0, 0}));
+         },
+         RET_INI_ERROR},
         {"set_icpStableThreadhold", [&] { return number(set_icpStableThreadhold(none, 1)); }, RET_INI_ERROR},
         {"set_track_speed_threshold", [&] { return number(set_track_speed_threshold(none, 1, 1)); }, RET_INI_ERROR},
         {"fusion_set_fusionrange", [&] { return number(fusion_set_fusionrange(none, 5)); }, RET_INPUT_ERROR},
-        {"set_campar", [&] { return number(set_campar(none, CameraInParam(1, 1, 1, 1))); }, RET_INI_ERROR},
+        {"set_campar",
+         [&] {
+             return number(set_campar(none, {1, 1, 1, 1}));
+         },
+         RET_INI_ERROR},
         {"set_treeShift", [&] { return number(set_treeShift(none, low)); }, RET_INI_ERROR},
         {"get_treeShift", [&] { return number(get_treeShift(none, low)); }, RET_INI_ERROR},
         {"get_model2Volum_shift", [&] { return number(get_model2Volum_shift(none, low)); }, RET_INI_ERROR},
@@ -97,10 +104,16 @@ TEST(Records, AbsurdOnesAreRefusedOrReplacedWithALine) {
          refused("sample: 0 is not between 1 and the smaller edge of imageSize")},
         {"sample 10^9", [](Records& r) { r.common.sample = 1000000000; }, false,
          refused("sample: 1000000000 is not between 1 and the smaller edge of imageSize")},
-        {"negative image", [](Records& r) { r.common.imageSize = Vector2i(-160, 128); }, false,
-         refused("imageSize(0): -160 is not between 1 and 32768")},
-        {"huge image", [](Records& r) { r.common.imageSize = Vector2i(32768, 32768); }, false,
-         refused("imageSize: the image has too many pixels")},
+        {"negative image",
+         [](Records& r) {
+             r.common.imageSize = {-160, 128};
+         },
+         false, refused("imageSize(0): -160 is not between 1 and 32768")},
+        {"huge image",
+         [](Records& r) {
+             r.common.imageSize = {32768, 32768};
+         },
+         false, refused("imageSize: the image has too many pixels")},
         {"camera of NaN", [](Records& r) { r.common.campar.set_param(kNaN, 400, 80, 64); }, false,
          refused("campar(fx): nan is not a positive finite number")},
         {"camera without length", [](Records& r) { r.common.campar.set_param(400, 0, 80, 64); }, false,
@@ -117,7 +130,11 @@ TEST(Records, AbsurdOnesAreRefusedOrReplacedWithALine) {
          refused("icpIterNum: 1e+09 is not between 1 and 1000")},
         {"no iterations", [](Records& r) { r.track.icpIterNum = 0; }, false, icp},
         {"no fine iterations", [](Records& r) { r.track.icpInterNumFixed = r.track.icpIterNum; }, false, icp},
-        {"gates turned round", [](Records& r) { r.track.icpDis = Vector2f(6, 1); }, false, icp},
+        {"gates turned round",
+         [](Records& r) {
+             r.track.icpDis = {6, 1};
+         },
+         false, icp},
         {"deep tree", [](Records& r) { r.fusion.treeDepth = 99; }, true,
          replaced("treeDepth = 99 is out of its range, 20")},
         {"10^9 threads", [](Records& r) { r.fusion.codeNumSet = 1000000000; }, true,
@@ -128,8 +145,11 @@ TEST(Records, AbsurdOnesAreRefusedOrReplacedWithALine) {
          replaced("fusionDataSize(1) = -3 is out of its range, 1")},
         {"fixed iterations", [](Records& r) { r.track.icpInterNumFixed = std::numeric_limits<int>::min(); }, true,
          replaced("icpInterNumFixed = -2147483648 is out of its range, 0")},
-        {"view box", [](Records& r) { r.fusion.viewBox = Vector2f(kNaN, 5); }, true,
-         replaced("viewBox is not a range of distances, the default")},
+        {"view box",
+         [](Records& r) {
+             r.fusion.viewBox = {kNaN, 5};
+         },
+         true, replaced("viewBox is not a range of distances, the default")},
         {"colour", [](Records& r) { r.fusion.colorOnInvaildPoint.setConstant(kNaN); }, true,
          replaced("colorOnInvaildPoint is not finite, the default")},
         {"clamped as ever",
@@ -187,15 +207,28 @@ TEST(Settings, AreMadeOrRefusedWithALine) {
         {"reset_Point_dis", [&] { return reset_Point_dis(session, 2.0F); }, RET_STATE_ERROR, filled},
         {"reset_Point_dis", [&] { return reset_Point_dis(session, 0.0F); }, RET_INPUT_ERROR, notPositive},
         {"reset_Point_dis", [&] { return reset_Point_dis(session, kNaN); }, RET_INPUT_ERROR, notPositive},
-        {"set_treeShift", [&] { return set_treeShift(session, Vector3f(0, 0, 0)); }, RET_STATE_ERROR, filled},
-        {"set_treeShift", [&] { return set_treeShift(session, Vector3f(kNaN, 0, 0)); }, RET_INPUT_ERROR,
-         "the shift is not finite"},
+        {"set_treeShift",
+         [&] {
+             return set_treeShift(session, {0, 0, 0});
+         },
+         RET_STATE_ERROR, filled},
+        {"set_treeShift",
+         [&] {
+             return set_treeShift(session, {kNaN, 0, 0});
+         },
+         RET_INPUT_ERROR, "the shift is not finite"},
         {"reset_icpDisThread", [&] { return reset_icpDisThread(session, -1.0F); }, RET_INPUT_ERROR,
          "icpDisThread is not a positive number"},
-        {"reset_rata_ray", [&] { return reset_rata_ray(session, Vector2f(0.5F, 1.0F)); }, RET_INPUT_ERROR,
-         "a share is not at least 0 and below 1"},
-        {"reset_rata_ray", [&] { return reset_rata_ray(session, Vector2f(kNaN, 0.1F)); }, RET_INPUT_ERROR,
-         "a share is not at least 0 and below 1"},
+        {"reset_rata_ray",
+         [&] {
+             return reset_rata_ray(session, {0.5F, 1.0F});
+         },
+         RET_INPUT_ERROR, "a share is not at least 0 and below 1"},
+        {"reset_rata_ray",
+         [&] {
+             return reset_rata_ray(session, {kNaN, 0.1F});
+         },
+         RET_INPUT_ERROR, "a share is not at least 0 and below 1"},
         {"set_icpStableThreadhold", [&] { return set_icpStableThreadhold(session, kNaN); }, RET_INPUT_ERROR,
          "threshold is not a finite number"},
         {"set_track_speed_threshold", [&] { return set_track_speed_threshold(session, 1, kNaN); }, RET_INPUT_ERROR,
@@ -204,8 +237,11 @@ TEST(Settings, AreMadeOrRefusedWithALine) {
          "fusionRange is out of its range"},
         {"fusion_set_fusionrange", [&] { return fusion_set_fusionrange(session, 64); }, RET_INPUT_ERROR,
          "fusionRange is out of its range"},
-        {"set_campar", [&] { return set_campar(session, CameraInParam(kNaN, 1, 1, 1)); }, RET_INPUT_ERROR,
-         "the camera is not usable"},
+        {"set_campar",
+         [&] {
+             return set_campar(session, {kNaN, 1, 1, 1});
+         },
+         RET_INPUT_ERROR, "the camera is not usable"},
     };
     for (const Case& c : cases) {
         SCOPED_TRACE(c.name);
@@ -261,29 +297,57 @@ TEST(LifeCycle, AfterAResetTheSessionIsAsNew) {
     }
 }
 
+struct TextureLog {
+    vexel_sfm::TextureTrackerSettings settings;
+    int made = 0, resets = 0, released = 0;
+};
+TextureLog textureLog;
+
+/// Counts what a session does with its tracker.
+class LoggedTracker : public vexel_sfm::TextureTracker {
+public:
+    ~LoggedTracker() override { ++textureLog.released; }
+    bool reset() override { return ++textureLog.resets < 2; }
+    bool get_features(const vexel_sfm::TextureImage&, std::vector<Vector2f>&) override { return false; }
+    bool first_frame(const PointImage&, const vexel_sfm::TextureImage&) override { return false; }
+    bool add_frame(const PointImage&, const vexel_sfm::TextureImage&, RigidMatrix&) override { return false; }
+    bool feature_stitch(RigidMatrix&) override { return false; }
+    bool renew_current_frame(const RigidMatrix&) override { return false; }
+    bool from_cache(int) override { return false; }
+    bool reconnect(const PointImage&, const vexel_sfm::TextureImage&, RigidMatrix&) override { return false; }
+    bool delete_points(const std::vector<Vector3f>&, float) override { return false; }
+};
+
 TEST(LifeCycle, TheTextureTrackerIsMadeResetAndReleased) {
-    using vexel_sfm::record;
     const Records records = Scan("smooth").records;
-    const auto before = vexel_sfm::register_texture_tracker(vexel_sfm::make_recording);
+    const auto before = vexel_sfm::register_texture_tracker(
+        [](const vexel_sfm::TextureTrackerSettings& settings) -> std::unique_ptr<vexel_sfm::TextureTracker> {
+            textureLog.settings = settings;
+            ++textureLog.made;
+            return std::make_unique<LoggedTracker>();
+        });
     TextureParam texture;
+    texture.camera = {1.5F, 2.5F, 3.5F, 4.5F};
     texture.trackerToken = 77;
     const RigidMatrix leftToTexture(Matrix3d::Identity(), {1, 2, 3});
     printed([&] {
         void* plain = fusion_and_track_ini(records.common, records.track, records.fusion);
-        EXPECT_EQ(record.settings.trackerToken, 0U) << "only the form with a texture record makes one";
+        EXPECT_EQ(textureLog.made, 0) << "only the form with a texture record makes one";
         fusiontrack_release(plain);
         void* session = fusion_and_track_ini(records.common, records.track, records.fusion, texture, leftToTexture);
-        EXPECT_EQ(record.settings.trackerToken, 77U);
-        EXPECT_EQ(record.settings.leftToTexture.get_translation(), Vector3d(1, 2, 3));
+        EXPECT_EQ(textureLog.made, 1);
+        EXPECT_EQ(textureLog.settings.camera[3], 4.5);
+        EXPECT_EQ(textureLog.settings.trackerToken, 77U);
+        EXPECT_EQ(textureLog.settings.leftToTexture.get_translation(), Vector3d(1, 2, 3));
         fusion_reset_withoutTex(session);
         fusion_tree_reset(session);
-        EXPECT_TRUE(record.calls.empty());
+        EXPECT_EQ(textureLog.resets, 0);
         EXPECT_EQ(fusion_reset(session), RET_SUCCESS);
-        record.succeeds = false;
         EXPECT_EQ(fusion_reset(session), RET_RUN_FAIL) << "the tracker refused";
+        EXPECT_EQ(textureLog.resets, 2);
         fusiontrack_release(session);
+        EXPECT_EQ(textureLog.released, 1);
     });
-    EXPECT_EQ(record.calls, (std::vector<std::string>{"reset", "reset", "release"}));
     vexel_sfm::register_texture_tracker(before);
 }
 

@@ -33,8 +33,13 @@ TEST(ParticleInput, UnusableImagesGiveOneLineAndLeaveTheResult) {
         {"fixed without normals", view([](PointImage& i) { i.disable_vNormal(); }), view()},
         {"moving without normals", view(), view([](PointImage& i) { i.disable_vNormal(); })},
         {"moving without weights", view(), view([](PointImage& i) { i.disable_vWeight(); })},
-        {"few normals", view([](PointImage& i) { i.set_vNrvs(std::vector<Vector3f>(1)); }), view()},
-        {"few weights", view(), view([](PointImage& i) { i.set_vWeights(std::vector<float>(3)); })},
+        {"few normals", view([](PointImage& i) {
+             i.set_vNrvs({{0, 0, 1}});
+         }),
+         view()},
+        {"few weights", view(), view([](PointImage& i) {
+             i.set_vWeights({1, 2, 3});
+         })},
         {"more points than slots", view([](PointImage& i) { i.resize_vn(i.get_vn() + 1); }), view()},
         {"no focal length", with_camera(0, 90, 32), view()},
         {"NaN focal length", with_camera(90, kNaN, 32), view()},

@@ -25,6 +25,7 @@ using Command = std::function<int()>;
 /// Each adds one subcommand with its options; when it is given on the command line, `chosen` is set.
 void add_accuracy_command(CLI::App& app, Command& chosen);
 void add_check_calibration_command(CLI::App& app, Command& chosen);
+void add_expose_command(CLI::App& app, Command& chosen);
 void add_fuse_command(CLI::App& app, Command& chosen);
 void add_info_command(CLI::App& app, Command& chosen);
 void add_scan_command(CLI::App& app, Command& chosen);

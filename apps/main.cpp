@@ -30,6 +30,7 @@ int run(int argc, char** argv) {
     Command chosen;
     add_accuracy_command(app, chosen);
     add_check_calibration_command(app, chosen);
+    add_expose_command(app, chosen);
     add_fuse_command(app, chosen);
     add_info_command(app, chosen);
     add_scan_command(app, chosen);

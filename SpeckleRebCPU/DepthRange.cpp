@@ -51,16 +51,28 @@ void DepthRange::set_zero() {
 
 void DepthRange::parallax_range_convert_to_depth_range(const Raster<float>& parallax, float margin) {
     set_zero();
-    for (std::size_t i = 0; i < parallax.size(); ++i) {
-        if (!has_parallax(parallax[i]) || !is_in_front(_geometry.depth_of(parallax[i]))) continue;
-        const double ends[2] = {_geometry.depth_of(parallax[i] - margin), _geometry.depth_of(parallax[i] + margin)};
-        // Beyond infinity the depth is negative; the interval then ends where the parallax is.
-        const double depth = _geometry.depth_of(parallax[i]);
-        const double first = is_in_front(ends[0]) ? ends[0] : depth, second = is_in_front(ends[1]) ? ends[1] : depth;
-        _near[i] = static_cast<float>(std::min(first, second));
-        _far[i] = static_cast<float>(std::max(first, second));
-    }
+    for (std::size_t i = 0; i < parallax.size(); ++i)
+        if (has_parallax(parallax[i])) set_interval(i, parallax[i], margin);
     _hasRange = true;
+}
+
+void DepthRange::set_interval(std::size_t slot, double parallax, double margin) {
+    const double depth = _geometry.depth_of(parallax);
+    if (!is_in_front(depth)) return;
+    const double ends[2] = {_geometry.depth_of(parallax - margin), _geometry.depth_of(parallax + margin)};
+    // Beyond infinity the depth is negative; the interval then ends where the parallax is.
+    const double first = is_in_front(ends[0]) ? ends[0] : depth, second = is_in_front(ends[1]) ? ends[1] : depth;
+    _near[slot] = static_cast<float>(std::min(first, second));
+    _far[slot] = static_cast<float>(std::max(first, second));
+}
+
+void DepthRange::move_intervals(float margin) {
+    for (std::size_t i = 0; i < _near.size(); ++i) {
+        const float parallax = _vecParallax.parallax[i];
+        if (!has_parallax(parallax)) continue;
+        const double depth = _geometry.depth_of(parallax);
+        if (!(depth > _near[i] && depth < _far[i])) set_interval(i, parallax, margin);
+    }
 }
 
 void DepthRange::facets_from_range() {
@@ -78,17 +90,13 @@ void DepthRange::move_parallax(std::size_t slot, float step) {
     parallax = std::clamp(parallax + step, std::min(one, other), std::max(one, other));
 }
 
-void DepthRange::depth_gaussian_smooth(int radius, float sigma, float tolerance, float slopeTolerance, int threads) {
-    fit_facets({radius, std::max(1, 2 / _sample), sigma, tolerance, slopeTolerance}, _sample, threads, _vecParallax);
-}
-
-void DepthRange::depth_window_smooth(int window, float tolerance, float slopeTolerance, int threads) {
-    // Five samples along each axis spread as far as the pixels of the window when they stand this far apart: the
-    // variance of an even distribution is (window^2 - 1) / 12, that of five points 2 spacing^2.
-    const double spacing = std::sqrt((static_cast<double>(window) * window - 1.0) / 24.0) / _sample;
-    const FacetFit fit{2, std::max(1, static_cast<int>(std::lround(spacing))), std::numeric_limits<float>::infinity(),
-                       tolerance, slopeTolerance};
-    fit_facets(fit, _sample, threads, _vecParallax);
+void DepthRange::depth_gaussian_smooth(int reach, float sigma, float tolerance, float slopeTolerance, int threads) {
+    constexpr int MOST_NEIGHBOURS = 3;
+    const int widest = MOST_NEIGHBOURS * _sample;
+    const int spacing = std::max({1, 2 / _sample, (reach + widest / 2) / widest});
+    const int radius = std::clamp(reach / (spacing * _sample), 1, MOST_NEIGHBOURS);
+    fit_facets({radius, spacing, sigma / static_cast<float>(spacing * _sample), tolerance, slopeTolerance}, _sample,
+               threads, _vecParallax);
 }
 
 void DepthRange::update_points(int threads) {

@@ -25,15 +25,15 @@ public:
     void parallax_range_convert_to_depth_range(const Raster<float>& parallax, float margin);
     /// Starts the facets in the middle of their intervals, seen as parallax, without slopes.
     void facets_from_range();
+    /// Slots whose parallax has left its interval get a new one, `margin` pixels to both sides.
+    void move_intervals(float margin);
     /// Takes a step of the parallax, but not out of the interval.
     void move_parallax(std::size_t slot, float step);
 
-    /// Smooths the parallax by Gaussian-weighted facets over `radius` neighbours to each side, at least two pixels
-    /// apart, which also yields its slopes. Sigma in neighbours. Depth edges stay. On a
-    /// surface the parallax is affine where it is plane, so this smooths neither away nor across.
-    void depth_gaussian_smooth(int radius, float sigma, float tolerance, float slopeTolerance, int threads);
-    /// Replaces every parallax by the centre of the facet over a window of so many pixels, all weighted alike.
-    void depth_window_smooth(int window, float tolerance, float slopeTolerance, int threads);
+    /// Smooths the parallax by Gaussian-weighted facets over `reach` pixels to each side, which also yields its slopes.
+    /// Sigma in pixels. At most three neighbours to each side are looked at, at least two pixels apart. Depth edges
+    /// stay. On a surface the parallax is affine where it is plane, so this smooths neither away nor across.
+    void depth_gaussian_smooth(int reach, float sigma, float tolerance, float slopeTolerance, int threads);
     /// Points from the parallaxes; slots whose point is not in front of the cameras are emptied.
     void update_points(int threads);
     /// Normals from the facets.
@@ -55,6 +55,8 @@ public:
     float far_depth(std::size_t slot) const { return _far[slot]; }
 
 private:
+    void set_interval(std::size_t slot, double parallax, double margin);
+
     int _width = 0;
     int _height = 0;
     int _sample = 1;

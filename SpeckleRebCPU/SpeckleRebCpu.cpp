@@ -9,6 +9,7 @@
 #include "SpeckleRebCPU/parallaxFilters.h"
 #include "SpeckleRebCPU/pixelMatch.h"
 #include "SpeckleRebCPU/subPixelStep.h"
+#include "SpeckleRebCPU/surfaceEdges.h"
 #include "SpeckleRebCPU/verifyMatch.h"
 #include "foundation/diagnostics.h"
 #include "foundation/parallel.h"
@@ -36,10 +37,21 @@ constexpr int FIRST_STEPS = 1;
 constexpr int STEPS = 3;
 constexpr float LARGEST_FIRST_STEP = 1.0F;
 constexpr float LARGEST_STEP = 0.5F;
+constexpr float FACET_SIGMA = 0.28F;  // windows
+constexpr int LARGEST_SHARP_WINDOW = 13;
 constexpr float FACET_TOLERANCE = 0.5F;
 constexpr float FACET_SLOPE_TOLERANCE = 0.1F;
-constexpr float SMALLEST_SCORE = 0.6F;
-constexpr float LARGEST_LAST_STEP = 0.2F;
+// What a score may lie below the median of the frame. How well images can agree differs from device to device; within a
+// frame a lower one tells that the window does not lie on one surface.
+constexpr float SCORE_LOSS = 0.12F;
+constexpr float LARGEST_SCORE_LIMIT = 0.86F;
+// What only a surface that does not bend may have.
+constexpr float SMALLEST_SCORE = 0.5F;
+constexpr int BEND_REACH = 8;  // pixels
+constexpr float LARGEST_BEND = 0.5F;
+constexpr int EDGE_WINDOW = 7;
+constexpr int EDGE_ROUNDS = 3;
+constexpr float SMALLEST_EDGE_SCORE = 0.75F;
 
 // ---- noise removal ----
 constexpr std::size_t FIRST_ISLAND_SHARE = 4000;
@@ -48,7 +60,9 @@ constexpr int CONSISTENCY_RADIUS = 3;
 constexpr int RETURN_RADIUS = 16;
 constexpr int RETURN_TOLERANCE = 2;
 constexpr int CELL_SIZE = 16;
-constexpr float NORMAL_SIGMA = 1.5F;
+constexpr int EDGE_TRIM = 4;             // pixels
+constexpr float LEAST_EDGE_STEP = 3.0F;  // grey values
+constexpr float NORMAL_SIGMA = 0.24F;    // windows
 
 class Stopwatch {
 public:
@@ -291,7 +305,7 @@ void SpeckleRebCpu::refine(const StageNames& names) {
     if (_debug.is_on()) _objDepthRange.update_points(_threads);
     _debug.points(names.preSubPixel, _objDepthRange);
 
-    _objDepthRange.depth_gaussian_smooth(2, 1.2F, 0.7F, 0.2F, _threads);
+    _objDepthRange.depth_gaussian_smooth(4, 2.4F, 0.7F, 0.2F, _threads);
     if (_debug.is_on()) _objDepthRange.update_points(_threads);
     _debug.points(names.smoothRange, _objDepthRange);
     _objDepthRange.update_normals(_threads);
@@ -307,22 +321,38 @@ void SpeckleRebCpu::pre_subpixel_match() {
     _objDepthRange = _pixDepthRange;
     _objDepthRange.facets_from_range();
     for (int step = 0; step < FIRST_STEPS; ++step) {
-        _objDepthRange.depth_gaussian_smooth(3, 1.5F, 0.7F, 0.8F, _threads);
+        _objDepthRange.depth_gaussian_smooth(6, 3.0F, 0.7F, 0.8F, _threads);
         take_sub_pixel_step(LARGEST_FIRST_STEP);
     }
 }
 
+EdgeTask SpeckleRebCpu::edge_task() const {
+    return {_remap.left, _remap.right, _cover.left, _cover.right, _param.sampleRatio};
+}
+
 /// Facets smooth the field and give the slants; the step under these facets brings back what the smoothing took. The
-/// field thus follows the surface closer than one window could, and windows see no residual curvature. What a window
-/// measures is the mean of that: the first-order subset of digital image correlation.
+/// field thus follows the surface closer than one window could: what a window takes away from a wave of the surface is
+/// taken away twice over after two steps, and comes near to nothing.
 void SpeckleRebCpu::iterate_subpixel_match() {
+    settle_edges(edge_task(),
+                 {EDGE_WINDOW, EDGE_ROUNDS, SMALLEST_EDGE_SCORE, static_cast<float>(_param.findRange(0)),
+                  static_cast<float>(_param.findRange(1))},
+                 _threads, _objDepthRange.field());
+    _objDepthRange.move_intervals(RANGE_MARGIN * static_cast<float>(_param.sampleRatio));
+    // Facets reach as far as the window does.
+    const int window = sub_pixel_window();
     for (int step = 0; step < STEPS; ++step) {
-        if (step > 0) _objDepthRange.depth_gaussian_smooth(2, 1.2F, FACET_TOLERANCE, FACET_SLOPE_TOLERANCE, _threads);
+        if (step > 0)
+            _objDepthRange.depth_gaussian_smooth(window / 2, FACET_SIGMA * static_cast<float>(window), FACET_TOLERANCE,
+                                                 FACET_SLOPE_TOLERANCE, _threads);
         take_sub_pixel_step(LARGEST_STEP);
     }
     drop_uncorrelated();
-    const int window = std::min(_param.subPixMatchWin.x(), _param.subPixMatchWin.y());
-    _objDepthRange.depth_window_smooth(window, FACET_TOLERANCE, FACET_SLOPE_TOLERANCE, _threads);
+    if (window > LARGEST_SHARP_WINDOW) {
+        const auto excess = static_cast<float>(window * window - LARGEST_SHARP_WINDOW * LARGEST_SHARP_WINDOW);
+        _objDepthRange.depth_gaussian_smooth(window / 2, std::sqrt(excess / 12.0F), FACET_TOLERANCE,
+                                             FACET_SLOPE_TOLERANCE, _threads);
+    }
 }
 
 void SpeckleRebCpu::take_sub_pixel_step(float largestStep) {
@@ -341,10 +371,36 @@ void SpeckleRebCpu::take_sub_pixel_step(float largestStep) {
     }
 }
 
+/// Where a window lies on two surfaces at once, it correlates worse than others of the frame do, and the field bends
+/// from one to the other. Print on the surface spoils the correlation too, but the field stays even.
 void SpeckleRebCpu::drop_uncorrelated() {
     ParallaxField& field = _objDepthRange.field();
+    const Raster<float> parallax = field.parallax;
+    const float limit = score_limit();
+    const int reach = std::max(1, BEND_REACH / _param.sampleRatio);
+    const auto is_even = [&](int x, int y, int dx, int dy) {
+        if (!parallax.contains(x - dx, y - dy) || !parallax.contains(x + dx, y + dy)) return true;
+        const float ends = parallax.at(x - dx, y - dy) + parallax.at(x + dx, y + dy);
+        return std::abs(ends - 2.0F * parallax.at(x, y)) <= LARGEST_BEND;
+    };
+    for (int y = 0; y < parallax.height(); ++y) {
+        for (int x = 0; x < parallax.width(); ++x) {
+            const float score = field.score.at(x, y);
+            const bool isGood =
+                score >= limit || (score >= SMALLEST_SCORE && is_even(x, y, reach, 0) && is_even(x, y, 0, reach));
+            if (!isGood || !(std::abs(_step.at(x, y)) <= LARGEST_STEP)) field.parallax.at(x, y) = NO_PARALLAX;
+        }
+    }
+}
+
+float SpeckleRebCpu::score_limit() const {
+    std::vector<float> scores;
     for (std::size_t i = 0; i < _step.size(); ++i)
-        if (!(std::abs(_step[i]) <= LARGEST_LAST_STEP) || field.score[i] < SMALLEST_SCORE) field.clear_slot(i);
+        if (has_parallax(_step[i])) scores.push_back(_score[i]);
+    if (scores.empty()) return LARGEST_SCORE_LIMIT;
+    const auto middle = scores.begin() + static_cast<std::ptrdiff_t>(scores.size() / 2);
+    std::nth_element(scores.begin(), middle, scores.end());
+    return std::clamp(*middle - SCORE_LOSS, SMALLEST_SCORE, LARGEST_SCORE_LIMIT);
 }
 
 void SpeckleRebCpu::remove_noise() {
@@ -368,6 +424,7 @@ void SpeckleRebCpu::remove_noise() {
         _pyramid.left, _pyramid.right,     sample,    _param.pixMatchWin.x(), _param.pixMatchWin.y(), begin,
         end,           _windowCover.right, regionStep};
     right_to_left_to_vertify_match(task, RETURN_RADIUS, RETURN_TOLERANCE, _threads, field);
+    trim_edges(edge_task(), (EDGE_TRIM + sample - 1) / sample, LEAST_EDGE_STEP, _threads, field);
     dump("after right_to_left_to_vertify_match");
 
     remove_cell_outliers(CELL_SIZE, 8.0F, 2.0F, CELL_SIZE * CELL_SIZE / 16, _threads, field);
@@ -377,17 +434,22 @@ void SpeckleRebCpu::remove_noise() {
     dump("after remove_isolated_island");
 
     dump("measure point");
-    smooth_normals(NORMAL_SIGMA);
+    smooth_normals(NORMAL_SIGMA * static_cast<float>(sub_pixel_window()));
     dump("after smooth normal");
 }
 
-/// Facets over a wider window give smoother slopes; the parallaxes stay.
+/// Facets over the window give smoother slopes; the parallaxes stay.
 void SpeckleRebCpu::smooth_normals(float sigma) {
     const Raster<float> measured = _objDepthRange.field().parallax;
-    _objDepthRange.depth_gaussian_smooth(3, sigma, 0.5F, 0.1F, _threads);
+    _objDepthRange.depth_gaussian_smooth(sub_pixel_window() / 2, sigma, FACET_TOLERANCE, FACET_SLOPE_TOLERANCE,
+                                         _threads);
     _objDepthRange.field().parallax = measured;
     _objDepthRange.update_points(_threads);
     _objDepthRange.update_normals(_threads);
+}
+
+int SpeckleRebCpu::sub_pixel_window() const {
+    return std::min(_param.subPixMatchWin.x(), _param.subPixMatchWin.y());
 }
 
 void SpeckleRebCpu::write_result(PointImage& result) {

@@ -5,6 +5,7 @@
 
 #include "SpeckleRebCPU/CommonSpeReb.h"
 #include "SpeckleRebCPU/DepthRange.h"
+#include "SpeckleRebCPU/surfaceEdges.h"
 #include "foundation/PointImage.h"
 #include "foundation/RetVal.h"
 
@@ -48,7 +49,10 @@ private:
     void iterate_subpixel_match();
     void take_sub_pixel_step(float largestStep);
     void drop_uncorrelated();
+    float score_limit() const;
     void smooth_normals(float sigma);
+    EdgeTask edge_task() const;
+    int sub_pixel_window() const;
     std::size_t island_limit(std::size_t share) const;
 
     Raster<float> _match;  ///< parallax of the pixel stage, sampled pixels

@@ -18,12 +18,23 @@
 #    define VEXEL_SUB_PIXEL_BAND_DEFINED
 namespace VexelAlgorithm {
 
+/// Second differences of an image in both directions, each the difference of two binomial filters, 1 4 6 4 1 less
+/// 1 2 1, smoothed by 1 4 6 4 1 in the other direction: a quarter of the second derivative. Sixteenths of grey values;
+/// rows padded to whole blocks.
+struct SecondDifferences {
+    Raster<std::int16_t> alongX;
+    Raster<std::int16_t> alongY;
+};
+
 struct SubPixelBand {
     const SubPixelTask& task;
+    const SecondDifferences& left;
     const ParallaxField& field;
     Raster<float>& step;
     Raster<float>& score;
 };
+
+constexpr std::size_t SUB_PIXEL_BLOCK = 64;  ///< pixels between two stages of resampling
 
 }  // namespace VexelAlgorithm
 #endif
@@ -37,23 +48,34 @@ namespace hn = hwy::HWY_NAMESPACE;
 using FloatTag = hn::ScalableTag<float>;
 using IntTag = hn::RebindToSigned<FloatTag>;
 using ShortTag = hn::Rebind<std::int16_t, FloatTag>;
-using ByteTag = hn::Rebind<std::uint8_t, FloatTag>;
 using IntVec = hn::Vec<IntTag>;
 using FloatVec = hn::Vec<FloatTag>;
 
-constexpr std::size_t BLOCK = 64;  // pixels between two stages of resampling
+constexpr std::size_t BLOCK = SUB_PIXEL_BLOCK;
 
-// Fixed point: grey values around 128 in quarters, derivatives in halves. The sums of the largest window of the
-// strongest contrast stay below 2^31, and integers that enter and leave a sliding sum cancel exactly.
+// Fixed point: grey values around 128 in quarters, derivatives in halves, second differences in eighths. The sums of
+// the largest window of the strongest contrast stay below 2^31, and integers that enter and leave a sliding sum cancel
+// exactly.
 constexpr float GREY_SCALE = 4.0F;
 constexpr float SLOPE_SCALE = 2.0F;
 
-/// Which sums a window needs: number of pixels, left f, right g, derivative d of g, and their products.
-enum Sum { N, F, G, D, FF, GG, FG, DD, DF, DG, SUMS };
+/// What is known of a pair of pixels: the left grey value f, its second differences u and v, the derivative d of the
+/// right image and its grey value g.
+constexpr std::size_t QUANTITIES = 5;
+enum Quantity : std::size_t { F, U, V, D, G };
+/// The sums of a window: number of pairs, the quantities, their products (of each with itself and those behind it).
+constexpr std::size_t PRODUCTS = QUANTITIES * (QUANTITIES + 1) / 2;
+constexpr std::size_t SUMS = 1 + QUANTITIES + PRODUCTS;
 
 /// A row of pixel pairs; all zero where there is none.
 struct PairRow {
-    std::vector<std::int16_t> n, f, g, d;
+    std::vector<std::int16_t> count;
+    std::array<std::vector<std::int16_t>, QUANTITIES> values;
+
+    void assign(std::size_t size) {
+        count.assign(size, 0);
+        for (auto& quantity : values) quantity.assign(size, 0);
+    }
 };
 
 class BandSearch {
@@ -62,41 +84,35 @@ public:
         : _band(band),
           _width(band.task.left.width()),
           _height(band.task.left.height()),
-          _halfWidth(band.task.windowWidth / 2),
-          _halfHeight(band.task.windowHeight / 2),
+          _slots(band.field.parallax.width()),
+          _weights(sub_pixel_weights(band.task)),
+          _halfWidth(_weights.boxWidth / 2),
+          _halfHeight(_weights.boxHeight / 2),
           _stride((static_cast<std::size_t>(_width) + BLOCK - 1) / BLOCK * BLOCK),
-          _ring(static_cast<std::size_t>(band.task.windowHeight)),
-          _predicted(_stride) {
-        for (PairRow& row : _ring)
-            for (auto* values : {&row.n, &row.f, &row.g, &row.d}) values->assign(_stride, 0);
-        _none = _ring.front();
-        const std::size_t padding = static_cast<std::size_t>(band.task.windowWidth + band.task.sample);
-        for (std::vector<std::int32_t>& column : _columns) column.assign(_stride + 2 * padding, 0);
-        _before = padding;
+          _slotMargin(static_cast<std::size_t>(_weights.spacing)),
+          _slotStride(static_cast<std::size_t>(_slots) + 2 * _slotMargin + BLOCK),
+          _ring(static_cast<std::size_t>(_weights.boxHeight)),
+          _predicted(_stride),
+          _boxes(2 * _slotMargin + 1, std::vector<float>(SUMS * _slotStride, 0.0F)),
+          _columnBoxes(SUMS * _slotStride, 0.0F) {
+        for (PairRow& row : _ring) row.assign(_stride);
+        _none.assign(_stride);
+        _before = static_cast<std::size_t>(_weights.boxWidth + band.task.sample);
+        for (std::vector<std::int32_t>& column : _columns) column.assign(_stride + 2 * _before, 0);
     }
 
     void run(int slotBegin, int slotEnd) {
-        const int sample = _band.task.sample;
-        int next = slotBegin * sample - _halfHeight;
-        _first = next;
-        for (int slotRow = slotBegin; slotRow < slotEnd; ++slotRow) {
-            for (; next <= slotRow * sample + _halfHeight; ++next) slide_down(next);
-            solve_row(slotRow);
+        const int spacing = _weights.spacing, rows = _band.field.parallax.height();
+        int next = std::max(0, slotBegin - spacing);
+        _first = _nextRow = next * _band.task.sample - _halfHeight;
+        for (int row = slotBegin; row < slotEnd; ++row) {
+            for (; next <= std::min(row + spacing, rows - 1); ++next) sum_boxes(next);
+            solve_row(row);
         }
     }
 
 private:
-    void slide_down(int y) {
-        PairRow& slot = _ring[static_cast<std::size_t>((y - _first) % _band.task.windowHeight)];
-        const bool leaves = y - _band.task.windowHeight >= _first;
-        if (leaves) add_row(slot, -1);
-        if (y < 0 || y >= _height) {
-            slot = _none;
-        } else {
-            resample_row(y, slot);
-        }
-        add_row(slot, +1);
-    }
+    // ---- pixel pairs ---------------------------------------------------------------------------------------
 
     /// What the facets of the row's slots predict for each pixel; NaN for none.
     void predict_row(int y) {
@@ -108,8 +124,7 @@ private:
         const float* slopeX = field.slopeX.row(slotRow);
         const float* slopeY = field.slopeY.row(slotRow);
         std::fill(_predicted.begin(), _predicted.end(), NO_PARALLAX);
-        const int slots = field.parallax.width();
-        for (int slot = 0; slot < slots; ++slot) {
+        for (int slot = 0; slot < _slots; ++slot) {
             const float centre = parallax[slot] + slopeY[slot] * dy;
             for (int dx = -(sample / 2); dx < sample - sample / 2; ++dx) {
                 const int x = slot * sample + dx;
@@ -152,16 +167,31 @@ private:
         }
         const std::uint8_t* right = _band.task.right.row(y);
         for (std::size_t i = 0; i < BLOCK; ++i) std::memcpy(&pixels[i], right + offset[i], sizeof pixels[i]);
-        for (std::size_t i = 0; i < BLOCK; i += lanes)
-            interpolate(hn::Load(di, pixels + i), hn::Load(d, fraction + i), hn::Load(di, counts + i),
-                        hn::Load(di, grey + i), row, first + i);
+        const std::int16_t* alongX = _band.left.alongX.row(y) + first;
+        const std::int16_t* alongY = _band.left.alongY.row(y) + first;
+        for (std::size_t i = 0; i < BLOCK; i += lanes) {
+            const auto counted = hn::Load(di, counts + i);
+            const auto is_counted = hn::Ne(counted, hn::Zero(di));
+            const auto store = [&](std::vector<std::int16_t>& values, IntVec value) {
+                hn::StoreU(hn::DemoteTo(ShortTag(), hn::IfThenElseZero(is_counted, value)), ShortTag(),
+                           values.data() + first + i);
+            };
+            store(row.count, counted);
+            store(row.values[F], hn::ShiftLeft<2>(hn::Sub(hn::Load(di, grey + i), hn::Set(di, 128))));
+            store(row.values[U], hn::PromoteTo(di, hn::LoadU(ShortTag(), alongX + i)));
+            store(row.values[V], hn::PromoteTo(di, hn::LoadU(ShortTag(), alongY + i)));
+            const auto [value, slope] = interpolated(hn::Load(di, pixels + i), hn::Load(d, fraction + i));
+            store(row.values[D], hn::NearestInt(hn::Mul(slope, hn::Set(d, SLOPE_SCALE))));
+            store(row.values[G], hn::NearestInt(hn::Mul(hn::Sub(value, hn::Set(d, 128.0F)), hn::Set(d, GREY_SCALE))));
+        }
     }
 
-    static void store_short(IntVec value, std::int16_t* target) {
-        hn::StoreU(hn::DemoteTo(ShortTag(), value), ShortTag(), target);
-    }
+    struct Interpolated {
+        FloatVec value, slope;
+    };
 
-    static void interpolate(IntVec pixels, FloatVec t, IntVec counts, IntVec grey, PairRow& row, std::size_t x) {
+    /// Four neighbouring pixels a lane; t from the second towards the third.
+    static Interpolated interpolated(IntVec pixels, FloatVec t) {
         const FloatTag d;
         const IntTag di;
         const auto byte = hn::Set(di, 255);
@@ -174,99 +204,169 @@ private:
         const auto c1 = hn::Mul(half, hn::Sub(p2, p0));
         const auto c3 = hn::Add(hn::Mul(hn::Set(d, 1.5F), hn::Sub(p1, p2)), hn::Mul(half, hn::Sub(p3, p0)));
         const auto c2 = hn::Sub(hn::Sub(hn::Sub(p2, p1), c1), c3);
-        const auto value = hn::Add(p1, hn::Mul(t, hn::Add(c1, hn::Mul(t, hn::Add(c2, hn::Mul(t, c3))))));
-        const auto slope = hn::Add(c1, hn::Mul(t, hn::Add(hn::Add(c2, c2), hn::Mul(hn::Mul(hn::Set(d, 3.0F), t), c3))));
-
-        const auto is_counted = hn::Ne(counts, hn::Zero(di));
-        const auto centred = hn::Mul(hn::Sub(value, hn::Set(d, 128.0F)), hn::Set(d, GREY_SCALE));
-        const auto own = hn::ShiftLeft<2>(hn::Sub(grey, hn::Set(di, 128)));
-        store_short(counts, row.n.data() + x);
-        store_short(hn::IfThenElseZero(is_counted, own), row.f.data() + x);
-        store_short(hn::IfThenElseZero(is_counted, hn::NearestInt(centred)), row.g.data() + x);
-        store_short(hn::IfThenElseZero(is_counted, hn::NearestInt(hn::Mul(slope, hn::Set(d, SLOPE_SCALE)))),
-                    row.d.data() + x);
+        return {hn::Add(p1, hn::Mul(t, hn::Add(c1, hn::Mul(t, hn::Add(c2, hn::Mul(t, c3)))))),
+                hn::Add(c1, hn::Mul(t, hn::Add(hn::Add(c2, c2), hn::Mul(hn::Mul(hn::Set(d, 3.0F), t), c3))))};
     }
 
-    void add_row(const PairRow& row, int sign) {
+    // ---- sums over boxes -----------------------------------------------------------------------------------
+
+    /// Sums of the boxes around the slots of one row.
+    void sum_boxes(int slotRow) {
+        for (; _nextRow <= slotRow * _band.task.sample + _halfHeight; ++_nextRow) slide_down(_nextRow);
+        float* boxes = box_row(slotRow);
+        for (std::size_t q = 0; q < SUMS; ++q)
+            sum_columns(_columns[q].data() + _before, boxes + q * _slotStride + _slotMargin);
+    }
+
+    float* box_row(int slotRow) { return _boxes[static_cast<std::size_t>(slotRow) % _boxes.size()].data(); }
+
+    void slide_down(int y) {
+        PairRow& slot = _ring[static_cast<std::size_t>((y - _first) % _weights.boxHeight)];
+        std::swap(slot, _leaving);
+        if (slot.count.empty()) slot.assign(_stride);
+        if (y < 0 || y >= _height) {
+            slot = _none;
+        } else {
+            resample_row(y, slot);
+        }
+        exchange(slot, _leaving);
+    }
+
+    /// Adds a row to the column sums and takes another one, which was added before, away.
+    void exchange(const PairRow& entering, const PairRow& leaving) {
         const IntTag di;
         const ShortTag ds;
         const std::size_t lanes = hn::Lanes(di);
-        const auto factor = hn::Set(di, sign);
-        std::int32_t* sums[SUMS];
-        for (int q = 0; q < SUMS; ++q) sums[q] = _columns[static_cast<std::size_t>(q)].data() + _before;
         for (std::size_t x = 0; x < _stride; x += lanes) {
             const auto load = [&](const std::vector<std::int16_t>& values) {
                 return hn::PromoteTo(di, hn::LoadU(ds, values.data() + x));
             };
-            const auto add = [&](Sum q, IntVec value) {
-                hn::StoreU(hn::Add(hn::LoadU(di, sums[q] + x), value), di, sums[q] + x);
+            std::size_t q = 0;
+            const auto add = [&](IntVec difference) {
+                std::int32_t* sums = _columns[q++].data() + _before + x;
+                hn::StoreU(hn::Add(hn::LoadU(di, sums), difference), di, sums);
             };
-            const auto n = load(row.n), f = load(row.f), g = load(row.g), dg = load(row.d);
-            const auto signedF = hn::Mul(f, factor), signedG = hn::Mul(g, factor), signedD = hn::Mul(dg, factor);
-            add(N, hn::Mul(n, factor));
-            add(F, signedF);
-            add(G, signedG);
-            add(D, signedD);
-            add(FF, hn::Mul(signedF, f));
-            add(GG, hn::Mul(signedG, g));
-            add(FG, hn::Mul(signedF, g));
-            add(DD, hn::Mul(signedD, dg));
-            add(DF, hn::Mul(signedD, f));
-            add(DG, hn::Mul(signedD, g));
+            add(hn::Sub(load(entering.count), load(leaving.count)));
+            const IntVec in[QUANTITIES] = {load(entering.values[F]), load(entering.values[U]), load(entering.values[V]),
+                                           load(entering.values[D]), load(entering.values[G])};
+            const IntVec out[QUANTITIES] = {load(leaving.values[F]), load(leaving.values[U]), load(leaving.values[V]),
+                                            load(leaving.values[D]), load(leaving.values[G])};
+            for (std::size_t a = 0; a < QUANTITIES; ++a) add(hn::Sub(in[a], out[a]));
+            for (std::size_t a = 0; a < QUANTITIES; ++a)
+                for (std::size_t b = a; b < QUANTITIES; ++b)
+                    add(hn::Sub(hn::Mul(in[a], in[b]), hn::Mul(out[a], out[b])));
         }
     }
 
-    using Sums = std::array<std::int32_t, SUMS>;
+    void sum_columns(const std::int32_t* columns, float* boxes) const {
+        const int sample = _band.task.sample;
+        std::int32_t sum = 0;
+        for (int x = -_halfWidth; x <= _halfWidth; ++x) sum += columns[x];
+        const std::int32_t* entering = columns + _halfWidth;
+        const std::int32_t* leaving = columns - _halfWidth - 1;
+        for (int slot = 0; slot < _slots; ++slot) {
+            boxes[slot] = static_cast<float>(sum);
+            for (int k = 0; k < sample; ++k) sum += *++entering - *++leaving;
+        }
+    }
+
+    // ---- one step for every slot ---------------------------------------------------------------------------
 
     void solve_row(int slotRow) {
-        const int sample = _band.task.sample;
-        const int slots = _band.field.parallax.width();
+        weigh_rows(slotRow);
+        const FloatTag d;
+        const std::size_t lanes = hn::Lanes(d);
         const float* parallax = _band.field.parallax.row(slotRow);
         float* step = _band.step.row(slotRow);
         float* score = _band.score.row(slotRow);
-        const std::int32_t* columns[SUMS];
-        for (int q = 0; q < SUMS; ++q) columns[q] = _columns[static_cast<std::size_t>(q)].data() + _before;
-
-        Sums sums{};
-        for (int x = -_halfWidth; x < _halfWidth; ++x)
-            for (int q = 0; q < SUMS; ++q) sums[static_cast<std::size_t>(q)] += columns[q][x];
-        std::ptrdiff_t entering = _halfWidth, leaving = -_halfWidth - 1;
-        const std::ptrdiff_t last = static_cast<std::ptrdiff_t>(_stride) + _band.task.windowWidth;
-        for (int q = 0; q < SUMS; ++q) sums[static_cast<std::size_t>(q)] += columns[q][entering];
-        for (int slot = 0; slot < slots; ++slot) {
-            step[slot] = NO_PARALLAX;
-            score[slot] = 0.0F;
-            if (has_parallax(parallax[slot])) solve(sums, step[slot], score[slot]);
-            for (int k = 0; k < sample && entering < last; ++k) {
-                ++entering;
-                ++leaving;
-                for (int q = 0; q < SUMS; ++q)
-                    sums[static_cast<std::size_t>(q)] += columns[q][entering] - columns[q][leaving];
+        HWY_ALIGN float steps[hn::MaxLanes(d)], scores[hn::MaxLanes(d)];
+        for (int first = 0; first < _slots; first += static_cast<int>(lanes)) {
+            FloatVec sums[SUMS];
+            for (std::size_t q = 0; q < SUMS; ++q)
+                sums[q] = weighed(_columnBoxes.data() + q * _slotStride + _slotMargin + first);
+            const auto [found, correlation] = solve(sums);
+            hn::Store(found, d, steps);
+            hn::Store(correlation, d, scores);
+            for (int i = 0; i < std::min(static_cast<int>(lanes), _slots - first); ++i) {
+                if (!has_parallax(parallax[first + i])) continue;
+                step[first + i] = steps[i];
+                score[first + i] = scores[i];
             }
         }
     }
 
-    void solve(const Sums& sums, float& step, float& score) const {
-        if (2 * sums[N] < _band.task.windowWidth * _band.task.windowHeight) return;
-        const double n = sums[N], f = sums[F], g = sums[G], d = sums[D];
-        const double ff = sums[FF] - f * f / n, gg = sums[GG] - g * g / n, fg = sums[FG] - f * g / n;
-        const double dd = sums[DD] - d * d / n, df = sums[DF] - d * f / n, dg = sums[DG] - d * g / n;
-        if (!(ff > 0.0) || !(gg > 0.0) || !(dd > 0.0)) return;
-        score = static_cast<float>(fg / std::sqrt(ff * gg));
-        // The left window brought to the contrast of the right one.
-        const double difference = std::sqrt(gg / ff) * df - dg;
-        step = static_cast<float>(difference / dd * (SLOPE_SCALE / GREY_SCALE));
+    /// The weights along columns: boxes 1 2 1, or alone.
+    void weigh_rows(int slotRow) {
+        const int spacing = _weights.spacing;
+        const float* middle = box_row(slotRow);
+        if (spacing == 0) {
+            std::copy_n(middle, _columnBoxes.size(), _columnBoxes.begin());
+            return;
+        }
+        for (std::size_t i = 0; i < _columnBoxes.size(); ++i) _columnBoxes[i] = 2.0F * middle[i];
+        for (const int row : {slotRow - spacing, slotRow + spacing}) {
+            if (row < 0 || row >= _band.field.parallax.height()) continue;
+            const float* boxes = box_row(row);
+            for (std::size_t i = 0; i < _columnBoxes.size(); ++i) _columnBoxes[i] += boxes[i];
+        }
+    }
+
+    FloatVec weighed(const float* boxes) const {
+        const FloatTag d;
+        const auto middle = hn::LoadU(d, boxes);
+        if (_weights.spacing == 0) return middle;
+        return hn::Add(hn::Add(middle, middle),
+                       hn::Add(hn::LoadU(d, boxes - _weights.spacing), hn::LoadU(d, boxes + _weights.spacing)));
+    }
+
+    struct Solution {
+        FloatVec step, score;
+    };
+
+    /// Least squares of g + step d = gain f + blurX u + blurY v + offset: the unknowns are eliminated one after the
+    /// other, the step last. Unknowns that the window says nothing about are left out.
+    Solution solve(const FloatVec (&sums)[SUMS]) const {
+        const FloatTag d;
+        const auto zero = hn::Zero(d), tiny = hn::Set(d, 1e-3F);
+        const auto enough = hn::Ge(sums[0], hn::Set(d, _weights.fewest));
+        const auto inverse = hn::Div(hn::Set(d, 1.0F), hn::Max(sums[0], hn::Set(d, 1.0F)));
+        FloatVec m[QUANTITIES][QUANTITIES], limits[QUANTITIES];
+        std::size_t q = 1 + QUANTITIES;
+        for (std::size_t a = 0; a < QUANTITIES; ++a)
+            for (std::size_t b = a; b < QUANTITIES; ++b, ++q)
+                m[a][b] = hn::Sub(sums[q], hn::Mul(hn::Mul(sums[1 + a], sums[1 + b]), inverse));
+        for (std::size_t a = 0; a < QUANTITIES; ++a) limits[a] = hn::Mul(m[a][a], tiny);
+        auto usable = hn::And(enough, hn::And(hn::Gt(m[F][F], sums[0]), hn::Gt(m[G][G], sums[0])));
+        const auto score = hn::Div(m[F][G], hn::Sqrt(hn::Max(hn::Mul(m[F][F], m[G][G]), tiny)));
+        for (std::size_t k = F; k < D; ++k) {
+            const auto is_known = hn::And(hn::Gt(m[k][k], limits[k]), hn::Gt(m[k][k], zero));
+            const auto factor =
+                hn::IfThenElseZero(is_known, hn::Div(hn::Set(d, 1.0F), hn::IfThenElse(is_known, m[k][k], tiny)));
+            for (std::size_t a = k + 1; a < QUANTITIES; ++a) {
+                const auto ratio = hn::Mul(m[k][a], factor);
+                for (std::size_t b = a; b < QUANTITIES; ++b) m[a][b] = hn::Sub(m[a][b], hn::Mul(ratio, m[k][b]));
+            }
+        }
+        usable = hn::And(usable, hn::And(hn::Gt(m[D][D], limits[D]), hn::Gt(m[D][D], zero)));
+        const auto step = hn::Div(hn::Mul(m[D][G], hn::Set(d, -SLOPE_SCALE / GREY_SCALE)),
+                                  hn::IfThenElse(usable, m[D][D], hn::Set(d, 1.0F)));
+        return {hn::IfThenElse(usable, step, hn::Set(d, NO_PARALLAX)), hn::IfThenElseZero(usable, score)};
     }
 
     const SubPixelBand& _band;
-    const int _width, _height, _halfWidth, _halfHeight;
+    const int _width, _height, _slots;
+    const SubPixelWeights _weights;
+    const int _halfWidth, _halfHeight;
     const std::size_t _stride;
-    std::vector<PairRow> _ring;  ///< the rows inside the window
-    PairRow _none;
+    const std::size_t _slotMargin, _slotStride;
+    std::vector<PairRow> _ring;  ///< the rows inside the box
+    PairRow _none, _leaving;
     std::vector<float> _predicted;
-    std::array<std::vector<std::int32_t>, SUMS> _columns;  ///< sums over the rows of the window, zeros on both sides
+    std::array<std::vector<std::int32_t>, SUMS> _columns;  ///< sums over the rows of the box, zeros on both sides
     std::size_t _before = 0;
-    int _first = 0;
+    std::vector<std::vector<float>> _boxes;  ///< sums of the boxes of some rows of slots
+    std::vector<float> _columnBoxes;         ///< weighed along columns
+    int _first = 0, _nextRow = 0;
 };
 
 }  // namespace
@@ -284,18 +384,72 @@ namespace VexelAlgorithm {
 namespace {
 
 constexpr std::size_t FEWEST_ROWS = 64;  // of a task, pixels; it begins with a window of rows that yield nothing
-constexpr int SMALLEST_WIDTH = 4;        // pixels of one interpolation
+constexpr std::size_t ROW_GRAIN = 32;
+constexpr int SMALLEST_WIDTH = 4;  // pixels of one interpolation
 
 HWY_EXPORT(search_band);
 
+/// Two columns to the left of the row and two to the right repeat its border.
+void fine_and_coarse_row(const GreyImage& image, int y, std::vector<std::int32_t>& fine,
+                         std::vector<std::int32_t>& coarse) {
+    const auto row = [&](int dy) { return image.row(std::clamp(y + dy, 0, image.height() - 1)); };
+    const std::uint8_t *a = row(-2), *b = row(-1), *c = row(0), *d = row(1), *e = row(2);
+    const auto width = static_cast<std::size_t>(image.width());
+    for (std::size_t x = 0; x < width; ++x) {
+        fine[x + 2] = 4 * (b[x] + 2 * c[x] + d[x]);
+        coarse[x + 2] = a[x] + 4 * (b[x] + d[x]) + 6 * c[x] + e[x];
+    }
+    for (auto* sums : {&fine, &coarse}) {
+        (*sums)[0] = (*sums)[1] = (*sums)[2];
+        (*sums)[width + 2] = (*sums)[width + 3] = (*sums)[width + 1];
+    }
+}
+
+void find_second_differences(const GreyImage& image, int threads, SecondDifferences& differences) {
+    const int width = image.width(), height = image.height();
+    constexpr int WHOLE = static_cast<int>(SUB_PIXEL_BLOCK);
+    const int stride = (width + WHOLE - 1) / WHOLE * WHOLE;
+    differences.alongX.assign(stride, height);
+    differences.alongY.assign(stride, height);
+    parallel_ranges(threads, static_cast<std::size_t>(height), ROW_GRAIN, [&](std::size_t begin, std::size_t end) {
+        std::vector<std::int32_t> fine(static_cast<std::size_t>(width) + 4), coarse(fine.size());
+        for (int y = static_cast<int>(begin); y < static_cast<int>(end); ++y) {
+            fine_and_coarse_row(image, y, fine, coarse);
+            std::int16_t* alongX = differences.alongX.row(y);
+            std::int16_t* alongY = differences.alongY.row(y);
+            for (int x = 0; x < width; ++x) {
+                const std::int32_t *s = fine.data() + x + 2, *t = coarse.data() + x + 2;
+                const std::int32_t both = t[-2] + 4 * (t[-1] + t[1]) + 6 * t[0] + t[2];  // of 256
+                const std::int32_t fineX = 4 * (t[-1] + 2 * t[0] + t[1]);
+                const std::int32_t fineY = s[-2] + 4 * (s[-1] + s[1]) + 6 * s[0] + s[2];
+                alongX[x] = static_cast<std::int16_t>((both - fineX + 8) >> 4);
+                alongY[x] = static_cast<std::int16_t>((both - fineY + 8) >> 4);
+            }
+        }
+    });
+}
+
 }  // namespace
+
+SubPixelWeights sub_pixel_weights(const SubPixelTask& task) {
+    const int spacing = std::max(1, 2 / task.sample), reach = spacing * task.sample;
+    const int narrower = std::min(task.windowWidth, task.windowHeight);
+    SubPixelWeights weights{task.windowWidth, task.windowHeight, 0, 0.0F};
+    const bool isBell = 4 * reach <= narrower;
+    if (isBell) weights = {task.windowWidth - 2 * reach, task.windowHeight - 2 * reach, spacing, 0.0F};
+    const float total = static_cast<float>((isBell ? 16 : 1) * weights.boxWidth * weights.boxHeight);
+    weights.fewest = 0.25F * total;
+    return weights;
+}
 
 void find_sub_pixel_steps(const SubPixelTask& task, const ParallaxField& field, int threads, Raster<float>& step,
                           Raster<float>& score) {
     step.assign(field.parallax.width(), field.parallax.height(), NO_PARALLAX);
     score.assign(field.parallax.width(), field.parallax.height(), 0.0F);
     if (task.left.width() < SMALLEST_WIDTH) return;
-    const SubPixelBand band{task, field, step, score};
+    SecondDifferences left;
+    find_second_differences(task.left, threads, left);
+    const SubPixelBand band{task, left, field, step, score};
     const auto rows = static_cast<std::size_t>(field.parallax.height());
     const std::size_t share = rows / (2 * static_cast<std::size_t>(usable_threads(threads)));
     const std::size_t fewest = FEWEST_ROWS / static_cast<std::size_t>(task.sample) + 1;

@@ -14,17 +14,35 @@ struct SubPixelTask {
     int windowHeight;        ///< odd, pixels
 };
 
-/// The Gauss-Newton step of the zero-mean normalised sum of squared differences between the left window around each
-/// slot and the right image, seen through the field: every left pixel is paired with the right position that the facet
-/// of its own slot predicts. The window thus follows the surface, slants and curvature included, and all windows share
-/// one resampled image, so that their sums slide (iterative window registration on a warped image: G. Le Besnerais and
-/// F. Champagnat, "Dense optical flow by iterative local window registration", 2005; the criterion and its step: B.
-/// Pan, K. Li and W. Tong, "Fast, robust and accurate digital image correlation calculation without redundant
-/// computations", 2013). The right image is interpolated by cubic convolution along the row (R. Keys, 1981).
+/// The weights of a window: those of a box, and where the window leaves room those of boxes around the neighbouring
+/// slots too, 1 2 1 in both directions. Such a bell averages over a narrower part of the surface than an even window of
+/// the same noise does, and no wave of the surface comes out with its sign turned (weighted subsets: International
+/// Digital Image Correlation Society, "A good practices guide for digital image correlation", 2018).
+struct SubPixelWeights {
+    int boxWidth;  ///< pixels
+    int boxHeight;
+    int spacing;   ///< slots between the boxes, 0 for a single one
+    float fewest;  ///< sum of weights that a step needs: a quarter of all
+};
+SubPixelWeights sub_pixel_weights(const SubPixelTask& task);
+
+/// The Gauss-Newton step of the least-squares difference between the left window around each slot and the right image,
+/// seen through the field: every left pixel is paired with the right position that the facet of its own slot predicts.
+/// The window thus follows the surface, slants and curvature included, and all windows share one resampled image, so
+/// that their sums slide (iterative window registration on a warped image: G. Le Besnerais and F. Champagnat, "Dense
+/// optical flow by iterative local window registration", 2005; the criterion and its step: B. Pan, K. Li and W. Tong,
+/// "Fast, robust and accurate digital image correlation calculation without redundant computations", 2013). The right
+/// image is interpolated by cubic convolution along the row (R. Keys, 1981).
+///
+/// With the step each window determines gain and offset of the grey values and how much more one image is blurred than
+/// the other, along rows and along columns: cameras at different distances are out of focus differently, and where they
+/// see a surface under different angles one and the same blur covers different parts of it. To first order a
+/// difference of blur adds the second derivatives of the image (M. Subbarao and G. Surya, "Depth from defocus: a
+/// spatial domain approach", 1994). Left out, it costs more than the noise of the cameras does.
 ///
 /// Pixels without a facet, outside the cover or the right image do not count. `step` (pixels, to be added to the
-/// parallax) and `score` (correlation at the present parallax) are written for every slot: NaN and 0 where fewer than
-/// half of the window's pixels count or their grey values are all equal.
+/// parallax) and `score` (correlation at the present parallax) are written for every slot: NaN and 0 where less than a
+/// quarter of the window counts or its grey values are all but equal.
 void find_sub_pixel_steps(const SubPixelTask& task, const ParallaxField& field, int threads, Raster<float>& step,
                           Raster<float>& score);
 

@@ -1,15 +1,20 @@
 // The matching stages written straight from their definitions, in double precision and without any sliding.
 #pragma once
 
+#include <Eigen/Cholesky>
+#include <Eigen/LU>
 #include <algorithm>
 #include <cmath>
 #include <optional>
 #include <vector>
 
+#include "SpeckleRebCPU/growMatches.h"
 #include "SpeckleRebCPU/parallaxFacets.h"
 #include "SpeckleRebCPU/pixelMatch.h"
 #include "SpeckleRebCPU/subPixelStep.h"
+#include "SpeckleRebCPU/surfaceEdges.h"
 #include "SpeckleRebCPU/validMask.h"
+#include "foundation/types.h"
 
 namespace VexelAlgorithm::Plain {
 
@@ -103,10 +108,37 @@ struct Step {
     double step, score;
 };
 
-/// The Gauss-Newton step of one slot.
+/// Second differences of the left image, sampled from their definition.
+inline double second_difference(const GreyImage& image, int x, int y, bool alongX) {
+    const double coarse[5] = {1 / 16.0, 4 / 16.0, 6 / 16.0, 4 / 16.0, 1 / 16.0}, fine[5] = {0, 0.25, 0.5, 0.25, 0};
+    double sum = 0;
+    for (int dy = -2; dy <= 2; ++dy)
+        for (int dx = -2; dx <= 2; ++dx) {
+            const double across = coarse[(alongX ? dy : dx) + 2];
+            const double along = coarse[(alongX ? dx : dy) + 2] - fine[(alongX ? dx : dy) + 2];
+            sum += across * along *
+                   image.at(std::clamp(x + dx, 0, image.width() - 1), std::clamp(y + dy, 0, image.height() - 1));
+        }
+    return sum;
+}
+
+/// The least-squares step of one slot: g + step d = gain f + blurX u + blurY v + offset over the weighted window.
 inline std::optional<Step> sub_pixel_step(const SubPixelTask& task, const ParallaxField& field, int slotX, int slotY) {
     const int s = task.sample, width = task.left.width();
-    std::vector<double> f, g, d;
+    const SubPixelWeights shape = sub_pixel_weights(task);
+    const auto weight_of = [&](int x, int y) {
+        double weight = 0;
+        for (int j = -1; j <= 1; ++j)
+            for (int i = -1; i <= 1; ++i) {
+                if (shape.spacing == 0 && (i != 0 || j != 0)) continue;
+                const int sx = slotX + i * shape.spacing, sy = slotY + j * shape.spacing;
+                if (!field.parallax.contains(sx, sy)) continue;
+                if (std::abs(x - sx * s) <= shape.boxWidth / 2 && std::abs(y - sy * s) <= shape.boxHeight / 2)
+                    weight += (2 - std::abs(i)) * (2 - std::abs(j)) / (shape.spacing == 0 ? 4.0 : 1.0);
+            }
+        return weight;
+    };
+    Eigen::Matrix<double, 6, 6> normal = Eigen::Matrix<double, 6, 6>::Zero();  // of 1, f, u, v, d, g
     for (int y = slotY * s - task.windowHeight / 2; y <= slotY * s + task.windowHeight / 2; ++y) {
         for (int x = slotX * s - task.windowWidth / 2; x <= slotX * s + task.windowWidth / 2; ++x) {
             if (!task.left.contains(x, y) || task.leftCover.at(x, y) == 0) continue;
@@ -119,27 +151,179 @@ inline std::optional<Step> sub_pixel_step(const SubPixelTask& task, const Parall
             const double t = position - column;
             const auto p = [&](int k) -> double { return task.right.at(column + k, y); };
             // Catmull and Rom's spline, from its basis functions.
-            g.push_back(0.5 * (p(-1) * (-t + 2 * t * t - t * t * t) + p(0) * (2 - 5 * t * t + 3 * t * t * t) +
-                               p(1) * (t + 4 * t * t - 3 * t * t * t) + p(2) * (-t * t + t * t * t)));
-            d.push_back(0.5 * (p(-1) * (-1 + 4 * t - 3 * t * t) + p(0) * (-10 * t + 9 * t * t) +
-                               p(1) * (1 + 8 * t - 9 * t * t) + p(2) * (-2 * t + 3 * t * t)));
-            f.push_back(task.left.at(x, y));
+            const double g = 0.5 * (p(-1) * (-t + 2 * t * t - t * t * t) + p(0) * (2 - 5 * t * t + 3 * t * t * t) +
+                                    p(1) * (t + 4 * t * t - 3 * t * t * t) + p(2) * (-t * t + t * t * t));
+            const double d = 0.5 * (p(-1) * (-1 + 4 * t - 3 * t * t) + p(0) * (-10 * t + 9 * t * t) +
+                                    p(1) * (1 + 8 * t - 9 * t * t) + p(2) * (-2 * t + 3 * t * t));
+            Eigen::Matrix<double, 6, 1> row;
+            row << 1.0, task.left.at(x, y), second_difference(task.left, x, y, true),
+                second_difference(task.left, x, y, false), d, g;
+            normal += weight_of(x, y) * row * row.transpose();
         }
     }
-    if (2 * static_cast<int>(f.size()) < task.windowWidth * task.windowHeight) return std::nullopt;
-    const auto centre = [](std::vector<double>& v) {
-        double mean = 0;
-        for (const double value : v) mean += value / static_cast<double>(v.size());
-        for (double& value : v) value -= mean;
+    if (normal(0, 0) < shape.fewest) return std::nullopt;
+    const auto covariance = [&](int a, int b) { return normal(a, b) - normal(0, a) * normal(0, b) / normal(0, 0); };
+    if (covariance(1, 1) < 1e-9 || covariance(5, 5) < 1e-9 || covariance(4, 4) < 1e-9) return std::nullopt;
+    const Eigen::Matrix<double, 5, 1> solution =
+        normal.topLeftCorner<5, 5>().ldlt().solve(normal.topRightCorner<5, 1>());
+    return Step{-solution[4], covariance(1, 5) / std::sqrt(covariance(1, 1) * covariance(5, 5))};
+}
+
+/// Growth, one pixel after the other: rings of unmatched pixels beside matched ones, at most three tries a pixel.
+inline void grow(const GrowTask& task, Raster<float>& parallax) {
+    const int w = parallax.width(), h = parallax.height(), rx = task.windowWidth / 2, ry = task.windowHeight / 2;
+    const auto match = [&](int x, int y) -> float {
+        // A plane through the matched pixels within four.
+        Matrix3d normal = Matrix3d::Zero();
+        Vector3d side = Vector3d::Zero();
+        int count = 0;
+        for (int dy = -4; dy <= 4; ++dy)
+            for (int dx = -4; dx <= 4; ++dx) {
+                if (!parallax.contains(x + dx, y + dy) || !has_parallax(parallax.at(x + dx, y + dy))) continue;
+                const Vector3d row(1, dx, dy);
+                normal += row * row.transpose();
+                side += row * parallax.at(x + dx, y + dy);
+                ++count;
+            }
+        if (count < 6) return NO_PARALLAX;
+        const Eigen::Matrix2d spread =
+            normal.bottomRightCorner<2, 2>() - normal.bottomLeftCorner<2, 1>() * normal.topRightCorner<1, 2>() / count;
+        if (spread.determinant() < 0.1 * count * count) return NO_PARALLAX;
+        const Vector3d plane = normal.inverse() * side;
+        if (plane.tail<2>().cwiseAbs().maxCoeff() > 0.9) return NO_PARALLAX;
+        double now = plane[0], best = NO_PARALLAX, bestScore = 0;
+        for (int step = 0; step <= 3; ++step) {
+            const double reach = rx * (1 + std::abs(plane[1])) + ry * std::abs(plane[2]);
+            if (x < rx || y < ry || x >= w - rx || y >= h - ry || x + now - reach < 0 || x + now + reach >= w - 1)
+                break;
+            Matrix3d c = Matrix3d::Zero();  // of f, g and the slope of g
+            Vector3d mean = Vector3d::Zero();
+            const double n = task.windowWidth * task.windowHeight;
+            for (int dy = -ry; dy <= ry; ++dy)
+                for (int dx = -rx; dx <= rx; ++dx) {
+                    const double position = x + now + plane[2] * dy + (1 + plane[1]) * dx;
+                    const int column = static_cast<int>(position);
+                    const double before = task.right.at(column, y + dy);
+                    const double slope = task.right.at(column + 1, y + dy) - before;
+                    const Vector3d row(task.left.at(x + dx, y + dy), before + slope * (position - column), slope);
+                    c += row * row.transpose();
+                    mean += row / n;
+                }
+            c -= n * mean * mean.transpose();
+            if (c.diagonal().minCoeff() <= 1) break;
+            const double score = c(0, 1) / std::sqrt(c(0, 0) * c(1, 1));
+            const double move = (std::sqrt(c(1, 1) / c(0, 0)) * c(0, 2) - c(1, 2)) / c(2, 2);
+            if (score > bestScore) best = now, bestScore = score;
+            now += std::clamp(move, -1.0, 1.0);
+            if (std::abs(move) < 0.02) break;
+        }
+        const bool isTaken = bestScore >= task.smallestScore && best >= task.parallaxBegin && best < task.parallaxEnd &&
+                             std::abs(best - plane[0]) <= 1.5;
+        return isTaken ? static_cast<float>(best) : NO_PARALLAX;
     };
-    centre(f), centre(g), centre(d);
-    double ff = 0, gg = 0, fg = 0, dd = 0;
-    for (std::size_t i = 0; i < f.size(); ++i)
-        ff += f[i] * f[i], gg += g[i] * g[i], fg += f[i] * g[i], dd += d[i] * d[i];
-    if (ff < 1e-9 || gg < 1e-9 || dd < 1e-9) return std::nullopt;
-    double dr = 0;
-    for (std::size_t i = 0; i < f.size(); ++i) dr += d[i] * (std::sqrt(gg / ff) * f[i] - g[i]);
-    return Step{dr / dd, fg / std::sqrt(ff * gg)};
+    Raster<int> tries(w, h);
+    Mask fresh(w, h);
+    for (std::size_t i = 0; i < fresh.size(); ++i) fresh[i] = has_parallax(parallax[i]) ? 1 : 0;
+    for (bool isGrowing = true; isGrowing;) {
+        isGrowing = false;
+        Mask next(w, h);
+        Raster<float> found = parallax;
+        for (int y = 0; y < h; ++y)
+            for (int x = 0; x < w; ++x) {
+                bool isBeside = false;
+                for (int dy = -1; dy <= 1; ++dy)
+                    for (int dx = -1; dx <= 1; ++dx)
+                        isBeside = isBeside || (fresh.contains(x + dx, y + dy) && fresh.at(x + dx, y + dy) != 0);
+                if (!isBeside || has_parallax(parallax.at(x, y)) || task.leftMask.at(x, y) == 0 || ++tries.at(x, y) > 3)
+                    continue;
+                found.at(x, y) = match(x, y);
+                next.at(x, y) = has_parallax(found.at(x, y)) ? 1 : 0;
+                isGrowing = isGrowing || next.at(x, y) != 0;
+            }
+        parallax = found;
+        fresh = next;
+    }
+}
+
+/// The facet of weighted least squares of one slot: parallax and slopes.
+inline std::optional<Vector3d> facet(const FacetFit& fit, int sample, const ParallaxField& field, int x, int y) {
+    const double s = sample, own = field.parallax.at(x, y), a = field.slopeX.at(x, y), b = field.slopeY.at(x, y);
+    Matrix3d normal = Matrix3d::Zero();
+    Vector3d side = Vector3d::Zero();
+    for (int j = -fit.radius; j <= fit.radius; ++j)
+        for (int i = -fit.radius; i <= fit.radius; ++i) {
+            const int dx = i * fit.spacing, dy = j * fit.spacing;
+            if (!field.parallax.contains(x + dx, y + dy) || !has_parallax(field.parallax.at(x + dx, y + dy))) continue;
+            const double p = field.parallax.at(x + dx, y + dy), distance = s * std::hypot(dx, dy);
+            if (std::abs(p - own - s * (a * dx + b * dy)) > fit.tolerance + fit.slopeTolerance * distance) continue;
+            const Vector3d row(1, s * dx, s * dy);
+            const double weight = std::exp(-(i * i + j * j) / (2.0 * fit.sigma * fit.sigma));
+            normal += weight * row * row.transpose();
+            side += weight * row * p;
+        }
+    const double w = normal(0, 0);
+    const Eigen::Matrix2d spread =
+        normal.bottomRightCorner<2, 2>() - normal.bottomLeftCorner<2, 1>() * normal.topRightCorner<1, 2>() / w;
+    if (spread.determinant() / (s * s * s * s) <= 0.01 * w * w) return std::nullopt;
+    return Vector3d(normal.inverse() * side);
+}
+
+/// Slots of connected regions of fewer than so many, by flooding each.
+inline Mask small_regions(std::size_t smallest, float largestStep, const Raster<float>& parallax) {
+    const int w = parallax.width();
+    Mask small(w, parallax.height()), seen(w, parallax.height());
+    for (int y = 0; y < parallax.height(); ++y)
+        for (int x = 0; x < w; ++x) {
+            if (seen.at(x, y) != 0 || !has_parallax(parallax.at(x, y))) continue;
+            std::vector<std::pair<int, int>> region{{x, y}};
+            seen.at(x, y) = 1;
+            for (std::size_t k = 0; k < region.size(); ++k)
+                for (const auto& [dx, dy] : {std::pair(1, 0), {-1, 0}, {0, 1}, {0, -1}}) {
+                    const int u = region[k].first + dx, v = region[k].second + dy;
+                    if (!parallax.contains(u, v) || seen.at(u, v) != 0 ||
+                        !(std::abs(parallax.at(u, v) - parallax.at(u - dx, v - dy)) <= largestStep))
+                        continue;
+                    seen.at(u, v) = 1;
+                    region.emplace_back(u, v);
+                }
+            if (region.size() < smallest)
+                for (const auto& [u, v] : region) small.at(u, v) = 1;
+        }
+    return small;
+}
+
+/// Correlation of a full-size window around a slot under a facet.
+inline std::optional<double> window_score(const EdgeTask& task, int window, int slotX, int slotY,
+                                          const Vector3d& facet) {
+    const int x = slotX * task.sample, y = slotY * task.sample, r = window / 2;
+    std::vector<double> f, g;
+    for (int dy = -r; dy <= r; ++dy)
+        for (int dx = -r; dx <= r; ++dx) {
+            const double position = x + dx + facet[0] + facet[1] * dx + facet[2] * dy;
+            const int column = static_cast<int>(std::floor(position));
+            if (!task.left.contains(x + dx, y + dy) || column < 0 || column + 1 >= task.left.width()) continue;
+            if (task.leftCover.at(x + dx, y + dy) == 0 || task.rightCover.at(column, y + dy) == 0 ||
+                task.rightCover.at(column + 1, y + dy) == 0)
+                continue;
+            const double t = position - column;
+            f.push_back(task.left.at(x + dx, y + dy));
+            g.push_back((1 - t) * task.right.at(column, y + dy) + t * task.right.at(column + 1, y + dy));
+        }
+    if (2 * static_cast<int>(f.size()) < window * window) return std::nullopt;
+    const auto centre = [](std::vector<double>& v) {
+        double mean = 0, squares = 0;
+        for (const double value : v) mean += value / static_cast<double>(v.size());
+        for (double& value : v) {
+            value -= mean;
+            squares += value * value;
+        }
+        return squares;
+    };
+    const double ff = centre(f), gg = centre(g);
+    if (!(ff > static_cast<double>(f.size())) || !(gg > static_cast<double>(f.size()))) return std::nullopt;
+    double fg = 0;
+    for (std::size_t i = 0; i < f.size(); ++i) fg += f[i] * g[i];
+    return fg / std::sqrt(ff * gg);
 }
 
 }  // namespace VexelAlgorithm::Plain

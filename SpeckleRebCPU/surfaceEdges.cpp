@@ -1,0 +1,261 @@
+#include "SpeckleRebCPU/surfaceEdges.h"
+
+#include <algorithm>
+#include <array>
+#include <cmath>
+#include <optional>
+#include <vector>
+
+#include "foundation/parallel.h"
+
+namespace VexelAlgorithm {
+namespace {
+
+constexpr std::size_t SLOT_GRAIN = 256;
+constexpr std::size_t ROW_GRAIN = 16;
+constexpr float JUMP = 1.0F;         // pixels between the facets of neighbours on different surfaces
+constexpr float SAME = 0.4F;         // pixels between proposals that are one
+constexpr float HYSTERESIS = 0.02F;  // of the score
+constexpr int EVEN_RADIUS = 2;       // pixels
+constexpr int EVEN_ROUNDS = 3;
+constexpr int GAP = 3;             // slots
+constexpr float EDGE_STEP = 1.0F;  // pixels, beside a pixel a pixel
+
+struct Facet {
+    float parallax, slopeX, slopeY;
+};
+
+struct Offset {
+    int dx, dy;
+};
+constexpr std::array<Offset, 8> NEIGHBOURS{{{-1, 0}, {1, 0}, {0, -1}, {0, 1}, {-2, 0}, {2, 0}, {0, -2}, {0, 2}}};
+constexpr std::array<Offset, 16> PROPOSERS{{{-1, 0},
+                                            {1, 0},
+                                            {0, -1},
+                                            {0, 1},
+                                            {-2, -2},
+                                            {2, -2},
+                                            {-2, 2},
+                                            {2, 2},
+                                            {-3, 0},
+                                            {3, 0},
+                                            {0, -3},
+                                            {0, 3},
+                                            {-5, 0},
+                                            {5, 0},
+                                            {0, -5},
+                                            {0, 5}}};
+
+class EdgeRound {
+public:
+    EdgeRound(const EdgeTask& task, const EdgeSearch& search, const ParallaxField& field)
+        : _task(task), _search(search), _field(field), _sample(static_cast<float>(task.sample)) {}
+
+    /// The slots for which facets shall compete.
+    std::vector<std::size_t> open_slots() const {
+        std::vector<std::size_t> open;
+        for (int y = 0; y < _field.parallax.height(); ++y)
+            for (int x = 0; x < _field.parallax.width(); ++x)
+                if (is_open(x, y))
+                    open.push_back(static_cast<std::size_t>(y) * static_cast<std::size_t>(_field.parallax.width()) +
+                                   static_cast<std::size_t>(x));
+        return open;
+    }
+
+    /// The best facet for a slot; none when it is empty and nothing correlates well.
+    std::optional<Facet> settled(int x, int y) const {
+        std::array<Facet, PROPOSERS.size() + 1> proposals{};
+        std::size_t count = 0;
+        std::optional<Facet> best;
+        float bestScore = _search.smallestScore;
+        if (has_parallax(_field.parallax.at(x, y))) {
+            best = proposals[count++] = seen_from(x, y, 0, 0);
+            const std::optional<float> score = score_of(x, y, *best);
+            if (!score) return best;
+            bestScore = *score + HYSTERESIS;
+        }
+        for (const Offset& o : PROPOSERS) {
+            if (!has_slot(x + o.dx, y + o.dy)) continue;
+            const Facet proposal = seen_from(x + o.dx, y + o.dy, -o.dx, -o.dy);
+            const auto is_same = [&](const Facet& known) {
+                return std::abs(known.parallax - proposal.parallax) < SAME;
+            };
+            if (std::any_of(proposals.begin(), proposals.begin() + static_cast<std::ptrdiff_t>(count), is_same) ||
+                !(proposal.parallax >= _search.parallaxBegin && proposal.parallax < _search.parallaxEnd))
+                continue;
+            proposals[count++] = proposal;
+            const std::optional<float> score = score_of(x, y, proposal);
+            if (!score || *score <= bestScore) continue;
+            best = proposal;
+            bestScore = *score;
+        }
+        return best;
+    }
+
+private:
+    bool has_slot(int x, int y) const {
+        return _field.parallax.contains(x, y) && has_parallax(_field.parallax.at(x, y));
+    }
+
+    bool is_open(int x, int y) const {
+        const float own = _field.parallax.at(x, y);
+        bool isBesideEmpty = false, isBesideFull = false, isBesideOther = false;
+        for (const Offset& o : NEIGHBOURS) {
+            if (!_field.parallax.contains(x + o.dx, y + o.dy)) continue;
+            if (!has_slot(x + o.dx, y + o.dy)) {
+                isBesideEmpty = true;
+            } else {
+                isBesideFull = true;
+                isBesideOther =
+                    isBesideOther || std::abs(seen_from(x + o.dx, y + o.dy, -o.dx, -o.dy).parallax - own) > JUMP;
+            }
+        }
+        return has_parallax(own) ? isBesideEmpty || isBesideOther : isBesideFull;
+    }
+
+    /// The facet of slot (x, y), extended to the slot (dx, dy) further on.
+    Facet seen_from(int x, int y, int dx, int dy) const {
+        const float a = _field.slopeX.at(x, y), b = _field.slopeY.at(x, y);
+        return {_field.parallax.at(x, y) + _sample * (a * static_cast<float>(dx) + b * static_cast<float>(dy)), a, b};
+    }
+
+    /// Correlation of the window around the slot under the facet, interpolated linearly; none when less than half of it
+    /// can be compared or either side is even.
+    std::optional<float> score_of(int slotX, int slotY, const Facet& facet) const {
+        const int x = slotX * _task.sample, y = slotY * _task.sample, r = _search.window / 2;
+        const int width = _task.left.width();
+        float n = 0, f = 0, g = 0, ff = 0, gg = 0, fg = 0;
+        for (int dy = std::max(-r, -y); dy <= std::min(r, _task.left.height() - 1 - y); ++dy) {
+            const std::uint8_t* left = _task.left.row(y + dy) + x;
+            const std::uint8_t* leftCover = _task.leftCover.row(y + dy) + x;
+            const std::uint8_t* right = _task.right.row(y + dy);
+            const std::uint8_t* rightCover = _task.rightCover.row(y + dy);
+            const float start = static_cast<float>(x) + facet.parallax + facet.slopeY * static_cast<float>(dy);
+            for (int dx = std::max(-r, -x); dx <= std::min(r, width - 1 - x); ++dx) {
+                const float position = start + (1.0F + facet.slopeX) * static_cast<float>(dx);
+                if (!(position >= 0.0F) || !(position < static_cast<float>(width - 1))) continue;
+                const int column = static_cast<int>(position);
+                if (leftCover[dx] == 0 || rightCover[column] == 0 || rightCover[column + 1] == 0) continue;
+                const float before = right[column], after = right[column + 1];
+                const float value = before + (after - before) * (position - static_cast<float>(column)) - 128.0F;
+                const float own = static_cast<float>(left[dx]) - 128.0F;
+                n += 1, f += own, g += value, ff += own * own, gg += value * value, fg += own * value;
+            }
+        }
+        if (2.0F * n < static_cast<float>(_search.window * _search.window)) return std::nullopt;
+        ff -= f * f / n, gg -= g * g / n, fg -= f * g / n;
+        if (!(ff > n) || !(gg > n)) return std::nullopt;
+        return fg / std::sqrt(ff * gg);
+    }
+
+    const EdgeTask& _task;
+    const EdgeSearch& _search;
+    const ParallaxField& _field;
+    const float _sample;
+};
+
+template <class Body>
+void for_each_slot(const Raster<float>& parallax, int threads, const Body& body) {
+    parallel_ranges(threads, static_cast<std::size_t>(parallax.height()), ROW_GRAIN,
+                    [&](std::size_t begin, std::size_t end) {
+                        for (int y = static_cast<int>(begin); y < static_cast<int>(end); ++y)
+                            for (int x = 0; x < parallax.width(); ++x)
+                                if (has_parallax(parallax.at(x, y))) body(x, y);
+                    });
+}
+
+/// Whether `holds(u, v)` for any slot within `reach` of (x, y).
+template <class Holds>
+bool any_around(const Raster<float>& parallax, int x, int y, int reach, const Holds& holds) {
+    for (int v = std::max(0, y - reach); v <= std::min(parallax.height() - 1, y + reach); ++v)
+        for (int u = std::max(0, x - reach); u <= std::min(parallax.width() - 1, x + reach); ++u)
+            if (holds(u, v)) return true;
+    return false;
+}
+
+bool is_even(const GreyImage& image, int x, int y, float leastStep) {
+    std::int32_t squares = 0, count = 0;
+    for (int v = std::max(0, y - EVEN_RADIUS); v <= std::min(image.height() - 1, y + EVEN_RADIUS); ++v) {
+        const std::uint8_t* row = image.row(v);
+        for (int u = std::max(1, x - EVEN_RADIUS); u <= std::min(image.width() - 2, x + EVEN_RADIUS); ++u) {
+            const int step = row[u + 1] - row[u - 1];
+            squares += step * step;
+            ++count;
+        }
+    }
+    return static_cast<float>(squares) < leastStep * leastStep * static_cast<float>(count);
+}
+
+/// From the gaps inwards.
+void peel_even_slots(const EdgeTask& task, float leastStep, int threads, Raster<float>& parallax) {
+    for (int round = 0; round < EVEN_ROUNDS; ++round) {
+        const Raster<float> before = parallax;
+        for_each_slot(before, threads, [&](int x, int y) {
+            const auto is_empty = [&](int u, int v) { return !has_parallax(before.at(u, v)); };
+            if (any_around(before, x, y, 1, is_empty) &&
+                is_even(task.left, x * task.sample, y * task.sample, leastStep))
+                parallax.at(x, y) = NO_PARALLAX;
+        });
+    }
+}
+
+/// Slots of empty squares.
+Mask find_gaps(const Raster<float>& parallax) {
+    Mask gaps(parallax.width(), parallax.height());
+    Raster<std::uint8_t> run(parallax.width(), parallax.height());  // empty slots from here to the left, three at most
+    for (int y = 0; y < parallax.height(); ++y) {
+        for (int x = 0; x < parallax.width(); ++x) {
+            const int before = x > 0 ? run.at(x - 1, y) : 0;
+            run.at(x, y) = static_cast<std::uint8_t>(has_parallax(parallax.at(x, y)) ? 0 : std::min(before + 1, GAP));
+            bool isGap = y + 1 >= GAP;
+            for (int v = y; isGap && v > y - GAP; --v) isGap = run.at(x, v) == GAP;
+            for (int v = y; isGap && v > y - GAP; --v) std::fill_n(gaps.row(v) + x - GAP + 1, GAP, std::uint8_t{1});
+        }
+    }
+    return gaps;
+}
+
+}  // namespace
+
+void settle_edges(const EdgeTask& task, const EdgeSearch& search, int threads, ParallaxField& field) {
+    const auto width = static_cast<std::size_t>(field.parallax.width());
+    for (int round = 0; round < search.rounds; ++round) {
+        const EdgeRound edges(task, search, field);
+        const std::vector<std::size_t> open = edges.open_slots();
+        std::vector<std::optional<Facet>> found(open.size());
+        parallel_ranges(threads, open.size(), SLOT_GRAIN, [&](std::size_t begin, std::size_t end) {
+            for (std::size_t k = begin; k < end; ++k)
+                found[k] = edges.settled(static_cast<int>(open[k] % width), static_cast<int>(open[k] / width));
+        });
+        for (std::size_t k = 0; k < open.size(); ++k) {
+            if (!found[k]) continue;
+            field.parallax[open[k]] = found[k]->parallax;
+            field.slopeX[open[k]] = found[k]->slopeX;
+            field.slopeY[open[k]] = found[k]->slopeY;
+        }
+    }
+}
+
+void trim_edges(const EdgeTask& task, int width, float leastStep, int threads, ParallaxField& field) {
+    peel_even_slots(task, leastStep, threads, field.parallax);
+    const Raster<float> before = field.parallax;
+    const Mask gaps = find_gaps(before);
+    const auto is_visible = [&](int slotX, int slotY, float parallax) {
+        const int x = slotX * task.sample, y = slotY * task.sample;
+        const int column = static_cast<int>(std::floor(static_cast<float>(x) + parallax + 0.5F));
+        return task.leftCover.at(x, y) != 0 && task.rightCover.contains(column, y) &&
+               task.rightCover.at(column, y) != 0;
+    };
+    const float slotStep = EDGE_STEP + static_cast<float>(task.sample);
+    for_each_slot(before, threads, [&](int x, int y) {
+        const float own = before.at(x, y);
+        const bool isAtEdge = any_around(before, x, y, width, [&](int u, int v) {
+            if (gaps.at(u, v) != 0) return is_visible(u, v, own);
+            const auto distance = static_cast<float>(std::max(std::abs(u - x), std::abs(v - y)));
+            return std::abs(before.at(u, v) - own) > slotStep * distance;
+        });
+        if (isAtEdge) field.parallax.at(x, y) = NO_PARALLAX;
+    });
+}
+
+}  // namespace VexelAlgorithm

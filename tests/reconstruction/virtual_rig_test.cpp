@@ -1,0 +1,44 @@
+// The reconstruction on a virtual scanner's noisy pairs, against the truth: a quarter of the full image, the demo
+// object and a smooth one. bench/speckle_quality judges full images of more scenes.
+#include <gtest/gtest.h>
+
+#include "SpeckleRebCPU/speckleRebuild.h"
+#include "tests/reconstruction/virtualRig.h"
+
+namespace VexelTest {
+namespace {
+
+using namespace VexelAlgorithm;
+
+TEST(VirtualRig, PointsAgreeWithTheTruth) {
+    const struct {
+        const char* scene;
+        double matched, wrong, parallaxInside, normalInside;
+    } cases[] = {{"owl, side", 0.95, 0.02, 0.09, 7.0}, {"ball", 0.94, 0.001, 0.05, 1.5}};
+    const Simulation::StereoRig rig = Simulation::make_stereo_rig(640, 512);
+    const RebParam param = rig_settings(rig, 2);
+    void* handle = speckle_rebuild_cpu_ini(param);
+    ASSERT_NE(handle, nullptr);
+    for (const auto& c : cases) {
+        for (const RigScene& scene : rig_scenes()) {
+            if (scene.name != c.scene) continue;
+            const RigView view = view_of(scene, rig, param);
+            PointImage result;
+            result.ini(view.truth.get_image_width(), view.truth.get_image_height());
+            int timeMs = 0;
+            ASSERT_EQ(run_speckle_rebuild_cpu(handle, view.left.data(), view.right.data(), result, timeMs),
+                      RET_SUCCESS);
+            const Agreement found = agreement(view, result);
+            EXPECT_GT(found.points, 5000U) << c.scene;
+            EXPECT_GT(found.matched, c.matched) << c.scene;
+            EXPECT_LT(found.wrong, c.wrong) << c.scene;
+            EXPECT_LT(found.parallaxInside, c.parallaxInside) << c.scene;
+            EXPECT_LT(std::abs(found.parallaxBias), 0.02) << c.scene;
+            EXPECT_LT(found.normalInside, c.normalInside) << c.scene;
+        }
+    }
+    EXPECT_EQ(speckle_rebuild_cpu_release(handle), RET_SUCCESS);
+}
+
+}  // namespace
+}  // namespace VexelTest

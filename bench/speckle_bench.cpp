@@ -1,5 +1,5 @@
 // Stereo reconstruction of a 1280 x 1024 pair on all processors, stage by stage, beside OpenCV's block and semi-global
-// matchers on the same rectified pair and search range.
+// matchers on the same rectified pair and search range, and its remap.
 #include <benchmark/benchmark.h>
 
 #include <opencv2/calib3d.hpp>
@@ -12,6 +12,7 @@
 #include "SpeckleRebCPU/speckleRebuild.h"
 #include "SpeckleRebCPU/subPixelStep.h"
 #include "foundation/parallel.h"
+#include "readCaliData/CaliParReadIn.h"
 
 using namespace VexelAlgorithm;
 
@@ -60,6 +61,38 @@ const Pair& speckle_pair() {
         return made;
     }();
     return pair;
+}
+
+/// The pair's own geometry with some distortion, so that the maps are no copies.
+Rebuild::CaliParReadIn distorted_rig() {
+    std::vector<float> left{2000, 2000, 639.5F, 511.5F, 0, -0.1F, 0.1F, 0, 0, 0, 0, 0, 0, 1, 0, 0, 0, 1, 0, 0, 0, 1};
+    std::vector<float> right = left;
+    right[10] = -20.0F;
+    return {left, right, {}, Vector2i(Width, Height), Vector2i::Zero()};
+}
+
+void rectification(benchmark::State& state) {
+    const Rebuild::CaliParReadIn calibration = distorted_rig();
+    GreyImage left(Width, Height), right(Width, Height);
+    for (auto _ : state)
+        calibration.remap_image_LR(speckle_pair().left.data(), speckle_pair().right.data(), left.data(), right.data());
+    state.SetItemsProcessed(state.iterations() * 2 * Width * Height);
+    state.SetLabel("pixels");
+}
+
+void opencv_remap(benchmark::State& state) {
+    const Rebuild::CaliParReadIn calibration = distorted_rig();
+    std::vector<cv::Mat> sources, maps, targets;
+    for (const auto& [image, map] : {std::pair(&speckle_pair().left, calibration.get_left_map()),
+                                     std::pair(&speckle_pair().right, calibration.get_right_map())}) {
+        sources.emplace_back(Height, Width, CV_8UC1, const_cast<std::uint8_t*>(image->data()));
+        maps.emplace_back(Height, Width, CV_32FC2, const_cast<float*>(map));
+        targets.emplace_back(Height, Width, CV_8UC1);
+    }
+    for (auto _ : state)
+        for (std::size_t k = 0; k < 2; ++k) cv::remap(sources[k], targets[k], maps[k], cv::noArray(), cv::INTER_LINEAR);
+    state.SetItemsProcessed(state.iterations() * 2 * Width * Height);
+    state.SetLabel("pixels");
 }
 
 void pixel_matching(benchmark::State& state) {
@@ -137,11 +170,13 @@ void opencv_semi_global_3way(benchmark::State& state) {
     run_opencv(state, *matcher);
 }
 
+BENCHMARK(rectification)->Unit(benchmark::kMillisecond)->MeasureProcessCPUTime()->UseRealTime();
+BENCHMARK(opencv_remap)->Unit(benchmark::kMillisecond)->MeasureProcessCPUTime()->UseRealTime();
 BENCHMARK(pixel_matching)->Unit(benchmark::kMillisecond)->MeasureProcessCPUTime()->UseRealTime();
 BENCHMARK(sub_pixel_matching)
     ->ArgName("window")
-    ->Arg(21)
-    ->Arg(11)
+    ->Arg(25)
+    ->Arg(13)
     ->Unit(benchmark::kMillisecond)
     ->MeasureProcessCPUTime()
     ->UseRealTime();

@@ -25,6 +25,7 @@ constexpr double kSimilarNormals = 0.97;
 constexpr double kBeamMargin = 1.2;      ///< for lenses, whose rays are not evenly spread
 constexpr int kCornerGroup = 4;          ///< corners along a side that share the first part of their way
 constexpr double kLeastRoom = 0.05;      ///< mm
+constexpr double kFarRoom = 10.0;        ///< mm; so far away a bound is as good as the distance
 constexpr double kLiftOff = 0.05;        ///< mm above the surface where the ray to the lamp begins
 constexpr double kCastResolution = 0.1;  ///< mm
 
@@ -110,7 +111,9 @@ private:
         const double length = axis.norm();
         double depth = 0.0;
         for (int step = 0; step < 50 && depth < _farLimit; ++step) {
-            const double room = shape.distance(point_at(axis, depth)) - spread * depth;
+            const Vector3d point = point_at(axis, depth);
+            const double bound = shape.at_least(point);
+            const double room = (bound > kFarRoom ? bound : shape.distance(point)) - spread * depth;
             if (!(room > kLeastRoom)) break;
             depth += room / (length + spread);
         }

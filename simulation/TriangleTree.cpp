@@ -14,6 +14,7 @@ constexpr int kBalancedFrom = 40;  ///< depth from which halves are taken, so th
 constexpr int kDeepest = kBalancedFrom + 32;
 constexpr double kBoxCost = 1.0;           ///< of visiting a node, in triangle tests
 constexpr double kLeastDirection = 1e-30;  ///< whose inverse is still finite
+constexpr double kSmallBox = 0.2;          ///< diagonal of a box that is as good as a point, relative to its distance
 constexpr double kSlabRounding = 1.0 + 1e-15;
 
 struct FloatBox {
@@ -318,6 +319,29 @@ TriangleTree::Nearest TriangleTree::nearest_to(const Vector3d& query) const {
         if (nearer.squaredDistance < least) open[count++] = nearer;
     }
     return nearest;
+}
+
+double TriangleTree::at_least(const Vector3d& query) const {
+    double least = kNoLimit;
+    std::array<std::uint32_t, kDeepest + 1> open;
+    std::size_t count = 0;
+    if (!_nodes.empty()) open[count++] = 0;
+    while (count > 0) {
+        const Node& node = _nodes[open[--count]];
+        const double squaredDistance = node.squared_distance(query);
+        if (squaredDistance >= least) continue;
+        const double squaredSize = (node.high - node.low).cast<double>().squaredNorm();
+        if (node.count > 0 || squaredSize < kSmallBox * kSmallBox * squaredDistance) {
+            least = squaredDistance;
+            continue;
+        }
+        // The nearer child is looked at first.
+        const Node* children = &_nodes[node.first];
+        const bool isFirstNearer = children[0].squared_distance(query) < children[1].squared_distance(query);
+        open[count++] = node.first + (isFirstNearer ? 1 : 0);
+        open[count++] = node.first + (isFirstNearer ? 0 : 1);
+    }
+    return std::sqrt(least);
 }
 
 }  // namespace VexelAlgorithm::Simulation

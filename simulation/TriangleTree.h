@@ -37,6 +37,10 @@ public:
     /// There must be triangles; the query must be finite.
     Nearest nearest_to(const Vector3d& query) const;
 
+    /// A distance (mm) at least as short as that of the nearest triangle, and shorter by a fifth at most unless that is
+    /// near; a few boxes tell it. 0 where a box holds the query.
+    double at_least(const Vector3d& query) const;
+
     Bounds bounds() const;
 
 private:

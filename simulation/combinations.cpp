@@ -160,8 +160,13 @@ public:
         return sum / shares;
     }
 
+    /// Operands with sharp seams are few, and each can say more than the box around all.
     double at_least(const Vector3d& point) const override {
-        return _bounds.distance(point) > 0.0 ? _bounds.distance(point) : -kNoLimit;
+        const double toBox = _bounds.distance(point) > 0.0 ? _bounds.distance(point) : -kNoLimit;
+        if (_blend > 0.0) return toBox;
+        double least = kNoLimit;
+        for (const ShapePtr& shape : _shapes) least = std::min(least, shape->at_least(point));
+        return std::max(least, toBox);
     }
     Bounds bounds() const override { return _bounds; }
     Bounds bounds_after(const RigidMatrix& motion) const override {

@@ -83,9 +83,9 @@ public:
         const double size = away.norm();
         return away.dot(normal_at(nearest)) < 0.0 ? -size : size;
     }
+    /// Points within the box may be inside, where the distance is negative.
     double at_least(const Vector3d& point) const override {
-        const double toBox = bounds().distance(point);
-        return toBox > 0.0 ? toBox : -kNoLimit;
+        return bounds().distance(point) > 0.0 ? _tree.at_least(point) : -kNoLimit;
     }
     Vector3d gradient(const Vector3d& point) const override {
         const TriangleTree::Nearest nearest = _tree.nearest_to(point);

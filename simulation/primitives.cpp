@@ -55,6 +55,7 @@ public:
     HalfSpace(const Vector3d& point, const Vector3d& normal) : _point(point), _normal(normal) {}
 
     double distance(const Vector3d& point) const override { return _normal.dot(point - _point); }
+    double at_least(const Vector3d& point) const override { return distance(point); }
     Vector3d gradient(const Vector3d&) const override { return _normal; }
     Bounds bounds() const override { return Bounds::everything(); }
     std::optional<double> first_crossing(const Ray& ray, double farthest) const override {

@@ -141,6 +141,7 @@ TEST(TriangleMesh, BallIsTheBallUpToTheSagitta) {
         for (int n = 0; n < 3000; ++n) {
             const Vector3d point = dice.point(60);
             EXPECT_NEAR(shape->distance(point), truth->distance(point), sagitta);
+            EXPECT_LE(shape->at_least(point), shape->distance(point));
             EXPECT_GT(shape->gradient(point).dot(truth->gradient(point)), point.norm() < 10 ? -1 : 0.9);
             // From within, no ray finds a gap; aimed at corners and edges as well.
             const Vector3d aim = form.points[static_cast<std::size_t>(n * 5)].cast<double>();

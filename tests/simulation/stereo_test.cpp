@@ -251,7 +251,7 @@ TEST(SpeckleTexture, MeansUnderFootprintsAreMeansOfPoints) {
     const Eigen::Matrix2d point = 0.01 * Eigen::Matrix2d::Identity();
     struct {
         double major, minor, angle, tolerance;
-    } cases[] = {{0.6, 0.6, 0, 0.02}, {1.5, 1.5, 0, 0.03}, {3, 3, 0, 0.03}, {3, 0.8, 0.6, 0.03}, {4, 1, -1, 0.03}};
+    } cases[] = {{0.6, 0.6, 0, 0.012}, {1.5, 1.5, 0, 0.008}, {3, 3, 0, 0.005}, {3, 0.8, 0.6, 0.006}, {4, 1, -1, 0.006}};
     for (const auto& c : cases) {
         const Vector2d along(std::cos(c.angle), std::sin(c.angle)), across(-along.y(), along.x());
         const Eigen::Matrix2d covariance =

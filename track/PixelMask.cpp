@@ -40,9 +40,9 @@ void PixelMask::assign(const unsigned char* image, const Vector2i& size) {
 }
 
 bool PixelMask::is_out_of_reach(float x, float y) const {
-    constexpr float Margin = Reach;
-    const bool isNear = x > -Margin && y > -Margin && x < static_cast<float>(_width) + Margin &&
-                        y < static_cast<float>(_height) + Margin;
+    constexpr float margin = Reach;
+    const bool isNear = x > -margin && y > -margin && x < static_cast<float>(_width) + margin &&
+                        y < static_cast<float>(_height) + margin;
     return !isNear;  // also NaN
 }
 

@@ -53,7 +53,7 @@ using FloatVec = hn::Vec<FloatTag>;
 
 constexpr std::size_t BLOCK = SUB_PIXEL_BLOCK;
 
-// Fixed point: grey values around 128 in quarters, derivatives in halves, second differences in eighths. The sums of
+// Fixed point: grey values around 128 in quarters, derivatives in halves, second differences in sixteenths. The sums of
 // the largest window of the strongest contrast stay below 2^31, and integers that enter and leave a sliding sum cancel
 // exactly.
 constexpr float GREY_SCALE = 4.0F;

@@ -308,6 +308,7 @@ TEST(SpeckleRebuild, SettingsThatCannotBeUsedGiveNoHandle) {
         [](RebParam& p) { p.leftCalib.clear(); },
         [](RebParam& p) { p.rightCalib[0] = std::nanf(""); },
         [](RebParam& p) { p.rightCalib[10] = 0; },
+        [](RebParam& p) { p.rightCalib[13] = p.rightCalib[21] = -1; },       // the right camera looks backwards
         [](RebParam& p) { std::swap(p.rightCalib[10], p.rightCalib[11]); },  // one above the other
     };
     int number = 0;

@@ -221,6 +221,16 @@ RetVal fusiontrack_release(void*& handle) noexcept {
     return release_handle<FusionTrack>(handle, {"fusiontrack_release", null_text::RELEASE}, RET_INI_ERROR);
 }
 
+bool save_project(void* handle, std::ofstream& file) noexcept {
+    return on_handle<FusionTrack, bool>(handle, {"save_project", null_text::SESSION}, {false, false},
+                                        [&](FusionTrack& session) { return session.save_project(file); });
+}
+
+bool read_project(void* handle, std::ifstream& file) noexcept {
+    return on_handle<FusionTrack, bool>(handle, {"read_project", null_text::SESSION}, {false, false},
+                                        [&](FusionTrack& session) { return session.read_project(file); });
+}
+
 void set_fusion_success_call_back(void* handle, FusionSuccessCallBack callback) noexcept {
     store_callback(handle, "set_fusion_success_call_back", callback);
 }

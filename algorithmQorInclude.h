@@ -23,6 +23,8 @@
 // thread configured, the same input gives the same bytes.
 #pragma once
 
+#include <iosfwd>
+
 #include "SpeckleRebCPU/speckleRebuild.h"
 #include "exposure/autoExposure.h"
 #include "foundation/BaseTriMesh.h"
@@ -174,6 +176,19 @@ VEXEL_API RetVal fusion_tree_reset(void* handle) noexcept;
 /// Destroys the session and nulls the caller's handle. Null already: "can not run function fail fusiontrack_release
 /// because pFusionTrack = NULL".
 VEXEL_API RetVal fusiontrack_release(void*& handle) noexcept;
+
+/// Writes the session to a binary stream that the application has opened: poses, model and display points, in the form
+/// of docs/project-format.md. The display points are those of the last `get_show_data`; without any the project cannot
+/// be saved. The session stays as it is. Prints a line for each section; true when every byte went out. A file is whole
+/// only then: write beside the final name and rename. Null handle: "fail because pFusionTrack = NULL" and false.
+VEXEL_API bool save_project(void* handle, std::ofstream& file) noexcept;
+/// Replaces the session's model by that of a project, which must have been saved by a session of the same treeDepth and
+/// voxel size; the scan goes on where it stopped, with the camera and all other settings of this session. The display
+/// is what it was when the project was saved, and all leaves count as unchanged. False with one line, and the session
+/// as it was, for what is no project, another version, poses that are none and another volume; for damage behind these
+/// as after `fusion_tree_reset`, so that it can be used again. Memory and time stay in proportion to the bytes read,
+/// whatever they say. Null handle as for `save_project`.
+VEXEL_API bool read_project(void* handle, std::ifstream& file) noexcept;
 
 /// Stores a function for the threaded mode, null for none; the frame step calls none of them. Null handle: "can not run
 /// this function because pFusionTrack = NULL".

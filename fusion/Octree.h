@@ -51,6 +51,9 @@ struct LeafPath {
     ChildEntry* entry = nullptr;
 };
 
+template <class Leaf>
+class OctreeReader;
+
 /// Leaf locks for leaf types that have no lock byte: a table beside the pool, one lock for each residue of the
 /// leaf index. Two leaves may share a lock; a thread never holds two.
 class LeafLockTable {
@@ -264,6 +267,8 @@ public:
     }
 
 private:
+    friend class OctreeReader<Leaf>;
+
     static constexpr int UnitBits = 20;
     static constexpr std::uint64_t UnitMask = (std::uint64_t{1} << UnitBits) - 1;
 

@@ -11,6 +11,11 @@ namespace {
 using VexelAlgorithm::allocate_zero_pages;
 using VexelAlgorithm::PageHint;
 
+struct CellEntry {
+    std::int32_t cell, base;
+};
+static_assert(sizeof(CellEntry) == 8, "the binary form has no padding");
+
 template <class Number>
 void put(std::ofstream& out, Number number) {
     out.write(reinterpret_cast<const char*>(&number), sizeof(number));
@@ -114,16 +119,16 @@ bool TopTree::read_tree_binary(std::ifstream& in) {
 }
 
 bool TopTree::write_cells(std::ofstream& out) const {
-    std::vector<std::int32_t> pairs;
-    for (std::int32_t cell = 0; cell < get_cell_count(); ++cell) {
-        const std::int32_t base = get(cell);
-        if (base >= 0) pairs.insert(pairs.end(), {cell, base});
-    }
+    std::vector<CellEntry> entries;
+    for_each_filled([&](int x, int y, int z, std::int32_t base) {
+        entries.push_back({(z << (2 * _bits)) + (y << _bits) + x, base});
+    });
+    std::sort(entries.begin(), entries.end(), [](const CellEntry& a, const CellEntry& b) { return a.cell < b.cell; });
     put(out, static_cast<std::int32_t>(_bits));
     put(out, get_octet_count());
-    put(out, static_cast<std::int32_t>(pairs.size() / 2));
-    out.write(reinterpret_cast<const char*>(pairs.data()),
-              static_cast<std::streamsize>(pairs.size() * sizeof(std::int32_t)));
+    put(out, static_cast<std::int32_t>(entries.size()));
+    out.write(reinterpret_cast<const char*>(entries.data()),
+              static_cast<std::streamsize>(entries.size() * sizeof(CellEntry)));
     return out.good();
 }
 

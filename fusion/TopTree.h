@@ -60,6 +60,10 @@ public:
     /// Whether all cells of the box low <= (x, y, z) <= high are empty. Cells outside the grid count as empty.
     bool is_box_empty(const std::array<int, 3>& low, const std::array<int, 3>& high) const noexcept;
 
+    /// Calls `visit(x, y, z, base)` for each filled cell, block by block of 4^3 cells. Needs the grid for itself.
+    template <class Visit>
+    void for_each_filled(const Visit& visit) const;
+
     /// Empties the grid.
     void clear() { reset_mem(); }
     /// Empties the grid and gives its memory back.
@@ -124,6 +128,23 @@ std::int32_t take_octet(std::atomic<std::int32_t>& counter, std::int32_t limit, 
         makeRoom(octet);
     } while (!counter.compare_exchange_weak(octet, octet + 1, std::memory_order_acq_rel));
     return octet * 8;
+}
+
+template <class Visit>
+void TopTree::for_each_filled(const Visit& visit) const {
+    const BlockLevel& blocks = _levels.front();
+    const std::int32_t mask = (std::int32_t{1} << blocks.bits) - 1;
+    for (std::int32_t block = 0; block < std::int32_t{1} << (3 * blocks.bits); ++block) {
+        std::uint64_t word = masks()[blocks.offset + static_cast<std::size_t>(block)].load(std::memory_order_relaxed);
+        for (int bit = 0; word != 0; ++bit, word >>= 1) {
+            if ((word & 1) == 0) continue;
+            const int x = 4 * (block & mask) + (bit & 3);
+            const int y = 4 * (block >> blocks.bits & mask) + (bit >> 2 & 3);
+            const int z = 4 * (block >> (2 * blocks.bits)) + (bit >> 4);
+            const std::int32_t base = get((z << (2 * _bits)) + (y << _bits) + x);
+            if (base >= 0) visit(x, y, z, base);
+        }
+    }
 }
 
 template <class TakeOctet>

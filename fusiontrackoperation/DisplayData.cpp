@@ -3,6 +3,7 @@
 #include <hwy/base.h>
 
 #include <algorithm>
+#include <utility>
 
 #include "foundation/parallel.h"
 
@@ -77,6 +78,24 @@ void LeafPoints::clear() {
     _cloud.clear();
     _leaves.clear();
     _ranks.clear();
+}
+
+bool LeafPoints::restore(ShownPoints shown, std::int32_t leafCount) {
+    clear();
+    for (std::size_t i = 0; i < shown.leaves.size(); ++i) {
+        const std::int32_t leaf = shown.leaves[i];
+        if (leaf < 0 || leaf >= leafCount || has(leaf)) {
+            clear();
+            return false;
+        }
+        _ranks.grow_to(leaf);
+        _ranks[leaf] = static_cast<std::int32_t>(i) + 1;
+    }
+    _leaves = std::move(shown.leaves);
+    _cloud.set_vCoords(std::move(shown.points));
+    _cloud.set_vNrvs(std::move(shown.normals));
+    for (std::size_t i = 0; i < shown.colors.size(); ++i) _cloud.set_vColor(i, shown.colors[i]);
+    return true;
 }
 
 void LeafPointChanges::take(LeafPoints& points, const OctetSurface& octet, unsigned changed, unsigned wanted) {
@@ -160,6 +179,12 @@ const Cloud& DisplayData::confirmed_points(const SessionVolume& volume) {
     }
     _keepsConfirmed = true;
     return _confirmed.cloud();
+}
+
+bool DisplayData::restore(ShownPoints shown, const SessionVolume& volume) {
+    clear();
+    _shift = volume.get_treeShift();
+    return _points.restore(std::move(shown), volume.get_vaild_leaf_num());
 }
 
 void DisplayData::clear() {

@@ -16,6 +16,12 @@ namespace VexelAlgorithm {
 
 using SessionVolume = Fusion::FusionTsdf<Fusion::LeafTSDFSpeckle>;
 
+/// Display points as arrays of one length: the leaf of each, its coordinates (mm, model), unit normal and colour.
+struct ShownPoints {
+    std::vector<std::int32_t> leaves;
+    std::vector<Vector3f> points, normals, colors;
+};
+
 /// Points that belong to leaves, one a leaf at most. Setting and removing cost the same however many there are; the
 /// order changes when a point is removed, because the last one takes its place.
 class LeafPoints {
@@ -23,6 +29,7 @@ public:
     explicit LeafPoints(const Vector3f& color);
 
     const Cloud& cloud() const { return _cloud; }
+    const std::vector<std::int32_t>& leaves() const { return _leaves; }
     std::int32_t leaf_of(std::size_t point) const { return _leaves[point]; }
     bool has(std::int32_t leaf) const { return leaf < _ranks.size() && _ranks[leaf] > 0; }
     /// A bit for each leaf of an octet that has a point.
@@ -37,6 +44,8 @@ public:
     void set(std::int32_t leaf, const SurfacePoint& surface);
     void remove(std::int32_t leaf);
     void clear();
+    /// Takes over other points. False, and no points, when a leaf is not in [0, leafCount) or is there twice.
+    bool restore(ShownPoints shown, std::int32_t leafCount);
 
 private:
     Vector3f _color;
@@ -92,6 +101,7 @@ public:
     void update(SessionVolume& volume, Fusion::ChangedLeaves& changedLeaves);
 
     const Cloud& points() const { return _points.cloud(); }
+    const LeafPoints& leaf_points() const { return _points; }
     /// The confirmed points only. The first call goes over all points, from then on `update` keeps them.
     const Cloud& confirmed_points(const SessionVolume& volume);
 
@@ -99,6 +109,9 @@ public:
     const Vector3f& get_shift() const { return _shift; }
     /// Drops all points and goes back to no shift.
     void clear();
+    /// Shows these points of a volume whose leaves are all unchanged. False, and nothing is shown, when a leaf is none
+    /// of the volume or is there twice.
+    bool restore(ShownPoints shown, const SessionVolume& volume);
 
 private:
     /// The changes that one task finds.

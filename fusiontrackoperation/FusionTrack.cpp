@@ -229,18 +229,21 @@ void FusionTrack::forget_model() {
     initialise_images();
 }
 
-RetVal FusionTrack::reset(bool withTexture) {
-    const std::lock_guard<std::mutex> step(_stepMutex);
-    forget_model();
+void FusionTrack::forget_last_frame(int acceptedFrames) {
     _currentFrame.clear();
     _relative.set_identity();
     _initialPose.set_identity();
     _lastFrameTimeGap = -1;
     _stepState = FusionScanState();
-    {
-        const std::lock_guard<std::mutex> state(_stateMutex);
-        _state = FusionScanState();
-    }
+    _stepState.acceptedFrames = acceptedFrames;
+    const std::lock_guard<std::mutex> state(_stateMutex);
+    _state = _stepState;
+}
+
+RetVal FusionTrack::reset(bool withTexture) {
+    const std::lock_guard<std::mutex> step(_stepMutex);
+    forget_model();
+    forget_last_frame(0);
     if (!withTexture || _textureTracker == nullptr || vexel_sfm::tbt_reset(_textureTracker)) return RET_SUCCESS;
     print_line("fusion_reset failed: the texture tracker can not be reset");
     return RET_RUN_FAIL;

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <atomic>
+#include <fstream>
 #include <memory>
 #include <mutex>
 #include <optional>
@@ -97,6 +98,11 @@ public:
     /// Empties the volume and what is rendered and shown from it, and starts the pose list anew.
     RetVal reset_tree();
 
+    bool save_project(std::ofstream& out) const;
+    /// A file that is not a project of this session's records leaves the session as it was; one that turns out to be
+    /// damaged behind that leaves it as after `reset_tree`.
+    bool read_project(std::ifstream& in);
+
 private:
     /// What a frame step is asked for and what it answers; see `frame_step`.
     struct StepArguments {
@@ -139,6 +145,9 @@ private:
 
     void initialise_images();
     void forget_model();
+    void forget_last_frame(int acceptedFrames);
+    bool read_model(std::ifstream& in, const Vector3f& shift);
+    void resume_from(std::vector<RigidMatrix> poses);
     void write_debug_mesh(const char* name, const BaseTriMesh& mesh) const;
 
     const SessionParameters _parameters;

@@ -6,6 +6,7 @@
 #include "foundation/handle.h"
 #include "fusiontrackoperation/FusionTrack.h"
 #include "fusiontrackoperation/Stopwatch.h"
+#include "fusiontrackoperation/rigidPose.h"
 
 namespace VexelAlgorithm {
 namespace {
@@ -88,13 +89,6 @@ bool is_accepted(FrameOutcome outcome) {
            outcome == FrameOutcome::TrackedOnly;
 }
 
-bool is_pose(const RigidMatrix& rt) {
-    if (!rt.is_finite()) return false;
-    const Matrix3d& rotation = rt.get_rotation();
-    const Matrix3d deviation = rotation.transpose() * rotation - Matrix3d::Identity();
-    return deviation.cwiseAbs().maxCoeff() < 1e-2 && rotation.determinant() > 0.0;
-}
-
 }  // namespace
 
 // ---- the frame step ---------------------------------------------------------------------------------
@@ -161,7 +155,7 @@ bool FusionTrack::track(const PointImage& input, int& elapsedMicroseconds) {
 FrameOutcome FusionTrack::fuse_at(const PointImage& input, const RigidMatrix& pose, int& elapsedMicroseconds) {
     if (!has_attributes(input)) return FrameOutcome::MissingAttributes;
     if (!fits_session(input, "fusion")) return FrameOutcome::BadFrame;
-    if (!is_pose(pose)) {
+    if (!is_rigid(pose)) {
         print_line("can not run function fusion because the pose is not a rigid motion");
         return FrameOutcome::Failed;
     }
@@ -239,7 +233,7 @@ bool FusionTrack::fits_session(const PointImage& input, const char* function) co
     if (_modelCamera && !is_same_camera(input.get_camPar(), *_modelCamera)) {
         return refuse("the frame's camera is not that of the model");
     }
-    if (!is_pose(input.get_rt())) return refuse("the frame's stored pose is not a rigid motion");
+    if (!is_rigid(input.get_rt())) return refuse("the frame's stored pose is not a rigid motion");
     return true;
 }
 

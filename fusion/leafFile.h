@@ -1,0 +1,151 @@
+// The leaves of the real-time volume as a byte stream; docs/project-format.md describes the form.
+#pragma once
+
+#include <array>
+#include <cmath>
+#include <cstddef>
+#include <cstdint>
+#include <fstream>
+#include <vector>
+
+#include "foundation/archive.h"
+#include "fusion/LeafTSDFSpeckle.h"
+#include "fusion/Octree.h"
+
+namespace VexelAlgorithm {
+namespace Fusion {
+
+/// One leaf in a file. The order of the fields is that of the bytes; never to be changed.
+struct LeafRecord {
+    std::int16_t state = 0;
+    std::uint8_t changed = 0;
+    std::uint8_t reserved = 0;
+    std::int32_t contributions = 0;
+    float tsdfSum = 0.0F;
+    float weightSum = 0.0F;
+    float color[3] = {};       ///< for volumes with colour, zero until then
+    float colorWeight = 0.0F;  ///< the same
+    std::uint8_t spare[8] = {};
+};
+static_assert(sizeof(LeafRecord) == 40, "files hold 40 bytes a leaf");
+
+inline LeafRecord to_record(const LeafTSDFSpeckle& leaf) {
+    LeafRecord record;
+    record.state = leaf.state;
+    record.changed = leaf.changed;
+    record.contributions = leaf.contributions;
+    record.tsdfSum = leaf.tsdfSum;
+    record.weightSum = leaf.weightSum;
+    return record;
+}
+
+/// The leaf, marked unchanged. False when the record is none of a used leaf.
+inline bool from_record(const LeafRecord& record, LeafTSDFSpeckle& leaf) {
+    leaf = LeafTSDFSpeckle();
+    leaf.state = record.state;
+    leaf.contributions = record.contributions;
+    leaf.tsdfSum = record.tsdfSum;
+    leaf.weightSum = record.weightSum;
+    return leaf.is_used() && leaf.contributions >= 0 && std::isfinite(leaf.tsdfSum) && std::isfinite(leaf.weightSum) &&
+           leaf.weightSum >= 0.0F;
+}
+
+namespace leaf_file {
+
+using Tree = VexelOctree::Octree<LeafTSDFSpeckle>;
+
+constexpr std::size_t BlockSize = std::size_t{1} << 14;  // records that are written or read at once
+
+/// Writes `make(leaf id, leaf)` for each used leaf in the order of their ids.
+template <class Item, class Make>
+bool write_of_used(std::ofstream& out, const Tree& tree, const Make& make) {
+    std::vector<Item> block;
+    block.reserve(BlockSize);
+    const std::int32_t count = tree.get_vaild_leaf_num();
+    for (std::int32_t id = 0; id < count; ++id) {
+        const LeafTSDFSpeckle& leaf = tree.leaf_at(id);
+        if (!leaf.is_used()) continue;
+        block.push_back(make(id, leaf));
+        if (block.size() < BlockSize) continue;
+        if (!Archive::write_array(out, block)) return false;
+        block.clear();
+    }
+    return Archive::write_array(out, block);
+}
+
+inline bool are_ascending_below(const std::vector<std::int32_t>& ids, std::int32_t end) {
+    std::int32_t previous = -1;
+    for (const std::int32_t id : ids) {
+        if (id <= previous || id >= end) return false;
+        previous = id;
+    }
+    return true;
+}
+
+/// Records i = 0 ... into the leaves i. False when the stream ends; `areSound` tells whether all are used leaves.
+inline bool read_records(std::ifstream& in, std::int32_t count, Tree& tree, bool& areSound) {
+    std::array<LeafRecord, BlockSize / 8> block{};
+    for (std::int32_t done = 0; done < count && areSound;) {
+        const std::int32_t size = std::min(count - done, static_cast<std::int32_t>(block.size()));
+        if (!in.read(reinterpret_cast<char*>(block.data()), size * static_cast<std::streamsize>(sizeof(LeafRecord))))
+            return false;
+        for (std::int32_t i = 0; i < size; ++i) {
+            areSound &= from_record(block[static_cast<std::size_t>(i)], tree.leaf_at(done + i));
+        }
+        done += size;
+    }
+    return true;
+}
+
+/// Moves the leaves 0, 1, ... to their ids. These ascend, so that from the last one on every place is free.
+inline void scatter(const std::vector<std::int32_t>& ids, Tree& tree) {
+    for (std::size_t i = ids.size(); i-- > 0;) {
+        const auto from = static_cast<std::int32_t>(i);
+        if (ids[i] == from) return;  // then all before it are in place
+        tree.leaf_at(ids[i]) = tree.leaf_at(from);
+        tree.leaf_at(from).reset();
+    }
+}
+
+}  // namespace leaf_file
+
+/// The number of leaves that have been touched.
+inline std::int32_t count_used_leaves(const leaf_file::Tree& tree) {
+    std::int32_t used = 0;
+    const std::int32_t count = tree.get_vaild_leaf_num();
+    for (std::int32_t id = 0; id < count; ++id) used += tree.leaf_at(id).is_used() ? 1 : 0;
+    return used;
+}
+
+/// Writes the records of the used leaves, then their ids as int32, both in ascending order of the ids. Nobody may
+/// change the volume meanwhile.
+inline bool save_used_leaves(const leaf_file::Tree& tree, std::ofstream& out) {
+    using namespace leaf_file;
+    return write_of_used<LeafRecord>(out, tree,
+                                     [](std::int32_t, const LeafTSDFSpeckle& leaf) { return to_record(leaf); }) &&
+           write_of_used<std::int32_t>(out, tree, [](std::int32_t id, const LeafTSDFSpeckle&) { return id; });
+}
+
+enum class LeavesRead {
+    Whole,
+    Ended,         ///< the stream ended or failed
+    DamagedLeaf,   ///< a record that no used leaf can have
+    DamagedOrder,  ///< ids that do not ascend or are not of this volume
+};
+
+/// Reads `used` records and ids into a volume that has its trees and no used leaf; `used` is at most the number of its
+/// leaf slots. Takes the volume for itself; after a failure it has to be cleared.
+inline LeavesRead read_used_leaves(std::ifstream& in, std::int32_t used, leaf_file::Tree& tree) {
+    bool areSound = true;
+    if (!leaf_file::read_records(in, used, tree, areSound)) return LeavesRead::Ended;
+    if (!areSound) return LeavesRead::DamagedLeaf;
+    std::vector<std::int32_t> ids;
+    ids.reserve(static_cast<std::size_t>(used));  // ten times as many bytes have come already
+    if (!Archive::read_array(in, static_cast<std::uint64_t>(used), ids)) return LeavesRead::Ended;
+    if (!leaf_file::are_ascending_below(ids, tree.get_vaild_leaf_num())) return LeavesRead::DamagedOrder;
+    leaf_file::scatter(ids, tree);
+    return LeavesRead::Whole;
+}
+
+}  // namespace Fusion
+}  // namespace VexelAlgorithm

@@ -87,17 +87,22 @@ void fill(CvMat*& matrix, const Values& values) {
         for (int column = 0; column < values.cols(); ++column) cvmSet(matrix, row, column, values(row, column));
 }
 
-bool store_camera(const std::optional<CameraCalibration>& camera, CvMat*& K, CvMat*& D, CvMat*& R, CvMat*& T) {
+void store_camera(const CameraCalibration& camera, CvMat*& K, CvMat*& D, CvMat*& R, CvMat*& T) {
+    fill(K, camera.K);
+    fill(D, camera.D);
+    fill(R, camera.R);
+    fill(T, camera.T);
+}
+
+template <class Source>
+bool read_into_matrices(const Source& source, CvMat*& K, CvMat*& D, CvMat*& R, CvMat*& T) {
     if (!can_hold(K, 3, 3) || !can_hold(D, 5, 1) || !can_hold(R, 3, 3) || !can_hold(T, 3, 1)) {
         print_line("read_calibrate_para_single fail because a matrix is not CV_64FC1 or has another shape");
         return false;
     }
-    if (!camera) return false;
-    fill(K, camera->K);
-    fill(D, camera->D);
-    fill(R, camera->R);
-    fill(T, camera->T);
-    return true;
+    const std::optional<CameraCalibration> camera = read_camera(source);
+    if (camera) store_camera(*camera, K, D, R, T);
+    return camera.has_value();
 }
 
 template <int Rows, int Columns>
@@ -331,14 +336,17 @@ bool CaliParReadIn::cvmemery_ini(const Vector2i& imageSize, const Vector2i& colo
 }
 
 template <class Source>
-bool CaliParReadIn::read_both_cameras(const Source& left, const Source& right) {
+bool CaliParReadIn::read_both_cameras(const Source& leftSource, const Source& rightSource) {
+    const std::optional<CameraCalibration> left = read_camera(leftSource);
+    if (!left) return false;
+    const std::optional<CameraCalibration> right = read_camera(rightSource);
+    if (!right) return false;
     if (!_state) _state = std::make_unique<State>();
     State& state = *_state;
-    if (!read_calibrate_para_single(state.K_L.slot(), state.D_L.slot(), state.R_L.slot(), state.T_L.slot(), left) ||
-        !read_calibrate_para_single(state.K_R.slot(), state.D_R.slot(), state.R_R.slot(), state.T_R.slot(), right))
-        return false;
-    const Matrix3d R = eigen_matrix<3, 3>(state.R_R) * eigen_matrix<3, 3>(state.R_L).transpose();
-    const Vector3d T = eigen_matrix<3, 1>(state.T_R) - R * eigen_matrix<3, 1>(state.T_L);
+    store_camera(*left, state.K_L.slot(), state.D_L.slot(), state.R_L.slot(), state.T_L.slot());
+    store_camera(*right, state.K_R.slot(), state.D_R.slot(), state.R_R.slot(), state.T_R.slot());
+    const Matrix3d R = right->R * left->R.transpose();
+    const Vector3d T = right->T - R * left->T;
     fill(state.R.slot(), R);
     fill(state.T.slot(), T);
     state.leftToRight = RigidMatrix(R, T);
@@ -355,14 +363,12 @@ bool CaliParReadIn::Read_Camera_Para(const std::vector<float>& leftPar, const st
 
 bool CaliParReadIn::read_calibrate_para_single(CvMat*& K, CvMat*& D, CvMat*& R, CvMat*& T,
                                                const std::string& path) noexcept {
-    return guarded<bool>("read_calibrate_para_single", false,
-                         [&] { return store_camera(read_camera(path), K, D, R, T); });
+    return guarded<bool>("read_calibrate_para_single", false, [&] { return read_into_matrices(path, K, D, R, T); });
 }
 
 bool CaliParReadIn::read_calibrate_para_single(CvMat*& K, CvMat*& D, CvMat*& R, CvMat*& T,
                                                const std::vector<float>& par) noexcept {
-    return guarded<bool>("read_calibrate_para_single", false,
-                         [&] { return store_camera(read_camera(par), K, D, R, T); });
+    return guarded<bool>("read_calibrate_para_single", false, [&] { return read_into_matrices(par, K, D, R, T); });
 }
 
 bool CaliParReadIn::rectify() noexcept {
@@ -458,10 +464,7 @@ bool CaliParReadIn::color_cali_read(const std::vector<float>& colorPar) noexcept
             return false;
         }
         State& state = *_state;
-        fill(state.colorK.slot(), color.K);
-        fill(state.colorD.slot(), color.D);
-        fill(state.colorR.slot(), color.R);
-        fill(state.colorT.slot(), color.T);
+        store_camera(color, state.colorK.slot(), state.colorD.slot(), state.colorR.slot(), state.colorT.slot());
         const OwnedCvMat noRotation(3, 3, CV_64FC1);
         cvSetIdentity(noRotation.get());
         if (!get_rectify_map(state.colorK.get(), state.colorD.get(), noRotation.get(), state.colorK.get(),

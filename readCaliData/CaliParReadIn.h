@@ -75,7 +75,8 @@ public:
 
     /// Allocates the maps. Sides must be 1 to 32767 pixels; a colour image of size (0, 0) means none.
     bool cvmemery_ini(const Vector2i& imageSize, const Vector2i& colorImageSize) noexcept;
-    /// Reads both cameras and forms the pose of the right camera relative to the left one.
+    /// Reads both cameras and forms the pose of the right camera relative to the left one. Prints nothing; on failure
+    /// the object stays as it was.
     bool Read_Camera_Para(const std::string& leftPath, const std::string& rightPath) noexcept;
     bool Read_Camera_Para(const std::vector<float>& leftPar, const std::vector<float>& rightPar) noexcept;
     /// One camera into K (3 x 3), D (5 x 1), R (3 x 3) and T (3 x 1), all CV_64FC1. Those that are null are created
@@ -151,7 +152,7 @@ private:
     template <class Read>
     void ini_with(const Vector2i& imageSize, const Vector2i& colorImageSize, const Read& read_cameras);
     template <class Source>
-    bool read_both_cameras(const Source& left, const Source& right);
+    bool read_both_cameras(const Source& leftSource, const Source& rightSource);
 
     std::unique_ptr<State> _state;
 };

@@ -62,18 +62,5 @@ std::optional<CameraCalibration> calibration_from_text(std::string_view text) {
     return calibration_from_values(values);
 }
 
-std::vector<float> vector_from_calibration(const CameraCalibration& camera) {
-    const Matrix3d& K = camera.K;
-    std::vector<double> values{K(0, 0), K(1, 1), K(0, 2), K(1, 2), K(0, 0) != 0.0 ? K(0, 1) / K(0, 0) : 0.0};
-    values.insert(values.end(), camera.D.data(), camera.D.data() + 5);
-    values.insert(values.end(), camera.T.data(), camera.T.data() + 3);
-    for (int row = 0; row < 3; ++row)
-        for (int column = 0; column < 3; ++column) values.push_back(camera.R(row, column));
-    std::vector<float> narrow(values.size());
-    std::transform(values.begin(), values.end(), narrow.begin(),
-                   [](double value) { return static_cast<float>(value); });
-    return narrow;
-}
-
 }  // namespace Rebuild
 }  // namespace VexelAlgorithm

@@ -31,8 +31,5 @@ std::optional<CameraCalibration> calibration_from_vector(const std::vector<float
 /// '.' in every locale.
 std::optional<CameraCalibration> calibration_from_text(std::string_view text);
 
-/// The vector form of a calibration, values narrowed to float.
-std::vector<float> vector_from_calibration(const CameraCalibration& camera);
-
 }  // namespace Rebuild
 }  // namespace VexelAlgorithm

@@ -92,24 +92,6 @@ TEST(Rectification, MapsLeadToWhereTheCamerasSeeThePoint) {
     }
 }
 
-TEST(Rectification, InverseMapAgreesWithUndistortPoints) {
-    const Rig rig;
-    const CaliParReadIn calibration = loaded(rig);
-    cv::Mat R1, P1;
-    cv::eigen2cv(calibration.get_R1(), R1);
-    const Eigen::Matrix<double, 3, 4> projection = calibration.get_left_projection();
-    cv::eigen2cv(projection, P1);
-    for (const Vector2i& pixel : {Vector2i(20, 30), Vector2i(170, 100), Vector2i(300, 180)}) {
-        const Vector2d raw = map_at(calibration.get_left_map(), pixel.x(), pixel.y());
-        std::vector<cv::Point2d> rectified;
-        cv::undistortPoints(std::vector<cv::Point2d>{{raw.x(), raw.y()}}, rectified,
-                            cv::Matx33d(rig.left.fx, 0, rig.left.cx, 0, rig.left.fy, rig.left.cy, 0, 0, 1),
-                            cv::Mat(5, 1, CV_64FC1, const_cast<double*>(rig.left.k)), R1, P1);
-        EXPECT_NEAR(rectified[0].x, pixel.x(), 5e-3);
-        EXPECT_NEAR(rectified[0].y, pixel.y(), 5e-3);
-    }
-}
-
 TEST(Rectification, ColourCamera) {
     const Rig rig;
     Camera color = rig.right;
@@ -259,6 +241,16 @@ TEST(CaliParReadIn, CopiesAreDeep) {
         EXPECT_TRUE(kept->is_ini_success());
         EXPECT_EQ(map_at(kept->get_left_map(), 100, 100), expected);
     }
+}
+
+TEST(CaliParReadIn, AReadThatFailsHalfWayChangesNothing) {
+    CaliParReadIn calibration = loaded(Rig());
+    const auto before = calibration.get_left_projection();
+    Rig other;
+    other.left.fx *= 1.5;
+    EXPECT_FALSE(calibration.Read_Camera_Para(other.left.vector(), {}));
+    EXPECT_TRUE(calibration.rectify());
+    EXPECT_EQ(calibration.get_left_projection(), before);
 }
 
 TEST(CaliParReadIn, RefusesWhatCannotBeRectified) {

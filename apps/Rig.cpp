@@ -32,7 +32,8 @@ struct CameraMatrices {
 
     std::vector<float> vector() const {
         const double fx = cvmGet(K, 0, 0);
-        std::vector<double> values{fx, cvmGet(K, 1, 1), cvmGet(K, 0, 2), cvmGet(K, 1, 2), cvmGet(K, 0, 1) / fx};
+        std::vector<double> values{fx, cvmGet(K, 1, 1), cvmGet(K, 0, 2), cvmGet(K, 1, 2),
+                                   fx != 0.0 ? cvmGet(K, 0, 1) / fx : 0.0};
         for (int i = 0; i < 5; ++i) values.push_back(cvmGet(D, i, 0));
         for (int i = 0; i < 3; ++i) values.push_back(cvmGet(T, i, 0));
         for (int i = 0; i < 9; ++i) values.push_back(cvmGet(R, i / 3, i % 3));

@@ -183,26 +183,6 @@ struct Counter {
     }
 };
 
-TEST(HandleFrame, NullTextsStandAsTheyAre) {
-    const auto text = [](const NullText& nullText) {
-        return printed([&] { on_handle<Counter>(nullptr, {"f", nullText}, [](Counter&) { FAIL(); }); });
-    };
-    EXPECT_EQ(text(null_text::FRAME_STEP), "fail because pFusionTrack == NULL\n");
-    EXPECT_EQ(text(null_text::SESSION), "fail because pFusionTrack = NULL\n");
-    EXPECT_EQ(text(null_text::CALL_BACK_SETTER), "can not run this function because pFusionTrack = NULL\n");
-    EXPECT_EQ(text(null_text::ALGORITHM), "fail because pAlgorithmTemp == NULL \n");
-    EXPECT_EQ(text(null_text::UTILITY), "fail because pTemp == NULL \n");
-    EXPECT_EQ(text(null_text::FUSION_DEBUG),
-              "cant not run function named shoule_we_debug_fusion because pTemp == NULL ");
-    EXPECT_EQ(text(null_text::DEBUG_SEQ), "can not run function should_we_debug_seq, because pRebuild == NULL\n");
-    EXPECT_EQ(text(null_text::SHOW_DEBUG_FILE), "can not run function show_debug_file, because hSpecReb == NULL \n");
-    EXPECT_EQ(text(null_text::can_not_run("reset_Point_dis")),
-              "can not run function reset_Point_dis because pFusionTrack = NULL\n");
-    EXPECT_EQ(text(null_text::RELEASE), "can not run function fail fusiontrack_release because pFusionTrack = NULL\n");
-    EXPECT_EQ(text(null_text::RELEASE_TEETH),
-              "can not run function fusion_without_track_teeth because pFusionTrack = NULL\n");
-}
-
 TEST(HandleFrame, NullAndExceptionGiveTheirLineAndValue) {
     Counter counter{7};
     const Cloud empty, shown;

@@ -271,18 +271,5 @@ TEST(CameraPaths, EveryPoseLooksAtTheTargetWithTheWorldUpwards) {
     EXPECT_FALSE(look_at({kNaN, 0, 0}, target).is_finite());
 }
 
-TEST(CameraPaths, SphereViewsLeaveNoGap) {
-    const std::vector<RigidMatrix> poses = sphere_poses(Vector3d::Zero(), 1, 200);
-    // 200 even caps of radius r cover the sphere once when 1 - cos r = 1 / 100; a good lattice needs twice that radius
-    // at most.
-    const double limit = 2 * std::acos(1 - 0.01);
-    for (const RigidMatrix& gap : sphere_poses(Vector3d::Zero(), 1, 3001)) {
-        double nearest = kNoLimit;
-        for (const RigidMatrix& pose : poses)
-            nearest = std::min(nearest, (pose.get_translation() - gap.get_translation()).norm());
-        ASSERT_LT(nearest, limit);
-    }
-}
-
 }  // namespace
 }  // namespace VexelAlgorithm::Simulation

@@ -11,12 +11,6 @@ namespace {
 
 constexpr double kDegrees = 57.29577951308232;
 
-double angle_of(const RigidMatrix& motion) {
-    Vector3d axisAngle;
-    rodrigures(motion.get_rotation(), axisAngle);
-    return axisAngle.norm() * kDegrees;
-}
-
 SequenceSettings small_images() {
     SequenceSettings settings;
     settings.width = 160;
@@ -111,37 +105,6 @@ TEST(Sequence, BlackFramesAreEmptyAndTheViewReturnsWhereItWas) {
         EXPECT_TRUE(frame.is_enable_vNormal() && frame.is_enable_vWeight() && frame.is_enable_vFlag());
     }
     EXPECT_LT((sequence.poses[14].inverse() * sequence.poses[25]).get_translation().norm(), 10.0);
-}
-
-TEST(Sequence, TheJumpIsTheCornerOfTheGridAndTwoDegrees) {
-    SequenceSettings settings = small_images();
-    settings.tremor = 0.0;
-    const Sequence sequence = *make_sequence("jump", settings);
-    const RigidMatrix jump = sequence.poses[19].inverse() * sequence.poses[20];
-    EXPECT_LT((jump.get_translation() - Vector3d(20, -20, 0)).norm(), 1e-9);
-    EXPECT_NEAR(angle_of(jump), 2.0, 1e-9);
-    EXPECT_LT((sequence.poses[20].inverse() * sequence.poses[21]).get_translation().norm(), 15.0);
-    EXPECT_TRUE(sequence.pose_in_model(0).get_rotation().isIdentity(1e-12));
-}
-
-TEST(Sequence, OnlyTheTableIsSeenWhereThatIsSaid) {
-    SequenceSettings settings = small_images();
-    settings.noiseSigma = 0.0;
-    const auto highest_point = [](const Sequence& sequence, int number) {
-        const PointImage frame = frame_of(sequence, number);
-        double highest = -kNoLimit;
-        for (std::size_t slot = 0; slot < frame.get_vn(); ++slot)
-            if (frame.has_point(slot))
-                highest = std::max(highest, (sequence.poses[static_cast<std::size_t>(number)] *
-                                             Vector3d(frame.get_vCoord(slot).cast<double>()))
-                                                .z());
-        return highest;
-    };
-    const Sequence past = *make_sequence("past_plane", settings);
-    EXPECT_FALSE(past.noise.has_value());
-    for (const int frame : {0, 89}) EXPECT_GT(highest_point(past, frame), 50.0);
-    for (const int frame : {30, 45, 60}) EXPECT_NEAR(highest_point(past, frame), 0.0, 1e-3);
-    EXPECT_NEAR(highest_point(*make_sequence("bare_plane", settings), 7), 0.0, 1e-3);
 }
 
 TEST(Sequence, WhatCannotBeGivesOneLine) {

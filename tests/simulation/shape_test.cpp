@@ -276,16 +276,5 @@ TEST(Shape, UselessSolidsAreReportedAndInvisible) {
     EXPECT_NE(testing::internal::GetCapturedStdout(), "");
 }
 
-TEST(Shape, EveryNamedSceneStandsOnTheGround) {
-    for (const std::string& name : scene_names()) {
-        const ShapePtr scene = make_scene(name);
-        ASSERT_TRUE(scene) << name;
-        const std::optional<Hit> fromBelow = scene->hit({{0.1, 3, -500}, Vector3d::UnitZ()});
-        const std::optional<Hit> fromAside = scene->hit({{-300, -7, 40}, Vector3d::UnitX()});
-        EXPECT_TRUE(!fromBelow || fromBelow->point.z() > -1e-9) << name;
-        EXPECT_EQ(fromAside.has_value(), name != "table") << name;
-    }
-}
-
 }  // namespace
 }  // namespace VexelAlgorithm::Simulation

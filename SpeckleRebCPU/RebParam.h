@@ -31,7 +31,7 @@ struct RebParam {
     /// Camera vectors of 22 values: fx, fy, cx, cy, alpha, k1, k2, p1, p2, k3, translation, rotation row by row.
     std::vector<float> leftCalib;
     std::vector<float> rightCalib;
-    std::string debugPath;  ///< directory and prefix of the debug dumps
+    std::string debugPath;  ///< directory of the debug dumps, which must exist; empty for the current one
 };
 
 }  // namespace VexelAlgorithm

@@ -39,6 +39,9 @@ inline LeafRecord to_record(const LeafTSDFSpeckle& leaf) {
     return record;
 }
 
+/// No scan comes near it, and it leaves room for as many again before the count overflows.
+inline constexpr std::int32_t MaxContributions = std::int32_t{1} << 30;
+
 /// The leaf, marked unchanged. False when the record is none of a used leaf.
 inline bool from_record(const LeafRecord& record, LeafTSDFSpeckle& leaf) {
     leaf = LeafTSDFSpeckle();
@@ -46,8 +49,8 @@ inline bool from_record(const LeafRecord& record, LeafTSDFSpeckle& leaf) {
     leaf.contributions = record.contributions;
     leaf.tsdfSum = record.tsdfSum;
     leaf.weightSum = record.weightSum;
-    return leaf.is_used() && leaf.contributions >= 0 && std::isfinite(leaf.tsdfSum) && std::isfinite(leaf.weightSum) &&
-           leaf.weightSum >= 0.0F;
+    return leaf.is_used() && leaf.contributions >= 0 && leaf.contributions <= MaxContributions &&
+           std::isfinite(leaf.tsdfSum) && std::isfinite(leaf.weightSum) && leaf.weightSum >= 0.0F;
 }
 
 namespace leaf_file {

@@ -16,8 +16,8 @@ double milliseconds_since(Clock::time_point start) {
 
 }  // namespace
 
-PairReconstruction::PairReconstruction(const RebParam& param, std::vector<RecordedPair> pairs)
-    : _param(param), _pairs(std::move(pairs)), _handle(speckle_rebuild_cpu_ini(param)) {
+PairReconstruction::PairReconstruction(const RigSettings& rig, std::vector<RecordedPair> pairs)
+    : _rig(rig), _pairs(std::move(pairs)), _handle(speckle_rebuild_cpu_ini(rig.rebuild)) {
     if (is_ready()) start();
 }
 
@@ -39,7 +39,7 @@ Outcome<ReconstructedPair> PairReconstruction::take() {
 }
 
 Outcome<ReconstructedPair> PairReconstruction::reconstruct(const RecordedPair& pair) const {
-    const Vector2i size = _param.imgSize;
+    const Vector2i size = _rig.rebuild.imgSize;
     const Clock::time_point begin = Clock::now();
     Outcome<StereoImages> images = read_pair(pair, {size.x(), size.y()});
     if (!images) return images.failure();
@@ -48,13 +48,14 @@ Outcome<ReconstructedPair> PairReconstruction::reconstruct(const RecordedPair& p
     result.images = std::move(*images);
 
     const Clock::time_point beginReconstruction = Clock::now();
-    result.points.ini(size.x() / _param.sampleRatio, size.y() / _param.sampleRatio);
+    result.points.ini(size.x() / _rig.rebuild.sampleRatio, size.y() / _rig.rebuild.sampleRatio);
     int milliseconds = 0;
     const RetVal outcome = run_speckle_rebuild_cpu(_handle, result.images.left.pixels.data(),
                                                    result.images.right.pixels.data(), result.points, milliseconds);
     if (outcome != RET_SUCCESS)
         return Failure{pair.leftFile.string() + " and its partner cannot be reconstructed; the line above says why"};
     result.points.enable_vFlag();
+    if (_rig.edgeMargin > 0) result.points.find_egde_point(_rig.edgeMargin, _rig.edgeJump, _rig.smallestPiece);
     result.reconstructMs = milliseconds_since(beginReconstruction);
     return result;
 }

@@ -4,7 +4,7 @@
 #include <future>
 #include <vector>
 
-#include "SpeckleRebCPU/RebParam.h"
+#include "apps/ScanSettings.h"
 #include "foundation/PointImage.h"
 #include "recording/Outcome.h"
 #include "recording/StereoRecording.h"
@@ -13,7 +13,7 @@ namespace VexelAlgorithm::Apps {
 
 struct ReconstructedPair {
     StereoImages images;
-    PointImage points;  ///< rectified-left coordinates, mm, with normals, weights and flags
+    PointImage points;  ///< rectified-left coordinates, mm, with normals, weights and marked edges
     double readMs = 0.0;
     double reconstructMs = 0.0;
 };
@@ -21,8 +21,9 @@ struct ReconstructedPair {
 /// The reconstruction's handle and the pair that is under way on a thread of its own. For one thread.
 class PairReconstruction {
 public:
-    /// Without a handle when the settings or the calibration are refused; the library's lines say why.
-    PairReconstruction(const RebParam& param, std::vector<RecordedPair> pairs);
+    /// `rig` is complete, see `make_rig`. Without a handle when the settings or the calibration are refused; the
+    /// library's lines say why.
+    PairReconstruction(const RigSettings& rig, std::vector<RecordedPair> pairs);
     ~PairReconstruction();
     PairReconstruction(const PairReconstruction&) = delete;
     PairReconstruction& operator=(const PairReconstruction&) = delete;
@@ -37,7 +38,7 @@ private:
     void start();
     Outcome<ReconstructedPair> reconstruct(const RecordedPair& pair) const;
 
-    const RebParam _param;
+    const RigSettings _rig;
     const std::vector<RecordedPair> _pairs;
     void* _handle;
     std::size_t _started = 0;

@@ -129,6 +129,9 @@ void check_rig(Findings& findings, const RigSettings& rig) {
     const Vector4i& range = rebuild.imageRange;
     if (!range.isZero() && (range(0) >= range(1) || range(2) >= range(3)))
         findings.add("rig.", {{"imageRange", "is empty or inverted"}});
+    findings.within("rig.edgeMargin", rig.edgeMargin, 0, 64);
+    findings.within("rig.edgeJump", rig.edgeJump, 0.0, 1e6);
+    findings.within("rig.smallestPiece", rig.smallestPiece, 0, 1e9);
     check_camera_vector(findings, "rig.leftCalib", rebuild.leftCalib);
     check_camera_vector(findings, "rig.rightCalib", rebuild.rightCalib);
 }

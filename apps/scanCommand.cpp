@@ -87,6 +87,7 @@ Outcome<ScanFrame> next_frame(const StereoScan& scan, std::size_t index, StageCl
             clock.time("pictures", [&] { return write_pictures(scan.options.scan.out, number, *pair, scan.rig); });
     }
     if (!written) return written.failure();
+    pair->points.delete_point_flaged(Vector3f::Zero());  // edges, which are drawn and saved but not scanned
     return ScanFrame{number, std::move(pair->points), pair->readMs, pair->reconstructMs};
 }
 
@@ -206,7 +207,7 @@ int run_scan(const StereoScanOptions& options) {
     const Outcome<Done> dumped = dump_settings(options.scan, "scan", *settings);
     if (!dumped) return report_failure(dumped.failure());
 
-    PairReconstruction reconstruction(rig->param, *pairs);
+    PairReconstruction reconstruction(settings->rig, *pairs);
     if (!reconstruction.is_ready())
         return report_failure({"the reconstruction refused its settings; the line above says why"});
     TrackReport report = begin_report(name_of(options.stereo), options.scan, *settings, recording->image_size(),

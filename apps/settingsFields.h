@@ -116,7 +116,7 @@ void visit_frame(Visitor& visitor, Record& record) {
 
 template <class Visitor, class Record>
 void visit_rig(Visitor& visitor, Record& record) {
-    auto& [depthRange, rebuild] = record;
+    auto& [depthRange, rebuild, edgeMargin, edgeJump, smallestPiece] = record;
     auto& [imgSize, sampleRatio, isDebug2OutPut, gradientTh, findRange, pixMatchWin, subPixMatchWin, imageRange,
            leftCalib, rightCalib, debugPath] = rebuild;
     visitor.field(
@@ -144,6 +144,12 @@ void visit_rig(Visitor& visitor, Record& record) {
                   "takes the recording's calib_left.txt");
     visitor.field("rightCalib", rightCalib, "right camera, likewise; [ ] takes the recording's calib_right.txt");
     visitor.field("debugPath", debugPath, "folder and prefix of the results of the stages");
+    visitor.field("edgeMargin", edgeMargin,
+                  "points this near to a depth edge are dropped, because windows there see two surfaces, sampled "
+                  "pixels; 0 keeps all");
+    visitor.field("edgeJump", edgeJump, "a depth edge: difference of depth beyond what the slope predicts, mm");
+    visitor.field("smallestPiece", smallestPiece,
+                  "smaller pieces of surface are dropped, smaller gaps make no edge, points");
 }
 
 /// `visitor.section(name, meaning)` stands before the fields of each record; where it returns false they are left out.

@@ -66,6 +66,7 @@ ScanSettings desk_settings() {
     ScanSettings settings = small_object();
     settings.common.sample = settings.rig.rebuild.sampleRatio;
     settings.rig.depthRange = {300.0F, 520.0F};
+    settings.rig.rebuild.subPixMatchWin = {9, 9};  // fusion averages the noise that larger windows would
     return settings;
 }
 

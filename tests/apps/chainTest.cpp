@@ -87,14 +87,12 @@ protected:
         const char* given = std::getenv("VEXEL_CHAIN_RECORDING");
         if (given != nullptr) return given;
         const fs::path folder = path("recording");
-        const ToolRun made = run(
-            "simulate --stereo --noise --frames 8 --width 640 --height 512 " + quoted(folder));
+        const ToolRun made = run("simulate --stereo --noise --frames 8 --width 640 --height 512 " + quoted(folder));
         EXPECT_EQ(made.exitCode, 0) << made.errors;
         return folder;
     }
     fs::path coarse_settings() const {
-        VexelTest::put_bytes(path("coarse.yml"),
-                             "fusion:\n   pointDis: 1\ncommon:\n   rawPointDis: 0.8\n");
+        VexelTest::put_bytes(path("coarse.yml"), "fusion:\n   pointDis: 1\ncommon:\n   rawPointDis: 0.8\n");
         return path("coarse.yml");
     }
     bool is_small() const { return fs::exists(path("recording")); }

@@ -144,7 +144,6 @@ void print_rig(const Rig& rig, const ScanSettings& settings) {
 
 int scan_pairs(const StereoScan& scan, const GivenPoses& given, TrackReport& report) {
     const StereoScanOptions& options = scan.options;
-    const ThreadLimit threads(scan.settings.fusion.codeNumSet);
     const ScanSession session(scan.settings);
     if (session.handle() == nullptr) return report_failure({"the session refused its settings"});
     print_rig(scan.rig, scan.settings);
@@ -207,6 +206,7 @@ int run_scan(const StereoScanOptions& options) {
     const Outcome<Done> dumped = dump_settings(options.scan, "scan", *settings);
     if (!dumped) return report_failure(dumped.failure());
 
+    const ThreadLimit threads(settings->fusion.codeNumSet);
     PairReconstruction reconstruction(settings->rig, *pairs);
     if (!reconstruction.is_ready())
         return report_failure({"the reconstruction refused its settings; the line above says why"});

@@ -34,7 +34,7 @@ std::vector<double> values_of(const std::vector<RowMatch>& matches, Value&& valu
     return values;
 }
 
-/// Those whose row errors lie around a common plane over the image, found by steps: median, then slopes.
+/// Those whose row errors are within some pixels, or three robust standard deviations, of the median.
 std::vector<RowMatch> consistent_matches(const std::vector<RowMatch>& matches) {
     const double middle = median(values_of(matches, [](const RowMatch& match) { return match.row_error(); }));
     const double spread =
@@ -47,8 +47,8 @@ std::vector<RowMatch> consistent_matches(const std::vector<RowMatch>& matches) {
     return kept;
 }
 
-/// Median of the slopes between points of one half of the image and those of the other (Theil 1950, with the pairs of
-/// Siegel's kind that are far apart).
+/// Median of the slopes between matches that are half the list apart (H. Theil, "A rank-invariant method of linear and
+/// polynomial regression analysis", 1950, in its incomplete form).
 template <class Place>
 double slope(std::vector<RowMatch> matches, Place&& place) {
     if (matches.size() < 2) return 0.0;

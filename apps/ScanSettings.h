@@ -35,8 +35,8 @@ struct RigSettings {
     Vector2f depthRange = Vector2f::Zero();
     RebParam rebuild;
     /// Points beside depth edges are not scanned, see `PointImage::find_egde_point`; a margin of 0 keeps all. The
-    /// defaults take away nine of ten points that are wrong by more than 0.5 mm and one of twenty that are right.
-    int edgeMargin = 2;
+    /// defaults take away half of the points that are wrong by more than 0.5 mm and one of fifty that are right.
+    int edgeMargin = 1;
     float edgeJump = 1.0F;
     int smallestPiece = 50;
 };

@@ -172,6 +172,11 @@ RetVal set_icpStableThreadhold(void* handle, float threshold) noexcept {
                       [&](FusionTrack& session) { return session.set_icp_stable_threshold(threshold); });
 }
 
+RetVal set_icpKeepRatio(void* handle, const Vector2f& keepRatio) noexcept {
+    return on_session(handle, "set_icpKeepRatio",
+                      [&](FusionTrack& session) { return session.set_icp_keep_ratio(keepRatio); });
+}
+
 RetVal set_track_speed_threshold(void* handle, float lineSpeed, float angularSpeed) noexcept {
     return on_session(handle, "set_track_speed_threshold",
                       [&](FusionTrack& session) { return session.set_track_speed_threshold(lineSpeed, angularSpeed); });

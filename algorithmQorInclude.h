@@ -151,6 +151,10 @@ VEXEL_API RetVal reset_rata_ray(void* handle, const Vector2f& rata) noexcept;
 /// Smallest eigenvalue of the ICP's normal matrix from which on a registration counts as stable; at first 5. Only the
 /// scan state tells.
 VEXEL_API RetVal set_icpStableThreadhold(void* handle, float threshold) noexcept;
+/// Shares of the ICP's correspondences that are kept, the nearest ones, in the first and in the fine iterations, each
+/// above 0 and below 1; at first 0.7 and 0.9. Frames with outliers, at depth edges say, want less, noisy frames without
+/// them more.
+VEXEL_API RetVal set_icpKeepRatio(void* handle, const Vector2f& keepRatio) noexcept;
 /// Limits of the speed check: translation (mm) and largest angle about an axis (radians) from frame to frame.
 VEXEL_API RetVal set_track_speed_threshold(void* handle, float lineSpeed, float angularSpeed) noexcept;
 /// Edge, in voxels, of the cube around a point whose voxels the point may change, 1 to 63, as given. Null handle:

@@ -24,7 +24,9 @@ ScanSession::ScanSession(const ScanSettings& settings)
     : _handle(settings.texture.isUsed ? fusion_and_track_ini(settings.common, settings.track, settings.fusion,
                                                              settings.texture.param, settings.texture.leftToTexture)
                                       : fusion_and_track_ini(settings.common, settings.track, settings.fusion)) {
-    if (_handle != nullptr) set_icpStableThreadhold(_handle, settings.session.icpStableThreadhold);
+    if (_handle == nullptr) return;
+    set_icpStableThreadhold(_handle, settings.session.icpStableThreadhold);
+    set_icpKeepRatio(_handle, settings.session.icpKeepRatio);
 }
 
 ScanSession::~ScanSession() {

@@ -39,6 +39,7 @@ ScanSettings room_settings() {
     settings.fusion.pointDis = 5.0F;
     settings.fusion.fusionDataSize = {9, 2};
     settings.fusion.viewBox = {400.0F, 6000.0F};
+    settings.session.icpKeepRatio = {0.9F, 0.97F};
     return settings;
 }
 
@@ -170,6 +171,7 @@ std::vector<ParameterFinding> check_settings(const ScanSettings& settings) {
     findings.add("track.", check_track_parmeter(settings.track));
     findings.add("fusion.", check_fusion_parameter(settings.fusion));
     findings.within("session.icpStableThreadhold", settings.session.icpStableThreadhold, 0.0, 1e30);
+    for (const float share : settings.session.icpKeepRatio) findings.within("session.icpKeepRatio", share, 0.01, 0.99);
     findings.add("texture.", check_texture_param(settings.texture.param));
     check_frame(findings, settings.frame);
     check_rig(findings, settings.rig);

@@ -26,6 +26,8 @@ struct TextureSettings {
 struct SessionSettings {
     /// Smallest eigenvalue of the ICP's normal matrix (weights squared, mm) of a stable registration.
     float icpStableThreadhold = 5.0F;
+    /// Shares of correspondences kept, in the first and in the fine iterations.
+    Vector2f icpKeepRatio{0.7F, 0.9F};
 };
 
 /// A stereo scanner and how its pairs are reconstructed.

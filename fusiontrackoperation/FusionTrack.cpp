@@ -137,6 +137,14 @@ RetVal FusionTrack::set_icp_stable_threshold(float threshold) {
     return RET_SUCCESS;
 }
 
+RetVal FusionTrack::set_icp_keep_ratio(const Vector2f& keepRatio) {
+    const std::lock_guard<std::mutex> step(_stepMutex);
+    const bool isInRange = keepRatio.x() > 0.0F && keepRatio.y() > 0.0F && keepRatio.x() < 1.0F && keepRatio.y() < 1.0F;
+    if (!is_settable(isInRange, "set_icpKeepRatio", "a share is not above 0 and below 1")) return RET_INPUT_ERROR;
+    _pIcp->set_corrRatio(keepRatio);
+    return RET_SUCCESS;
+}
+
 RetVal FusionTrack::set_track_speed_threshold(float lineSpeed, float angularSpeed) {
     const std::lock_guard<std::mutex> step(_stepMutex);
     if (!is_settable(is_positive(lineSpeed) && is_positive(angularSpeed), "set_track_speed_threshold",

@@ -80,6 +80,7 @@ public:
     RetVal reset_icp_dis_thread(float icpDisThread);
     RetVal reset_rata_ray(const Vector2f& rata);
     RetVal set_icp_stable_threshold(float threshold);
+    RetVal set_icp_keep_ratio(const Vector2f& keepRatio);
     RetVal set_track_speed_threshold(float lineSpeed, float angularSpeed);
     RetVal set_fusion_range(int fusionRange);
     RetVal set_campar(const CameraInParam& campar);

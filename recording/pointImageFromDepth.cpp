@@ -184,11 +184,7 @@ float normal_distance_limit(float depth, float focalLength, const DepthFrameSett
 void set_weights(PointImage& frame) {
     frame.enable_vWeight();
     for (std::size_t i = 0; i < frame.get_vn(); ++i) {
-        if (!frame.has_point(i)) continue;
-        const Vector3f& point = frame.get_vCoord(i);
-        const float cosine = std::abs(frame.get_vNrv(i).dot(point)) / point.norm();
-        const float nearness = referenceDepth / point.z();
-        frame.set_vWeight(i, cosine * nearness * nearness);
+        if (frame.has_point(i)) frame.set_vWeight(i, referenceDepth / frame.get_vCoord(i).z());
     }
 }
 

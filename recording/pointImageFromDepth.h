@@ -35,9 +35,9 @@ float depth_step(float depth, const DepthFrameSettings& settings);
 /// Smoothing is a bilateral filter (Tomasi and Manduchi 1998) on inverse depth over pairs of opposite neighbours,
 /// whose range kernel ends at four steps: it removes the staircase of the quantisation and keeps edges. A plane,
 /// which is linear in inverse depth, stays where it is up to its border.
-/// Weights: cos(angle between normal and ray) * (1000 mm / z)^2. The depth's standard deviation grows with
-/// z^2 (Khoshelham and Elberink 2012), so this lies between the inverse deviation and the inverse variance
-/// where the grazing views are concerned, and is 1 for a surface faced at one metre.
+/// Weights: 1000 mm / z. The depth's standard deviation grows with z^2 (Khoshelham and Elberink 2012), but a
+/// registration, which squares the weights, needs the far points, because they hold its rotation, and the grazing ones.
+/// On a hand-held recording of a room, weights with the cosine of the angle of view, or with 1 / z^2, drift faster.
 PointImage depth_frame_to_point_image(const DepthImage& depth, const CameraInParam& camera,
                                       const DepthFrameSettings& settings, int threads);
 

@@ -295,6 +295,12 @@ void IcpBaseOnCam::set_icpDis(const Vector2f& icpDis) {
     }
     _state->schedule.icpDis = icpDis;
 }
+Vector2f IcpBaseOnCam::get_corrRatio() const {
+    return _state->schedule.corrRatio;
+}
+void IcpBaseOnCam::set_corrRatio(const Vector2f& corrRatio) {
+    _state->schedule.corrRatio = corrRatio;
+}
 float IcpBaseOnCam::get_Stable_Threadhold() const {
     return _state->stableThreshold;
 }

@@ -104,6 +104,9 @@ public:
     Vector2f get_icpDis() const;
     /// Gates that the constructor would refuse give one line and change nothing.
     void set_icpDis(const Vector2f& icpDis);
+    Vector2f get_corrRatio() const;
+    /// As the constructor takes them.
+    void set_corrRatio(const Vector2f& corrRatio);
     float get_disAvgThread() const;
     void set_disAvgThread(float disAvgThread);
     float get_Stable_Threadhold() const;

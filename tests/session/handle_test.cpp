@@ -54,6 +54,11 @@ TEST(NullHandle, EveryFunctionSaysItsLineAndFails) {
          },
          RET_INI_ERROR},
         {"set_icpStableThreadhold", [&] { return number(set_icpStableThreadhold(none, 1)); }, RET_INI_ERROR},
+        {"set_icpKeepRatio",
+         [&] {
+             return number(set_icpKeepRatio(none, {0.7F, 0.9F}));
+         },
+         RET_INI_ERROR},
         {"set_track_speed_threshold", [&] { return number(set_track_speed_threshold(none, 1, 1)); }, RET_INI_ERROR},
         {"fusion_set_fusionrange", [&] { return number(fusion_set_fusionrange(none, 5)); }, RET_INPUT_ERROR},
         {"set_campar",
@@ -231,6 +236,11 @@ TEST(Settings, AreMadeOrRefusedWithALine) {
          RET_INPUT_ERROR, "a share is not at least 0 and below 1"},
         {"set_icpStableThreadhold", [&] { return set_icpStableThreadhold(session, kNaN); }, RET_INPUT_ERROR,
          "threshold is not a finite number"},
+        {"set_icpKeepRatio",
+         [&] {
+             return set_icpKeepRatio(session, {0.7F, 1.0F});
+         },
+         RET_INPUT_ERROR, "a share is not above 0 and below 1"},
         {"set_track_speed_threshold", [&] { return set_track_speed_threshold(session, 1, kNaN); }, RET_INPUT_ERROR,
          "a speed is not a positive number"},
         {"fusion_set_fusionrange", [&] { return fusion_set_fusionrange(session, 0); }, RET_INPUT_ERROR,

@@ -8,6 +8,8 @@
 #include <algorithm>
 #include <limits>
 
+#include "foundation/vectorTargets.h"
+
 HWY_BEFORE_NAMESPACE();
 namespace VexelAlgorithm {
 namespace Fusion {
@@ -58,8 +60,7 @@ namespace Fusion {
 HWY_EXPORT(find_inside);
 
 ConeTest best_cone_test() {
-    // Taking the address does not detect the processor, as a call would; so that comes first.
-    hwy::GetChosenTarget().Update(hwy::SupportedTargets());
+    detect_processor();
     return &HWY_DYNAMIC_DISPATCH(find_inside);
 }
 

@@ -9,6 +9,7 @@
 #include <cmath>
 #include <limits>
 
+#include "foundation/vectorTargets.h"
 #include "fusion/EmptySpace.h"
 #include "fusion/fieldLanes-inl.h"
 
@@ -212,8 +213,7 @@ namespace Fusion {
 HWY_EXPORT(cast_rays);
 
 CastRays best_cast_rays() {
-    // Taking the address does not detect the processor, as a call would; so that comes first.
-    hwy::GetChosenTarget().Update(hwy::SupportedTargets());
+    detect_processor();
     return &HWY_DYNAMIC_DISPATCH(cast_rays);
 }
 

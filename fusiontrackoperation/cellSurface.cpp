@@ -8,6 +8,7 @@
 #include <cstring>
 #include <limits>
 
+#include "foundation/vectorTargets.h"
 #include "fusion/leafCommon.h"
 
 HWY_BEFORE_NAMESPACE();
@@ -154,8 +155,7 @@ namespace VexelAlgorithm {
 HWY_EXPORT(find_cell_surfaces);
 
 CellSurfaceKernel best_cell_surface_kernel() {
-    // Taking the address does not detect the processor, as a call would; so that comes first.
-    hwy::GetChosenTarget().Update(hwy::SupportedTargets());
+    detect_processor();
     return &HWY_DYNAMIC_DISPATCH(find_cell_surfaces);
 }
 

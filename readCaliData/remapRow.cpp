@@ -10,6 +10,8 @@
 #include <cstring>
 #include <limits>
 
+#include "foundation/vectorTargets.h"
+
 HWY_BEFORE_NAMESPACE();
 namespace VexelAlgorithm {
 namespace Rebuild {
@@ -138,14 +140,13 @@ namespace Rebuild {
 HWY_EXPORT(remap_row_to_bytes);
 HWY_EXPORT(remap_row_to_floats);
 
-// Taking the address does not detect the processor, as a call would; so that comes first.
 RemapRowToBytes best_remap_row_to_bytes() {
-    hwy::GetChosenTarget().Update(hwy::SupportedTargets());
+    detect_processor();
     return &HWY_DYNAMIC_DISPATCH(remap_row_to_bytes);
 }
 
 RemapRowToFloats best_remap_row_to_floats() {
-    hwy::GetChosenTarget().Update(hwy::SupportedTargets());
+    detect_processor();
     return &HWY_DYNAMIC_DISPATCH(remap_row_to_floats);
 }
 

@@ -39,8 +39,6 @@ bool decode_png(const std::vector<unsigned char>& bytes, ByteImage& image) {
     return png_image_finish_read(&png, &black, image.pixels.data(), 0, nullptr) != 0;
 }
 
-// libjpeg reports errors by a function that must not return. Between setjmp and longjmp no object may need its
-// destructor, so the functions below hold plain data only.
 struct JpegFailure {
     jpeg_error_mgr manager;
     std::jmp_buf back;
@@ -52,10 +50,18 @@ void leave(j_common_ptr info) {
 
 void stay_silent(j_common_ptr) {}
 
-void prepare(JpegFailure& failure) {
-    jpeg_std_error(&failure.manager);
+/// Runs `code(jpeg)`, which tells whether it succeeded, and cleans up behind it. libjpeg reports errors by a function
+/// that must not return: what `code` calls it from may hold plain data only, nothing that needs its destructor.
+template <class Jpeg, class Code>
+bool run(Jpeg& jpeg, const Code& code) {
+    JpegFailure failure{};
+    jpeg.err = jpeg_std_error(&failure.manager);
     failure.manager.error_exit = leave;
     failure.manager.output_message = stay_silent;
+    bool isDone = false;
+    if (setjmp(failure.back) == 0) isDone = code(jpeg);
+    jpeg_destroy(reinterpret_cast<j_common_ptr>(&jpeg));
+    return isDone;
 }
 
 unsigned char* allocate(ByteImage& image, int width, int height) {
@@ -67,59 +73,43 @@ unsigned char* allocate(ByteImage& image, int width, int height) {
     }
 }
 
-bool decode_jpeg(const unsigned char* bytes, std::size_t count, ByteImage& image) {
-    jpeg_decompress_struct jpeg{};
-    JpegFailure failure{};
-    prepare(failure);
-    jpeg.err = &failure.manager;
-    if (setjmp(failure.back) != 0) {
-        jpeg_destroy_decompress(&jpeg);
-        return false;
-    }
-    jpeg_create_decompress(&jpeg);
-    jpeg_mem_src(&jpeg, bytes, static_cast<unsigned long>(count));
-    jpeg_read_header(&jpeg, TRUE);
-    jpeg.out_color_space = JCS_GRAYSCALE;
-    unsigned char* row = nullptr;
-    if (is_credible(jpeg.image_width, jpeg.image_height, count))
-        row = allocate(image, static_cast<int>(jpeg.image_width), static_cast<int>(jpeg.image_height));
-    if (row == nullptr) {
-        jpeg_destroy_decompress(&jpeg);
-        return false;
-    }
-    jpeg_start_decompress(&jpeg);
-    for (; jpeg.output_scanline < jpeg.output_height; row += jpeg.output_width) jpeg_read_scanlines(&jpeg, &row, 1);
-    jpeg_finish_decompress(&jpeg);
-    jpeg_destroy_decompress(&jpeg);
-    return true;
+bool decode_jpeg(const std::vector<unsigned char>& bytes, ByteImage& image) {
+    jpeg_decompress_struct decoder{};
+    return run(decoder, [&](jpeg_decompress_struct& jpeg) {
+        jpeg_create_decompress(&jpeg);
+        jpeg_mem_src(&jpeg, bytes.data(), static_cast<unsigned long>(bytes.size()));
+        jpeg_read_header(&jpeg, TRUE);
+        if (!is_credible(jpeg.image_width, jpeg.image_height, bytes.size())) return false;
+        JSAMPROW row = allocate(image, static_cast<int>(jpeg.image_width), static_cast<int>(jpeg.image_height));
+        if (row == nullptr) return false;
+        jpeg.out_color_space = JCS_GRAYSCALE;
+        jpeg_start_decompress(&jpeg);
+        for (; jpeg.output_scanline < jpeg.output_height; row += jpeg.output_width) jpeg_read_scanlines(&jpeg, &row, 1);
+        jpeg_finish_decompress(&jpeg);
+        return true;
+    });
 }
 
 /// `bytes` is to be freed, also after a failure.
 bool encode_jpeg(const ByteImage& image, unsigned char** bytes, unsigned long* count) {
-    jpeg_compress_struct jpeg{};
-    JpegFailure failure{};
-    prepare(failure);
-    jpeg.err = &failure.manager;
-    if (setjmp(failure.back) != 0) {
-        jpeg_destroy_compress(&jpeg);
-        return false;
-    }
-    jpeg_create_compress(&jpeg);
-    jpeg_mem_dest(&jpeg, bytes, count);
-    jpeg.image_width = static_cast<JDIMENSION>(image.width);
-    jpeg.image_height = static_cast<JDIMENSION>(image.height);
-    jpeg.input_components = 1;
-    jpeg.in_color_space = JCS_GRAYSCALE;
-    jpeg_set_defaults(&jpeg);
-    jpeg_set_quality(&jpeg, JpegQuality, TRUE);
-    jpeg_start_compress(&jpeg, TRUE);
-    while (jpeg.next_scanline < jpeg.image_height) {
-        JSAMPROW row = const_cast<JSAMPROW>(image.row(static_cast<int>(jpeg.next_scanline)));
-        jpeg_write_scanlines(&jpeg, &row, 1);
-    }
-    jpeg_finish_compress(&jpeg);
-    jpeg_destroy_compress(&jpeg);
-    return true;
+    jpeg_compress_struct encoder{};
+    return run(encoder, [&](jpeg_compress_struct& jpeg) {
+        jpeg_create_compress(&jpeg);
+        jpeg_mem_dest(&jpeg, bytes, count);
+        jpeg.image_width = static_cast<JDIMENSION>(image.width);
+        jpeg.image_height = static_cast<JDIMENSION>(image.height);
+        jpeg.input_components = 1;
+        jpeg.in_color_space = JCS_GRAYSCALE;
+        jpeg_set_defaults(&jpeg);
+        jpeg_set_quality(&jpeg, JpegQuality, TRUE);
+        jpeg_start_compress(&jpeg, TRUE);
+        while (jpeg.next_scanline < jpeg.image_height) {
+            JSAMPROW row = const_cast<JSAMPROW>(image.row(static_cast<int>(jpeg.next_scanline)));
+            jpeg_write_scanlines(&jpeg, &row, 1);
+        }
+        jpeg_finish_compress(&jpeg);
+        return true;
+    });
 }
 
 }  // namespace
@@ -128,7 +118,7 @@ bool read_grey_file(const std::string& path, ByteImage& image) {
     std::ifstream file(std::filesystem::path(path), std::ios::binary);
     const std::vector<unsigned char> bytes{std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()};
     if (bytes.size() < 4) return false;
-    return bytes[0] == 0xFF ? decode_jpeg(bytes.data(), bytes.size(), image) : decode_png(bytes, image);
+    return bytes[0] == 0xFF ? decode_jpeg(bytes, image) : decode_png(bytes, image);
 }
 
 bool write_jpeg(const std::string& path, const ByteImage& image) {

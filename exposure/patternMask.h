@@ -30,7 +30,7 @@ struct PatternLimits {
 /// 1 where there is pattern: neither too dark for differences nor so bright that most of it is cut off.
 void mask_pattern(const ByteImage& sampled, const PatternLimits& limits, int threads, ByteImage& mask);
 
-/// Keeps those pixels of the mask that hang together, as 8-neighbours, with at least `least` others and themselves.
+/// Keeps the pixels of those connected components (8-neighbours) of the mask that have at least `least` pixels.
 void keep_clusters(const ByteImage& mask, double least, ByteImage& clustered);
 
 }  // namespace autoExposureFoot

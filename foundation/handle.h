@@ -48,8 +48,6 @@ constexpr NullText can_not_run(std::string_view function) {
 }
 
 inline constexpr NullText RELEASE = can_not_run("fail fusiontrack_release");
-/// The text of another function, kept so.
-inline constexpr NullText RELEASE_TEETH = can_not_run("fusion_without_track_teeth");
 
 }  // namespace null_text
 

@@ -27,7 +27,8 @@ constexpr std::int32_t HEADER_VERSION = 1;
 constexpr std::int32_t MAJOR_VERSION = 1;
 constexpr std::int32_t MINOR_VERSION = 0;
 
-// What a section says when the stream is not, or no longer, good; the same in both directions.
+// What a section says when the stream is not, or no longer, good; from the trees on the same in both directions.
+constexpr const char* BAD_START = "read_whole_tree fail , invaild path ";  // header and poses, in reading
 constexpr const char* BAD_TREES = "tree prative open Path Fail";
 constexpr const char* BAD_LEAVES = "open leaf Path Fail , save fail";
 constexpr const char* BAD_DISPLAY = "result data open Path Fail , save fail";
@@ -151,18 +152,17 @@ bool read_project_header(std::ifstream& in) {
         read_value(in, number);
         if (number != version.known) return refuse(format_text("%s != %d", version.name, version.known));
     }
-    return in.good() || fail("read_whole_tree fail , invaild path ");
+    return in.good() || fail(BAD_START);
 }
 
 bool read_project_poses(std::ifstream& in, std::vector<RigidMatrix>& poses) {
-    constexpr const char* ended = "read_whole_tree fail , invaild path ";
     std::int32_t count = 0;
-    if (!read_value(in, count)) return fail(ended);
+    if (!read_value(in, count)) return fail(BAD_START);
     if (count < 1) return refuse("the number of poses is not positive");
     poses.clear();
     for (std::int32_t i = 0; i < count; ++i) {
         RigidMatrix pose;
-        if (!pose.read_archive(in)) return fail(ended);
+        if (!pose.read_archive(in)) return fail(BAD_START);
         if (!is_rigid(pose)) return refuse(format_text("pose %d is not a rigid motion", i));
         poses.push_back(pose);
     }

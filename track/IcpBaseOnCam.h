@@ -42,9 +42,9 @@ enum class IcpEnd : std::int32_t {
 /// the last iteration.
 ///
 /// What serves well: for a room-size depth camera (errors of some mm), 20 iterations of which 6 coarse, gates of 20 and
-/// 100 mm, keep ratios of 0.7 and 0.9, `disAvgThread` of 10 mm; for frames of a desk-size object (errors of some 0.1
-/// mm) gates of 1 and 6 mm, `disAvgThread` of 0.5 mm, and more coarse iterations with a wider first gate where it moves
-/// faster.
+/// 100 mm, keep ratios of 0.9 and 0.97, `disAvgThread` of 10 mm; for frames of a desk-size object (errors of some 0.1
+/// mm) gates of 1 and 6 mm, keep ratios of 0.7 and 0.9, `disAvgThread` of 0.5 mm, and more coarse iterations with a
+/// wider first gate where it moves faster.
 ///
 /// Units: mm, radians, pixels. The same input gives the same bytes, with any number of threads.
 ///

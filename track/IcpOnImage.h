@@ -39,8 +39,8 @@ public:
     /// `iterNum` iterations, the first `iterNumFixed` of them coarse. `searchWindows`: full width of the square window
     /// (pixels) of the coarse and of the fine iterations; an even width counts as the next odd one. `disAvgPix`:
     /// largest accepted mean of the squared distances, pixels^2. `imageSize`: width and height. `debugPath`: kept for
-    /// dumps, of which there are none. Nothing is checked: a size below 1 is an image without pixels, a negative window
-    /// finds nothing. An object that could not get its working memory refuses every registration.
+    /// dumps, of which there are none. Nothing is checked: a size below 1 is an image without pixels, a window
+    /// below -1 finds nothing. An object that could not get its working memory refuses every registration.
     ///
     /// What serves well: a coarse window of twice the largest displacement of a mark, but below their distance from
     /// each other; a fine one of half of that; 10 coarse iterations for marks and 20 for outlines, and as many fine

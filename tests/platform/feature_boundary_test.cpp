@@ -1,27 +1,27 @@
 // Settings and clouds that no registration can use.
-#include <gtest/gtest.h>
-
-#include <algorithm>
 #include <cmath>
 #include <functional>
 #include <limits>
 #include <string>
+#include <utility>
+#include <vector>
 
 #include "platform/featureRegistration.h"
+#include "tests/printed.h"
 
 namespace VexelAlgorithm {
 namespace {
 
+using namespace VexelTest;
+
 constexpr float kNaN = std::numeric_limits<float>::quiet_NaN();
 constexpr float kInfinity = std::numeric_limits<float>::infinity();
 
-template <class Result>
-void expect_one_line(const std::function<Result()>& call, Result expected, const std::string& start) {
-    testing::internal::CaptureStdout();
-    EXPECT_EQ(call(), expected);
-    const std::string printed = testing::internal::GetCapturedStdout();
-    EXPECT_EQ(std::count(printed.begin(), printed.end(), '\n'), 1) << printed;
-    EXPECT_EQ(printed.rfind(start, 0), 0u) << printed;
+template <class Call, class Result>
+void expect_one_line(const Call& call, Result expected, const std::string& start) {
+    const std::string lines = printed([&] { EXPECT_EQ(call(), expected); });
+    EXPECT_EQ(line_count(lines), 1) << lines;
+    EXPECT_EQ(lines.rfind(start, 0), 0u) << lines;
 }
 
 /// A bent sheet of `side` x `side` points, 1 mm apart, without normals.
@@ -44,12 +44,12 @@ TEST(FeatureBoundary, SettingsOutOfRange) {
                  {5, 10, 20, 0, 3}, {5, 10, 20, kInfinity, 3}, {5, 10, 20, kNaN, 3},     {5, 10, 20, -2, 3},
                  {5, 10, 20, 2, 0}, {5, 10, 20, 2, 17},        {5, 10, 20, 1e-30f, 3}};
     for (const auto& each : cases) {
-        expect_one_line<void*>(
+        expect_one_line(
             [&] {
                 return pair_lrf_cue_create_implementaion(each.normal, each.frame, each.descriptor, each.spacing,
                                                          each.candidates);
             },
-            nullptr, "pair_lrf_cue_create_implementaion failed: ");
+            static_cast<void*>(nullptr), "pair_lrf_cue_create_implementaion failed: ");
     }
 }
 
@@ -57,15 +57,14 @@ TEST(FeatureBoundary, NullHandles) {
     RigidMatrix pose(Matrix3d::Identity(), {1, 2, 3});
     FeatureAlignment alignment;
     void* none = nullptr;
-    const auto expect_refused = [](const std::function<RetVal()>& call, const std::string& name) {
-        expect_one_line<RetVal>(call, RET_INI_ERROR,
-                                "can not run function " + name + " because the feature registration = NULL\n");
-    };
-    expect_refused([&] { return pair_lrf_cue_set_ref_cloud(none, {}); }, "pair_lrf_cue_set_ref_cloud");
-    expect_refused([&] { return pair_lrf_cue_set_obj_cloud(none, {}); }, "pair_lrf_cue_set_obj_cloud");
-    expect_refused([&] { return pair_lrf_cue_compute_registration(none, pose, alignment); },
-                   "pair_lrf_cue_compute_registration");
-    expect_refused([&] { return pair_lrf_cue_release_implementation(none); }, "pair_lrf_cue_release_implementation");
+    const std::pair<std::string, std::function<RetVal()>> calls[] = {
+        {"pair_lrf_cue_set_ref_cloud", [&] { return pair_lrf_cue_set_ref_cloud(none, {}); }},
+        {"pair_lrf_cue_set_obj_cloud", [&] { return pair_lrf_cue_set_obj_cloud(none, {}); }},
+        {"pair_lrf_cue_compute_registration", [&] { return pair_lrf_cue_compute_registration(none, pose, alignment); }},
+        {"pair_lrf_cue_release_implementation", [&] { return pair_lrf_cue_release_implementation(none); }}};
+    for (const auto& [name, call] : calls)
+        expect_one_line(call, RET_INI_ERROR,
+                        "can not run function " + name + " because the feature registration = NULL\n");
     EXPECT_EQ(pose.get_translation(), Vector3d(1, 2, 3));
 }
 
@@ -73,8 +72,8 @@ TEST(FeatureBoundary, UnusableCloudsLeaveTheOneBefore) {
     void* handle = pair_lrf_cue_create_implementaion(3, 5, 8, 1, 3);
     RigidMatrix pose;
     FeatureAlignment before, after;
-    expect_one_line<RetVal>([&] { return pair_lrf_cue_compute_registration(handle, pose, before); }, RET_STATE_ERROR,
-                            "pair_lrf_cue_compute_registration failed: ");
+    expect_one_line([&] { return pair_lrf_cue_compute_registration(handle, pose, before); }, RET_STATE_ERROR,
+                    "pair_lrf_cue_compute_registration failed: ");
     ASSERT_EQ(pair_lrf_cue_set_ref_cloud(handle, sheet(30)), RET_SUCCESS);
     ASSERT_EQ(pair_lrf_cue_set_obj_cloud(handle, sheet(30)), RET_SUCCESS);
     ASSERT_EQ(pair_lrf_cue_compute_registration(handle, pose, before), RET_SUCCESS);
@@ -95,24 +94,24 @@ TEST(FeatureBoundary, UnusableCloudsLeaveTheOneBefore) {
     }
     notLegal.set_vNrvs(std::vector<Vector3f>(7, Vector3f::UnitZ()));
     for (std::size_t i = 0; i < deleted.get_vn(); ++i) deleted.set_vDeleted(i, true);
-    const Cloud clouds[] = {{},
-                            all({kNaN, 0, 1}),
-                            all({kInfinity, 0, 1}),
-                            all({1e30f, 0, 1}),
-                            all({0, 0, 0}),
-                            farApart,
-                            all({1, 2, 3}),
-                            withoutNormals,
-                            opposed,
-                            notLegal,
-                            deleted,
-                            sheet(7)};
+    const std::vector<Cloud> clouds = {{},
+                                       all({kNaN, 0, 1}),
+                                       all({kInfinity, 0, 1}),
+                                       all({1e30f, 0, 1}),
+                                       all({0, 0, 0}),
+                                       all({1, 2, 3}),
+                                       sheet(7),
+                                       farApart,
+                                       withoutNormals,
+                                       opposed,
+                                       notLegal,
+                                       deleted};
     for (const Cloud& cloud : clouds) {
-        SCOPED_TRACE(&cloud - clouds);
-        expect_one_line<RetVal>([&] { return pair_lrf_cue_set_ref_cloud(handle, cloud); }, RET_INPUT_ERROR,
-                                "pair_lrf_cue_set_ref_cloud failed: ");
-        expect_one_line<RetVal>([&] { return pair_lrf_cue_set_obj_cloud(handle, cloud); }, RET_INPUT_ERROR,
-                                "pair_lrf_cue_set_obj_cloud failed: ");
+        SCOPED_TRACE(&cloud - clouds.data());
+        expect_one_line([&] { return pair_lrf_cue_set_ref_cloud(handle, cloud); }, RET_INPUT_ERROR,
+                        "pair_lrf_cue_set_ref_cloud failed: ");
+        expect_one_line([&] { return pair_lrf_cue_set_obj_cloud(handle, cloud); }, RET_INPUT_ERROR,
+                        "pair_lrf_cue_set_obj_cloud failed: ");
     }
     ASSERT_EQ(pair_lrf_cue_compute_registration(handle, pose, after), RET_SUCCESS);
     EXPECT_EQ(after.agreeing, before.agreeing);

@@ -1,8 +1,6 @@
 // Sessions over small virtual scans, and what they print and hold.
 #pragma once
 
-#include <gtest/gtest.h>
-
 #include <cmath>
 #include <functional>
 #include <limits>
@@ -12,15 +10,16 @@
 
 #include "algorithmQorInclude.h"
 #include "simulation/Sequence.h"
+#include "tests/printed.h"
 
 namespace VexelAlgorithm {
 
+using VexelTest::printed;
+
 constexpr float kNaN = std::numeric_limits<float>::quiet_NaN();
 
-inline std::string printed(const std::function<void()>& action) {
-    testing::internal::CaptureStdout();
-    action();
-    return testing::internal::GetCapturedStdout();
+inline std::string can_not(const std::string& function, const std::string& reason) {
+    return "can not run function " + function + " because " + reason + "\n";
 }
 
 struct Records {
@@ -52,6 +51,17 @@ struct Scan {
     Records records;
 };
 
+/// A frame step with a limit of speed: what goes in, and what comes of it.
+struct LimitedStep {
+    bool fuse = true;
+    int contribution = 0;
+    int frameTimeGap = 1;
+    int speedState = -1;
+    int microseconds = -7;
+    bool isAccepted = false;
+    std::string lines = {};
+};
+
 /// Owns a handle.
 class Session {
 public:
@@ -69,6 +79,12 @@ public:
         int microseconds = 0;
         return fusion_and_track(_handle, frame, microseconds);
     }
+    void step(const PointImage& frame, LimitedStep& step) {
+        step.lines = printed([&] {
+            step.isAccepted = fusion_and_track_with_speed_limit(_handle, frame, step.microseconds, step.fuse,
+                                                                step.contribution, step.frameTimeGap, step.speedState);
+        });
+    }
     FusionScanState state() const {
         FusionScanState state;
         get_fusion_scan_state(_handle, state);
@@ -79,12 +95,17 @@ public:
         EXPECT_EQ(get_fusion_result_tbb(_handle, spacing, mesh), RET_SUCCESS);
         return mesh;
     }
+    /// The model to the last bit.
+    std::string mesh_bytes() const {
+        std::ostringstream out;
+        mesh().write_archive(out);
+        return out.str();
+    }
     /// Pose and model to the last bit.
     std::string bytes() const {
         std::ostringstream out;
         get_current_rt(_handle).write_archive(out);
-        mesh().write_archive(out);
-        return out.str();
+        return out.str() + mesh_bytes();
     }
 
 private:

@@ -3,8 +3,7 @@
 
 #include <string>
 
-#include "apps/StageClock.h"
-#include "foundation/RigidMatrix.h"
+#include "apps/reportParts.h"
 #include "recording/DepthImage.h"
 
 namespace VexelAlgorithm::Apps {
@@ -34,11 +33,7 @@ struct FuseReport {
     float minWeight = 0.0f;
     std::uint64_t voxels = 0;  ///< leaf slots handed out
 
-    // mesh
-    std::uint64_t vertices = 0;
-    std::uint64_t triangles = 0;
-    Vector3f low = Vector3f::Zero();
-    Vector3f high = Vector3f::Zero();
+    MeshFigures mesh;
 
     // differs from run to run
     StageClock clock;

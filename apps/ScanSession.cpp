@@ -67,9 +67,6 @@ Outcome<BaseTriMesh> extract_mesh(const ScanSession& session, float pointDis, Tr
         report.clock.time("extract", [&] { return get_fusion_result_tbb(session.handle(), pointDis, mesh); });
     if (result != RET_SUCCESS) return Failure{"the mesh could not be extracted; take a larger fusion.pointDis"};
     if (mesh.get_fn() == 0) return Failure{"no surface came out; scan more frames"};
-    report.vertices = mesh.get_vn();
-    report.triangles = mesh.get_fn();
-    mesh.get_boundBox(report.low, report.high);
     return mesh;
 }
 

@@ -43,7 +43,7 @@ using FrameSource = std::function<Outcome<ScanFrame>(std::size_t)>;
 Outcome<Done> scan_frames(const ScanSession& session, std::size_t count, const FrameSource& source, TrackReport& report,
                           std::vector<ComparedFrame>& compared);
 
-/// The model so far; its figures go into the report.
+/// The model so far, in the session's coordinates.
 Outcome<BaseTriMesh> extract_mesh(const ScanSession& session, float pointDis, TrackReport& report);
 
 /// Runs the work; adds its time to the stage and writes it to `milliseconds`.

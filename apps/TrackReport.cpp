@@ -8,8 +8,6 @@
 namespace VexelAlgorithm::Apps {
 namespace {
 
-using Json = nlohmann::ordered_json;
-
 struct OutcomeName {
     FrameOutcome outcome;
     const char* name;
@@ -31,10 +29,6 @@ constexpr OutcomeName outcomeNames[] = {
     {FrameOutcome::TooFast, "too fast"},
     {FrameOutcome::Failed, "failed"},
 };
-
-Json json_of(const Vector3f& vector) {
-    return {vector.x(), vector.y(), vector.z()};
-}
 
 Json json_of(const ErrorFigures& figures) {
     return {{"rmse", figures.rmse}, {"median", figures.median}, {"max", figures.max}};
@@ -71,11 +65,7 @@ Json json_of(const TrackedFrame& frame) {
 }
 
 Json timing_of(const TrackReport& report) {
-    Json timing = Json::object();
-    for (const StageClock::Stage& stage : report.clock.stages()) {
-        timing[stage.name] = {
-            {"total_ms", stage.milliseconds}, {"runs", stage.runs}, {"ms_per_run", stage.milliseconds / stage.runs}};
-    }
+    Json timing = json_of(report.clock);
     Json frames = Json::array();
     for (const TrackedFrame& frame : report.frames) {
         Json row = {{"frame", frame.number}};
@@ -93,10 +83,6 @@ Json json_of(const RigSummary& rig) {
             {"sample_ratio", rig.sampleRatio},
             {"depth_range_mm", {rig.depthRange(0), rig.depthRange(1)}},
             {"search_range_pixels", {rig.findRange(0), rig.findRange(1)}}};
-}
-
-void add_line(std::string& text, const char* label, const std::string& value) {
-    text += format_text("%-14s", label) + value + '\n';
 }
 
 std::string figures_text(const ErrorFigures& figures) {
@@ -186,10 +172,7 @@ std::string json_text(const TrackReport& report) {
                      {"frames_tracked", report.accepted()},
                      {"interrupted", report.isInterrupted}};
     if (report.rig) json["rig"] = json_of(*report.rig);
-    json["mesh"] = {{"vertices", report.vertices},
-                    {"triangles", report.triangles},
-                    {"box_low_mm", json_of(report.low)},
-                    {"box_high_mm", json_of(report.high)}};
+    json["mesh"] = json_of(report.mesh);
     if (!report.truth.empty()) {
         Json ranges = Json::array();
         for (const TrajectoryErrors& errors : report.errors) ranges.push_back(json_of(errors));
@@ -199,7 +182,7 @@ std::string json_text(const TrackReport& report) {
     for (const TrackedFrame& frame : report.frames) json["frames"].push_back(json_of(frame));
     json["timing"] = timing_of(report);
     json["memory"] = {{"peak_mib", report.peakMemoryMib}};
-    return json.dump(2, ' ', false, Json::error_handler_t::replace) + '\n';
+    return text_of(json);
 }
 
 std::string summary_text(const TrackReport& report) {
@@ -219,20 +202,10 @@ std::string summary_text(const TrackReport& report) {
                              report.rig->baseline, report.rig->focalLength, report.rig->findRange(0),
                              report.rig->findRange(1)));
     }
-    add_line(text, "Triangles",
-             std::to_string(report.triangles) + ", " + std::to_string(report.vertices) + " vertices");
-    add_line(text, "Box",
-             format_text("x %.1f .. %.1f, y %.1f .. %.1f, z %.1f .. %.1f mm", report.low.x(), report.high.x(),
-                         report.low.y(), report.high.y(), report.low.z(), report.high.z()));
+    add_mesh(text, report.mesh);
     if (!report.truth.empty()) text += "\nCompared with " + report.truth + '\n';
     for (const TrajectoryErrors& errors : report.errors) text += errors_text(errors);
-    text += "\nThis run\n";
-    for (const StageClock::Stage& stage : report.clock.stages()) {
-        add_line(
-            text, stage.name.c_str(),
-            format_text("%9.1f ms, %d x %.2f ms", stage.milliseconds, stage.runs, stage.milliseconds / stage.runs));
-    }
-    add_line(text, "peak memory", format_text("%9.1f MiB", report.peakMemoryMib));
+    add_run(text, report.clock, report.peakMemoryMib);
     return text;
 }
 

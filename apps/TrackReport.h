@@ -6,7 +6,7 @@
 #include <string>
 #include <vector>
 
-#include "apps/StageClock.h"
+#include "apps/reportParts.h"
 #include "fusiontrackoperation/FusionScanState.h"
 #include "recording/DepthImage.h"
 #include "recording/trajectoryEvaluation.h"
@@ -65,11 +65,7 @@ struct TrackReport {
     std::string truth;  ///< where it is from; empty without one
     std::vector<TrajectoryErrors> errors;
 
-    // mesh
-    std::uint64_t vertices = 0;
-    std::uint64_t triangles = 0;
-    Vector3f low = Vector3f::Zero();
-    Vector3f high = Vector3f::Zero();
+    MeshFigures mesh;
 
     // differs from run to run, and so do the times of the frames
     StageClock clock;

@@ -122,9 +122,7 @@ Outcome<BaseTriMesh> extract_mesh(SpeckleVolume& volume, const FuseOptions& opti
     if (result != RET_SUCCESS) return Failure{"the mesh could not be extracted; take a larger --voxel"};
     if (mesh.get_fn() == 0) return Failure{"no surface came out; lower --min-weight or fuse more frames"};
     report.voxels = count_used_voxels(volume);
-    report.vertices = mesh.get_vn();
-    report.triangles = mesh.get_fn();
-    mesh.get_boundBox(report.low, report.high);
+    report.mesh = figures_of(mesh);
     return mesh;
 }
 

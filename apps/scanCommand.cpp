@@ -1,22 +1,19 @@
 // vexel-scan scan: raw stereo pairs become a model.
 #include <CLI/CLI.hpp>
-#include <algorithm>
 #include <memory>
 #include <utility>
 
 #include "apps/PairReconstruction.h"
 #include "apps/Rig.h"
-#include "apps/ScanSession.h"
 #include "apps/commands.h"
 #include "apps/frameSelection.h"
 #include "apps/numberOptions.h"
 #include "apps/pairPictures.h"
 #include "apps/resultFiles.h"
-#include "apps/scanOptions.h"
+#include "apps/scanRun.h"
 #include "apps/searchRange.h"
 #include "apps/stereoOptions.h"
 #include "apps/threadLimit.h"
-#include "foundation/diagnostics.h"
 #include "recording/files.h"
 #include "recording/frameNames.h"
 
@@ -58,56 +55,35 @@ Outcome<Done> write_pictures(const fs::path& folder, int number, const Reconstru
 
 // ---- the scan ------------------------------------------------------------------------------------------------
 
-/// Everything that one scan works with.
-struct StereoScan {
+/// Where the frames come from and what is kept of them.
+struct PairSource {
     const StereoScanOptions& options;
     const Rig& rig;
-    const ScanSettings& settings;
     PairReconstruction& pairs;
 
-    bool is_single_pair() const { return pairs.pairs().size() == 1; }
     fs::path frame_folder() const { return fs::path(options.scan.out) / "frames"; }
-    bool saves_frames() const { return options.hasFrames || is_single_pair(); }
+    bool saves_frames() const { return options.hasFrames || pairs.pairs().size() == 1; }
 };
 
-Outcome<ScanFrame> next_frame(const StereoScan& scan, std::size_t index, StageClock& clock) {
-    Outcome<ReconstructedPair> pair = scan.pairs.take();
+Outcome<ScanFrame> next_frame(const PairSource& source, std::size_t index, StageClock& clock) {
+    Outcome<ReconstructedPair> pair = source.pairs.take();
     if (!pair) return pair.failure();
     clock.add("read", pair->readMs);
     clock.add("reconstruct", pair->reconstructMs);
-    const int number = scan.pairs.pairs()[index].number;
+    const int number = source.pairs.pairs()[index].number;
     Outcome<Done> written = Done{};
-    if (scan.saves_frames()) {
+    if (source.saves_frames()) {
         written = clock.time("save frames", [&] {
-            return write_frame(scan.frame_folder(), number, pair->points, scan.rig.rectified_to_raw());
+            return write_frame(source.frame_folder(), number, pair->points, source.rig.rectified_to_raw());
         });
     }
-    if (written && index < static_cast<std::size_t>(scan.options.pictures)) {
+    if (written && index < static_cast<std::size_t>(source.options.pictures)) {
         written =
-            clock.time("pictures", [&] { return write_pictures(scan.options.scan.out, number, *pair, scan.rig); });
+            clock.time("pictures", [&] { return write_pictures(source.options.scan.out, number, *pair, source.rig); });
     }
     if (!written) return written.failure();
     pair->points.delete_point_flaged(Vector3f::Zero());  // edges, which are drawn and saved but not scanned
     return ScanFrame{number, std::move(pair->points), pair->readMs, pair->reconstructMs};
-}
-
-/// What the session found, said of the raw left camera, as whose recorded poses and written frames are: its poses take
-/// raw left camera coordinates to those of the first frame.
-void take_to_raw(const RigidMatrix& toRaw, TrackReport& report, std::vector<ComparedFrame>& compared) {
-    Matrix4d turn = Matrix4d::Identity();
-    turn.topLeftCorner<3, 3>() = toRaw.get_rotation();
-    for (TrackedFrame& frame : report.frames) frame.pose = toRaw * frame.pose * toRaw.inverse();
-    for (ComparedFrame& frame : compared) {
-        if (frame.found) frame.found = toRaw * *frame.found * toRaw.inverse();
-        frame.points = turn * frame.points * turn.transpose();
-    }
-}
-
-/// The poses of the rectified left camera, whose picture the preview is to be.
-std::vector<RigidMatrix> rectified_poses(const TrackReport& report, const RigidMatrix& toRaw) {
-    std::vector<RigidMatrix> poses = accepted_poses(report);
-    for (RigidMatrix& pose : poses) pose = pose * toRaw;
-    return poses;
 }
 
 RigSummary summary_of(const Rig& rig, const ScanSettings& settings) {
@@ -119,58 +95,6 @@ RigSummary summary_of(const Rig& rig, const ScanSettings& settings) {
     summary.depthRange = settings.rig.depthRange;
     summary.sampleRatio = rig.param.sampleRatio;
     return summary;
-}
-
-/// The reason, with a hint where the search range looks wrong.
-Failure without_model(const Failure& failure, const TrackReport& report) {
-    const bool isEmpty = std::all_of(report.frames.begin(), report.frames.end(),
-                                     [](const TrackedFrame& frame) { return frame.state.frameValid < 1000; });
-    if (!isEmpty) return failure;
-    return {failure.reason +
-            "; hardly any partner was found in the search range: check --depth-range, and the "
-            "calibration with vexel-scan check-calibration"};
-}
-
-void print_rig(const Rig& rig, const ScanSettings& settings) {
-    const ParallaxOfDepth parallax(rig.calibration);
-    const Vector2i& range = rig.param.findRange;
-    std::string depths;
-    if (!settings.rig.depthRange.isZero())
-        depths = format_text(" for depths of %g .. %g mm", settings.rig.depthRange(0), settings.rig.depthRange(1));
-    print_line(format_text("Rig           baseline %.2f mm, rectified focal length %.1f pixels",
-                           parallax.baseline(rig.calibration), rig.calibration.get_fxRect()));
-    print_line(format_text("Search range  %d .. %d pixels of right column - left column", range(0), range(1)) + depths);
-}
-
-int scan_pairs(const StereoScan& scan, const GivenPoses& given, TrackReport& report) {
-    const StereoScanOptions& options = scan.options;
-    const ScanSession session(scan.settings);
-    if (session.handle() == nullptr) return report_failure({"the session refused its settings"});
-    print_rig(scan.rig, scan.settings);
-    std::vector<ComparedFrame> compared;
-    const FrameSource source = [&](std::size_t index) { return next_frame(scan, index, report.clock); };
-    const Outcome<Done> scanned = scan_frames(session, scan.pairs.pairs().size(), source, report, compared);
-    if (!scanned) return report_failure(scanned.failure());
-    if (report.isInterrupted) print_line(interruption_text(report));
-
-    Outcome<BaseTriMesh> mesh = extract_mesh(session, scan.settings.fusion.pointDis, report);
-    const RigidMatrix toRaw = scan.rig.rectified_to_raw();
-    take_to_raw(toRaw, report, compared);
-    Outcome<Done> modelWritten = Done{};
-    if (mesh) {
-        mesh->rigid_transformation(toRaw);
-        mesh->get_boundBox(report.low, report.high);
-        modelWritten = write_model(options.scan, *mesh, rectified_poses(report, toRaw),
-                                   scan.rig.calibration.get_rectified_camera(), report);
-    } else {
-        modelWritten = without_model(mesh.failure(), report);
-    }
-    compare(options.scan.truth, given, compared, report);
-    const Outcome<Done> accountWritten = write_account(options.scan.out, report, compared);
-    if (!modelWritten) return report_failure(modelWritten.failure());
-    if (!accountWritten) return report_failure(accountWritten.failure());
-    print_results(options.scan, report);
-    return report.isInterrupted ? EXIT_INTERRUPTED : EXIT_OK;
 }
 
 std::vector<PosedFrame> posed(const std::vector<RecordedPair>& pairs) {
@@ -185,7 +109,7 @@ Outcome<Done> prepare_folders(const StereoScanOptions& options, bool hasFrames) 
     return prepare_output_folder(fs::path(options.scan.out) / "frames");
 }
 
-int run_scan(const StereoScanOptions& options) {
+int scan_pairs(const StereoScanOptions& options) {
     const Outcome<StereoRecording> recording = open_stereo(options.stereo);
     if (!recording) return report_failure(recording.failure());
     const Outcome<std::vector<RecordedPair>> pairs = selected_pairs(*recording, options.stereo.selection);
@@ -214,7 +138,11 @@ int run_scan(const StereoScanOptions& options) {
                                       pairs->size(), options.stereo.selection.step);
     report.pointsStage = "reconstruct";
     report.rig = summary_of(*rig, *settings);
-    return scan_pairs({options, *rig, *settings, reconstruction}, *given, report);
+    const PairSource pairSource{options, *rig, reconstruction};
+    const FrameSource frames = [&](std::size_t index) { return next_frame(pairSource, index, report.clock); };
+    return run_scan({options.scan, *settings, *given, pairs->size(), frames, rig->calibration.get_rectified_camera(),
+                     rig->rectified_to_raw()},
+                    report);
 }
 
 }  // namespace
@@ -233,7 +161,7 @@ void add_scan_command(CLI::App& app, Command& chosen) {
     command->add_option("--pictures", options->pictures, "Number of pairs to draw: rectified, parallax, depth")
         ->check(number_between(0, 999999999))
         ->capture_default_str();
-    command->callback([options, &chosen] { chosen = [options] { return run_scan(*options); }; });
+    command->callback([options, &chosen] { chosen = [options] { return scan_pairs(*options); }; });
 }
 
 }  // namespace VexelAlgorithm::Apps

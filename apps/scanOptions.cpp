@@ -1,20 +1,12 @@
 #include "apps/scanOptions.h"
 
 #include "apps/numberOptions.h"
-#include "apps/peakMemory.h"
-#include "apps/resultFiles.h"
 #include "apps/settingsFile.h"
-#include "apps/trackPlot.h"
-#include "foundation/diagnostics.h"
 #include "recording/files.h"
-#include "recording/trajectoryText.h"
 
 namespace VexelAlgorithm::Apps {
-namespace {
 
 namespace fs = std::filesystem;
-
-}  // namespace
 
 void add_scan_options(CLI::App& command, ScanOptions& options, const std::string& outContent) {
     command.add_option("--out", options.out, outContent)->required();
@@ -78,51 +70,6 @@ TrackReport begin_report(const std::string& recording, const ScanOptions& option
     report.rate = options.truth.rate;
     report.voxel = settings.fusion.pointDis;
     return report;
-}
-
-std::string interruption_text(const TrackReport& report) {
-    return format_text("interrupted: writing what the first %d frames gave", static_cast<int>(report.frames.size()));
-}
-
-std::vector<RigidMatrix> accepted_poses(const TrackReport& report) {
-    std::vector<RigidMatrix> poses;
-    for (const TrackedFrame& frame : report.frames) {
-        if (frame.isAccepted) poses.push_back(frame.pose);
-    }
-    return poses;
-}
-
-fs::path mesh_file(const ScanOptions& options) {
-    return fs::path(options.out) / ("mesh." + options.format);
-}
-
-Outcome<Done> write_model(const ScanOptions& options, const BaseTriMesh& mesh, const std::vector<RigidMatrix>& poses,
-                          const CameraInParam& camera, TrackReport& report) {
-    const Outcome<Done> written =
-        report.clock.time("write mesh", [&] { return write_mesh_file(mesh_file(options), mesh); });
-    if (!written) return written;
-    return report.clock.time("draw", [&] {
-        return write_preview(fs::path(options.out) / "preview.png", mesh, camera, report.imageSize, poses,
-                             report.threads);
-    });
-}
-
-Outcome<Done> write_account(const fs::path& folder, TrackReport& report, const std::vector<ComparedFrame>& compared) {
-    Outcome<Done> written = write_whole_file(folder / "trajectory.txt", trajectory_text(report.trajectory()));
-    if (written) written = write_picture(folder / "plot.png", draw_track_plot(report, compared), "plot");
-    report.peakMemoryMib = peak_memory_mib();
-    if (written) written = write_whole_file(folder / "report.json", json_text(report));
-    if (written) written = write_whole_file(folder / "report.txt", plain_text(report));
-    return written;
-}
-
-void print_results(const ScanOptions& options, const TrackReport& report) {
-    const fs::path folder = options.out;
-    print_text('\n' + summary_text(report));
-    print_line("\nMesh          " + mesh_file(options).string());
-    print_line("Trajectory    " + (folder / "trajectory.txt").string());
-    print_line("Pictures      " + (folder / "preview.png").string() + ", plot.png");
-    print_line("Report        " + (folder / "report.txt").string() + ", report.json");
 }
 
 }  // namespace VexelAlgorithm::Apps

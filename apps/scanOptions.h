@@ -1,16 +1,14 @@
-// What the commands that run a session have in common: options, settings, results.
+// What the commands that run a session have in common: options and settings.
 #pragma once
 
 #include <CLI/CLI.hpp>
 #include <filesystem>
 #include <optional>
 #include <string>
-#include <vector>
 
 #include "apps/ScanSettings.h"
 #include "apps/TrackReport.h"
 #include "apps/givenPoses.h"
-#include "foundation/BaseTriMesh.h"
 #include "recording/Outcome.h"
 
 namespace VexelAlgorithm::Apps {
@@ -39,20 +37,5 @@ Outcome<Done> dump_settings(const ScanOptions& options, const std::string& comma
 /// A report with what is known before the first frame.
 TrackReport begin_report(const std::string& recording, const ScanOptions& options, const ScanSettings& settings,
                          ImageSize imageSize, std::size_t frames, int step);
-
-/// What is said when Ctrl-C ended a scan.
-std::string interruption_text(const TrackReport& report);
-
-std::vector<RigidMatrix> accepted_poses(const TrackReport& report);
-/// "mesh." with the format of the options as ending.
-std::filesystem::path mesh_file(const ScanOptions& options);
-/// Mesh and preview. `poses` are those of the camera, at least one; without one only the mesh is written.
-Outcome<Done> write_model(const ScanOptions& options, const BaseTriMesh& mesh, const std::vector<RigidMatrix>& poses,
-                          const CameraInParam& camera, TrackReport& report);
-/// Trajectory, plot and both reports.
-Outcome<Done> write_account(const std::filesystem::path& folder, TrackReport& report,
-                            const std::vector<ComparedFrame>& compared);
-/// The summary and where the files are.
-void print_results(const ScanOptions& options, const TrackReport& report);
 
 }  // namespace VexelAlgorithm::Apps

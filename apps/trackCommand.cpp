@@ -2,10 +2,9 @@
 #include <CLI/CLI.hpp>
 #include <memory>
 
-#include "apps/ScanSession.h"
 #include "apps/commands.h"
 #include "apps/frameSelection.h"
-#include "apps/scanOptions.h"
+#include "apps/scanRun.h"
 #include "apps/threadLimit.h"
 #include "apps/volumePlacement.h"
 #include "foundation/diagnostics.h"
@@ -78,27 +77,12 @@ Outcome<ScanFrame> frame_from(const RecordedFrame& recorded, const ScanSettings&
 int scan_recording(const TrackOptions& options, const Recording& recording, const std::vector<RecordedFrame>& frames,
                    const ScanSettings& settings, const GivenPoses& given) {
     const ThreadLimit threads(settings.fusion.codeNumSet);
-    const ScanSession session(settings);
-    if (session.handle() == nullptr) return report_failure({"the session refused its settings"});
     TrackReport report = begin_report(options.selection.recording, options.scan, settings, recording.image_size(),
                                       frames.size(), options.selection.step);
-    std::vector<ComparedFrame> compared;
     const FrameSource source = [&](std::size_t index) {
         return frame_from(frames[index], settings, report.threads, report.clock);
     };
-    const Outcome<Done> scanned = scan_frames(session, frames.size(), source, report, compared);
-    if (!scanned) return report_failure(scanned.failure());
-    if (report.isInterrupted) print_line(interruption_text(report));
-
-    const Outcome<BaseTriMesh> mesh = extract_mesh(session, settings.fusion.pointDis, report);
-    const Outcome<Done> modelWritten =
-        mesh ? write_model(options.scan, *mesh, accepted_poses(report), recording.camera(), report) : mesh.failure();
-    compare(options.scan.truth, given, compared, report);
-    const Outcome<Done> accountWritten = write_account(options.scan.out, report, compared);
-    if (!modelWritten) return report_failure(modelWritten.failure());
-    if (!accountWritten) return report_failure(accountWritten.failure());
-    print_results(options.scan, report);
-    return report.isInterrupted ? EXIT_INTERRUPTED : EXIT_OK;
+    return run_scan({options.scan, settings, given, frames.size(), source, recording.camera(), RigidMatrix()}, report);
 }
 
 std::vector<PosedFrame> posed(const std::vector<RecordedFrame>& frames) {

@@ -10,7 +10,8 @@
 // Failures. No exception leaves the library, but for std::bad_alloc and std::length_error from operations of the
 // geometry types that need memory, which behave as std::vector does. Most functions return a `RetVal`, of which only
 // `RET_SUCCESS` is success, or a bool; a function that creates returns null. A failure prints one line on standard
-// output and leaves what it was given as it was, unless its description says otherwise.
+// output, or gives it to the application's function (`foundation/diagnosticsCallBack.h`), and leaves what it was given
+// as it was, unless its description says otherwise.
 //
 // Who frees what. Geometry types, records and volumes are values or ordinary objects of the caller and own their
 // arrays. A handle (`void*` from a function named `..._ini`) owns everything behind it and is given back to its
@@ -39,6 +40,7 @@
 #include "foundation/TextureParam.h"
 #include "foundation/TrackParmeter.h"
 #include "foundation/TriMesh.h"
+#include "foundation/diagnosticsCallBack.h"
 #include "foundation/meshExport.h"
 #include "foundation/parameterCheck.h"
 #include "foundation/parameterPrint.h"

@@ -8,9 +8,10 @@
 
 namespace VexelAlgorithm {
 
-/// Writes the text and a line end to standard output and flushes. Lines of several threads do not mix.
+/// Writes the text and a line end to standard output and flushes, or hands it to the application's function
+/// (`foundation/diagnosticsCallBack.h`). Lines of several threads do not mix.
 VEXEL_API void print_line(std::string_view line);
-/// Writes the text as it stands, without a line end, and flushes.
+/// The same with the text as it stands, without a line end.
 VEXEL_API void print_text(std::string_view text);
 
 /// printf-style formatting into a string, for lines with numbers ("%d", "%f").

@@ -18,6 +18,7 @@
 
 #include "foundation/RetVal.h"
 #include "foundation/diagnostics.h"
+#include "foundation/heldLines.h"
 
 namespace VexelAlgorithm {
 
@@ -106,6 +107,7 @@ struct Identity {
 template <class Result, class Body>
 Result guarded(std::string_view name, typename handle_detail::Identity<Result>::type onException,
                Body&& body) noexcept {
+    const HeldLines lines;
     try {
         return std::forward<Body>(body)();
     } catch (...) {
@@ -117,6 +119,7 @@ Result guarded(std::string_view name, typename handle_detail::Identity<Result>::
 /// The same for functions that return nothing.
 template <class Body>
 void guarded(std::string_view name, Body&& body) noexcept {
+    const HeldLines lines;
     try {
         std::forward<Body>(body)();
     } catch (...) {

@@ -8,6 +8,7 @@
 #include <algorithm>
 #include <cstddef>
 
+#include "foundation/heldLines.h"
 #include "foundation/sanitizedThreads.h"
 
 namespace VexelAlgorithm {
@@ -29,13 +30,17 @@ void parallel_ranges(int threads, std::size_t count, std::size_t grain, const Bo
         body(std::size_t{0}, count);
         return;
     }
+    const auto piece = [&body](std::size_t begin, std::size_t end) {
+        const WorkerLines lines;  // the caller may hold locks
+        body(begin, end);
+    };
 #if defined(VEXEL_THREAD_SANITIZER)
-    sanitized_ranges(usable_threads(threads), count, std::max<std::size_t>(grain, 1), body);
+    sanitized_ranges(usable_threads(threads), count, std::max<std::size_t>(grain, 1), piece);
 #else
     tbb::task_arena arena(usable_threads(threads));
     arena.execute([&] {
         tbb::parallel_for(tbb::blocked_range<std::size_t>(0, count, std::max<std::size_t>(grain, 1)),
-                          [&](const tbb::blocked_range<std::size_t>& range) { body(range.begin(), range.end()); });
+                          [&](const tbb::blocked_range<std::size_t>& range) { piece(range.begin(), range.end()); });
     });
 #endif
 }

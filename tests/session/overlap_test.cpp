@@ -94,6 +94,41 @@ TEST(Overlap, ASecondFrameIsRefusedWithALine) {
     EXPECT_EQ(lines, expected);
 }
 
+/// Does in the printed line's function what waits for a frame step: the step that printed, or the other thread's.
+struct CuriousApplication {
+    void* handle;
+    std::atomic<int> lines{0};
+
+    static void look(const char*, std::size_t, void* user) {
+        auto& application = *static_cast<CuriousApplication*>(user);
+        ++application.lines;
+        BaseTriMesh mesh;
+        EXPECT_EQ(get_fusion_result_tbb(application.handle, 0.0F, mesh), RET_SUCCESS);
+        get_show_data(application.handle);
+        set_track_speed_threshold(application.handle, 40.0F, 1.0F);
+    }
+};
+
+TEST(Overlap, TheFunctionOfRedirectedLinesUsesTheSessionThatPrints) {
+    const Scan scan("smooth");
+    const std::vector<PointImage> frames = frames_of(scan);
+    PointImage empty = frames[0];
+    empty.setZero();
+    Session session(scan.records);
+    ASSERT_TRUE(session.step(frames[0]));
+    CuriousApplication application{session};
+    set_diagnostics_call_back(CuriousApplication::look, &application);
+    const auto give = [&] {
+        for (int i = 0; i < 5; ++i) EXPECT_FALSE(session.step(empty));  // two lines, or one where the session is busy
+    };
+    std::thread first(give), second(give);
+    first.join();
+    second.join();
+    set_diagnostics_call_back(nullptr, nullptr);
+    EXPECT_GE(application.lines, 10);
+    EXPECT_LE(application.lines, 20);
+}
+
 TEST(Overlap, SessionsAreIndependent) {
     const Scan scan("smooth");
     const std::vector<PointImage> frames = frames_of(scan);

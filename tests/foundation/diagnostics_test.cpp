@@ -1,0 +1,171 @@
+// Lines that an application has redirected to its own function.
+#include "foundation/diagnostics.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <atomic>
+#include <stdexcept>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "foundation/diagnosticsCallBack.h"
+#include "foundation/handle.h"
+#include "foundation/parallel.h"
+
+namespace VexelAlgorithm {
+namespace {
+
+using Lines = std::vector<std::string>;
+
+void keep(const char* line, std::size_t length, void* user) {
+    EXPECT_EQ(line[length], '\0');
+    static_cast<Lines*>(user)->push_back(std::string(line, length));
+}
+
+class RedirectedLines : public testing::Test {
+protected:
+    ~RedirectedLines() override { set_diagnostics_call_back(nullptr, nullptr); }
+    template <class Action>
+    static std::string on_standard_output(const Action& action) {
+        testing::internal::CaptureStdout();
+        action();
+        return testing::internal::GetCapturedStdout();
+    }
+    Lines lines;
+};
+
+TEST_F(RedirectedLines, ComeWholeAsPrinted) {
+    const std::string output = on_standard_output([&] {
+        print_line("before");
+        set_diagnostics_call_back(keep, &lines);
+        print_line("one ");
+        print_text("\n\ntwo\nthree");
+        print_text("");
+        print_line(std::string("a\0b", 3));
+        set_diagnostics_call_back(nullptr, nullptr);
+        print_line("after");
+    });
+    EXPECT_EQ(output, "before\nafter\n");
+    EXPECT_EQ(lines, (Lines{"one \n", "\n", "\n", "two\n", "three", std::string("a\0b\n", 4)}));
+}
+
+TEST_F(RedirectedLines, ThoseOfACallComeWhenItEnds) {
+    set_diagnostics_call_back(keep, &lines);
+    const auto call = [&](bool throws) {
+        return guarded<bool>("outer", false, [&] {
+            print_line("first");
+            guarded("inner", [] { print_line("second"); });
+            parallel_ranges(2, 4, 1, [](std::size_t, std::size_t) { print_line("loop"); });
+            EXPECT_EQ(lines, Lines());
+            if (throws) throw std::runtime_error("reason");
+            return true;
+        });
+    };
+    EXPECT_TRUE(call(false));
+    EXPECT_EQ(lines, (Lines{"first\n", "second\n", "loop\n", "loop\n", "loop\n", "loop\n"}));
+    lines.clear();
+    EXPECT_FALSE(call(true));
+    EXPECT_EQ(lines.size(), 7U);
+    EXPECT_NE(std::find(lines.begin(), lines.end(), "outer failed: reason\n"), lines.end());
+}
+
+TEST_F(RedirectedLines, TheFunctionMayDoWhatItLikes) {
+    struct Case {
+        DiagnosticsCallBack function;
+        Lines lines;
+        std::string output;
+    };
+    const Case cases[] = {
+        {[](const char* line, std::size_t length, void* user) {
+             keep(line, length, user);
+             throw std::runtime_error("dropped");
+         },
+         {"one\n", "two\n"},
+         ""},
+        {[](const char* line, std::size_t length, void* user) {
+             keep(line, length, user);
+             guarded("call", [] { print_line("from inside"); });
+         },
+         {"one\n", "two\n"},
+         "from inside\nfrom inside\n"},
+        {[](const char* line, std::size_t length, void* user) {
+             set_diagnostics_call_back(nullptr, nullptr);
+             keep(line, length, user);
+         },
+         {"one\n"},
+         "two\n"},
+        {[](const char*, std::size_t, void* user) { set_diagnostics_call_back(keep, user); }, {"two\n"}, ""},
+    };
+    for (const Case& c : cases) {
+        lines.clear();
+        const std::string output = on_standard_output([&] {
+            set_diagnostics_call_back(c.function, &lines);
+            print_line("one");
+            print_line("two");
+            set_diagnostics_call_back(nullptr, nullptr);
+        });
+        EXPECT_EQ(lines, c.lines);
+        EXPECT_EQ(output, c.output);
+    }
+}
+
+/// Remembers lines; knows when it must not be used any more, and whether somebody else is inside.
+struct Screen {
+    std::atomic<bool> isInUse{true};
+    std::atomic<int> inside{0};
+    std::atomic<int> faults{0};
+    Lines lines;  // without a lock: one thread at a time
+
+    static void show(const char* line, std::size_t length, void* user) {
+        auto& screen = *static_cast<Screen*>(user);
+        if (screen.inside++ > 0 || !screen.isInUse) ++screen.faults;
+        screen.lines.push_back(std::string(line, length));
+        --screen.inside;
+    }
+};
+
+TEST_F(RedirectedLines, OfManyThreadsNeitherMixNorOutliveTheFunction) {
+    constexpr int kThreads = 4, kCalls = 200;
+    std::vector<Screen> screens(20);
+    std::atomic<int> printing{kThreads};
+    set_diagnostics_call_back(Screen::show, &screens.front());
+    std::vector<std::thread> threads;
+    for (int t = 0; t < kThreads; ++t) {
+        threads.emplace_back([&, t] {
+            for (int call = 0; call < kCalls; ++call) {
+                guarded("call", [&] {
+                    for (int i = 0; i < 3; ++i) print_line(format_text("%d %d %d", t, call, i));
+                });
+            }
+            --printing;
+        });
+    }
+    for (std::size_t next = 1; next < screens.size(); ++next) {
+        std::this_thread::yield();
+        set_diagnostics_call_back(Screen::show, &screens[next]);
+        screens[next - 1].isInUse = false;
+    }
+    for (std::thread& thread : threads) thread.join();
+    set_diagnostics_call_back(nullptr, nullptr);
+
+    Lines all;
+    for (const Screen& screen : screens) {
+        EXPECT_EQ(screen.faults, 0);
+        all.insert(all.end(), screen.lines.begin(), screen.lines.end());
+    }
+    ASSERT_EQ(all.size(), static_cast<std::size_t>(3 * kThreads * kCalls));
+    std::vector<int> nextCall(kThreads, 0);
+    for (std::size_t i = 0; i < all.size(); i += 3) {
+        const int t = all[i][0] - '0';
+        for (std::size_t k = 0; k < 3; ++k) {
+            ASSERT_EQ(all[i + k],
+                      format_text("%d %d %d\n", t, nextCall[static_cast<std::size_t>(t)], static_cast<int>(k)));
+        }
+        ++nextCall[static_cast<std::size_t>(t)];
+    }
+}
+
+}  // namespace
+}  // namespace VexelAlgorithm

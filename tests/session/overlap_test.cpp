@@ -70,25 +70,21 @@ TEST(Overlap, ASecondFrameIsRefusedWithALine) {
     const std::vector<PointImage> frames = frames_of(scan);
     Session session(scan.records);
     ASSERT_TRUE(session.step(frames[0]));
-    int refused = 0, accepted = 1;
+    std::atomic<int> ready{0}, refused{0}, accepted{1};
     const std::string lines = printed([&] {
-        std::atomic<int> ready{0};
-        std::atomic<int> failures{0}, successes{0};
         const auto give = [&] {
             ++ready;
             while (ready < 2) std::this_thread::yield();
-            for (int i = 1; i < kFrames; ++i) ++(session.step(frames[1]) ? successes : failures);
+            for (int i = 1; i < kFrames; ++i) ++(session.step(frames[1]) ? accepted : refused);
         };
         std::thread first(give), second(give);
         first.join();
         second.join();
-        refused = failures;
-        accepted += successes;
     });
     EXPECT_GT(refused, 0);
     EXPECT_EQ(session.state().acceptedFrames, accepted);
     EXPECT_EQ(session.state().outcome, FrameOutcome::Fused) << "a refused frame leaves the state alone";
-    const std::string line = "can not run function fusion_and_track because the session is busy with another frame\n";
+    const std::string line = can_not("fusion_and_track", "the session is busy with another frame");
     std::string expected;
     for (int i = 0; i < refused; ++i) expected += line;
     EXPECT_EQ(lines, expected);

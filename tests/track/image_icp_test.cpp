@@ -1,7 +1,9 @@
-// Registration of images of marks and outlines against the motions that they were drawn with, and the steps against
-// plain twins.
-#include <gtest/gtest.h>
+// Registration of images of marks and outlines against the motions that they were drawn with, the steps against plain
+// twins, and images, sizes and settings that cannot be used.
+#include <limits>
+#include <memory>
 
+#include "tests/printed.h"
 #include "tests/track/markImages.h"
 #include "track/IcpOnImage.h"
 
@@ -10,7 +12,11 @@ namespace {
 
 using namespace VexelTest;
 
+constexpr int kLowest = std::numeric_limits<int>::min(), kHighest = std::numeric_limits<int>::max();
+constexpr float kNaN = std::numeric_limits<float>::quiet_NaN();
+constexpr float kInfinity = std::numeric_limits<float>::infinity();
 constexpr float kAnyError = 1e6F;  // pixels^2
+const Vector2i kSmall(60, 40);
 const Vector2d kHalfPixel(0.5, 0.5);
 
 struct Motion {
@@ -92,13 +98,14 @@ void plain_find(const MarkImage& fixed, const std::vector<Vector2f>& points, int
 }
 
 TEST(ImageIcp, TheSearchGivesWhatEveryPixelOfTheWindowGives) {
+    const Vector2i wide(150, 40);
     const RigidMatrix2D poses[] = {{},
                                    {Eigen::Matrix2d::Identity(), kHalfPixel},  // four neighbours equally near
-                                   motion_about_middle({150, 40}, 20, {0.3, -0.7}),
-                                   motion_about_middle({150, 40}, 90, {-60, 0}),  // partly outside
-                                   motion_about_middle({150, 40}, -1, {-0.4, -20.6})};
+                                   motion_about_middle(wide, 20, {0.3, -0.7}),
+                                   motion_about_middle(wide, 90, {-60, 0}),  // partly outside
+                                   motion_about_middle(wide, -1, {-0.4, -20.6})};
     std::mt19937 random(3);
-    for (const Vector2i& size : {Vector2i(150, 40), Vector2i(64, 33), Vector2i(3, 70)}) {
+    for (const Vector2i& size : {wide, Vector2i(64, 33), Vector2i(3, 70)}) {
         IcpOnImage icp(1, 0, {0, 0}, 0, size, "");
         for (const double density : {0.002, 0.03, 0.7}) {
             MarkImage fixed(size), moving(size);
@@ -107,11 +114,11 @@ TEST(ImageIcp, TheSearchGivesWhatEveryPixelOfTheWindowGives) {
             for (auto& p : moving.pixels) p = random() % 3 == 0;
             std::vector<Vector2f> points;
             icp.compact_move_image(moving.pixels.data(), points, size);
-            for (const int window : {-3, 0, 1, 2, 5, 40, 141, 300}) {
+            for (const int window : {-3, 0, 1, 2, 5, 40, 300}) {
                 for (const RigidMatrix2D& pose : poses) {
                     std::vector<Vector4f> pairs, plainPairs;
                     std::vector<float> distances, plainDistances;
-                    const int step = window == 5 ? 12 : 7;
+                    const int step = window == 5 ? 12 : window == 300 ? 101 : 7;
                     icp.find_correspond(fixed.pixels.data(), points, step, window, pose, pairs, distances);
                     plain_find(fixed, points, step, window, pose, plainPairs, plainDistances);
                     ASSERT_EQ(pairs, plainPairs) << size.x() << ' ' << density << ' ' << window;
@@ -150,6 +157,90 @@ TEST(ImageIcp, TheStepSolvesTheLinearisedSystem) {
     EXPECT_TRUE(onePlace.rotation.isIdentity());
     EXPECT_LT((onePlace.translation - Vector2d(1.7, 1)).norm(), 1e-4);
     EXPECT_TRUE(step_of({}).rotation.isIdentity());
+}
+
+TEST(ImageIcpInput, FailuresPrintTheirLineAndLeaveTheOutputs) {
+    const ImagePair dots = draw_dots(kSmall, 9, RigidMatrix2D(), 1);
+    const unsigned char *fixed = dots.fixed.pixels.data(), *moving = dots.moving.pixels.data();
+    const std::vector<unsigned char> dark(dots.fixed.pixels.size());
+    const std::string none = "icp False correspondNum = 0 \n", null = "!fixImage || !moveImage\n";
+    const auto rejected = [](const char* limit) {
+        return "image icp false because thisDisError > _disAvgPix\nthisDisError = 0\t_disAvgPix = " +
+               std::string(limit) + '\n';
+    };
+    struct Case {
+        const char* name;
+        const unsigned char *fixed, *moving;
+        int iterNum, iterNumFixed, window;
+        float limit;
+        Vector2i size;
+        RetVal code;
+        std::string lines;
+    };
+    const Case cases[] = {
+        {"null fixed", nullptr, moving, 4, 2, 9, 4, kSmall, RET_INPUT_ERROR, null},
+        {"null moving", fixed, nullptr, 4, 2, 9, 4, kSmall, RET_INPUT_ERROR, null},
+        {"null before no iterations", fixed, nullptr, 0, 0, 9, 4, kSmall, RET_INPUT_ERROR, null},
+        {"dark moving", fixed, dark.data(), 4, 2, 9, 4, kSmall, RET_NOT_CONVERGED, none},
+        {"dark fixed", dark.data(), moving, 4, 2, 9, 4, kSmall, RET_NOT_CONVERGED, none},
+        {"negative window", fixed, moving, 4, 2, -9, 4, kSmall, RET_NOT_CONVERGED, none},
+        {"lowest window", fixed, moving, 4, 2, kLowest, 4, kSmall, RET_NOT_CONVERGED, none},
+        {"no width", fixed, moving, 4, 2, 9, 4, {0, 40}, RET_NOT_CONVERGED, none},
+        {"lowest size", fixed, moving, 4, 2, 9, 4, {kLowest, kLowest}, RET_NOT_CONVERGED, none},
+        {"no iterations", fixed, moving, 0, 0, 9, 4, kSmall, RET_SUCCESS, ""},
+        {"fewer iterations", fixed, moving, kLowest, kHighest, 9, 4, kSmall, RET_SUCCESS, ""},
+        {"rejected", fixed, moving, 2, 0, 9, -0.25F, kSmall, RET_SUCCESS, rejected("-0.25")},
+        {"NaN limit", fixed, moving, 2, 0, 9, kNaN, kSmall, RET_SUCCESS, rejected("nan")},
+    };
+    for (const Case& c : cases) {
+        IcpOnImage icp(c.iterNum, c.iterNumFixed, {c.window, c.window}, c.limit, c.size, "");
+        Eigen::Matrix2d rotation = Eigen::Matrix2d::Constant(7);
+        Vector2d translation(8, 9);
+        RetVal code = RET_RUN_FAIL;
+        EXPECT_EQ(printed([&] { code = icp.real_time_image_icp(c.fixed, c.moving, rotation, translation); }), c.lines)
+            << c.name;
+        EXPECT_EQ(code, c.code) << c.name;
+        EXPECT_EQ(rotation, Eigen::Matrix2d::Constant(7)) << c.name;
+        EXPECT_EQ(translation, Vector2d(8, 9)) << c.name;
+    }
+    IcpOnImage widest(3, 1, {kHighest, kHighest}, 4, kSmall, "");
+    Eigen::Matrix2d rotation;
+    Vector2d translation;
+    EXPECT_EQ(widest.real_time_image_icp(fixed, moving, rotation, translation), RET_SUCCESS);
+    EXPECT_LT((translation - Vector2d(0.5, 0.5)).norm(), 1e-9);
+}
+
+TEST(ImageIcpInput, AnObjectWithoutMemoryRefuses) {
+    std::unique_ptr<IcpOnImage> icp;
+    const Vector2i largest(kHighest, kHighest), window(9, 9);
+    EXPECT_EQ(line_count(printed([&] { icp = std::make_unique<IcpOnImage>(1, 0, window, 4.0F, largest, ""); })), 1);
+    Eigen::Matrix2d rotation;
+    Vector2d translation;
+    EXPECT_EQ(
+        printed([&] { EXPECT_EQ(icp->real_time_image_icp(nullptr, nullptr, rotation, translation), RET_INI_ERROR); }),
+        "please ini function first\n");
+}
+
+TEST(ImageIcpInput, StepsTakeAnything) {
+    const ImagePair dots = draw_dots(kSmall, 9, RigidMatrix2D(), 1);
+    IcpOnImage icp(1, 0, {9, 9}, 4, kSmall, "");
+    const float farthest = std::numeric_limits<float>::max();
+    const std::vector<Vector2f> points = {
+        {kNaN, 0}, {0, kInfinity}, {farthest, -farthest}, {-1e7F, 3}, {1e9F, 1e9F}, {-1000.5F, 5}, {1060, 5}};
+    RigidMatrix2D huge;
+    huge.translation.setConstant(1e300);
+    for (const RigidMatrix2D& pose : {RigidMatrix2D(), huge}) {
+        std::vector<Vector4f> pairs(3);
+        std::vector<float> distances(3);
+        icp.find_correspond(dots.fixed.pixels.data(), points, kLowest, 41, pose, pairs, distances);
+        EXPECT_TRUE(pairs.empty() && distances.empty());
+        pairs.resize(3);
+        icp.find_correspond(nullptr, points, 1, 41, pose, pairs, distances);
+        EXPECT_TRUE(pairs.empty());
+    }
+    std::vector<Vector2f> collected(5);
+    icp.compact_move_image(nullptr, collected, kSmall);
+    EXPECT_TRUE(collected.empty());
 }
 
 }  // namespace

@@ -1,8 +1,6 @@
 // Frames of the virtual world for registration.
 #pragma once
 
-#include <cmath>
-
 #include "foundation/PointImage.h"
 #include "simulation/cameraPaths.h"
 #include "simulation/combinations.h"
@@ -40,12 +38,7 @@ inline RigidMatrix motion(const Vector3d& axisAngle, const Vector3d& translation
     return result;
 }
 
-/// Angle (radians) and length (mm) of the motion between two poses.
-inline double angle_between(const RigidMatrix& a, const RigidMatrix& b) {
-    Vector3d axisAngle;
-    rodrigures(Matrix3d(a.get_rotation().transpose() * b.get_rotation()), axisAngle);
-    return axisAngle.norm();
-}
+/// How far (mm) the two poses move the point apart.
 inline double distance_between(const RigidMatrix& a, const RigidMatrix& b, const Vector3d& at) {
     return (a * at - b * at).norm();
 }

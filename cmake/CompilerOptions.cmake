@@ -1,6 +1,7 @@
 # Gives one target of this project its warnings, floating-point rules and sanitizers.
 
 set(VEXEL_SANITIZE "" CACHE STRING "Sanitizers for every target: address,undefined or thread; empty for none")
+set(VEXEL_SANITIZE_WITHOUT "" CACHE STRING "Checks of these sanitizers that are left out: alignment,null,object-size")
 
 function(vexel_compiler_options target)
     set_target_properties(${target} PROPERTIES CXX_STANDARD 17 CXX_STANDARD_REQUIRED ON CXX_EXTENSIONS OFF
@@ -16,6 +17,9 @@ function(vexel_compiler_options target)
             # Little optimisation and line tables only: half the compile time of -O2 -g.
             target_compile_options(${target} PRIVATE -fsanitize=${VEXEL_SANITIZE} -fno-omit-frame-pointer
                                                      -fno-sanitize-recover=all -O1 -g1)
+            if(VEXEL_SANITIZE_WITHOUT)
+                target_compile_options(${target} PRIVATE -fno-sanitize=${VEXEL_SANITIZE_WITHOUT})
+            endif()
             target_link_options(${target} PRIVATE -fsanitize=${VEXEL_SANITIZE})
         endif()
     endif()

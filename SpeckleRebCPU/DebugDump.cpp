@@ -1,7 +1,9 @@
 #include "SpeckleRebCPU/DebugDump.h"
 
+#include <filesystem>
 #include <fstream>
 #include <locale>
+#include <system_error>
 #include <vector>
 
 #include "foundation/diagnostics.h"
@@ -48,8 +50,9 @@ void DebugDump::select(bool images, bool points, int frame) {
 }
 
 std::string DebugDump::file_name(std::string_view name, std::string_view side, std::string_view extension) const {
-    const bool needsSlash = !_path.empty() && _path.back() != '/' && _path.back() != '\\';
-    std::string path = _path + (needsSlash ? "/" : "");
+    std::error_code none;
+    const bool isFolder = std::filesystem::path(_path).has_filename() && std::filesystem::is_directory(_path, none);
+    std::string path = _path + (isFolder ? "/" : "");
     path.append(name).append(side).append(format_text("_%d", _frame)).append(extension);
     return path;
 }
@@ -83,11 +86,11 @@ void DebugDump::masks(std::string_view name, const Mask& left, const Mask& right
 }
 
 void DebugDump::image(std::string_view name, const GreyImage& image) const {
-    if (is_on() && _images) bitmap(file_name(name, "", ".bmp"), image, 1);
+    if (is_on() && _images && !name.empty()) bitmap(file_name(name, "", ".bmp"), image, 1);
 }
 
 void DebugDump::points(std::string_view name, const DepthRange& store) const {
-    if (!is_on() || !_points) return;
+    if (!is_on() || !_points || name.empty()) return;
     std::ofstream file = open_file(file_name(name, "", ".asc"));
     if (!file) return;
     const std::vector<Vector3f>& points = store.get_point_vector();

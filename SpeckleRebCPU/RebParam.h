@@ -31,7 +31,9 @@ struct RebParam {
     /// Camera vectors of 22 values: fx, fy, cx, cy, alpha, k1, k2, p1, p2, k3, translation, rotation row by row.
     std::vector<float> leftCalib;
     std::vector<float> rightCalib;
-    std::string debugPath;  ///< directory of the debug dumps, which must exist; empty for the current one
+    /// Directory and prefix of the debug dumps: "dumps/first_" or, without a prefix, "dumps/" or "dumps". The directory
+    /// must exist; empty stands for the current one.
+    std::string debugPath;
 };
 
 }  // namespace VexelAlgorithm

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <chrono>
 #include <cmath>
+#include <string_view>
 #include <utility>
 
 #include "SpeckleRebCPU/growMatches.h"
@@ -16,10 +17,12 @@
 
 namespace VexelAlgorithm {
 
+/// Of the dumps; a stage without a name is not dumped.
 struct SpeckleRebCpu::StageNames {
-    const char *origin, *remap, *pyramid, *mask;
-    const char *pixMatch, *removeNoise, *fill, *invalid, *depthRange;
-    const char *preSubPixel, *smoothRange, *normals, *iterated;
+    std::string_view origin, remap, pyramid, mask;
+    std::string_view pixMatch, removeNoise, fill, invalid, depthRange;
+    std::string_view preSubPixel, smoothRange, normals, iterated;
+    bool isEndShown = false;  ///< noise removal and result
 };
 
 namespace {
@@ -133,7 +136,8 @@ RetVal SpeckleRebCpu::run(const unsigned char* left, const unsigned char* right,
                                       "asc_pre_subpixel_match_points",
                                       "_objDepthRange.depth_gaussian_smooth",
                                       "asc_points_normal",
-                                      "subpix_iter_points_normal"};
+                                      "subpix_iter_points_normal",
+                                      true};
     const Stopwatch watch;
     if (!can_take(left, right, result)) return RET_INPUT_ERROR;
     result.enable_vNormal();
@@ -142,8 +146,8 @@ RetVal SpeckleRebCpu::run(const unsigned char* left, const unsigned char* right,
     _debug.set_frame(_frame++);
     if (!prepare_images(left, right, NAMES) || !match_to_depth_range(NAMES)) return RET_RUN_FAIL;
     refine(NAMES);
-    remove_noise();
-    write_result(result);
+    remove_noise(NAMES);
+    write_result(NAMES, result);
     timeMs = watch.elapsed_ms();
     return RET_SUCCESS;
 }
@@ -158,10 +162,10 @@ RetVal SpeckleRebCpu::run_pixMatch(const unsigned char* left, const unsigned cha
                                       "pixMatch_fill_neigh_invalid_points",
                                       "pixMatch_match_result_to_save_invaild",
                                       "pixMatch_parallax_range_convert_to_depth_range",
-                                      nullptr,
-                                      nullptr,
-                                      nullptr,
-                                      nullptr};
+                                      {},
+                                      {},
+                                      {},
+                                      {}};
     const Stopwatch watch;
     _debug.set_frame(_frame++);
     if (!prepare_images(left, right, NAMES))
@@ -177,13 +181,13 @@ RetVal SpeckleRebCpu::run_subPix(const unsigned char* left, const unsigned char*
                                       "subPix_remap_image",
                                       "subPix_pyramid_image",
                                       "subPix_valid_mask",
-                                      nullptr,
-                                      nullptr,
-                                      nullptr,
-                                      nullptr,
-                                      nullptr,
+                                      {},
+                                      {},
+                                      {},
+                                      {},
+                                      {},
                                       "subPix_pre_subpixel_match_points",
-                                      "_objDepthRange.depth_gaussian_smooth",
+                                      {},
                                       "subPix_points_normal",
                                       "subPix_iter_points_normal"};
     const Stopwatch watch;
@@ -198,8 +202,8 @@ RetVal SpeckleRebCpu::run_subPix(const unsigned char* left, const unsigned char*
     _debug.set_frame(_frame++);
     if (!prepare_images(left, right, NAMES)) return RET_RUN_FAIL;
     refine(NAMES);
-    remove_noise();
-    write_result(result);
+    remove_noise(NAMES);
+    write_result(NAMES, result);
     timeMs = watch.elapsed_ms();
     return RET_SUCCESS;
 }
@@ -403,12 +407,12 @@ float SpeckleRebCpu::score_limit() const {
     return std::clamp(*middle - SCORE_LOSS, SMALLEST_SCORE, LARGEST_SCORE_LIMIT);
 }
 
-void SpeckleRebCpu::remove_noise() {
+void SpeckleRebCpu::remove_noise(const StageNames& names) {
     ParallaxField& field = _objDepthRange.field();
     const int sample = _param.sampleRatio;
     const float regionStep = 0.5F + 0.8F * static_cast<float>(sample);
-    const auto dump = [&](const char* name) {
-        if (!_debug.is_on()) return;
+    const auto dump = [&](std::string_view name) {
+        if (!names.isEndShown || !_debug.is_on()) return;
         _objDepthRange.update_points(_threads);
         _debug.points(name, _objDepthRange);
     };
@@ -452,7 +456,7 @@ int SpeckleRebCpu::sub_pixel_window() const {
     return std::min(_param.subPixMatchWin.x(), _param.subPixMatchWin.y());
 }
 
-void SpeckleRebCpu::write_result(PointImage& result) {
+void SpeckleRebCpu::write_result(const StageNames& names, PointImage& result) {
     const std::vector<Vector3f>& points = _objDepthRange.get_point_vector();
     const std::vector<Vector3f>& normals = _objDepthRange.get_normal_vector();
     const Raster<float>& score = _objDepthRange.field().score;
@@ -474,6 +478,7 @@ void SpeckleRebCpu::write_result(PointImage& result) {
     }
     result.set_camPar(_geometry.camera.scaled_down(sample));
     result.set_rt(RigidMatrix());
+    if (!names.isEndShown) return;
     _debug.points("result_points", _objDepthRange);
     _debug.image("result_image", _remap.left);
 }

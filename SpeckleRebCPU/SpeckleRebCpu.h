@@ -22,7 +22,8 @@ public:
     RetVal run(const unsigned char* left, const unsigned char* right, PointImage& result, int& timeMs);
     /// Up to the depth range, which stays in the object.
     RetVal run_pixMatch(const unsigned char* left, const unsigned char* right, int& timeMs);
-    /// From the depth range on that the last pixel stage left.
+    /// From the depth range on that the last pixel stage left. Dumps of the noise removal and of the result belong to
+    /// `run` alone.
     RetVal run_subPix(const unsigned char* left, const unsigned char* right, PointImage& result, int& timeMs);
 
     /// Dumps on or off, of bitmaps and of points, for one frame (counted from 0) or, when negative, all.
@@ -38,8 +39,8 @@ private:
     bool prepare_images(const unsigned char* left, const unsigned char* right, const StageNames& names);
     bool match_to_depth_range(const StageNames& names);
     void refine(const StageNames& names);
-    void remove_noise();
-    void write_result(PointImage& result);
+    void remove_noise(const StageNames& names);
+    void write_result(const StageNames& names, PointImage& result);
 
     bool match_pixels_by_zncc();
     void remove_noise_points();

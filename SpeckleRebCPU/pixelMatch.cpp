@@ -77,7 +77,7 @@ public:
           _window(hwy::AllocateAligned<std::int32_t>(_stride)),
           _scores(hwy::AllocateAligned<float>(_stride)),
           _rightPairs(padded_width(), 0),
-          _rightSum(padded_width(), 0.0F),
+          _rightSum(padded_width(), 0),
           _rightInverse(padded_width(), 0.0F) {
         std::fill_n(_columns.get(), static_cast<std::size_t>(_width) * _stride, 0);
     }
@@ -112,7 +112,9 @@ private:
     }
 
     void load_statistics(int y) {
-        std::copy_n(_rows.right.sum.row(y), _width, _rightSum.begin() + _before);
+        const float* sum = _rows.right.sum.row(y);
+        std::transform(sum, sum + _width, _rightSum.begin() + _before,
+                       [](float value) { return static_cast<std::int32_t>(value); });
         std::copy_n(_rows.right.inverseDeviation.row(y), _width, _rightInverse.begin() + _before);
     }
 
@@ -144,7 +146,7 @@ private:
         for (int x = windowWidth - 1; x < _width; ++x) {
             const int centre = x - _halfWidth;
             if (leftInverse[centre] > 0.0F && centre >= range.xBegin && centre < range.xEnd) {
-                slide_and_score(x, centre, _rows.left.sum.at(centre, y));
+                slide_and_score(x, centre, static_cast<std::int32_t>(_rows.left.sum.at(centre, y)));
                 find_best(centre, y, leftInverse[centre]);
             } else {
                 slide_down(x);
@@ -170,22 +172,27 @@ private:
 
     /// Slides the column sums of x down, adds them to the window and turns its sums into scores, but for the factor
     /// of the left window.
-    void slide_and_score(int x, int centre, float leftSum) {
+    void slide_and_score(int x, int centre, std::int32_t leftSum) {
         const IntTag d;
         const FloatTag df;
         const auto left = hn::Set(d, left_pair(x));
-        const auto leftMean =
-            hn::Set(df, leftSum / static_cast<float>(_rows.task.windowWidth * _rows.task.windowHeight));
+        // The whole part of the left mean is taken away in integers. What floats have to bear is then as small as the
+        // deviations from the means, not as large as their product, of which rounding could leave scores above 1.
+        const std::int32_t n = _rows.task.windowWidth * _rows.task.windowHeight;
+        const auto whole = hn::Set(d, leftSum / n);
+        const auto rest = hn::Set(df, static_cast<float>(leftSum % n) / static_cast<float>(n));
         std::int32_t* column = _columns.get() + static_cast<std::size_t>(x) * _stride;
         const std::int32_t* right = _rightPairs.data() + first_candidate(x);
-        const float* rightSum = _rightSum.data() + first_candidate(centre);
+        const std::int32_t* rightSum = _rightSum.data() + first_candidate(centre);
         const float* rightInverse = _rightInverse.data() + first_candidate(centre);
         for (std::size_t j = 0; j < _stride; j += LANES) {
             const auto sums = hn::Add(hn::Load(d, column + j), pair_product(left, hn::LoadU(d, right + j)));
             hn::Store(sums, d, column + j);
             const auto window = hn::Add(hn::Load(d, _window.get() + j), sums);
             hn::Store(window, d, _window.get() + j);
-            const auto covariance = hn::Sub(hn::ConvertTo(df, window), hn::Mul(leftMean, hn::LoadU(df, rightSum + j)));
+            const auto sumOfRight = hn::LoadU(d, rightSum + j);
+            const auto covariance = hn::Sub(hn::ConvertTo(df, hn::Sub(window, hn::Mul(whole, sumOfRight))),
+                                            hn::Mul(rest, hn::ConvertTo(df, sumOfRight)));
             hn::Store(hn::Mul(covariance, hn::LoadU(df, rightInverse + j)), df, _scores.get() + j);
         }
     }
@@ -201,7 +208,7 @@ private:
         const FloatTag df;
         const auto wanted = hn::Set(df, score);
         for (std::size_t j = 0;; j += LANES) {
-            const auto found = hn::FindFirstTrue(df, hn::Eq(hn::Load(df, _scores.get() + j), wanted));
+            const auto found = hn::FindFirstTrue(df, hn::Ge(hn::Load(df, _scores.get() + j), wanted));
             if (found >= 0) return j + static_cast<std::size_t>(found);
         }
     }
@@ -209,22 +216,26 @@ private:
     void find_best(int centre, int y, float leftInverse) {
         // The lanes behind the last candidate would see columns of the next range.
         std::fill(_scores.get() + _candidates, _scores.get() + _stride, 0.0F);
-        const float best = best_score();
+        // Of several that rounding may have lifted above 1 the first counts, as if all were 1.
+        const float best = std::min(best_score(), 1.0F / leftInverse);
         if (best <= 0.0F) return;
         const auto k = static_cast<int>(first_with(best));
-        const float* inverse = _rightInverse.data() + first_candidate(centre);
+        const std::uint8_t* mask = _rows.task.rightMask.row(y);
+        const int firstColumn = centre + _rows.task.parallaxBegin;
+        const int begin = std::max(0, _halfWidth - firstColumn);
+        const int end = std::min(_candidates, _width - _halfWidth - firstColumn);
         const auto next_candidate = [&](int j, int step) {
             do j += step;
-            while (j >= 0 && j < _candidates && !(inverse[j] > 0.0F));
+            while (j >= begin && j < end && mask[firstColumn + j] == 0);
             return j;
         };
         const int previous = next_candidate(k, -1);
-        if (previous < 0 || next_candidate(previous, -1) < 0) return;
+        if (previous < begin || next_candidate(previous, -1) < begin) return;
         const int next = next_candidate(k, +1);
-        if (next >= _candidates) return;
+        if (next >= end) return;
         const float before = _scores[static_cast<std::size_t>(previous)];
-        const float after = _scores[static_cast<std::size_t>(next)];
-        const float offset = (before - after) / (2.0F * before - 4.0F * best + 2.0F * after);
+        const float after = std::min(_scores[static_cast<std::size_t>(next)], best);
+        const float offset = 0.5F * (before - after) / ((before - best) + (after - best));  // below 0, exactly
         _rows.position.at(centre, y) = static_cast<float>(centre + _rows.task.parallaxBegin + k) + offset;
         _rows.score.at(centre, y) = std::min(best * leftInverse, 1.0F);
     }
@@ -237,7 +248,8 @@ private:
     hwy::AlignedFreeUniquePtr<std::int32_t[]> _window;
     hwy::AlignedFreeUniquePtr<float[]> _scores;
     std::vector<std::int32_t> _rightPairs;
-    std::vector<float> _rightSum, _rightInverse;
+    std::vector<std::int32_t> _rightSum;
+    std::vector<float> _rightInverse;
     const std::uint8_t* _leftEntering = nullptr;
     const std::uint8_t* _leftLeaving = nullptr;
 };

@@ -40,9 +40,10 @@ bool pre_compute_src_image_patch_eve_std(const GreyImage& image, const Mask& mas
 /// costs one product pair instead of a window of them. The products are integers, so nothing drifts.
 ///
 /// Candidates are the right columns of [max(x + parallaxBegin, h), min(x + parallaxEnd, width - h)), h the half window
-/// width, with their mask set and some texture. The best has the largest score, which must be above 0; of equal ones
-/// the first. A score that rounding lifts above 1 counts as 1. The position is refined by a parabola through the scores
-/// of the candidates before and after it; a best that is the first, the second or the last candidate is no match.
+/// width, with their mask set; those without texture score 0. The best has the largest score, which must be above 0; of
+/// equal ones the first. A score that rounding lifts above 1 counts as 1. The position is refined by a parabola through
+/// the scores of the candidates before and after it; a best that is the first, the second or the last candidate is no
+/// match.
 ///
 /// Each row is written by one thread; the result does not depend on their number.
 bool match_pixels(const PixelMatchTask& task, int threads, Raster<float>& position, Raster<float>& score);

@@ -146,7 +146,8 @@ void visit_rig(Visitor& visitor, Record& record) {
                   "left camera: fx, fy, cx, cy, alpha, k1, k2, p1, p2, k3, translation (mm), rotation row by row; [ ] "
                   "takes the recording's calib_left.txt");
     visitor.field("rightCalib", rightCalib, "right camera, likewise; [ ] takes the recording's calib_right.txt");
-    visitor.field("debugPath", debugPath, "folder of the results of the stages, which must exist");
+    visitor.field("debugPath", debugPath,
+                  "folder, which must exist, and prefix of the results of the stages: dumps/ or dumps/first_");
     visitor.field("edgeMargin", edgeMargin,
                   "points this near to a depth edge are dropped, because windows there see two surfaces, sampled "
                   "pixels; 0 keeps all");

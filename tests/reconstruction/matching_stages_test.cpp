@@ -87,7 +87,17 @@ struct MatchCase {
     const char* name;
     int width, height, windowWidth, windowHeight, begin, end, leftPercent, rightPercent;
     PixelRange range;
+    int contrast = 100;  // percent; the brighter, the less
 };
+
+/// Bright, of little contrast, and even in a patch: where scores are hardest to compute, and candidates without one.
+GreyImage paled(GreyImage image, int contrast) {
+    for (std::size_t i = 0; i < image.size(); ++i)
+        image[i] = static_cast<std::uint8_t>(255 - (255 - image[i]) * contrast / 100);
+    if (contrast == 100) return image;
+    for (int y = 5; y < image.height(); ++y) std::fill_n(image.row(y) + 25, 7, std::uint8_t{250});
+    return image;
+}
 
 TEST(MatchingStages, RowSearchFindsWhatTheDefinitionFinds) {
     const MatchCase cases[] = {
@@ -99,10 +109,11 @@ TEST(MatchingStages, RowSearchFindsWhatTheDefinitionFinds) {
         {"part of the image", 67, 40, 5, 5, -9, 12, 100, 100, {20, 50, 13, 22}},
         {"window as large as the image", 15, 9, 15, 9, -3, 4, 100, 100, {0, 15, 0, 9}},
         {"four candidates", 67, 20, 5, 5, 2, 6, 100, 100, {0, 67, 0, 20}},
+        {"pale", 67, 40, 5, 5, -9, 12, 100, 100, {0, 67, 0, 40}, 5},
+        {"pale, large window", 99, 70, 41, 63, -30, 30, 100, 90, {0, 99, 0, 70}, 6},
     };
     for (const MatchCase& c : cases) {
-        const GreyImage left = noise_image(c.width, c.height, 3, 2),
-                        right = shifted(noise_image(c.width, c.height, 3, 2), 4);
+        const GreyImage left = paled(noise_image(c.width, c.height, 3, 2), c.contrast), right = shifted(left, 4);
         const Mask leftMask = random_mask(c.width, c.height, 4, c.leftPercent),
                    rightMask = random_mask(c.width, c.height, 5, c.rightPercent);
         const PixelMatchTask task{left,           right,   leftMask, rightMask, c.windowWidth,
@@ -117,10 +128,13 @@ TEST(MatchingStages, RowSearchFindsWhatTheDefinitionFinds) {
                                        x < std::min(c.range.xEnd, c.width - c.windowWidth / 2) &&
                                        y >= std::max(c.range.yBegin, c.windowHeight / 2) &&
                                        y < std::min(c.range.yEnd, c.height - c.windowHeight / 2);
-                const double expected = isMatched ? Plain::search_row(Plain::candidates(task, x, y)) : NO_MATCH;
-                ASSERT_NEAR(position.at(x, y), expected, 2e-3) << c.name << ": " << x << ' ' << y;
+                const Plain::Found expected =
+                    isMatched ? Plain::search_row(Plain::candidates(task, x, y)) : Plain::Found();
+                ASSERT_NEAR(position.at(x, y), expected.position, 2e-3) << c.name << ": " << x << ' ' << y;
+                ASSERT_NEAR(score.at(x, y), expected.score, 1e-4) << c.name << ": " << x << ' ' << y;
+                ASSERT_LE(score.at(x, y), 1.0F);
                 ASSERT_EQ(position.at(x, y), other.at(x, y)) << "threads";
-                matches += expected != NO_MATCH;
+                matches += expected.position != NO_MATCH;
             }
         }
         EXPECT_TRUE(matches > 20 || c.height <= 9) << c.name;
@@ -138,8 +152,13 @@ TEST(MatchingStages, BestAtTheEndsOfTheListIsNoMatch) {
         EXPECT_EQ(std::abs(position.at(30, 7) - 35.0F) < 0.5F, found) << begin << ' ' << end;
         EXPECT_TRUE(found ? score.at(30, 7) == 1.0F : position.at(30, 7) == NO_MATCH) << begin << ' ' << end;
     }
+    GreyImage stripes(60, 15);  // every fourth candidate is the truth; the first of them counts
+    for (int y = 0; y < 15; ++y)
+        for (int x = 0; x < 60; ++x) stripes.at(x, y) = left.at(x % 4, y);
     const GreyImage flat(60, 15, 90);
     Raster<float> position, score;
+    ASSERT_TRUE(match_pixels({stripes, stripes, all, all, 5, 5, -6, 9, {0, 60, 0, 15}}, 1, position, score));
+    EXPECT_NEAR(position.at(30, 7), 26.0F, 0.5F);
     ASSERT_TRUE(match_pixels({flat, right, all, all, 5, 5, 0, 9, {0, 60, 0, 15}}, 1, position, score));
     EXPECT_EQ(position.at(30, 7), NO_MATCH);
     EXPECT_FALSE(match_pixels({left, right, all, all, 61, 5, 0, 9, {0, 60, 0, 15}}, 1, position, score));

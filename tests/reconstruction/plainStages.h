@@ -80,7 +80,10 @@ inline std::vector<Candidate> candidates(const PixelMatchTask& task, int x, int 
     for (int c = std::max(x + task.parallaxBegin, rx); c < std::min(x + task.parallaxEnd, width - rx); ++c) {
         if (task.rightMask.at(c, y) == 0) continue;
         const auto [meanR, VR] = sums(task.right, c);
-        if (!(VR > 1e-9) || !(VL > 1e-9)) continue;
+        if (!(VR > 1e-6) || !(VL > 1e-6)) {
+            list.push_back({0.0, c});
+            continue;
+        }
         double C = 0;
         for (int dy = -ry; dy <= ry; ++dy)
             for (int dx = -rx; dx <= rx; ++dx)
@@ -90,18 +93,23 @@ inline std::vector<Candidate> candidates(const PixelMatchTask& task, int x, int 
     return list;
 }
 
-inline double search_row(const std::vector<Candidate>& list) {
-    double best = -1.0;
+struct Found {
+    double position = NO_MATCH, score = 0.0;
+};
+
+/// Of scores that are equal but for rounding the first is the best.
+inline Found search_row(const std::vector<Candidate>& list) {
+    double best = 0.0;
     std::size_t k = 0;
     for (std::size_t i = 0; i < list.size(); ++i) {
-        if (list[i].score > 0 && list[i].score <= 1.0 + 1e-12 && list[i].score > best) {
-            best = list[i].score;
+        if (list[i].score > best + 1e-12) {
+            best = std::min(list[i].score, 1.0);
             k = i;
         }
     }
-    if (best < 0 || k < 2 || k + 1 >= list.size()) return NO_MATCH;
+    if (best <= 0 || k < 2 || k + 1 >= list.size()) return {};
     const double a = list[k - 1].score, b = list[k].score, c = list[k + 1].score;
-    return list[k].position + (a - c) / (2 * a - 4 * b + 2 * c);
+    return {list[k].position + (a - c) / (2 * a - 4 * b + 2 * c), best};
 }
 
 struct Step {

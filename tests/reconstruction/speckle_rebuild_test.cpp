@@ -6,6 +6,7 @@
 #include <functional>
 #include <numeric>
 #include <random>
+#include <set>
 
 #include "SpeckleRebCPU/speckleRebuild.h"
 #include "tests/apps/TemporaryFolder.h"
@@ -369,37 +370,99 @@ TEST(SpeckleRebuild, ExtremeButLegalSettingsReadNothingOutside) {
     }
 }
 
-std::size_t count_files(const std::filesystem::path& folder) {
-    return static_cast<std::size_t>(std::distance(std::filesystem::directory_iterator(folder), {}));
+/// Names of the files in a folder; the two of a pair of bitmaps as one.
+std::set<std::string> dumps_in(const std::filesystem::path& folder) {
+    std::set<std::string> names;
+    for (const auto& file : std::filesystem::directory_iterator(folder)) {
+        std::string name = file.path().filename().string();
+        for (const char* side : {"_L_", "_R_"})
+            if (const std::size_t at = name.find(side); at != std::string::npos) name.replace(at, 3, "_");
+        names.insert(name);
+    }
+    return names;
 }
 
-TEST(SpeckleRebuild, DumpsOnlyWhenAskedTo) {
-    const TemporaryFolder folder;
+TEST(SpeckleRebuild, DumpsOnlyWhenAskedToAndUnderTheirNames) {
+    const std::string whole[] = {"bmp_origin_image",
+                                 "bmp_remap_image",
+                                 "bmp_pyramid_image",
+                                 "bmp_valid_mask",
+                                 "asc_pix_match_zncc",
+                                 "asc_remove_noise_points",
+                                 "asc_fill_neigh_invalid_points",
+                                 "asc_save_invaild_points",
+                                 "parallax_range_convert_to_depth_range",
+                                 "asc_pre_subpixel_match_points",
+                                 "_objDepthRange.depth_gaussian_smooth",
+                                 "asc_points_normal",
+                                 "subpix_iter_points_normal",
+                                 "remove_nosie",
+                                 "after remove_nosie_with_parallax_consistency",
+                                 "after right_to_left_to_vertify_match",
+                                 "after remove_nosie_with_cell",
+                                 "after remove_isolated_island",
+                                 "measure point",
+                                 "after smooth normal",
+                                 "result_points",
+                                 "result_image"};
+    const std::string pixelStage[] = {"pixMatch_bmp_origin_image",
+                                      "pixMatch_bmp_remap_image",
+                                      "pixMatch_bmp_pyramid_image",
+                                      "pixMatch_bmp_valid_mask",
+                                      "pixMatch_pix_match_zncc",
+                                      "pixMatch_remove_noise_points",
+                                      "pixMatch_fill_neigh_invalid_points",
+                                      "pixMatch_match_result_to_save_invaild",
+                                      "pixMatch_parallax_range_convert_to_depth_range"};
+    const std::string subPixelStage[] = {"subPix_origin_image",
+                                         "subPix_remap_image",
+                                         "subPix_pyramid_image",
+                                         "subPix_valid_mask",
+                                         "subPix_points_normal",
+                                         "subPix_iter_points_normal",
+                                         "subPix_pre_subpixel_match_points"};
+    const auto files = [](const auto& stages, const std::string& prefix, int frame) {
+        std::set<std::string> names;
+        for (const std::string& stage : stages) {
+            const bool isImage = stage.find("image") != std::string::npos || stage.find("mask") != std::string::npos;
+            names.insert(prefix + stage + '_' + std::to_string(frame) + (isImage ? ".bmp" : ".asc"));
+        }
+        return names;
+    };
     const std::vector<unsigned char> left = view(plane(370, 0.2), 0, 1), right = view(plane(370, 0.2), BASELINE, 2);
+    for (const std::string prefix : {"", "/", "/first "}) {
+        const TemporaryFolder folder;
+        RebParam param = parallel_rig();
+        param.debugPath = folder.path().string() + prefix;
+        const std::string begin = prefix.empty() ? "" : prefix.substr(1);
+        const Handle handle(param);
+        PointImage frame = empty_frame(2);
+        int timeMs = 0;
+        const auto run = [&] {
+            return run_speckle_rebuild_cpu(handle.value, left.data(), right.data(), frame, timeMs);
+        };
+        EXPECT_EQ(run(), RET_SUCCESS);
+        is_debug_seq(handle.value, true, 2);
+        EXPECT_EQ(run(), RET_SUCCESS);
+        EXPECT_EQ(dumps_in(folder.path()), std::set<std::string>());
+        EXPECT_EQ(run(), RET_SUCCESS);  // frame 2
+        std::set<std::string> expected = files(whole, begin, 2);
+        EXPECT_EQ(dumps_in(folder.path()), expected);
+        EXPECT_EQ(bytes_of(folder.path() / (begin + "bmp_remap_image_L_2.bmp")).size(),
+                  14U + 40U + 1024U + WIDTH * HEIGHT);
+        EXPECT_EQ(run(), RET_SUCCESS);
+        is_debug_seq(handle.value, true, -1);
+        EXPECT_EQ(run_speckle_rebuild_pixMatch_cpu(handle.value, left.data(), right.data(), timeMs), RET_SUCCESS);
+        EXPECT_EQ(run_speckle_rebuild_subPix_cpu(handle.value, left.data(), right.data(), frame, timeMs), RET_SUCCESS);
+        expected.merge(files(pixelStage, begin, 4));
+        expected.merge(files(subPixelStage, begin, 5));
+        EXPECT_EQ(dumps_in(folder.path()), expected);
+    }
     RebParam param = parallel_rig();
-    param.debugPath = folder.path().string();
-    const Handle handle(param);
-    PointImage frame = empty_frame(2);
-    int timeMs = 0;
-    const auto run = [&] { return run_speckle_rebuild_cpu(handle.value, left.data(), right.data(), frame, timeMs); };
-    EXPECT_EQ(run(), RET_SUCCESS);
-    EXPECT_EQ(count_files(folder.path()), 0U);
-    is_debug_seq(handle.value, true, 2);
-    EXPECT_EQ(run(), RET_SUCCESS);
-    EXPECT_EQ(count_files(folder.path()), 0U);
-    EXPECT_EQ(run(), RET_SUCCESS);  // frame 2
-    for (const char* name : {"bmp_origin_image_L_2.bmp", "bmp_valid_mask_R_2.bmp", "asc_pix_match_zncc_2.asc",
-                             "asc_save_invaild_points_2.asc", "_objDepthRange.depth_gaussian_smooth_2.asc",
-                             "remove_nosie_2.asc", "after right_to_left_to_vertify_match_2.asc", "measure point_2.asc",
-                             "result_points_2.asc", "result_image_2.bmp"})
-        EXPECT_TRUE(std::filesystem::exists(folder.path() / name)) << name;
-    EXPECT_EQ(bytes_of(folder.path() / "bmp_remap_image_L_2.bmp").size(), 14U + 40U + 1024U + WIDTH * HEIGHT);
-    EXPECT_EQ(run(), RET_SUCCESS);
-    EXPECT_FALSE(std::filesystem::exists(folder.path() / "result_points_3.asc"));
-
-    param.debugPath = (folder.path() / "missing").string();
+    param.debugPath = (TemporaryFolder().path() / "missing" / "").string();
     param.isDebug2OutPut = true;
     const Handle nowhere(param);
+    int timeMs = 0;
     EXPECT_NE(printed([&] {
                   EXPECT_EQ(run_speckle_rebuild_pixMatch_cpu(nowhere.value, left.data(), right.data(), timeMs),
                             RET_SUCCESS);

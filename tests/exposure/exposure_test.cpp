@@ -1,8 +1,5 @@
 // The choice of exposure: its stages against plain twins and images that can be counted by hand, and arguments that it
 // cannot use.
-#include <gtest/gtest.h>
-
-#include <algorithm>
 #include <cmath>
 #include <fstream>
 #include <functional>
@@ -13,6 +10,7 @@
 #include "exposure/greyFile.h"
 #include "exposure/patternMask.h"
 #include "tests/apps/TemporaryFolder.h"
+#include "tests/printed.h"
 
 namespace VexelAlgorithm::autoExposureFoot {
 namespace {
@@ -36,22 +34,12 @@ Pixels chequered(int dark, int bright, const std::function<bool(int x, int y)>& 
         }
     return image;
 }
-Pixels even(int level) {
-    return chequered(
-        level, level, [](int, int) { return true; }, 0);
-}
 Pixels pattern(int dark, int bright) {
-    return chequered(
-        dark, bright, [](int, int) { return true; }, 0);
+    const auto everywhere = [](int, int) { return true; };
+    return chequered(dark, bright, everywhere, 0);
 }
-
-std::string printed(const std::function<void()>& action) {
-    testing::internal::CaptureStdout();
-    action();
-    return testing::internal::GetCapturedStdout();
-}
-auto line_count(const std::string& text) {
-    return std::count(text.begin(), text.end(), '\n');
+Pixels even(int level) {
+    return pattern(level, level);
 }
 
 ByteImage noise(int width, int height, unsigned seed, int levels) {
@@ -110,30 +98,21 @@ TEST(ExposureStages, TheMaskIsThatOfThePlainSums) {
 }
 
 TEST(ExposureStages, ClustersOfEightNeighboursBelowTheLeastNumberGo) {
-    for (unsigned seed = 0; seed < 5; ++seed) {
-        const ByteImage mask = noise(31, 23, seed, 3);
-        std::vector<std::size_t> label(mask.pixels.size());  // the smallest pixel number that spreads to each pixel
-        for (std::size_t i = 0; i < label.size(); ++i) label[i] = i;
-        for (bool hasChanged = true; hasChanged;) {
-            hasChanged = false;
-            for (int y = 0; y < 23; ++y)
-                for (int x = 0; x < 31; ++x)
-                    for (int ny = std::max(y - 1, 0); ny <= std::min(y + 1, 22); ++ny)
-                        for (int nx = std::max(x - 1, 0); nx <= std::min(x + 1, 30); ++nx) {
-                            const auto a = static_cast<std::size_t>(31 * y + x),
-                                       b = static_cast<std::size_t>(31 * ny + nx);
-                            if (mask.pixels[a] != 0 && mask.pixels[b] != 0 && label[b] < label[a])
-                                label[a] = label[b], hasChanged = true;
-                        }
-        }
-        ByteImage kept;
-        keep_clusters(mask, 7.0, kept);
-        for (std::size_t i = 0; i < label.size(); ++i)
-            ASSERT_EQ(kept.pixels[i] != 0,
-                      mask.pixels[i] != 0 && std::count_if(label.begin(), label.end(), [&](auto l) {
-                                                 return l == label[i] && mask.pixels[l] != 0;
-                                             }) >= 7);
-    }
+    const std::string picture =  // K is kept, d is dropped
+        "KK....dd....d"
+        "..K..d..d...d"
+        "..K..d..d..dd"
+        "KK..........."
+        "K.....KKK...d"
+        ".....K...K.d."
+        "ddd..K...K..d"
+        "ddd...KKK..dd";
+    ByteImage mask, kept;
+    mask.assign(13, 8);
+    for (std::size_t i = 0; i < picture.size(); ++i) mask.pixels[i] = picture[i] != '.' ? 1 : 0;
+    keep_clusters(mask, 6.5, kept);
+    for (std::size_t i = 0; i < picture.size(); ++i)
+        EXPECT_EQ(kept.pixels[i] != 0, picture[i] == 'K') << i % 13 << ' ' << i / 13;
 }
 
 TEST(ExposureStages, BestOfFive) {
@@ -190,9 +169,8 @@ TEST(Exposure, StatisticsOfImagesThatCanBeCounted) {
     // The region is 2 to 20 and 2 to 16 of the reduced image, 19 x 15 pixels: (86 / 4 - 10 / 4) (70 / 4 - 10 / 4).
     const float area = 19 * 15;
     const auto left = [](int x, int) { return x < 48; };
-    const Pixels half = chequered(20, 180, left, 220),
-                 speck = chequered(
-                     20, 180, [](int x, int y) { return x > 40 && x < 48 && y > 40 && y < 48; }, 20);
+    const auto square = [](int x, int y) { return x > 40 && x < 48 && y > 40 && y < 48; };
+    const Pixels half = chequered(20, 180, left, 220), speck = chequered(20, 180, square, 20);
     struct Case {
         const char* name;
         Pixels image;
@@ -224,11 +202,7 @@ TEST(Exposure, StatisticsOfImagesThatCanBeCounted) {
 
 TEST(Exposure, SeriesAndTheirFailures) {
     Pixels black = even(0), dim = pattern(5, 40), good = pattern(20, 200), bright = pattern(120, 255);
-    const auto raw = [](std::vector<Pixels*> list) {
-        std::vector<unsigned char*> images;
-        for (Pixels* p : list) images.push_back(p != nullptr ? p->data() : nullptr);
-        return images;
-    };
+    unsigned char *const b = black.data(), *const d = dim.data(), *const g = good.data();
     Vector2i size = kSize;
     void* handle = autoexposure_ini(nullptr, size, kWhole, "");
     ASSERT_NE(handle, nullptr);
@@ -241,14 +215,15 @@ TEST(Exposure, SeriesAndTheirFailures) {
     EXPECT_EQ(line_count(printed([&] { EXPECT_EQ(bestexposureindex(handle, best), RET_STATE_ERROR); })), 1);
     EXPECT_EQ(best, 7);
     const Case cases[] = {
-        {raw({&black, &dim, &good, &bright}), RET_SUCCESS, 2, 0},
-        {raw({&good, &black}), RET_SUCCESS, 0, 0},
-        {raw({&black, &black}), RET_SUCCESS, 0, 0},
-        {raw({nullptr, &black, nullptr, &dim}), RET_SUCCESS, 3, 2},
-        {raw({nullptr, &black}), RET_SUCCESS, 0, 1},  // both have no pattern: the empty places' image
-        {raw({nullptr, nullptr}), RET_INPUT_ERROR, -1, 2},
+        {{b, d, g, bright.data()}, RET_SUCCESS, 2, 0},
+        {{g, b}, RET_SUCCESS, 0, 0},
+        {{b, b}, RET_SUCCESS, 0, 0},
+        {{nullptr, b, nullptr, d}, RET_SUCCESS, 3, 2},
+        // Neither has a pattern: the image of the empty places.
+        {{nullptr, b}, RET_SUCCESS, 0, 1},
+        {{nullptr, nullptr}, RET_INPUT_ERROR, -1, 2},
         {{}, RET_INPUT_ERROR, -1, 0},
-        {raw({&dim, &good}), RET_SUCCESS, 1, 0},
+        {{d, g}, RET_SUCCESS, 1, 0},
     };
     for (const Case& c : cases) {
         best = 7;

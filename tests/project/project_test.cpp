@@ -1,6 +1,4 @@
 // Sessions that are saved and go on: right after loading nothing has changed, and later next to nothing.
-#include <set>
-
 #include "fusion/FusionTsdf.h"
 #include "fusion/octreeChecker.h"
 #include "fusion/octreeFile.h"
@@ -64,7 +62,8 @@ TEST(Project, LoadedSessionIsTheSameAndGoesOn) {
 TEST(Project, SavingSaysWhatItDoes) {
     const TinyScene scene;
     Session session(scene.records);
-    std::ofstream out(VexelTest::TemporaryFolder().path().parent_path() / "vexel-project-lines", std::ios::binary);
+    const VexelTest::TemporaryFolder folder;
+    std::ofstream out(folder.path() / "project", std::ios::binary);
     EXPECT_EQ(printed([&] { EXPECT_FALSE(save_project(session, out)); }),
               "save tree prative\nthe max vaild leaf id = -1\nsave leaf data\nleaf.size() 0\nvaildSize = 0\n"
               "output all cloudShow \nResult data has been destory , save fail\n");

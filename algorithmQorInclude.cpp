@@ -14,7 +14,7 @@ void* make_session(const CommonParameter& common, const TrackParmeter& track, co
     print_parameter(common);
     print_parameter(track);
     print_parameter(fusion);
-    if (const auto reason = find_unusable(common, track, fusion)) {
+    if (const auto reason = find_unusable(common, track)) {
         print_line("fusion_and_track_ini: " + *reason);
         print_line("error input");
         return nullptr;

@@ -23,6 +23,13 @@ RetVal choose(autoExposureC& calculator, std::vector<Pixel*> images, int& bestIn
     return measured;
 }
 
+template <class Pixel>
+RetVal choose_on(void* handle, std::vector<Pixel*> images, int& bestIndex) noexcept {
+    return on_handle<autoExposureC, RetVal>(
+        handle, exported("exposureparameter_claculation"), FAILURE,
+        [&](autoExposureC& calculator) { return choose(calculator, std::move(images), bestIndex); });
+}
+
 }  // namespace
 
 void* autoexposure_ini(const unsigned char* refImage, Vector2i& size, const Vector4i& roi,
@@ -34,15 +41,11 @@ void* autoexposure_ini(const unsigned char* refImage, Vector2i& size, const Vect
 }
 
 RetVal exposureparameter_claculation(void* handle, std::vector<unsigned char*> images, int& bestIndex) noexcept {
-    return on_handle<autoExposureC, RetVal>(
-        handle, exported("exposureparameter_claculation"), FAILURE,
-        [&](autoExposureC& calculator) { return choose(calculator, std::move(images), bestIndex); });
+    return choose_on(handle, std::move(images), bestIndex);
 }
 
 RetVal exposureparameter_claculation(void* handle, std::vector<char*> images, int& bestIndex) noexcept {
-    return on_handle<autoExposureC, RetVal>(
-        handle, exported("exposureparameter_claculation"), FAILURE,
-        [&](autoExposureC& calculator) { return choose(calculator, std::move(images), bestIndex); });
+    return choose_on(handle, std::move(images), bestIndex);
 }
 
 RetVal bestexposureindex(void* handle, int& bestIndex) noexcept {

@@ -1,7 +1,6 @@
 #include "exposure/autoExposureC.h"
 
 #include <algorithm>
-#include <chrono>
 #include <cstdint>
 #include <filesystem>
 #include <limits>
@@ -9,6 +8,7 @@
 
 #include "exposure/greyFile.h"
 #include "exposure/patternMask.h"
+#include "foundation/Stopwatch.h"
 #include "foundation/diagnostics.h"
 #include "foundation/handle.h"
 #include "foundation/parallel.h"
@@ -25,18 +25,6 @@ constexpr float GoodLevel = 70.0F;                              // P0 of a regio
 constexpr float WithoutPattern = 5.0F, TooBrightForIt = 15.0F;  // weights of these pixels in P0, beside 1 for each
 // "The best exposed image is:", in the encoding GBK.
 constexpr const char* BestImageText = "\xc6\xd8\xb9\xe2\xd7\xee\xba\xc3\xb5\xc4\xcd\xbc\xc6\xac\xca\xc7:";
-
-class StageTimer {
-public:
-    double lap_ms() {
-        const Clock::time_point now = Clock::now();
-        return std::chrono::duration<double, std::milli>(now - std::exchange(_last, now)).count();
-    }
-
-private:
-    using Clock = std::chrono::steady_clock;
-    Clock::time_point _last = Clock::now();
-};
 
 bool is_usable(const Vector2i& size) {
     return size.minCoeff() >= 1 && size.maxCoeff() <= LargestSide;
@@ -148,7 +136,7 @@ struct autoExposureC::State {
             return RET_INPUT_ERROR;
         }
         const int threads = default_thread_number();
-        StageTimer timer;
+        Stopwatch timer;
         sample_smoothed(image, size.x(), size.y(), kernel, Sampling, threads, sampled);
         mask_pattern(sampled, limits, threads, mask);
         report("Mask calculation", timer);
@@ -161,9 +149,9 @@ struct autoExposureC::State {
         return RET_SUCCESS;
     }
 
-    void report(const char* stage, StageTimer& timer) const {
-        const double milliseconds = timer.lap_ms();
-        if (isDebug) print_line(format_text("%s: %f ms", stage, milliseconds));
+    void report(const char* stage, Stopwatch& timer) const {
+        if (isDebug) print_line(format_text("%s: %f ms", stage, timer.milliseconds()));
+        timer.restart();
     }
 
     void save_images(const unsigned char* image) const {

@@ -3,6 +3,7 @@
 #include <cmath>
 
 #include "foundation/diagnostics.h"
+#include "fusiontrackoperation/refusal.h"
 #include "platform/featureRegistration.h"
 #include "platform/textureTracking.h"
 
@@ -28,8 +29,7 @@ bool is_positive(float value) {
 
 /// True when the setting may be made; otherwise the line that says why not.
 bool is_settable(bool isInRange, const char* function, const char* reason) {
-    if (!isInRange) print_line(format_text("can not run function %s because %s", function, reason));
-    return isInRange;
+    return isInRange || refuse(function, reason);
 }
 
 }  // namespace

@@ -76,9 +76,7 @@ float SessionParameters::normal_reach(float pointDis) const {
     return 3.0F * reach * std::max(pointDis, std::isfinite(common.rawPointDis) ? common.rawPointDis : 0.0F);
 }
 
-std::optional<std::string> find_unusable(const CommonParameter& common, const TrackParmeter& track,
-                                         const FusionParameter& fusion) {
-    (void)fusion;
+std::optional<std::string> find_unusable(const CommonParameter& common, const TrackParmeter& track) {
     if (auto reason = first_about(check_common_parameter(common), {"imageSize", "sample", "campar"})) return reason;
     const Vector2i size = frame_size(common);
     if (std::int64_t{size.x()} * size.y() > MOST_SLOTS) return "imageSize: the image has too many pixels";

@@ -63,9 +63,8 @@ struct SessionParameters {
 };
 
 /// Why no session can be made from the records: field and reason, in one line. What volume and trackers clamp or refuse
-/// by themselves is not among the reasons.
-std::optional<std::string> find_unusable(const CommonParameter& common, const TrackParmeter& track,
-                                         const FusionParameter& fusion);
+/// by themselves is not among the reasons, and so nothing of the `FusionParameter`.
+std::optional<std::string> find_unusable(const CommonParameter& common, const TrackParmeter& track);
 
 /// The settings for records that are usable. Values beyond what the parts can take are replaced by the nearest
 /// permitted one, with one printed line each.

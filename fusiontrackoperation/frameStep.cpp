@@ -2,10 +2,11 @@
 #include <atomic>
 #include <cmath>
 
+#include "foundation/Stopwatch.h"
 #include "foundation/diagnostics.h"
 #include "foundation/handle.h"
 #include "fusiontrackoperation/FusionTrack.h"
-#include "fusiontrackoperation/Stopwatch.h"
+#include "fusiontrackoperation/refusal.h"
 #include "fusiontrackoperation/rigidPose.h"
 
 namespace VexelAlgorithm {
@@ -156,7 +157,7 @@ FrameOutcome FusionTrack::fuse_at(const PointImage& input, const RigidMatrix& po
     if (!has_attributes(input)) return FrameOutcome::MissingAttributes;
     if (!fits_session(input, "fusion")) return FrameOutcome::BadFrame;
     if (!is_rigid(pose)) {
-        print_line("can not run function fusion because the pose is not a rigid motion");
+        refuse("fusion", "the pose is not a rigid motion");
         return FrameOutcome::Failed;
     }
     const PointImage& frame = in_camera_coordinates(input);
@@ -190,7 +191,7 @@ template <class Body>
 FrameOutcome FusionTrack::run_step(const char* function, const Body& body) {
     const SoleUse use(_isStepping);
     if (!use.is_granted()) {
-        print_line(format_text("can not run function %s because the session is busy with another frame", function));
+        refuse(function, "the session is busy with another frame");
         return FrameOutcome::Failed;
     }
     wholeStepTimer.restart();
@@ -219,21 +220,17 @@ void FusionTrack::publish(FrameOutcome outcome) {
 // ---- before the model is there ----------------------------------------------------------------------
 
 bool FusionTrack::fits_session(const PointImage& input, const char* function) const {
-    const auto refuse = [&](const std::string& reason) {
-        print_line(format_text("can not run function %s because %s", function, reason.c_str()));
-        return false;
-    };
     const int width = _parameters.imageSize.x(), height = _parameters.imageSize.y();
-    if (!input.is_legal()) return refuse("the frame's attributes differ in length");
+    if (!input.is_legal()) return refuse(function, "the frame's attributes differ in length");
     if (input.get_image_width() != width || input.get_image_height() != height) {
-        return refuse(format_text("the frame has %d x %d pixels and the session %d x %d", input.get_image_width(),
-                                  input.get_image_height(), width, height));
+        return refuse(function, format_text("the frame has %d x %d pixels and the session %d x %d",
+                                            input.get_image_width(), input.get_image_height(), width, height));
     }
-    if (!Fusion::FusionCone::is_usable(input.get_camPar())) return refuse("the frame's camera is not usable");
+    if (!Fusion::FusionCone::is_usable(input.get_camPar())) return refuse(function, "the frame's camera is not usable");
     if (_modelCamera && !is_same_camera(input.get_camPar(), *_modelCamera)) {
-        return refuse("the frame's camera is not that of the model");
+        return refuse(function, "the frame's camera is not that of the model");
     }
-    if (!is_rigid(input.get_rt())) return refuse("the frame's stored pose is not a rigid motion");
+    if (!is_rigid(input.get_rt())) return refuse(function, "the frame's stored pose is not a rigid motion");
     return true;
 }
 

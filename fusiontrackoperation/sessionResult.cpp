@@ -3,14 +3,15 @@
 #include <filesystem>
 #include <limits>
 
+#include "foundation/Stopwatch.h"
 #include "foundation/diagnostics.h"
 #include "foundation/meshExport.h"
 #include "foundation/parallel.h"
 #include "fusion/meshOptimise.h"
 #include "fusiontrackoperation/FusionTrack.h"
 #include "fusiontrackoperation/OctetSurfaces.h"
-#include "fusiontrackoperation/Stopwatch.h"
 #include "fusiontrackoperation/meshThinning.h"
+#include "fusiontrackoperation/refusal.h"
 
 namespace VexelAlgorithm {
 namespace {
@@ -35,8 +36,8 @@ struct Box {
 RetVal FusionTrack::get_fusion_result(float pointDis, BaseTriMesh& mesh, Parallel parallel) {
     const std::lock_guard<std::mutex> step(_stepMutex);
     if (!(pointDis >= 0.0F) || !std::isfinite(pointDis)) {
-        print_line(format_text("can not run function %s because pointDis is negative or not a number",
-                               parallel == Parallel::Tbb ? "get_fusion_result_tbb" : "get_fusion_result"));
+        refuse(parallel == Parallel::Tbb ? "get_fusion_result_tbb" : "get_fusion_result",
+               "pointDis is negative or not a number");
         return RET_INPUT_ERROR;
     }
     const Stopwatch watch;
@@ -82,7 +83,7 @@ RetVal FusionTrack::get_model_bounding_box(Vector3f& low, Vector3f& high) {
         box.include(own.high);
     });
     if (box.is_empty()) {
-        print_line("can not run function get_model_bounding_box because the model is empty");
+        refuse("get_model_bounding_box", "the model is empty");
         return RET_STATE_ERROR;
     }
     low = box.low;

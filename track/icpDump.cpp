@@ -1,11 +1,11 @@
 // What an ICP iteration worked with, as text for a person to look at.
-#include <exception>
 #include <filesystem>
 #include <ostream>
 
 #include "foundation/Cloud.h"
 #include "foundation/ReplacedFile.h"
 #include "foundation/diagnostics.h"
+#include "foundation/handle.h"
 #include "foundation/meshExport.h"
 #include "track/IcpState.h"
 
@@ -40,17 +40,9 @@ void write_correspondence(std::ostream& out, const CorrPoint& pair, const Corres
     out << c.distance << ' ' << c.mode << ' ' << movingSlot << ' ' << c.pixel << '\n';
 }
 
-/// A dump that cannot be written prints a line and ends nothing.
-template <class Write>
-void guarded(const char* what, const Write& write) {
-    try {
-        write();
-    } catch (const std::exception& failure) {
-        print_line(std::string(what) + " fail because " + failure.what());
-    }
-}
-
 }  // namespace
+
+// A dump that cannot be written prints a line and ends nothing.
 
 void IcpBaseOnCam::State::debug_outpu_data(int iterId) const {
     guarded("debug_outpu_data", [&] {

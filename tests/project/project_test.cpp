@@ -89,7 +89,7 @@ TEST(Project, AFullDiskIsNoticed) {
 }
 #endif
 
-// Written by make_small_project when the form was fixed; to be read for ever.
+// Saved from the tiny scene when the form was fixed, with fusion() at the poses of its scan; to be read for ever.
 TEST(Project, TheFirstProjectStillOpens) {
     const std::string bytes = VexelTest::bytes_of(VEXEL_SMALL_PROJECT);
     const ProjectLayout layout(bytes);

@@ -9,32 +9,17 @@ namespace {
 
 std::atomic<std::size_t> largest{0};  // bytes of the largest allocation since it was set to zero
 
-void* allocate(std::size_t bytes) {
+}  // namespace
+
+// All other forms end in these two.
+void* operator new(std::size_t bytes) {
     std::size_t seen = largest;
     while (bytes > seen && !largest.compare_exchange_weak(seen, bytes)) {
     }
     if (void* memory = std::malloc(bytes)) return memory;
     throw std::bad_alloc();
 }
-
-}  // namespace
-
-void* operator new(std::size_t bytes) {
-    return allocate(bytes);
-}
-void* operator new[](std::size_t bytes) {
-    return allocate(bytes);
-}
 void operator delete(void* memory) noexcept {
-    std::free(memory);
-}
-void operator delete[](void* memory) noexcept {
-    std::free(memory);
-}
-void operator delete(void* memory, std::size_t) noexcept {
-    std::free(memory);
-}
-void operator delete[](void* memory, std::size_t) noexcept {
     std::free(memory);
 }
 

@@ -78,16 +78,6 @@ TEST(VirtualSequence, JumpsWithinTheParticlesReachAreTracked) {
     }
 }
 
-TEST(VirtualSequence, TheJumpOfASequenceIsTracked) {
-    const Scan scan = object_scan("jump");
-    Session session(scan.records);
-    for (int i = 10; i < 30; ++i) {
-        ASSERT_TRUE(session.step(scan.frame(i))) << i;
-        const RigidMatrix truth = scan.sequence.poses[10].inverse() * scan.sequence.poses[static_cast<std::size_t>(i)];
-        EXPECT_LT(pose_error(truth, get_current_rt(session)).x(), 1.0) << i;
-    }
-}
-
 TEST(VirtualSequence, ABlackOutChangesNothingAndTheScanGoesOn) {
     const Scan scan = object_scan("black_out");
     Session session(scan.records);

@@ -25,6 +25,7 @@ void* make_session(const CommonParameter& common, const TrackParmeter& track, co
         print_line("error input");
         return nullptr;
     }
+    session->recorder().begin({common, track, fusion, texture != nullptr ? std::optional(*texture) : std::nullopt});
     return session.release();
 }
 
@@ -234,6 +235,13 @@ bool save_project(void* handle, std::ofstream& file) noexcept {
 bool read_project(void* handle, std::ifstream& file) noexcept {
     return on_handle<FusionTrack, bool>(handle, {"read_project", null_text::SESSION}, {false, false},
                                         [&](FusionTrack& session) { return session.read_project(file); });
+}
+
+RetVal edit_testbug_write(void* handle) noexcept {
+    return on_session(handle, "edit_testbug_write", [](FusionTrack& session) {
+        session.recorder().write_edit();
+        return RET_SUCCESS;
+    });
 }
 
 void set_fusion_success_call_back(void* handle, FusionSuccessCallBack callback) noexcept {

@@ -33,6 +33,7 @@
 #include "foundation/Cloud.h"
 #include "foundation/CloudWithWeight.h"
 #include "foundation/CommonParameter.h"
+#include "foundation/DataArchiveConfig.h"
 #include "foundation/FusionParameter.h"
 #include "foundation/PointImage.h"
 #include "foundation/RetVal.h"
@@ -206,5 +207,14 @@ VEXEL_API void set_illegal_input_call_back(void* handle, IllegalInputCallBack ca
 /// trackers. The bool means nothing. Null handle: "cant not run function named shoule_we_debug_fusion because pTemp ==
 /// NULL " without a line end.
 VEXEL_API RetVal shoule_we_debug_fusion(void* handle, bool ignored, int level) noexcept;
+
+// Debug recording. While both flags of `DataArchiveConfig::global()` are set, a session writes what it was made from,
+// each frame before its step and what came of it after, changed settings and edits to a file of its own in the store
+// directory, announced with "Opened testbug file: " and its name. When a file cannot be written, one line says so and
+// the scan goes on without. `vexel-scan replay` lists and replays such files; docs/debug-recording.md tells their form.
+
+/// Writes the last edit operation to the recording, if it is not there yet; a second call writes nothing. Does nothing
+/// while the session does not record.
+VEXEL_API RetVal edit_testbug_write(void* handle) noexcept;
 
 }  // namespace VexelAlgorithm

@@ -1,5 +1,5 @@
-// Saving and loading a project of some five million leaves, through the handle; files in the temporary folder, so with
-// a warm cache.
+// Saving and loading a project of some five million leaves, through the handle, and recording frames for debugging;
+// files in the temporary folder, so with a warm cache.
 #include <benchmark/benchmark.h>
 
 #include <algorithm>
@@ -10,6 +10,7 @@
 #include "algorithmQorInclude.h"
 #include "apps/peakMemory.h"
 #include "bench/Stopwatch.h"
+#include "fusiontrackoperation/SessionRecorder.h"
 
 namespace {
 
@@ -124,9 +125,39 @@ void project_load(benchmark::State& state) {
     std::filesystem::remove(project_path());
 }
 
+/// What debug recording adds to the step of a frame whose slots are all filled.
+void debug_recording(benchmark::State& state) {
+    DataArchiveConfig& config = DataArchiveConfig::global();
+    config.set_store_directory(std::filesystem::temp_directory_path().string());
+    config.set_name_prefix("vexel_project_bench");
+    config.set_archive_enabled(true);
+    config.set_testbug_enabled(true);
+    const std::filesystem::path file = std::filesystem::temp_directory_path() / "vexel_project_bench-000001.tb";
+    std::filesystem::remove(file);
+    const PointImage frame = waved_frame();
+    TimeSum sum;
+    {
+        SessionRecorder recorder;
+        recorder.begin({common_parameter(), TrackParmeter(), fusion_parameter(), std::nullopt, 0});
+        for (auto _ : state) {
+            const Stopwatch watch;
+            recorder.frame_given("fusion_and_track", FrameArguments(), frame, 0);
+            recorder.frame_done(FrameResult());
+            sum += watch.sum();
+        }
+    }
+    config.set_testbug_enabled(false);
+    const auto times = static_cast<double>(state.iterations());
+    state.counters["ms"] = sum.wall / Milli / times;
+    state.counters["cpu_ms"] = sum.cpu / Milli / times;
+    state.counters["MB_per_frame"] = static_cast<double>(std::filesystem::file_size(file)) / 1e6 / times;
+    std::filesystem::remove(file);
+}
+
 // Loading reads what saving has written.
 BENCHMARK(project_save)->Unit(benchmark::kMillisecond)->Iterations(5);
 BENCHMARK(project_load)->Unit(benchmark::kMillisecond)->Iterations(5);
+BENCHMARK(debug_recording)->Unit(benchmark::kMillisecond)->Iterations(20);
 
 }  // namespace
 

@@ -15,8 +15,8 @@ using DiagnosticsCallBack = void (*)(const char* line, std::size_t length, void*
 /// output; null, as at first, restores standard output. It is one function for the whole process. May be called at any
 /// time from any thread, also from inside the function.
 ///
-/// The function is called by one thread at a time, so that lines never mix, and the lines of one call into the library
-/// come together and in order. They come when that call is about to return, on the thread that made it, and no lock of
+/// The function is called by one thread at a time, so that lines never mix, and the lines that a thread prints in one call
+/// into the library come together and in order. They come when that call is about to return, on the thread that made it, and no lock of
 /// the library is held then: the function may call whatever it likes, also on the handle that printed. A thread that
 /// finds another one inside the function leaves its lines to that one and goes on; so nobody waits for anybody.
 ///

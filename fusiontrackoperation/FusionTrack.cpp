@@ -101,6 +101,11 @@ FusionScanState FusionTrack::get_fusion_scan_state() const {
 
 // ---- settings ---------------------------------------------------------------------------------------
 
+RetVal FusionTrack::settled(const char* function, std::initializer_list<double> values) {
+    _recorder.setting_changed(function, values);
+    return RET_SUCCESS;
+}
+
 RetVal FusionTrack::reset_point_dis(float pointDis) {
     const std::lock_guard<std::mutex> step(_stepMutex);
     if (!is_settable(is_positive(pointDis), "reset_Point_dis", "pointDis is not a positive number")) {
@@ -110,7 +115,7 @@ RetVal FusionTrack::reset_point_dis(float pointDis) {
     const std::lock_guard<std::mutex> outer(_outerMutex);
     const std::lock_guard<std::mutex> inner(_innerMutex);
     _volume.set_point_dis(pointDis);
-    return RET_SUCCESS;
+    return settled("reset_Point_dis", {pointDis});
 }
 
 RetVal FusionTrack::reset_icp_dis_thread(float icpDisThread) {
@@ -118,14 +123,14 @@ RetVal FusionTrack::reset_icp_dis_thread(float icpDisThread) {
         return RET_INPUT_ERROR;
     }
     _pIcp->set_disAvgThread(icpDisThread);
-    return RET_SUCCESS;
+    return settled("reset_icpDisThread", {icpDisThread});
 }
 
 RetVal FusionTrack::reset_rata_ray(const Vector2f& rata) {
     const bool isInRange = rata.x() >= 0.0F && rata.y() >= 0.0F && rata.x() < 1.0F && rata.y() < 1.0F;
     if (!is_settable(isInRange, "reset_rata_ray", "a share is not at least 0 and below 1")) return RET_INPUT_ERROR;
     _pIcp->set_rata(rata);
-    return RET_SUCCESS;
+    return settled("reset_rata_ray", {rata.x(), rata.y()});
 }
 
 RetVal FusionTrack::set_icp_stable_threshold(float threshold) {
@@ -134,7 +139,7 @@ RetVal FusionTrack::set_icp_stable_threshold(float threshold) {
         return RET_INPUT_ERROR;
     }
     _pIcp->set_icpStableThreadhold(threshold);
-    return RET_SUCCESS;
+    return settled("set_icpStableThreadhold", {threshold});
 }
 
 RetVal FusionTrack::set_icp_keep_ratio(const Vector2f& keepRatio) {
@@ -142,7 +147,7 @@ RetVal FusionTrack::set_icp_keep_ratio(const Vector2f& keepRatio) {
     const bool isInRange = keepRatio.x() > 0.0F && keepRatio.y() > 0.0F && keepRatio.x() < 1.0F && keepRatio.y() < 1.0F;
     if (!is_settable(isInRange, "set_icpKeepRatio", "a share is not above 0 and below 1")) return RET_INPUT_ERROR;
     _pIcp->set_corrRatio(keepRatio);
-    return RET_SUCCESS;
+    return settled("set_icpKeepRatio", {keepRatio.x(), keepRatio.y()});
 }
 
 RetVal FusionTrack::set_track_speed_threshold(float lineSpeed, float angularSpeed) {
@@ -153,7 +158,7 @@ RetVal FusionTrack::set_track_speed_threshold(float lineSpeed, float angularSpee
     }
     _lineSpeedLimit = lineSpeed;
     _angularSpeedLimit = angularSpeed;
-    return RET_SUCCESS;
+    return settled("set_track_speed_threshold", {lineSpeed, angularSpeed});
 }
 
 RetVal FusionTrack::set_fusion_range(int fusionRange) {
@@ -165,7 +170,7 @@ RetVal FusionTrack::set_fusion_range(int fusionRange) {
     const std::lock_guard<std::mutex> outer(_outerMutex);
     const std::lock_guard<std::mutex> inner(_innerMutex);
     _volume.set_fusionRange(fusionRange);
-    return RET_SUCCESS;
+    return settled("fusion_set_fusionrange", {static_cast<double>(fusionRange)});
 }
 
 RetVal FusionTrack::set_campar(const CameraInParam& campar) {
@@ -183,7 +188,7 @@ RetVal FusionTrack::set_campar(const CameraInParam& campar) {
         _volume.modify_smooth_and_fusionrange(_volume.get_smooth_threshold(), _volume.get_fusionRange());
     }
     if (!is_model_empty()) render_prediction(get_current_rt(), false);
-    return RET_SUCCESS;
+    return settled("set_campar", {campar.get_fx(), campar.get_fy(), campar.get_cx(), campar.get_cy()});
 }
 
 RetVal FusionTrack::set_tree_shift(const Vector3f& shift) {
@@ -193,7 +198,7 @@ RetVal FusionTrack::set_tree_shift(const Vector3f& shift) {
     const std::lock_guard<std::mutex> outer(_outerMutex);
     const std::lock_guard<std::mutex> inner(_innerMutex);
     _volume.set_shift(shift);
-    return RET_SUCCESS;
+    return settled("set_treeShift", {shift.x(), shift.y(), shift.z()});
 }
 
 Vector3f FusionTrack::get_tree_shift() const {
@@ -252,6 +257,7 @@ RetVal FusionTrack::reset(bool withTexture) {
     const std::lock_guard<std::mutex> step(_stepMutex);
     forget_model();
     forget_last_frame(0);
+    _recorder.model_replaced(withTexture ? "fusion_reset" : "fusion_reset_withoutTex");
     if (!withTexture || _textureTracker == nullptr || vexel_sfm::tbt_reset(_textureTracker)) return RET_SUCCESS;
     print_line("fusion_reset failed: the texture tracker can not be reset");
     return RET_RUN_FAIL;
@@ -260,6 +266,7 @@ RetVal FusionTrack::reset(bool withTexture) {
 RetVal FusionTrack::reset_tree() {
     const std::lock_guard<std::mutex> step(_stepMutex);
     forget_model();
+    _recorder.model_replaced("fusion_tree_reset");
     return RET_SUCCESS;
 }
 

@@ -3,6 +3,7 @@
 
 #include <atomic>
 #include <fstream>
+#include <initializer_list>
 #include <memory>
 #include <mutex>
 #include <optional>
@@ -13,22 +14,17 @@
 #include "foundation/PointImage.h"
 #include "foundation/RetVal.h"
 #include "foundation/RigidMatrix.h"
-#include "foundation/TextureParam.h"
 #include "fusion/rayCast.h"
 #include "fusiontrackoperation/DisplayData.h"
 #include "fusiontrackoperation/FusionScanState.h"
 #include "fusiontrackoperation/SessionParameters.h"
+#include "fusiontrackoperation/SessionRecorder.h"
+#include "fusiontrackoperation/TextureSetup.h"
 #include "fusiontrackoperation/sessionCallbacks.h"
 #include "track/IcpBaseOnCam.h"
 #include "track/ParticleTrack.h"
 
 namespace VexelAlgorithm {
-
-/// What texture tracking is made from: the record, and the motion from left to texture camera coordinates.
-struct TextureSetup {
-    TextureParam record;
-    RigidMatrix leftToTexture;
-};
 
 /// One scan. The exported functions of `algorithmQorInclude.h` describe what each operation does.
 ///
@@ -104,9 +100,13 @@ public:
     /// damaged behind that leaves it as after `reset_tree`.
     bool read_project(std::ifstream& in);
 
+    /// Debug recording. Functions that edit hand it what they did.
+    SessionRecorder& recorder() { return _recorder; }
+
 private:
     /// What a frame step is asked for and what it answers; see `frame_step`.
     struct StepArguments {
+        RigidMatrix pose;     ///< of a frame that is not tracked
         bool mayFuse = true;  ///< false: only track
         bool fuseFlag = true;
         int contribution = 0;
@@ -116,10 +116,13 @@ private:
     };
 
     FrameOutcome track_and_fuse(const char* function, const PointImage& input, StepArguments& arguments);
-    FrameOutcome fuse_at(const PointImage& input, const RigidMatrix& pose, int& elapsedMicroseconds);
-    /// Runs `body`, which gives the outcome, as the only step, and publishes the scan state.
+    FrameOutcome fuse_at(const PointImage& input, StepArguments& arguments);
+    /// Runs `body`, which gives the outcome, as the only step, publishes the scan state and records it all.
     template <class Body>
-    FrameOutcome run_step(const char* function, const Body& body);
+    FrameOutcome run_step(const char* function, const PointImage& input, StepArguments& arguments, const Body& body);
+    void record_given(const char* function, const PointImage& input, const StepArguments& arguments);
+    void record_done(const StepArguments& arguments);
+    int accepted_frames() const;
     void publish(FrameOutcome outcome);
 
     // The stages of a step, in its order.
@@ -145,6 +148,8 @@ private:
     void render_prediction(const RigidMatrix& pose, bool guided);
 
     void initialise_images();
+    /// A setting was changed by the exported function of that name.
+    RetVal settled(const char* function, std::initializer_list<double> values);
     void forget_model();
     void forget_last_frame(int acceptedFrames);
     bool read_model(std::ifstream& in, const Vector3f& shift);
@@ -186,9 +191,7 @@ private:
     IllegalInputCallBack _onIllegalInput = nullptr;
     std::atomic<int> _debugLevel;
 
-    // Names under which debug recording files what a session fuses and edits.
-    std::string _fusionDataProperty = "AccumalateFusionData";
-    std::string _editDataProperty = "AccumalateFusionEditData";
+    SessionRecorder _recorder;  // has a lock of its own, behind all others
 
     std::atomic<bool> _isStepping{false};
     mutable std::mutex _stepMutex;

@@ -133,8 +133,8 @@ bool FusionTrack::frame_step(const PointImage& input, int& elapsedMicroseconds, 
     arguments.contribution = contribution;
     arguments.frameTimeGap = frameTimeGap;
     arguments.speedState = speedState;
-    const FrameOutcome outcome =
-        run_step("fusion_and_track", [&] { return track_and_fuse("fusion_and_track", input, arguments); });
+    const FrameOutcome outcome = run_step("fusion_and_track", input, arguments,
+                                          [&] { return track_and_fuse("fusion_and_track", input, arguments); });
     contribution = arguments.contribution;
     speedState = arguments.speedState;
     if (arguments.elapsedMicroseconds >= 0) elapsedMicroseconds = arguments.elapsedMicroseconds;
@@ -148,12 +148,14 @@ bool FusionTrack::frame_step(const PointImage& input, int& elapsedMicroseconds, 
 bool FusionTrack::track(const PointImage& input, int& elapsedMicroseconds) {
     StepArguments arguments;
     arguments.mayFuse = false;
-    const FrameOutcome outcome = run_step("track", [&] { return track_and_fuse("track", input, arguments); });
+    const FrameOutcome outcome =
+        run_step("track", input, arguments, [&] { return track_and_fuse("track", input, arguments); });
     if (arguments.elapsedMicroseconds >= 0) elapsedMicroseconds = arguments.elapsedMicroseconds;
     return is_accepted(outcome);
 }
 
-FrameOutcome FusionTrack::fuse_at(const PointImage& input, const RigidMatrix& pose, int& elapsedMicroseconds) {
+FrameOutcome FusionTrack::fuse_at(const PointImage& input, StepArguments& arguments) {
+    const RigidMatrix& pose = arguments.pose;
     if (!has_attributes(input)) return FrameOutcome::MissingAttributes;
     if (!fits_session(input, "fusion")) return FrameOutcome::BadFrame;
     if (!is_rigid(pose)) {
@@ -177,18 +179,23 @@ FrameOutcome FusionTrack::fuse_at(const PointImage& input, const RigidMatrix& po
     empty_prediction(frame);
     update_after_fusion();
     render_prediction(get_current_rt(), true);
-    elapsedMicroseconds = wholeStepTimer.microseconds();
+    arguments.elapsedMicroseconds = wholeStepTimer.microseconds();
     return isFirst ? FrameOutcome::FirstFrame : FrameOutcome::Fused;
 }
 
 bool FusionTrack::fusion(const PointImage& input, const RigidMatrix& pose, int& elapsedMicroseconds) {
-    return is_accepted(run_step("fusion", [&] { return fuse_at(input, pose, elapsedMicroseconds); }));
+    StepArguments arguments;
+    arguments.pose = pose;
+    const FrameOutcome outcome = run_step("fusion", input, arguments, [&] { return fuse_at(input, arguments); });
+    if (arguments.elapsedMicroseconds >= 0) elapsedMicroseconds = arguments.elapsedMicroseconds;
+    return is_accepted(outcome);
 }
 
 // ---- around a step ----------------------------------------------------------------------------------
 
 template <class Body>
-FrameOutcome FusionTrack::run_step(const char* function, const Body& body) {
+FrameOutcome FusionTrack::run_step(const char* function, const PointImage& input, StepArguments& arguments,
+                                   const Body& body) {
     const SoleUse use(_isStepping);
     if (!use.is_granted()) {
         refuse(function, "the session is busy with another frame");
@@ -196,22 +203,40 @@ FrameOutcome FusionTrack::run_step(const char* function, const Body& body) {
     }
     wholeStepTimer.restart();
     const std::lock_guard<std::mutex> step(_stepMutex);
+    record_given(function, input, arguments);
     const RigidMatrix relative = _stepState.relative;
     _stepState = FusionScanState();
     _stepState.relative = relative;
     const FrameOutcome outcome = guarded<FrameOutcome>(function, FrameOutcome::Failed, body);
     publish(outcome);
+    record_done(arguments);
     return outcome;
+}
+
+void FusionTrack::record_given(const char* function, const PointImage& input, const StepArguments& arguments) {
+    if (!_recorder.is_wanted()) return;
+    _recorder.frame_given(
+        function,
+        {arguments.fuseFlag, arguments.contribution, arguments.frameTimeGap, arguments.speedState, arguments.pose},
+        input, accepted_frames());
+    wholeStepTimer.restart();  // the times of the step are its own
+}
+
+void FusionTrack::record_done(const StepArguments& arguments) {
+    if (!_recorder.is_wanted()) return;
+    _recorder.frame_done({_stepState, get_current_rt(), arguments.contribution, arguments.speedState});
+}
+
+int FusionTrack::accepted_frames() const {
+    const std::lock_guard<std::mutex> poses(_poseMutex);
+    return is_model_empty() ? 0 : static_cast<int>(_poses.size());
 }
 
 void FusionTrack::publish(FrameOutcome outcome) {
     _stepState.outcome = outcome;
     _stepState.isLost = !is_accepted(outcome) && !is_model_empty();
     _stepState.times.whole = wholeStepTimer.milliseconds();
-    {
-        const std::lock_guard<std::mutex> poses(_poseMutex);
-        _stepState.acceptedFrames = is_model_empty() ? 0 : static_cast<int>(_poses.size());
-    }
+    _stepState.acceptedFrames = accepted_frames();
     if (_debugLevel > 0) print_times(_stepState.times);
     const std::lock_guard<std::mutex> state(_stateMutex);
     _state = _stepState;

@@ -31,6 +31,7 @@ bool FusionTrack::read_project(std::ifstream& in) {
     });
     // Half a model would be worse than none.
     if (!isRead) forget_model();
+    _recorder.model_replaced(isRead ? "read_project" : "fusion_tree_reset");
     return isRead;
 }
 

@@ -1,0 +1,391 @@
+// What sessions record for debugging: all of it, bit by bit, and never to the harm of the scan.
+#include <algorithm>
+#include <cstring>
+
+#include "foundation/diagnostics.h"
+#include "fusiontrackoperation/DebugRecordReader.h"
+#include "fusiontrackoperation/FusionTrack.h"
+#include "tests/apps/TemporaryFolder.h"
+#include "tests/session/sessionScenes.h"
+
+#if defined(__linux__)
+#    include <sys/resource.h>
+
+#    include <csignal>
+#endif
+
+namespace VexelAlgorithm {
+namespace {
+
+namespace fs = std::filesystem;
+using Read = DebugRecordReader::Read;
+using VexelTest::bytes_of;
+
+DataArchiveConfig& config() {
+    return DataArchiveConfig::global();
+}
+
+void set_recording(bool on) {
+    config().set_archive_enabled(on);
+    config().set_testbug_enabled(on);
+}
+
+struct Recorded {
+    std::vector<DebugRecord> records;
+    Read end = Read::Damaged;
+    std::string names() const {
+        std::string all;
+        for (const DebugRecord& record : records) all += record.name + ' ';
+        return all;
+    }
+    template <class Content>
+    std::vector<Content> all() const {
+        std::vector<Content> found;
+        for (const DebugRecord& record : records) {
+            if (const auto* content = std::get_if<Content>(&record.content)) found.push_back(*content);
+        }
+        return found;
+    }
+};
+
+Recorded read(const std::string& bytes) {
+    std::istringstream in(bytes);
+    DebugRecordReader reader(in);
+    Recorded recorded;
+    if (reader.read_header()) return recorded;
+    for (DebugRecord record; (recorded.end = reader.next(record)) == Read::Record;) recorded.records.push_back(record);
+    return recorded;
+}
+
+std::string archive(const PointImage& frame) {
+    std::ostringstream out;
+    frame.write_archive(out);
+    return out.str();
+}
+
+/// Frames of 12 x 10 slots, and a session that takes those with enough points.
+class DebugRecording : public testing::Test {
+protected:
+    DebugRecording() {
+        config().set_store_directory(folder.path().string());
+        records.common.imageSize = {12, 10};
+        records.common.campar = {60, 60, 5.5, 4.5};
+        records.common.sample = 1;
+        records.common.outputPath = "there";
+        records.fusion.pointDis = 20.0F;
+        records.fusion.treeDepth = 10;
+        records.fusion.codeNumSet = 1;
+        set_recording(true);
+    }
+    ~DebugRecording() override {
+        set_recording(false);
+        config().set_store_directory("");
+        config().set_name_prefix("testbug");
+    }
+    fs::path file(int number = 1) const { return folder.path() / format_text("testbug-%06d.tb", number); }
+    std::size_t files() const {
+        return static_cast<std::size_t>(std::distance(fs::directory_iterator(folder.path()), fs::directory_iterator()));
+    }
+    PointImage frame(int filled = 12) const {
+        PointImage image;
+        image.enable_vNormal();
+        image.enable_vWeight();
+        image.enable_vFlag();
+        image.ini(12, 10, records.common.campar, 1, Vector2f::Zero());
+        for (int i = 0; i < filled; ++i) {
+            const auto slot = static_cast<std::size_t>(7 * i % 120);
+            image.set_vCoord(slot, {0.5F * static_cast<float>(i), 1.0F, 300.0F});
+            image.set_vNrv(slot, {0.0F, 0.0F, -1.0F});
+            image.set_vWeight(slot, 1.0F);
+        }
+        return image;
+    }
+    static void give(void* session, const PointImage& image) {
+        int microseconds = 0;
+        printed([&] { fusion_and_track(session, image, microseconds); });
+    }
+    /// Some of every kind.
+    std::string recording() {
+        {
+            Session session(records);
+            give(session, frame());
+            set_icpKeepRatio(session, {0.5F, 0.75F});
+            auto& recorder = static_cast<FusionTrack*>(static_cast<void*>(session))->recorder();
+            recorder.edit({"delete_selected_point", {{{1, 2, 3}}, {4, 5}}, {RigidMatrix()}});
+        }
+        return bytes_of(file());
+    }
+
+    VexelTest::TemporaryFolder folder;
+    Records records;
+};
+
+TEST_F(DebugRecording, HoldsWhatTheSessionWasGivenAndWhatCameOfIt) {
+    const Scan scan("smooth");
+    const RigidMatrix aside(Matrix3d::Identity(), {1.0, 0.0, 0.0});
+    PointImage black = scan.frame(2);
+    black.setZero();
+    std::vector<PointImage> frames{scan.frame(0), scan.frame(1), black, scan.frame(2), scan.frame(3), scan.frame(0)};
+    std::vector<FusionScanState> states;
+    std::vector<RigidMatrix> poses;
+    int contribution = 7, speedState = 0;
+    const std::string lines = printed([&] {
+        void* session = fusion_and_track_ini(scan.records.common, scan.records.track, scan.records.fusion);
+        int microseconds = 0;
+        bool fuse = false;
+        const auto done = [&] {
+            states.emplace_back();
+            get_fusion_scan_state(session, states.back());
+            poses.push_back(get_current_rt(session));
+        };
+        fusion_and_track(session, frames[0], microseconds), done();
+        reset_icpDisThread(session, 0.45F);
+        reset_icpDisThread(session, -1.0F);  // refused
+        fusion_and_track_with_speed_limit(session, frames[1], microseconds, fuse, contribution, 40, speedState), done();
+        track(session, frames[2], microseconds), done();
+        track(session, frames[3], microseconds), done();
+        fusion(session, frames[4], aside, microseconds), done();
+        fusion_reset(session);
+        fusion_and_track(session, frames[5], microseconds), done();
+        fusiontrack_release(session);
+    });
+    EXPECT_NE(lines.find("Opened testbug file: " + file().string() + "\n"), std::string::npos);
+
+    const Recorded recorded = read(bytes_of(file()));
+    EXPECT_EQ(recorded.end, Read::End);
+    EXPECT_EQ(recorded.names(),
+              "fusion_and_track_ini fusion_and_track result reset_icpDisThread fusion_and_track result track result "
+              "track result fusion result fusion_reset fusion_and_track result fusiontrack_release ");
+    const SessionStart start = recorded.all<SessionStart>().at(0);
+    EXPECT_EQ(printed([&] { print_parameter(start.common); }), printed([&] { print_parameter(scan.records.common); }));
+    EXPECT_EQ(printed([&] { print_parameter(start.track); }), printed([&] { print_parameter(scan.records.track); }));
+    EXPECT_EQ(printed([&] { print_parameter(start.fusion); }), printed([&] { print_parameter(scan.records.fusion); }));
+    EXPECT_FALSE(start.texture);
+    const auto calls = recorded.all<FrameCall>();
+    const auto results = recorded.all<FrameResult>();
+    ASSERT_EQ(calls.size(), frames.size());
+    ASSERT_EQ(results.size(), frames.size());
+    for (std::size_t i = 0; i < frames.size(); ++i) {
+        EXPECT_TRUE(archive(calls[i].frame.unpacked()) == archive(frames[i])) << i;
+        EXPECT_EQ(results[i].state.outcome, states[i].outcome) << i;
+        EXPECT_EQ(results[i].state.correspondences, states[i].correspondences) << i;
+        EXPECT_EQ(results[i].state.acceptedFrames, states[i].acceptedFrames) << i;
+        EXPECT_EQ(results[i].pose.get_rotation(), poses[i].get_rotation()) << i;
+        EXPECT_EQ(results[i].pose.get_translation(), poses[i].get_translation()) << i;
+    }
+    EXPECT_FALSE(calls[1].arguments.fuseFlag);
+    EXPECT_EQ(calls[1].arguments.contribution, 7);
+    EXPECT_EQ(calls[1].arguments.frameTimeGap, 40);
+    EXPECT_EQ(calls[1].arguments.speedState, 0);
+    EXPECT_EQ(results[1].contribution, contribution);
+    EXPECT_EQ(results[1].speedState, 1);
+    EXPECT_EQ(calls[4].arguments.pose.get_translation(), aside.get_translation());
+    EXPECT_EQ(recorded.all<SettingChange>().at(0).values, std::vector<double>{static_cast<double>(0.45F)});
+}
+
+TEST_F(DebugRecording, FramesLoseNothing) {
+    PointImage strange = frame();
+    strange.set_vCoord(50, {kNaN, 0.0F, 0.0F});
+    strange.set_vNrv(51, {0.0F, -0.0F, 0.0F});
+    strange.get_vFlag(52).bits = 4;
+    strange.set_vWeight(119, -1.0F);
+    PointImage coloured = frame();
+    coloured.enable_vColor();
+    coloured.set_vColor(3, {0.1F, 0.2F, 0.3F});
+    coloured.rigid_transformation({Matrix3d::Identity(), {1.0, 2.0, 3.0}});
+    PointImage bare;
+    bare.ini(12, 10, records.common.campar, 3, {0.5F, -0.5F});
+    PointImage small = frame();
+    small.ini(3, 2);
+    PointImage none, illegal = frame();
+    illegal.set_vWeights({1.0F});
+    const std::vector<const PointImage*> frames{&strange, &coloured, &bare, &small, &none};
+    {
+        Session session(records);
+        for (const PointImage* image : frames) give(session, *image);
+        give(session, illegal);
+    }
+    const auto calls = read(bytes_of(file())).all<FrameCall>();
+    ASSERT_EQ(calls.size(), frames.size() + 1);
+    for (std::size_t i = 0; i < frames.size(); ++i) {
+        EXPECT_TRUE(archive(calls[i].frame.unpacked()) == archive(*frames[i])) << i;
+    }
+    EXPECT_FALSE(calls.back().frame.isLegal);
+}
+
+TEST_F(DebugRecording, AnEditIsWrittenOnce) {
+    const EditRecord first{"delete_single_frame_point_tbb", {{{1, 2, 3}, {4, 5, 6}}, {7}}, {RigidMatrix()}};
+    const EditRecord second{"delete_selected_point", {{}, {8, 9}}, {}};
+    const std::string start = "fusion_and_track_ini ", one = first.name + ' ', two = second.name + ' ';
+    {
+        Session session(records);
+        auto& recorder = static_cast<FusionTrack*>(static_cast<void*>(session))->recorder();
+        const auto names = [&] { return read(bytes_of(file())).names(); };
+        EXPECT_EQ(edit_testbug_write(session), RET_SUCCESS);
+        EXPECT_EQ(names(), start);
+        recorder.edit(first);
+        EXPECT_EQ(names(), start) << "it waits";
+        config().set_testbug_enabled(false);
+        edit_testbug_write(session);
+        EXPECT_EQ(names(), start) << "one flag is not enough";
+        config().set_testbug_enabled(true);
+        for (int i = 0; i < 2; ++i) {
+            EXPECT_EQ(edit_testbug_write(session), RET_SUCCESS);
+            EXPECT_EQ(names(), start + one);
+        }
+        recorder.edit(second);
+        recorder.edit(first);
+        EXPECT_EQ(names(), start + one + two) << "in their order";
+        give(session, frame());
+        edit_testbug_write(session);
+        EXPECT_EQ(names(), start + one + two + one + "fusion_and_track result ");
+        recorder.edit(second);
+    }
+    const Recorded recorded = read(bytes_of(file()));
+    EXPECT_EQ(recorded.names(), start + one + two + one + "fusion_and_track result " + two + "fusiontrack_release ");
+    const EditRecord found = recorded.all<EditRecord>().at(0);
+    EXPECT_EQ(recorded.records[1].property, "AccumalateFusionEditData");
+    EXPECT_EQ(recorded.records[1].entries.at(0).name, "datas");
+    EXPECT_EQ(recorded.records[1].entries.at(1).name, "rts");
+    EXPECT_EQ(found.datas.points, first.datas.points);
+    EXPECT_EQ(found.datas.ids, first.datas.ids);
+    EXPECT_EQ(found.rts.size(), 1U);
+    EXPECT_EQ(printed([] { EXPECT_EQ(edit_testbug_write(nullptr), RET_INI_ERROR); }),
+              "can not run function edit_testbug_write because pFusionTrack = NULL\n");
+}
+
+TEST_F(DebugRecording, OnlyWhileBothFlagsAreSet) {
+    for (const bool first : {false, true}) {
+        config().set_archive_enabled(first);
+        config().set_testbug_enabled(false);
+        Session session(records);
+        give(session, frame());
+        config().set_archive_enabled(false);
+        config().set_testbug_enabled(first);
+        give(session, frame());
+        edit_testbug_write(session);
+    }
+    EXPECT_EQ(files(), 0U);
+
+    // Asked for in the middle of a scan, and again after a pause.
+    Scan scan("smooth", 80);
+    Session session(scan.records);
+    set_icpKeepRatio(session, {0.5F, 0.6F});
+    set_icpKeepRatio(session, {0.5F, 0.75F});
+    EXPECT_TRUE(session.step(scan.frame(0)));
+    for (int number = 1; number < 3; ++number) {
+        set_recording(true);
+        session.step(scan.frame(number));
+        set_recording(false);
+        session.step(scan.frame(number));
+    }
+    EXPECT_EQ(files(), 2U);
+    for (int number = 1; number < 3; ++number) {
+        const Recorded recorded = read(bytes_of(file(number)));
+        EXPECT_EQ(recorded.names(), "fusion_and_track_ini set_icpKeepRatio fusion_and_track result ");
+        EXPECT_EQ(recorded.all<SessionStart>().at(0).acceptedFrames, 2 * number - 1);
+        EXPECT_EQ(recorded.all<SettingChange>().at(0).values, (std::vector<double>{0.5, 0.75}));
+    }
+}
+
+TEST_F(DebugRecording, FilesAreNumberedByPrefix) {
+    for (const char* name : {"testbug-000041.tb", "testbug-000099.txt", "testbug-x.tb", "testbug-.tb", "other-50.tb"}) {
+        VexelTest::put_bytes(folder.path() / name, "");
+    }
+    { const Session a(records), b(records); }
+    EXPECT_TRUE(fs::exists(file(42)) && fs::exists(file(43)));
+    EXPECT_EQ(config().set_name_prefix("other"), RET_SUCCESS);
+    { const Session c(records); }
+    EXPECT_TRUE(fs::exists(folder.path() / "other-000051.tb"));
+    for (const char* bad : {"", "../x", "a\\b", "c:"}) {
+        EXPECT_EQ(printed([&] { EXPECT_EQ(config().set_name_prefix(bad), RET_INPUT_ERROR); }),
+                  "can not run function set_name_prefix because the prefix is not the beginning of a file name\n");
+    }
+    EXPECT_EQ(config().get_name_prefix(), "other");
+}
+
+TEST_F(DebugRecording, AFileThatCannotBeWrittenCostsOneLine) {
+    const Scan scan("smooth", 80);
+    const auto run = [&](int frames) {
+        std::string bytes;
+        const std::string lines = printed([&] {
+            void* session = fusion_and_track_ini(scan.records.common, scan.records.track, scan.records.fusion);
+            int microseconds = 0;
+            for (int i = 0; i < frames; ++i) EXPECT_TRUE(fusion_and_track(session, scan.frame(i), microseconds));
+            std::ostringstream out;
+            get_current_rt(session).write_archive(out);
+            bytes = out.str();
+            fusiontrack_release(session);
+        });
+        const std::size_t at = lines.find("debug recording stops because ");
+        EXPECT_EQ(at, lines.rfind("debug recording stops because "));
+        return std::make_pair(bytes, at != std::string::npos);
+    };
+    const auto good = run(3);
+    EXPECT_FALSE(good.second);
+    config().set_store_directory((folder.path() / "missing").string());
+    EXPECT_EQ(run(3), std::make_pair(good.first, true));
+#if defined(__linux__)
+    config().set_store_directory(folder.path().string());
+    std::signal(SIGXFSZ, SIG_IGN);
+    rlimit unlimited{};
+    getrlimit(RLIMIT_FSIZE, &unlimited);
+    rlimit limited = unlimited;
+    limited.rlim_cur = fs::file_size(file()) / 2;
+    setrlimit(RLIMIT_FSIZE, &limited);
+    const auto full = run(3);
+    setrlimit(RLIMIT_FSIZE, &unlimited);
+    EXPECT_EQ(full, std::make_pair(good.first, true));
+    const Recorded recorded = read(bytes_of(file(2)));
+    EXPECT_EQ(recorded.end, Read::Cut);
+    EXPECT_GE(recorded.records.size(), 3U);
+#endif
+}
+
+TEST_F(DebugRecording, CutAnywhereItGivesWhatIsWhole) {
+    const std::string whole = recording();
+    const Recorded all = read(whole);
+    EXPECT_EQ(all.names(),
+              "fusion_and_track_ini fusion_and_track result set_icpKeepRatio delete_selected_point "
+              "fusiontrack_release ");
+    std::size_t ends = 0;
+    for (std::size_t size = 0; size < whole.size(); ++size) {
+        const Recorded cut = read(whole.substr(0, size));
+        if (size < 19) {
+            ASSERT_EQ(cut.end, Read::Damaged) << size;
+            continue;
+        }
+        ASSERT_EQ(all.names().compare(0, cut.names().size(), cut.names()), 0) << size;
+        ASSERT_TRUE(cut.end == Read::Cut || cut.end == Read::End) << size;
+        ends += cut.end == Read::End ? 1 : 0;
+    }
+    EXPECT_EQ(ends, all.records.size()) << "between two records a file may end";
+}
+
+TEST_F(DebugRecording, NothingInAFileIsTrusted) {
+    const std::string whole = recording();
+    std::size_t same = 0, damaged = 0;
+    for (std::size_t i = 0; i < 8 * whole.size(); i += 7) {
+        std::string bytes = whole;
+        bytes[i / 8] = static_cast<char>(bytes[i / 8] ^ (1 << (i % 8)));
+        const Recorded found = read(bytes);
+        found.end == Read::End ? ++same : ++damaged;
+        for (const FrameCall& call : found.all<FrameCall>()) {
+            ASSERT_LE(call.frame.slots.size() * 32, bytes.size());
+            if (call.frame.slot_count() < 10000) call.frame.unpacked();
+        }
+    }
+    EXPECT_GT(same, damaged) << "most bits are digits of numbers";
+    EXPECT_GT(damaged, std::size_t{100});
+    // Counts that there is no memory for, at one place in three.
+    for (std::size_t i = 0; i + 4 <= whole.size(); i += 3) {
+        for (const std::int32_t count : {0x7fffffff, -1, 0x10000000}) {
+            std::string bytes = whole;
+            std::memcpy(&bytes[i], &count, sizeof(count));
+            read(bytes);
+        }
+    }
+}
+
+}  // namespace
+}  // namespace VexelAlgorithm

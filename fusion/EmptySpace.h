@@ -6,7 +6,6 @@
 #include <Eigen/Core>
 #include <algorithm>
 #include <cstdint>
-#include <limits>
 
 #include "fusion/BrickCache.h"
 #include "fusion/rayMarch.h"
@@ -25,7 +24,7 @@ public:
           _origin(axes(bundle.origin)),
           _direction(axes(ray.direction)),
           _shift(axes(bundle.shift)),
-          _margin(0.01f + bundle.sampleEnd * 4.0f * std::numeric_limits<float>::epsilon()) {
+          _margin(rounding_margin(bundle.sampleEnd)) {
         // Along an axis to which the ray is perpendicular it takes very many steps to the next voxel.
         const Eigen::Array4f perStep = 0.5f * _direction;
         _stepsPerVoxel = (perStep.abs() > 1e-30f).select(1.0f / perStep, 1e30f);
@@ -62,7 +61,7 @@ private:
     const BrickSource& _source;
     const MarchRay& _ray;
     Eigen::Array4f _origin, _direction, _shift;
-    float _margin;  // voxels; more than positions can be off by rounding
+    float _margin;
     Eigen::Array4f _stepsPerVoxel, _inside;
     Eigen::Array4i _isForward;
 };

@@ -1,7 +1,6 @@
 // The leaves of the real-time volume as a byte stream; docs/project-format.md describes the form.
 #pragma once
 
-#include <array>
 #include <cmath>
 #include <cstddef>
 #include <cstdint>
@@ -11,6 +10,7 @@
 #include "foundation/archive.h"
 #include "fusion/LeafTSDFSpeckle.h"
 #include "fusion/Octree.h"
+#include "fusion/blockStream.h"
 
 namespace VexelAlgorithm {
 namespace Fusion {
@@ -57,23 +57,16 @@ namespace leaf_file {
 
 using Tree = VexelOctree::Octree<LeafTSDFSpeckle>;
 
-constexpr std::size_t BlockSize = std::size_t{1} << 14;  // records that are written or read at once
-
 /// Writes `make(leaf id, leaf)` for each used leaf in the order of their ids.
 template <class Item, class Make>
 bool write_of_used(std::ofstream& out, const Tree& tree, const Make& make) {
-    std::vector<Item> block;
-    block.reserve(BlockSize);
+    VexelOctree::BlockWriter<Item> writer(out);
     const std::int32_t count = tree.get_vaild_leaf_num();
     for (std::int32_t id = 0; id < count; ++id) {
         const LeafTSDFSpeckle& leaf = tree.leaf_at(id);
-        if (!leaf.is_used()) continue;
-        block.push_back(make(id, leaf));
-        if (block.size() < BlockSize) continue;
-        if (!Archive::write_array(out, block)) return false;
-        block.clear();
+        if (leaf.is_used() && !writer.push(make(id, leaf))) return false;
     }
-    return Archive::write_array(out, block);
+    return writer.flush();
 }
 
 inline bool are_ascending_below(const std::vector<std::int32_t>& ids, std::int32_t end) {
@@ -87,17 +80,11 @@ inline bool are_ascending_below(const std::vector<std::int32_t>& ids, std::int32
 
 /// Records i = 0 ... into the leaves i. False when the stream ends; `areSound` tells whether all are used leaves.
 inline bool read_records(std::ifstream& in, std::int32_t count, Tree& tree, bool& areSound) {
-    std::array<LeafRecord, BlockSize / 8> block{};
-    for (std::int32_t done = 0; done < count && areSound;) {
-        const std::int32_t size = std::min(count - done, static_cast<std::int32_t>(block.size()));
-        if (!in.read(reinterpret_cast<char*>(block.data()), size * static_cast<std::streamsize>(sizeof(LeafRecord))))
-            return false;
-        for (std::int32_t i = 0; i < size; ++i) {
-            areSound &= from_record(block[static_cast<std::size_t>(i)], tree.leaf_at(done + i));
-        }
-        done += size;
-    }
-    return true;
+    const auto take = [&](std::int32_t first, const LeafRecord* records, std::int32_t size) {
+        for (std::int32_t i = 0; i < size; ++i) areSound &= from_record(records[i], tree.leaf_at(first + i));
+        return areSound;
+    };
+    return VexelOctree::read_blocks<LeafRecord>(in, count, take);
 }
 
 /// Moves the leaves 0, 1, ... to their ids. These ascend, so that from the last one on every place is free.

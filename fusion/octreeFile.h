@@ -1,7 +1,6 @@
 // The octree's tables as a byte stream; docs/project-format.md describes the form for readers without this code.
 #pragma once
 
-#include <array>
 #include <cstddef>
 #include <cstdint>
 #include <fstream>
@@ -10,6 +9,7 @@
 
 #include "foundation/archive.h"
 #include "fusion/Octree.h"
+#include "fusion/blockStream.h"
 
 namespace VexelOctree {
 
@@ -20,27 +20,16 @@ enum class TreesRead {
     Damaged  ///< the tables do not make a tree
 };
 
-namespace octree_file {
-
-constexpr std::size_t BlockSize = std::size_t{1} << 14;  // entries that are written or read at once
-
-}  // namespace octree_file
-
 /// Writes one level table: int32 octets handed out in the next table, int32 number of entries, the entries as int32.
 /// `entryCount`: eight for each octet that the table above has handed out.
 inline bool save_level_binary(const LevelTable& level, std::int32_t entryCount, std::ofstream& out) {
-    using VexelAlgorithm::Archive::write_array;
     using VexelAlgorithm::Archive::write_value;
     if (!write_value(out, level.octets.load(std::memory_order_acquire)) || !write_value(out, entryCount)) return false;
-    std::vector<std::int32_t> block;
-    block.reserve(octree_file::BlockSize);
+    BlockWriter<std::int32_t> writer(out);
     for (std::int32_t i = 0; i < entryCount; ++i) {
-        block.push_back(level.entries[i].child.load(std::memory_order_relaxed));
-        if (block.size() < octree_file::BlockSize) continue;
-        if (!write_array(out, block)) return false;
-        block.clear();
+        if (!writer.push(level.entries[i].child.load(std::memory_order_relaxed))) return false;
     }
-    return write_array(out, block);
+    return writer.flush();
 }
 
 /// Writes the top grid and the level tables in their order. Nobody may change the tree meanwhile.
@@ -111,17 +100,14 @@ private:
         if (entryCount < 0 || static_cast<std::size_t>(entryCount) != 8 * octets) return false;
         if (entryCount > level.entries.Capacity || children < 0 || children > entryCount) return false;
 
-        std::array<std::int32_t, octree_file::BlockSize> block{};
-        for (std::int32_t done = 0; done < entryCount;) {
-            const std::int32_t size = std::min(entryCount - done, static_cast<std::int32_t>(block.size()));
-            if (!_in.read(reinterpret_cast<char*>(block.data()), size * static_cast<std::streamsize>(sizeof(block[0]))))
-                return false;
-            level.entries.grow_to(done + size - 1);
+        const auto take = [&](std::int32_t first, const std::int32_t* entries, std::int32_t size) {
+            level.entries.grow_to(first + size - 1);
             for (std::int32_t i = 0; i < size; ++i) {
-                level.entries[done + i].child.store(block[static_cast<std::size_t>(i)], std::memory_order_relaxed);
+                level.entries[first + i].child.store(entries[i], std::memory_order_relaxed);
             }
-            done += size;
-        }
+            return true;
+        };
+        if (!read_blocks<std::int32_t>(_in, entryCount, take)) return false;
         level.octets.store(children, std::memory_order_release);
         return true;
     }

@@ -70,7 +70,7 @@ public:
           _step(static_cast<float>(0.5 * static_cast<double>(volume.get_pointDis()))),
           _halfInterval(_step * intervalFactor),
           _validEnd(static_cast<float>(_tree.get_size() - 2)),
-          _skipMargin(0.01f + static_cast<float>(_tree.get_size()) * 4.0f * std::numeric_limits<float>::epsilon()),
+          _skipMargin(rounding_margin(static_cast<float>(_tree.get_size()))),
           _bundle(bundle()),
           _castRays(best_cast_rays()) {}
 
@@ -245,7 +245,7 @@ private:
     float _step;
     float _halfInterval;
     float _validEnd;
-    float _skipMargin;  // voxels; more than positions can be off by rounding
+    float _skipMargin;
     RayBundle _bundle;
     CastRays _castRays;
 };

@@ -3,6 +3,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <limits>
 
 #include "fusion/BrickCache.h"
 
@@ -29,6 +30,11 @@ struct RayBundle {
 /// The length (mm) at which sample n of a ray lies.
 inline float length_at(const RayBundle& bundle, const MarchRay& ray, std::int32_t n) {
     return ray.start + static_cast<float>(n) * bundle.step;
+}
+
+/// In voxels; more than a position below `largest` can be off by rounding.
+inline float rounding_margin(float largest) {
+    return 0.01f + largest * 4.0f * std::numeric_limits<float>::epsilon();
 }
 
 /// Finds for each ray the length at which it passes from in front of the surface to behind it, NaN when there is no

@@ -6,6 +6,8 @@
 
 namespace VexelBench {
 
+constexpr double Milli = 1e-3;
+
 /// Seconds on the wall clock, and of processor time of all threads (where std::clock counts that), which other
 /// work on the machine spoils less.
 struct TimeSum {

@@ -13,8 +13,6 @@ using namespace VexelAlgorithm;
 using cv::rgbd::FastICPOdometry;
 using cv::rgbd::OdometryFrame;
 
-constexpr double Milli = 1e-3;
-
 cv::Ptr<OdometryFrame> odometry_frame(const DepthImage& image) {
     const cv::Mat depth = metric_depth(image);
     return OdometryFrame::create(cv::Mat(), depth, cv::Mat(), cv::Mat());

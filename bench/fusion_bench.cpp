@@ -1,15 +1,14 @@
 // Integration, extraction and raycast of the signed-distance volume.
-#include <benchmark/benchmark.h>
-
 #include <algorithm>
 #include <cstdio>
 #include <string>
 
 #include "bench/Stopwatch.h"
 #include "bench/benchData.h"
+#include "bench/runBenchmarks.h"
 #include "fusion/rayCast.h"
 
-#ifdef VEXEL_BENCH_KINFU
+#ifdef VEXEL_BENCH_RGBD
 #    include "bench/kinfuVolumes.h"
 #endif
 
@@ -18,7 +17,7 @@ namespace {
 using namespace VexelAlgorithm;
 using namespace VexelBench;
 
-constexpr double Milli = 1e-3, MiB = 1024.0 * 1024.0;
+constexpr double MiB = 1024.0 * 1024.0;
 constexpr float IntervalFactor = 3.0f;
 
 using SequenceSource = const Sequence* (*)();
@@ -179,11 +178,6 @@ void empty_start(benchmark::State& state) {
 
 // ---- the list ---------------------------------------------------------------------------------------
 
-template <class Function, class... Args>
-void add(const std::string& name, Function function, Args... args) {
-    benchmark::RegisterBenchmark(name.c_str(), function, args...)->UseManualTime()->Unit(benchmark::kMillisecond);
-}
-
 void add_sequence(const std::string& data, SequenceSource source) {
     for (const int threads : {1, 2}) {
         const std::string suffix = "/" + data + "/threads:" + std::to_string(threads);
@@ -201,20 +195,18 @@ void add_sequence(const std::string& data, SequenceSource source) {
 }  // namespace
 
 int main(int argc, char** argv) {
-    benchmark::Initialize(&argc, argv);
-    if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
-    if (has_recordings()) {
-        add_sequence("office", office_recording);
-#ifdef VEXEL_BENCH_KINFU
-        add_kinfu_volumes("office", office_recording);
+    return run_benchmarks(argc, argv, [] {
+        if (has_recordings()) {
+            add_sequence("office", office_recording);
+#ifdef VEXEL_BENCH_RGBD
+            add_kinfu_volumes("office", office_recording);
 #endif
-    } else {
-        std::fprintf(stderr,
-                     "Benchmarks on real frames are left out: VEXEL_RECORDINGS names no folder with office_depth.\n");
-    }
-    add_sequence("rendered", rendered_object);
-    add("emptyVolume", empty_start);
-    benchmark::RunSpecifiedBenchmarks();
-    benchmark::Shutdown();
-    return 0;
+        } else {
+            std::fprintf(
+                stderr,
+                "Benchmarks on real frames are left out: VEXEL_RECORDINGS names no folder with office_depth.\n");
+        }
+        add_sequence("rendered", rendered_object);
+        add("emptyVolume", empty_start);
+    });
 }

@@ -1,40 +1,26 @@
 #include "bench/kinfuLoop.h"
 
 #include <opencv2/core.hpp>
-#include <opencv2/core/ocl.hpp>
 #include <opencv2/rgbd/depth.hpp>
-#include <opencv2/rgbd/volume.hpp>
 #include <vector>
 
 #include "bench/Stopwatch.h"
+#include "bench/kinfu.h"
 #include "bench/metricPoses.h"
 
 namespace VexelBench {
 namespace {
 
 using namespace VexelAlgorithm;
-using cv::kinfu::Volume;
-using cv::kinfu::VolumeParams;
-using cv::kinfu::VolumeType;
 using cv::rgbd::FastICPOdometry;
 using cv::rgbd::OdometryFrame;
-
-constexpr double Milli = 1e-3;
-constexpr float FarthestDepth = 4.0f;  // m; the recording's depths end at 3.6
-constexpr float TruncationVoxels = 7.0f;
 
 class KinfuLoop {
 public:
     KinfuLoop(const CameraInParam& camera, float pointDis)
-        : _intrinsics(static_cast<float>(camera.get_fx()), static_cast<float>(camera.get_fy()),
-                      static_cast<float>(camera.get_cx()), static_cast<float>(camera.get_cy())),
-          _odometry(FastICPOdometry::create(camera_matrix(camera))) {
-        const auto voxelSize = static_cast<float>(pointDis * MetresPerMillimetre);
-        const cv::Ptr<VolumeParams> settings = VolumeParams::defaultParams(VolumeType::HASHTSDF);
-        _volume = cv::kinfu::makeVolume(VolumeType::HASHTSDF, voxelSize, cv::Affine3f::Identity().matrix,
-                                        settings->raycastStepFactor, TruncationVoxels * voxelSize, settings->maxWeight,
-                                        FarthestDepth, settings->resolution);
-    }
+        : _intrinsics(kinfu_camera(camera)),
+          _odometry(FastICPOdometry::create(camera_matrix(camera))),
+          _volume(make_hashed_volume(static_cast<float>(pointDis * MetresPerMillimetre), DefaultTruncation)) {}
 
     const RigidMatrix& pose() const { return _pose; }
 
@@ -65,7 +51,7 @@ private:
 
     cv::kinfu::Intr _intrinsics;
     cv::Ptr<FastICPOdometry> _odometry;
-    cv::Ptr<Volume> _volume;
+    cv::Ptr<cv::kinfu::Volume> _volume;
     cv::Mat _modelDepth;  // m, from the last pose
     RigidMatrix _pose;    // camera to model, mm
     int _frameCount = 0;
@@ -76,8 +62,7 @@ private:
 void kinfu_loop(benchmark::State& state, ScanSource source, ImageSize size) {
     const ScanSequence* sequence = source(size);
     if (sequence == nullptr) return state.SkipWithError("no frames");
-    cv::ocl::setUseOpenCL(false);
-    cv::setNumThreads(2);
+    use_threads(2);
     std::vector<cv::Mat> depths;
     for (const ScanFrame& scanned : sequence->frames) depths.push_back(metric_depth(scanned.depth));
 

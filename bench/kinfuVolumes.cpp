@@ -1,32 +1,27 @@
 #include "bench/kinfuVolumes.h"
 
-#include <benchmark/benchmark.h>
-
 #include <algorithm>
-#include <cmath>
 #include <limits>
 #include <map>
 #include <opencv2/core.hpp>
-#include <opencv2/core/ocl.hpp>
-#include <opencv2/rgbd/volume.hpp>
 #include <tuple>
 
 #include "bench/Stopwatch.h"
+#include "bench/kinfu.h"
 #include "bench/metricPoses.h"
+#include "bench/runBenchmarks.h"
 
 namespace VexelBench {
 namespace {
 
 using namespace VexelAlgorithm;
 using cv::kinfu::Volume;
-using cv::kinfu::VolumeParams;
 using cv::kinfu::VolumeType;
 
 constexpr auto MetresPerMm = static_cast<float>(MetresPerMillimetre);
 constexpr float DepthUnitsPerMetre = 1000.0f;
-constexpr float FarthestDepth = 4.0f;  // m; the recording's depths end at 3.6
-constexpr float BoxMargin = 0.1f;      // m
-constexpr double Milli = 1e-3, MiB = 1024.0 * 1024.0;
+constexpr float BoxMargin = 0.1f;  // m
+constexpr double MiB = 1024.0 * 1024.0;
 
 /// One frame as these volumes take it: 32-bit depths in millimetres, poses and points in metres.
 struct KinfuFrame {
@@ -49,10 +44,8 @@ cv::Mat depth_matrix(const DepthImage& image) {
 
 KinfuSequence convert(const Sequence& sequence) {
     constexpr float Infinity = std::numeric_limits<float>::infinity();
-    const CameraInParam& camera = sequence.view().frame.get_camPar();
     KinfuSequence converted;
-    converted.camera = cv::kinfu::Intr(static_cast<float>(camera.get_fx()), static_cast<float>(camera.get_fy()),
-                                       static_cast<float>(camera.get_cx()), static_cast<float>(camera.get_cy()));
+    converted.camera = kinfu_camera(sequence.view().frame.get_camPar());
     converted.imageSize = {sequence.depths.front().width, sequence.depths.front().height};
     Vector3f low = Vector3f::Constant(Infinity), high = -low;
     for (std::size_t i = 0; i < sequence.frames.size(); ++i) {
@@ -77,22 +70,6 @@ const KinfuSequence& converted_once(const Sequence& sequence) {
     return converted;
 }
 
-// The module's own parameters but for voxel size, place and truncation.
-cv::Ptr<Volume> make_volume(VolumeType type, const KinfuSequence& sequence, float voxelSize, float truncationVoxels) {
-    const cv::Ptr<VolumeParams> settings = VolumeParams::defaultParams(type);
-    cv::Affine3f volumeToModel = cv::Affine3f::Identity();
-    if (type == VolumeType::TSDF) {
-        volumeToModel.translation(sequence.low);
-        for (int axis = 0; axis < 3; ++axis) {
-            const float voxels = (sequence.high[axis] - sequence.low[axis]) / voxelSize;
-            settings->resolution[axis] = static_cast<int>(std::ceil(voxels / 32.0f)) * 32;
-        }
-    }
-    return cv::kinfu::makeVolume(type, voxelSize, volumeToModel.matrix, settings->raycastStepFactor,
-                                 truncationVoxels * voxelSize, settings->maxWeight, FarthestDepth,
-                                 settings->resolution);
-}
-
 void integrate(Volume& volume, const KinfuSequence& sequence, int number) {
     const KinfuFrame& frame = sequence.frames[static_cast<std::size_t>(number)];
     volume.integrate(frame.depth, DepthUnitsPerMetre, frame.cameraToModel, sequence.camera, number);
@@ -108,15 +85,17 @@ struct PeerSettings {
     }
 };
 
+cv::Ptr<Volume> make_volume(const Sequence& sequence, const KinfuSequence& converted, const PeerSettings& settings) {
+    const float voxelSize = sequence.pointDis * MetresPerMm;
+    return settings.type == VolumeType::TSDF
+               ? make_dense_volume(voxelSize, settings.truncationVoxels, converted.low, converted.high)
+               : make_hashed_volume(voxelSize, settings.truncationVoxels);
+}
+
 // Integrating takes these volumes long, so the raycast renders what the integration left.
 cv::Ptr<Volume>& kept_volume(const PeerSettings& settings) {
     static std::map<PeerSettings, cv::Ptr<Volume>> volumes;
     return volumes[settings];
-}
-
-void use_threads(int threads) {
-    cv::ocl::setUseOpenCL(false);
-    cv::setNumThreads(threads);
 }
 
 void kinfu_integration(benchmark::State& state, const Sequence* (*source)(), PeerSettings settings) {
@@ -130,8 +109,7 @@ void kinfu_integration(benchmark::State& state, const Sequence* (*source)(), Pee
     std::int64_t residentBytes = 0;
     for (auto _ : state) {
         const std::int64_t before = resident_bytes();
-        const cv::Ptr<Volume> volume =
-            make_volume(settings.type, converted, sequence->pointDis * MetresPerMm, settings.truncationVoxels);
+        const cv::Ptr<Volume> volume = make_volume(*sequence, converted, settings);
         TimeSum run;
         for (int i = 0; i < static_cast<int>(converted.frames.size()); ++i) {
             const Stopwatch watch;
@@ -167,8 +145,7 @@ void kinfu_raycast(benchmark::State& state, const Sequence* (*source)(), PeerSet
     use_threads(settings.threads);
     cv::Ptr<Volume>& volume = kept_volume(settings);
     if (volume == nullptr) {
-        volume =
-            make_volume(settings.type, converted, sequence->pointDis * MetresPerMm, settings.truncationVoxels);
+        volume = make_volume(*sequence, converted, settings);
         for (int i = 0; i < static_cast<int>(converted.frames.size()); ++i) integrate(*volume, converted, i);
     }
 
@@ -197,24 +174,19 @@ void kinfu_raycast(benchmark::State& state, const Sequence* (*source)(), PeerSet
 }  // namespace
 
 void add_kinfu_volumes(const std::string& data, const Sequence* (*source)()) {
-    constexpr float DefaultTruncation = 7.0f, NarrowTruncation = 3.0f;
+    constexpr float NarrowTruncation = 3.0f;  // voxels
     const struct {
         const char* name;
         PeerSettings settings;
     } peers[] = {{"kinfuHashTsdf", {VolumeType::HASHTSDF, DefaultTruncation, 2}},
                  {"kinfuHashTsdf", {VolumeType::HASHTSDF, NarrowTruncation, 2}},
                  {"kinfuTsdf", {VolumeType::TSDF, DefaultTruncation, 2}}};
-    const auto add = [&](const std::string& name, auto function, const PeerSettings& settings) {
-        benchmark::RegisterBenchmark(name.c_str(), function, source, settings)
-            ->UseManualTime()
-            ->Unit(benchmark::kMillisecond);
-    };
     for (const auto& peer : peers) {
         const std::string suffix = std::string("/") + peer.name + "/" + data +
                                    "/truncation:" + std::to_string(static_cast<int>(peer.settings.truncationVoxels)) +
                                    "/threads:" + std::to_string(peer.settings.threads);
-        add("integration" + suffix, kinfu_integration, peer.settings);
-        add("raycast" + suffix, kinfu_raycast, peer.settings);
+        add("integration" + suffix, kinfu_integration, source, peer.settings);
+        add("raycast" + suffix, kinfu_raycast, source, peer.settings);
     }
 }
 

@@ -1,14 +1,14 @@
 // Remapping of a 1280 x 1024 pair into rectified geometry, beside OpenCV's remap with the same float maps.
-#include <benchmark/benchmark.h>
-
 #include <opencv2/core.hpp>
 #include <opencv2/imgproc.hpp>
 #include <random>
 #include <vector>
 
+#include "bench/runBenchmarks.h"
 #include "readCaliData/CaliParReadIn.h"
 
 using namespace VexelAlgorithm;
+using VexelBench::timed_as_a_whole;
 
 namespace {
 
@@ -80,15 +80,9 @@ void opencv_remap(benchmark::State& state) {
     count_pixels(state);
 }
 
-BENCHMARK(remap_to_bytes)->Unit(benchmark::kMillisecond)->MeasureProcessCPUTime()->UseRealTime();
-BENCHMARK(remap_to_floats)->Unit(benchmark::kMillisecond)->MeasureProcessCPUTime()->UseRealTime();
-BENCHMARK(opencv_remap)
-    ->ArgName("interleaved")
-    ->Arg(0)
-    ->Arg(1)
-    ->Unit(benchmark::kMillisecond)
-    ->MeasureProcessCPUTime()
-    ->UseRealTime();
+BENCHMARK(remap_to_bytes)->Apply(timed_as_a_whole);
+BENCHMARK(remap_to_floats)->Apply(timed_as_a_whole);
+BENCHMARK(opencv_remap)->ArgName("interleaved")->Arg(0)->Arg(1)->Apply(timed_as_a_whole);
 
 }  // namespace
 

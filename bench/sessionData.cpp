@@ -1,21 +1,11 @@
 #include "bench/sessionData.h"
 
-#include <algorithm>
 #include <cmath>
-#include <cstdlib>
-#include <filesystem>
-#include <map>
+#include <numeric>
 #include <utility>
 
-#include "bench/trackingData.h"
-#include "foundation/diagnostics.h"
+#include "bench/scenes.h"
 #include "foundation/parallel.h"
-#include "recording/Recording.h"
-#include "recording/selectFrames.h"
-#include "simulation/NoiseModel.h"
-#include "simulation/cameraPaths.h"
-#include "simulation/render.h"
-#include "simulation/scenes.h"
 
 namespace VexelBench {
 
@@ -23,67 +13,38 @@ using namespace VexelAlgorithm;
 
 namespace {
 
-using ScansBySize = std::map<std::pair<int, int>, ScanSequence>;
-
-/// What failed once is not tried again.
-template <class Make>
-const ScanSequence* made_once(ScansBySize& kept, ImageSize size, const Make& make) {
-    const auto key = std::make_pair(size.width, size.height);
-    if (kept.count(key) == 0) kept[key] = make(size);
-    return kept[key].frames.empty() ? nullptr : &kept[key];
+ScanSequence empty_sequence(const char* preset, ImageSize size, const CameraInParam& camera) {
+    ScanSequence sequence;
+    sequence.settings = Apps::preset_settings(preset);
+    sequence.settings.common.imageSize = {size.width, size.height};
+    sequence.settings.common.campar = camera;
+    return sequence;
 }
 
-ScanSequence read_office(ImageSize size) {
-    ScanSequence office;
-    const char* folder = std::getenv("VEXEL_RECORDINGS");
-    if (folder == nullptr) return office;
-    const auto recording = Recording::open(std::filesystem::path(folder) / "office_depth", PosePolicy::Required);
-    if (!recording) {
-        print_line(recording.failure().reason);
-        return office;
-    }
-    const int sampling = recording->image_size().width / size.width;
-    office.settings = Apps::preset_settings("room");
-    office.settings.common.imageSize = {size.width, size.height};
-    office.settings.common.campar = recording->camera().scaled_down(sampling);
-    for (const RecordedFrame& recorded : select_frames(recording->frames(), 0, 59, 1)) {
-        const Outcome<DepthImage> depth = read_depth_png(recorded.depthFile, 1.0);
-        if (!depth) return {};
+std::optional<ScanSequence> read_office(ImageSize size) {
+    const std::optional<OfficeRecording> recording = OfficeRecording::open(size);
+    if (!recording) return std::nullopt;
+    ScanSequence office = empty_sequence("room", size, recording->camera());
+    for (const RecordedFrame& recorded : recording->frames(0, 59)) {
+        std::optional<DepthImage> depth = recording->depth(recorded);
+        if (!depth) return std::nullopt;
         ScanFrame scanned;
-        scanned.depth = every_nth_pixel(*depth, sampling);
-        scanned.frame = depth_frame_to_point_image(scanned.depth, office.settings.common.campar, office.settings.frame,
-                                                   default_thread_number());
+        scanned.frame =
+            depth_frame_to_point_image(*depth, recording->camera(), office.settings.frame, default_thread_number());
+        scanned.depth = std::move(*depth);
         scanned.cameraToWorld = *recorded.cameraToWorld;
         office.frames.push_back(std::move(scanned));
     }
+    if (office.frames.empty()) return std::nullopt;
     return office;
 }
 
-constexpr std::size_t OrbitSteps = 100;
-
 /// Views of the demo object from steps around it, one for each seed of the noise.
 ScanSequence render_object(ImageSize size, const std::vector<std::size_t>& steps) {
-    const Simulation::ShapePtr scene = Simulation::make_scene("owl_on_table");
-    const double focalLength = 1.4 * size.width;
-    const CameraInParam camera(focalLength, focalLength, 0.5 * size.width - 0.5, 0.5 * size.height - 0.5);
-    Simulation::Orbit walk;
-    walk.target = Simulation::owl_centre();
-    const std::vector<RigidMatrix> poses = Simulation::orbit_poses(walk, OrbitSteps);
-    Simulation::RenderSettings settings;
-    settings.threads = default_thread_number();
-
-    ScanSequence rendered;
-    rendered.settings = Apps::preset_settings("object");
-    rendered.settings.common.imageSize = {size.width, size.height};
-    rendered.settings.common.campar = camera;
+    const ObjectWalk walk(size);
+    ScanSequence rendered = empty_sequence("object", size, walk.camera());
     for (std::size_t seed = 0; seed < steps.size(); ++seed) {
-        ScanFrame scanned;
-        scanned.cameraToWorld = poses[steps[seed]];
-        scanned.frame = Simulation::render(*scene, camera, size.width, size.height, scanned.cameraToWorld, settings);
-        Simulation::apply_noise(scanned.frame, {}, seed, settings.threads);
-        scanned.frame.find_egde_point(3, 3.0f, 50);
-        scanned.frame.delete_point_flaged(Vector3f::Zero());
-        rendered.frames.push_back(std::move(scanned));
+        rendered.frames.push_back({walk.view(steps[seed], seed), {}, walk.poses()[steps[seed]]});
     }
     return rendered;
 }
@@ -91,23 +52,20 @@ ScanSequence render_object(ImageSize size, const std::vector<std::size_t>& steps
 }  // namespace
 
 const ScanSequence* office_scan(ImageSize size) {
-    static ScansBySize kept;
-    return made_once(kept, size, read_office);
+    static MadeBySize<ScanSequence> kept;
+    return kept.get(size, read_office);
 }
 
 const ScanSequence* rendered_scan(ImageSize size) {
-    static ScansBySize kept;
-    return made_once(kept, size, [](ImageSize wanted) {
-        std::vector<std::size_t> steps(40);
-        for (std::size_t i = 0; i < steps.size(); ++i) steps[i] = i;
-        return render_object(wanted, steps);
-    });
+    static MadeBySize<ScanSequence> kept;
+    std::vector<std::size_t> steps(40);
+    std::iota(steps.begin(), steps.end(), std::size_t{0});
+    return kept.get(size, [&](ImageSize wanted) { return render_object(wanted, steps); });
 }
 
 const ScanSequence* still_scan(ImageSize size) {
-    static ScansBySize kept;
-    return made_once(kept, size,
-                     [](ImageSize wanted) { return render_object(wanted, std::vector<std::size_t>(8, 0)); });
+    static MadeBySize<ScanSequence> kept;
+    return kept.get(size, [](ImageSize wanted) { return render_object(wanted, std::vector<std::size_t>(8, 0)); });
 }
 
 double trajectory_error(const ScanSequence& sequence, const std::vector<RigidMatrix>& cameraToFirst) {

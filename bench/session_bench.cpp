@@ -1,13 +1,11 @@
 // The frame step of a scan session, through its handle.
-#include <benchmark/benchmark.h>
-
 #include <algorithm>
-#include <cstdio>
 #include <string>
 #include <vector>
 
 #include "algorithmQorInclude.h"
 #include "bench/Stopwatch.h"
+#include "bench/runBenchmarks.h"
 #include "bench/sessionData.h"
 
 #ifdef VEXEL_BENCH_RGBD
@@ -18,8 +16,6 @@ namespace {
 
 using namespace VexelAlgorithm;
 using namespace VexelBench;
-
-constexpr double Milli = 1e-3;
 
 class Session {
 public:
@@ -158,17 +154,6 @@ void still_view(benchmark::State& state, ScanSource source, ImageSize size, int 
     state.counters["slope_ms/1000frames"] = slope(milliseconds) * FrameCount;
 }
 
-template <class Function, class... Arguments>
-void add(const std::string& name, Function function, Arguments... arguments) {
-    benchmark::RegisterBenchmark(name.c_str(), [=](benchmark::State& state) { function(state, arguments...); })
-        ->UseManualTime()
-        ->Unit(benchmark::kMillisecond);
-}
-
-std::string size_text(const ImageSize& size) {
-    return std::to_string(size.width) + 'x' + std::to_string(size.height);
-}
-
 void add_scans(const std::string& data, ScanSource source, const std::vector<ImageSize>& sizes) {
     for (const ImageSize& size : sizes) {
         for (const int threads : {1, 2}) {
@@ -181,16 +166,13 @@ void add_scans(const std::string& data, ScanSource source, const std::vector<Ima
 }  // namespace
 
 int main(int argc, char** argv) {
-    benchmark::Initialize(&argc, argv);
-    if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
-    add_scans("office", office_scan, {{320, 240}, {640, 480}});
+    return run_benchmarks(argc, argv, [] {
+        add_scans("office", office_scan, {{320, 240}, {640, 480}});
 #ifdef VEXEL_BENCH_RGBD
-    for (const ImageSize size : {ImageSize{320, 240}, ImageSize{640, 480}})
-        add("session/fastIcpAndHashTsdf/office/" + size_text(size) + "/threads:2", kinfu_loop, office_scan, size);
+        for (const ImageSize size : {ImageSize{320, 240}, ImageSize{640, 480}})
+            add("session/fastIcpAndHashTsdf/office/" + size_text(size) + "/threads:2", kinfu_loop, office_scan, size);
 #endif
-    add_scans("rendered", rendered_scan, {{320, 240}, {640, 480}, {640, 512}});
-    add("still/rendered/320x240/threads:2", still_view, still_scan, ImageSize{320, 240}, 2);
-    benchmark::RunSpecifiedBenchmarks();
-    benchmark::Shutdown();
-    return 0;
+        add_scans("rendered", rendered_scan, {{320, 240}, {640, 480}, {640, 512}});
+        add("still/rendered/320x240/threads:2", still_view, still_scan, ImageSize{320, 240}, 2);
+    });
 }

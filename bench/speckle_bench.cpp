@@ -1,7 +1,5 @@
 // Stereo reconstruction of a 1280 x 1024 pair on all processors, stage by stage, beside OpenCV's block and semi-global
 // matchers on the same rectified pair and search range, and its remap.
-#include <benchmark/benchmark.h>
-
 #include <opencv2/calib3d.hpp>
 #include <opencv2/imgproc.hpp>
 #include <random>
@@ -11,10 +9,12 @@
 #include "SpeckleRebCPU/pixelMatch.h"
 #include "SpeckleRebCPU/speckleRebuild.h"
 #include "SpeckleRebCPU/subPixelStep.h"
+#include "bench/runBenchmarks.h"
 #include "foundation/parallel.h"
 #include "readCaliData/CaliParReadIn.h"
 
 using namespace VexelAlgorithm;
+using VexelBench::timed_as_a_whole;
 
 namespace {
 
@@ -170,25 +170,13 @@ void opencv_semi_global_3way(benchmark::State& state) {
     run_opencv(state, *matcher);
 }
 
-BENCHMARK(rectification)->Unit(benchmark::kMillisecond)->MeasureProcessCPUTime()->UseRealTime();
-BENCHMARK(opencv_remap)->Unit(benchmark::kMillisecond)->MeasureProcessCPUTime()->UseRealTime();
-BENCHMARK(pixel_matching)->Unit(benchmark::kMillisecond)->MeasureProcessCPUTime()->UseRealTime();
-BENCHMARK(sub_pixel_matching)
-    ->ArgName("window")
-    ->Arg(25)
-    ->Arg(13)
-    ->Unit(benchmark::kMillisecond)
-    ->MeasureProcessCPUTime()
-    ->UseRealTime();
-BENCHMARK(whole_frame)
-    ->ArgNames({"sample", "candidates"})
-    ->Args({2, 128})
-    ->Args({1, 128})
-    ->Unit(benchmark::kMillisecond)
-    ->MeasureProcessCPUTime()
-    ->UseRealTime();
-BENCHMARK(opencv_block_matching)->Unit(benchmark::kMillisecond)->MeasureProcessCPUTime()->UseRealTime();
-BENCHMARK(opencv_semi_global_3way)->Unit(benchmark::kMillisecond)->MeasureProcessCPUTime()->UseRealTime();
+BENCHMARK(rectification)->Apply(timed_as_a_whole);
+BENCHMARK(opencv_remap)->Apply(timed_as_a_whole);
+BENCHMARK(pixel_matching)->Apply(timed_as_a_whole);
+BENCHMARK(sub_pixel_matching)->ArgName("window")->Arg(25)->Arg(13)->Apply(timed_as_a_whole);
+BENCHMARK(whole_frame)->ArgNames({"sample", "candidates"})->Args({2, 128})->Args({1, 128})->Apply(timed_as_a_whole);
+BENCHMARK(opencv_block_matching)->Apply(timed_as_a_whole);
+BENCHMARK(opencv_semi_global_3way)->Apply(timed_as_a_whole);
 
 }  // namespace
 

@@ -40,8 +40,6 @@ const FramePairs* office_pairs(VexelAlgorithm::ImageSize size);
 /// scanner.
 const FramePairs* rendered_pairs(VexelAlgorithm::ImageSize size);
 
-/// Every n-th pixel of every n-th row, from (0, 0) on.
-VexelAlgorithm::DepthImage every_nth_pixel(const VexelAlgorithm::DepthImage& image, int n);
 /// RMS distance (mm) between the frame's points moved by two poses.
 double rms_distance(const VexelAlgorithm::PointImage& frame, const VexelAlgorithm::RigidMatrix& one,
                     const VexelAlgorithm::RigidMatrix& other);

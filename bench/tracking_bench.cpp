@@ -1,12 +1,10 @@
 // Registration of frames.
-#include <benchmark/benchmark.h>
-
 #include <algorithm>
-#include <cstdio>
 #include <string>
 #include <vector>
 
 #include "bench/Stopwatch.h"
+#include "bench/runBenchmarks.h"
 #include "bench/trackingData.h"
 #include "track/IcpBaseOnCam.h"
 
@@ -18,8 +16,6 @@ namespace {
 
 using namespace VexelAlgorithm;
 using namespace VexelBench;
-
-constexpr double Milli = 1e-3;
 
 // An iteration registers one pair of frames that follow each other, from the pose of no motion.
 void icp(benchmark::State& state, FramePairsSource source, ImageSize size, int threads) {
@@ -47,16 +43,9 @@ void icp(benchmark::State& state, FramePairsSource source, ImageSize size, int t
     state.counters["points"] = static_cast<double>(pairs->pairs.front().moving.count_vaildNum());
 }
 
-template <class Function, class... Arguments>
-void add(const std::string& name, Function function, Arguments... arguments) {
-    benchmark::RegisterBenchmark(name.c_str(), [=](benchmark::State& state) { function(state, arguments...); })
-        ->UseManualTime()
-        ->Unit(benchmark::kMillisecond);
-}
-
 void add_pairs(const std::string& data, FramePairsSource source, const std::vector<ImageSize>& sizes) {
     for (const ImageSize& size : sizes) {
-        const std::string suffix = data + '/' + std::to_string(size.width) + 'x' + std::to_string(size.height);
+        const std::string suffix = data + '/' + size_text(size);
         for (const int threads : {1, 2})
             add("icp/" + suffix + "/threads:" + std::to_string(threads), icp, source, size, threads);
 #ifdef VEXEL_BENCH_RGBD
@@ -68,11 +57,8 @@ void add_pairs(const std::string& data, FramePairsSource source, const std::vect
 }  // namespace
 
 int main(int argc, char** argv) {
-    benchmark::Initialize(&argc, argv);
-    if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
-    add_pairs("office", office_pairs, {{320, 240}, {640, 480}});
-    add_pairs("rendered", rendered_pairs, {{320, 240}, {640, 480}, {640, 512}});
-    benchmark::RunSpecifiedBenchmarks();
-    benchmark::Shutdown();
-    return 0;
+    return run_benchmarks(argc, argv, [] {
+        add_pairs("office", office_pairs, {{320, 240}, {640, 480}});
+        add_pairs("rendered", rendered_pairs, {{320, 240}, {640, 480}, {640, 512}});
+    });
 }

@@ -82,8 +82,6 @@ public:
 private:
     template <class Leaf>
     friend class OctreeChecker;
-    friend struct TopTreeDamage;  // with which tests show that damage is noticed
-
     /// One word a block, one bit for each of its 4^3 cells or smaller blocks.
     struct BlockLevel {
         int bits;            // blocks per axis are 2^bits

@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <string>
+#include <utility>
 
 namespace VexelTest {
 
@@ -13,6 +14,14 @@ std::string printed(const Action& action) {
     testing::internal::CaptureStdout();
     action();
     return testing::internal::GetCapturedStdout();
+}
+
+/// What a call returns, and what it prints meanwhile.
+template <class Call>
+auto outcome(const Call& call) {
+    testing::internal::CaptureStdout();
+    auto result = call();
+    return std::pair(std::move(result), testing::internal::GetCapturedStdout());
 }
 
 inline int line_count(const std::string& text) {

@@ -12,6 +12,7 @@
 
 #include "foundation/diagnostics.h"
 #include "foundation/meshExport.h"
+#include "tests/printed.h"
 
 namespace VexelAlgorithm {
 namespace {
@@ -49,14 +50,12 @@ BaseTriMesh tetrahedron() {
     return mesh;
 }
 
-// Runs the call and returns what it printed; the call must fail.
+/// The call must fail with one line, which is returned.
 template <class Call>
 std::string failure_line(const Call& call) {
-    testing::internal::CaptureStdout();
-    const int result = call();
-    const std::string text = testing::internal::GetCapturedStdout();
+    const auto [result, text] = VexelTest::outcome(call);
     EXPECT_NE(result, 0);
-    EXPECT_EQ(std::count(text.begin(), text.end(), '\n'), 1) << text;
+    EXPECT_EQ(VexelTest::line_count(text), 1) << text;
     return text;
 }
 
@@ -199,16 +198,17 @@ TEST_F(Export, HalfEdgeMeshLeavesOutWhatItCannotHold) {
 TEST(Diagnostics, LinesOfThreadsDoNotMix) {
     EXPECT_EQ(format_text("%s = %d, %f", "a", 7, 0.5), "a = 7, 0.500000");
     EXPECT_EQ(format_text("%s", std::string(5000, 'x').c_str()).size(), 5000u);
-    testing::internal::CaptureStdout();
-    std::vector<std::thread> threads;
-    for (const char letter : {'a', 'b', 'c', 'd'})
-        threads.emplace_back([letter] {
-            for (int i = 0; i < 100; ++i) print_line(std::string(200, letter));
-        });
-    for (std::thread& thread : threads) thread.join();
-    std::istringstream printed(testing::internal::GetCapturedStdout());
+    std::istringstream lines(VexelTest::printed([] {
+        std::vector<std::thread> threads;
+        for (const char letter : {'a', 'b', 'c', 'd'}) {
+            threads.emplace_back([letter] {
+                for (int i = 0; i < 100; ++i) print_line(std::string(200, letter));
+            });
+        }
+        for (std::thread& thread : threads) thread.join();
+    }));
     int count = 0;
-    for (std::string line; std::getline(printed, line); ++count) EXPECT_EQ(line, std::string(200, line.at(0)));
+    for (std::string line; std::getline(lines, line); ++count) EXPECT_EQ(line, std::string(200, line.at(0)));
     EXPECT_EQ(count, 400);
 }
 

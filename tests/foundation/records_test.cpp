@@ -11,18 +11,15 @@
 #include "foundation/handle.h"
 #include "foundation/parameterCheck.h"
 #include "foundation/parameterPrint.h"
+#include "tests/printed.h"
 
 namespace VexelAlgorithm {
 namespace {
 
+using VexelTest::outcome;
+using VexelTest::printed;
 constexpr float NOT_A_NUMBER = std::numeric_limits<float>::quiet_NaN();
 constexpr float INFINITE = std::numeric_limits<float>::infinity();
-
-std::string printed(const std::function<void()>& action) {
-    testing::internal::CaptureStdout();
-    action();
-    return testing::internal::GetCapturedStdout();
-}
 
 TEST(RecordPrint, EveryFieldUnderItsLabel) {
     CommonParameter common;
@@ -90,6 +87,7 @@ TEST(RecordPrint, EveryFieldUnderItsLabel) {
         "colorImageSize(0) =  1280\tcolorImageSize(1) =  1024\n");
 }
 
+/// The names of the fields, blank between them.
 std::string fields(const std::vector<ParameterFinding>& findings) {
     std::string list;
     for (const ParameterFinding& finding : findings) {
@@ -102,7 +100,7 @@ std::string fields(const std::vector<ParameterFinding>& findings) {
 template <class Record>
 struct Damage {
     std::function<void(Record&)> apply;
-    std::string findings;  // names of the fields reported, blank between them
+    std::string findings;
 };
 
 template <class Record, class Check>
@@ -157,6 +155,9 @@ TEST(RecordCheck, NamesTheWrongFields) {
          {[](auto& r) { r.tranLeftToColor.get_translation().z() = INFINITE; }, "tranLeftToColor"},
          {[](auto& r) { r.colorImageSize << -5, 1024; }, "colorImageRange(2) colorImageSize(0)"},
          {[](auto& r) { r.colorImageSize.setZero(), r.colorImageRange.setZero(), r.colorImagePar.setZero(); }, ""}});
+    TrackParmeter record;
+    record.icpIterNum = 9;
+    EXPECT_EQ(check_track_parmeter(record).front().reason, "6 leaves fewer than 4 of icpIterNum = 9 iterations");
     expect_findings<TextureParam>(
         check_texture_param, {{[](auto& r) {
                                    r.camera = {0.0F, NOT_A_NUMBER, INFINITE, 1.0F};
@@ -165,14 +166,6 @@ TEST(RecordCheck, NamesTheWrongFields) {
                               {[](auto& r) { r.featureCount = 0, r.trackerFlags[3] = 2, r.matchFlags[2] = 255; },
                                "featureCount trackerFlags(3) matchFlags(2)"},
                               {[](auto& r) { r.trackerSettings.fill(-1), r.trackerToken = ~std::uint64_t{0}; }, ""}});
-}
-
-TEST(RecordCheck, SaysWhyWithTheValueFound) {
-    TrackParmeter record;
-    record.icpIterNum = 9;
-    const std::vector<ParameterFinding> findings = check_track_parmeter(record);
-    ASSERT_EQ(findings.size(), 1U);
-    EXPECT_EQ(findings[0].reason, "6 leaves fewer than 4 of icpIterNum = 9 iterations");
 }
 
 struct Counter {
@@ -209,11 +202,10 @@ TEST(HandleFrame, NullAndExceptionGiveTheirLineAndValue) {
 }
 
 TEST(HandleFrame, WhateverIsThrownEndsInOneLine) {
-    EXPECT_EQ(printed([] { EXPECT_EQ(guarded<int>("count", -1, []() -> int { throw 5; }), -1); }),
-              "count failed: unknown exception\n");
-    EXPECT_EQ(
-        printed([] { EXPECT_EQ(guarded<void*>("make", nullptr, []() -> void* { throw std::bad_alloc(); }), nullptr); }),
-        std::string("make failed: ") + std::bad_alloc().what() + "\n");
+    EXPECT_EQ(outcome([] { return guarded<int>("count", -1, []() -> int { throw 5; }); }),
+              std::pair(-1, std::string("count failed: unknown exception\n")));
+    EXPECT_EQ(outcome([] { return guarded<bool>("make", false, []() -> bool { throw std::bad_alloc(); }); }),
+              std::pair(false, std::string("make failed: ") + std::bad_alloc().what() + "\n"));
     EXPECT_EQ(printed([] { guarded("nothing", [] { throw "text"; }); }), "nothing failed: unknown exception\n");
 }
 
@@ -221,10 +213,11 @@ TEST(HandleFrame, SecondReleaseSeesNull) {
     int destroyed = 0;
     void* handle = new Counter{0, &destroyed};
     const ExportedFunction release{"fusiontrack_release", null_text::RELEASE};
-    EXPECT_EQ(printed([&] { EXPECT_EQ(release_handle<Counter>(handle, release, RET_INI_ERROR), RET_SUCCESS); }), "");
+    const auto give_back = [&] { return release_handle<Counter>(handle, release, RET_INI_ERROR); };
+    const std::string line = "can not run function fail fusiontrack_release because pFusionTrack = NULL\n";
+    EXPECT_EQ(outcome(give_back), std::pair(RET_SUCCESS, std::string()));
     EXPECT_EQ(handle, nullptr);
-    EXPECT_EQ(printed([&] { EXPECT_EQ(release_handle<Counter>(handle, release, RET_INI_ERROR), RET_INI_ERROR); }),
-              "can not run function fail fusiontrack_release because pFusionTrack = NULL\n");
+    EXPECT_EQ(outcome(give_back), std::pair(RET_INI_ERROR, line));
     EXPECT_EQ(destroyed, 1);
 }
 

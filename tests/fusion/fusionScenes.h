@@ -1,10 +1,9 @@
-// Frames of a small scene, what a volume holds, and captured lines.
+// Frames of a small scene, and what a volume holds.
 #pragma once
 
 #include <gtest/gtest.h>
 
 #include <array>
-#include <functional>
 #include <limits>
 #include <string>
 #include <vector>
@@ -14,17 +13,20 @@
 #include "simulation/combinations.h"
 #include "simulation/primitives.h"
 #include "simulation/render.h"
+#include "tests/printed.h"
 
 namespace VexelAlgorithm::Fusion {
+
+template <class Leaf>
+class EveryLeaf : public testing::Test {};
+using TsdfLeaves = testing::Types<LeafTSDFSpeckle, LeafTSDFTeeth, LeafTSDFCloudGenerator, LeafTSDFLaser>;
+TYPED_TEST_SUITE(EveryLeaf, TsdfLeaves);
 
 constexpr float kNaN = std::numeric_limits<float>::quiet_NaN();
 constexpr float kInfinity = std::numeric_limits<float>::infinity();
 
-inline std::string printed(const std::function<void()>& action) {
-    testing::internal::CaptureStdout();
-    action();
-    return testing::internal::GetCapturedStdout();
-}
+using VexelTest::outcome;
+using VexelTest::printed;
 
 /// A ball in front of a wall, both well inside the view of `scene_poses`.
 inline Simulation::ShapePtr ball_and_wall() {
@@ -73,9 +75,8 @@ struct Voxel {
 
 /// The used voxels in the order of their leaf indices.
 template <class Leaf>
-std::vector<Voxel> used_voxels(const FusionTsdf<Leaf>& volume) {
+std::vector<Voxel> used_voxels(const VexelOctree::Octree<Leaf>& tree) {
     std::vector<Voxel> voxels;
-    const auto& tree = volume.get_fusion_tree();
     for (int i = 0; i < tree.get_vaild_leaf_num(); ++i) {
         const Leaf& leaf = tree.leaf_at(i);
         if (!leaf.is_used()) continue;
@@ -84,12 +85,25 @@ std::vector<Voxel> used_voxels(const FusionTsdf<Leaf>& volume) {
     }
     return voxels;
 }
+template <class Leaf>
+std::vector<Voxel> used_voxels(const FusionTsdf<Leaf>& volume) {
+    return used_voxels(volume.get_fusion_tree());
+}
 
 template <class Leaf>
 bool fuse(FusionTsdf<Leaf>& volume, const PointImage& frame, const RigidMatrix& pose = {}, bool add = true,
           const std::vector<unsigned char>* labels = nullptr) {
     ChangedLeaves changed;
     return volume.fusion_one_frame_speckle_parallel(frame, pose, changed, add, false, labels);
+}
+
+template <class Leaf>
+BaseTriMesh extract(FusionTsdf<Leaf>& volume, float minWeight = 0.0f, std::vector<int>* axes = nullptr,
+                    bool optimise = false) {
+    BaseTriMesh mesh;
+    std::vector<int> own;
+    EXPECT_EQ(volume.get_result_tbb(minWeight, mesh, axes != nullptr ? *axes : own, optimise), RET_SUCCESS);
+    return mesh;
 }
 
 /// Gives a voxel `count` contributions of the same distance.

@@ -13,7 +13,6 @@
 namespace VexelAlgorithm::Fusion {
 namespace {
 
-using VexelOctree::Octree;
 constexpr float NotANumber = std::numeric_limits<float>::quiet_NaN();
 
 template <class Leaf>
@@ -133,91 +132,63 @@ TEST(Leaf, IsNewlyChangedOnce) {
 
 // ---- the field ------------------------------------------------------------------------------------------
 
-/// A volume whose field is linear in space, in cubes of voxels at both ends of the diagonal.
-class Field : public testing::Test {
-protected:
-    static constexpr int Side = 6;
-
-    Field() {
-        tree.set_point_dis(0.5f);
-        tree.set_shift({3.0f, -2.0f, 1.0f});
-        for (const int low : {0, tree.get_size() - Side}) {
-            for (int i = 0; i < Side * Side * Side; ++i) {
-                const Vector3i v = Vector3i::Constant(low) + Vector3i(i % Side, i / Side % Side, i / Side / Side);
-                LeafTSDFSpeckle& leaf = tree.leaf_at(tree.find_or_create_leaf(v.x(), v.y(), v.z()).leaf);
-                leaf.touch(v);
-                leaf.add(truth(tree.voxel_to_world(v)), 2.0f);
-            }
+TEST(FieldReader, ReadsVoxelsAndBetweenThem) {
+    // Linear in space, in cubes of voxels at both ends of the volume's diagonal.
+    constexpr int side = 6;
+    VexelOctree::Octree<LeafTSDFSpeckle> tree;
+    tree.set_point_dis(0.5f);
+    tree.set_shift({3.0f, -2.0f, 1.0f});
+    const auto truth = [](const Vector3f& p) { return 0.25f * p.x() - 0.125f * p.y() + 0.5f * p.z() + 7.0f; };
+    for (const int low : {0, tree.get_size() - side}) {
+        for (int i = 0; i < side * side * side; ++i) {
+            const Vector3i v = Vector3i::Constant(low) + Vector3i(i % side, i / side % side, i / side / side);
+            LeafTSDFSpeckle& leaf = tree.leaf_at(tree.find_or_create_leaf(v.x(), v.y(), v.z()).leaf);
+            leaf.touch(v);
+            leaf.add(truth(tree.voxel_to_world(v)), 2.0f);
         }
     }
-    static float truth(const Vector3f& p) { return 0.25f * p.x() - 0.125f * p.y() + 0.5f * p.z() + 7.0f; }
-    float sample(const Vector3f& q) {
-        const Vector3f point = tree.get_shift() + tree.get_pointDis() * q;
-        return FieldReader<LeafTSDFSpeckle>(tree).trilinear_at_point(point);
-    }
-    LeafTSDFSpeckle& leaf(int x, int y, int z) { return tree.leaf_at(tree.find_leaf(x, y, z)); }
-
-    Octree<LeafTSDFSpeckle> tree;
-};
-
-TEST_F(Field, TrilinearSamplesReproduceIt) {
+    const auto point_at = [&](const Vector3f& q) { return Vector3f(tree.get_shift() + 0.5f * q); };
+    const auto sample = [&](const Vector3f& q) {
+        return FieldReader<LeafTSDFSpeckle>(tree).trilinear_at_point(point_at(q));
+    };
     std::mt19937 random(11);
-    std::uniform_real_distribution<float> inside(1.0f, Side - 0.51f);
+    std::uniform_real_distribution<float> inside(1.0f, side - 0.51f);
     for (int i = 0; i < 500; ++i) {
         const Vector3f q(inside(random), inside(random), inside(random));
-        EXPECT_NEAR(sample(q), truth(tree.get_shift() + 0.5f * q), 1e-5f) << q.transpose();
+        EXPECT_NEAR(sample(q), truth(point_at(q)), 1e-5f) << q.transpose();
     }
-    leaf(3, 3, 3).add(10.0f, 2.0f);  // no longer linear: the corner counts with the product of its weights
-    const float before = truth(tree.get_shift() + 0.5f * Vector3f(3.0f, 2.75f, 3.25f));
-    const float bump = leaf(3, 3, 3).value() - truth(tree.voxel_to_world({3, 3, 3}));
-    EXPECT_NEAR(sample({3.0f, 2.75f, 3.25f}), before + 0.5f * 0.25f * 0.75f * bump, 1e-5f);
-}
-
-TEST_F(Field, SamplesEndNearFacesAndAtEmptyVoxels) {
     const float last = static_cast<float>(tree.get_size() - 2);
-    const float all[] = {2.0f, last - 1.0f};
-    for (const float rest : all) {
-        for (int axis = 0; axis < 3; ++axis) {
-            const auto at = [&](float along) {
-                Vector3f q = Vector3f::Constant(rest);
-                q[axis] = along;
-                return sample(q);
-            };
-            const bool low = rest < 10.0f;
-            EXPECT_FALSE(std::isnan(at(low ? 1.0f : last - 1e-3f))) << axis;
-            EXPECT_TRUE(std::isnan(at(low ? 1.0f - 1e-3f : last))) << axis;
-            for (const float far : {NotANumber, INFINITY, -INFINITY, -1.0f, 3e9f, 1e38f}) {
-                EXPECT_TRUE(std::isnan(at(far))) << axis;
-            }
+    for (int axis = 0; axis < 3; ++axis) {
+        const auto is_known = [&](float rest, float along) {
+            Vector3f q = Vector3f::Constant(rest);
+            q[axis] = along;
+            return !std::isnan(sample(q));
+        };
+        EXPECT_TRUE(is_known(2.0f, 1.0f) && is_known(last - 1.0f, last - 1e-3f)) << axis;
+        for (const float far : {1.0f - 1e-3f, NotANumber, INFINITY, -INFINITY, -1.0f, 3e9f, 8.0f, 500.0f}) {
+            EXPECT_FALSE(is_known(2.0f, far)) << axis << " " << far;
         }
+        EXPECT_FALSE(is_known(last - 1.0f, last)) << axis;
     }
-    EXPECT_TRUE(std::isnan(sample({8.0f, 2.0f, 2.0f}))) << "between unused voxels";
-    EXPECT_TRUE(std::isnan(sample({500.0f, 500.0f, 500.0f}))) << "where nothing is";
-    for (int how = 0; how < 4; ++how) {
-        const LeafTSDFSpeckle kept = leaf(3, 3, 3);
-        leaf(3, 3, 3).reset();
-        if (how > 0) leaf(3, 3, 3).touch({});
-        if (how == 2) leaf(3, 3, 3).add(1.0f, 0.9e-5f);
-        if (how == 3) leaf(3, 3, 3).add(0.9e-6f, 1.0f);
-        EXPECT_TRUE(std::isnan(sample({2.6f, 2.6f, 2.6f}))) << how;
-        EXPECT_FALSE(std::isnan(sample({2.4f, 2.6f, 2.6f}))) << how;
-        leaf(3, 3, 3) = kept;
-    }
-}
 
-TEST_F(Field, ValuesAtVoxels) {
     const auto value = [&](int x, int y, int z) {
         return FieldReader<LeafTSDFSpeckle>(tree).value_anywhere({x, y, z});
     };
     EXPECT_FLOAT_EQ(value(2, 3, 4), truth(tree.voxel_to_world({2, 3, 4})));
-    EXPECT_EQ(value(Side + 1, 0, 0), 0.0f);
-    EXPECT_EQ(value(400, 400, 400), 0.0f);
+    EXPECT_EQ(value(side + 1, 0, 0), 0.0f);
     for (const int outside : {-1, 1024, INT32_MIN, INT32_MAX}) {
         EXPECT_EQ(value(outside, 1, 1), tree.leaf_at(0).value()) << "leaf 0 answers for the outside";
     }
-    leaf(2, 3, 4).state = LeafNeverUsed;
-    EXPECT_EQ(value(2, 3, 4), 0.0f);
-    EXPECT_NE(value(2, 3, 5), 0.0f);
+    LeafTSDFSpeckle& corner = tree.leaf_at(tree.find_leaf(3, 3, 3));
+    for (int how = 0; how < 4; ++how) {  // unused, without weight, with hardly any, and hardly any value
+        corner.reset();
+        if (how > 0) corner.touch({});
+        if (how == 2) corner.add(1.0f, 0.9e-5f);
+        if (how == 3) corner.add(0.9e-6f, 1.0f);
+        EXPECT_EQ(value(3, 3, 3) == 0.0f, how < 3);
+        EXPECT_TRUE(std::isnan(sample({2.6f, 2.6f, 2.6f}))) << how;
+        EXPECT_FALSE(std::isnan(sample({2.4f, 2.6f, 2.6f}))) << how;
+    }
     tree.pool().clear();
     EXPECT_EQ(value(2, 3, 5), 0.0f) << "beyond the pool";
 }

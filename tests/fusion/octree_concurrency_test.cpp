@@ -4,23 +4,17 @@
 #include <array>
 #include <atomic>
 #include <functional>
-#include <random>
-#include <set>
 #include <thread>
-#include <tuple>
 #include <vector>
 
 #include "fusion/LeafTSDFLaser.h"
-#include "fusion/LeafTSDFSpeckle.h"
 #include "fusion/LeafTSDFTeeth.h"
-#include "fusion/octreeChecker.h"
+#include "tests/fusion/octreeScenes.h"
 
 namespace VexelOctree {
 namespace {
 
 using namespace VexelAlgorithm::Fusion;
-using Tree = Octree<LeafTSDFSpeckle>;
-using Findings = std::vector<std::string>;
 constexpr int Threads = 4;
 
 /// Runs body(0) ... body(Threads - 1) at the same time.
@@ -36,34 +30,11 @@ void run_together(const std::function<void(int)>& body) {
     for (std::thread& thread : threads) thread.join();
 }
 
-/// Different voxels in clusters: many nodes with much under them, and many with little.
-std::vector<Vector3i> scattered_voxels(int size, int count) {
-    std::mt19937 random(17);
-    std::uniform_int_distribution<int> anywhere(0, size - 1), near(-6, 6);
-    std::set<std::tuple<int, int, int>> seen;
-    std::vector<Vector3i> voxels;
-    Vector3i centre = Vector3i::Zero();
-    for (int i = 0; i < count; ++i) {
-        if (i % 50 == 0) centre = {anywhere(random), anywhere(random), anywhere(random)};
-        const Vector3i near3(near(random), near(random), near(random));
-        const Vector3i v = (centre + near3).cwiseMax(0).cwiseMin(size - 1);
-        if (seen.emplace(v.x(), v.y(), v.z()).second) voxels.push_back(v);
-    }
-    return voxels;
-}
-
-/// Different nodes of 2^bits voxels that hold the voxels.
-int count_nodes(const std::vector<Vector3i>& voxels, int bits) {
-    std::set<std::tuple<int, int, int>> nodes;
-    for (const Vector3i& v : voxels) nodes.emplace(v.x() >> bits, v.y() >> bits, v.z() >> bits);
-    return static_cast<int>(nodes.size());
-}
-
 TEST(OctreeConcurrency, AllThreadsGetTheSameOctets) {
     for (const int depth : {10, 14}) {
         Tree tree;
         tree.set_depth(depth, 1);
-        const std::vector<Vector3i> voxels = scattered_voxels(tree.get_size(), 20000);
+        const std::vector<Vector3i> voxels = scattered_voxels(tree.get_size(), 400, 50);
         const std::size_t count = voxels.size();
         std::array<std::vector<std::int32_t>, Threads> leaves;
         std::atomic<int> created{0};
@@ -95,7 +66,7 @@ TEST(OctreeConcurrency, AllThreadsGetTheSameOctets) {
 TEST(OctreeConcurrency, ReadersFindWholeLeavesWhileOthersCreate) {
     Tree tree;
     tree.set_depth(13, 1);
-    const std::vector<Vector3i> voxels = scattered_voxels(tree.get_size(), 20000);
+    const std::vector<Vector3i> voxels = scattered_voxels(tree.get_size(), 400, 50);
     std::atomic<int> writing{Threads / 2};
     std::atomic<std::size_t> found{0};
     run_together([&](int t) {

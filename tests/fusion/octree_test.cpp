@@ -13,52 +13,17 @@
 #include <iterator>
 #include <limits>
 #include <random>
-#include <set>
-#include <tuple>
 
-#if defined(__linux__)
-#    include <unistd.h>
-#endif
-
-#include "fusion/FusionTsdf.h"
 #include "fusion/LaserGrid.h"
 #include "fusion/LeafNormal.h"
-#include "fusion/OctetCache.h"
-#include "fusion/octreeChecker.h"
+#include "fusion/LeafTSDFLaser.h"
+#include "tests/fusion/octreeScenes.h"
 
 namespace VexelOctree {
-
-/// Reaches what no public way spoils.
-struct TopTreeDamage {
-    static void set_cell(TopTree& top, std::int32_t cell, std::int32_t base) { top.set_cell(cell, base); }
-    static std::atomic<std::uint64_t>& mask(TopTree& top, std::size_t word) { return top.masks()[word]; }
-};
-
 namespace {
 
 using namespace VexelAlgorithm::Fusion;
-using Tree = Octree<LeafTSDFSpeckle>;
-using Findings = std::vector<std::string>;
 constexpr float NotANumber = std::numeric_limits<float>::quiet_NaN();
-
-std::tuple<int, int, int> key_of(const Vector3i& v, int bits = 0) {
-    return {v.x() >> bits, v.y() >> bits, v.z() >> bits};
-}
-
-/// Voxels in a few clusters anywhere in the volume, its corners among them.
-std::vector<Vector3i> scattered_voxels(int size, int clusters, int perCluster) {
-    std::mt19937 random(7);
-    std::uniform_int_distribution<int> anywhere(0, size - 1), near(-9, 9);
-    std::vector<Vector3i> voxels{Vector3i::Zero(), Vector3i::Constant(size - 1), {size - 1, 0, 0}, {0, size - 1, 0}};
-    for (int i = 0; i < clusters; ++i) {
-        const Vector3i centre(anywhere(random), anywhere(random), anywhere(random));
-        for (int k = 0; k < perCluster; ++k) {
-            const Vector3i voxel = centre + Vector3i(near(random), near(random), near(random));
-            voxels.push_back(voxel.cwiseMax(0).cwiseMin(size - 1));
-        }
-    }
-    return voxels;
-}
 
 TEST(OctreeCoordinates, WorldToVoxel) {
     Tree tree;
@@ -98,6 +63,8 @@ TEST(OctreeDepth, IsClampedAndGivesTheLevels) {
     Octree<LeafTSDFLaser> laser;
     laser.set_depth(20, 1);
     EXPECT_EQ(laser.get_treeDepth(), 15) << "its coordinates are 16-bit";
+    Octree<LaserGrid> grid;
+    EXPECT_EQ(grid.find_or_create_leaf(1, 0, 1).leaf, 5);
 }
 
 TEST(Octree, FindsAndCreates) {
@@ -122,12 +89,14 @@ TEST(Octree, EveryDepthAndLeafSizeKeepsItsVoxelsApart) {
             SCOPED_TRACE(testing::Message() << "depth " << depth << ", leaf bits " << leafBits);
             Tree tree;
             tree.set_depth(depth, leafBits);
-            std::set<std::tuple<int, int, int>> voxels, units;
+            const bool isCovered = depth >= 8 + leafBits;  // the top grid reaches just as far as the volume
+            EXPECT_TRUE(!isCovered || tree.empty_node_bits(3, 2, 1) == depth) << "nothing there at all";
+            NodeSet units;
             std::set<std::int32_t> leaves;
-            for (const Vector3i& v : scattered_voxels(tree.get_size(), 12, 100)) {
+            const std::vector<Vector3i> voxels = scattered_voxels(tree.get_size(), 12, 100);
+            for (const Vector3i& v : voxels) {
                 const LeafPath path = tree.find_or_create_leaf(v.x(), v.y(), v.z());
-                EXPECT_EQ(path.created, units.insert(key_of(v, leafBits)).second);
-                voxels.insert(key_of(v));
+                EXPECT_EQ(path.created, units.insert(node_of(v, leafBits)).second);
                 leaves.insert(path.leaf);
                 EXPECT_EQ(tree.find_leaf(v), path.leaf);
                 EXPECT_EQ(tree.leaf_coordinates(path.leaf), v);
@@ -140,65 +109,33 @@ TEST(Octree, EveryDepthAndLeafSizeKeepsItsVoxelsApart) {
             EXPECT_EQ(leaves.size(), voxels.size());
             EXPECT_EQ(tree.get_vaild_leaf_num(), static_cast<int>(units.size()) << (3 * leafBits));
             EXPECT_EQ(check_octree(tree), Findings());
+
+            // The largest empty node around a voxel. Below the top grid every power of two is a node, above it every
+            // second one.
+            std::vector<NodeSet> nodes(static_cast<std::size_t>(depth + 1));
+            for (int bits = leafBits; bits <= depth; ++bits) {
+                for (const Vector3i& v : voxels) nodes[static_cast<std::size_t>(bits)].insert(node_of(v, bits));
+            }
+            std::mt19937 random(3);
+            std::uniform_int_distribution<int> anywhere(0, tree.get_size() - 1), near(0, 40);
+            for (int i = 0; isCovered && i < 3000; ++i) {
+                const auto draw = [&] { return i % 2 ? anywhere(random) : near(random); };
+                const Vector3i v(draw(), draw(), draw());
+                int expected = 0;
+                for (int bits = leafBits, cell = depth - 8; bits <= depth; ++bits) {
+                    const bool isNode = bits < cell || (bits - cell) % 2 == 0;
+                    const bool isEmpty = nodes[static_cast<std::size_t>(bits)].count(node_of(v, bits)) == 0;
+                    if (isNode && isEmpty) expected = bits;
+                }
+                ASSERT_EQ(tree.empty_node_bits(v.x(), v.y(), v.z()), expected) << v.transpose();
+            }
+
             tree.clear();
             EXPECT_EQ(tree.get_vaild_leaf_num(), 0);
             EXPECT_EQ(tree.pool().size(), 1 << 20);
             EXPECT_EQ(tree.find_leaf(0, 0, 0), -1);
             EXPECT_EQ(tree.get_treeDepth(), depth);
         }
-    }
-}
-
-TEST(Octree, EmptyNodesAreTheLargestThereAre) {
-    for (const auto& [depth, leafBits] : {std::pair(10, 1), {12, 1}, {13, 2}}) {
-        Tree tree;
-        tree.set_depth(depth, leafBits);
-        std::vector<std::set<std::tuple<int, int, int>>> nodes(static_cast<std::size_t>(depth + 1));
-        EXPECT_EQ(tree.empty_node_bits(3, 2, 1), depth) << "nothing there at all";
-        for (const Vector3i& v : scattered_voxels(tree.get_size(), 4, 30)) {
-            tree.find_or_create_leaf(v.x(), v.y(), v.z());
-            for (int bits = 0; bits <= depth; ++bits) nodes[static_cast<std::size_t>(bits)].insert(key_of(v, bits));
-        }
-        // Below the top grid every power of two is a node, above it every second one.
-        const auto isNodeSize = [&, cell = depth - 8](int bits) { return bits < cell || (bits - cell) % 2 == 0; };
-        std::mt19937 random(3);
-        std::uniform_int_distribution<int> anywhere(0, tree.get_size() - 1), near(0, 40);
-        for (int i = 0; i < 3000; ++i) {
-            const auto draw = [&] { return i % 2 ? anywhere(random) : near(random); };
-            const Vector3i v(draw(), draw(), draw());
-            int expected = 0;
-            for (int bits = leafBits; bits <= depth; ++bits) {
-                if (isNodeSize(bits) && nodes[static_cast<std::size_t>(bits)].count(key_of(v, bits)) == 0)
-                    expected = bits;
-            }
-            ASSERT_EQ(tree.empty_node_bits(v.x(), v.y(), v.z()), expected) << v.transpose() << " depth " << depth;
-        }
-    }
-}
-
-TEST(Octree, CacheAgreesWithTheTree) {
-    Tree tree;
-    OctetCache creating;
-    std::mt19937 random(5);
-    std::uniform_int_distribution<int> step(-3, 3);
-    for (int walk = 0; walk < 4; ++walk) {
-        Vector3i v = Vector3i::Constant(300 + 200 * walk);
-        for (int i = 0; i < 5000; ++i) {
-            v += Vector3i(step(random), step(random), step(random));
-            v = v.cwiseMax(0).cwiseMin(tree.get_size() - 1);
-            if (walk % 2 == 1) continue;
-            const std::int32_t made = creating.find_or_create(tree, v.x(), v.y(), v.z());
-            ASSERT_EQ(made, tree.find_leaf(v));
-        }
-    }
-    EXPECT_EQ(creating.find_or_create(tree, -1, 5, 5), -1);
-    EXPECT_EQ(creating.find_or_create(tree, 5, 1024, 5), -1);
-    EXPECT_EQ(check_octree(tree), Findings());
-    OctetCache reading;
-    std::uniform_int_distribution<int> there(250, 750);
-    for (int i = 0; i < 20000; ++i) {
-        const Vector3i v(there(random), there(random), i % 2 ? there(random) : 300);
-        ASSERT_EQ(reading.find(tree, v.x(), v.y(), v.z()), tree.find_leaf(v));
     }
 }
 
@@ -246,22 +183,6 @@ TEST(LeafPool, RunningOutOfMemoryLosesNothing) {
     EXPECT_EQ(tree.get_vaild_leaf_num(), 0);
     tree.find_or_create_leaf(1, 1, 1);
     EXPECT_EQ(check_octree(tree), Findings());
-}
-
-TEST(FusionTsdf, AnEmptyVolumeIsSmall) {
-#if !defined(__linux__) || defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-    GTEST_SKIP() << "reads /proc, outside of sanitizers";
-#else
-    const auto resident = [] {
-        std::size_t total = 0, pages = 0;
-        std::ifstream("/proc/self/statm") >> total >> pages;
-        return pages * static_cast<std::size_t>(sysconf(_SC_PAGESIZE));
-    };
-    const std::size_t before = resident();
-    const FusionTsdf<LeafTSDFSpeckle> volume(10, 0.2f, 0.5f, 5, 2, "");
-    EXPECT_LT(resident() - before, std::size_t{30} << 20);
-    EXPECT_GT(before, 0u);
-#endif
 }
 
 // ---- the top grid ---------------------------------------------------------------------------------------
@@ -367,7 +288,6 @@ TEST(OctreeChecker, NoticesDamage) {
     } cases[] = {
         {"base 4 in table 1", [&](Tree& tree) { child(tree, 0, 0) = 4; }},
         {"octet 0 of table 1 is used twice", [&](Tree& tree) { child(tree, 0, 1) = 0; }},
-        {"octet 1 of table 0 is used twice", [](Tree& tree) { TopTreeDamage::set_cell(tree.top_tree(), 5, 8); }},
         {"octet 0 of table 1 cannot be reached", [&](Tree& tree) { child(tree, 0, 0) = -1; }},
         {"unit 1 at 0 2 0 has coordinates 2 0 0",
          [&](Tree& tree) { child(tree, 1, 2) = child(tree, 1, 1).exchange(-1); }},
@@ -378,8 +298,6 @@ TEST(OctreeChecker, NoticesDamage) {
         {"counter 3 of table 2, room for 0", [](Tree& tree) { tree.pool().clear(); }},
         {"leaf 24, which is not handed out, is used", [](Tree& tree) { tree.leaf_at(24).touch({}); }},
         {"entry 16 of table 1, which is not handed out, is 0", [&](Tree& tree) { child(tree, 1, 16) = 0; }},
-        {"the mask of block 262143 of 4^3 x 2^0 cells is wrong",
-         [](Tree& tree) { TopTreeDamage::mask(tree.top_tree(), (1u << 18) - 1) = 0; }},
     };
     for (const auto& [finding, damage] : cases) {
         Tree tree;

@@ -1,6 +1,7 @@
 #include "algorithmQorInclude.h"
 
 #include <memory>
+#include <utility>
 
 #include "foundation/handle.h"
 #include "fusiontrackoperation/FusionTrack.h"
@@ -40,6 +41,21 @@ template <class Body>
 RetVal on_session(void* handle, std::string_view name, Body&& body) noexcept {
     return on_handle<FusionTrack, RetVal>(handle, session_function(name), {RET_INI_ERROR, RET_RUN_FAIL},
                                           std::forward<Body>(body));
+}
+
+/// The same for the threaded input, which answers a null handle with `RET_INPUT_ERROR`.
+template <class Body>
+RetVal on_parallel_input(void* handle, const char* name, const Body& body) noexcept {
+    return on_handle<FusionTrack, RetVal>(handle, session_function(name), {RET_INPUT_ERROR, RET_RUN_FAIL},
+                                          [&](FusionTrack& session) { return body(session.parallel_input(), name); });
+}
+
+template <class Frame>
+RetVal load_frame(void* handle, const char* name, Frame&& frame, const FusionparallelInputData& data,
+                  ParallelInput::Color color) noexcept {
+    return on_parallel_input(handle, name, [&](ParallelInput& input, const char* function) {
+        return input.load(function, std::forward<Frame>(frame), data, color);
+    });
 }
 
 template <class Callback>
@@ -105,6 +121,44 @@ bool track(void* handle, const PointImage& frame, int& elapsedMicroseconds) noex
 bool fusion(void* handle, const PointImage& frame, const RigidMatrix& pose, int& elapsedMicroseconds) noexcept {
     return on_handle<FusionTrack, bool>(handle, session_function("fusion"), {false, false}, [&](FusionTrack& session) {
         return session.fusion(frame, pose, elapsedMicroseconds);
+    });
+}
+
+RetVal fusion_and_track_parallel(void* handle, const PointImage& frame, const FusionparallelInputData& data) noexcept {
+    return load_frame(handle, "fusion_and_track_parallel", frame, data, ParallelInput::Color::NotAwaited);
+}
+
+RetVal fusion_and_track_parallel(void* handle, PointImage&& frame, const FusionparallelInputData& data) noexcept {
+    return load_frame(handle, "fusion_and_track_parallel", std::move(frame), data, ParallelInput::Color::NotAwaited);
+}
+
+RetVal fusion_and_track_parallel_load_cloud(void* handle, const PointImage& frame,
+                                            const FusionparallelInputData& data) noexcept {
+    return load_frame(handle, "fusion_and_track_parallel_load_cloud", frame, data, ParallelInput::Color::Awaited);
+}
+
+RetVal fusion_and_track_parallel_load_cloud(void* handle, PointImage&& frame,
+                                            const FusionparallelInputData& data) noexcept {
+    return load_frame(handle, "fusion_and_track_parallel_load_cloud", std::move(frame), data,
+                      ParallelInput::Color::Awaited);
+}
+
+RetVal fusion_and_track_parallel_load_color(void* handle, const ParallelColorImage& color,
+                                            std::int64_t frameId) noexcept {
+    return on_parallel_input(
+        handle, "fusion_and_track_parallel_load_color",
+        [&](ParallelInput& input, const char* function) { return input.load_color(function, frameId, color); });
+}
+
+RetVal fusion_paralle_pause(void* handle) noexcept {
+    return on_parallel_input(handle, "fusion_paralle_pause",
+                             [](ParallelInput& input, const char*) { return input.pause(); });
+}
+
+RetVal fusion_paralle_start(void* handle) noexcept {
+    return on_parallel_input(handle, "fusion_paralle_start", [](ParallelInput& input, const char*) {
+        input.resume();
+        return RET_SUCCESS;
     });
 }
 
@@ -224,7 +278,11 @@ RetVal fusion_tree_reset(void* handle) noexcept {
 }
 
 RetVal fusiontrack_release(void*& handle) noexcept {
-    return release_handle<FusionTrack>(handle, {"fusiontrack_release", null_text::RELEASE}, RET_INI_ERROR);
+    const ExportedFunction function{"fusiontrack_release", null_text::RELEASE};
+    const RetVal permission = on_handle<FusionTrack, RetVal>(
+        handle, function, {RET_INI_ERROR, RET_RUN_FAIL},
+        [](FusionTrack& session) { return session.may_be_released() ? RET_SUCCESS : RET_STATE_ERROR; });
+    return permission == RET_SUCCESS ? release_handle<FusionTrack>(handle, function, RET_INI_ERROR) : permission;
 }
 
 bool save_project(void* handle, std::ofstream& file) noexcept {

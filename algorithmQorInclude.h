@@ -18,10 +18,10 @@
 // `..._release` function, exactly once; releasing null only prints a line. Inputs are read during the call and never
 // kept; outputs are cleared or resized by the callee.
 //
-// Threads. Nothing runs in the background: a call does its work before it returns, on up to as many threads as its
-// object is configured for. Different objects may be used from different threads at once. One object may be read from
-// several threads; a call that changes it must be alone on it unless its description permits an overlap. With one
-// thread configured, the same input gives the same bytes.
+// Threads. Nothing runs in the background, but for the threaded input of a scan session once it is used: a call does
+// its work before it returns, on up to as many threads as its object is configured for. Different objects may be used
+// from different threads at once. One object may be read from several threads; a call that changes it must be alone on
+// it unless its description permits an overlap. With one thread configured, the same input gives the same bytes.
 #pragma once
 
 #include <iosfwd>
@@ -51,6 +51,7 @@
 #include "fusion/LeafNormal.h"
 #include "fusion/rayCast.h"
 #include "fusiontrackoperation/FusionScanState.h"
+#include "fusiontrackoperation/FusionparallelInputData.h"
 #include "fusiontrackoperation/sessionCallbacks.h"
 #include "platform/featureRegistration.h"
 #include "platform/textureTracking.h"
@@ -74,8 +75,8 @@ namespace VexelAlgorithm {
 //
 // Threads. Every function may be called from any thread. One frame at a time: a frame given while the session works on
 // another one is refused with a line. `get_show_data`, `get_show_data_filter_noise`, `get_current_rt`,
-// `get_fusion_scan_state`, `get_model2Volum_shift`, `reset_icpDisThread`, `reset_rata_ray`, `shoule_we_debug_fusion`
-// and the callback setters may overlap a frame step and each other, but for the two display functions, which are for
+// `get_fusion_scan_state`, `get_model2Volum_shift`, `reset_icpDisThread`, `reset_rata_ray`, `shoule_we_debug_fusion`,
+// the threaded input and the callback setters may overlap a frame step and each other, but for the two display functions, which are for
 // one thread at a time because the cloud that they return is the session's. All other functions wait for a running
 // frame step to end, and a frame waits for them. Nothing may overlap `fusiontrack_release`.
 
@@ -116,6 +117,48 @@ VEXEL_API bool track(void* handle, const PointImage& frame, int& elapsedMicrosec
 /// the prediction from there. On an empty model the frame becomes the first one, at that pose. False on a null handle.
 VEXEL_API bool fusion(void* handle, const PointImage& frame, const RigidMatrix& pose,
                       int& elapsedMicroseconds) noexcept;
+
+// Threaded input. Frames are given to a worker thread of the session, which does for each what
+// `fusion_and_track_with_speed_limit` does, in the order in which they came, and reports it to one of the callbacks. A
+// session that is never given a frame this way has no such thread.
+//
+// A frame that was taken (`RET_SUCCESS`) is reported exactly once; one that was refused, never. Bad frames are taken
+// and reported as illegal. Refused with a line: frames while `maxQueued` of them wait already, at once or after
+// `waitMilliseconds` (`RET_STATE_ERROR`); while the input is paused (`RET_PAUSED`, "illegal data input because _isPause
+// == true "), which also ends a wait for room; while the session is being reset (`RET_STATE_ERROR`); settings out of
+// their range (`RET_INPUT_ERROR`). The frame in work does not count as waiting. Inside a callback nothing waits for
+// room.
+//
+// `fusion_reset`, its two sisters and `fusiontrack_release` let the frame in work end, have those that wait reported to
+// the fail callback as given up, and end the thread before they do anything else; so nobody may wait inside a callback
+// for a thread that is in one of them. Inside a callback they are refused with a line (`RET_STATE_ERROR`). The worker
+// waits for a direct frame step to end; a direct one that comes while it works is refused as busy. While frames are
+// given with `showData`, the display functions are for the callbacks only. Null handle: the usual line and
+// `RET_INPUT_ERROR`, for all of these.
+
+/// Queues a frame; the first form copies it, the second takes it over unless it is refused. A colour image that came
+/// before with the same `frameId` goes with it.
+VEXEL_API RetVal fusion_and_track_parallel(void* handle, const PointImage& frame,
+                                           const FusionparallelInputData& data) noexcept;
+VEXEL_API RetVal fusion_and_track_parallel(void* handle, PointImage&& frame,
+                                           const FusionparallelInputData& data) noexcept;
+/// The same for a frame whose colour image comes by `fusion_and_track_parallel_load_color`, before it or after. When
+/// its turn comes it waits for the image until `colorWaitMilliseconds` after its arrival, and then goes on without.
+VEXEL_API RetVal fusion_and_track_parallel_load_cloud(void* handle, const PointImage& frame,
+                                                      const FusionparallelInputData& data) noexcept;
+VEXEL_API RetVal fusion_and_track_parallel_load_cloud(void* handle, PointImage&& frame,
+                                                      const FusionparallelInputData& data) noexcept;
+/// The colour image of the frame of this id, which the callbacks find in the frame's input data; the model takes no
+/// colour from it. Also taken while paused. Up to 16 images wait for their frames; one more drops the oldest, with a
+/// line. Reset forgets them. An image without pixels, or whose bytes do not fit its size: `RET_INPUT_ERROR`.
+VEXEL_API RetVal fusion_and_track_parallel_load_color(void* handle, const ParallelColorImage& color,
+                                                      std::int64_t frameId) noexcept;
+/// From now on no frame is taken and none begun; those that wait stay. Waits for the frame in work and its callback to
+/// end; if they have not after 5 s, says "fusion_pause fail ", goes on as before and returns `RET_RUN_FAIL`. Inside a
+/// callback it takes effect at once and waits for nothing. A pause outlasts a reset.
+VEXEL_API RetVal fusion_paralle_pause(void* handle) noexcept;
+/// Ends the pause, if there is one.
+VEXEL_API RetVal fusion_paralle_start(void* handle) noexcept;
 
 /// Points (mm, model coordinates) of the model's surface, about one a voxel, with normals that point out of the surface
 /// and the colour `colorOnInvaildPoint`. Each call brings up to date what frames have changed since the one before;
@@ -180,7 +223,8 @@ VEXEL_API RetVal fusion_reset(void* handle) noexcept;
 VEXEL_API RetVal fusion_reset_withoutTex(void* handle) noexcept;
 /// Forgets model, poses and display; what `get_fusion_scan_state` tells of the last frame stays.
 VEXEL_API RetVal fusion_tree_reset(void* handle) noexcept;
-/// Destroys the session and nulls the caller's handle. Null already: "can not run function fail fusiontrack_release
+/// Destroys the session and nulls the caller's handle. Inside a callback `RET_STATE_ERROR`, and the session stays. Null
+/// already: "can not run function fail fusiontrack_release
 /// because pFusionTrack = NULL".
 VEXEL_API RetVal fusiontrack_release(void*& handle) noexcept;
 
@@ -197,8 +241,8 @@ VEXEL_API bool save_project(void* handle, std::ofstream& file) noexcept;
 /// whatever they say. Null handle as for `save_project`.
 VEXEL_API bool read_project(void* handle, std::ifstream& file) noexcept;
 
-/// Stores a function for the threaded mode, null for none; the frame step calls none of them. Null handle: "can not run
-/// this function because pFusionTrack = NULL".
+/// Stores a function for the threaded input, null for none; direct frame steps call none of them. Null handle: "can not
+/// run this function because pFusionTrack = NULL".
 VEXEL_API void set_fusion_success_call_back(void* handle, FusionSuccessCallBack callback) noexcept;
 VEXEL_API void set_fusion_fail_call_back(void* handle, FusionFailCallBack callback) noexcept;
 VEXEL_API void set_illegal_input_call_back(void* handle, IllegalInputCallBack callback) noexcept;

@@ -28,6 +28,7 @@ constexpr OutcomeName outcomeNames[] = {
     {FrameOutcome::NotConverged, "not converged"},
     {FrameOutcome::TooFast, "too fast"},
     {FrameOutcome::Failed, "failed"},
+    {FrameOutcome::GivenUp, "given up"},
 };
 
 Json json_of(const ErrorFigures& figures) {

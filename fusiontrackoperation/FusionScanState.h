@@ -22,8 +22,15 @@ enum class FrameOutcome : std::int32_t {
     TooFewValid = 10,  ///< too small a share of frame or prediction ended as correspondences
     NotConverged = 11,
     TooFast = 12,
-    Failed = 13,  ///< anything else: memory, singular system; a line says what
+    Failed = 13,   ///< anything else: memory, singular system; a line says what
+    GivenUp = 14,  ///< only of the threaded input: reset or release came before the frame's turn
 };
+
+/// Whether the frame's pose joined the pose list.
+inline bool is_accepted(FrameOutcome outcome) {
+    return outcome == FrameOutcome::FirstFrame || outcome == FrameOutcome::Fused ||
+           outcome == FrameOutcome::TrackedOnly;
+}
 
 /// Milliseconds on the clock of the stages of the last frame step; 0 for stages that were not reached.
 struct FrameStepTimes {

@@ -58,6 +58,7 @@ FusionTrack::FusionTrack(const SessionParameters& parameters, bool withTexture, 
 }
 
 FusionTrack::~FusionTrack() {
+    _parallelInput.stop();
     const std::lock_guard<std::mutex> step(_stepMutex);
     if (_textureTracker != nullptr) vexel_sfm::tbt_release(_textureTracker);
     if (_featureRegistration != nullptr) pair_lrf_cue_release_implementation(_featureRegistration);
@@ -254,6 +255,8 @@ void FusionTrack::forget_last_frame(int acceptedFrames) {
 }
 
 RetVal FusionTrack::reset(bool withTexture) {
+    if (!may_stop_worker(withTexture ? "fusion_reset" : "fusion_reset_withoutTex")) return RET_STATE_ERROR;
+    _parallelInput.stop();
     const std::lock_guard<std::mutex> step(_stepMutex);
     forget_model();
     forget_last_frame(0);
@@ -264,6 +267,8 @@ RetVal FusionTrack::reset(bool withTexture) {
 }
 
 RetVal FusionTrack::reset_tree() {
+    if (!may_stop_worker("fusion_tree_reset")) return RET_STATE_ERROR;
+    _parallelInput.stop();
     const std::lock_guard<std::mutex> step(_stepMutex);
     forget_model();
     _recorder.model_replaced("fusion_tree_reset");

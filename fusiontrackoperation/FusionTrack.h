@@ -17,6 +17,7 @@
 #include "fusion/rayCast.h"
 #include "fusiontrackoperation/DisplayData.h"
 #include "fusiontrackoperation/FusionScanState.h"
+#include "fusiontrackoperation/ParallelInput.h"
 #include "fusiontrackoperation/SessionParameters.h"
 #include "fusiontrackoperation/SessionRecorder.h"
 #include "fusiontrackoperation/TextureSetup.h"
@@ -56,6 +57,9 @@ public:
     bool track(const PointImage& input, int& elapsedMicroseconds);
     bool fusion(const PointImage& input, const RigidMatrix& pose, int& elapsedMicroseconds);
 
+    /// Frames for the session's worker; `report_frame` tells what happened to each.
+    ParallelInput& parallel_input() { return _parallelInput; }
+
     // ---- what an application looks at ------------------------------------------------------------------
 
     const Cloud& get_show_data();
@@ -92,6 +96,8 @@ public:
 
     /// Back to the state after creation; settings stay.
     RetVal reset(bool withTexture);
+    /// To be asked before the session is destroyed.
+    bool may_be_released() const { return may_stop_worker("fusiontrack_release"); }
     /// Empties the volume and what is rendered and shown from it, and starts the pose list anew.
     RetVal reset_tree();
 
@@ -116,6 +122,7 @@ private:
     };
 
     FrameOutcome track_and_fuse(const char* function, const PointImage& input, StepArguments& arguments);
+<<<<<<< HEAD
     FrameOutcome fuse_at(const PointImage& input, StepArguments& arguments);
     /// Runs `body`, which gives the outcome, as the only step, publishes the scan state and records it all.
     template <class Body>
@@ -123,7 +130,30 @@ private:
     void record_given(const char* function, const PointImage& input, const StepArguments& arguments);
     void record_done(const StepArguments& arguments);
     int accepted_frames() const;
+=======
+    FrameOutcome fuse_at(const PointImage& input, const RigidMatrix& pose, int& elapsedMicroseconds);
+    /// Runs `body`, which gives the outcome, as the only step, and publishes the scan state.
+    enum class Turn { OrRefuse, Await };
+    template <class Body>
+    FrameOutcome run_step(const char* function, const Body& body, Turn turn = Turn::OrRefuse);
+>>>>>>> 7ac7529 (Threaded input: a worker of the session takes frames from a bounded queue and reports each to one callback)
     void publish(FrameOutcome outcome);
+
+    // The worker's share: the step of a queued frame, which waits for its turn, and the callback that reports it.
+    struct QueuedStep {
+        RigidMatrix relative;  ///< motion since the pose before
+        RigidMatrix pose;
+        int acceptedFrames = 0;
+    };
+    void work_on(QueuedFrame& queued, bool isGivenUp) noexcept;
+    FrameOutcome step_queued(QueuedFrame& queued, QueuedStep& result);
+    void report_frame(QueuedFrame& queued, const QueuedStep& result);
+    void report_success(QueuedFrame& queued, const QueuedStep& result, FusionSuccessCallBack callback);
+    const Cloud& get_show_data(std::vector<int>& changedLeaves);
+    template <class Callback>
+    Callback stored(Callback FusionTrack::*callback) const;
+    /// False, with a line, inside a callback of the threaded input.
+    bool may_stop_worker(const char* function) const;
 
     // The stages of a step, in its order.
     bool fits_session(const PointImage& input, const char* function) const;
@@ -200,6 +230,9 @@ private:
     mutable std::mutex _poseMutex;
     mutable std::mutex _stateMutex;
     mutable std::mutex _callbackMutex;
+
+    // Last, so that its thread ends before anything that it uses.
+    ParallelInput _parallelInput{[this](QueuedFrame& queued, bool isGivenUp) { work_on(queued, isGivenUp); }};
 };
 
 }  // namespace VexelAlgorithm

@@ -1,4 +1,5 @@
 // The way of one frame through the session.
+#include <algorithm>
 #include <atomic>
 #include <cmath>
 
@@ -85,11 +86,6 @@ private:
     bool _isGranted;
 };
 
-bool is_accepted(FrameOutcome outcome) {
-    return outcome == FrameOutcome::FirstFrame || outcome == FrameOutcome::Fused ||
-           outcome == FrameOutcome::TrackedOnly;
-}
-
 }  // namespace
 
 // ---- the frame step ---------------------------------------------------------------------------------
@@ -154,8 +150,38 @@ bool FusionTrack::track(const PointImage& input, int& elapsedMicroseconds) {
     return is_accepted(outcome);
 }
 
+<<<<<<< HEAD
 FrameOutcome FusionTrack::fuse_at(const PointImage& input, StepArguments& arguments) {
     const RigidMatrix& pose = arguments.pose;
+=======
+FrameOutcome FusionTrack::step_queued(QueuedFrame& queued, QueuedStep& result) {
+    FusionparallelInputData& data = queued.data;
+    StepArguments arguments;
+    arguments.fuseFlag = data.fuse;
+    arguments.contribution = data.contribution;
+    arguments.frameTimeGap = data.frameTimeGap;
+    arguments.speedState = data.speedState;
+    const auto step = [&] {
+        data.queuedMicroseconds = microseconds_since(queued.arrival);
+        const FrameOutcome outcome = track_and_fuse("fusion_and_track_parallel", queued.frame, arguments);
+        if (outcome != FrameOutcome::FirstFrame) result.relative = _relative;
+        const std::lock_guard<std::mutex> poses(_poseMutex);
+        result.pose = _poses.back();
+        result.acceptedFrames = static_cast<int>(_poses.size());
+        return outcome;
+    };
+    const FrameOutcome outcome = run_step("fusion_and_track_parallel", step, Turn::Await);
+    if (outcome != FrameOutcome::TooFast) {
+        data.fuse = outcome == FrameOutcome::FirstFrame || outcome == FrameOutcome::Fused;
+    }
+    data.contribution = arguments.contribution;
+    data.speedState = arguments.speedState;
+    data.elapsedMicroseconds = std::max(0, arguments.elapsedMicroseconds);
+    return outcome;
+}
+
+FrameOutcome FusionTrack::fuse_at(const PointImage& input, const RigidMatrix& pose, int& elapsedMicroseconds) {
+>>>>>>> 7ac7529 (Threaded input: a worker of the session takes frames from a bounded queue and reports each to one callback)
     if (!has_attributes(input)) return FrameOutcome::MissingAttributes;
     if (!fits_session(input, "fusion")) return FrameOutcome::BadFrame;
     if (!is_rigid(pose)) {
@@ -194,16 +220,23 @@ bool FusionTrack::fusion(const PointImage& input, const RigidMatrix& pose, int& 
 // ---- around a step ----------------------------------------------------------------------------------
 
 template <class Body>
+<<<<<<< HEAD
 FrameOutcome FusionTrack::run_step(const char* function, const PointImage& input, StepArguments& arguments,
                                    const Body& body) {
+=======
+FrameOutcome FusionTrack::run_step(const char* function, const Body& body, Turn turn) {
+>>>>>>> 7ac7529 (Threaded input: a worker of the session takes frames from a bounded queue and reports each to one callback)
     const SoleUse use(_isStepping);
-    if (!use.is_granted()) {
+    if (!use.is_granted() && turn == Turn::OrRefuse) {
         refuse(function, "the session is busy with another frame");
         return FrameOutcome::Failed;
     }
-    wholeStepTimer.restart();
     const std::lock_guard<std::mutex> step(_stepMutex);
+<<<<<<< HEAD
     record_given(function, input, arguments);
+=======
+    wholeStepTimer.restart();
+>>>>>>> 7ac7529 (Threaded input: a worker of the session takes frames from a bounded queue and reports each to one callback)
     const RigidMatrix relative = _stepState.relative;
     _stepState = FusionScanState();
     _stepState.relative = relative;

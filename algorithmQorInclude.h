@@ -76,9 +76,9 @@ namespace VexelAlgorithm {
 // Threads. Every function may be called from any thread. One frame at a time: a frame given while the session works on
 // another one is refused with a line. `get_show_data`, `get_show_data_filter_noise`, `get_current_rt`,
 // `get_fusion_scan_state`, `get_model2Volum_shift`, `reset_icpDisThread`, `reset_rata_ray`, `shoule_we_debug_fusion`,
-// the threaded input and the callback setters may overlap a frame step and each other, but for the two display functions, which are for
-// one thread at a time because the cloud that they return is the session's. All other functions wait for a running
-// frame step to end, and a frame waits for them. Nothing may overlap `fusiontrack_release`.
+// the threaded input and the callback setters may overlap a frame step and each other, but for the two display
+// functions, which are for one thread at a time because the cloud that they return is the session's. All other
+// functions wait for a running frame step to end, and a frame waits for them. Nothing may overlap `fusiontrack_release`.
 
 /// Prints the records and makes a session from them; null, with lines that say why, when they cannot be used. Settings
 /// beyond what a session can take are replaced by the nearest permitted ones, a line each. Which record field does

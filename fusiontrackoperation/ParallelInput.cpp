@@ -5,6 +5,7 @@
 #include <utility>
 
 #include "foundation/diagnostics.h"
+#include "fusiontrackoperation/refusal.h"
 
 namespace VexelAlgorithm {
 namespace {
@@ -36,8 +37,8 @@ bool has_pixels(const ParallelColorImage& image) {
            image.rgb.size() / 3 % static_cast<std::size_t>(image.width) == 0;
 }
 
-RetVal refuse(const char* function, const char* reason, RetVal result) {
-    print_line(format_text("can not run function %s because %s", function, reason));
+RetVal refused(RetVal result, const char* function, const std::string& reason) {
+    refuse(function, reason);
     return result;
 }
 
@@ -55,7 +56,7 @@ RetVal ParallelInput::load(const char* function, const PointImage& frame, const 
         // A frame that will be refused need not be copied first; a closed queue will be opened.
         const Queue::Offered preview = _queue.preview(static_cast<std::size_t>(data.maxQueued));
         if (preview == Queue::Offered::Full || preview == Queue::Offered::Paused) {
-            return refuse(function, data, preview);
+            return refused_offer(function, data.maxQueued, preview);
         }
     }
     return load(function, PointImage(frame), data, color);
@@ -63,7 +64,7 @@ RetVal ParallelInput::load(const char* function, const PointImage& frame, const 
 
 RetVal ParallelInput::load(const char* function, PointImage&& frame, const FusionparallelInputData& data, Color color) {
     const auto arrival = Queue::Clock::now();
-    if (const char* reason = find_unusable(data)) return VexelAlgorithm::refuse(function, reason, RET_INPUT_ERROR);
+    if (const char* reason = find_unusable(data)) return refused(RET_INPUT_ERROR, function, reason);
     // The worker cannot wait for the room that only it makes.
     const milliseconds wait(is_worker_thread() ? 0 : data.waitMilliseconds);
     Queue::Node node(1);
@@ -72,31 +73,29 @@ RetVal ParallelInput::load(const char* function, PointImage&& frame, const Fusio
     queued.data.color = ParallelColorImage();
     queued.arrival = arrival;
     queued.awaitsColor = color == Color::Awaited;
-    if (!ensure_worker()) return refuse(function, data, Queue::Offered::Closed);
+    if (!ensure_worker()) return refused_offer(function, data.maxQueued, Queue::Offered::Closed);
     queued.frame = std::move(frame);
     const Queue::Offered offered = _queue.offer(node, static_cast<std::size_t>(data.maxQueued), wait);
     if (offered == Queue::Offered::Taken) return RET_SUCCESS;
     frame = std::move(queued.frame);
-    return refuse(function, data, offered);
+    return refused_offer(function, data.maxQueued, offered);
 }
 
-RetVal ParallelInput::refuse(const char* function, const FusionparallelInputData& data, Queue::Offered offered) const {
+RetVal ParallelInput::refused_offer(const char* function, int maxQueued, Queue::Offered offered) {
     switch (offered) {
         case Queue::Offered::Paused:
             print_line("illegal data input because _isPause == true ");
             return RET_PAUSED;
         case Queue::Offered::Full:
-            return VexelAlgorithm::refuse(
-                function, format_text("%d frames are waiting already", data.maxQueued).c_str(), RET_STATE_ERROR);
+            return refused(RET_STATE_ERROR, function, format_text("%d frames are waiting already", maxQueued));
         default:
-            return VexelAlgorithm::refuse(function, "the session is being reset or released", RET_STATE_ERROR);
+            return refused(RET_STATE_ERROR, function, "the session is being reset or released");
     }
 }
 
 RetVal ParallelInput::load_color(const char* function, std::int64_t frameId, ParallelColorImage color) {
     if (!has_pixels(color)) {
-        return VexelAlgorithm::refuse(function, "width, height and bytes of the colour image do not fit",
-                                      RET_INPUT_ERROR);
+        return refused(RET_INPUT_ERROR, function, "width, height and bytes of the colour image do not fit");
     }
     std::deque<EarlyColor> forgotten;
     _queue.change([&] {

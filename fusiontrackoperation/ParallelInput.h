@@ -62,7 +62,7 @@ private:
     };
 
     bool ensure_worker();
-    RetVal refuse(const char* function, const FusionparallelInputData& data, Queue::Offered offered) const;
+    static RetVal refused_offer(const char* function, int maxQueued, Queue::Offered offered);
     void work_off();
     Queue::Clock::time_point due(const QueuedFrame& frame) const;
     std::deque<EarlyColor>::const_iterator find_color(std::int64_t frameId) const;

@@ -1,9 +1,9 @@
 // What the session's worker does with the frames of the threaded input.
 #include <utility>
 
-#include "foundation/diagnostics.h"
 #include "foundation/handle.h"
 #include "fusiontrackoperation/FusionTrack.h"
+#include "fusiontrackoperation/refusal.h"
 
 namespace VexelAlgorithm {
 namespace {
@@ -71,9 +71,7 @@ Callback FusionTrack::stored(Callback FusionTrack::*callback) const {
 }
 
 bool FusionTrack::may_stop_worker(const char* function) const {
-    if (!_parallelInput.is_worker_thread()) return true;
-    print_line(format_text("can not run function %s because a callback of the session is calling it", function));
-    return false;
+    return !_parallelInput.is_worker_thread() || refuse(function, "a callback of the session is calling it");
 }
 
 }  // namespace VexelAlgorithm

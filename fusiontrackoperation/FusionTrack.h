@@ -122,21 +122,15 @@ private:
     };
 
     FrameOutcome track_and_fuse(const char* function, const PointImage& input, StepArguments& arguments);
-<<<<<<< HEAD
     FrameOutcome fuse_at(const PointImage& input, StepArguments& arguments);
+    enum class Turn { OrRefuse, Await };
     /// Runs `body`, which gives the outcome, as the only step, publishes the scan state and records it all.
     template <class Body>
-    FrameOutcome run_step(const char* function, const PointImage& input, StepArguments& arguments, const Body& body);
+    FrameOutcome run_step(const char* function, const PointImage& input, StepArguments& arguments, const Body& body,
+                          Turn turn = Turn::OrRefuse);
     void record_given(const char* function, const PointImage& input, const StepArguments& arguments);
     void record_done(const StepArguments& arguments);
     int accepted_frames() const;
-=======
-    FrameOutcome fuse_at(const PointImage& input, const RigidMatrix& pose, int& elapsedMicroseconds);
-    /// Runs `body`, which gives the outcome, as the only step, and publishes the scan state.
-    enum class Turn { OrRefuse, Await };
-    template <class Body>
-    FrameOutcome run_step(const char* function, const Body& body, Turn turn = Turn::OrRefuse);
->>>>>>> 7ac7529 (Threaded input: a worker of the session takes frames from a bounded queue and reports each to one callback)
     void publish(FrameOutcome outcome);
 
     // The worker's share: the step of a queued frame, which waits for its turn, and the callback that reports it.

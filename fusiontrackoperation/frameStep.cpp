@@ -150,10 +150,6 @@ bool FusionTrack::track(const PointImage& input, int& elapsedMicroseconds) {
     return is_accepted(outcome);
 }
 
-<<<<<<< HEAD
-FrameOutcome FusionTrack::fuse_at(const PointImage& input, StepArguments& arguments) {
-    const RigidMatrix& pose = arguments.pose;
-=======
 FrameOutcome FusionTrack::step_queued(QueuedFrame& queued, QueuedStep& result) {
     FusionparallelInputData& data = queued.data;
     StepArguments arguments;
@@ -170,7 +166,7 @@ FrameOutcome FusionTrack::step_queued(QueuedFrame& queued, QueuedStep& result) {
         result.acceptedFrames = static_cast<int>(_poses.size());
         return outcome;
     };
-    const FrameOutcome outcome = run_step("fusion_and_track_parallel", step, Turn::Await);
+    const FrameOutcome outcome = run_step("fusion_and_track", queued.frame, arguments, step, Turn::Await);
     if (outcome != FrameOutcome::TooFast) {
         data.fuse = outcome == FrameOutcome::FirstFrame || outcome == FrameOutcome::Fused;
     }
@@ -180,8 +176,8 @@ FrameOutcome FusionTrack::step_queued(QueuedFrame& queued, QueuedStep& result) {
     return outcome;
 }
 
-FrameOutcome FusionTrack::fuse_at(const PointImage& input, const RigidMatrix& pose, int& elapsedMicroseconds) {
->>>>>>> 7ac7529 (Threaded input: a worker of the session takes frames from a bounded queue and reports each to one callback)
+FrameOutcome FusionTrack::fuse_at(const PointImage& input, StepArguments& arguments) {
+    const RigidMatrix& pose = arguments.pose;
     if (!has_attributes(input)) return FrameOutcome::MissingAttributes;
     if (!fits_session(input, "fusion")) return FrameOutcome::BadFrame;
     if (!is_rigid(pose)) {
@@ -220,23 +216,16 @@ bool FusionTrack::fusion(const PointImage& input, const RigidMatrix& pose, int& 
 // ---- around a step ----------------------------------------------------------------------------------
 
 template <class Body>
-<<<<<<< HEAD
 FrameOutcome FusionTrack::run_step(const char* function, const PointImage& input, StepArguments& arguments,
-                                   const Body& body) {
-=======
-FrameOutcome FusionTrack::run_step(const char* function, const Body& body, Turn turn) {
->>>>>>> 7ac7529 (Threaded input: a worker of the session takes frames from a bounded queue and reports each to one callback)
+                                   const Body& body, Turn turn) {
     const SoleUse use(_isStepping);
     if (!use.is_granted() && turn == Turn::OrRefuse) {
         refuse(function, "the session is busy with another frame");
         return FrameOutcome::Failed;
     }
     const std::lock_guard<std::mutex> step(_stepMutex);
-<<<<<<< HEAD
-    record_given(function, input, arguments);
-=======
     wholeStepTimer.restart();
->>>>>>> 7ac7529 (Threaded input: a worker of the session takes frames from a bounded queue and reports each to one callback)
+    record_given(function, input, arguments);
     const RigidMatrix relative = _stepState.relative;
     _stepState = FusionScanState();
     _stepState.relative = relative;

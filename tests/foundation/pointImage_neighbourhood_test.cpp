@@ -162,15 +162,11 @@ Vector3d reference_normal(const PointImage& image, int x, int y, const NormalPar
 }
 
 TEST(PointImageNormals, AreThoseOfTheReference) {
-    const NormalParameters table[] = {{1, 1, 2, 2, 2.0f},
-                                      {1, 1, 1, 1, 0.5f},
-                                      {2, 3, 5, 7, 3.0f},
-                                      {2, 2, 3, 3, Inf},
-                                      {0, -5, -1, 0, 1.0f},
-                                      {3, 1, 1 << 30, 1, Inf},
-                                      {1 << 30, 1, 1 << 30, 1 << 30, Inf},
-                                      {1, 1, 2, 2, 0.0f},
-                                      {1, 1, 2, 2, -1.0f},
+    const NormalParameters table[] = {{1, 1, 2, 2, 2.0f},      {1, 1, 1, 1, 0.5f},
+                                      {2, 3, 5, 7, 3.0f},      {1, 1, 2, 2, 0.75f},  // met exactly by 0.25, 0.5, 0.5
+                                      {2, 2, 3, 3, Inf},       {0, -5, -1, 0, 1.0f},
+                                      {3, 1, 1 << 30, 1, Inf}, {1 << 30, 1, 1 << 30, 1 << 30, Inf},
+                                      {1, 1, 2, 2, 0.0f},      {1, 1, 2, 2, -1.0f},
                                       {1, 1, 2, 2, NaN}};
     for (const Size& size : oddSizes) {
         PointImage image = make_patchwork(size, 3), moved = image;

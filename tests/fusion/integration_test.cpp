@@ -354,7 +354,7 @@ TEST(Defusion, UndoesAFrameInTeethLeavesOnly) {
     FusionTsdf<LeafTSDFSpeckle> speckle(10, 0.8f, 0.5f, 5, 1, "");
     EXPECT_TRUE(fuse(speckle, first, poses[0]));
     const std::vector<Voxel> kept = used_voxels(speckle);
-    EXPECT_TRUE(fuse(speckle, first, poses[0], false));
+    for (const bool same : {true, false}) EXPECT_TRUE(fuse(speckle, same ? first : second, poses[same ? 0 : 1], false));
     EXPECT_EQ(used_voxels(speckle), kept);
 }
 

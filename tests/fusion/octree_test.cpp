@@ -17,6 +17,7 @@
 #include "fusion/LaserGrid.h"
 #include "fusion/LeafNormal.h"
 #include "fusion/LeafTSDFLaser.h"
+#include "fusion/OctetCache.h"
 #include "tests/fusion/octreeScenes.h"
 
 namespace VexelOctree {
@@ -136,6 +137,21 @@ TEST(Octree, EveryDepthAndLeafSizeKeepsItsVoxelsApart) {
             EXPECT_EQ(tree.find_leaf(0, 0, 0), -1);
             EXPECT_EQ(tree.get_treeDepth(), depth);
         }
+    }
+}
+
+TEST(Octree, CacheAgreesWithTheTree) {
+    Tree tree;
+    OctetCache creating, reading;
+    for (const Vector3i& v : scattered_voxels(tree.get_size(), 40, 300)) {
+        const std::int32_t leaf = creating.find_or_create(tree, v.x(), v.y(), v.z());
+        ASSERT_EQ(leaf, tree.find_leaf(v));
+        ASSERT_EQ(tree.leaf_coordinates(leaf), v);
+    }
+    EXPECT_EQ(creating.find_or_create(tree, -1, 5, 5), -1);
+    EXPECT_EQ(creating.find_or_create(tree, 5, 1024, 5), -1);
+    for (const Vector3i& v : scattered_voxels(tree.get_size(), 80, 300)) {  // the first half is there
+        ASSERT_EQ(reading.find(tree, v.x(), v.y(), v.z()), tree.find_leaf(v));
     }
 }
 

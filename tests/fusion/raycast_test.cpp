@@ -281,9 +281,10 @@ TEST(RayCast, SlotCountsMustAgreeWhenGuided) {
 }
 
 TEST(RayCast, BricksFarApartAreToldApart) {
-    // One ray through two stacks of voxels so far apart that only the highest bits of their coordinates differ.
-    constexpr int kApart = 1 << 15, kFirst = 1000;
-    FusionTsdf<LeafTSDFSpeckle> volume(17, 0.5f, 0.5f, 5, 1, "");
+    // One ray through two stacks of voxels so far apart that only the highest bits of their coordinates differ, which
+    // the first tag of a brick has no room for.
+    constexpr int kApart = 1 << 17, kFirst = 1000;
+    FusionTsdf<LeafTSDFSpeckle> volume(18, 0.5f, 0.5f, 5, 1, "");
     for (int z = -3; z <= 3; ++z) {
         for (int k = 0; k < 9; ++k) {
             set_voxel(volume, {500 + k % 3, 500 + k / 3, kFirst + z}, 1.0f);
@@ -293,7 +294,7 @@ TEST(RayCast, BricksFarApartAreToldApart) {
     PointImage result;
     result.ini(1, 1, {1.0, 1.0, 0.0, 0.0}, 1, Vector2f::Zero());
     const RigidMatrix pose(Matrix3d::Identity(), {250.75, 250.75, 0.5 * (kFirst - 10)});
-    ASSERT_EQ(rayCast(volume, PointImage(), pose, result, false, {0.0f, 20000.0f}, kFromVolume, 0.0f), 0);
+    ASSERT_EQ(rayCast(volume, PointImage(), pose, result, false, {0.0f, 80000.0f}, kFromVolume, 0.0f), 0);
     EXPECT_NEAR(result.get_vCoord(0).z(), 0.5 * (kFirst + kApart + 0.5) + 0.2, 0.01);
 }
 

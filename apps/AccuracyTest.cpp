@@ -8,6 +8,7 @@
 
 #include "SpeckleRebCPU/speckleRebuild.h"
 #include "apps/Rig.h"
+#include "apps/calibrated.h"
 #include "apps/surfaceFit.h"
 #include "simulation/stereoImages.h"
 
@@ -18,15 +19,6 @@ namespace {
 constexpr double radians = 3.14159265358979323846 / 180.0;
 constexpr double notANumber = std::numeric_limits<double>::quiet_NaN();
 constexpr std::size_t fewestPoints = 50;
-
-/// The 22 values of a camera, see `RebParam`.
-std::vector<float> camera_vector(const Simulation::DistortedCamera& camera) {
-    std::vector<double> values{camera.fx, camera.fy, camera.cx, camera.cy, 0.0};
-    values.insert(values.end(), camera.distortion.begin(), camera.distortion.end());
-    for (int i = 0; i < 3; ++i) values.push_back(camera.rigToCamera.get_translation()(i));
-    for (int i = 0; i < 9; ++i) values.push_back(camera.rigToCamera.get_rotation()(i / 3, i % 3));
-    return {values.begin(), values.end()};
-}
 
 /// The library's reconstruction behind its handle.
 struct Reconstruction {
@@ -156,8 +148,8 @@ AccuracyTest::~AccuracyTest() = default;
 
 Outcome<AccuracyTest> AccuracyTest::prepare(const AccuracySettings& settings, int threads) {
     ScanSettings scan = settings.scan;
-    scan.rig.rebuild.leftCalib = camera_vector(settings.rig.left);
-    scan.rig.rebuild.rightCalib = camera_vector(settings.rig.right);
+    scan.rig.rebuild.leftCalib = camera_values(calibrated(settings.rig.left));
+    scan.rig.rebuild.rightCalib = camera_values(calibrated(settings.rig.right));
     Outcome<Rig> rig = make_rig(scan, {}, {settings.rig.left.width, settings.rig.left.height});
     if (!rig) return rig.failure();
     auto state = std::make_unique<State>(settings, std::move(*rig), threads);

@@ -30,14 +30,12 @@ struct CameraMatrices {
             if (*matrix != nullptr) cvReleaseMat(matrix);
     }
 
-    std::vector<float> vector() const {
-        const double fx = cvmGet(K, 0, 0);
-        std::vector<double> values{fx, cvmGet(K, 1, 1), cvmGet(K, 0, 2), cvmGet(K, 1, 2),
-                                   fx != 0.0 ? cvmGet(K, 0, 1) / fx : 0.0};
-        for (int i = 0; i < 5; ++i) values.push_back(cvmGet(D, i, 0));
-        for (int i = 0; i < 3; ++i) values.push_back(cvmGet(T, i, 0));
-        for (int i = 0; i < 9; ++i) values.push_back(cvmGet(R, i / 3, i % 3));
-        return {values.begin(), values.end()};
+    std::vector<float> values() const {
+        CalibratedCamera camera{cvmGet(K, 0, 0), cvmGet(K, 1, 1), cvmGet(K, 0, 2), cvmGet(K, 1, 2), {}, {}};
+        for (int i = 0; i < 5; ++i) camera.distortion[static_cast<std::size_t>(i)] = cvmGet(D, i, 0);
+        camera.worldToCamera = {Matrix3d::NullaryExpr([&](auto row, auto column) { return cvmGet(R, row, column); }),
+                                Vector3d::NullaryExpr([&](auto row) { return cvmGet(T, row, 0); })};
+        return camera_values(camera, camera.fx != 0.0 ? cvmGet(K, 0, 1) / camera.fx : 0.0);
     }
 };
 
@@ -67,6 +65,14 @@ std::string fault_of_camera(const std::vector<float>& camera, const char* side) 
 
 }  // namespace
 
+std::vector<float> camera_values(const CalibratedCamera& camera, double skew) {
+    std::vector<double> values{camera.fx, camera.fy, camera.cx, camera.cy, skew};
+    values.insert(values.end(), camera.distortion.begin(), camera.distortion.end());
+    for (int i = 0; i < 3; ++i) values.push_back(camera.worldToCamera.get_translation()(i));
+    for (int i = 0; i < 9; ++i) values.push_back(camera.worldToCamera.get_rotation()(i / 3, i % 3));
+    return {values.begin(), values.end()};
+}
+
 Outcome<std::vector<float>> read_camera_file(const fs::path& path) {
     const Outcome<std::string> text = read_whole_file(path, largestCalibrationFile);
     if (!text) return text.failure();
@@ -74,7 +80,7 @@ Outcome<std::vector<float>> read_camera_file(const fs::path& path) {
     Rebuild::CaliParReadIn reader;
     if (!reader.read_calibrate_para_single(camera.K, camera.D, camera.R, camera.T, path.string()))
         return Failure{path.string() + " is not usable: " + calibration_fault(*text)};
-    return camera.vector();
+    return camera.values();
 }
 
 std::string fault_of_pair(const std::vector<float>& left, const std::vector<float>& right) {

@@ -9,10 +9,13 @@
 #include "readCaliData/CaliParReadIn.h"
 #include "recording/Outcome.h"
 #include "recording/StereoRecording.h"
+#include "recording/calibrationText.h"
 
 namespace VexelAlgorithm::Apps {
 
-/// The 22 values of a camera (see `RebParam`) from a calibration file, or why there are none.
+/// The 22 values of a camera, see `RebParam`.
+std::vector<float> camera_values(const CalibratedCamera& camera, double skew = 0.0);
+/// Those of a calibration file, or why there are none.
 Outcome<std::vector<float>> read_camera_file(const std::filesystem::path& path);
 
 struct Rig {

@@ -5,6 +5,7 @@
 #include <opencv2/imgproc.hpp>
 #include <string>
 
+#include "apps/pictureText.h"
 #include "foundation/diagnostics.h"
 
 namespace VexelAlgorithm::Apps {
@@ -16,8 +17,6 @@ constexpr int tileHeight = 220;
 constexpr int captionHeight = 22;
 constexpr int columns = 5;
 constexpr int headHeight = 40;
-const cv::Scalar paper = cv::Scalar::all(30);
-const cv::Scalar ink = cv::Scalar::all(230);
 
 /// Blue, light grey, red.
 cv::Vec3b colour_of(double share) {
@@ -38,10 +37,6 @@ cv::Mat coloured(const DeviationMap& map, double scale) {
             picture(y, x) = std::isinf(deviation) ? cv::Vec3b(255, 255, 255) : colour_of(deviation / scale);
         }
     return std::move(picture);
-}
-
-void put_text(cv::Mat& picture, const std::string& text, const cv::Point& place, double size) {
-    cv::putText(picture, text, place, cv::FONT_HERSHEY_SIMPLEX, size, ink, 1, cv::LINE_AA);
 }
 
 void draw_tile(cv::Mat& picture, const cv::Rect& place, const ArtefactMeasurement& measurement, std::size_t number,
@@ -74,7 +69,7 @@ cv::Mat draw_deviation_maps(const std::vector<const ArtefactMeasurement*>& measu
     const int count = static_cast<int>(measurements.size());
     const int rows = (count + columns - 1) / columns;
     const int across = std::max(std::min(count, columns), 3);
-    cv::Mat picture(headHeight + rows * tileHeight, across * tileWidth, CV_8UC3, paper);
+    cv::Mat picture(headHeight + rows * tileHeight, across * tileWidth, CV_8UC3, darkPaper);
     put_text(picture, std::string(name_of(measurements.front()->artefact.kind)) + ": deviation from the fitted surface",
              {8, 22}, 0.5);
     draw_scale(picture, scale);

@@ -5,6 +5,7 @@
 #include <opencv2/imgproc.hpp>
 
 #include "apps/charts.h"
+#include "apps/pictureText.h"
 #include "foundation/diagnostics.h"
 
 namespace VexelAlgorithm::Apps {
@@ -24,7 +25,7 @@ cv::Vec3b tinted(unsigned char grey, const cv::Vec3b& colour) {
 }
 
 void write(cv::Mat& picture, const std::string& text, int x, int y) {
-    cv::putText(picture, text, {x, y}, cv::FONT_HERSHEY_SIMPLEX, 0.4, ink, 1, cv::LINE_AA);
+    put_text(picture, text, {x, y}, 0.4, ink);
 }
 
 cv::Mat draw_tile(const MeasuredImage& image, bool isChosen) {

@@ -5,6 +5,7 @@
 #include <opencv2/imgproc.hpp>
 #include <vector>
 
+#include "apps/pictureText.h"
 #include "apps/searchRange.h"
 #include "foundation/diagnostics.h"
 
@@ -70,9 +71,8 @@ void draw_scale(cv::Mat& picture, const cv::Rect& place, const ValueRange& range
     for (int i = 0; i < labels; ++i) {
         const double share = static_cast<double>(i) / (labels - 1);
         const int y = top + static_cast<int>((1.0 - share) * (height - 1));
-        cv::putText(picture, format_text("%.1f", range.low + share * (range.high - range.low)),
-                    {place.x + 16 + barWidth, y + 5}, cv::FONT_HERSHEY_SIMPLEX, fontSize, cv::Scalar::all(230), 1,
-                    cv::LINE_AA);
+        put_text(picture, format_text("%.1f", range.low + share * (range.high - range.low)),
+                 {place.x + 16 + barWidth, y + 5}, fontSize);
     }
 }
 
@@ -83,10 +83,10 @@ cv::Mat draw_values(const ValueMap& map, const char* title) {
     in_colour(shares).copyTo(colours, map.isThere);
 
     const int titleHeight = 26, height = std::max(colours.rows, 120);
-    cv::Mat picture(height + titleHeight, colours.cols + scaleWidth, CV_8UC3, cv::Scalar::all(30));
+    cv::Mat picture(height + titleHeight, colours.cols + scaleWidth, CV_8UC3, darkPaper);
     colours.copyTo(picture(cv::Rect(0, titleHeight, colours.cols, colours.rows)));
     draw_scale(picture, {colours.cols, titleHeight, scaleWidth, height}, range);
-    cv::putText(picture, title, {8, 18}, cv::FONT_HERSHEY_SIMPLEX, fontSize, cv::Scalar::all(230), 1, cv::LINE_AA);
+    put_text(picture, title, {8, 18}, fontSize);
     return picture;
 }
 

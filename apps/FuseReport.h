@@ -31,7 +31,7 @@ struct FuseReport {
     Vector3f shift = Vector3f::Zero();
     int fusionRange = 0;
     float minWeight = 0.0f;
-    std::uint64_t voxels = 0;  ///< leaf slots handed out
+    std::uint64_t voxels = 0;  ///< to which some point contributed
 
     MeshFigures mesh;
 

@@ -2,7 +2,6 @@
 
 #include <algorithm>
 
-#include "foundation/diagnostics.h"
 #include "recording/numberText.h"
 
 namespace VexelAlgorithm::Apps {

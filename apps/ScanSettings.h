@@ -60,8 +60,8 @@ std::vector<std::string> preset_names();
 /// ("desk"). Image size and camera are zero and the output path is empty, see `fill_in`.
 ScanSettings preset_settings(const std::string& name);
 
-/// Replaces an image size, a camera or a colour image size of zeros by the recording's, and an empty output path by the
-/// folder.
+/// Replaces an image size or a camera of zeros by the recording's, and an empty output path by the folder. Without a
+/// colour camera the size of its image stays zero.
 void fill_in(ScanSettings& settings, const Recording& recording, const std::string& folder);
 
 /// What is wrong with the settings; fields are named with their section, "track.icpDis(1)". An empty list means

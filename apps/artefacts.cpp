@@ -1,7 +1,6 @@
 #include "apps/artefacts.h"
 
 #include <Eigen/Geometry>
-#include <cmath>
 
 #include "simulation/combinations.h"
 #include "simulation/primitives.h"

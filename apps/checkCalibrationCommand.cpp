@@ -3,7 +3,6 @@
 #include <algorithm>
 #include <cmath>
 #include <memory>
-#include <utility>
 
 #include "apps/calibrationFindings.h"
 #include "apps/commands.h"

@@ -41,8 +41,6 @@ struct FuseOptions {
 constexpr float coneHalfWidth = 0.5f;
 /// 2^14 voxels a side; the choice from the scene stops here, --depth may go on.
 constexpr int largestChosenDepth = 14;
-/// What one frame may take; systems that promise more memory than they have would end the program without a word.
-constexpr double largestMemoryGib = 6.0;
 
 Outcome<std::unique_ptr<SpeckleVolume>> make_volume(const FuseOptions& options, const SceneSurvey& survey,
                                                     int threads) {

@@ -57,7 +57,7 @@ int main(int argc, char** argv) {
     try {
         return run(argc, argv);
     } catch (const std::bad_alloc&) {
-        return report_failure({"the memory is exhausted; take a larger --voxel or fewer frames"});
+        return report_failure({"the memory is exhausted; take larger voxels or fewer frames"});
     } catch (const std::exception& error) {
         return report_failure({std::string("stopped by an unexpected error: ") + error.what()});
     }

@@ -1,7 +1,6 @@
 #include "apps/meshPlacement.h"
 
 #include <Eigen/Geometry>
-#include <algorithm>
 #include <map>
 
 #include "foundation/diagnostics.h"

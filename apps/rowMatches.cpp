@@ -1,7 +1,5 @@
 #include "apps/rowMatches.h"
 
-#include <algorithm>
-#include <cmath>
 #include <opencv2/imgproc.hpp>
 #include <optional>
 

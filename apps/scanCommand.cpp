@@ -60,10 +60,12 @@ struct PairSource {
     const StereoScanOptions& options;
     const Rig& rig;
     PairReconstruction& pairs;
-
-    fs::path frame_folder() const { return fs::path(options.scan.out) / "frames"; }
-    bool saves_frames() const { return options.hasFrames || pairs.pairs().size() == 1; }
+    bool savesFrames = false;
 };
+
+fs::path frame_folder(const StereoScanOptions& options) {
+    return fs::path(options.scan.out) / "frames";
+}
 
 Outcome<ScanFrame> next_frame(const PairSource& source, std::size_t index, StageClock& clock) {
     Outcome<ReconstructedPair> pair = source.pairs.take();
@@ -72,9 +74,9 @@ Outcome<ScanFrame> next_frame(const PairSource& source, std::size_t index, Stage
     clock.add("reconstruct", pair->reconstructMs);
     const int number = source.pairs.pairs()[index].number;
     Outcome<Done> written = Done{};
-    if (source.saves_frames()) {
+    if (source.savesFrames) {
         written = clock.time("save frames", [&] {
-            return write_frame(source.frame_folder(), number, pair->points, source.rig.rectified_to_raw());
+            return write_frame(frame_folder(source.options), number, pair->points, source.rig.rectified_to_raw());
         });
     }
     if (written && index < static_cast<std::size_t>(source.options.pictures)) {
@@ -103,10 +105,9 @@ std::vector<PosedFrame> posed(const std::vector<RecordedPair>& pairs) {
     return result;
 }
 
-Outcome<Done> prepare_folders(const StereoScanOptions& options, bool hasFrames) {
+Outcome<Done> prepare_folders(const StereoScanOptions& options, bool savesFrames) {
     const Outcome<Done> prepared = prepare_output_folder(options.scan.out);
-    if (!prepared || !hasFrames) return prepared;
-    return prepare_output_folder(fs::path(options.scan.out) / "frames");
+    return prepared && savesFrames ? prepare_output_folder(frame_folder(options)) : prepared;
 }
 
 int scan_pairs(const StereoScanOptions& options) {
@@ -125,7 +126,8 @@ int scan_pairs(const StereoScanOptions& options) {
     const Outcome<Rig> rig =
         make_rig(*settings, calibration_files(options.stereo, *recording), recording->image_size());
     if (!rig) return report_failure(rig.failure());
-    const Outcome<Done> prepared = prepare_folders(options, options.hasFrames || pairs->size() == 1);
+    const bool savesFrames = options.hasFrames || pairs->size() == 1;
+    const Outcome<Done> prepared = prepare_folders(options, savesFrames);
     if (!prepared) return report_failure(prepared.failure());
     const Outcome<Done> dumped = dump_settings(options.scan, "scan", *settings);
     if (!dumped) return report_failure(dumped.failure());
@@ -138,7 +140,7 @@ int scan_pairs(const StereoScanOptions& options) {
                                       pairs->size(), options.stereo.selection.step);
     report.pointsStage = "reconstruct";
     report.rig = summary_of(*rig, *settings);
-    const PairSource pairSource{options, *rig, reconstruction};
+    const PairSource pairSource{options, *rig, reconstruction, savesFrames};
     const FrameSource frames = [&](std::size_t index) { return next_frame(pairSource, index, report.clock); };
     return run_scan({options.scan, *settings, *given, pairs->size(), frames, rig->calibration.get_rectified_camera(),
                      rig->rectified_to_raw()},

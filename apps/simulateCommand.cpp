@@ -4,6 +4,7 @@
 #include <memory>
 
 #include "apps/Progress.h"
+#include "apps/calibrated.h"
 #include "apps/commands.h"
 #include "apps/meshPlacement.h"
 #include "apps/numberOptions.h"
@@ -121,10 +122,6 @@ Simulation::StereoRig rig_of(const SimulateOptions& options) {
     return rig;
 }
 
-CalibratedCamera calibration_of(const Simulation::DistortedCamera& camera) {
-    return {camera.fx, camera.fy, camera.cx, camera.cy, camera.distortion, camera.rigToCamera};
-}
-
 std::string notes_about(const Simulation::Sequence& sequence, const Simulation::StereoRig& rig) {
     return "Virtual recording of the hand-held scan '" + sequence.name + "'\n" +
            format_text("working range %g to %g mm of depth in the left camera\n", rig.nearLimit, rig.farLimit) +
@@ -160,9 +157,8 @@ int run_stereo(const SimulateOptions& options, const std::optional<PlacedMesh>& 
     const auto sequence = hand_held(path, mesh);
     if (!sequence) return EXIT_FAILED;
     const Simulation::StereoRig rig = rig_of(options);
-    Outcome<StereoRecordingWriter> writer =
-        StereoRecordingWriter::create(options.folder, calibration_of(rig.left), calibration_of(rig.right),
-                                      fineDepthStep, notes_about(*sequence, rig));
+    Outcome<StereoRecordingWriter> writer = StereoRecordingWriter::create(
+        options.folder, calibrated(rig.left), calibrated(rig.right), fineDepthStep, notes_about(*sequence, rig));
     if (!writer) return report_failure(writer.failure());
     const Outcome<Done> described =
         write_whole_file(std::filesystem::path(options.folder) / "settings.yml", settings_of(rig, options.folder));
@@ -212,10 +208,6 @@ int run_simulate(const SimulateOptions& options) {
     print_speed(*sequence);
     return EXIT_OK;
 }
-
-}  // namespace
-
-namespace {
 
 void add_mesh_options(CLI::App& command, SimulateOptions& options, CLI::Option* scene) {
     CLI::Option* mesh = command

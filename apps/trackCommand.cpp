@@ -20,9 +20,6 @@ struct TrackOptions {
     ScanOptions scan;
 };
 
-/// What one frame may take; systems that promise more memory than they have would end the program without a word.
-constexpr double largestMemoryGib = 6.0;
-
 /// A frame of another size would be refused by the session, one by one.
 Outcome<Done> check_image_size(const ScanSettings& settings, const Recording& recording) {
     const ImageSize size = recording.image_size();

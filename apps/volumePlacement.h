@@ -42,6 +42,8 @@ Outcome<SceneSurvey> survey_scene(const Recording& recording, const std::vector<
 /// disagree make surfaces of their own; a wider one costs time and rounds thin parts.
 int choose_fusion_range(float farDepth, float voxel, const DepthFrameSettings& settings);
 
+/// What one frame may take; systems that promise more memory than they have would end the program without a word.
+constexpr double largestMemoryGib = 6.0;
 /// A lower bound of the memory that a volume takes, in GiB: the voxels that one frame touches.
 double least_memory_gib(const SceneSurvey& survey, float voxel, int range, std::size_t bytesPerVoxel);
 

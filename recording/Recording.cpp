@@ -1,6 +1,5 @@
 #include "recording/Recording.h"
 
-#include <algorithm>
 #include <cctype>
 #include <map>
 #include <string>

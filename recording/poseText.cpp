@@ -1,7 +1,6 @@
 #include "recording/poseText.h"
 
 #include <Eigen/LU>
-#include <cmath>
 
 #include "recording/numberText.h"
 

@@ -1,7 +1,6 @@
 #include "simulation/DistortedCamera.h"
 
 #include <Eigen/LU>
-#include <cmath>
 
 #include "foundation/parallel.h"
 

@@ -1,18 +1,11 @@
 // Meshes as solids: against every triangle looked at, and against the solids that they stand for.
-#include <gtest/gtest.h>
-
 #include <Eigen/Geometry>
-#include <array>
 #include <cmath>
-#include <random>
 
-#include "simulation/DistortedCamera.h"
-#include "simulation/SurfaceView.h"
 #include "simulation/TriangleTree.h"
-#include "simulation/cameraPaths.h"
-#include "simulation/combinations.h"
 #include "simulation/meshShape.h"
 #include "simulation/primitives.h"
+#include "tools.h"
 
 namespace VexelAlgorithm::Simulation {
 namespace {
@@ -57,16 +50,6 @@ Mesh brick(const Vector3f& half) {
     return mesh;
 }
 
-class Dice {
-public:
-    double within(double reach) { return std::uniform_real_distribution<double>(-reach, reach)(_engine); }
-    Vector3d point(double reach) { return {within(reach), within(reach), within(reach)}; }
-    Vector3d direction() { return point(1).normalized(); }
-
-private:
-    std::mt19937 _engine{5};
-};
-
 /// Scattered ones, a heap in one place, and sizes over many powers of ten.
 Mesh heap(int count) {
     Dice dice;
@@ -99,32 +82,6 @@ TEST(TriangleTree, FindsWhatLookingAtEveryTriangleFinds) {
             const auto hit = tree.first_hit(ray, 1e-6, 60);
             EXPECT_DOUBLE_EQ(hit ? hit->range : kNoLimit, first);
         }
-    }
-}
-
-TEST(TriangleTree, SingleTriangleAgainstDenseSamples) {
-    Dice dice;
-    for (int n = 0; n < 200; ++n) {
-        std::array<Vector3d, 3> corners;  // which floats hold exactly
-        for (Vector3d& corner : corners) corner = (1024 * dice.point(10)).array().round() / 1024;
-        const auto single = [&](int i) -> Vector3f { return corners[static_cast<std::size_t>(i)].cast<float>(); };
-        const TriangleTree tree({single(0), single(1), single(2)}, {{0, 1, 2}});
-        const Vector3d query = dice.point(20);
-        double sampled = kNoLimit;
-        for (int i = 0; i <= 60; ++i)
-            for (int j = 0; i + j <= 60; ++j) {
-                const Vector3d point =
-                    corners[0] + (corners[1] - corners[0]) * (i / 60.0) + (corners[2] - corners[0]) * (j / 60.0);
-                sampled = std::min(sampled, (point - query).norm());
-                if (i == 0 || j == 0 || i + j == 60) continue;
-                const Ray ray{query, (point - query).normalized()};
-                const auto hit = tree.first_hit(ray, 1e-6, 100);
-                ASSERT_TRUE(hit.has_value());
-                ASSERT_LT((ray.at(hit->range) - point).norm(), 1e-9);
-            }
-        const double distance = (tree.nearest_to(query).point - query).norm();
-        EXPECT_LE(distance, sampled + 1e-5);
-        EXPECT_GE(distance, sampled - 0.5);
     }
 }
 
@@ -169,52 +126,6 @@ TEST(TriangleMesh, BrickIsTheBoxExactly) {
         ASSERT_EQ(hit.has_value(), expected.has_value());
         EXPECT_NEAR(hit ? hit->range : 0, expected ? expected->range : 0, 1e-5);
     }
-}
-
-TEST(TriangleMesh, CameraSeesItOnATable) {
-    const Mesh mesh = ball(40, 60, 120);
-    const RigidMatrix lifted(Matrix3d::Identity(), {0, 0, 40});
-    const ShapePtr scene =
-        smooth_union({half_space({0, 0, 0}, {0, 0, 1}), moved(triangle_mesh(mesh.points, mesh.triangles), lifted)}, 0);
-    const RigidMatrix pose = look_at({-40, -380, 190}, {0, 0, 40});
-    const Vector3d lamp = pose * Vector3d(60, -20, 0);
-    DistortedCamera camera{160, 128, 250, 250, 79.5, 63.5, {}, {}};
-    const PixelRays rays = rays_of(camera);
-    const SurfaceView view = view_surface(*scene, rays, pose, 500, lamp);
-    int wrong = 0, seen = 0;
-    for (int y = 0; y < 128; ++y)
-        for (int x = 0; x < 160; ++x) {
-            const double length = rays.at(x, y).norm();
-            const Ray ray{pose.get_translation(), pose.get_rotation() * rays.at(x, y) / length};
-            const std::optional<Hit> hit = scene->hit(ray, 500 * length);
-            const float depth = view.depth[view.index_of(x, y)];
-            seen += hit ? 1 : 0;
-            wrong += hit.has_value() != (depth > 0) || (hit && std::abs(hit->range / length - depth) > 5e-3) ? 1 : 0;
-        }
-    EXPECT_GT(seen, 10000);
-    EXPECT_LT(wrong, 0.005 * seen);
-}
-
-TEST(TriangleMesh, WhatIsNoSurfaceGivesNothing) {
-    const float nan = std::numeric_limits<float>::quiet_NaN();
-    const std::vector<Vector3f> corners{{0, 0, 0}, {1, 0, 0}, {0, 1, 0}, {2, 0, 0}};
-    const struct {
-        std::vector<Vector3f> points;
-        std::vector<Vector3i> triangles;
-        const char* line;
-    } cases[] = {{{}, {}, "mesh: no triangle has an area\n"},
-                 {corners, {{0, 1, 3}, {2, 2, 1}}, "mesh: no triangle has an area\n"},
-                 {corners, {{0, 1, 4}}, "mesh: a triangle has a corner that does not exist\n"},
-                 {corners, {{0, -1, 2}}, "mesh: a triangle has a corner that does not exist\n"},
-                 {{{0, 0, 0}, {1, 0, nan}, {0, 1, 0}}, {{0, 1, 2}}, "mesh: a point is not finite\n"}};
-    for (const auto& c : cases) {
-        testing::internal::CaptureStdout();
-        EXPECT_TRUE(triangle_mesh(c.points, c.triangles)->bounds().empty());
-        EXPECT_EQ(testing::internal::GetCapturedStdout(), c.line);
-    }
-    const ShapePtr sheet = triangle_mesh(corners, {{0, 1, 2}, {0, 1, 3}, {1, 1, 1}});
-    EXPECT_NEAR(sheet->distance({0.2, 0.2, -1}), -1, 1e-12) << "open surfaces: as the triangle faces";
-    EXPECT_TRUE(sheet->hit({{0.2, 0.2, -1}, {0, 0, 1}}).has_value()) << "from both sides";
 }
 
 }  // namespace

@@ -1,60 +1,16 @@
 // Distances, gradients and ray hits of the solids, against closed forms, central differences and brute force.
-#include <gtest/gtest.h>
-
 #include <Eigen/Geometry>
 #include <algorithm>
 #include <cmath>
-#include <random>
 
-#include "simulation/combinations.h"
-#include "simulation/primitives.h"
-#include "simulation/scenes.h"
+#include "tools.h"
 
 namespace VexelAlgorithm::Simulation {
 namespace {
 
-constexpr double kNaN = std::numeric_limits<double>::quiet_NaN();
-
-RigidMatrix tilted() {
-    return {Eigen::AngleAxisd(0.7, Vector3d(1, -2, 0.5).normalized()).toRotationMatrix(), {5, -3, 8}};
+Ray throw_ray(Dice& dice, double reach) {
+    return {dice.point(reach), (dice.point(reach) - dice.point(reach)).normalized()};
 }
-
-struct NamedShape {
-    const char* name;
-    ShapePtr shape;
-    bool isExact;  ///< distance is the true one
-};
-
-/// One of every kind, each around the origin and within 120 mm of it.
-std::vector<NamedShape> all_kinds() {
-    const ShapePtr cross = smooth_union({box({0, 0, 0}, {50, 12, 12}), round_cone({0, -50, 0}, 9, {0, 50, 5}, 16)}, 8);
-    return {
-        {"sphere", sphere({1, 2, 3}, 40), true},
-        {"half-space", half_space({0, 0, -5}, {1, 2, 9}), true},
-        {"box", box({2, 0, 1}, {30, 20, 45}), true},
-        {"rounded box", box({0, 3, 0}, {30, 20, 45}, 7), true},
-        {"torus", torus({0, 0, 4}, 45, 14), true},
-        {"ellipsoid", ellipsoid({0, 1, 0}, {50, 30, 9}), true},
-        {"ball as ellipsoid", ellipsoid({0, 0, 0}, {33, 33, 33}), true},
-        {"round cone", round_cone({-30, 0, 0}, 25, {40, 10, 5}, 8), true},
-        {"moved torus", moved(torus({0, 0, 0}, 45, 14), tilted()), true},
-        {"smooth union", cross, false},
-        {"moved union in union", smooth_union({moved(cross, tilted()), sphere({0, 0, 40}, 20)}, 5), false},
-        {"sharp union", smooth_union({sphere({-20, 0, 0}, 30), torus({25, 0, 0}, 40, 10)}, 0), false},
-        {"sharp difference", smooth_difference(sphere({0, 0, 0}, 45), box({20, 0, 0}, {40, 15, 15}), 0), false},
-        {"smooth difference", smooth_difference(box({0, 0, 0}, {40, 40, 40}), sphere({40, 0, 40}, 35), 6), false},
-    };
-}
-
-class Dice {
-public:
-    double within(double low, double high) { return std::uniform_real_distribution<double>(low, high)(_engine); }
-    Vector3d point(double reach) { return {within(-reach, reach), within(-reach, reach), within(-reach, reach)}; }
-    Ray ray(double reach) { return {point(reach), (point(reach) - point(reach)).normalized()}; }
-
-private:
-    std::mt19937 _engine{42};
-};
 
 /// First sign change between samples `step` apart.
 double sampled_crossing(const Shape& shape, const Ray& ray, double farthest, double step, double begin = 0.0) {
@@ -177,7 +133,7 @@ TEST(Shape, RaysHitTheSurfaceFirst) {
     for (const NamedShape& kind : kinds) {
         int hits = 0, misses = 0, fromInside = 0;
         for (int i = 0; i < 500; ++i) {
-            const Ray ray = dice.ray(70);
+            const Ray ray = throw_ray(dice, 70);
             const std::optional<Hit> hit = kind.shape->hit(ray, 200);
             const double sampled = sampled_crossing(*kind.shape, ray, 200, step);
             if (!hit) {
@@ -235,45 +191,6 @@ TEST(Shape, GrazingParallelAndBorderlineRays) {
     const ShapePtr blended = smooth_union({box({200, 0, -10}, {500, 50, 10}), sphere({400, 0, 0}, 20)}, 1e-3);
     EXPECT_NEAR(range(stage, {0, 0, 1e-5}, x), 380, 1e-6);
     EXPECT_NEAR(range(blended, {0, 0, 2e-3}, x), 380, 2e-3);
-}
-
-TEST(Shape, UselessSolidsAreReportedAndInvisible) {
-    const Matrix3d mirror = Vector3d(1, 1, -1).asDiagonal();
-    testing::internal::CaptureStdout();
-    const std::vector<ShapePtr> useless = {sphere({0, 0, 0}, 0),
-                                           sphere({0, kNaN, 0}, 1),
-                                           sphere({0, 0, 0}, kNoLimit),
-                                           half_space({0, 0, 0}, {0, 0, 0}),
-                                           half_space({0, 0, kNaN}, {0, 0, 1}),
-                                           box({0, 0, 0}, {1, 0, 1}),
-                                           box({0, 0, 0}, {1, 1, 1}, 1),
-                                           torus({0, 0, 0}, 10, 10),
-                                           torus({0, 0, 0}, 10, kNaN),
-                                           ellipsoid({0, 0, 0}, {1, -1, 1}),
-                                           round_cone({0, 0, 0}, 1, {kNaN, 0, 0}, 1),
-                                           moved(sphere({0, 0, 0}, 1), {mirror, Vector3d::Zero()}),
-                                           moved(sphere({0, 0, 0}, 1), {Matrix3d::Identity(), {kNaN, 0, 0}})};
-    EXPECT_EQ(make_scene("no such scene"), nullptr);
-    const std::string lines = testing::internal::GetCapturedStdout();
-    EXPECT_EQ(static_cast<std::size_t>(std::count(lines.begin(), lines.end(), '\n')), useless.size() + 1) << lines;
-    for (const ShapePtr& shape : useless) {
-        EXPECT_EQ(shape->distance({1, 2, 3}), kNoLimit);
-        EXPECT_FALSE(shape->hit({{-5, 0, 0}, {1, 0, 0}}));
-        EXPECT_EQ(smooth_union({shape, nullptr}, 2)->distance({0, 0, 0}), kNoLimit);
-        EXPECT_EQ(smooth_union({shape, sphere({0, 0, 0}, 3)}, 2)->distance({0, 0, 7}), 4);
-        EXPECT_TRUE(std::isnan(distance_by_descent(*shape, {0, 0, 0})));
-    }
-    const Ray broken[] = {
-        {{kNaN, 0, 0}, {1, 0, 0}}, {{0, 0, 0}, {kNaN, 0, 0}}, {{kNoLimit, 0, 0}, {-1, 0, 0}}, {{0, 0, 99}, {0, 0, 0}}};
-    for (const NamedShape& kind : all_kinds()) {
-        for (const Ray& ray : broken) EXPECT_FALSE(kind.shape->hit(ray)) << kind.name;
-        EXPECT_FALSE(kind.shape->hit({{0, 0, 500}, {0, 0, -1}}, kNaN)) << kind.name;
-        EXPECT_TRUE(std::isfinite(kind.shape->distance({0, 0, 0}))) << kind.name;
-        EXPECT_TRUE(kind.shape->gradient({0, 0, 0}).allFinite()) << kind.name;
-    }
-    testing::internal::CaptureStdout();
-    EXPECT_EQ(smooth_union({sphere({0, 0, 0}, 3), sphere({1, 0, 0}, 3)}, kNaN)->distance({0, 0, 7}), 4);
-    EXPECT_NE(testing::internal::GetCapturedStdout(), "");
 }
 
 }  // namespace

@@ -10,6 +10,8 @@
 #include "recording/calibrationText.h"
 #include "recording/files.h"
 #include "simulation/cameraPaths.h"
+#include "simulation/combinations.h"
+#include "simulation/meshShape.h"
 #include "simulation/primitives.h"
 #include "simulation/scenes.h"
 #include "simulation/stereoImages.h"
@@ -64,12 +66,20 @@ TEST(StereoRig, ItsFilesRectifyItsImages) {
             }
 }
 
+/// A triangle mesh with a floor of its own.
+ShapePtr tent_on_table() {
+    const ShapePtr tent =
+        triangle_mesh({{-60, -50, 0}, {60, -50, 0}, {60, 50, 0}, {-60, 50, 0}, {-50, 0, 70}, {50, 0, 70}},
+                      {{0, 1, 5}, {0, 5, 4}, {2, 3, 4}, {2, 4, 5}, {3, 0, 4}, {1, 2, 5}, {0, 3, 2}, {0, 2, 1}});
+    return smooth_union({half_space({0, 0, 0}, {0, 0, 1}), tent}, 0);
+}
+
 TEST(SurfaceView, SeesWhatSingleRaysSee) {
     const DistortedCamera camera = make_stereo_rig(320, 256).left;
     const PixelRays rays = rays_of(camera);
     const Vector3d lamp = kFrontView * Vector3d(60, -20, 0);
-    for (const char* name : {"owl_on_table", "blocks", "torus"}) {
-        const ShapePtr scene = make_scene(name);
+    for (const char* name : {"owl_on_table", "blocks", "torus", "tent"}) {
+        const ShapePtr scene = std::string(name) == "tent" ? tent_on_table() : make_scene(name);
         const SurfaceView view = view_surface(*scene, rays, kFrontView, 500, lamp, 2);
         const SurfaceView alone = view_surface(*scene, rays, kFrontView, 500, lamp, 1);
         EXPECT_TRUE(view.depth == alone.depth && view.normals == alone.normals && view.isLit == alone.isLit) << name;

@@ -3,7 +3,9 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstdlib>
+#include <regex>
 #include <string>
 
 #include "TemporaryFolder.h"
@@ -20,43 +22,80 @@ struct ToolRun {
     std::string errors;
 };
 
-inline std::string quoted(const std::filesystem::path& path) {
-    return '"' + path.string() + '"';
+inline bool holds(const std::string& text, const std::string& words) {
+    return text.find(words) != std::string::npos;
 }
 
+/// In arguments, @/name stands for that path in the test's folder.
 class ToolTest : public ::testing::Test {
 protected:
+    struct BadCall {
+        const char* arguments;
+        int exitCode;
+        const char* message;
+    };
+
     ToolRun run(const std::string& arguments) const {
-        const std::filesystem::path output = path("stdout.txt");
-        const std::filesystem::path errors = path("stderr.txt");
-        const std::string command =
-            quoted(VEXEL_SCAN_PROGRAM) + ' ' + arguments + " >" + quoted(output) + " 2>" + quoted(errors);
-        const int status = std::system(command.c_str());
+        const int status = std::system((call(arguments) + " 2>" + quoted(path("stderr.txt"))).c_str());
 #if defined(_WIN32)
         const int exitCode = status;
 #else
         const int exitCode = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
 #endif
-        return {exitCode, bytes_of(output), bytes_of(errors)};
+        return {exitCode, bytes_of(path("stdout.txt")), bytes_of(path("stderr.txt"))};
+    }
+
+    /// A run that succeeds without a word on standard error.
+    ToolRun run_well(const std::string& arguments) const {
+        const ToolRun result = run(arguments);
+        EXPECT_EQ(result.exitCode, 0) << arguments << '\n' << result.output;
+        EXPECT_EQ(result.errors, "") << arguments;
+        return result;
+    }
+
+    /// Each call ends with its code and one line of reason; no mesh is written to @/out and @/file stays as it is.
+    template <std::size_t Count>
+    void expect_failures(const BadCall (&calls)[Count]) const {
+        put_bytes(path("file"), "precious");
+        for (const BadCall& bad : calls) {
+            SCOPED_TRACE(bad.arguments);
+            const ToolRun result = run(bad.arguments);
+            EXPECT_EQ(result.exitCode, bad.exitCode);
+            EXPECT_TRUE(holds(result.errors, bad.message)) << result.errors;
+            EXPECT_EQ(std::count(result.errors.begin(), result.errors.end(), '\n'), 1) << result.errors;
+            EXPECT_FALSE(std::filesystem::exists(path("out/mesh.ply")));
+        }
+        EXPECT_EQ(bytes_of(path("file")), "precious");
     }
 
 #if !defined(_WIN32)
     /// Interrupts the tool as soon as its output holds the word.
     ToolRun run_interrupted(const std::string& arguments, const std::string& word) const {
-        const std::filesystem::path log = path("log.txt");
-        std::ofstream(log).close();
-        const std::string call = quoted(VEXEL_SCAN_PROGRAM) + ' ' + arguments + " >" + quoted(log);
-        const std::string wait = "while kill -0 $p && ! grep -q " + word + ' ' + quoted(log) + "; do sleep 0.01; done";
-        const int status = std::system((call + " & p=$!; " + wait + "; kill -INT $p; wait $p").c_str());
-        return {WEXITSTATUS(status), bytes_of(log), ""};
+        std::ofstream(path("stdout.txt")).close();
+        const std::string wait =
+            "while kill -0 $p && ! grep -q " + word + ' ' + quoted(path("stdout.txt")) + "; do sleep 0.01; done";
+        const int status = std::system((call(arguments) + " & p=$!; " + wait + "; kill -INT $p; wait $p").c_str());
+        return {WEXITSTATUS(status), bytes_of(path("stdout.txt")), ""};
     }
 #endif
 
     std::filesystem::path path(const std::string& name) const {
         return _folder.path() / name;
     }
+    bool exists(const std::string& name) const {
+        return std::filesystem::exists(path(name));
+    }
 
 private:
+    static std::string quoted(const std::filesystem::path& path) {
+        return '"' + path.string() + '"';
+    }
+    std::string call(const std::string& arguments) const {
+        const std::string placed =
+            std::regex_replace(arguments, std::regex("@/(\\S+)"), '"' + _folder.path().string() + "/$1\"");
+        return quoted(VEXEL_SCAN_PROGRAM) + ' ' + placed + " >" + quoted(path("stdout.txt"));
+    }
+
     TemporaryFolder _folder;
 };
 

@@ -1,7 +1,6 @@
-// Recordings on disk: what is written reads back; every kind of damage is named with its file.
+// Recordings of depth frames and of stereo pairs: what is written reads back; every damage is named with its file.
 #include <gtest/gtest.h>
 
-#include <algorithm>
 #include <clocale>
 #include <cmath>
 #include <functional>
@@ -9,8 +8,8 @@
 
 #include "TemporaryFolder.h"
 #include "recording/Recording.h"
+#include "recording/StereoRecording.h"
 #include "recording/files.h"
-#include "recording/numberText.h"
 #include "recording/pointImageFromDepth.h"
 #include "recording/poseText.h"
 
@@ -32,22 +31,56 @@ DepthImage slanted_depth(int width, int height) {
     return image;
 }
 
-RigidMatrix turned_pose(double angle, const Vector3d& translation) {
-    RigidMatrix pose;
+Matrix3d turned(double x, double y, double z) {
     Matrix3d rotation;
-    rodrigures(Vector3d(angle, -0.5 * angle, 0.25), rotation);
-    pose.set_rotation(rotation);
-    pose.set_translation(translation);
-    return pose;
+    rodrigures(Vector3d(x, y, z), rotation);
+    return rotation;
+}
+
+RigidMatrix pose_of(int number) {
+    return {turned(0.01 * number, -0.005 * number, 0.25), {1.5, -2.25, number + 0.1}};
 }
 
 void write_recording(const fs::path& folder, const std::vector<int>& numbers) {
     Outcome<RecordingWriter> writer = RecordingWriter::create(folder, camera);
     ASSERT_TRUE(writer) << writer.failure().reason;
     for (const int number : numbers) {
-        ASSERT_TRUE(
-            writer->write_frame(number, slanted_depth(64, 48), turned_pose(0.01 * number, {1.5, -2.25, number + 0.1})));
+        ASSERT_TRUE(writer->write_frame(number, slanted_depth(64, 48), pose_of(number)));
     }
+}
+
+GreyPicture picture(int seed, int width = 64, int height = 48) {
+    GreyPicture image{width, height, {}};
+    for (int i = 0; i < width * height; ++i) image.pixels.push_back(static_cast<std::uint8_t>(seed + 7 * i % 251));
+    return image;
+}
+
+const CalibratedCamera lens{80, 81, 31, 24, {-0.1, 0.05, 1e-4, -2e-4, 0.01}, {}};
+
+void write_pairs(const fs::path& folder, const std::vector<int>& numbers) {
+    Outcome<StereoRecordingWriter> writer = StereoRecordingWriter::create(folder, lens, lens, 0.01, "");
+    ASSERT_TRUE(writer) << writer.failure().reason;
+    for (const int number : numbers) {
+        StereoFrame frame;
+        frame.left = picture(number);
+        frame.right = picture(number + 100);
+        frame.leftToWorld = RigidMatrix(turned(0.1, 0, 0.01 * number), {1.0, 2.0, 1.0 * number});
+        ASSERT_TRUE(writer->write_frame(number, frame));
+    }
+}
+
+/// The same pair in the forms without frame numbers.
+void write_loose_pair(const fs::path& folder, const fs::path& rightFolder, int seed) {
+    fs::create_directories(folder);
+    ASSERT_TRUE(write_grey_png(folder / "left.png", picture(seed)));
+    ASSERT_TRUE(write_grey_png(rightFolder / "right.png", picture(seed + 100)));
+}
+
+void expect_pair(const RecordedPair& pair, ImageSize size, int leftSeed, int rightSeed) {
+    const Outcome<StereoImages> images = read_pair(pair, size);
+    ASSERT_TRUE(images) << images.failure().reason;
+    EXPECT_EQ(images->left.pixels, picture(leftSeed).pixels);
+    EXPECT_EQ(images->right.pixels, picture(rightSeed).pixels);
 }
 
 TEST(Recording, ReadsBackWhatWasWrittenInAnyLocale) {
@@ -67,7 +100,7 @@ TEST(Recording, ReadsBackWhatWasWrittenInAnyLocale) {
     for (std::size_t i = 0; i < expected.size(); ++i) {
         const RecordedFrame& frame = recording->frames()[i];
         EXPECT_EQ(frame.number, expected[i]);
-        const RigidMatrix pose = turned_pose(0.01 * expected[i], {1.5, -2.25, expected[i] + 0.1});
+        const RigidMatrix pose = pose_of(expected[i]);
         EXPECT_LT((frame.cameraToWorld->get_rotation() - pose.get_rotation()).norm(), 1e-12);
         EXPECT_LT((frame.cameraToWorld->get_translation() - pose.get_translation()).norm(), 1e-6);
         const Outcome<DepthImage> image = read_depth(frame);
@@ -98,18 +131,44 @@ TEST(Recording, PosesMayBeMissingOnlyWhereTheyAreOptional) {
     EXPECT_FALSE(Recording::open(folder.path(), PosePolicy::Required));
 }
 
-TEST(Recording, NeverMixesTwoRecordings) {
+TEST(StereoRecordings, ReadBackInEveryForm) {
     TemporaryFolder folder;
-    write_recording(folder.path(), {5});
-    const std::string before = bytes_of(folder.path() / "camera-intrinsics.txt");
-    const Outcome<RecordingWriter> second = RecordingWriter::create(folder.path(), CameraInParam(1, 1, 0, 0));
-    ASSERT_FALSE(second);
-    EXPECT_NE(second.failure().reason.find("holds a recording already"), std::string::npos);
-    EXPECT_EQ(bytes_of(folder.path() / "camera-intrinsics.txt"), before);
+    const fs::path numbered = folder.path() / "numbered", loose = folder.path() / "loose";
+    write_pairs(numbered, {12, 3});
+    fs::remove(numbered / "frame-000012.pose.txt");
+    put_bytes(numbered / "settings.yml", "");
+    const Outcome<StereoRecording> frames = StereoRecording::open(numbered);
+    ASSERT_TRUE(frames) << frames.failure().reason;
+    ASSERT_EQ(frames->pairs().size(), 2u);
+    EXPECT_EQ(frames->pairs()[0].number, 3);
+    EXPECT_NEAR(frames->pairs()[0].leftToWorld->get_translation().z(), 3.0, 1e-9);
+    EXPECT_FALSE(frames->pairs()[1].leftToWorld);
+    EXPECT_EQ(frames->left_calibration(), numbered / "calib_left.txt");
+    EXPECT_EQ(*frames->settings_file(), numbered / "settings.yml");
+    expect_pair(frames->pairs()[1], frames->image_size(), 12, 112);
+
+    // A folder a pair, one of them with the right image of all; the calibration above.
+    write_loose_pair(loose / "b", loose, 5);
+    write_loose_pair(loose / "a", loose / "a", 9);
+    fs::copy(numbered / "calib_left.txt", loose / "calib_left.txt");
+    const Outcome<StereoRecording> folders = StereoRecording::open(loose);
+    ASSERT_TRUE(folders) << folders.failure().reason;
+    ASSERT_EQ(folders->pairs().size(), 2u);
+    expect_pair(folders->pairs()[0], folders->image_size(), 9, 109);
+    expect_pair(folders->pairs()[1], folders->image_size(), 5, 105);
+    for (const fs::path& one : {loose / "b", fs::path((loose / "b").string() + "/"), loose / "a" / ".." / "b"}) {
+        const Outcome<StereoRecording> single = StereoRecording::open(one);
+        ASSERT_TRUE(single) << single.failure().reason;
+        expect_pair(single->pairs().front(), single->image_size(), 5, 105);
+        EXPECT_TRUE(fs::equivalent(single->left_calibration(), loose / "calib_left.txt"));
+        EXPECT_FALSE(single->settings_file());
+    }
+    const Outcome<StereoRecording> named = StereoRecording::of_pair(loose / "b" / "left.png", loose / "right.png");
+    ASSERT_TRUE(named);
+    EXPECT_TRUE(fs::equivalent(named->left_calibration(), loose / "calib_left.txt"));
 }
 
 struct Damage {
-    const char* name;
     std::function<void(const fs::path&)> inflict;
     const char* file;   // that the message names
     const char* cause;  // that the message gives
@@ -137,6 +196,10 @@ std::function<void(const fs::path&)> drop(const char* file) {
     return [=](const fs::path& folder) { fs::remove(folder / file); };
 }
 
+void empty_folder(const fs::path& folder) {
+    for (const auto& entry : fs::directory_iterator(folder)) fs::remove(entry);
+}
+
 constexpr const char* depth = "frame-000002.depth.png";
 constexpr const char* pose = "frame-000002.pose.txt";
 constexpr const char* intrinsics = "camera-intrinsics.txt";
@@ -147,83 +210,105 @@ const std::string huge = "\x89PNG\r\n\x1a\n" +
                          std::string("\0\0\0\0\0\0\0\0IEND\xae\x42\x60\x82", 16);
 
 const Damage damages[] = {
-    {"no folder", [](const fs::path& folder) { fs::remove_all(folder); }, "", "there is no recording folder"},
-    {"a file as folder",
-     [](const fs::path& folder) {
+    {[](const fs::path& folder) { fs::remove_all(folder); }, "", "there is no recording folder"},
+    {[](const fs::path& folder) {
          fs::remove_all(folder);
          put_bytes(folder, "x");
      },
      "", "is not a folder"},
-    {"no frames",
-     [](const fs::path& folder) {
-         for (const auto& entry : fs::directory_iterator(folder)) fs::remove(entry);
-     },
-     "", "holds no frames"},
-    {"no pose", drop(pose), depth, "has no pose"},
-    {"no depth", drop(depth), pose, "has no depth image"},
-    {"no intrinsics", drop(intrinsics), intrinsics, "cannot be opened"},
-    {"intrinsics as folder",
-     [](const fs::path& folder) {
+    {empty_folder, "", "holds no frames"},
+    {drop(pose), depth, "has no pose"},
+    {drop(depth), pose, "has no depth image"},
+    {drop(intrinsics), intrinsics, "cannot be opened"},
+    {[](const fs::path& folder) {
          fs::remove(folder / intrinsics);
          fs::create_directory(folder / intrinsics);
      },
      intrinsics, "is a folder"},
-    {"short intrinsics", replace(intrinsics, "585 0 320\n0 585"), intrinsics, "only 5 of 9 numbers"},
-    {"skewed intrinsics", replace(intrinsics, "585 1 320 0 585 240 0 0 1"), intrinsics, "not of the form"},
-    {"zero focal length", replace(intrinsics, "0 0 320 0 585 240 0 0 1"), intrinsics, "focal lengths"},
-    {"absurd intrinsics", replace(intrinsics, "585 0 1e300 0 585 240 0 0 1"), intrinsics, "at most 1000000"},
-    {"no depth step", replace(depthStep, "one"), depthStep, "'one' is not a number"},
-    {"negative depth step", replace(depthStep, "-0.1"), depthStep, "1e-6 to 1000 mm"},
-    {"empty pose", replace(pose, ""), pose, "only 0 of 16 numbers"},
-    {"short pose", replace(pose, "1 0 0 0  0 1 0 0  0 0 1"), pose, "only 11 of 16 numbers"},
-    {"long pose", replace(pose, "1 0 0 0 0 1 0 0 0 0 1 0 0 0 0 1 5"), pose, "more than the expected 16"},
-    {"words in pose", replace(pose, "1 0 0 zero 0 1 0 0 0 0 1 0 0 0 0 1"), pose, "'zero' is not a number"},
-    {"decimal commas", replace(pose, "1,0 0 0 0 0 1 0 0 0 0 1 0 0 0 0 1"), pose, "'1,0' is not a number"},
-    {"control bytes in pose", replace(pose, "\x1b[31m 0 0 0"), pose, "'?[31m' is not a number"},
-    {"endless pose", replace(pose, std::string(1 << 17, ' ')), pose, "larger than"},
-    {"NaN in pose", replace(pose, "1 0 0 nan 0 1 0 0 0 0 1 0 0 0 0 1"), pose, "not finite"},
-    {"infinite pose", replace(pose, "1 0 0 0 0 1 0 -inf 0 0 1 0 0 0 0 1"), pose, "not finite"},
-    {"number too large", replace(pose, "1 0 0 1e999 0 1 0 0 0 0 1 0 0 0 0 1"), pose, "is not a number"},
-    {"scaled pose", replace(pose, "1.01 0 0 0 0 1.01 0 0 0 0 1.01 0 0 0 0 1"), pose, "is scaled or sheared"},
-    {"zero pose", replace(pose, "0 0 0 0 0 0 0 0 0 0 0 0 0 0 0 1"), pose, "is scaled or sheared"},
-    {"mirrored pose", replace(pose, "1 0 0 0 0 1 0 0 0 0 -1 0 0 0 0 1"), pose, "mirrors"},
-    {"non-affine pose", replace(pose, "1 0 0 0 0 1 0 0 0 0 1 0 0 0 0.1 1"), pose, "last row is not 0 0 0 1"},
-    {"pose in millimetres of the moon", replace(pose, "1 0 0 3.8e8 0 1 0 0 0 0 1 0 0 0 0 1"), pose, "100 km"},
-    {"empty image", replace(depth, ""), depth, "is empty"},
-    {"no image", replace(depth, "P5 64 48 65535 "), depth, "is not a PNG image"},
-    {"8-bit image", replace(depth, png_of(cv::Mat(48, 64, CV_8UC1, cv::Scalar(9)))), depth, "8 bits of grey"},
-    {"colour image", replace(depth, png_of(cv::Mat(48, 64, CV_16UC3, cv::Scalar::all(9)))), depth, "16 bits a colour"},
-    {"another size", replace(depth, png_of(cv::Mat(24, 64, CV_16UC1, cv::Scalar(900)))), depth, "has 64 x 24 pixels"},
-    {"absurd size", replace(depth, huge), depth, "absurd size"},
-    {"signature only", edit(depth, [](std::string& bytes) { bytes.resize(8); }), depth, "cut short"},
-    {"half an image", edit(depth, [](std::string& bytes) { bytes.resize(bytes.size() / 2); }), depth, "cut short"},
-    {"a chunk of 4 GiB", edit(depth, [](std::string& bytes) { bytes.replace(33, 4, "\xff\xff\xff\xff"); }), depth,
-     "cut short"},
-    {"a flipped bit", edit(depth, [](std::string& bytes) { bytes[60] ^= 4; }), depth, "check sum"},
+    {replace(intrinsics, "585 0 320\n0 585"), intrinsics, "only 5 of 9 numbers"},
+    {replace(intrinsics, "585 1 320 0 585 240 0 0 1"), intrinsics, "not of the form"},
+    {replace(intrinsics, "0 0 320 0 585 240 0 0 1"), intrinsics, "focal lengths"},
+    {replace(intrinsics, "585 0 1e300 0 585 240 0 0 1"), intrinsics, "at most 1000000"},
+    {replace(depthStep, "one"), depthStep, "'one' is not a number"},
+    {replace(depthStep, "-0.1"), depthStep, "1e-6 to 1000 mm"},
+    {replace(pose, ""), pose, "only 0 of 16 numbers"},
+    {replace(pose, "1 0 0 0  0 1 0 0  0 0 1"), pose, "only 11 of 16 numbers"},
+    {replace(pose, "1 0 0 0 0 1 0 0 0 0 1 0 0 0 0 1 5"), pose, "more than the expected 16"},
+    {replace(pose, "1 0 0 zero 0 1 0 0 0 0 1 0 0 0 0 1"), pose, "'zero' is not a number"},
+    {replace(pose, "1,0 0 0 0 0 1 0 0 0 0 1 0 0 0 0 1"), pose, "'1,0' is not a number"},
+    {replace(pose, "\x1b[31m 0 0 0"), pose, "'?[31m' is not a number"},
+    {replace(pose, std::string(1 << 17, ' ')), pose, "larger than"},
+    {replace(pose, "1 0 0 nan 0 1 0 0 0 0 1 0 0 0 0 1"), pose, "not finite"},
+    {replace(pose, "1 0 0 0 0 1 0 -inf 0 0 1 0 0 0 0 1"), pose, "not finite"},
+    {replace(pose, "1 0 0 1e999 0 1 0 0 0 0 1 0 0 0 0 1"), pose, "is not a number"},
+    {replace(pose, "1.01 0 0 0 0 1.01 0 0 0 0 1.01 0 0 0 0 1"), pose, "is scaled or sheared"},
+    {replace(pose, "0 0 0 0 0 0 0 0 0 0 0 0 0 0 0 1"), pose, "is scaled or sheared"},
+    {replace(pose, "1 0 0 0 0 1 0 0 0 0 -1 0 0 0 0 1"), pose, "mirrors"},
+    {replace(pose, "1 0 0 0 0 1 0 0 0 0 1 0 0 0 0.1 1"), pose, "last row is not 0 0 0 1"},
+    {replace(pose, "1 0 0 3.8e8 0 1 0 0 0 0 1 0 0 0 0 1"), pose, "100 km"},
+    {replace(depth, ""), depth, "is empty"},
+    {replace(depth, "P5 64 48 65535 "), depth, "is not a PNG image"},
+    {replace(depth, png_of(cv::Mat(48, 64, CV_8UC1, cv::Scalar(9)))), depth, "8 bits of grey"},
+    {replace(depth, png_of(cv::Mat(48, 64, CV_16UC3, cv::Scalar::all(9)))), depth, "16 bits a colour"},
+    {replace(depth, png_of(cv::Mat(24, 64, CV_16UC1, cv::Scalar(900)))), depth, "has 64 x 24 pixels"},
+    {replace(depth, huge), depth, "absurd size"},
+    {edit(depth, [](std::string& bytes) { bytes.resize(8); }), depth, "cut short"},
+    {edit(depth, [](std::string& bytes) { bytes.resize(bytes.size() / 2); }), depth, "cut short"},
+    {edit(depth, [](std::string& bytes) { bytes.replace(33, 4, "\xff\xff\xff\xff"); }), depth, "cut short"},
+    {edit(depth, [](std::string& bytes) { bytes[60] ^= 4; }), depth, "check sum"},
 };
 
-TEST(RecordingBadInput, EveryDamageIsNamedWithItsFile) {
-    for (const Damage& damage : damages) {
-        SCOPED_TRACE(damage.name);
-        TemporaryFolder parent;
-        const fs::path folder = parent.path() / "take1";
-        write_recording(folder, {1, 2, 3});
-        damage.inflict(folder);
+void expect_named(const Damage& damage, const std::function<void(const fs::path&)>& write,
+                  const std::function<std::string(const fs::path&)>& fault_of) {
+    SCOPED_TRACE(std::string(damage.file) + ": " + damage.cause);
+    TemporaryFolder parent;
+    const fs::path folder = parent.path() / "take1";
+    write(folder);
+    damage.inflict(folder);
+    const std::string reason = fault_of(folder);
+    for (const char* part : {"take1", damage.file, damage.cause})
+        EXPECT_NE(reason.find(part), std::string::npos) << reason;
+    EXPECT_EQ(reason.find('\n'), std::string::npos) << reason;
+}
 
+TEST(RecordingBadInput, EveryDamageOfDepthFramesIsNamed) {
+    const auto write = [](const fs::path& folder) { write_recording(folder, {1, 2, 3}); };
+    const auto fault_of = [](const fs::path& folder) -> std::string {
         const Outcome<Recording> recording = Recording::open(folder, PosePolicy::Required);
-        std::string reason;
-        if (recording) {
-            const Outcome<DepthImage> image = read_depth_png(folder / depth, 1.0);
-            ASSERT_FALSE(image);
-            reason = image.failure().reason;
-        } else {
-            reason = recording.failure().reason;
-        }
-        EXPECT_NE(reason.find(damage.file), std::string::npos) << reason;
-        EXPECT_NE(reason.find("take1"), std::string::npos) << reason;
-        EXPECT_NE(reason.find(damage.cause), std::string::npos) << reason;
-        EXPECT_EQ(reason.find('\n'), std::string::npos) << reason;
-    }
+        if (!recording) return recording.failure().reason;
+        const Outcome<DepthImage> image = read_depth_png(folder / depth, 1.0);
+        return image ? "" : image.failure().reason;
+    };
+    for (const Damage& damage : damages) expect_named(damage, write, fault_of);
+}
+
+TEST(RecordingBadInput, EveryDamageOfPairsIsNamed) {
+    const char *left = "frame-000002.left.png", *right = "frame-000002.right.png";
+    const auto png = [](int width, int height) { return png_of(cv::Mat(height, width, CV_8UC1, cv::Scalar(9))); };
+    const Damage damages[] = {
+        {[](const fs::path& folder) { fs::remove_all(folder); }, "", "there is no recording folder"},
+        {empty_folder, "", "holds no stereo pairs"},
+        {drop(right), right, "is missing"},
+        {drop(left), left, "is missing"},
+        {replace(right, png(64, 47)), right, "has 64 x 47 pixels where the left"},
+        {[=](const fs::path& folder) {
+             for (const char* file : {left, right}) put_bytes(folder / file, png(63, 48));
+         },
+         left, "has 63 x 48 pixels where the recording's first"},
+        {replace(left, "P5 64 48 255"), left, "is not a PNG image"},
+        {replace(left, png_of(cv::Mat(48, 64, CV_16UC1, cv::Scalar(9)))), left,
+         "is no camera image: it has 16 bits of grey, needed are 8 bits of grey"},
+        {replace(pose, "1 0 0"), pose, "is not usable: only 3 of 16"},
+        {edit(right, [](std::string& bytes) { bytes[bytes.size() / 2] ^= 4; }), right, "is damaged"},
+    };
+    const auto write = [](const fs::path& folder) { write_pairs(folder, {1, 2}); };
+    const auto fault_of = [](const fs::path& folder) -> std::string {
+        const Outcome<StereoRecording> recording = StereoRecording::open(folder);
+        if (!recording) return recording.failure().reason;
+        const Outcome<StereoImages> images = read_pair(recording->pairs().back(), recording->image_size());
+        return images ? "" : images.failure().reason;
+    };
+    for (const Damage& damage : damages) expect_named(damage, write, fault_of);
 }
 
 TEST(RecordingBadInput, WritersLeaveOldFilesAndNoRemains) {

@@ -300,13 +300,10 @@ TEST(Results, AreNearTheTruthAtAnySpacing) {
         const BaseTriMesh mesh = session.mesh(spacing);
         ASSERT_GT(mesh.get_fn(), 500U);
         EXPECT_TRUE(mesh.is_legal() && mesh.is_enable_vNormal());
-        double squares = 0.0, edges = 0.0;
-        for (const Vector3f& vertex : mesh.get_vCoords()) {
-            const double off = scan.sequence.scene->distance(scan.sequence.poses[0] * Vector3d(vertex.cast<double>()));
-            squares += off * off;
-            EXPECT_TRUE((vertex.array() > low.array() - voxel).all() && (vertex.array() < high.array() + voxel).all());
-        }
-        EXPECT_LT(std::sqrt(squares / static_cast<double>(mesh.get_vn())), 0.1 * voxel);
+        EXPECT_LT(rms_of(scan.off_surface(mesh.get_vCoords())), 0.1 * voxel);
+        for (const Vector3f& v : mesh.get_vCoords())
+            EXPECT_TRUE((v.array() > low.array() - voxel).all() && (v.array() < high.array() + voxel).all());
+        double edges = 0.0;
         for (const BaseTriFace& face : mesh.get_faces()) {
             const auto from = static_cast<std::size_t>(face[0]), to = static_cast<std::size_t>(face[1]);
             edges += (mesh.get_vCoord(from) - mesh.get_vCoord(to)).norm();

@@ -4,6 +4,7 @@
 #include <cmath>
 #include <functional>
 #include <limits>
+#include <numeric>
 #include <sstream>
 #include <string>
 #include <vector>
@@ -46,6 +47,13 @@ struct Scan {
         records.fusion.codeNumSet = 1;
     }
     PointImage frame(int i) const { return Simulation::frame_of(sequence, i); }
+    /// Signed distances (mm) of points of the model from the true surface.
+    std::vector<double> off_surface(const std::vector<Vector3f>& points) const {
+        std::vector<double> distances;
+        for (const Vector3f& p : points)
+            distances.push_back(sequence.scene->distance(sequence.poses.front() * Vector3d(p.cast<double>())));
+        return distances;
+    }
 
     Simulation::Sequence sequence;
     Records records;
@@ -111,6 +119,14 @@ public:
 private:
     void* _handle = nullptr;
 };
+
+inline double mean_of(const std::vector<double>& values) {
+    return std::accumulate(values.begin(), values.end(), 0.0) / static_cast<double>(values.size());
+}
+inline double rms_of(const std::vector<double>& values) {
+    const double squares = std::inner_product(values.begin(), values.end(), values.begin(), 0.0);
+    return std::sqrt(squares / static_cast<double>(values.size()));
+}
 
 /// Millimetres and degrees between two poses.
 inline Vector2d pose_error(const RigidMatrix& a, const RigidMatrix& b) {

@@ -21,16 +21,13 @@ Scan object_scan(const char* name) {
 
 /// Root mean square distance of every `step`-th vertex from the true surface, mm.
 double surface_error(const BaseTriMesh& mesh, const Simulation::Sequence& sequence, std::size_t step) {
-    double squares = 0.0;
-    int count = 0;
+    std::vector<double> distances;
     for (std::size_t i = 0; i < mesh.get_vn(); i += step) {
         const Vector3d point = sequence.poses.front() * Vector3d(mesh.get_vCoord(i).cast<double>());
         const double distance = Simulation::distance_by_descent(*sequence.scene, point);
-        if (!std::isfinite(distance)) continue;
-        squares += distance * distance;
-        ++count;
+        if (std::isfinite(distance)) distances.push_back(distance);
     }
-    return std::sqrt(squares / std::max(count, 1));
+    return rms_of(distances);
 }
 
 // The bounds belong to small images: 1.6 mm from pixel to pixel, voxels of 2 mm.

@@ -5,6 +5,7 @@
 
 #include "foundation/handle.h"
 #include "fusiontrackoperation/FusionTrack.h"
+#include "fusiontrackoperation/motionTests.h"
 
 namespace VexelAlgorithm {
 namespace {
@@ -56,6 +57,11 @@ RetVal load_frame(void* handle, const char* name, Frame&& frame, const Fusionpar
     return on_parallel_input(handle, name, [&](ParallelInput& input, const char* function) {
         return input.load(function, std::forward<Frame>(frame), data, color);
     });
+}
+
+bool test_motion(void* handle, const char* name, const RigidMatrix& pose, FusionTrack::MotionTest test) noexcept {
+    return on_handle<FusionTrack, bool>(handle, session_function(name), {false, false},
+                                        [&](FusionTrack& session) { return session.test_motion(name, pose, test); });
 }
 
 template <class Callback>
@@ -189,6 +195,53 @@ RetVal get_fusion_scan_state(void* handle, FusionScanState& state) noexcept {
         state = session.get_fusion_scan_state();
         return RET_SUCCESS;
     });
+}
+
+bool is_uniform_motion(void* handle, const RigidMatrix& pose) noexcept {
+    return test_motion(handle, "is_uniform_motion", pose, is_uniform_motion);
+}
+
+bool is_rotation_inversed(void* handle, const RigidMatrix& pose) noexcept {
+    return test_motion(handle, "is_rotation_inversed", pose, is_rotation_inversed);
+}
+
+bool is_need_seq_rebuild(void* handle, const RigidMatrix& pose) noexcept {
+    return test_motion(handle, "is_need_seq_rebuild", pose, is_need_seq_rebuild);
+}
+
+RetVal texture_pre_scan(void* handle, const PointImage& frame, const vexel_sfm::TextureImage& image,
+                        RigidMatrix& pose) noexcept {
+    return on_session(handle, "texture_pre_scan",
+                      [&](FusionTrack& session) { return session.texture_pre_scan(frame, image, pose); });
+}
+
+RetVal get_feature_frame(void* handle, const vexel_sfm::TextureImage& image, std::vector<Vector2f>& features) noexcept {
+    return on_session(handle, "get_feature_frame",
+                      [&](FusionTrack& session) { return session.get_feature_frame(image, features); });
+}
+
+RetVal set_key_frame(void* handle, const RigidMatrix& pose) noexcept {
+    return on_session(handle, "set_key_frame", [&](FusionTrack& session) { return session.set_key_frame(pose); });
+}
+
+bool is_feature_aline_right(void* handle, const RigidMatrix& pose) noexcept {
+    return on_handle<FusionTrack, bool>(handle, session_function("is_feature_aline_right"), {false, false},
+                                        [&](FusionTrack& session) { return session.is_feature_aline_right(pose); });
+}
+
+RetVal set_nonrigid_refmodel(void* handle, const BaseTriMesh& model) noexcept {
+    return on_session(handle, "set_nonrigid_refmodel",
+                      [&](FusionTrack& session) { return session.set_nonrigid_refmodel(model); });
+}
+
+RetVal set_nonrigid_field(void* handle, const std::vector<Vector3f>& field) noexcept {
+    return on_session(handle, "set_nonrigid_field",
+                      [&](FusionTrack& session) { return session.set_nonrigid_field(field); });
+}
+
+bool is_nonrigid_fileld_empty(void* handle) noexcept {
+    return on_handle<FusionTrack, bool>(handle, session_function("is_nonrigid_fileld_empty"), {true, true},
+                                        [](FusionTrack& session) { return session.is_nonrigid_field_empty(); });
 }
 
 RetVal get_fusion_result(void* handle, float pointDis, BaseTriMesh& mesh) noexcept {

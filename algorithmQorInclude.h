@@ -24,7 +24,9 @@
 // it unless its description permits an overlap. With one thread configured, the same input gives the same bytes.
 #pragma once
 
+#include <cstdint>
 #include <iosfwd>
+#include <vector>
 
 #include "SpeckleRebCPU/speckleRebuild.h"
 #include "exposure/autoExposure.h"
@@ -78,7 +80,8 @@ namespace VexelAlgorithm {
 // `get_fusion_scan_state`, `get_model2Volum_shift`, `reset_icpDisThread`, `reset_rata_ray`, `shoule_we_debug_fusion`,
 // the threaded input and the callback setters may overlap a frame step and each other, but for the two display
 // functions, which are for one thread at a time because the cloud that they return is the session's. All other
-// functions wait for a running frame step to end, and a frame waits for them. Nothing may overlap `fusiontrack_release`.
+// functions wait for a running frame step to end, and a frame waits for them. Nothing may overlap
+// `fusiontrack_release`.
 
 /// Prints the records and makes a session from them; null, with lines that say why, when they cannot be used. Settings
 /// beyond what a session can take are replaced by the nearest permitted ones, a line each. Which record field does
@@ -175,6 +178,51 @@ VEXEL_API RigidMatrix get_current_rt(void* handle) noexcept;
 VEXEL_API float get_current_point_dis(void* handle) noexcept;
 /// What happened to the last frame that was not refused as busy.
 VEXEL_API RetVal get_fusion_scan_state(void* handle, FusionScanState& state) noexcept;
+
+// Questions about a pose (camera to model) as the next one after those of the accepted frames. They wait for a running
+// frame step. A step is the motion relative to the pose before. False, with a line, for a pose that is no rigid motion
+// and for a null handle.
+
+/// Whether the step to the pose repeats the last step, as at constant speed: the two differ by at most a quarter of the
+/// larger one, or 1 mm, in translation, and a quarter or 0.01 rad in rotation. False with fewer than two poses.
+VEXEL_API bool is_uniform_motion(void* handle, const RigidMatrix& pose) noexcept;
+/// Whether the step to the pose turns back: by at least 0.01 rad, about an axis more than 120 degrees from that of the
+/// latest of the last 30 steps that turned as much. False when none has.
+VEXEL_API bool is_rotation_inversed(void* handle, const RigidMatrix& pose) noexcept;
+/// Whether reconstruction has to begin anew at the pose because the frame before does not tell where the surface is:
+/// the step is longer than 20 mm or turns by more than 0.2 rad, or there is no accepted frame.
+VEXEL_API bool is_need_seq_rebuild(void* handle, const RigidMatrix& pose) noexcept;
+
+// Texture tracking, over the tracker of a session made with a `TextureParam` (`platform/textureTracking.h`). Its map
+// and poses stand beside those of the model; the frame step does not use them. Without a tracker: "can not run function
+// NAME because no texture tracker is linked" and `RET_STATE_ERROR`, or false. `RET_RUN_FAIL` when the tracker fails.
+
+/// Feeds the tracker a frame (as for the frame step) and the texture image of the same instant. The first frame since
+/// the start or `fusion_reset` begins the map, at the identity. Later ones are tracked: `pose` (left camera to map)
+/// goes in as the expected pose and comes out as the found one.
+VEXEL_API RetVal texture_pre_scan(void* handle, const PointImage& frame, const vexel_sfm::TextureImage& image,
+                                  RigidMatrix& pose) noexcept;
+/// The tracker's features (pixels) of an image that is not kept.
+VEXEL_API RetVal get_feature_frame(void* handle, const vexel_sfm::TextureImage& image,
+                                   std::vector<Vector2f>& features) noexcept;
+/// Makes the tracker's last frame one to rely on: its pose becomes the given one, say that of the frame step.
+/// `RET_STATE_ERROR` while the map is empty.
+VEXEL_API RetVal set_key_frame(void* handle, const RigidMatrix& pose) noexcept;
+/// Whether the pose of the tracker's last frame, found from features alone, agrees with the given one within 5 mm and
+/// 0.05 rad. False, with a line, while the map is empty.
+VEXEL_API bool is_feature_aline_right(void* handle, const RigidMatrix& pose) noexcept;
+
+// A deformation of the model that the application has found, kept with the session: a reference model and a
+// displacement for each of its vertices. The session itself deforms nothing by it: results and display stay those of
+// the rigid model. Reset forgets both; a project does not hold them.
+
+/// Model coordinates, mm. Forgets the field. An empty one takes model and field away.
+VEXEL_API RetVal set_nonrigid_refmodel(void* handle, const BaseTriMesh& model) noexcept;
+/// Displacements (mm, model coordinates), one a vertex of the reference model, or none to take the field away.
+/// `RET_STATE_ERROR` without a reference model.
+VEXEL_API RetVal set_nonrigid_field(void* handle, const std::vector<Vector3f>& field) noexcept;
+/// Whether no field is kept; true for a null handle.
+VEXEL_API bool is_nonrigid_fileld_empty(void* handle) noexcept;
 
 /// The model as a triangle mesh (mm, model coordinates) with vertex normals: marching cubes over everything that was
 /// fused, without connected pieces of fewer than 100 triangles. `pointDis`: 0 or at most the voxel edge for all

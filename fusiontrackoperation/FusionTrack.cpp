@@ -240,6 +240,7 @@ void FusionTrack::forget_model() {
     const std::lock_guard<std::mutex> poses(_poseMutex);
     _poses.assign(1, RigidMatrix());
     _modelCamera.reset();
+    _nonRigid = NonRigid();
     initialise_images();
 }
 
@@ -261,7 +262,11 @@ RetVal FusionTrack::reset(bool withTexture) {
     forget_model();
     forget_last_frame(0);
     _recorder.model_replaced(withTexture ? "fusion_reset" : "fusion_reset_withoutTex");
-    if (!withTexture || _textureTracker == nullptr || vexel_sfm::tbt_reset(_textureTracker)) return RET_SUCCESS;
+    if (!withTexture || _textureTracker == nullptr) return RET_SUCCESS;
+    if (vexel_sfm::tbt_reset(_textureTracker)) {
+        _isTextureMapBegun = false;
+        return RET_SUCCESS;
+    }
     print_line("fusion_reset failed: the texture tracker can not be reset");
     return RET_RUN_FAIL;
 }

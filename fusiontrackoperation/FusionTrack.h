@@ -17,11 +17,13 @@
 #include "fusion/rayCast.h"
 #include "fusiontrackoperation/DisplayData.h"
 #include "fusiontrackoperation/FusionScanState.h"
+#include "fusiontrackoperation/NonRigid.h"
 #include "fusiontrackoperation/ParallelInput.h"
 #include "fusiontrackoperation/SessionParameters.h"
 #include "fusiontrackoperation/SessionRecorder.h"
 #include "fusiontrackoperation/TextureSetup.h"
 #include "fusiontrackoperation/sessionCallbacks.h"
+#include "platform/textureTracking.h"
 #include "track/IcpBaseOnCam.h"
 #include "track/ParticleTrack.h"
 
@@ -67,6 +69,20 @@ public:
     RigidMatrix get_current_rt() const;
     float get_current_point_dis() const;
     FusionScanState get_fusion_scan_state() const;
+
+    /// One of those in motionTests.h; false with a line for a pose that is none.
+    using MotionTest = bool (*)(const std::vector<RigidMatrix>& history, const RigidMatrix& pose);
+    bool test_motion(const char* function, const RigidMatrix& pose, MotionTest test) const;
+
+    // ---- texture tracking and deformations --------------------------------------------------------------
+
+    RetVal texture_pre_scan(const PointImage& input, const vexel_sfm::TextureImage& image, RigidMatrix& pose);
+    RetVal get_feature_frame(const vexel_sfm::TextureImage& image, std::vector<Vector2f>& features);
+    RetVal set_key_frame(const RigidMatrix& pose);
+    bool is_feature_aline_right(const RigidMatrix& pose);
+    RetVal set_nonrigid_refmodel(const BaseTriMesh& model);
+    RetVal set_nonrigid_field(const std::vector<Vector3f>& field);
+    bool is_nonrigid_field_empty() const;
 
     // ---- results --------------------------------------------------------------------------------------
 
@@ -171,6 +187,9 @@ private:
     void update_after_fusion();
     void render_prediction(const RigidMatrix& pose, bool guided);
 
+    bool has_texture_tracker(const char* function) const;
+    bool has_texture_map(const char* function) const;
+
     void initialise_images();
     /// A setting was changed by the exported function of that name.
     RetVal settled(const char* function, std::initializer_list<double> values);
@@ -206,6 +225,8 @@ private:
     float _angularSpeedLimit = 20.0F;  // radians a frame
     int _lastFrameTimeGap = -1;        // as the caller gave it; -1 for none
     FusionScanState _stepState;        // of the running step
+    bool _isTextureMapBegun = false;   // the texture tracker has had its first frame
+    NonRigid _nonRigid;                // goes with the model
 
     std::vector<RigidMatrix> _poses{
         RigidMatrix()};      // camera to model, under the pose lock; one element before the first frame

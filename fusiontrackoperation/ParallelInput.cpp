@@ -52,6 +52,7 @@ bool ParallelInput::is_worker_thread() const {
 
 RetVal ParallelInput::load(const char* function, const PointImage& frame, const FusionparallelInputData& data,
                            Color color) {
+    const auto arrival = Queue::Clock::now();
     if (data.waitMilliseconds == 0 && find_unusable(data) == nullptr) {
         // A frame that will be refused need not be copied first; a closed queue will be opened.
         const Queue::Offered preview = _queue.preview(static_cast<std::size_t>(data.maxQueued));
@@ -59,11 +60,16 @@ RetVal ParallelInput::load(const char* function, const PointImage& frame, const 
             return refused_offer(function, data.maxQueued, preview);
         }
     }
-    return load(function, PointImage(frame), data, color);
+    PointImage copy(frame);
+    return queue(function, copy, data, color, arrival);
 }
 
 RetVal ParallelInput::load(const char* function, PointImage&& frame, const FusionparallelInputData& data, Color color) {
-    const auto arrival = Queue::Clock::now();
+    return queue(function, frame, data, color, Queue::Clock::now());
+}
+
+RetVal ParallelInput::queue(const char* function, PointImage& frame, const FusionparallelInputData& data, Color color,
+                            Queue::Clock::time_point arrival) {
     if (const char* reason = find_unusable(data)) return refused(RET_INPUT_ERROR, function, reason);
     // The worker cannot wait for the room that only it makes.
     const milliseconds wait(is_worker_thread() ? 0 : data.waitMilliseconds);

@@ -61,6 +61,9 @@ private:
         ParallelColorImage image;
     };
 
+    /// Takes the frame over unless it is refused.
+    RetVal queue(const char* function, PointImage& frame, const FusionparallelInputData& data, Color color,
+                 Queue::Clock::time_point arrival);
     bool ensure_worker();
     static RetVal refused_offer(const char* function, int maxQueued, Queue::Offered offered);
     void work_off();

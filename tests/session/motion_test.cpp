@@ -1,0 +1,197 @@
+// What a session answers about poses, passes on to its texture tracker and keeps of deformations.
+#include "tests/platform/RecordingTracker.h"
+#include "tests/session/sessionScenes.h"
+
+namespace VexelAlgorithm {
+namespace {
+
+using VexelTest::textureRecord;
+
+constexpr double kPi = 3.14159265358979323846;
+
+RigidMatrix motion(double x, const Vector3d& turn) {
+    Matrix3d rotation;
+    rodrigures(turn, rotation);
+    return {rotation, {x, 0.0, 0.0}};
+}
+
+RigidMatrix about_y(double x, double angle) {
+    return motion(x, {0.0, angle, 0.0});
+}
+
+/// A turn about an axis that is this many degrees away from y.
+RigidMatrix tilted(double degrees) {
+    const double tilt = degrees * kPi / 180.0;
+    return motion(0.0, 0.05 * Vector3d(std::sin(tilt), std::cos(tilt), 0.0));
+}
+
+struct MotionCase {
+    const char* name;
+    std::vector<RigidMatrix> steps;  // after the first pose, which is a turned one
+    RigidMatrix next;
+    bool isUniform, isInversed, needsRebuild;
+};
+
+TEST(Motion, IsJudgedOnAnalyticPaths) {
+    const RigidMatrix step = about_y(5.0, 0.05), still;
+    const MotionCase cases[] = {
+        {"the first step", {}, step, false, false, false},
+        {"a screw goes on", {step, step}, step, true, false, false},
+        {"within a quarter", {step}, about_y(6.5, 0.065), true, false, false},
+        {"longer by more than a quarter", {step}, about_y(7.0, 0.05), false, false, false},
+        {"turns more by more than a quarter", {step}, about_y(5.0, 0.07), false, false, false},
+        {"rest", {still}, about_y(0.9, 0.009), true, false, false},
+        {"out of rest", {still}, about_y(1.1, 0.0), false, false, false},
+        {"stops", {step}, still, false, false, false},
+        {"turns back", {step}, step.inverse(), false, true, false},
+        {"turns back after a rest", {step, still, about_y(0.0, 0.009)}, step.inverse(), false, true, false},
+        {"moves back without a turn", {step}, about_y(-5.0, 0.0), false, false, false},
+        {"too small a turn", {step}, about_y(5.0, -0.009), false, false, false},
+        {"across", {tilted(0)}, tilted(90), false, false, false},
+        {"just not against", {tilted(0)}, tilted(118), false, false, false},
+        {"just against", {tilted(0)}, tilted(122), false, true, false},
+        {"20 mm", {}, about_y(19.999, 0.0), false, false, false},
+        {"above 20 mm", {}, about_y(20.001, 0.0), false, false, true},
+        {"0.2 rad", {}, about_y(0.0, 0.199), false, false, false},
+        {"above 0.2 rad", {}, about_y(0.0, 0.201), false, false, true},
+    };
+    const Scan scan("smooth", 80);
+    const PointImage frame = scan.frame(0);
+    Session session(scan.records);
+    EXPECT_FALSE(is_uniform_motion(session, step));
+    EXPECT_FALSE(is_rotation_inversed(session, step));
+    EXPECT_TRUE(is_need_seq_rebuild(session, RigidMatrix())) << "no frame yet";
+    for (const MotionCase& c : cases) {
+        SCOPED_TRACE(c.name);
+        ASSERT_EQ(fusion_reset(session), RET_SUCCESS);
+        RigidMatrix pose = motion(3.0, {0.0, 0.0, 1.0});
+        int microseconds = 0;
+        ASSERT_TRUE(fusion(session, frame, pose, microseconds));
+        for (const RigidMatrix& next : c.steps) {
+            pose = pose * next;
+            ASSERT_TRUE(fusion(session, frame, pose, microseconds));
+        }
+        EXPECT_EQ(is_uniform_motion(session, pose * c.next), c.isUniform);
+        EXPECT_EQ(is_rotation_inversed(session, pose * c.next), c.isInversed);
+        EXPECT_EQ(is_need_seq_rebuild(session, pose * c.next), c.needsRebuild);
+    }
+}
+
+TEST(Texture, FramesGoToTheTrackerOfTheSession) {
+    using Calls = std::vector<std::string>;
+    const Scan scan("smooth", 80);
+    const std::uint8_t pixels[] = {7, 8, 9, 10};
+    const vexel_sfm::TextureImage image{pixels, 2, 2, 2};
+    textureRecord = {};
+    const auto before = vexel_sfm::register_texture_tracker(VexelTest::make_recording);
+    void* session = nullptr;
+    printed(
+        [&] { session = fusion_and_track_ini(scan.records.common, scan.records.track, scan.records.fusion, {}, {}); });
+    RigidMatrix pose = about_y(4.0, 0.0);
+    std::vector<Vector2f> features;
+    EXPECT_EQ(printed([&] {
+                  EXPECT_EQ(set_key_frame(session, pose), RET_STATE_ERROR);
+                  EXPECT_FALSE(is_feature_aline_right(session, pose));
+                  EXPECT_EQ(texture_pre_scan(session, PointImage(), image, pose), RET_INPUT_ERROR);
+                  EXPECT_EQ(texture_pre_scan(session, scan.frame(0), {}, pose), RET_RUN_FAIL);
+              }),
+              can_not("set_key_frame", "texture_pre_scan has had no frame") +
+                  can_not("is_feature_aline_right", "texture_pre_scan has had no frame") +
+                  can_not("texture_pre_scan", "the frame has 0 x 0 pixels and the session 80 x 64") +
+                  "tbt_firstFrame failed: the texture image has no pixels\n");
+    EXPECT_EQ(pose.get_translation().x(), 4.0);
+
+    EXPECT_EQ(texture_pre_scan(session, scan.frame(0), image, pose), RET_SUCCESS);
+    EXPECT_EQ(pose.get_translation().x(), 0.0);
+    EXPECT_EQ(texture_pre_scan(session, scan.frame(1), image, pose), RET_SUCCESS);
+    EXPECT_EQ(pose.get_translation().x(), 1.0) << "as the tracker found it";
+    EXPECT_EQ(get_feature_frame(session, image, features), RET_SUCCESS);
+    EXPECT_EQ(features.size(), 2U);
+    EXPECT_EQ(set_key_frame(session, about_y(6.0, 0.0)), RET_SUCCESS);
+    EXPECT_TRUE(is_feature_aline_right(session, about_y(5.9, 0.04)));
+    EXPECT_FALSE(is_feature_aline_right(session, about_y(6.1, 0.0)));
+    EXPECT_FALSE(is_feature_aline_right(session, about_y(1.0, 0.06)));
+    textureRecord.succeeds = false;
+    EXPECT_EQ(texture_pre_scan(session, scan.frame(2), image, pose), RET_RUN_FAIL);
+    EXPECT_EQ(pose.get_translation().x(), 1.0);
+    textureRecord.succeeds = true;
+    EXPECT_EQ(fusion_reset_withoutTex(session), RET_SUCCESS);
+    EXPECT_EQ(texture_pre_scan(session, scan.frame(0), image, pose), RET_SUCCESS);
+    EXPECT_EQ(fusion_reset(session), RET_SUCCESS);
+    EXPECT_EQ(texture_pre_scan(session, scan.frame(0), image, pose), RET_SUCCESS);
+    EXPECT_EQ(fusiontrack_release(session), RET_SUCCESS);
+    EXPECT_EQ(textureRecord.calls, (Calls{"first 5120 9", "add", "features", "renew 6", "stitch", "stitch", "stitch",
+                                          "add", "add", "reset", "first 5120 9", "release"}));
+    vexel_sfm::register_texture_tracker(before);
+}
+
+TEST(NonRigid, AFieldIsKeptForTheModelThatItFits) {
+    const Scan scan("smooth", 80);
+    Session session(scan.records);
+    BaseTriMesh model, broken;
+    for (int i = 0; i < 3; ++i) model.add_vCoord(Vector3f::Unit(i));
+    broken.add_vCoord({kNaN, 0, 0});
+    const std::vector<Vector3f> field(3, Vector3f(0, 0, 1)), shorter(2, Vector3f::Zero()),
+        wild(3, Vector3f::Constant(kNaN));
+    EXPECT_TRUE(is_nonrigid_fileld_empty(session));
+    EXPECT_EQ(
+        printed([&] {
+            EXPECT_EQ(set_nonrigid_field(session, field), RET_STATE_ERROR);
+            EXPECT_EQ(set_nonrigid_refmodel(session, broken), RET_INPUT_ERROR);
+            EXPECT_EQ(set_nonrigid_refmodel(session, model), RET_SUCCESS);
+            EXPECT_EQ(set_nonrigid_field(session, field), RET_SUCCESS);
+            EXPECT_EQ(set_nonrigid_field(session, shorter), RET_INPUT_ERROR);
+            EXPECT_EQ(set_nonrigid_field(session, wild), RET_INPUT_ERROR);
+        }),
+        can_not("set_nonrigid_field", "there is no reference model") +
+            can_not("set_nonrigid_refmodel", "the model is not consistent in itself") +
+            can_not("set_nonrigid_field", "there is not one displacement for each vertex of the reference model") +
+            can_not("set_nonrigid_field", "a displacement is not finite"));
+    EXPECT_FALSE(is_nonrigid_fileld_empty(session));
+    for (const auto& forget : std::vector<std::function<RetVal()>>{
+             [&] { return fusion_tree_reset(session); }, [&] { return set_nonrigid_refmodel(session, model); },
+             [&] { return set_nonrigid_field(session, {}); }}) {
+        ASSERT_EQ(set_nonrigid_refmodel(session, model), RET_SUCCESS);
+        ASSERT_EQ(set_nonrigid_field(session, field), RET_SUCCESS);
+        EXPECT_EQ(forget(), RET_SUCCESS);
+        EXPECT_TRUE(is_nonrigid_fileld_empty(session));
+    }
+}
+
+TEST(MotionTextureNonRigid, RefuseNullHandlesAndWhatIsNotThere) {
+    const Scan scan("smooth", 80);
+    const Session session(scan.records);
+    RigidMatrix pose, broken(2.0 * Matrix3d::Identity(), Vector3d::Zero());
+    std::vector<Vector2f> features;
+    struct Case {
+        const char* name;
+        std::function<int(void*)> call;
+        int onNull, onSession;
+        const char* reason;
+    };
+    const char* const noRigid = "the pose is not a rigid motion";
+    const char* const noTracker = "no texture tracker is linked";
+    const Case cases[] = {
+        {"is_uniform_motion", [&](void* h) { return is_uniform_motion(h, broken); }, 0, 0, noRigid},
+        {"is_rotation_inversed", [&](void* h) { return is_rotation_inversed(h, broken); }, 0, 0, noRigid},
+        {"is_need_seq_rebuild", [&](void* h) { return is_need_seq_rebuild(h, broken); }, 0, 0, noRigid},
+        {"texture_pre_scan", [&](void* h) { return texture_pre_scan(h, scan.frame(0), {}, pose); }, RET_INI_ERROR,
+         RET_STATE_ERROR, noTracker},
+        {"get_feature_frame", [&](void* h) { return get_feature_frame(h, {}, features); }, RET_INI_ERROR,
+         RET_STATE_ERROR, noTracker},
+        {"set_key_frame", [&](void* h) { return set_key_frame(h, pose); }, RET_INI_ERROR, RET_STATE_ERROR, noTracker},
+        {"is_feature_aline_right", [&](void* h) { return is_feature_aline_right(h, pose); }, 0, 0, noTracker},
+        {"set_nonrigid_refmodel", [&](void* h) { return set_nonrigid_refmodel(h, {}); }, RET_INI_ERROR, 0, nullptr},
+        {"set_nonrigid_field", [&](void* h) { return set_nonrigid_field(h, {}); }, RET_INI_ERROR, 0, nullptr},
+        {"is_nonrigid_fileld_empty", [&](void* h) { return is_nonrigid_fileld_empty(h); }, 1, 1, nullptr},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.name);
+        EXPECT_EQ(printed([&] { EXPECT_EQ(c.call(nullptr), c.onNull); }), can_not(c.name, "pFusionTrack = NULL"));
+        EXPECT_EQ(printed([&] { EXPECT_EQ(c.call(session), c.onSession); }),
+                  c.reason == nullptr ? "" : can_not(c.name, c.reason));
+    }
+}
+
+}  // namespace
+}  // namespace VexelAlgorithm

@@ -62,6 +62,11 @@ constexpr std::size_t ISLAND_SHARE = 1500;
 constexpr int CONSISTENCY_RADIUS = 3;
 constexpr int RETURN_RADIUS = 16;
 constexpr int RETURN_TOLERANCE = 2;
+// What a score may lack, in terms of what the frame's median lacks: at all, and where neighbours disagree.
+constexpr float LEAST_MEDIAN_LOSS = 0.005F;
+constexpr float LARGEST_LOSS = 8.5F;
+constexpr float DOUBTFUL_LOSS = 4.0F;
+constexpr float LARGEST_DISAGREEMENT = 0.4F;  // pixels a slot
 constexpr int CELL_SIZE = 16;
 constexpr int EDGE_TRIM = 4;             // pixels
 constexpr float LEAST_EDGE_STEP = 3.0F;  // grey values
@@ -380,7 +385,7 @@ void SpeckleRebCpu::take_sub_pixel_step(float largestStep) {
 void SpeckleRebCpu::drop_uncorrelated() {
     ParallaxField& field = _objDepthRange.field();
     const Raster<float> parallax = field.parallax;
-    const float limit = score_limit();
+    const float limit = std::clamp(median_score() - SCORE_LOSS, SMALLEST_SCORE, LARGEST_SCORE_LIMIT);
     const int reach = std::max(1, BEND_REACH / _param.sampleRatio);
     const auto is_even = [&](int x, int y, int dx, int dy) {
         if (!parallax.contains(x - dx, y - dy) || !parallax.contains(x + dx, y + dy)) return true;
@@ -397,14 +402,15 @@ void SpeckleRebCpu::drop_uncorrelated() {
     }
 }
 
-float SpeckleRebCpu::score_limit() const {
+float SpeckleRebCpu::median_score() const {
+    const ParallaxField& field = _objDepthRange.field();
     std::vector<float> scores;
-    for (std::size_t i = 0; i < _step.size(); ++i)
-        if (has_parallax(_step[i])) scores.push_back(_score[i]);
-    if (scores.empty()) return LARGEST_SCORE_LIMIT;
+    for (std::size_t i = 0; i < field.score.size(); ++i)
+        if (has_parallax(field.parallax[i]) && has_parallax(_step[i])) scores.push_back(field.score[i]);
+    if (scores.empty()) return 1.0F;
     const auto middle = scores.begin() + static_cast<std::ptrdiff_t>(scores.size() / 2);
     std::nth_element(scores.begin(), middle, scores.end());
-    return std::clamp(*middle - SCORE_LOSS, SMALLEST_SCORE, LARGEST_SCORE_LIMIT);
+    return *middle;
 }
 
 void SpeckleRebCpu::remove_noise(const StageNames& names) {
@@ -429,6 +435,9 @@ void SpeckleRebCpu::remove_noise(const StageNames& names) {
         end,           _windowCover.right, regionStep};
     right_to_left_to_vertify_match(task, RETURN_RADIUS, RETURN_TOLERANCE, _threads, field);
     trim_edges(edge_task(), (EDGE_TRIM + sample - 1) / sample, LEAST_EDGE_STEP, _threads, field);
+    const float loss = std::max(1.0F - median_score(), LEAST_MEDIAN_LOSS);
+    remove_doubtful({1.0F - LARGEST_LOSS * loss, 1.0F - DOUBTFUL_LOSS * loss, LARGEST_DISAGREEMENT}, sample, _threads,
+                    field);
     dump("after right_to_left_to_vertify_match");
 
     remove_cell_outliers(CELL_SIZE, 8.0F, 2.0F, CELL_SIZE * CELL_SIZE / 16, _threads, field);

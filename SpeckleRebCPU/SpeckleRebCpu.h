@@ -50,7 +50,7 @@ private:
     void iterate_subpixel_match();
     void take_sub_pixel_step(float largestStep);
     void drop_uncorrelated();
-    float score_limit() const;
+    float median_score() const;
     void smooth_normals(float sigma);
     EdgeTask edge_task() const;
     int sub_pixel_window() const;

@@ -81,6 +81,33 @@ bool is_supported(const ParallaxField& field, int x, int y, int radius, float to
     return 2 * supporting >= present && 5 * supporting >= window;
 }
 
+bool is_disputed(const ParallaxField& field, int x, int y, float limit, int sample) {
+    const auto misses = [&](int dx, int dy) {
+        if (!field.parallax.contains(x + dx, y + dy)) return false;
+        const float slopes = field.slopeX.at(x + dx, y + dy) * static_cast<float>(dx) +
+                             field.slopeY.at(x + dx, y + dy) * static_cast<float>(dy);
+        const float seen = field.parallax.at(x + dx, y + dy) - static_cast<float>(sample) * slopes;
+        return std::abs(seen - field.parallax.at(x, y)) > limit * static_cast<float>(std::abs(dx + dy));
+    };
+    for (const int distance : {-2, -1, 1, 2})
+        if (misses(distance, 0) || misses(0, distance)) return true;
+    return false;
+}
+
+/// Clears the slots of which it is true; it sees the field as it was.
+template <class IsWrong>
+void clear_where(int threads, ParallaxField& field, const IsWrong& is_wrong) {
+    const int width = field.parallax.width(), height = field.parallax.height();
+    Mask wrong(width, height);
+    parallel_ranges(threads, static_cast<std::size_t>(height), ROW_GRAIN, [&](std::size_t begin, std::size_t end) {
+        for (int y = static_cast<int>(begin); y < static_cast<int>(end); ++y)
+            for (int x = 0; x < width; ++x)
+                if (has_parallax(field.parallax.at(x, y)) && is_wrong(x, y)) wrong.at(x, y) = 1;
+    });
+    for (std::size_t i = 0; i < wrong.size(); ++i)
+        if (wrong[i] != 0) field.clear_slot(i);
+}
+
 struct CellSlot {
     std::size_t index;
     Vector3d row;  ///< 1, x, y
@@ -164,17 +191,16 @@ std::size_t remove_small_regions(std::size_t smallest, float largestStep, Raster
 
 void remove_inconsistent(int radius, float tolerance, float slopeTolerance, int sample, int threads,
                          ParallaxField& field) {
-    const int width = field.parallax.width(), height = field.parallax.height();
-    Mask unsupported(width, height);
-    parallel_ranges(threads, static_cast<std::size_t>(height), ROW_GRAIN, [&](std::size_t begin, std::size_t end) {
-        for (int y = static_cast<int>(begin); y < static_cast<int>(end); ++y)
-            for (int x = 0; x < width; ++x)
-                if (has_parallax(field.parallax.at(x, y)) &&
-                    !is_supported(field, x, y, radius, tolerance, slopeTolerance, sample))
-                    unsupported.at(x, y) = 1;
+    clear_where(threads, field,
+                [&](int x, int y) { return !is_supported(field, x, y, radius, tolerance, slopeTolerance, sample); });
+}
+
+void remove_doubtful(const DoubtLimits& limits, int sample, int threads, ParallaxField& field) {
+    clear_where(threads, field, [&](int x, int y) {
+        const float score = field.score.at(x, y);
+        return score < limits.smallestScore ||
+               (score < limits.doubtfulScore && is_disputed(field, x, y, limits.largestDisagreement, sample));
     });
-    for (std::size_t i = 0; i < unsupported.size(); ++i)
-        if (unsupported[i] != 0) field.clear_slot(i);
 }
 
 void remove_cell_outliers(int cellSize, float factor, float tolerance, int fewest, int threads, ParallaxField& field) {

@@ -23,10 +23,20 @@ ParallaxRegions find_regions(float largestStep, const Raster<float>& parallax);
 void remove_inconsistent(int radius, float tolerance, float slopeTolerance, int sample, int threads,
                          ParallaxField& field);
 
+struct DoubtLimits {
+    float smallestScore;        ///< below it a slot is removed
+    float doubtfulScore;        ///< below it a slot is removed where the slots around it disagree
+    float largestDisagreement;  ///< pixels for every slot of distance
+};
+/// Removes slots whose windows correlated badly, as they do where they see two surfaces or more of one than a facet can
+/// follow. Slots disagree when the facet of one that is one or two slots away in the row or column misses the
+/// parallax by more than the limit.
+void remove_doubtful(const DoubtLimits& limits, int sample, int threads, ParallaxField& field);
+
 /// In cells of `cellSize` x `cellSize` slots: the plane through the cell's slots is fitted robustly (least squares,
-/// then again to what is within three robust standard deviations of it, the median absolute deviation times 1.4826),
-/// and what lies further off than `factor` of them, but at least `tolerance` pixels, is removed. Cells with fewer than
-/// `fewest` slots lose them all.
+/// then again to what is within three robust standard deviations of it, the median absolute deviation times 1.4826, but
+/// at least 0.05 pixels), and what lies further off than `factor` of them, but at least `tolerance` pixels, is removed.
+/// Cells with fewer than `fewest` slots lose them all.
 void remove_cell_outliers(int cellSize, float factor, float tolerance, int fewest, int threads, ParallaxField& field);
 
 }  // namespace VexelAlgorithm

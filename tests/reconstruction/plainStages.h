@@ -10,10 +10,12 @@
 
 #include "SpeckleRebCPU/growMatches.h"
 #include "SpeckleRebCPU/parallaxFacets.h"
+#include "SpeckleRebCPU/parallaxFilters.h"
 #include "SpeckleRebCPU/pixelMatch.h"
 #include "SpeckleRebCPU/subPixelStep.h"
 #include "SpeckleRebCPU/surfaceEdges.h"
 #include "SpeckleRebCPU/validMask.h"
+#include "SpeckleRebCPU/verifyMatch.h"
 #include "foundation/types.h"
 
 namespace VexelAlgorithm::Plain {
@@ -158,6 +160,7 @@ inline std::optional<Step> sub_pixel_step(const SubPixelTask& task, const Parall
             const int column = static_cast<int>(position);
             const double t = position - column;
             const auto p = [&](int k) -> double { return task.right.at(column + k, y); };
+            if (std::max({double(task.left.at(x, y)), p(0), p(1)}) >= 252) continue;  // clipped
             // Catmull and Rom's spline, from its basis functions.
             const double g = 0.5 * (p(-1) * (-t + 2 * t * t - t * t * t) + p(0) * (2 - 5 * t * t + 3 * t * t * t) +
                                     p(1) * (t + 4 * t * t - 3 * t * t * t) + p(2) * (-t * t + t * t * t));
@@ -276,28 +279,247 @@ inline std::optional<Vector3d> facet(const FacetFit& fit, int sample, const Para
     return Vector3d(normal.inverse() * side);
 }
 
-/// Slots of connected regions of fewer than so many, by flooding each.
-inline Mask small_regions(std::size_t smallest, float largestStep, const Raster<float>& parallax) {
+/// Connected regions, by flooding each: which one every slot belongs to (-1 for none), and their sizes.
+inline ParallaxRegions regions(float largestStep, const Raster<float>& parallax) {
     const int w = parallax.width();
-    Mask small(w, parallax.height()), seen(w, parallax.height());
+    ParallaxRegions found{Raster<std::int32_t>(w, parallax.height(), -1), {}};
     for (int y = 0; y < parallax.height(); ++y)
         for (int x = 0; x < w; ++x) {
-            if (seen.at(x, y) != 0 || !has_parallax(parallax.at(x, y))) continue;
+            if (found.label.at(x, y) >= 0 || !has_parallax(parallax.at(x, y))) continue;
+            const auto label = static_cast<std::int32_t>(found.sizes.size());
             std::vector<std::pair<int, int>> region{{x, y}};
-            seen.at(x, y) = 1;
+            found.label.at(x, y) = label;
             for (std::size_t k = 0; k < region.size(); ++k)
                 for (const auto& [dx, dy] : {std::pair(1, 0), {-1, 0}, {0, 1}, {0, -1}}) {
                     const int u = region[k].first + dx, v = region[k].second + dy;
-                    if (!parallax.contains(u, v) || seen.at(u, v) != 0 ||
+                    if (!parallax.contains(u, v) || found.label.at(u, v) >= 0 ||
                         !(std::abs(parallax.at(u, v) - parallax.at(u - dx, v - dy)) <= largestStep))
                         continue;
-                    seen.at(u, v) = 1;
+                    found.label.at(u, v) = label;
                     region.emplace_back(u, v);
                 }
-            if (region.size() < smallest)
-                for (const auto& [u, v] : region) small.at(u, v) = 1;
+            found.sizes.push_back(region.size());
         }
-    return small;
+    return found;
+}
+
+inline void clear(ParallaxField& field, const std::vector<std::pair<int, int>>& slots) {
+    for (const auto& [x, y] : slots) field.parallax.at(x, y) = NO_PARALLAX;
+}
+
+template <class Action>
+void for_slots(const ParallaxField& field, const Action& action) {
+    for (int y = 0; y < field.parallax.height(); ++y)
+        for (int x = 0; x < field.parallax.width(); ++x)
+            if (has_parallax(field.parallax.at(x, y))) action(x, y);
+}
+
+/// The facet of slot (x, y) at the slot (dx, dy) further on.
+inline double extended(const ParallaxField& field, int sample, int x, int y, int dx, int dy) {
+    return field.parallax.at(x, y) + sample * (field.slopeX.at(x, y) * dx + field.slopeY.at(x, y) * dy);
+}
+
+inline void remove_inconsistent(int radius, double tolerance, double slopeTolerance, int sample, ParallaxField& field) {
+    std::vector<std::pair<int, int>> wrong;
+    for_slots(field, [&](int x, int y) {
+        int present = 0, supporting = 0;
+        for (int dy = -radius; dy <= radius; ++dy)
+            for (int dx = -radius; dx <= radius; ++dx) {
+                if (!field.parallax.contains(x + dx, y + dy) || !has_parallax(field.parallax.at(x + dx, y + dy)))
+                    continue;
+                ++present;
+                supporting += std::abs(field.parallax.at(x + dx, y + dy) - extended(field, sample, x, y, dx, dy)) <=
+                              tolerance + slopeTolerance * sample * std::hypot(dx, dy);
+            }
+        if (supporting < 0.5 * present || supporting < 0.2 * (2 * radius + 1) * (2 * radius + 1))
+            wrong.emplace_back(x, y);
+    });
+    clear(field, wrong);
+}
+
+inline void remove_doubtful(const DoubtLimits& limits, int sample, ParallaxField& field) {
+    std::vector<std::pair<int, int>> wrong;
+    for_slots(field, [&](int x, int y) {
+        double worst = 0;
+        for (const auto& [dx, dy] : {std::pair(1, 0), {2, 0}, {-1, 0}, {-2, 0}, {0, 1}, {0, 2}, {0, -1}, {0, -2}})
+            if (field.parallax.contains(x + dx, y + dy) && has_parallax(field.parallax.at(x + dx, y + dy)))
+                worst = std::max(worst,
+                                 std::abs(extended(field, sample, x + dx, y + dy, -dx, -dy) - field.parallax.at(x, y)) /
+                                     std::abs(dx + dy));
+        const float score = field.score.at(x, y);
+        if (score < limits.smallestScore || (score < limits.doubtfulScore && worst > limits.largestDisagreement))
+            wrong.emplace_back(x, y);
+    });
+    clear(field, wrong);
+}
+
+inline void remove_cell_outliers(int size, double factor, double tolerance, int fewest, ParallaxField& field) {
+    for (int y0 = 0; y0 < field.parallax.height(); y0 += size)
+        for (int x0 = 0; x0 < field.parallax.width(); x0 += size) {
+            std::vector<std::pair<int, int>> slots;
+            for_slots(field, [&](int x, int y) {
+                if (x / size == x0 / size && y / size == y0 / size) slots.emplace_back(x, y);
+            });
+            if (slots.empty()) continue;
+            Vector3d plane = Vector3d::Zero();
+            const auto off = [&](const std::pair<int, int>& slot) {
+                return std::abs(field.parallax.at(slot.first, slot.second) -
+                                plane.dot(Vector3d(1, slot.first, slot.second)));
+            };
+            const auto fit = [&](double limit) {
+                Matrix3d normal = Matrix3d::Zero();
+                Vector3d side = Vector3d::Zero();
+                for (const auto& slot : slots) {
+                    if (off(slot) > limit) continue;
+                    const Vector3d row(1, slot.first, slot.second);
+                    normal += row * row.transpose();
+                    side += row * field.parallax.at(slot.first, slot.second);
+                }
+                plane = normal.ldlt().solve(side);
+            };
+            const auto deviation = [&] {
+                std::vector<double> all;
+                for (const auto& slot : slots) all.push_back(off(slot));
+                std::sort(all.begin(), all.end());
+                return 1.4826 * all[all.size() / 2];
+            };
+            fit(INFINITY);
+            fit(std::max(3 * deviation(), 0.05));
+            const double limit = std::max(factor * deviation(), tolerance);
+            const bool isSparse = static_cast<int>(slots.size()) < fewest;
+            slots.erase(std::remove_if(slots.begin(), slots.end(),
+                                       [&](const auto& slot) { return !isSparse && off(slot) <= limit; }),
+                        slots.end());
+            clear(field, slots);
+        }
+}
+
+/// The way back in its four steps.
+inline void return_match(const VerifyTask& task, int searchRadius, double tolerance, ParallaxField& field) {
+    const int w = field.parallax.width(), h = field.parallax.height();
+    const auto limit = [&](int x, int y) { return tolerance / std::clamp(1.0 + field.slopeX.at(x, y), 0.1, 1.0); };
+    const auto position = [&](int x, int y) { return x + field.parallax.at(x, y) / task.sample; };
+    /// Which slot of the row has the right pixel that (x, y) claims: the one with the largest value, the first of them.
+    const auto owner = [&](int x, int y, const auto& value) {
+        int best = x;
+        for (int u = w - 1; u >= 0; --u)
+            if (has_parallax(field.parallax.at(u, y)) &&
+                std::floor(position(u, y) + 0.5) == std::floor(position(x, y) + 0.5) && value(u) >= value(best))
+                best = u;
+        return best;
+    };
+    const auto is_inside = [&](int x, int y) { return position(x, y) >= -0.5 && position(x, y) + 0.5 < w; };
+    const auto clear_regions = [&](const ParallaxRegions& all, const auto& is_wrong) {
+        std::vector<std::pair<int, int>> wrong;
+        for_slots(field, [&](int x, int y) {
+            if (is_wrong(static_cast<std::size_t>(all.label.at(x, y)))) wrong.emplace_back(x, y);
+        });
+        clear(field, wrong);
+    };
+    ParallaxRegions all = regions(task.regionStep, field.parallax);
+    std::vector<double> contradicted(all.sizes.size(), 0);
+    for_slots(field, [&](int x, int y) {
+        const auto size = [&](int u) { return all.sizes[static_cast<std::size_t>(all.label.at(u, y))]; };
+        const int other = owner(x, y, size);
+        if (is_inside(x, y) && std::abs(other - x) > limit(x, y) && size(other) > size(x))
+            ++contradicted[static_cast<std::size_t>(all.label.at(x, y))];
+    });
+    clear_regions(all, [&](std::size_t region) { return 3 * contradicted[region] > double(all.sizes[region]); });
+
+    all = regions(task.regionStep, field.parallax);
+    std::vector<double> cutOff(all.sizes.size(), 0);
+    for_slots(field, [&](int x, int y) {
+        int first = w, last = -1;
+        for (int c = 0; c < w; ++c)
+            if (task.rightCover.at(c, y) != 0) first = std::min(first, c), last = c;
+        cutOff[static_cast<std::size_t>(all.label.at(x, y))] +=
+            last < 0 || x + task.parallaxBegin < first || x + task.parallaxEnd > last + 1;
+    });
+    const auto largest = std::max_element(all.sizes.begin(), all.sizes.end()) - all.sizes.begin();
+    clear_regions(all, [&](std::size_t region) {
+        return static_cast<std::ptrdiff_t>(region) != largest && cutOff[region] >= 0.9 * double(all.sizes[region]);
+    });
+
+    std::vector<std::pair<int, int>> wrong;
+    for_slots(field, [&](int x, int y) {
+        const int other = owner(x, y, [&](int u) { return field.score.at(u, y); });
+        if (is_inside(x, y) && std::abs(other - x) > limit(x, y)) wrong.emplace_back(x, y);
+    });
+    clear(field, wrong);
+
+    GreyImage warped(w, h);
+    Mask seen(w, h);
+    const Mask everywhere(w, h, 1);
+    for_slots(field, [&](int x, int y) {
+        if (position(x, y) < 0 || position(x, y) >= w - 1) return;
+        const int column = static_cast<int>(position(x, y));
+        const double t = position(x, y) - column;
+        warped.at(x, y) =
+            static_cast<std::uint8_t>((1 - t) * task.right.at(column, y) + t * task.right.at(column + 1, y) + 0.5);
+        seen.at(x, y) = 1;
+    });
+    const PixelMatchTask back{warped,        task.left,        seen,
+                              everywhere,    task.windowWidth, task.windowHeight,
+                              -searchRadius, searchRadius + 1, {0, w, 0, h}};
+    wrong.clear();
+    for_slots(field, [&](int x, int y) {
+        const int rx = task.windowWidth / 2, ry = task.windowHeight / 2;
+        if (seen.at(x, y) == 0 || x < rx || y < ry || x >= w - rx || y >= h - ry) return;
+        const double found = search_row(candidates(back, x, y)).position;
+        if (found != NO_MATCH && std::abs(found - x) > limit(x, y)) wrong.emplace_back(x, y);
+    });
+    clear(field, wrong);
+}
+
+inline void trim_edges(const EdgeTask& task, int width, double leastStep, ParallaxField& field) {
+    const auto near = [&](int x, int y, int reach, const auto& holds) {
+        for (int v = y - reach; v <= y + reach; ++v)
+            for (int u = x - reach; u <= x + reach; ++u)
+                if (field.parallax.contains(u, v) && holds(u, v)) return true;
+        return false;
+    };
+    const auto is_empty = [&](int u, int v) { return !has_parallax(field.parallax.at(u, v)); };
+    std::vector<std::pair<int, int>> wrong;
+    for (int round = 0; round < 3; ++round) {
+        wrong.clear();
+        for_slots(field, [&](int x, int y) {
+            double squares = 0, count = 0;
+            for (int v = y * task.sample - 2; v <= y * task.sample + 2; ++v)
+                for (int u = x * task.sample - 2; u <= x * task.sample + 2; ++u)
+                    if (task.left.contains(u - 1, v) && task.left.contains(u + 1, v)) {
+                        squares += std::pow(task.left.at(u + 1, v) - task.left.at(u - 1, v), 2);
+                        ++count;
+                    }
+            if (squares < leastStep * leastStep * count && near(x, y, 1, is_empty)) wrong.emplace_back(x, y);
+        });
+        clear(field, wrong);
+    }
+    wrong.clear();
+    const auto is_gap = [&](int u, int v) {  // part of an empty square
+        for (int y = v - 2; y <= v; ++y)
+            for (int x = u - 2; x <= u; ++x) {
+                bool isSquare = true;
+                for (int k = 0; k < 9; ++k)
+                    isSquare =
+                        isSquare && field.parallax.contains(x + k % 3, y + k / 3) && is_empty(x + k % 3, y + k / 3);
+                if (isSquare) return true;
+            }
+        return false;
+    };
+    for_slots(field, [&](int x, int y) {
+        const float own = field.parallax.at(x, y);
+        const auto is_edge = [&](int u, int v) {
+            if (!is_empty(u, v))
+                return std::abs(field.parallax.at(u, v) - own) >
+                       (1 + task.sample) * std::max(std::abs(u - x), std::abs(v - y));
+            const int column = static_cast<int>(std::floor(u * task.sample + own + 0.5));
+            return is_gap(u, v) && task.leftCover.at(u * task.sample, v * task.sample) != 0 &&
+                   task.rightCover.contains(column, v * task.sample) &&
+                   task.rightCover.at(column, v * task.sample) != 0;
+        };
+        if (near(x, y, width, is_edge)) wrong.emplace_back(x, y);
+    });
+    clear(field, wrong);
 }
 
 /// Correlation of a full-size window around a slot under a facet.

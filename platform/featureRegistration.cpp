@@ -34,8 +34,8 @@ constexpr std::size_t COARSE_SAMPLES = 1000;
 constexpr int COARSE_ITERATIONS = 8;
 constexpr int FINE_ITERATIONS = 30;
 
-// Right poses of virtual and recorded scenes pass all of these. Most wrong ones fail at least one by far: residuals from
-// 0.45 spacings on, agreements below 0.15, or less than 1 sample as evidence.
+// Right poses of virtual and recorded scenes pass all of these. Most wrong ones fail at least one by far: residuals
+// from 0.45 spacings on, agreements below 0.15, or less than 1 sample as evidence.
 constexpr float LEAST_OVERLAP = 0.3F;
 constexpr float LEAST_AGREEING = 0.17F;  // of the features within the overlap
 constexpr int LEAST_MATCHES = 10;

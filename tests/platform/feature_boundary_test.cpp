@@ -3,6 +3,7 @@
 #include <functional>
 #include <limits>
 #include <string>
+#include <tuple>
 #include <utility>
 #include <vector>
 
@@ -37,20 +38,14 @@ Cloud sheet(int side) {
 }
 
 TEST(FeatureBoundary, SettingsOutOfRange) {
-    const struct {
-        float normal, frame, descriptor, spacing;
-        int candidates;
-    } cases[] = {{0, 10, 20, 2, 3}, {5, kNaN, 20, 2, 3},       {5, 10, kInfinity, 2, 3}, {5, 10, 65, 2, 3},
-                 {5, 10, 20, 0, 3}, {5, 10, 20, kInfinity, 3}, {5, 10, 20, kNaN, 3},     {5, 10, 20, -2, 3},
-                 {5, 10, 20, 2, 0}, {5, 10, 20, 2, 17},        {5, 10, 20, 1e-30f, 3}};
-    for (const auto& each : cases) {
-        expect_one_line(
-            [&] {
-                return pair_lrf_cue_create_implementaion(each.normal, each.frame, each.descriptor, each.spacing,
-                                                         each.candidates);
-            },
-            static_cast<void*>(nullptr), "pair_lrf_cue_create_implementaion failed: ");
-    }
+    // Radii of normals, frames and descriptors; spacing; candidates.
+    const std::tuple<float, float, float, float, int> cases[] = {
+        {0, 10, 20, 2, 3}, {5, kNaN, 20, 2, 3},       {5, 10, kInfinity, 2, 3}, {5, 10, 65, 2, 3},
+        {5, 10, 20, 0, 3}, {5, 10, 20, kInfinity, 3}, {5, 10, 20, kNaN, 3},     {5, 10, 20, -2, 3},
+        {5, 10, 20, 2, 0}, {5, 10, 20, 2, 17},        {5, 10, 20, 1e-30f, 3}};
+    for (const auto& settings : cases)
+        expect_one_line([&] { return std::apply(pair_lrf_cue_create_implementaion, settings); },
+                        static_cast<void*>(nullptr), "pair_lrf_cue_create_implementaion failed: ");
 }
 
 TEST(FeatureBoundary, NullHandles) {
@@ -94,18 +89,9 @@ TEST(FeatureBoundary, UnusableCloudsLeaveTheOneBefore) {
     }
     notLegal.set_vNrvs(std::vector<Vector3f>(7, Vector3f::UnitZ()));
     for (std::size_t i = 0; i < deleted.get_vn(); ++i) deleted.set_vDeleted(i, true);
-    const std::vector<Cloud> clouds = {{},
-                                       all({kNaN, 0, 1}),
-                                       all({kInfinity, 0, 1}),
-                                       all({1e30f, 0, 1}),
-                                       all({0, 0, 0}),
-                                       all({1, 2, 3}),
-                                       sheet(7),
-                                       farApart,
-                                       withoutNormals,
-                                       opposed,
-                                       notLegal,
-                                       deleted};
+    std::vector<Cloud> clouds = {{}, sheet(7), farApart, withoutNormals, opposed, notLegal, deleted};
+    const Vector3f points[] = {{kNaN, 0, 1}, {kInfinity, 0, 1}, {1e30f, 0, 1}, {0, 0, 0}, {1, 2, 3}};
+    for (const Vector3f& point : points) clouds.push_back(all(point));
     for (const Cloud& cloud : clouds) {
         SCOPED_TRACE(&cloud - clouds.data());
         expect_one_line([&] { return pair_lrf_cue_set_ref_cloud(handle, cloud); }, RET_INPUT_ERROR,

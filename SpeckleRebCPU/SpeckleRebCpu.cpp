@@ -385,7 +385,8 @@ void SpeckleRebCpu::take_sub_pixel_step(float largestStep) {
 void SpeckleRebCpu::drop_uncorrelated() {
     ParallaxField& field = _objDepthRange.field();
     const Raster<float> parallax = field.parallax;
-    const float limit = std::clamp(median_score() - SCORE_LOSS, SMALLEST_SCORE, LARGEST_SCORE_LIMIT);
+    _medianScore = median_score();
+    const float limit = std::clamp(_medianScore - SCORE_LOSS, SMALLEST_SCORE, LARGEST_SCORE_LIMIT);
     const int reach = std::max(1, BEND_REACH / _param.sampleRatio);
     const auto is_even = [&](int x, int y, int dx, int dy) {
         if (!parallax.contains(x - dx, y - dy) || !parallax.contains(x + dx, y + dy)) return true;
@@ -405,6 +406,7 @@ void SpeckleRebCpu::drop_uncorrelated() {
 float SpeckleRebCpu::median_score() const {
     const ParallaxField& field = _objDepthRange.field();
     std::vector<float> scores;
+    scores.reserve(field.score.size());
     for (std::size_t i = 0; i < field.score.size(); ++i)
         if (has_parallax(field.parallax[i]) && has_parallax(_step[i])) scores.push_back(field.score[i]);
     if (scores.empty()) return 1.0F;
@@ -435,7 +437,7 @@ void SpeckleRebCpu::remove_noise(const StageNames& names) {
         end,           _windowCover.right, regionStep};
     right_to_left_to_vertify_match(task, RETURN_RADIUS, RETURN_TOLERANCE, _threads, field);
     trim_edges(edge_task(), (EDGE_TRIM + sample - 1) / sample, LEAST_EDGE_STEP, _threads, field);
-    const float loss = std::max(1.0F - median_score(), LEAST_MEDIAN_LOSS);
+    const float loss = std::max(1.0F - _medianScore, LEAST_MEDIAN_LOSS);
     remove_doubtful({1.0F - LARGEST_LOSS * loss, 1.0F - DOUBTFUL_LOSS * loss, LARGEST_DISAGREEMENT}, sample, _threads,
                     field);
     dump("after right_to_left_to_vertify_match");

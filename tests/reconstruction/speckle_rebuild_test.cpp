@@ -7,6 +7,7 @@
 #include <numeric>
 #include <random>
 #include <set>
+#include <sstream>
 
 #include "SpeckleRebCPU/speckleRebuild.h"
 #include "tests/apps/TemporaryFolder.h"
@@ -265,52 +266,41 @@ TEST(SpeckleRebuild, WrongInputIsRefused) {
               "can not run function show_debug_file, because hSpecReb == NULL \n");
 }
 
+using Change = std::function<void(RebParam&)>;
+
+template <class Value, class Given>
+Change set(Value RebParam::*member, const Given& value) {
+    return [=](RebParam& param) { param.*member = Value(value); };
+}
+
+Change right_camera(std::size_t index, float value) {
+    return [=](RebParam& param) { param.rightCalib[index] = value; };
+}
+
 TEST(SpeckleRebuild, SettingsThatCannotBeUsedGiveNoHandle) {
-    const std::function<void(RebParam&)> damages[] = {
-        [](RebParam& p) {
-            p.imgSize = {0, 0};
-        },
-        [](RebParam& p) {
-            p.imgSize = {INT32_MAX, INT32_MAX};
-        },
-        [](RebParam& p) { p.sampleRatio = 0; },
-        [](RebParam& p) { p.sampleRatio = 17; },
-        [](RebParam& p) { p.gradientTh(0) = -1; },
-        [](RebParam& p) {
-            p.pixMatchWin = {8, 9};
-        },
-        [](RebParam& p) {
-            p.pixMatchWin = {9, 0};
-        },
-        [](RebParam& p) {
-            p.pixMatchWin = {1001, 1001};
-        },
-        [](RebParam& p) {
-            p.subPixMatchWin = {-15, 15};
-        },
-        [](RebParam& p) {
-            p.findRange = {10, 10};
-        },
-        [](RebParam& p) {
-            p.findRange = {50, -50};
-        },
-        [](RebParam& p) {
-            p.findRange = {WIDTH, WIDTH + 40};
-        },
-        [](RebParam& p) {
-            p.findRange = {INT32_MIN, -WIDTH};
-        },
-        [](RebParam& p) {
-            p.imageRange = {100, 50, 0, HEIGHT};
-        },
-        [](RebParam& p) {
-            p.imageRange = {0, WIDTH, HEIGHT, HEIGHT + 9};
-        },
-        [](RebParam& p) { p.leftCalib.clear(); },
-        [](RebParam& p) { p.rightCalib[0] = std::nanf(""); },
-        [](RebParam& p) { p.rightCalib[10] = 0; },
-        [](RebParam& p) { p.rightCalib[13] = p.rightCalib[21] = -1; },       // the right camera looks backwards
-        [](RebParam& p) { std::swap(p.rightCalib[10], p.rightCalib[11]); },  // one above the other
+    using P = RebParam;
+    using V = Vector2i;
+    const Change damages[] = {
+        set(&P::imgSize, V(0, 0)),
+        set(&P::imgSize, V(INT32_MAX, INT32_MAX)),
+        set(&P::sampleRatio, 0),
+        set(&P::sampleRatio, 17),
+        set(&P::gradientTh, V(-1, 3)),
+        set(&P::pixMatchWin, V(8, 9)),
+        set(&P::pixMatchWin, V(9, 0)),
+        set(&P::pixMatchWin, V(1001, 1001)),
+        set(&P::subPixMatchWin, V(-15, 15)),
+        set(&P::findRange, V(10, 10)),
+        set(&P::findRange, V(50, -50)),
+        set(&P::findRange, V(WIDTH, WIDTH + 40)),
+        set(&P::findRange, V(INT32_MIN, -WIDTH)),
+        set(&P::imageRange, Vector4i(100, 50, 0, HEIGHT)),
+        set(&P::imageRange, Vector4i(0, WIDTH, HEIGHT, HEIGHT + 9)),
+        set(&P::leftCalib, std::vector<float>()),
+        right_camera(0, std::nanf("")),
+        right_camera(10, 0.0F),
+        [](P& p) { p.rightCalib[13] = p.rightCalib[21] = -1; },       // the right camera looks backwards
+        [](P& p) { std::swap(p.rightCalib[10], p.rightCalib[11]); },  // one above the other
     };
     int number = 0;
     for (const auto& damage : damages) {
@@ -330,38 +320,24 @@ TEST(SpeckleRebuild, SettingsThatCannotBeUsedGiveNoHandle) {
 
 TEST(SpeckleRebuild, ExtremeButLegalSettingsReadNothingOutside) {
     const std::vector<unsigned char> left = view(plane(370, 0.2), 0, 1), right = view(plane(370, 0.2), BASELINE, 2);
-    const std::function<void(RebParam&)> extremes[] = {
-        [](RebParam& p) {
-            p.findRange = {INT32_MIN, INT32_MAX};
-        },
-        [](RebParam& p) {
-            p.findRange = {-1, 0};
-        },
-        [](RebParam& p) {
-            p.imageRange = {INT32_MIN, INT32_MAX, INT32_MIN, INT32_MAX};
-        },
-        [](RebParam& p) {
-            p.imageRange = {WIDTH - 1, WIDTH, 0, HEIGHT};
-        },
-        [](RebParam& p) {
-            p.pixMatchWin = {3, 3}, p.subPixMatchWin = {3, 3};
-        },
-        [](RebParam& p) {
-            p.pixMatchWin = {63, 63}, p.subPixMatchWin = {63, 63};
-        },
-        [](RebParam& p) {
-            p.sampleRatio = 16, p.pixMatchWin = {3, 3};
-        },
-        [](RebParam& p) {
-            p.sampleRatio = 3, p.gradientTh = {255, INT32_MAX};
-        },
-        [](RebParam& p) {
-            p.gradientTh = {0, INT32_MIN};
-        },
+    using P = RebParam;
+    using V = Vector2i;
+    const Change none = [](P&) {};
+    const std::pair<Change, Change> extremes[] = {
+        {set(&P::pixMatchWin, V(3, 3)), set(&P::subPixMatchWin, V(3, 3))},
+        {set(&P::pixMatchWin, V(63, 63)), set(&P::subPixMatchWin, V(63, 63))},
+        {set(&P::sampleRatio, 16), set(&P::pixMatchWin, V(3, 3))},
+        {set(&P::sampleRatio, 3), set(&P::gradientTh, V(255, INT32_MAX))},
+        {set(&P::findRange, V(INT32_MIN, INT32_MAX)), none},
+        {set(&P::findRange, V(-1, 0)), none},
+        {set(&P::imageRange, Vector4i(INT32_MIN, INT32_MAX, INT32_MIN, INT32_MAX)), none},
+        {set(&P::imageRange, Vector4i(WIDTH - 1, WIDTH, 0, HEIGHT)), none},
+        {set(&P::gradientTh, V(0, INT32_MIN)), none},
     };
-    for (const auto& extreme : extremes) {
+    for (const auto& [one, other] : extremes) {
         RebParam param = parallel_rig();
-        extreme(param);
+        one(param);
+        other(param);
         const Handle handle(param);
         ASSERT_NE(handle.value, nullptr) << handle.printed;
         PointImage frame = empty_frame(param.sampleRatio);
@@ -383,47 +359,24 @@ std::set<std::string> dumps_in(const std::filesystem::path& folder) {
 }
 
 TEST(SpeckleRebuild, DumpsOnlyWhenAskedToAndUnderTheirNames) {
-    const std::string whole[] = {"bmp_origin_image",
-                                 "bmp_remap_image",
-                                 "bmp_pyramid_image",
-                                 "bmp_valid_mask",
-                                 "asc_pix_match_zncc",
-                                 "asc_remove_noise_points",
-                                 "asc_fill_neigh_invalid_points",
-                                 "asc_save_invaild_points",
-                                 "parallax_range_convert_to_depth_range",
-                                 "asc_pre_subpixel_match_points",
-                                 "_objDepthRange.depth_gaussian_smooth",
-                                 "asc_points_normal",
-                                 "subpix_iter_points_normal",
-                                 "remove_nosie",
-                                 "after remove_nosie_with_parallax_consistency",
-                                 "after right_to_left_to_vertify_match",
-                                 "after remove_nosie_with_cell",
-                                 "after remove_isolated_island",
-                                 "measure point",
-                                 "after smooth normal",
-                                 "result_points",
-                                 "result_image"};
-    const std::string pixelStage[] = {"pixMatch_bmp_origin_image",
-                                      "pixMatch_bmp_remap_image",
-                                      "pixMatch_bmp_pyramid_image",
-                                      "pixMatch_bmp_valid_mask",
-                                      "pixMatch_pix_match_zncc",
-                                      "pixMatch_remove_noise_points",
-                                      "pixMatch_fill_neigh_invalid_points",
-                                      "pixMatch_match_result_to_save_invaild",
-                                      "pixMatch_parallax_range_convert_to_depth_range"};
-    const std::string subPixelStage[] = {"subPix_origin_image",
-                                         "subPix_remap_image",
-                                         "subPix_pyramid_image",
-                                         "subPix_valid_mask",
-                                         "subPix_points_normal",
-                                         "subPix_iter_points_normal",
-                                         "subPix_pre_subpixel_match_points"};
-    const auto files = [](const auto& stages, const std::string& prefix, int frame) {
+    const std::string whole =
+        "bmp_origin_image|bmp_remap_image|bmp_pyramid_image|bmp_valid_mask|asc_pix_match_zncc|asc_remove_noise_points|"
+        "asc_fill_neigh_invalid_points|asc_save_invaild_points|parallax_range_convert_to_depth_range|"
+        "asc_pre_subpixel_match_points|_objDepthRange.depth_gaussian_smooth|asc_points_normal|"
+        "subpix_iter_points_normal|remove_nosie|after remove_nosie_with_parallax_consistency|"
+        "after right_to_left_to_vertify_match|after remove_nosie_with_cell|after remove_isolated_island|measure point|"
+        "after smooth normal|result_points|result_image";
+    const std::string pixelStage =
+        "pixMatch_bmp_origin_image|pixMatch_bmp_remap_image|pixMatch_bmp_pyramid_image|pixMatch_bmp_valid_mask|"
+        "pixMatch_pix_match_zncc|pixMatch_remove_noise_points|pixMatch_fill_neigh_invalid_points|"
+        "pixMatch_match_result_to_save_invaild|pixMatch_parallax_range_convert_to_depth_range";
+    const std::string subPixelStage =
+        "subPix_origin_image|subPix_remap_image|subPix_pyramid_image|subPix_valid_mask|subPix_points_normal|"
+        "subPix_iter_points_normal|subPix_pre_subpixel_match_points";
+    const auto files = [](const std::string& stages, const std::string& prefix, int frame) {
         std::set<std::string> names;
-        for (const std::string& stage : stages) {
+        std::istringstream list(stages);
+        for (std::string stage; std::getline(list, stage, '|');) {
             const bool isImage = stage.find("image") != std::string::npos || stage.find("mask") != std::string::npos;
             names.insert(prefix + stage + '_' + std::to_string(frame) + (isImage ? ".bmp" : ".asc"));
         }

@@ -261,6 +261,86 @@ RetVal get_model_bounding_box(void* handle, Vector3f& low, Vector3f& high) noexc
                       [&](FusionTrack& session) { return session.get_model_bounding_box(low, high); });
 }
 
+RetVal delete_selected_point(void* handle, const std::vector<int>& selected) noexcept {
+    return on_session(handle, "delete_selected_point", [&](FusionTrack& session) {
+        return session.delete_shown_points("delete_selected_point", selected);
+    });
+}
+
+RetVal delete_point_when_scan(void* handle, const Cloud& points, float radius) noexcept {
+    return on_session(handle, "delete_point_when_scan", [&](FusionTrack& session) {
+        return session.delete_surface_near("delete_point_when_scan", points.get_vCoords(), radius);
+    });
+}
+
+RetVal delete_point_when_scan_accord_delete(void* handle, const Cloud& marked) noexcept {
+    return on_session(handle, "delete_point_when_scan_accord_delete", [&](FusionTrack& session) {
+        return session.delete_marked_points("delete_point_when_scan_accord_delete", marked);
+    });
+}
+
+RetVal delete_unStable(void* handle, int minContributions) noexcept {
+    return on_session(handle, "delete_unStable", [&](FusionTrack& session) {
+        return session.delete_unstable("delete_unStable", minContributions);
+    });
+}
+
+RetVal delete_single_frame_point(void* handle, int frame, const std::vector<int>& selected) noexcept {
+    return on_session(handle, "delete_single_frame_point", [&](FusionTrack& session) {
+        return session.remove_frame_points("delete_single_frame_point", frame, selected, false);
+    });
+}
+
+RetVal delete_single_frame_point_tbb(void* handle, int frame, const std::vector<int>& selected) noexcept {
+    return on_session(handle, "delete_single_frame_point_tbb", [&](FusionTrack& session) {
+        return session.remove_frame_points("delete_single_frame_point_tbb", frame, selected, true);
+    });
+}
+
+RetVal delete_frame_point(void* handle, int frame) noexcept {
+    return on_session(handle, "delete_frame_point",
+                      [&](FusionTrack& session) { return session.remove_frames("delete_frame_point", {frame}); });
+}
+
+RetVal delete_frame_point_new(void* handle, const std::vector<int>& frames) noexcept {
+    return on_session(handle, "delete_frame_point_new",
+                      [&](FusionTrack& session) { return session.remove_frames("delete_frame_point_new", frames); });
+}
+
+RetVal delete_key_frame(void* handle, int frame) noexcept {
+    return on_session(handle, "delete_key_frame",
+                      [&](FusionTrack& session) { return session.remove_frames("delete_key_frame", {frame}); });
+}
+
+RetVal map_on_frame_delete_point(void* handle, int frame, const Cloud& points, float radius) noexcept {
+    return on_session(handle, "map_on_frame_delete_point", [&](FusionTrack& session) {
+        return session.remove_frame_near("map_on_frame_delete_point", frame, points.get_vCoords(), radius);
+    });
+}
+
+RetVal fusion_single_frame_filtering_using_tsdf(void* handle, int frame, float distance) noexcept {
+    return on_session(handle, "fusion_single_frame_filtering_using_tsdf", [&](FusionTrack& session) {
+        return session.filter_frame("fusion_single_frame_filtering_using_tsdf", frame, distance);
+    });
+}
+
+RetVal fusion_nonrigid_delete_points_through_tsdf(void* handle, Cloud& cloud, float distance) noexcept {
+    return on_session(handle, "fusion_nonrigid_delete_points_through_tsdf", [&](FusionTrack& session) {
+        return session.mark_points_off_surface("fusion_nonrigid_delete_points_through_tsdf", cloud, distance);
+    });
+}
+
+RetVal fusion_nonrigid_gpu_delete_points_through_tsdf(void* handle, Cloud& cloud, float distance) noexcept {
+    return on_session(handle, "fusion_nonrigid_gpu_delete_points_through_tsdf", [&](FusionTrack& session) {
+        return session.mark_points_off_surface("fusion_nonrigid_gpu_delete_points_through_tsdf", cloud, distance);
+    });
+}
+
+RetVal set_kept_frame_memory(void* handle, int mebibytes) noexcept {
+    return on_session(handle, "set_kept_frame_memory",
+                      [&](FusionTrack& session) { return session.set_kept_frame_memory(mebibytes); });
+}
+
 RetVal reset_Point_dis(void* handle, float pointDis) noexcept {
     return on_session(handle, "reset_Point_dis",
                       [&](FusionTrack& session) { return session.reset_point_dis(pointDis); });

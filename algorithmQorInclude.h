@@ -236,6 +236,60 @@ VEXEL_API RetVal get_fusion_result_tbb(void* handle, float pointDis, BaseTriMesh
 /// Corners (mm, model coordinates) of the box around the model's surface. `RET_STATE_ERROR` while there is none.
 VEXEL_API RetVal get_model_bounding_box(void* handle, Vector3f& low, Vector3f& high) noexcept;
 
+// Editing. What is deleted is gone from the model, and with it from display, prediction, mesh and saved project; frames
+// that come later may put surface there again. Each call brings the display up to date, so it ends the validity of the
+// display cloud like a display call. A selection of nothing and an index that is out of range are `RET_INPUT_ERROR` and
+// change nothing. An edit that leaves no surface at all ends like `fusion_tree_reset`: the next frame is a first one.
+
+/// Deletes the surface at display points: indices into the cloud that `get_show_data` returned last, in any order. The
+/// hole is up to a voxel wider than the selection, because neighbouring points share voxels. Surface that faces the
+/// other way stays where it is more than about fusionDataSize(0) / 2 voxels behind the points.
+VEXEL_API RetVal delete_selected_point(void* handle, const std::vector<int>& selected) noexcept;
+/// The same for all surface nearer than `radius` (mm, positive) to one of the points (model coordinates; those that are
+/// not finite select nothing). It needs no indices, which change while the scan goes on. `RET_INPUT_ERROR` when no
+/// surface is near.
+VEXEL_API RetVal delete_point_when_scan(void* handle, const Cloud& points, float radius) noexcept;
+/// The same for the points that are marked `VertexFlag::Deleted` in a copy of the display cloud, however old: surface
+/// within half a voxel of them.
+VEXEL_API RetVal delete_point_when_scan_accord_delete(void* handle, const Cloud& marked) noexcept;
+/// Deletes what rests on fewer than `minContributions` (above 1) measurements, voxel by voxel. `RET_STATE_ERROR` while
+/// the model is empty.
+VEXEL_API RetVal delete_unStable(void* handle, int minContributions) noexcept;
+
+// Editing by frames. A frame is numbered by its place in the pose list: `acceptedFrames` - 1 of the scan state after
+// its step. The points of fused frames are kept with their floats, 32 bytes each, as far as the memory goes
+// (`set_kept_frame_memory`); then the oldest frames make room. A frame that is not kept, or not any more, that was only
+// tracked, or that a project brought, gives a line and `RET_INPUT_ERROR`. Taking out subtracts from each voxel what the
+// frame added, so that what other frames saw stays, but for the rounding of one sum; a voxel that no other frame has
+// seen is empty to the bit. Where surface was deleted in between, nothing is subtracted. The pose list stays.
+
+/// Takes points of one frame out of the model: slots of its image, y * width + x. Those that were not fused are passed
+/// over; `RET_INPUT_ERROR` when none was. The first form works on one thread, with the same bytes on every run, the
+/// second on all.
+VEXEL_API RetVal delete_single_frame_point(void* handle, int frame, const std::vector<int>& selected) noexcept;
+VEXEL_API RetVal delete_single_frame_point_tbb(void* handle, int frame, const std::vector<int>& selected) noexcept;
+/// Takes a whole frame, or several at once, out of the model; they are kept no longer.
+VEXEL_API RetVal delete_frame_point(void* handle, int frame) noexcept;
+VEXEL_API RetVal delete_frame_point_new(void* handle, const std::vector<int>& frames) noexcept;
+/// The same for a frame that the application has made a key frame.
+VEXEL_API RetVal delete_key_frame(void* handle, int frame) noexcept;
+/// Takes out the points of one frame that lie nearer than `radius` (mm, positive) to one of the points (model
+/// coordinates), such as display points that the application has selected.
+VEXEL_API RetVal map_on_frame_delete_point(void* handle, int frame, const Cloud& points, float radius) noexcept;
+/// Takes out the points of one frame that lie farther than `distance` (mm, positive) from the surface that all frames
+/// make together, by the trilinear sample of the volume or, without one, the nearest voxel
+/// around the point; where neither is known points stay. Finding none is a success.
+VEXEL_API RetVal fusion_single_frame_filtering_using_tsdf(void* handle, int frame, float distance) noexcept;
+/// Marks the points of a cloud in model coordinates, a deformed model for instance, with `VertexFlag::Deleted` that lie
+/// farther than `distance` (mm, positive) from the surface or where no surface is known; other marks stay, and
+/// `Cloud::squeeze` drops marked points. The model is not changed. `RET_STATE_ERROR` while it is empty. The second form
+/// is for a device; without one it does the same on the processor.
+VEXEL_API RetVal fusion_nonrigid_delete_points_through_tsdf(void* handle, Cloud& cloud, float distance) noexcept;
+VEXEL_API RetVal fusion_nonrigid_gpu_delete_points_through_tsdf(void* handle, Cloud& cloud, float distance) noexcept;
+/// Memory (MiB) for the points of fused frames; at first 512. Less than is in use drops the oldest frames; 0 keeps
+/// none.
+VEXEL_API RetVal set_kept_frame_memory(void* handle, int mebibytes) noexcept;
+
 /// Voxel edge, mm. Only while the model is empty (`RET_STATE_ERROR`).
 VEXEL_API RetVal reset_Point_dis(void* handle, float pointDis) noexcept;
 /// Largest mean point-to-plane distance (mm) of an accepted registration, from the next frame on.

@@ -6,6 +6,8 @@
 #include <cmath>
 #include <filesystem>
 #include <fstream>
+#include <numeric>
+#include <vector>
 
 #include "algorithmQorInclude.h"
 #include "apps/peakMemory.h"
@@ -125,6 +127,46 @@ void project_load(benchmark::State& state) {
     std::filesystem::remove(project_path());
 }
 
+/// Deleting 100,000 neighbouring display points of the whole session, display and prediction included.
+void edit_selected(benchmark::State& state) {
+    const PointImage frame = waved_frame();
+    TimeSum sum;
+    for (auto _ : state) {
+        const Session session;
+        int microseconds = 0;
+        fusion(session, frame, {}, microseconds);
+        const auto first = static_cast<int>(get_show_data(session).get_vn() / 3);
+        std::vector<int> selected(100000);
+        std::iota(selected.begin(), selected.end(), first);
+        const Stopwatch watch;
+        if (delete_selected_point(session, selected) != RET_SUCCESS) return state.SkipWithError("not deleted");
+        sum += watch.sum();
+    }
+    const auto times = static_cast<double>(state.iterations());
+    state.counters["ms"] = sum.wall / Milli / times;
+    state.counters["cpu_ms"] = sum.cpu / Milli / times;
+}
+
+/// Taking a frame whose slots are all filled out of the same session.
+void edit_frame(benchmark::State& state) {
+    const PointImage frame = waved_frame();
+    const Session session;
+    int microseconds = 0, index = 0;
+    fusion(session, frame, {}, microseconds);
+    get_show_data(session);
+    TimeSum sum;
+    for (auto _ : state) {
+        fusion(session, frame, {}, microseconds);
+        get_show_data(session);
+        const Stopwatch watch;
+        if (delete_frame_point(session, ++index) != RET_SUCCESS) return state.SkipWithError("not taken out");
+        sum += watch.sum();
+    }
+    const auto times = static_cast<double>(state.iterations());
+    state.counters["ms"] = sum.wall / Milli / times;
+    state.counters["cpu_ms"] = sum.cpu / Milli / times;
+}
+
 /// What debug recording adds to the step of a frame whose slots are all filled.
 void debug_recording(benchmark::State& state) {
     DataArchiveConfig& config = DataArchiveConfig::global();
@@ -157,6 +199,8 @@ void debug_recording(benchmark::State& state) {
 // Loading reads what saving has written.
 BENCHMARK(project_save)->Unit(benchmark::kMillisecond)->Iterations(5);
 BENCHMARK(project_load)->Unit(benchmark::kMillisecond)->Iterations(5);
+BENCHMARK(edit_selected)->Unit(benchmark::kMillisecond)->Iterations(3);
+BENCHMARK(edit_frame)->Unit(benchmark::kMillisecond)->Iterations(3);
 BENCHMARK(debug_recording)->Unit(benchmark::kMillisecond)->Iterations(20);
 
 }  // namespace

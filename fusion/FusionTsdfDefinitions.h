@@ -119,10 +119,11 @@ inline void select_nearby(const PointImage& frame, const FrameIntegration& integ
                   integration.pointDis);
 }
 
-template <class Leaf>
+/// `write` may be called from several threads at once.
+template <class Leaf, class Write>
 void integrate_image(VexelOctree::Octree<Leaf>& tree, const PointImage& frame, const FrameIntegration& integration,
-                     const FusionCone& cone, int threads, ChangedLeaves& changedLeaves,
-                     const std::vector<unsigned char>* labels) {
+                     const FusionCone& cone, int threads, const std::vector<unsigned char>* labels,
+                     const Write& write) {
     const ImageTiles tiles(frame.get_image_width(), frame.get_image_height());
     const std::size_t tilesPerTask =
         std::max(points_per_task(frame.get_vn(), threads) / ImageTiles::PixelsPerTile, std::size_t{1});
@@ -133,10 +134,10 @@ void integrate_image(VexelOctree::Octree<Leaf>& tree, const PointImage& frame, c
             tiles[i].for_each_pixel([&](int u, int v) {
                 const std::size_t slot = frame.index_of(u, v);
                 if (!is_usable_point(frame.get_vCoord(slot), frame.get_vNrv(slot))) return;
-                integrate_point(tree, integration, worker, measure(frame, cone, u, v, labels), changedLeaves);
+                integrate_point(tree, integration, worker, measure(frame, cone, u, v, labels), write);
             });
         }
-        finish_points(tree, integration, worker, changedLeaves);
+        finish_points(worker, write);
     });
 }
 
@@ -228,7 +229,8 @@ void FusionTsdf<Leaf>::integrate_tsdfvolume_speckle_parallel(const PointImage& f
         if (_cone.empty()) return;
         const FrameIntegration integration(rt, get_treeShift(), get_pointDis(), detail::upper_bound(get_treeDepth()),
                                            _offsets, _cone.is_open(), fuse);
-        detail::integrate_image(_octree, frame, integration, _cone, _threadNum, changedLeaves, labels);
+        detail::integrate_image(_octree, frame, integration, _cone, _threadNum, labels,
+                                Contribute<Leaf>(_octree, fuse, changedLeaves));
     });
 }
 
@@ -249,8 +251,9 @@ void FusionTsdf<Leaf>::integrate_tsdfvolume_speckle(const PointImage& frame, con
         if (!is_usable_point(measured.point_C, measured.normal_C)) return;
         const FrameIntegration integration(rt, get_treeShift(), pointDis, bound, _offsets, _cone.is_open(), fuse);
         IntegrationWorker worker(integration);
-        integrate_point(_octree, integration, worker, measured, changedLeaves);
-        finish_points(_octree, integration, worker, changedLeaves);
+        const Contribute<Leaf> write(_octree, fuse, changedLeaves);
+        integrate_point(_octree, integration, worker, measured, write);
+        finish_points(worker, write);
     });
 }
 
@@ -282,6 +285,7 @@ bool FusionTsdf<Leaf>::integrate_tsdfvolume_cam_constrain_one_frame_parallel(con
         const FrameIntegration integration(rt, get_treeShift(), get_pointDis(), detail::upper_bound(get_treeDepth()),
                                            _offsets, _cone.is_open(), true);
         ChangedLeaves notWanted;
+        const Contribute<Leaf> write(_octree, true, notWanted);
         parallel_ranges(_threadNum, valid.size(), detail::points_per_task(valid.size(), _threadNum),
                         [&](std::size_t begin, std::size_t end) {
                             IntegrationWorker worker(integration);
@@ -290,9 +294,9 @@ bool FusionTsdf<Leaf>::integrate_tsdfvolume_cam_constrain_one_frame_parallel(con
                                 MeasuredPoint measured =
                                     detail::measure(frame, _cone, valid[k] % width, valid[k] / width, nullptr);
                                 measured.weight = weights[k];
-                                integrate_point(_octree, integration, worker, measured, notWanted);
+                                integrate_point(_octree, integration, worker, measured, write);
                             }
-                            finish_points(_octree, integration, worker, notWanted);
+                            finish_points(worker, write);
                         });
         return true;
     });
@@ -309,7 +313,8 @@ bool FusionTsdf<Leaf>::fusion_all_frame_tbb(Octree& tree, const PointImage& fram
             tree.get_pointDis() == get_pointDis() ? _offsets : OffsetCube(_fusionRange, tree.get_pointDis());
         const FrameIntegration integration(rt, tree.get_shift(), tree.get_pointDis(),
                                            detail::upper_bound(tree.get_treeDepth()), cube, _cone.is_open(), true);
-        detail::integrate_image(tree, frame, integration, _cone, _threadNum, changedLeaves, nullptr);
+        detail::integrate_image(tree, frame, integration, _cone, _threadNum, nullptr,
+                                Contribute<Leaf>(tree, true, changedLeaves));
         return true;
     });
 }
@@ -370,6 +375,7 @@ void FusionTsdf<Leaf>::integrate_tsdfvolume(const Cloud& frame, const RigidMatri
         const FrameIntegration integration(rt, get_treeShift(), get_pointDis(), detail::upper_bound(get_treeDepth()),
                                            _offsets, openCone, true);
         ChangedLeaves notWanted;
+        const Contribute<Leaf> write(_octree, true, notWanted);
         parallel_ranges(
             _threadNum, frame.get_vn(), detail::points_per_task(frame.get_vn(), _threadNum),
             [&](std::size_t begin, std::size_t end) {
@@ -386,9 +392,9 @@ void FusionTsdf<Leaf>::integrate_tsdfvolume(const Cloud& frame, const RigidMatri
                     integrate_point(_octree, integration, worker,
                                     {point, normal, std::abs(normal.z()),
                                      cone_around(camera, pixel.x(), pixel.y(), _smoothThreshold), 0, nullptr},
-                                    notWanted);
+                                    write);
                 }
-                finish_points(_octree, integration, worker, notWanted);
+                finish_points(worker, write);
             });
     });
 }

@@ -1,14 +1,17 @@
 // The voxel of the real-time speckle session.
 #pragma once
 
+#include <algorithm>
+#include <cstdint>
+
 #include "fusion/SpinLock.h"
 #include "fusion/leafCommon.h"
 
 namespace VexelAlgorithm {
 namespace Fusion {
 
-/// Weighted sum of signed distances (mm, positive in front of the surface). It only adds: removing a frame
-/// leaves it as it is.
+/// Weighted sum of signed distances (mm, positive in front of the surface). Integration only adds: with `fuse` false it
+/// leaves the leaf as it is. Editing takes surface and frames out of it again.
 struct LeafTSDFSpeckle {
     static constexpr bool HasLock = true;
     static constexpr int MaxTreeDepth = 31;
@@ -23,6 +26,7 @@ struct LeafTSDFSpeckle {
     float weightSum = 0.0f;
     std::uint8_t changed = 0;
     VexelOctree::SpinLock lock;
+    std::uint16_t emptiedBy = 0;  ///< number of the edit that emptied it last; what came before has nothing in it
 
     bool is_used() const { return state >= 0; }
     void touch(const Vector3i&) { state = LeafUsed; }
@@ -35,6 +39,17 @@ struct LeafTSDFSpeckle {
         tsdfSum += w * d;
         weightSum += w;
     }
+    /// Takes back what `add` added. The last contribution leaves no rounding residue.
+    void remove(float d, float w) {
+        if (--contributions < 1) return forget_contributions();
+        tsdfSum -= w * d;
+        weightSum = std::max(weightSum - w, 0.0f);
+    }
+    /// Takes all contributions away at once.
+    void empty(std::uint16_t edit) {
+        forget_contributions();
+        emptiedBy = edit;
+    }
     /// True when the leaf was not marked before.
     bool mark_changed() {
         if (changed == 1) return false;
@@ -42,6 +57,14 @@ struct LeafTSDFSpeckle {
         return true;
     }
     void reset() { *this = LeafTSDFSpeckle(); }
+
+private:
+    void forget_contributions() {
+        state = LeafNeverUsed;
+        contributions = 0;
+        tsdfSum = 0.0f;
+        weightSum = 0.0f;
+    }
 };
 
 static_assert(sizeof(LeafTSDFSpeckle) == 20, "the volume's memory is counted in these records");

@@ -142,25 +142,38 @@ bool contribute(VexelOctree::Octree<Leaf>& tree, std::int32_t index, const Vecto
     return false;
 }
 
-/// Writes the updates that wait.
-template <class Leaf>
-void finish_points(VexelOctree::Octree<Leaf>& tree, const FrameIntegration& frame, IntegrationWorker& worker,
-                   ChangedLeaves& changedLeaves) {
+/// Writes the updates that wait: `write(measured, update)` for each.
+template <class Write>
+void finish_points(IntegrationWorker& worker, const Write& write) {
     PointUpdates& updates = worker.waiting;
-    for (std::size_t i = 0; i < updates.count; ++i) {
-        const LeafUpdate& update = updates.leaves[i];
-        if (contribute(tree, update.leaf, update.voxel, updates.measured, update.d, frame.fuse, update.nearSurface)) {
-            changedLeaves.push_back(update.leaf);
-        }
-    }
+    for (std::size_t i = 0; i < updates.count; ++i) write(updates.measured, updates.leaves[i]);
     updates.count = 0;
 }
 
-/// Integrates one point: every voxel of the cube around it that lies in the cone of its pixel receives its
-/// signed distance from the point along the point's normal. `finish_points` after the last point.
+/// How integration writes an update; leaves that become changed are listed.
 template <class Leaf>
+class Contribute {
+public:
+    Contribute(VexelOctree::Octree<Leaf>& tree, bool fuse, ChangedLeaves& changedLeaves)
+        : _tree(tree), _fuse(fuse), _changedLeaves(changedLeaves) {}
+
+    void operator()(const MeasuredPoint& measured, const LeafUpdate& update) const {
+        if (contribute(_tree, update.leaf, update.voxel, measured, update.d, _fuse, update.nearSurface)) {
+            _changedLeaves.push_back(update.leaf);
+        }
+    }
+
+private:
+    VexelOctree::Octree<Leaf>& _tree;
+    bool _fuse;
+    ChangedLeaves& _changedLeaves;
+};
+
+/// Integrates one point: every voxel of the cube around it that lies in the cone of its pixel receives its
+/// signed distance from the point along the point's normal, by `write`. `finish_points` after the last point.
+template <class Leaf, class Write>
 void integrate_point(VexelOctree::Octree<Leaf>& tree, const FrameIntegration& frame, IntegrationWorker& worker,
-                     const MeasuredPoint& measured, ChangedLeaves& changedLeaves) {
+                     const MeasuredPoint& measured, const Write& write) {
     if (!frame.fuse && !Leaf::CanRemove) return;
     // Also refuses a NaN weight. An infinite one would turn the mean into NaN.
     if (!(measured.weight >= 1e-6f) || !std::isfinite(measured.weight)) return;
@@ -200,7 +213,7 @@ void integrate_point(VexelOctree::Octree<Leaf>& tree, const FrameIntegration& fr
             updates.leaves[updates.count++] = {leaf, voxel, d, nearSurface};
         }
     }
-    finish_points(tree, frame, worker, changedLeaves);
+    finish_points(worker, write);
     std::swap(worker.current, worker.waiting);
 }
 

@@ -171,6 +171,7 @@ RetVal FusionTrack::set_fusion_range(int fusionRange) {
     const std::lock_guard<std::mutex> outer(_outerMutex);
     const std::lock_guard<std::mutex> inner(_innerMutex);
     _volume.set_fusionRange(fusionRange);
+    _frameSettings.reset();
     return settled("fusion_set_fusionrange", {static_cast<double>(fusionRange)});
 }
 
@@ -183,6 +184,7 @@ RetVal FusionTrack::set_campar(const CameraInParam& campar) {
     _camera = camera;
     if (_modelCamera) _modelCamera = camera;
     initialise_images();
+    _frameSettings.reset();
     {
         const std::lock_guard<std::mutex> outer(_outerMutex);
         const std::lock_guard<std::mutex> inner(_innerMutex);
@@ -237,6 +239,9 @@ void FusionTrack::forget_model() {
         _changedLeaves.clear();
         _display.clear();
     }
+    _keptFrames.clear();
+    _frameSettings.reset();
+    _edits = 0;
     const std::lock_guard<std::mutex> poses(_poseMutex);
     _poses.assign(1, RigidMatrix());
     _modelCamera.reset();

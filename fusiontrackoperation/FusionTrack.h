@@ -2,6 +2,7 @@
 #pragma once
 
 #include <atomic>
+#include <cstdint>
 #include <fstream>
 #include <initializer_list>
 #include <memory>
@@ -14,6 +15,7 @@
 #include "foundation/PointImage.h"
 #include "foundation/RetVal.h"
 #include "foundation/RigidMatrix.h"
+#include "fusion/emptySurface.h"
 #include "fusion/rayCast.h"
 #include "fusiontrackoperation/DisplayData.h"
 #include "fusiontrackoperation/FusionScanState.h"
@@ -22,6 +24,7 @@
 #include "fusiontrackoperation/SessionParameters.h"
 #include "fusiontrackoperation/SessionRecorder.h"
 #include "fusiontrackoperation/TextureSetup.h"
+#include "fusiontrackoperation/keptFrames.h"
 #include "fusiontrackoperation/sessionCallbacks.h"
 #include "platform/textureTracking.h"
 #include "track/IcpBaseOnCam.h"
@@ -89,6 +92,22 @@ public:
     enum class Parallel { OpenMp, Tbb };
     RetVal get_fusion_result(float pointDis, BaseTriMesh& mesh, Parallel parallel);
     RetVal get_model_bounding_box(Vector3f& low, Vector3f& high);
+
+    // ---- editing --------------------------------------------------------------------------------------
+    //
+    // `function` is the exported function at whose call it is done.
+
+    RetVal delete_shown_points(const char* function, const std::vector<int>& shown);
+    RetVal delete_surface_near(const char* function, const std::vector<Vector3f>& points, float radius);
+    RetVal delete_marked_points(const char* function, const Cloud& cloud);
+    RetVal delete_unstable(const char* function, int minContributions);
+    /// Frames are numbered by their place in the pose list.
+    RetVal remove_frames(const char* function, std::vector<int> frames);
+    RetVal remove_frame_points(const char* function, int index, const std::vector<int>& slots, bool isParallel);
+    RetVal remove_frame_near(const char* function, int index, const std::vector<Vector3f>& points, float radius);
+    RetVal filter_frame(const char* function, int index, float distance);
+    RetVal mark_points_off_surface(const char* function, Cloud& cloud, float distance) const;
+    RetVal set_kept_frame_memory(int mebibytes);
 
     // ---- settings -------------------------------------------------------------------------------------
 
@@ -190,6 +209,22 @@ private:
     bool has_texture_tracker(const char* function) const;
     bool has_texture_map(const char* function) const;
 
+    // Editing, under the step lock.
+    template <class Change>
+    void edit_volume(const Change& change);
+    std::vector<Fusion::SurfacePlace> shown_near(const std::vector<Vector3f>& points, float radius);
+    void empty_surface_at(const char* function, const std::vector<Fusion::SurfacePlace>& places);
+    void predict_anew();
+    template <class Fill>
+    void record_edit(const char* function, const Fill& fill);
+    void keep_frame(const PointImage& frame, const RigidMatrix& pose, int times);
+    const KeptFrame* kept_frame(const char* function, int index) const;
+    PointImage& unpacked_image();
+    template <class Wanted>
+    void take_out(const KeptFrame& frame, int threads, const Wanted& wanted);
+    template <class Chosen>
+    std::size_t remove_chosen(const char* function, const KeptFrame& frame, int threads, const Chosen& chosen);
+
     void initialise_images();
     /// A setting was changed by the exported function of that name.
     RetVal settled(const char* function, std::initializer_list<double> values);
@@ -227,6 +262,9 @@ private:
     FusionScanState _stepState;        // of the running step
     bool _isTextureMapBegun = false;   // the texture tracker has had its first frame
     NonRigid _nonRigid;                // goes with the model
+    KeptFrames _keptFrames;
+    std::shared_ptr<const Fusion::FrameSettings> _frameSettings;  // of frames as they are integrated now
+    std::uint16_t _edits = 0;                                     // edits of the model so far
 
     std::vector<RigidMatrix> _poses{
         RigidMatrix()};      // camera to model, under the pose lock; one element before the first frame

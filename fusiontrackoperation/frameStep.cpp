@@ -331,7 +331,9 @@ bool FusionTrack::integrate_first(const PointImage& frame, const RigidMatrix& po
     if (is_model_empty()) _volume.set_shift(shift);
     outer.unlock();
     inner.unlock();
-    return !is_model_empty();
+    if (is_model_empty()) return false;
+    keep_frame(frame, pose, FIRST_FRAME_INTEGRATIONS);
+    return true;
 }
 
 void FusionTrack::take_as_prediction(const PointImage& frame) {
@@ -430,11 +432,13 @@ bool FusionTrack::adds_enough(const PointImage& frame, const RigidMatrix& pose, 
 
 void FusionTrack::integrate_moving_image(const RigidMatrix& pose) {
     stepTimer.restart();
+    bool isTaken = false;
     {
         const std::lock_guard<std::mutex> outer(_outerMutex);
         const std::lock_guard<std::mutex> inner(_innerMutex);
-        _volume.fusion_one_frame_speckle_parallel(_movingImage, pose, _changedLeaves, true, false, nullptr);
+        isTaken = _volume.fusion_one_frame_speckle_parallel(_movingImage, pose, _changedLeaves, true, false, nullptr);
     }
+    if (isTaken) keep_frame(_movingImage, pose, 1);
     _stepState.times.integrate = stepTimer.milliseconds();
 }
 

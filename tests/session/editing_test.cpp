@@ -274,7 +274,7 @@ TEST_F(FrameEditing, FiltersGoByTheDistanceFromTheSurface) {
     for (int slot = 64 * 160 + 40; slot < 64 * 160 + 120; slot += 20) {
         const auto i = static_cast<std::size_t>(slot);
         ASSERT_TRUE(noisy.has_point(i));
-        noisy.set_vCoord(i, noisy.get_vCoord(i) + Vector3f(0, 0, -0.8F * voxel));
+        noisy.set_vCoord(i, noisy.get_vCoord(i) + 0.8F * voxel * noisy.get_vNrv(i));
         outliers.push_back(slot);
     }
     int microseconds = 0;

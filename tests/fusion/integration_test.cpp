@@ -425,9 +425,10 @@ double surface_after(float depth, bool constrained) {
     const PointImage more = flat_frame(120, depth);
     EXPECT_TRUE(constrained ? volume.integrate_tsdfvolume_cam_constrain_one_frame_parallel(more, {})
                             : fuse(volume, more));
+    const BaseTriMesh mesh = extract(volume);
     double sum = 0.0;
     int count = 0;
-    for (const Vector3f& vertex : extract(volume).get_vCoords()) {
+    for (const Vector3f& vertex : mesh.get_vCoords()) {
         if (std::abs(vertex.z() - 50.0f) > 0.5f) continue;  // of the old surface
         sum += vertex.z();
         ++count;

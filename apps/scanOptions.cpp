@@ -2,6 +2,7 @@
 
 #include "apps/numberOptions.h"
 #include "apps/settingsFile.h"
+#include "foundation/DataArchiveConfig.h"
 #include "recording/files.h"
 
 namespace VexelAlgorithm::Apps {
@@ -25,6 +26,8 @@ void add_scan_options(CLI::App& command, ScanOptions& options, const std::string
     command.add_option("--format", options.format, "Mesh format")
         ->check(CLI::IsMember({"ply", "obj", "stl"}))
         ->capture_default_str();
+    command.add_option("--debug-recording", options.debugRecording,
+                       "Folder for a record of all that the session is given, for vexel-scan replay");
     add_truth_options(command, options.truth);
 }
 
@@ -55,6 +58,17 @@ Outcome<Done> dump_settings(const ScanOptions& options, const std::string& comma
     if (options.dumpFile.empty()) return Done{};
     return write_whole_file(
         options.dumpFile, settings_text(settings, "Settings of vexel-scan " + command + ", preset " + options.preset));
+}
+
+Outcome<Done> begin_debug_recording(const ScanOptions& options) {
+    if (options.debugRecording.empty()) return Done{};
+    const Outcome<Done> prepared = prepare_output_folder(options.debugRecording);
+    if (!prepared) return prepared;
+    DataArchiveConfig& config = DataArchiveConfig::global();
+    config.set_store_directory(options.debugRecording);
+    config.set_archive_enabled(true);
+    config.set_testbug_enabled(true);
+    return Done{};
 }
 
 TrackReport begin_report(const std::string& recording, const ScanOptions& options, const ScanSettings& settings,

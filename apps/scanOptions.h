@@ -20,10 +20,11 @@ struct ScanOptions {
     std::string dumpFile;
     int threads = 0;  ///< 0: as the settings say
     std::string format = "ply";
+    std::string debugRecording;  ///< folder; empty for none
     TruthOptions truth;
 };
-/// Adds --out, --preset, --settings, --dump-settings, --threads, --format and those of the comparison. The preset is
-/// what `options` says until another is given.
+/// Adds --out, --preset, --settings, --dump-settings, --threads, --format, --debug-recording and those of the
+/// comparison. The preset is what `options` says until another is given.
 void add_scan_options(CLI::App& command, ScanOptions& options, const std::string& outContent);
 
 /// The preset, changed by the recording's file, if there is one, and then by that of the options.
@@ -33,6 +34,9 @@ Outcome<ScanSettings> chosen_settings(const ScanOptions& options,
 Outcome<Done> check_usable(const ScanSettings& settings);
 /// Writes the settings where --dump-settings asks for them.
 Outcome<Done> dump_settings(const ScanOptions& options, const std::string& command, const ScanSettings& settings);
+
+/// From now on sessions record themselves where --debug-recording asks for it.
+Outcome<Done> begin_debug_recording(const ScanOptions& options);
 
 /// A report with what is known before the first frame.
 TrackReport begin_report(const std::string& recording, const ScanOptions& options, const ScanSettings& settings,

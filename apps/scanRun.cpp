@@ -102,6 +102,8 @@ void print_results(const ScanOptions& options, const TrackReport& report) {
 }  // namespace
 
 int run_scan(const ScanRun& run, TrackReport& report) {
+    const Outcome<Done> recording = begin_debug_recording(run.options);
+    if (!recording) return report_failure(recording.failure());
     const ScanSession session(run.settings);
     if (session.handle() == nullptr) return report_failure({"the session refused its settings"});
     if (report.rig) print_rig(*report.rig);

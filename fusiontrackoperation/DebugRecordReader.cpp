@@ -182,7 +182,10 @@ DebugRecordReader::Read DebugRecordReader::read_name(std::string& name) {
     std::int32_t length = 0;
     if (!Archive::read_value(_in, length)) return Read::Cut;
     if (length < 0 || length > LONGEST_NAME) return Read::Damaged;
-    return Archive::read_array(_in, static_cast<std::uint64_t>(length), name) ? Read::Record : Read::Cut;
+    if (!Archive::read_array(_in, static_cast<std::uint64_t>(length), name)) return Read::Cut;
+    // Names are shown to people, on terminals that obey control characters.
+    const bool isPrintable = std::all_of(name.begin(), name.end(), [](char c) { return c >= ' ' && c <= '~'; });
+    return isPrintable ? Read::Record : Read::Damaged;
 }
 
 DebugRecordReader::Read DebugRecordReader::read_entry(DebugRecord& record) {

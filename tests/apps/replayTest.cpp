@@ -1,0 +1,47 @@
+// vexel-scan replay: a recorded scan happens once more, to the last bit.
+#include "ReplayTool.h"
+
+namespace VexelTest {
+namespace {
+
+TEST_F(ReplayTool, RepeatsARecordedScanToTheLastBit) {
+    const std::string file = recorded(1, 8);
+    ASSERT_GT(file.size(), 100000U);
+    const ToolRun same = replay(file, "--out @/again");
+    EXPECT_EQ(same.exitCode, 0) << same.errors;
+    expect_in("8 frames, 8 compared, 0 with differences", same);
+    expect_in("by at most 0 mm", same);
+    EXPECT_TRUE(bytes_of(path("again/mesh.ply")) == bytes_of(path("out/mesh.ply")));
+    EXPECT_TRUE(exists("again/preview.png"));
+    EXPECT_EQ(replay(file, "--threads 2").exitCode, 0);
+
+    const ToolRun listed = replay(file, "--list");
+    EXPECT_EQ(listed.exitCode, 0);
+    expect_in("120 x 96 pixels", listed);
+    expect_in("fused, residual", listed);
+    expect_in("fusiontrack_release", listed);
+
+    // The last bit of the last pose.
+    std::string doctored = file;
+    const std::size_t state = file.rfind("state") + 5 + 8;
+    doctored[state + kPoseInState + 72] = static_cast<char>(doctored[state + kPoseInState + 72] ^ 1);
+    const ToolRun other = replay(doctored);
+    EXPECT_EQ(other.exitCode, 1);
+    expect_in("8 compared, 1 with differences", other);
+    expect_in("First         frame 8 (record ", other);
+    EXPECT_EQ(replay(doctored, "--tolerance 0.001").exitCode, 0);
+
+    // A program that died: up to the cut all is as it was.
+    const ToolRun cut = replay(file.substr(0, file.size() / 2), "--out @/half");
+    EXPECT_EQ(cut.exitCode, 0) << cut.errors;
+    expect_in("0 with differences", cut);
+    expect_in("End           the file is cut off within record ", cut);
+    EXPECT_TRUE(exists("half/mesh.ply"));
+    const ToolRun died = replay(file.substr(0, file.rfind("AccumalateFusionData", state) - 4));
+    EXPECT_EQ(died.exitCode, 0) << died.errors;
+    expect_in("No result     of frame 8 was recorded", died);
+    expect_in("ends before the session was released", died);
+}
+
+}  // namespace
+}  // namespace VexelTest

@@ -14,7 +14,7 @@ namespace VexelAlgorithm::Apps {
 namespace {
 
 /// What one frame may take; systems that promise more memory than they have would end the program without a word.
-constexpr double largestMemoryGib = 12.0;
+constexpr double largestFrameGib = 12.0;
 
 /// A frame that says so little of its slots has not been recorded by a session.
 constexpr std::uint64_t mostSlotsPerByte = 1024, freeSlots = 1 << 20;
@@ -204,7 +204,7 @@ Outcome<Done> SessionReplay::give(const FrameCall& call) {
     if (!call.frame.isLegal || call.frame.width != size.x() || call.frame.height != size.y()) return Done{};
     const PointImage frame = call.frame.unpacked();
     const double memory = frame_memory_gib(frame, _start.fusion);
-    if (!(memory <= largestMemoryGib)) {
+    if (!(memory <= largestFrameGib)) {
         return Failure{format_text("frame %d alone would take %.0f GiB with voxels of %g mm", _frames, memory,
                                    static_cast<double>(_start.fusion.pointDis))};
     }

@@ -69,7 +69,8 @@ TEST(CameraFiles, AreReadOrNamedWithWhatIsWrong) {
     EXPECT_EQ(*read, camera_values(lens));
     EXPECT_EQ((*read)[1], 81.0F);
     EXPECT_EQ((*read)[6], 0.05F);
-    EXPECT_EQ((*read)[21], static_cast<float>(lens.worldToCamera.get_rotation()(2, 2)));
+    EXPECT_EQ((*read)[10], static_cast<float>(lens.worldToCamera.get_translation().x()));
+    EXPECT_EQ((*read)[14], static_cast<float>(lens.worldToCamera.get_rotation()(0, 1))) << "row by row";
 }
 
 /// Settings with both cameras and these depths, for images of 320 x 240.

@@ -261,6 +261,61 @@ RetVal get_model_bounding_box(void* handle, Vector3f& low, Vector3f& high) noexc
                       [&](FusionTrack& session) { return session.get_model_bounding_box(low, high); });
 }
 
+int get_show_num_ini(void* handle) noexcept {
+    return on_handle<FusionTrack, int>(handle, session_function("get_show_num_ini"), {0, 0},
+                                       [](FusionTrack& session) { return session.get_show_num(); });
+}
+
+int count_valid_num_of_show_cloud(void* handle) noexcept {
+    return on_handle<FusionTrack, int>(handle, session_function("count_valid_num_of_show_cloud"), {0, 0},
+                                       [](FusionTrack& session) { return session.count_valid_shown(); });
+}
+
+int get_valid_count_of_show_cloud(void* handle) noexcept {
+    return on_handle<FusionTrack, int>(handle, session_function("get_valid_count_of_show_cloud"), {0, 0},
+                                       [](FusionTrack& session) { return session.get_valid_shown(); });
+}
+
+RetVal output_tree(void* handle, const std::string& path) noexcept {
+    return on_session(handle, "output_tree",
+                      [&](FusionTrack& session) { return session.output_tree("output_tree", path, false); });
+}
+
+RetVal output_whole_tree(void* handle, const std::string& path) noexcept {
+    return on_session(handle, "output_whole_tree",
+                      [&](FusionTrack& session) { return session.output_tree("output_whole_tree", path, true); });
+}
+
+RetVal output_operate_record(void* handle, const std::string& path) noexcept {
+    return on_session(handle, "output_operate_record",
+                      [&](FusionTrack& session) { return session.output_operate_record(path); });
+}
+
+RetVal set_fusion_result_opt(void* handle, bool dropPieces, bool smooth, bool normals) noexcept {
+    return on_session(handle, "set_fusion_result_opt",
+                      [&](FusionTrack& session) { return session.set_fusion_result_opt(dropPieces, smooth, normals); });
+}
+
+RetVal reset_final_gauss_smooth_window(void* handle, int window) noexcept {
+    return on_session(handle, "reset_final_gauss_smooth_window",
+                      [&](FusionTrack& session) { return session.reset_final_gauss_smooth_window(window); });
+}
+
+RetVal reset_final_normal_window(void* handle, int window) noexcept {
+    return on_session(handle, "reset_final_normal_window",
+                      [&](FusionTrack& session) { return session.reset_final_normal_window(window); });
+}
+
+RetVal reset_final_isolated_island_delete(void* handle, int triangles) noexcept {
+    return on_session(handle, "reset_final_isolated_island_delete",
+                      [&](FusionTrack& session) { return session.reset_final_isolated_island_delete(triangles); });
+}
+
+RetVal reset_delete_distance_ratio_with_tanget_plane(void* handle, float ratio) noexcept {
+    return on_session(handle, "reset_delete_distance_ratio_with_tanget_plane",
+                      [&](FusionTrack& session) { return session.reset_tangent_plane_ratio(ratio); });
+}
+
 RetVal delete_selected_point(void* handle, const std::vector<int>& selected) noexcept {
     return on_session(handle, "delete_selected_point", [&](FusionTrack& session) {
         return session.delete_shown_points("delete_selected_point", selected);

@@ -26,6 +26,7 @@
 
 #include <cstdint>
 #include <iosfwd>
+#include <string>
 #include <vector>
 
 #include "SpeckleRebCPU/speckleRebuild.h"
@@ -224,17 +225,51 @@ VEXEL_API RetVal set_nonrigid_field(void* handle, const std::vector<Vector3f>& f
 /// Whether no field is kept; true for a null handle.
 VEXEL_API bool is_nonrigid_fileld_empty(void* handle) noexcept;
 
+/// Numbers of display points; 0 for a null handle. The first: what the last display call or edit has left in the cloud,
+/// for buffers to be made. The second brings the display up to date and counts the points of
+/// `get_show_data_filter_noise`, so that it is a display call like that one; the third gives what it counted last,
+/// without waiting for anything.
+VEXEL_API int get_show_num_ini(void* handle) noexcept;
+VEXEL_API int count_valid_num_of_show_cloud(void* handle) noexcept;
+VEXEL_API int get_valid_count_of_show_cloud(void* handle) noexcept;
+
 /// The model as a triangle mesh (mm, model coordinates) with vertex normals: marching cubes over everything that was
-/// fused, without connected pieces of fewer than 100 triangles. `pointDis`: 0 or at most the voxel edge for all
-/// vertices; more keeps one vertex in each cube of that edge (mm). An empty model gives an empty mesh and success. At
-/// a debug level above 0 prints a line that begins with "Mc Time is:" and writes "mc_result.obj" (all that marching
-/// cubes found), "Mc_Opt_result.obj" (the result) and "ErrorBastriMesh.obj" (triangles of the result at edges that are
-/// not manifold) to outputPath, each unless it would be empty. The first form runs on OpenMP, the second on TBB; their
-/// results are the same.
+/// fused, without connected pieces of fewer than 100 triangles (or as the settings below have it). `pointDis`: 0 or at
+/// most the voxel edge for all vertices; more keeps one vertex in each cube of that edge (mm). An empty model gives an
+/// empty mesh and success. At a debug level above 0 prints a line that begins with "Mc Time is:" and writes
+/// "mc_result.obj" (all that marching cubes found), "Mc_Opt_result.obj" (the result) and "ErrorBastriMesh.obj"
+/// (triangles of the result at edges that are not manifold) to outputPath, each unless it would be empty. The first
+/// form runs on OpenMP, the second on TBB; their results are the same.
 VEXEL_API RetVal get_fusion_result(void* handle, float pointDis, BaseTriMesh& mesh) noexcept;
 VEXEL_API RetVal get_fusion_result_tbb(void* handle, float pointDis, BaseTriMesh& mesh) noexcept;
 /// Corners (mm, model coordinates) of the box around the model's surface. `RET_STATE_ERROR` while there is none.
 VEXEL_API RetVal get_model_bounding_box(void* handle, Vector3f& low, Vector3f& high) noexcept;
+
+// Settings of the final mesh, from the next `get_fusion_result` on. Its steps in their order: vertices off the tangent
+// plane, small pieces, smoothing, Gaussian smoothing, normals, spacing, smoothing of normals.
+
+/// Which steps follow marching cubes: dropping small pieces (at first true); five steps of smoothing that keeps the
+/// volume (Taubin, 1995; borders stay; at first false); vertex normals (at first true; without them the mesh has none).
+VEXEL_API RetVal set_fusion_result_opt(void* handle, bool dropPieces, bool smooth, bool normals) noexcept;
+/// Gaussian smoothing over so many rings of neighbouring vertices, 0 (at first: none) to 64; the standard deviation of
+/// one ring is the voxel edge. Vertices on borders stay. Smooths noise and shrinks what is finely curved.
+VEXEL_API RetVal reset_final_gauss_smooth_window(void* handle, int window) noexcept;
+/// Vertex normals are the mean over so many rings of triangles, 1 (at first: those at the vertex) to 64.
+VEXEL_API RetVal reset_final_normal_window(void* handle, int window) noexcept;
+/// Connected pieces with fewer triangles are dropped; at first 100, 0 keeps all.
+VEXEL_API RetVal reset_final_isolated_island_delete(void* handle, int triangles) noexcept;
+/// Drops a vertex that lies farther from the tangent plane of its neighbours than so many times their mean distance
+/// from it: spikes from about 0.5 on. 0 (at first) drops none.
+VEXEL_API RetVal reset_delete_distance_ratio_with_tanget_plane(void* handle, float ratio) noexcept;
+
+/// Writes the voxels of the model as text, a line each: centre (mm, model coordinates), mean signed distance (mm), sum
+/// of weights, number of contributions. The first form those at most a voxel from the surface, the second all.
+/// `RET_INPUT_ERROR` for an empty path, `RET_RUN_FAIL` when the file cannot be written; an older file then stays.
+VEXEL_API RetVal output_tree(void* handle, const std::string& path) noexcept;
+VEXEL_API RetVal output_whole_tree(void* handle, const std::string& path) noexcept;
+/// Writes the edits of this model as text, the newest 4096, a line each: accepted frames before it, name of the
+/// function, number of points or frames (0 where neither was given).
+VEXEL_API RetVal output_operate_record(void* handle, const std::string& path) noexcept;
 
 // Editing. What is deleted is gone from the model, and with it from display, prediction, mesh and saved project; frames
 // that come later may put surface there again. Each call brings the display up to date, so it ends the validity of the

@@ -65,10 +65,10 @@ bool is_in_block(const Vector3i& voxel, const Vector3i& low) {
 void empty_along_normal(SpeckleTree& tree, const SurfacePlace& place, float halfRange, LeafEraser& eraser) {
     const Vector3f& normal = place.normal;
     const Vector3f start = (place.point - tree.get_shift()) / tree.get_pointDis() - Vector3f::Constant(0.5f);
+    if (!(start.cwiseAbs().maxCoeff() < 1e6f) || !(std::abs(normal.squaredNorm() - 1.0f) < 0.1f)) return;
     // How far the cube of a point on the surface reaches in the direction of the normal.
     const float reach = halfRange * normal.cwiseAbs().sum();
     const float stride = 1.0f / normal.cwiseAbs().maxCoeff();
-    if (!start.allFinite() || !(start.cwiseAbs().maxCoeff() < 1e6f) || !std::isfinite(reach * stride)) return;
 
     Vector3i before = Vector3i::Constant(-4);
     const int steps = static_cast<int>(std::ceil(reach / stride));

@@ -13,7 +13,7 @@ namespace Fusion {
 
 using SpeckleTree = VexelOctree::Octree<LeafTSDFSpeckle>;
 
-/// A place of the surface in model coordinates (mm); the normal has unit length.
+/// A place of the surface in model coordinates (mm); the normal has unit length, or the place is passed over.
 struct SurfacePlace {
     Vector3f point;
     Vector3f normal;

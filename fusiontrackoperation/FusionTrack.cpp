@@ -239,9 +239,11 @@ void FusionTrack::forget_model() {
         _changedLeaves.clear();
         _display.clear();
     }
+    _operations.clear();
     _keptFrames.clear();
     _frameSettings.reset();
     _edits = 0;
+    _validShown = 0;
     const std::lock_guard<std::mutex> poses(_poseMutex);
     _poses.assign(1, RigidMatrix());
     _modelCamera.reset();

@@ -3,6 +3,7 @@
 
 #include <atomic>
 #include <cstdint>
+#include <deque>
 #include <fstream>
 #include <initializer_list>
 #include <memory>
@@ -25,6 +26,7 @@
 #include "fusiontrackoperation/SessionRecorder.h"
 #include "fusiontrackoperation/TextureSetup.h"
 #include "fusiontrackoperation/keptFrames.h"
+#include "fusiontrackoperation/meshRefinement.h"
 #include "fusiontrackoperation/sessionCallbacks.h"
 #include "platform/textureTracking.h"
 #include "track/IcpBaseOnCam.h"
@@ -72,6 +74,11 @@ public:
     RigidMatrix get_current_rt() const;
     float get_current_point_dis() const;
     FusionScanState get_fusion_scan_state() const;
+    /// Points that the last display call has shown.
+    int get_show_num() const;
+    int count_valid_shown();
+    /// As `count_valid_shown` counted last.
+    int get_valid_shown() const { return _validShown; }
 
     /// One of those in motionTests.h; false with a line for a pose that is none.
     using MotionTest = bool (*)(const std::vector<RigidMatrix>& history, const RigidMatrix& pose);
@@ -92,6 +99,13 @@ public:
     enum class Parallel { OpenMp, Tbb };
     RetVal get_fusion_result(float pointDis, BaseTriMesh& mesh, Parallel parallel);
     RetVal get_model_bounding_box(Vector3f& low, Vector3f& high);
+    RetVal set_fusion_result_opt(bool dropPieces, bool smooth, bool normals);
+    RetVal reset_final_gauss_smooth_window(int window);
+    RetVal reset_final_normal_window(int window);
+    RetVal reset_final_isolated_island_delete(int triangles);
+    RetVal reset_tangent_plane_ratio(float ratio);
+    RetVal output_tree(const char* function, const std::string& path, bool isWhole) const;
+    RetVal output_operate_record(const std::string& path) const;
 
     // ---- editing --------------------------------------------------------------------------------------
     //
@@ -108,6 +122,8 @@ public:
     RetVal filter_frame(const char* function, int index, float distance);
     RetVal mark_points_off_surface(const char* function, Cloud& cloud, float distance) const;
     RetVal set_kept_frame_memory(int mebibytes);
+    /// See replayEdit.h.
+    RetVal replay_edit(const EditRecord& edit);
 
     // ---- settings -------------------------------------------------------------------------------------
 
@@ -216,7 +232,10 @@ private:
     void empty_surface_at(const char* function, const std::vector<Fusion::SurfacePlace>& places);
     void predict_anew();
     template <class Fill>
-    void record_edit(const char* function, const Fill& fill);
+    void record_edit(const char* function, std::size_t amount, const Fill& fill);
+    void note_operation(const char* function, std::size_t amount);
+    RetVal set_result_count(const char* function, const char* name, int ResultSettings::*setting, int value, int lowest,
+                            int highest);
     void keep_frame(const PointImage& frame, const RigidMatrix& pose, int times);
     const KeptFrame* kept_frame(const char* function, int index) const;
     PointImage& unpacked_image();
@@ -262,6 +281,8 @@ private:
     FusionScanState _stepState;        // of the running step
     bool _isTextureMapBegun = false;   // the texture tracker has had its first frame
     NonRigid _nonRigid;                // goes with the model
+    ResultSettings _resultSettings;
+    std::deque<std::string> _operations;  // the edits of the model, a line each
     KeptFrames _keptFrames;
     std::shared_ptr<const Fusion::FrameSettings> _frameSettings;  // of frames as they are integrated now
     std::uint16_t _edits = 0;                                     // edits of the model so far
@@ -273,6 +294,7 @@ private:
     FusionFailCallBack _onFail = nullptr;
     IllegalInputCallBack _onIllegalInput = nullptr;
     std::atomic<int> _debugLevel;
+    std::atomic<int> _validShown{0};
 
     SessionRecorder _recorder;  // has a lock of its own, behind all others
 

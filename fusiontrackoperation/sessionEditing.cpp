@@ -1,16 +1,20 @@
 // Surface is taken out of the model.
 #include <algorithm>
 #include <cmath>
+#include <initializer_list>
 #include <limits>
 #include <string>
+#include <string_view>
 #include <utility>
 
 #include "foundation/diagnostics.h"
+#include "foundation/handle.h"
 #include "foundation/parallel.h"
 #include "fusion/cameraConstraint.h"
 #include "fusion/emptySurface.h"
 #include "fusiontrackoperation/FusionTrack.h"
 #include "fusiontrackoperation/refusal.h"
+#include "fusiontrackoperation/replayEdit.h"
 #include "platform/pointTree.h"
 
 namespace VexelAlgorithm {
@@ -42,9 +46,11 @@ float place_tolerance(float pointDis) {
 
 // ---- the course of an edit ----------------------------------------------------------------------------
 
-/// Hands the edit to the debug recording; `fill(record)` is called only when there is one.
+/// Notes an edit of so many points or frames and hands it to the debug recording; `fill(record)` is called only when
+/// there is one.
 template <class Fill>
-void FusionTrack::record_edit(const char* function, const Fill& fill) {
+void FusionTrack::record_edit(const char* function, std::size_t amount, const Fill& fill) {
+    note_operation(function, amount);
     if (!SessionRecorder::is_on()) return;
     EditRecord record;
     record.name = function;
@@ -89,8 +95,9 @@ void FusionTrack::predict_anew() {
 
 void FusionTrack::empty_surface_at(const char* function, const std::vector<Fusion::SurfacePlace>& places) {
     // By place: in a replay the display may have another order.
-    record_edit(function, [&](EditRecord& record) {
+    record_edit(function, places.size(), [&](EditRecord& record) {
         for (const Fusion::SurfacePlace& place : places) record.datas.points.push_back(place.point);
+        for (const Fusion::SurfacePlace& place : places) record.datas.points.push_back(place.normal);
     });
     edit_volume([&](std::uint16_t edit) {
         Fusion::empty_surface(_volume.get_fusion_tree(), _volume.get_code_Num(), places, _volume.get_fusionRange(),
@@ -165,7 +172,7 @@ RetVal FusionTrack::delete_unstable(const char* function, int minContributions) 
         refuse(function, "the model is empty");
         return RET_STATE_ERROR;
     }
-    record_edit(function, [&](EditRecord& record) { record.datas.ids = {minContributions}; });
+    record_edit(function, 0, [&](EditRecord& record) { record.datas.ids = {minContributions}; });
     edit_volume([&](std::uint16_t edit) {
         Fusion::empty_unstable(_volume.get_fusion_tree(), _volume.get_code_Num(), minContributions, edit,
                                _changedLeaves);
@@ -216,7 +223,7 @@ RetVal FusionTrack::remove_frames(const char* function, std::vector<int> frames)
     for (const int index : frames) {
         if (kept_frame(function, index) == nullptr) return RET_INPUT_ERROR;
     }
-    record_edit(function, [&](EditRecord& record) {
+    record_edit(function, frames.size(), [&](EditRecord& record) {
         record.datas.ids = frames;
         for (const int index : frames) record.rts.push_back(_keptFrames.find(index)->integration().pose);
     });
@@ -246,7 +253,7 @@ std::size_t FusionTrack::remove_chosen(const char* function, const KeptFrame& fr
     const std::size_t count = points.ids.size();
     if (count == 0) return 0;
     const int index = frame.integration().index;
-    record_edit(function, [&](EditRecord& record) {
+    record_edit(function, count, [&](EditRecord& record) {
         record.datas = std::move(points);
         record.datas.ids.insert(record.datas.ids.begin(), index);
         record.rts = {frame.integration().pose};
@@ -332,6 +339,42 @@ RetVal FusionTrack::mark_points_off_surface(const char* function, Cloud& cloud, 
         }
     });
     return RET_SUCCESS;
+}
+
+RetVal FusionTrack::replay_edit(const EditRecord& edit) {
+    const char* const function = edit.name.c_str();
+    const auto is_one_of = [&](std::initializer_list<std::string_view> names) {
+        return std::find(names.begin(), names.end(), edit.name) != names.end();
+    };
+    const std::vector<std::int32_t>& ids = edit.datas.ids;
+    if (is_one_of({"delete_selected_point", "delete_point_when_scan", "delete_point_when_scan_accord_delete"})) {
+        const std::lock_guard<std::mutex> step(_stepMutex);
+        const std::size_t count = edit.datas.points.size() / 2;
+        std::vector<Fusion::SurfacePlace> places;
+        for (std::size_t i = 0; i < count; ++i) {
+            places.push_back({edit.datas.points[i], edit.datas.points[count + i]});
+        }
+        if (places.empty() || is_model_empty()) return input_error(function, "there is no surface to delete");
+        empty_surface_at(function, places);
+        return RET_SUCCESS;
+    }
+    if (is_one_of({"delete_frame_point", "delete_frame_point_new", "delete_key_frame"})) {
+        return remove_frames(function, ids);
+    }
+    if (ids.empty()) return input_error(function, "the record says nothing about it");
+    if (edit.name == "delete_unStable") return delete_unstable(function, ids.front());
+    if (is_one_of({"delete_single_frame_point", "delete_single_frame_point_tbb", "map_on_frame_delete_point",
+                   "fusion_single_frame_filtering_using_tsdf"})) {
+        return remove_frame_points(function, ids.front(), {ids.begin() + 1, ids.end()},
+                                   edit.name != "delete_single_frame_point");
+    }
+    return input_error(function, "it is no edit of a model");
+}
+
+RetVal replay_edit(void* session, const EditRecord& edit) noexcept {
+    return on_handle<FusionTrack, RetVal>(session, {"replay_edit", null_text::can_not_run("replay_edit")},
+                                          {RET_INI_ERROR, RET_RUN_FAIL},
+                                          [&](FusionTrack& target) { return target.replay_edit(edit); });
 }
 
 RetVal FusionTrack::set_kept_frame_memory(int mebibytes) {

@@ -17,7 +17,7 @@ namespace VexelAlgorithm {
 namespace {
 
 constexpr float MIN_CONTRIBUTIONS = 0.0F;  // everything that was fused
-constexpr std::size_t MIN_PIECE_TRIANGLES = 100;
+constexpr int SMOOTHING_STEPS = 5;
 constexpr std::size_t OCTETS_PER_TASK = std::size_t{1} << 13;
 
 struct Box {
@@ -50,8 +50,15 @@ RetVal FusionTrack::get_fusion_result(float pointDis, BaseTriMesh& mesh, Paralle
     if (debug) print_line(format_text("Mc Time is:%f ms", watch.milliseconds()));
     if (debug) write_debug_mesh("mc_result.obj", result);
 
-    Fusion::optimise_mesh(result, vertexAxis, {MIN_PIECE_TRIANGLES, 0, true});
+    const ResultSettings& settings = _resultSettings;
+    delete_off_tangent_plane(result, vertexAxis, settings.tangentPlaneRatio);
+    Fusion::optimise_mesh(result, vertexAxis,
+                          {settings.dropPieces ? static_cast<std::size_t>(settings.minPieceTriangles) : 0,
+                           settings.smooth ? SMOOTHING_STEPS : 0, false});
+    gauss_smooth(result, _volume.get_pointDis(), settings.gaussWindow);
+    if (settings.normals) result.update_VNrv();
     if (pointDis > _volume.get_pointDis()) thin_mesh(result, pointDis);
+    if (settings.normals) smooth_normals(result, settings.normalWindow - 1);
     if (debug) write_debug_mesh("Mc_Opt_result.obj", result);
     if (debug) write_debug_mesh("ErrorBastriMesh.obj", find_non_manifold_faces(result));
     mesh = std::move(result);

@@ -1,9 +1,13 @@
 // Editing: what is deleted is gone everywhere, what is not stays, and the scan goes on.
 #include <algorithm>
 #include <array>
+#include <filesystem>
+#include <fstream>
 #include <map>
 #include <set>
 
+#include "fusiontrackoperation/DebugRecordReader.h"
+#include "fusiontrackoperation/replayEdit.h"
 #include "tests/project/projectScenes.h"
 #include "tests/session/sessionScenes.h"
 
@@ -333,6 +337,52 @@ TEST_F(FrameEditing, FramesAreKeptAsFarAsTheMemoryGoes) {
     EXPECT_FALSE(is_kept(0));
     ASSERT_TRUE(session.step(frame(1)));
     EXPECT_TRUE(is_kept(2)) << "behind the two poses of the project";
+}
+
+TEST_F(FrameEditing, RecordedEditsAreRepeatedToTheLastBit) {
+    const VexelTest::TemporaryFolder folder;
+    DataArchiveConfig& config = DataArchiveConfig::global();
+    config.set_store_directory(folder.path().string());
+    const auto record = [&](bool on) {
+        config.set_archive_enabled(on);
+        config.set_testbug_enabled(on);
+    };
+    fuse(session, {0, 1, 2, 12});
+    fuse(other, {0, 1, 2, 12});
+    printed([&] {
+        record(true);
+        const std::vector<int> shown = selection();  // display calls are not repeated
+        EXPECT_EQ(delete_selected_point(session, {shown.begin(), shown.begin() + 40}), RET_SUCCESS);
+        EXPECT_EQ(delete_point_when_scan(session, around_centre(voxel), 0.5F * voxel), RET_SUCCESS);
+        EXPECT_EQ(delete_single_frame_point(session, 1, every_slot(0, 3)), RET_SUCCESS);
+        EXPECT_EQ(fusion_single_frame_filtering_using_tsdf(session, 1, 0.02F * voxel), RET_SUCCESS);
+        EXPECT_EQ(delete_frame_point_new(session, {2, 3}), RET_SUCCESS);
+        EXPECT_EQ(delete_unStable(session, 2), RET_SUCCESS);
+        EXPECT_EQ(edit_testbug_write(session), RET_SUCCESS);
+        record(false);
+    });
+    std::vector<EditRecord> edits;
+    for (const auto& file : std::filesystem::directory_iterator(folder.path())) {
+        std::ifstream in(file.path(), std::ios::binary);
+        DebugRecordReader reader(in);
+        ASSERT_FALSE(reader.read_header());
+        for (DebugRecord r; reader.next(r) == DebugRecordReader::Read::Record;) {
+            if (const auto* edit = std::get_if<EditRecord>(&r.content)) edits.push_back(*edit);
+        }
+    }
+    ASSERT_EQ(edits.size(), 6U);
+    for (const EditRecord& edit : edits) EXPECT_EQ(replay_edit(other, edit), RET_SUCCESS) << edit.name;
+    EXPECT_EQ(other.bytes(), session.bytes());
+
+    EditRecord odd;
+    for (const char* name : {"delete_selected_point", "delete_frame_point", "delete_unStable", "set_campar"}) {
+        odd.name = name;
+        EXPECT_NE(printed([&] { EXPECT_EQ(replay_edit(other, odd), RET_INPUT_ERROR); }), "") << name;
+    }
+    odd.name = "delete_selected_point";
+    odd.datas.points = {{kNaN, 0, 0}, {1, 2, 3}, {1e30F, 1e30F, 0}, {0, 0, 1e30F}};
+    EXPECT_EQ(replay_edit(other, odd), RET_SUCCESS) << "places that are none";
+    EXPECT_EQ(other.bytes(), session.bytes());
 }
 
 struct EditCall {

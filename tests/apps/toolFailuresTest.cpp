@@ -2,13 +2,16 @@
 #include <opencv2/imgcodecs.hpp>
 
 #include "ToolTest.h"
-#include "recording/GreyPicture.h"
-#include "recording/greyPng.h"
+#include "apps/calibrated.h"
+#include "recording/StereoRecording.h"
+#include "simulation/StereoRig.h"
 
 namespace VexelTest {
 namespace {
 
 namespace fs = std::filesystem;
+using namespace VexelAlgorithm;
+using Apps::calibrated;
 
 class ToolFailures : public ToolTest {};
 
@@ -74,12 +77,13 @@ TEST_F(ToolFailures, DepthFrames) {
 }
 
 TEST_F(ToolFailures, StereoPairs) {
-    run_well("simulate --stereo --width 160 --height 128 --frames 1 @/one");
-    for (const char* name : {"empty", "dark"}) fs::create_directory(path(name));
-    for (const char* name : {"calib_left.txt", "calib_right.txt"}) fs::copy(path("one") / name, path("dark") / name);
-    const VexelAlgorithm::GreyPicture black{160, 128, std::vector<std::uint8_t>(160 * 128, 0)};
-    for (const char* name : {"dark/left.png", "dark/right.png"})
-        ASSERT_TRUE(VexelAlgorithm::write_grey_png(path(name), black));
+    fs::create_directory(path("empty"));
+    const Simulation::StereoRig rig = Simulation::make_stereo_rig(160, 128);
+    StereoFrame dark;
+    dark.left = dark.right = {160, 128, std::vector<std::uint8_t>(160 * 128, 0)};
+    Outcome<StereoRecordingWriter> writer =
+        StereoRecordingWriter::create(path("one"), calibrated(rig.left), calibrated(rig.right), 0.01, "");
+    ASSERT_TRUE(writer && writer->write_frame(0, dark));
     put_bytes(path("window.yml"), "rig:\n   pixMatchWin: [ 10, 11 ]\n");
     put_bytes(path("size.yml"), "rig:\n   imgSize: [ 1280, 1024 ]\n");
     put_bytes(path("camera.yml"), "rig:\n   leftCalib: [ 1, 2, 3 ]\n");
@@ -103,7 +107,7 @@ TEST_F(ToolFailures, StereoPairs) {
         {"scan @/one --out @/out --settings @/window.yml", 1, "rig.pixMatchWin: both sides must be odd"},
         {"scan @/one --out @/out --settings @/size.yml", 1, "rig.imgSize is 1280 x 1024 where the images have 160"},
         {"scan @/one --out @/out --settings @/camera.yml", 1, "rig.leftCalib: has 3 values where a camera has 22"},
-        {"scan @/dark --out @/out", 1, "too few points; hardly any partner was found"},
+        {"scan @/one --out @/out", 1, "too few points; hardly any partner was found"},
         {"check-calibration @/empty", 1, "holds no stereo pairs"},
         {"check-calibration @/one --calib-right @/short.txt", 1, "short.txt is not usable"},
     };

@@ -9,6 +9,7 @@
 #include "apps/volumePlacement.h"
 #include "foundation/diagnostics.h"
 #include "fusion/LeafTSDFSpeckle.h"
+#include "fusiontrackoperation/replayEdit.h"
 
 namespace VexelAlgorithm::Apps {
 namespace {
@@ -46,6 +47,10 @@ const Setting settings[] = {
     {"fusion_set_fusionrange", 1,
      [](void* h, const double* v) {
          return v[0] >= 1.0 && v[0] <= 63.0 ? fusion_set_fusionrange(h, static_cast<int>(v[0])) : RET_INPUT_ERROR;
+     }},
+    {"set_kept_frame_memory", 1,
+     [](void* h, const double* v) {
+         return v[0] >= 0.0 && v[0] <= 1e9 ? set_kept_frame_memory(h, static_cast<int>(v[0])) : RET_INPUT_ERROR;
      }},
     {"set_campar", 4,
      [](void* h, const double* v) {
@@ -166,9 +171,7 @@ Outcome<Done> SessionReplay::apply(int number, const DebugRecord& record) {
     if (const auto* call = std::get_if<FrameCall>(&record.content)) return give(*call);
     if (const auto* result = std::get_if<FrameResult>(&record.content)) compare(number, *result);
     if (const auto* setting = std::get_if<SettingChange>(&record.content)) change(*setting);
-    if (const auto* edit = std::get_if<EditRecord>(&record.content)) {
-        _incomparable = edit->name + " has edited the model, which is not replayed";
-    }
+    if (const auto* edit = std::get_if<EditRecord>(&record.content)) repeat(*edit);
     return Done{};
 }
 
@@ -229,6 +232,11 @@ void SessionReplay::compare(int record, const FrameResult& recorded) {
     if (_differences.differing++ == 0) {
         _differences.first = format_text("frame %d (record %d): ", given.number, record) + found;
     }
+}
+
+void SessionReplay::repeat(const EditRecord& edit) {
+    if (replay_edit(handle(), edit) == RET_SUCCESS) return;
+    _incomparable = edit.name + " has edited the model, which could not be replayed";
 }
 
 void SessionReplay::change(const SettingChange& change) {

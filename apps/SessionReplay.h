@@ -64,6 +64,7 @@ private:
     Outcome<Done> begin(const SessionStart& start);
     Outcome<Done> give(const FrameCall& call);
     void compare(int record, const FrameResult& recorded);
+    void repeat(const EditRecord& edit);
     void change(const SettingChange& change);
 
     ReplaySettings _settings;

@@ -381,7 +381,7 @@ RetVal FusionTrack::set_kept_frame_memory(int mebibytes) {
     const std::lock_guard<std::mutex> step(_stepMutex);
     if (mebibytes < 0) return input_error("set_kept_frame_memory", "mebibytes is negative");
     _keptFrames.set_limit(static_cast<std::size_t>(mebibytes) << 20);
-    return RET_SUCCESS;
+    return settled("set_kept_frame_memory", {static_cast<double>(mebibytes)});
 }
 
 }  // namespace VexelAlgorithm

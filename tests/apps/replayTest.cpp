@@ -1,5 +1,6 @@
 // vexel-scan replay: a recorded scan happens once more, to the last bit.
 #include "ReplayTool.h"
+#include "tests/session/sessionScenes.h"
 
 namespace VexelTest {
 namespace {
@@ -41,6 +42,43 @@ TEST_F(ReplayTool, RepeatsARecordedScanToTheLastBit) {
     EXPECT_EQ(died.exitCode, 0) << died.errors;
     expect_in("No result     of frame 8 was recorded", died);
     expect_in("ends before the session was released", died);
+}
+
+TEST_F(ReplayTool, RepeatsEditsBetweenFrames) {
+    using namespace VexelAlgorithm;
+    DataArchiveConfig& config = DataArchiveConfig::global();
+    config.set_store_directory(path("").string());
+    config.set_archive_enabled(true);
+    config.set_testbug_enabled(true);
+    {
+        const Scan scan("smooth", 80);
+        Session session(scan.records);
+        int next = 0;
+        const auto step = [&] { EXPECT_TRUE(session.step(scan.frame(next++))); };
+        step(), step(), step();
+        Cloud corner;
+        for (std::size_t i = 0; i < 40; ++i) corner.add_vCoord(get_show_data(session).get_vCoord(i));
+        EXPECT_EQ(delete_point_when_scan(session, corner, 3.0F), RET_SUCCESS);
+        step();
+        EXPECT_EQ(delete_unStable(session, 3), RET_SUCCESS);
+        step();
+        std::vector<int> slots(3000);
+        for (std::size_t i = 0; i < slots.size(); ++i) slots[i] = static_cast<int>(i);
+        EXPECT_EQ(delete_single_frame_point(session, 2, slots), RET_SUCCESS);
+        EXPECT_EQ(map_on_frame_delete_point(session, 3, corner, 20.0F), RET_SUCCESS);
+        step();
+        EXPECT_EQ(delete_key_frame(session, 1), RET_SUCCESS);
+        EXPECT_EQ(fusion_single_frame_filtering_using_tsdf(session, 4, 0.5F), RET_SUCCESS);
+        step();
+    }
+    config.set_archive_enabled(false);
+    const ToolRun same = run("replay @/testbug-000001.tb");
+    EXPECT_EQ(same.exitCode, 0) << same.errors;
+    expect_in("7 frames, 7 compared, 0 with differences", same);
+    const ToolRun listed = run("replay @/testbug-000001.tb --list");
+    for (const char* name : {"delete_point_when_scan", "delete_unStable", "map_on_frame_delete_point"}) {
+        expect_in(name, listed);
+    }
 }
 
 }  // namespace

@@ -1,5 +1,6 @@
 // The frame step of a scan session, through its handle.
 #include <algorithm>
+#include <future>
 #include <string>
 #include <vector>
 
@@ -154,6 +155,55 @@ void still_view(benchmark::State& state, ScanSource source, ImageSize size, int 
     state.counters["slope_ms/1000frames"] = slope(milliseconds) * FrameCount;
 }
 
+/// The application of a frame that is waited for.
+void report(FusionparallelInputData* data) {
+    static_cast<std::promise<FusionparallelInputData>*>(data->user)->set_value(*data);
+}
+
+void report_success(const Cloud&, const std::vector<int>&, int, const Cloud&, const RigidMatrix&, const RigidMatrix&,
+                    FusionparallelInputData* data, int) {
+    report(data);
+}
+
+void report_fail(const Cloud&, FusionparallelInputData* data) {
+    report(data);
+}
+
+enum class Given { Copied, TakenOver };
+
+// Each frame is given while the worker rests: how long it takes to the beginning of the step, the session's copy of the
+// frame included.
+void parallel_delay(benchmark::State& state, ScanSource source, ImageSize size, int threads, Given given) {
+    const ScanSequence* sequence = source(size);
+    if (sequence == nullptr) return state.SkipWithError("no frames");
+    std::vector<double> delays;  // ms
+    for (auto _ : state) {
+        Session session(*sequence, threads);
+        if (!session.is_made()) return state.SkipWithError("the session did not start");
+        set_fusion_success_call_back(session.handle(), report_success);
+        set_fusion_fail_call_back(session.handle(), report_fail);
+        set_illegal_input_call_back(session.handle(), report);
+        const Stopwatch watch;
+        for (std::size_t i = 0; i < sequence->frames.size(); ++i) {
+            std::promise<FusionparallelInputData> reported;
+            FusionparallelInputData data;
+            data.user = &reported;
+            const PointImage& frame = sequence->frames[i].frame;
+            const RetVal result = given == Given::Copied
+                                      ? fusion_and_track_parallel(session.handle(), frame, data)
+                                      : fusion_and_track_parallel(session.handle(), PointImage(frame), data);
+            if (result != RET_SUCCESS) return state.SkipWithError("a frame was refused");
+            const int delay = reported.get_future().get().queuedMicroseconds;
+            if (i > 0) delays.push_back(1e-3 * delay);  // the first one makes the thread
+        }
+        state.SetIterationTime(watch.sum().wall);
+    }
+    std::sort(delays.begin(), delays.end());
+    state.counters["mean_ms"] = mean(delays.begin(), delays.end());
+    state.counters["median_ms"] = delays[delays.size() / 2];
+    state.counters["slowest_ms"] = delays.back();
+}
+
 void add_scans(const std::string& data, ScanSource source, const std::vector<ImageSize>& sizes) {
     for (const ImageSize& size : sizes) {
         for (const int threads : {1, 2}) {
@@ -174,5 +224,10 @@ int main(int argc, char** argv) {
 #endif
         add_scans("rendered", rendered_scan, {{320, 240}, {640, 480}, {640, 512}});
         add("still/rendered/320x240/threads:2", still_view, still_scan, ImageSize{320, 240}, 2);
+        for (const ImageSize size : {ImageSize{320, 240}, ImageSize{640, 512}}) {
+            const std::string name = "parallelDelay/rendered/" + size_text(size);
+            add(name + "/copied", parallel_delay, rendered_scan, size, 2, Given::Copied);
+            add(name + "/takenOver", parallel_delay, rendered_scan, size, 2, Given::TakenOver);
+        }
     });
 }

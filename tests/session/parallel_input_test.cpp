@@ -2,6 +2,7 @@
 #include <atomic>
 #include <chrono>
 #include <condition_variable>
+#include <memory>
 #include <mutex>
 #include <stdexcept>
 #include <thread>
@@ -106,31 +107,35 @@ struct ParallelScan {
     Session session;  // ends first: its worker reports
 };
 
-/// Holds the worker inside its next callback until it is opened.
+/// Holds the worker inside its next callback until it is opened. What the worker waits on is also its own, because it
+/// may come past once more when the test has ended.
 class Gate {
 public:
     explicit Gate(Reports& reports) {
-        reports.inside = [this](const Event&) {
-            std::unique_lock<std::mutex> lock(_mutex);
-            _isReached = true;
-            _changed.notify_all();
-            _changed.wait(lock, [&] { return _isOpen; });
+        reports.inside = [state = _state](const Event&) {
+            std::unique_lock<std::mutex> lock(state->mutex);
+            state->isReached = true;
+            state->changed.notify_all();
+            state->changed.wait(lock, [&] { return state->isOpen; });
         };
     }
     void wait_until_reached() {
-        std::unique_lock<std::mutex> lock(_mutex);
-        _changed.wait(lock, [&] { return _isReached; });
+        std::unique_lock<std::mutex> lock(_state->mutex);
+        _state->changed.wait(lock, [&] { return _state->isReached; });
     }
     void open() {
-        const std::lock_guard<std::mutex> lock(_mutex);
-        _isOpen = true;
-        _changed.notify_all();
+        const std::lock_guard<std::mutex> lock(_state->mutex);
+        _state->isOpen = true;
+        _state->changed.notify_all();
     }
 
 private:
-    std::mutex _mutex;
-    std::condition_variable _changed;
-    bool _isReached = false, _isOpen = false;
+    struct State {
+        std::mutex mutex;
+        std::condition_variable changed;
+        bool isReached = false, isOpen = false;
+    };
+    const std::shared_ptr<State> _state = std::make_shared<State>();
 };
 
 std::vector<std::int64_t> ids(const std::vector<Event>& events) {

@@ -352,7 +352,8 @@ RetVal FusionTrack::replay_edit(const EditRecord& edit) {
         const std::size_t count = edit.datas.points.size() / 2;
         std::vector<Fusion::SurfacePlace> places;
         for (std::size_t i = 0; i < count; ++i) {
-            places.push_back({edit.datas.points[i], edit.datas.points[count + i]});
+            const Vector3f &point = edit.datas.points[i], &normal = edit.datas.points[count + i];
+            if (point.allFinite() && normal.allFinite()) places.push_back({point, normal});
         }
         if (places.empty() || is_model_empty()) return input_error(function, "there is no surface to delete");
         empty_surface_at(function, places);

@@ -168,8 +168,8 @@ VEXEL_API RetVal fusion_paralle_start(void* handle) noexcept;
 /// and the colour `colorOnInvaildPoint`. Each call brings up to date what frames have changed since the one before;
 /// its cost follows that and not the size of the model. A place of the surface has one point, which moves with it and
 /// goes with it; the order of the points changes. The cloud belongs to the session, stays as it is during frame steps
-/// and is valid until the next display, reset or release call on the handle. Waits while a frame is integrated, not
-/// while it is tracked or rendered. Null handle: "fail because pFusionTrack = NULL" and an empty cloud.
+/// and is valid until the next display, edit, reset or release call on the handle. Waits while a frame is integrated,
+/// not while it is tracked or rendered. Null handle: "fail because pFusionTrack = NULL" and an empty cloud.
 VEXEL_API const Cloud& get_show_data(void* handle) noexcept;
 /// The same without points that rest on fewer than three measurements. The first call goes over all points.
 VEXEL_API const Cloud& get_show_data_filter_noise(void* handle) noexcept;
@@ -273,8 +273,9 @@ VEXEL_API RetVal output_operate_record(void* handle, const std::string& path) no
 
 // Editing. What is deleted is gone from the model, and with it from display, prediction, mesh and saved project; frames
 // that come later may put surface there again. Each call brings the display up to date, so it ends the validity of the
-// display cloud like a display call. A selection of nothing and an index that is out of range are `RET_INPUT_ERROR` and
-// change nothing. An edit that leaves no surface at all ends like `fusion_tree_reset`: the next frame is a first one.
+// display cloud like a display call, and renders the prediction anew. The texture tracker forgets its points at deleted
+// places. A selection of nothing and an index that is out of range are `RET_INPUT_ERROR` and change nothing. An edit
+// that leaves no surface at all ends like `fusion_tree_reset`: the next frame is a first one.
 
 /// Deletes the surface at display points: indices into the cloud that `get_show_data` returned last, in any order. The
 /// hole is up to a voxel wider than the selection, because neighbouring points share voxels. Surface that faces the

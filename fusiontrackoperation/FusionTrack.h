@@ -230,6 +230,7 @@ private:
     void edit_volume(const Change& change);
     std::vector<Fusion::SurfacePlace> shown_near(const std::vector<Vector3f>& points, float radius);
     void empty_surface_at(const char* function, const std::vector<Fusion::SurfacePlace>& places);
+    void forget_texture_at(const std::vector<Fusion::SurfacePlace>& places);
     void predict_anew();
     template <class Fill>
     void record_edit(const char* function, std::size_t amount, const Fill& fill);

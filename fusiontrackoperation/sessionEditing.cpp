@@ -93,12 +93,22 @@ void FusionTrack::predict_anew() {
 
 // ---- surface ----------------------------------------------------------------------------------------
 
+/// Features on deleted surface would draw the camera to where nothing is.
+void FusionTrack::forget_texture_at(const std::vector<Fusion::SurfacePlace>& places) {
+    if (!_isTextureMapBegun) return;
+    std::vector<Vector3f> points;
+    points.reserve(places.size());
+    for (const Fusion::SurfacePlace& place : places) points.push_back(place.point);
+    vexel_sfm::tbt_deletePoints(_textureTracker, points, _volume.get_pointDis());
+}
+
 void FusionTrack::empty_surface_at(const char* function, const std::vector<Fusion::SurfacePlace>& places) {
     // By place: in a replay the display may have another order.
     record_edit(function, places.size(), [&](EditRecord& record) {
         for (const Fusion::SurfacePlace& place : places) record.datas.points.push_back(place.point);
         for (const Fusion::SurfacePlace& place : places) record.datas.points.push_back(place.normal);
     });
+    forget_texture_at(places);
     edit_volume([&](std::uint16_t edit) {
         Fusion::empty_surface(_volume.get_fusion_tree(), _volume.get_code_Num(), places, _volume.get_fusionRange(),
                               edit, _changedLeaves);

@@ -81,14 +81,9 @@ void FusionTrack::edit_volume(const Change& change) {
 }
 
 void FusionTrack::predict_anew() {
+    _mapPre.setZero();
     // Without a last frame, as after loading, nothing guides the rays.
-    const bool guided = _lastFrame.count_vaildNum() > 0;
-    if (guided) {
-        empty_prediction(_lastFrame);
-    } else {
-        _mapPre.setZero();
-    }
-    render_prediction(get_current_rt(), guided);
+    render_prediction(get_current_rt(), _lastFrame.count_vaildNum() > 0);
 }
 
 // ---- surface ----------------------------------------------------------------------------------------

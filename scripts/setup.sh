@@ -1,5 +1,6 @@
 #!/usr/bin/env bash
-# Installs what building and testing needs on Debian 12 or a relative of it. Does nothing when all is there.
+# Installs what building and testing needs on Debian 12 or a relative of it, with the argument "fuzz" also what
+# scripts/fuzz.sh needs. Does nothing when all is there.
 set -euo pipefail
 
 packages=(
@@ -12,6 +13,9 @@ packages=(
     libcli11-dev nlohmann-json3-dev                         # the tool
     libgtest-dev libbenchmark-dev                           # tests and benchmarks
 )
+if [ "${1:-}" = fuzz ]; then
+    packages+=(clang-14 llvm-14 libomp-14-dev)
+fi
 
 if ! command -v apt-get > /dev/null || ! command -v dpkg-query > /dev/null; then
     echo "setup: this is not a Debian-like system; install the equivalents of: ${packages[*]}" >&2

@@ -12,6 +12,7 @@
 #include "algorithmQorInclude.h"
 #include "simulation/Sequence.h"
 #include "tests/printed.h"
+#include "tests/session/Records.h"
 
 namespace VexelAlgorithm {
 
@@ -22,12 +23,6 @@ constexpr float kNaN = std::numeric_limits<float>::quiet_NaN();
 inline std::string can_not(const std::string& function, const std::string& reason) {
     return "can not run function " + function + " because " + reason + "\n";
 }
-
-struct Records {
-    CommonParameter common;
-    TrackParmeter track;
-    FusionParameter fusion;
-};
 
 /// A virtual scan of ideal depths, 1.6 mm from pixel to pixel, and the records of a session for it: voxels of 2 mm, one
 /// thread, so that results repeat to the last bit.

@@ -26,6 +26,8 @@ function(vexel_compiler_options target)
             # What inputs reach is counted in the same build.
             target_compile_options(${target} PRIVATE -fprofile-instr-generate -fcoverage-mapping)
             target_link_options(${target} PRIVATE -fprofile-instr-generate)
+            # Vectors of one width: readers have none, and the others cost most of the time of the build.
+            target_compile_definitions(${target} PRIVATE HWY_COMPILE_ONLY_STATIC)
         endif()
     endif()
 endfunction()

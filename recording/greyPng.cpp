@@ -84,6 +84,13 @@ const char* find_damage(std::string_view bytes) {
     }
 }
 
+/// Deflate packs at most 1032 bytes into one; the decoder would make room for all that the header claims.
+bool can_hold(std::size_t fileBytes, const ImageSize& size, const GreyPngKind& kind) {
+    constexpr std::size_t bestRatio = 1032;
+    const auto pixels = static_cast<std::size_t>(size.width) * static_cast<std::size_t>(size.height);
+    return pixels * static_cast<std::size_t>(kind.bits / 8) <= bestRatio * fileBytes;
+}
+
 cv::Mat decode(std::string& bytes) {
     try {
         const cv::Mat encoded(1, static_cast<int>(bytes.size()), CV_8UC1, bytes.data());
@@ -121,6 +128,7 @@ Outcome<cv::Mat> decode_grey_png(const fs::path& path, const GreyPngKind& kind) 
     const Outcome<ImageSize> size = parse_header(*bytes, kind);
     if (!size) return failure_of(path, size.failure().reason);
     if (const char* damage = find_damage(*bytes)) return failure_of(path, damage);
+    if (!can_hold(bytes->size(), *size, kind)) return failure_of(path, "is damaged: it is too small for its image");
 
     const cv::Mat picture = decode(*bytes);
     const int expectedType = kind.bits == 16 ? CV_16UC1 : CV_8UC1;

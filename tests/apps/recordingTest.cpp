@@ -7,6 +7,7 @@
 #include <opencv2/imgcodecs.hpp>
 
 #include "TemporaryFolder.h"
+#include "fuzz/pngChunks.h"
 #include "recording/Recording.h"
 #include "recording/StereoRecording.h"
 #include "recording/files.h"
@@ -309,6 +310,20 @@ TEST(RecordingBadInput, EveryDamageOfPairsIsNamed) {
         return images ? "" : images.failure().reason;
     };
     for (const Damage& damage : damages) expect_named(damage, write, fault_of);
+}
+
+// The decoder would ask for 512 MiB before it reads the first pixel.
+TEST(RecordingBadInput, AnImageTooLargeForItsFile) {
+    const TemporaryFolder folder;
+    const fs::path file = folder.path() / "depth.png";
+    ASSERT_TRUE(write_depth_png(file, slanted_depth(64, 48)));
+    std::string bytes = bytes_of(file);
+    bytes.replace(16, 8, std::string("\0\0\x40\0\0\0\x40\0", 8));
+    VexelFuzz::mend_check_sums(bytes);
+    put_bytes(file, bytes);
+    const Outcome<DepthImage> image = read_depth_png(file, 1.0);
+    ASSERT_FALSE(image);
+    EXPECT_NE(image.failure().reason.find("too small for its image"), std::string::npos) << image.failure().reason;
 }
 
 TEST(RecordingBadInput, WritersLeaveOldFilesAndNoRemains) {

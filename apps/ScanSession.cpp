@@ -58,7 +58,7 @@ Outcome<Done> scan_frames(const ScanSession& session, std::size_t count, const F
 }
 
 Outcome<BaseTriMesh> extract_mesh(const ScanSession& session, float pointDis, TrackReport& report) {
-    if (report.accepted() == 0) {
+    if (report.accepted() == 0 && report.resumed.empty()) {
         return Failure{format_text("no frame was accepted; frame %d: ", report.frames.front().number) +
                        outcome_text(report.frames.front().state.outcome)};
     }

@@ -164,6 +164,7 @@ std::string json_text(const TrackReport& report) {
     json["input"] = {{"recording", report.recording},
                      {"preset", report.preset},
                      {"settings_file", report.settingsFile},
+                     {"resumed", report.resumed},
                      {"image_size", {report.imageSize.width, report.imageSize.height}},
                      {"step", report.step},
                      {"threads", report.threads},
@@ -190,6 +191,7 @@ std::string summary_text(const TrackReport& report) {
     std::string text;
     const int seen = static_cast<int>(report.frames.size());
     add_line(text, "Recording", report.recording);
+    if (!report.resumed.empty()) add_line(text, "Resumed", report.resumed);
     add_line(
         text, "Frames",
         format_text("%d of %d tracked (%d .. %d, every %d)%s", report.accepted(), seen, report.frames.front().number,

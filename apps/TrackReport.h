@@ -49,6 +49,7 @@ struct TrackReport {
     std::string recording;
     std::string preset;
     std::string settingsFile;  ///< empty without one
+    std::string resumed;       ///< project of the scan that went on; empty for a new one
     ImageSize imageSize;
     int framesSelected = 0;
     int step = 1;

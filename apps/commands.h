@@ -28,6 +28,7 @@ void add_check_calibration_command(CLI::App& app, Command& chosen);
 void add_expose_command(CLI::App& app, Command& chosen);
 void add_fuse_command(CLI::App& app, Command& chosen);
 void add_info_command(CLI::App& app, Command& chosen);
+void add_mesh_command(CLI::App& app, Command& chosen);
 void add_replay_command(CLI::App& app, Command& chosen);
 void add_scan_command(CLI::App& app, Command& chosen);
 void add_settings_command(CLI::App& app, Command& chosen);

@@ -33,6 +33,7 @@ int run(int argc, char** argv) {
     add_expose_command(app, chosen);
     add_fuse_command(app, chosen);
     add_info_command(app, chosen);
+    add_mesh_command(app, chosen);
     add_replay_command(app, chosen);
     add_scan_command(app, chosen);
     add_settings_command(app, chosen);

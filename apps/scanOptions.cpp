@@ -1,6 +1,7 @@
 #include "apps/scanOptions.h"
 
 #include "apps/numberOptions.h"
+#include "apps/savedScan.h"
 #include "apps/settingsFile.h"
 #include "foundation/DataArchiveConfig.h"
 #include "recording/files.h"
@@ -28,8 +29,26 @@ void add_scan_options(CLI::App& command, ScanOptions& options, const std::string
         ->capture_default_str();
     command.add_option("--debug-recording", options.debugRecording,
                        "Folder for a record of all that the session is given, for vexel-scan replay");
+    command.add_option("--save-project", options.savedProject,
+                       "Saves the scan, also one that Ctrl-C ends, and its settings as FILE.yml; --resume and "
+                       "vexel-scan mesh read it");
+    command.add_option("--resume", options.resumedProject,
+                       "Goes on with the scan of --save-project, with the settings in FILE.yml unless --settings names "
+                       "others; choose the frames from where it stopped with --first");
     add_truth_options(command, options.truth);
 }
+
+namespace {
+
+/// Empty for the preset alone.
+fs::path settings_file(const ScanOptions& options) {
+    if (!options.settingsFile.empty() || options.resumedProject.empty()) return options.settingsFile;
+    const fs::path saved = settings_beside(options.resumedProject);
+    std::error_code error;
+    return fs::exists(saved, error) ? saved : fs::path();
+}
+
+}  // namespace
 
 Outcome<ScanSettings> chosen_settings(const ScanOptions& options, const std::optional<fs::path>& recordingsFile) {
     ScanSettings settings = preset_settings(options.preset);
@@ -37,8 +56,9 @@ Outcome<ScanSettings> chosen_settings(const ScanOptions& options, const std::opt
         const Outcome<Done> read = read_settings_file(*recordingsFile, settings);
         if (!read) return read.failure();
     }
-    if (!options.settingsFile.empty()) {
-        const Outcome<Done> read = read_settings_file(options.settingsFile, settings);
+    const fs::path ownFile = settings_file(options);
+    if (!ownFile.empty()) {
+        const Outcome<Done> read = read_settings_file(ownFile, settings);
         if (!read) return read.failure();
     }
     if (options.threads > 0) settings.fusion.codeNumSet = options.threads;
@@ -76,7 +96,8 @@ TrackReport begin_report(const std::string& recording, const ScanOptions& option
     TrackReport report;
     report.recording = recording;
     report.preset = options.preset;
-    report.settingsFile = options.settingsFile;
+    report.settingsFile = settings_file(options).string();
+    report.resumed = options.resumedProject;
     report.imageSize = imageSize;
     report.framesSelected = static_cast<int>(frames);
     report.step = step;

@@ -21,13 +21,16 @@ struct ScanOptions {
     int threads = 0;  ///< 0: as the settings say
     std::string format = "ply";
     std::string debugRecording;  ///< folder; empty for none
+    std::string savedProject;    ///< where the scan is saved; empty for nowhere
+    std::string resumedProject;  ///< which scan goes on; empty for a new one
     TruthOptions truth;
 };
-/// Adds --out, --preset, --settings, --dump-settings, --threads, --format, --debug-recording and those of the
-/// comparison. The preset is what `options` says until another is given.
+/// Adds --out, --preset, --settings, --dump-settings, --threads, --format, --debug-recording, --save-project, --resume
+/// and those of the comparison. The preset is what `options` says until another is given.
 void add_scan_options(CLI::App& command, ScanOptions& options, const std::string& outContent);
 
-/// The preset, changed by the recording's file, if there is one, and then by that of the options.
+/// The preset, changed by the recording's file, if there is one, and then by that of the options, or else by what was
+/// saved with a resumed project.
 Outcome<ScanSettings> chosen_settings(const ScanOptions& options,
                                       const std::optional<std::filesystem::path>& recordingsFile);
 /// One sentence with all findings, if there are any.

@@ -1,7 +1,8 @@
 #include "recording/files.h"
 
-#include <fstream>
 #include <system_error>
+
+#include "recording/streamedFile.h"
 
 namespace VexelAlgorithm {
 namespace {
@@ -14,9 +15,17 @@ fs::path beside(const fs::path& path, const char* ending) {
     return result;
 }
 
-bool write_bytes(const fs::path& path, std::string_view bytes) {
+using Content = std::function<bool(std::ofstream&)>;
+
+Content content_of(std::string_view bytes) {
+    return [bytes](std::ofstream& out) {
+        return static_cast<bool>(out.write(bytes.data(), static_cast<std::streamsize>(bytes.size())));
+    };
+}
+
+bool write_content(const fs::path& path, const Content& write) {
     std::ofstream out(path, std::ios::binary | std::ios::trunc);
-    out.write(bytes.data(), static_cast<std::streamsize>(bytes.size()));
+    if (!out || !write(out)) return false;
     out.close();
     return out.good();
 }
@@ -42,9 +51,13 @@ Outcome<std::string> read_whole_file(const fs::path& path, std::size_t limit) {
 }
 
 Outcome<Done> write_whole_file(const fs::path& path, std::string_view bytes) {
+    return write_streamed_file(path, content_of(bytes));
+}
+
+Outcome<Done> write_streamed_file(const fs::path& path, const Content& write) {
     const fs::path part = beside(path, ".part");
     std::error_code error;
-    if (write_bytes(part, bytes)) {
+    if (write_content(part, write)) {
         fs::rename(part, path, error);
         if (!error) return Done{};
     }
@@ -64,7 +77,7 @@ Outcome<Done> prepare_output_folder(const fs::path& folder) {
                        "); name a folder that can be written"};
     }
     const fs::path probe = folder / ".vexel-write-probe";
-    const bool writable = write_bytes(probe, "probe");
+    const bool writable = write_content(probe, content_of("probe"));
     fs::remove(probe, error);
     if (!writable) {
         return Failure{"the output folder " + folder.string() + " cannot be written; name a folder that can be"};

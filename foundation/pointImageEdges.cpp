@@ -257,6 +257,7 @@ private:
 void PointImage::find_egde_point(int window, float depthJump, int countLimit) {
     if (!is_legal() || !(depthJump >= 0.0f)) return;
     enable_vFlag();
+    if (get_vn() == 0) return;  // but maybe with 2^31 - 1 rows
     const int threads = default_thread_number();
     const std::unique_ptr<float[]> depths = slot_depths(*this, threads);
     EdgeFinder finder(depths.get(), _width, _height, window, depthJump, countLimit, threads);

@@ -172,6 +172,7 @@ private:
 
 template <class Near>
 void empty_small_islands(PointImage& image, int radius, int countLimit, const Near& near, const Vector3f& emptyPoint) {
+    if (image.get_vn() == 0) return;  // but maybe with 2^31 - 1 rows
     const int threads = default_thread_number();
     IslandFinder<Near> finder(image.get_image_width(), image.get_image_height(), std::clamp(radius, 1, MaxRadius), near,
                               threads);

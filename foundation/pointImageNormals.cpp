@@ -22,6 +22,7 @@ Vector3f camera_position(const RigidMatrix& pose) {
 void PointImage::count_point_normal(int stepX, int stepY, int windowX, int windowY, float distanceLimit) {
     if (!is_legal()) return;
     enable_vNormal();
+    if (get_vn() == 0) return;  // but maybe with 2^31 - 1 rows
     FacetWindow window;
     window.stepX = std::max(stepX, 1);
     window.stepY = std::max(stepY, 1);

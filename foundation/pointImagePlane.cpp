@@ -227,7 +227,7 @@ std::int64_t most_inliers(const Samples& samples, double distance, int threads) 
 
 void PointImage::plane_detect(float& planeRatio, float distance, int step) const {
     planeRatio = 0.0f;
-    if (!is_legal() || !(distance >= 0.0f)) return;
+    if (!is_legal() || get_vn() == 0 || !(distance >= 0.0f)) return;  // maybe with 2^31 - 1 rows
     const Samples samples = take_samples(*this, static_cast<std::size_t>(std::max(step, 1)));
     if (samples.size() < 3) return;
     // Any three points have a common plane, whatever the rounding of a distance of 0 says.

@@ -499,4 +499,20 @@ TEST(PointImageNeighbourhood, MeaninglessLimitsAndBrokenImagesChangeNothing) {
     }
 }
 
+// Archives may say so.
+TEST(PointImageNeighbourhood, ManyRowsWithoutSlotsTakeNoTime) {
+    constexpr int most = std::numeric_limits<int>::max();
+    for (const Size size : {Size(0, most), Size(most, 0)}) {
+        PointImage image = make_image(size);
+        image.count_point_normal(1, 1, 2, 2, 20.0f);
+        image.find_egde_point(3, 0.3f, 4);
+        image.delete_island(1, 5.0f, 3);
+        image.delete_island_through_depth(1, 5.0f, 3, Vector3f::Zero());
+        float share = 1.0f;
+        image.plane_detect(share, 1.0f, 1);
+        EXPECT_EQ(share, 0.0f);
+        EXPECT_TRUE(image.is_legal());
+    }
+}
+
 }  // namespace

@@ -9,9 +9,8 @@ struct Target {
 };
 
 constexpr Target targets[] = {
-    {"project", project_seeds},   {"calibration", calibration_seeds},
-    {"archive", archive_seeds},   {"mesh", mesh_seeds},
-    {"text", text_seeds},         {"image", image_seeds},
+    {"archive", archive_seeds},   {"calibration", calibration_seeds}, {"debug", debug_seeds}, {"image", image_seeds},
+    {"mesh", mesh_seeds},         {"project", project_seeds},         {"text", text_seeds},
 #ifdef VEXEL_FUZZ_SETTINGS
     {"settings", settings_seeds},
 #endif

@@ -21,6 +21,7 @@ std::vector<Seed> seeds_of(std::string_view target);
 std::vector<Seed> project_seeds();
 std::vector<Seed> calibration_seeds();
 std::vector<Seed> archive_seeds();
+std::vector<Seed> debug_seeds();
 std::vector<Seed> mesh_seeds();
 std::vector<Seed> text_seeds();
 std::vector<Seed> image_seeds();

@@ -20,6 +20,7 @@ declare -A sources=(
     [archive]="foundation/archive.h foundation/Cloud.cpp foundation/CloudWithWeight.cpp foundation/PointImage.cpp
                foundation/BaseTriMesh.cpp foundation/RigidMatrix.cpp foundation/CameraInParam.cpp"
     [calibration]="readCaliData/CameraCalibration.cpp readCaliData/FormattedReader.cpp recording/calibrationText.cpp"
+    [debug]="fusiontrackoperation/DebugRecordReader.cpp fusiontrackoperation/recordFields.h"
     [image]="recording/greyPng.cpp recording/DepthImage.cpp recording/GreyPicture.cpp exposure/greyFile.cpp"
     [mesh]="recording/meshFile.cpp recording/plyMesh.cpp recording/meshReaders.h"
     [project]="fusiontrackoperation/projectFile.cpp fusiontrackoperation/sessionProject.cpp fusion/octreeFile.h

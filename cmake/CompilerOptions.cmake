@@ -26,8 +26,10 @@ function(vexel_compiler_options target)
             # What inputs reach is counted in the same build.
             target_compile_options(${target} PRIVATE -fprofile-instr-generate -fcoverage-mapping)
             target_link_options(${target} PRIVATE -fprofile-instr-generate)
-            # Vectors of one width: readers have none, and the others cost most of the time of the build.
-            target_compile_definitions(${target} PRIVATE HWY_COMPILE_ONLY_STATIC)
+            # Vectors of one width: readers have none, and the others cost most of the time of the build. Without any,
+            # Highway's stand-in would convert NaN to integers.
+            target_compile_definitions(${target} PRIVATE
+                "HWY_DISABLED_TARGETS=(HWY_SSSE3|HWY_SSE4|HWY_AVX3|HWY_AVX3_DL)")
         endif()
     endif()
 endfunction()

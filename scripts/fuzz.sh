@@ -60,8 +60,12 @@ for target in "${targets[@]}"; do
     LLVM_PROFILE_FILE=$profile "$programs/fuzz_$target" "${limits[@]}" -runs=0 -close_fd_mask=1 "$corpus/$target" \
         > /dev/null 2>&1
     llvm-profdata-14 merge -sparse "$profile" -o "out/fuzz/$target.profdata"
-    # shellcheck disable=SC2086
+    # shellcheck disable=SC2086,SC2116
+    # Without sources on the command line, because it takes those of the library for unknown.
     llvm-cov-14 report "$programs/fuzz_$target" -object build/fuzz/libVexelAlgorithm.so \
-        -instr-profile="out/fuzz/$target.profdata" ${sources[$target]} |
-        awk '/^[a-zA-Z].*\.(h|cpp)|^TOTAL/ { printf "  %-52s %6s lines, %7s reached\n", $1, $8, $10 }'
+        -instr-profile="out/fuzz/$target.profdata" 2> /dev/null |
+        awk -v wanted="$(echo ${sources[$target]})" '
+            BEGIN { split(wanted, names); for (i in names) { sub(".*/", "", names[i]); isWanted[names[i]] } }
+            { name = $1; sub(".*/", "", name) }
+            name in isWanted { printf "  %-52s %6s lines, %7s reached\n", $1, $8, $10 }'
 done

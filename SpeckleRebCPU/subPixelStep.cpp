@@ -59,9 +59,6 @@ constexpr std::size_t BLOCK = SUB_PIXEL_BLOCK;
 constexpr float GREY_SCALE = 4.0F;
 constexpr float SLOPE_SCALE = 2.0F;
 
-// Grey values from here on may be clipped, or interpolated from clipped ones.
-constexpr std::int32_t SATURATION = 252;
-
 /// What is known of a pair of pixels: the left grey value f, its second differences u and v, the derivative d of the
 /// right image and its grey value g.
 constexpr std::size_t QUANTITIES = 5;
@@ -173,30 +170,20 @@ private:
         const std::int16_t* alongX = _band.left.alongX.row(y) + first;
         const std::int16_t* alongY = _band.left.alongY.row(y) + first;
         for (std::size_t i = 0; i < BLOCK; i += lanes) {
-            const auto own = hn::Load(di, grey + i), pair = hn::Load(di, pixels + i);
-            const auto is_counted =
-                hn::And(hn::Ne(hn::Load(di, counts + i), hn::Zero(di)), is_below_saturation(own, pair));
+            const auto counted = hn::Load(di, counts + i);
+            const auto is_counted = hn::Ne(counted, hn::Zero(di));
             const auto store = [&](std::vector<std::int16_t>& values, IntVec value) {
                 hn::StoreU(hn::DemoteTo(ShortTag(), hn::IfThenElseZero(is_counted, value)), ShortTag(),
                            values.data() + first + i);
             };
-            store(row.count, hn::Set(di, 1));
-            store(row.values[F], hn::ShiftLeft<2>(hn::Sub(own, hn::Set(di, 128))));
+            store(row.count, counted);
+            store(row.values[F], hn::ShiftLeft<2>(hn::Sub(hn::Load(di, grey + i), hn::Set(di, 128))));
             store(row.values[U], hn::PromoteTo(di, hn::LoadU(ShortTag(), alongX + i)));
             store(row.values[V], hn::PromoteTo(di, hn::LoadU(ShortTag(), alongY + i)));
-            const auto [value, slope] = interpolated(pair, hn::Load(d, fraction + i));
+            const auto [value, slope] = interpolated(hn::Load(di, pixels + i), hn::Load(d, fraction + i));
             store(row.values[D], hn::NearestInt(hn::Mul(slope, hn::Set(d, SLOPE_SCALE))));
             store(row.values[G], hn::NearestInt(hn::Mul(hn::Sub(value, hn::Set(d, 128.0F)), hn::Set(d, GREY_SCALE))));
         }
-    }
-
-    /// The left pixel and the two right ones beside the position.
-    static hn::Mask<IntTag> is_below_saturation(IntVec left, IntVec right) {
-        const IntTag di;
-        const auto byte = hn::Set(di, 255);
-        const auto brightest =
-            hn::Max(left, hn::Max(hn::And(hn::ShiftRight<8>(right), byte), hn::And(hn::ShiftRight<16>(right), byte)));
-        return hn::Lt(brightest, hn::Set(di, SATURATION));
     }
 
     struct Interpolated {

@@ -40,11 +40,9 @@ SubPixelWeights sub_pixel_weights(const SubPixelTask& task);
 /// difference of blur adds the second derivatives of the image (M. Subbarao and G. Surya, "Depth from defocus: a
 /// spatial domain approach", 1994). Left out, it costs more than the noise of the cameras does.
 ///
-/// Pixels without a facet, outside the cover or the right image do not count, nor do those that may be clipped, on
-/// either side: a clipped pixel says nothing of the place, and where highlights move over the surface from one camera
-/// to the other it is clipped in one image only. `step` (pixels, to be added to the parallax) and `score` (correlation
-/// at the present parallax) are written for every slot: NaN and 0 where less than a quarter of the window counts or its
-/// grey values are all but equal.
+/// Pixels without a facet, outside the cover or the right image do not count. `step` (pixels, to be added to the
+/// parallax) and `score` (correlation at the present parallax) are written for every slot: NaN and 0 where less than a
+/// quarter of the window counts or its grey values are all but equal.
 void find_sub_pixel_steps(const SubPixelTask& task, const ParallaxField& field, int threads, Raster<float>& step,
                           Raster<float>& score);
 

@@ -286,7 +286,7 @@ TEST(RecordingBadInput, EveryDamageOfDepthFramesIsNamed) {
 TEST(RecordingBadInput, EveryDamageOfPairsIsNamed) {
     const char *left = "frame-000002.left.png", *right = "frame-000002.right.png";
     const auto png = [](int width, int height) { return png_of(cv::Mat(height, width, CV_8UC1, cv::Scalar(9))); };
-    const Damage damages[] = {
+    const Damage pairDamages[] = {
         {[](const fs::path& folder) { fs::remove_all(folder); }, "", "there is no recording folder"},
         {empty_folder, "", "holds no stereo pairs"},
         {drop(right), right, "is missing"},
@@ -309,7 +309,7 @@ TEST(RecordingBadInput, EveryDamageOfPairsIsNamed) {
         const Outcome<StereoImages> images = read_pair(recording->pairs().back(), recording->image_size());
         return images ? "" : images.failure().reason;
     };
-    for (const Damage& damage : damages) expect_named(damage, write, fault_of);
+    for (const Damage& damage : pairDamages) expect_named(damage, write, fault_of);
 }
 
 // The decoder would ask for 512 MiB before it reads the first pixel.

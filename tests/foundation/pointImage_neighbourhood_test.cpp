@@ -502,7 +502,7 @@ TEST(PointImageNeighbourhood, MeaninglessLimitsAndBrokenImagesChangeNothing) {
 // Archives may say so.
 TEST(PointImageNeighbourhood, ManyRowsWithoutSlotsTakeNoTime) {
     constexpr int most = std::numeric_limits<int>::max();
-    for (const Size size : {Size(0, most), Size(most, 0)}) {
+    for (const Size& size : {Size(0, most), Size(most, 0)}) {
         PointImage image = make_image(size);
         image.count_point_normal(1, 1, 2, 2, 20.0f);
         image.find_egde_point(3, 0.3f, 4);

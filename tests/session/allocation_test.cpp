@@ -11,7 +11,7 @@ std::atomic<std::size_t> largest{0};  // bytes of the largest allocation since i
 
 }  // namespace
 
-// All other forms end in these two.
+// All other forms end in these.
 void* operator new(std::size_t bytes) {
     std::size_t seen = largest;
     while (bytes > seen && !largest.compare_exchange_weak(seen, bytes)) {
@@ -21,6 +21,9 @@ void* operator new(std::size_t bytes) {
 }
 void operator delete(void* memory) noexcept {
     std::free(memory);
+}
+void operator delete(void* memory, std::size_t) noexcept {
+    operator delete(memory);
 }
 
 namespace VexelAlgorithm {

@@ -24,6 +24,7 @@ protected:
         centre = *std::min_element(
             cloud.get_vCoords().begin(), cloud.get_vCoords().end(),
             [&](const Vector3f& a, const Vector3f& b) { return distance(a, low, high) < distance(b, low, high); });
+        for (const int i : selection()) around.add_vCoord(cloud.get_vCoord(static_cast<std::size_t>(i)));
     }
     static float distance(const Vector3f& p, const Vector3f& low, const Vector3f& high) {
         return (p - 0.5F * (low + high)).head<2>().norm();
@@ -37,31 +38,27 @@ protected:
         }
         return selected;
     }
-    Cloud around_centre(float spacing) const {
-        Cloud cloud;
-        for (float x = -radius; x <= radius; x += spacing) {
-            for (float y = -radius; y <= radius; y += spacing) {
-                for (float z = -radius; z <= radius; z += spacing) {
-                    const Vector3f offset(x, y, z);
-                    if (offset.norm() <= radius) cloud.add_vCoord(centre + offset);
-                }
-            }
+    /// The points inside or outside, as bytes, so that equal means the same bits.
+    template <class Points>
+    std::set<std::array<float, 3>> points_at(const Points& points, bool inside, float margin) const {
+        std::set<std::array<float, 3>> found;
+        for (const Vector3f& p : points) {
+            if (is_inside(p, margin) == inside) found.insert({p.x(), p.y(), p.z()});
         }
-        return cloud;
+        return found;
     }
     template <class Points>
     std::size_t count_inside(const Points& points, float margin) const {
-        return static_cast<std::size_t>(
-            std::count_if(points.begin(), points.end(), [&](const Vector3f& p) { return is_inside(p, margin); }));
+        return points_at(points, true, margin).size();
     }
-    /// As bytes, so that equal means the same bits.
     template <class Points>
-    std::set<std::array<float, 3>> far_away(const Points& points) const {
-        std::set<std::array<float, 3>> far;
-        for (const Vector3f& p : points) {
-            if (!is_inside(p, 4 * voxel)) far.insert({p.x(), p.y(), p.z()});
-        }
-        return far;
+    auto far_away(const Points& points) const {
+        return points_at(points, false, 4 * voxel);
+    }
+    /// At its true pose.
+    void fuse_one(void* to, int i) const {
+        int microseconds = 0;
+        ASSERT_TRUE(fusion(to, frame(i), scan.sequence.pose_in_model(i), microseconds));
     }
 
     /// Rendered once.
@@ -76,6 +73,7 @@ protected:
     const float voxel = scan.records.fusion.pointDis;
     const float radius = 20.0F;
     Vector3f centre;
+    Cloud around;  // display points around the centre
 };
 
 TEST_F(Editing, SelectedSurfaceIsGoneEverywhereAndTheScanGoesOn) {
@@ -93,7 +91,7 @@ TEST_F(Editing, SelectedSurfaceIsGoneEverywhereAndTheScanGoesOn) {
     // By index, by place, by marks in a copy: the same surface in the same way, from the same beginning.
     const std::function<RetVal()> edits[] = {
         [&] { return delete_selected_point(session, selected); },
-        [&] { return delete_point_when_scan(session, around_centre(voxel), voxel); },
+        [&] { return delete_point_when_scan(session, around, 2 * voxel); },
         [&] { return delete_point_when_scan_accord_delete(session, marked); },
     };
     for (const auto& edit : edits) {
@@ -121,7 +119,7 @@ TEST_F(Editing, SelectedSurfaceIsGoneEverywhereAndTheScanGoesOn) {
     // With a frame before, which guides the prediction.
     ASSERT_TRUE(session.step(frame(2)));
     const int predicted = session.state().predictionValid;
-    ASSERT_EQ(delete_point_when_scan(session, around_centre(voxel), voxel), RET_SUCCESS);
+    ASSERT_EQ(delete_point_when_scan(session, around, 2 * voxel), RET_SUCCESS);
     ASSERT_TRUE(session.step(frame(2)));
     EXPECT_LT(session.state().predictionValid, predicted - 100);
 }
@@ -129,24 +127,13 @@ TEST_F(Editing, SelectedSurfaceIsGoneEverywhereAndTheScanGoesOn) {
 TEST_F(Editing, UnstableSurfaceIsWhatTheNoiseFilterLeavesOut) {
     ASSERT_EQ(fusion_reset(session), RET_SUCCESS);
     ASSERT_TRUE(session.step(frame(0)));
-    int microseconds = 0;
     const std::size_t stable = get_show_data(session).get_vn();
-    ASSERT_TRUE(fusion(session, frame(12), scan.sequence.pose_in_model(12), microseconds));
+    fuse_one(session, 12);
     ASSERT_GT(get_show_data(session).get_vn(), stable + 100U);
     ASSERT_EQ(delete_unStable(session, 3), RET_SUCCESS);
     const std::size_t left = get_show_data(session).get_vn();
     EXPECT_NEAR(static_cast<double>(left), static_cast<double>(stable), 0.02 * static_cast<double>(stable));
     EXPECT_EQ(get_show_data_filter_noise(session).get_vn(), left);
-}
-
-TEST_F(Editing, WithoutSurfaceTheNextFrameIsAFirstOne) {
-    std::vector<int> all(get_show_data(session).get_vn());
-    for (std::size_t i = 0; i < all.size(); ++i) all[i] = static_cast<int>(i);
-    ASSERT_EQ(delete_selected_point(session, all), RET_SUCCESS);
-    EXPECT_EQ(get_show_data(session).get_vn(), 0U);
-    EXPECT_EQ(session.mesh().get_fn(), 0U);
-    ASSERT_TRUE(session.step(frame(2)));
-    EXPECT_EQ(session.state().outcome, FrameOutcome::FirstFrame);
 }
 
 /// What the used leaves hold, in an order that does not depend on their ids.
@@ -157,13 +144,11 @@ struct VolumeContent {
         const ProjectLayout layout(bytes);
         for (std::size_t i = 0; i < layout.used; ++i) {
             const std::size_t record = layout.records + 40 * i;
-            counts.push_back(number_at<std::int32_t>(bytes, record + 4));
+            counts.push_back(static_cast<float>(number_at<std::int32_t>(bytes, record + 4)));
             sums.push_back(number_at<float>(bytes, record + 8));
             weights.push_back(number_at<float>(bytes, record + 12));
         }
-        std::sort(counts.begin(), counts.end());
-        std::sort(sums.begin(), sums.end());
-        std::sort(weights.begin(), weights.end());
+        for (auto* values : {&counts, &sums, &weights}) std::sort(values->begin(), values->end());
     }
     void expect_near(const VolumeContent& other) const {
         ASSERT_EQ(counts, other.counts);
@@ -172,19 +157,20 @@ struct VolumeContent {
             ASSERT_NEAR(weights[i], other.weights[i], 1e-5F);
         }
     }
-    std::vector<std::int32_t> counts;
-    std::vector<float> sums, weights;
+    std::vector<float> counts, sums, weights;
 };
 
 class FrameEditing : public Editing {
 protected:
-    /// Fuses frames of the scan at their true poses, the volume being at one place.
-    void fuse(void* to, const std::vector<int>& frames) {
+    /// Fuses frames, the volume being at one place; the last one with another range where one is given.
+    void fuse(void* to, const std::vector<int>& frames, int lastRange = 0) {
         ASSERT_EQ(fusion_reset(to), RET_SUCCESS);
         ASSERT_EQ(set_treeShift(to, {-1024, -1024, -700}), RET_SUCCESS);
-        int microseconds = 0;
-        for (const int i : frames) {
-            ASSERT_TRUE(fusion(to, frame(i), scan.sequence.pose_in_model(i), microseconds));
+        for (const int& i : frames) {
+            if (lastRange != 0 && &i == &frames.back()) {
+                ASSERT_EQ(fusion_set_fusionrange(to, lastRange), RET_SUCCESS);
+            }
+            fuse_one(to, i);
         }
     }
     std::vector<int> every_slot(std::size_t first, std::size_t step) const {
@@ -197,36 +183,33 @@ protected:
 
 TEST_F(FrameEditing, AFrameTakenOutLeavesTheVolumeOfTheOthers) {
     const int far = 12;  // sees places that the others do not
-    const std::vector<int> even = every_slot(0, 2), odd = every_slot(1, 2);
-    const Cloud everywhere = around_centre(radius);
+    const std::vector<int> even = every_slot(0, 2), odd = every_slot(1, 2), twoFrames = {3, 1, 3};
+    const auto half_by_half = [&] {
+        EXPECT_EQ(delete_single_frame_point(session, 1, even), RET_SUCCESS);
+        EXPECT_EQ(printed([&] { delete_single_frame_point(session, 1, even); }),
+                  can_not("delete_single_frame_point", "none of the selected points was fused"));
+        return delete_single_frame_point_tbb(session, 1, odd);
+    };
     const struct {
         std::vector<int> fused;
         std::function<RetVal()> edit;
-        std::vector<int> left;
+        std::vector<int> left = {0, 2};
+        int lastRange = 0;
     } cases[] = {
-        {{0, far, 2}, [&] { return delete_frame_point(session, 1); }, {0, 2}},
-        {{0, 2, far}, [&] { return delete_key_frame(session, 2); }, {0, 2}},
+        {{0, far, 2}, [&] { return delete_frame_point(session, 1); }},
+        {{0, 2, far}, [&] { return delete_key_frame(session, 2); }},
         // The first one was integrated three times.
         {{0, far, far, far, 2}, [&] { return delete_frame_point(session, 0); }, {far, 2}},
-        {{0, far, 2, 5},
-         [&] {
-             return delete_frame_point_new(session, {3, 1, 3});
-         },
-         {0, 2}},
-        {{0, far, 2}, [&] { return map_on_frame_delete_point(session, 1, everywhere, 1e6F); }, {0, 2}},
-        {{0, far, 2},
-         [&] {
-             EXPECT_EQ(delete_single_frame_point(session, 1, even), RET_SUCCESS);
-             EXPECT_EQ(printed([&] { delete_single_frame_point(session, 1, even); }),
-                       can_not("delete_single_frame_point", "none of the selected points was fused"));
-             return delete_single_frame_point_tbb(session, 1, odd);
-         },
-         {0, 2}},
+        {{0, far, 2, 5}, [&] { return delete_frame_point_new(session, twoFrames); }},
+        {{0, far, 2}, [&] { return map_on_frame_delete_point(session, 1, around, 1e6F); }},
+        {{0, far, 2}, half_by_half},
+        // Only what the settings of its time added is taken out.
+        {{0, far, 2}, [&] { return delete_frame_point(session, 1); }, {0, 2}, 3},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(&c - cases);
-        fuse(session, c.fused);
-        fuse(other, c.left);
+        fuse(session, c.fused, c.lastRange);
+        fuse(other, c.left, c.lastRange);
         const std::size_t before = VolumeContent(session).counts.size();
         ASSERT_EQ(c.edit(), RET_SUCCESS);
         const VolumeContent content(session);
@@ -239,30 +222,11 @@ TEST_F(FrameEditing, AFrameTakenOutLeavesTheVolumeOfTheOthers) {
     }
 }
 
-TEST_F(FrameEditing, OnlyWhatTheSettingsOfItsTimeAddedIsTakenOut) {
-    fuse(session, {0, 12});
-    ASSERT_EQ(fusion_set_fusionrange(session, 3), RET_SUCCESS);
-    int microseconds = 0;
-    ASSERT_TRUE(fusion(session, frame(2), scan.sequence.pose_in_model(2), microseconds));
-    ASSERT_EQ(delete_frame_point(session, 1), RET_SUCCESS);
-    fuse(other, {0});
-    ASSERT_EQ(fusion_set_fusionrange(other, 3), RET_SUCCESS);
-    ASSERT_TRUE(fusion(other, frame(2), scan.sequence.pose_in_model(2), microseconds));
-    VolumeContent(session).expect_near(VolumeContent(other));
-}
-
 TEST_F(FrameEditing, WhatWasDeletedBeforeIsNotSubtractedOnceMore) {
     fuse(session, {0, 1});
-    ASSERT_EQ(delete_point_when_scan(session, around_centre(voxel), voxel), RET_SUCCESS);
-    int microseconds = 0;
-    ASSERT_TRUE(fusion(session, frame(2), scan.sequence.pose_in_model(2), microseconds));
-    const auto inside = [&] {
-        std::set<std::array<float, 3>> points;
-        for (const Vector3f& p : get_show_data(session).get_vCoords()) {
-            if (is_inside(p, -4 * voxel)) points.insert({p.x(), p.y(), p.z()});
-        }
-        return points;
-    };
+    ASSERT_EQ(delete_point_when_scan(session, around, 2 * voxel), RET_SUCCESS);
+    fuse_one(session, 2);
+    const auto inside = [&] { return points_at(get_show_data(session).get_vCoords(), true, -4 * voxel); };
     const auto before = inside();
     ASSERT_GT(before.size(), 50U);
     ASSERT_EQ(delete_frame_point(session, 1), RET_SUCCESS);
@@ -353,7 +317,7 @@ TEST_F(FrameEditing, RecordedEditsAreRepeatedToTheLastBit) {
         record(true);
         const std::vector<int> shown = selection();  // display calls are not repeated
         EXPECT_EQ(delete_selected_point(session, {shown.begin(), shown.begin() + 40}), RET_SUCCESS);
-        EXPECT_EQ(delete_point_when_scan(session, around_centre(voxel), 0.5F * voxel), RET_SUCCESS);
+        EXPECT_EQ(delete_point_when_scan(session, around, 0.5F * voxel), RET_SUCCESS);
         EXPECT_EQ(delete_single_frame_point(session, 1, every_slot(0, 3)), RET_SUCCESS);
         EXPECT_EQ(fusion_single_frame_filtering_using_tsdf(session, 1, 0.02F * voxel), RET_SUCCESS);
         EXPECT_EQ(delete_frame_point_new(session, {2, 3}), RET_SUCCESS);
@@ -385,13 +349,6 @@ TEST_F(FrameEditing, RecordedEditsAreRepeatedToTheLastBit) {
     EXPECT_EQ(other.bytes(), session.bytes());
 }
 
-struct EditCall {
-    const char* name;
-    std::function<RetVal(void*)> call;
-    std::string reason;
-    RetVal result = RET_INPUT_ERROR;
-};
-
 TEST_F(Editing, WhatCannotBeSelectedIsRefusedWithOneLine) {
     const int shown = static_cast<int>(get_show_data(session).get_vn());
     const auto out_of_range = [&](int i) {
@@ -401,88 +358,58 @@ TEST_F(Editing, WhatCannotBeSelectedIsRefusedWithOneLine) {
     farAway.add_vCoord({1e6F, 0, 0});
     notANumber.add_vCoord({kNaN, 0, 0});
     uneven.set_vNrvs({Vector3f(0, 0, 1)});
-    const Cloud some = around_centre(voxel);
     const int most = std::numeric_limits<int>::max();
-    const char *selected = "delete_selected_point", *near = "delete_point_when_scan",
-               *marked = "delete_point_when_scan_accord_delete", *map = "map_on_frame_delete_point",
-               *filter = "fusion_single_frame_filtering_using_tsdf",
-               *mark = "fusion_nonrigid_delete_points_through_tsdf";
     const std::string empty = "no point is selected", noRadius = "radius is not a positive number",
-                      noDistance = "distance is not a positive number";
-    const EditCall calls[] = {
-        {selected, [&](void* s) { return delete_selected_point(s, {}); }, empty},
-        {selected,
-         [&](void* s) {
-             return delete_selected_point(s, {0, -1});
-         },
-         out_of_range(-1)},
-        {selected,
-         [&](void* s) {
-             return delete_selected_point(s, {0, shown});
-         },
-         out_of_range(shown)},
-        {selected,
-         [&](void* s) {
-             return delete_selected_point(s, {most, 1});
-         },
-         out_of_range(most)},
-        {near, [&](void* s) { return delete_point_when_scan(s, none, 1); }, empty},
-        {near, [&](void* s) { return delete_point_when_scan(s, notANumber, 1); }, empty},
-        {near, [&](void* s) { return delete_point_when_scan(s, farAway, 1); }, "no surface is near the points"},
-        {near, [&](void* s) { return delete_point_when_scan(s, some, 0); }, noRadius},
-        {near, [&](void* s) { return delete_point_when_scan(s, some, kNaN); }, noRadius},
-        {marked, [&](void* s) { return delete_point_when_scan_accord_delete(s, none); }, empty},
-        {marked, [&](void* s) { return delete_point_when_scan_accord_delete(s, some); }, empty},
-        {marked, [&](void* s) { return delete_point_when_scan_accord_delete(s, uneven); },
-         "the cloud's attributes differ in length"},
-        {"delete_unStable", [&](void* s) { return delete_unStable(s, 1); }, "minContributions is not above 1"},
-        {"delete_frame_point", [&](void* s) { return delete_frame_point(s, -1); }, "frame -1 is not kept"},
-        {"delete_frame_point_new", [&](void* s) { return delete_frame_point_new(s, {}); }, "no frame is selected"},
-        {"delete_frame_point_new",
-         [&](void* s) {
-             return delete_frame_point_new(s, {0, most});
-         },
-         "frame 2147483647 is not kept"},
-        {"delete_key_frame", [&](void* s) { return delete_key_frame(s, 3); }, "frame 3 is not kept"},
-        {"delete_single_frame_point", [&](void* s) { return delete_single_frame_point(s, 0, {}); }, empty},
-        {"delete_single_frame_point",
-         [&](void* s) {
-             return delete_single_frame_point(s, 0, {5, -1});
-         },
-         "index -1 is out of range, a frame has 20480 points"},
-        {"delete_single_frame_point_tbb", [&](void* s) { return delete_single_frame_point_tbb(s, 0, {20480}); },
-         "index 20480 is out of range, a frame has 20480 points"},
-        {"delete_single_frame_point_tbb", [&](void* s) { return delete_single_frame_point_tbb(s, 7, {1}); },
-         "frame 7 is not kept"},
-        {map, [&](void* s) { return map_on_frame_delete_point(s, 0, none, 1); }, empty},
-        {map, [&](void* s) { return map_on_frame_delete_point(s, 0, some, -1); }, noRadius},
-        {map, [&](void* s) { return map_on_frame_delete_point(s, 9, some, 1); }, "frame 9 is not kept"},
-        {map, [&](void* s) { return map_on_frame_delete_point(s, 0, farAway, 1); },
-         "no point of the frame is near the points"},
-        {filter, [&](void* s) { return fusion_single_frame_filtering_using_tsdf(s, 0, kNaN); }, noDistance},
-        {filter, [&](void* s) { return fusion_single_frame_filtering_using_tsdf(s, 9, 1); }, "frame 9 is not kept"},
-        {mark, [&](void* s) { return fusion_nonrigid_delete_points_through_tsdf(s, none, 1); }, "there are no points"},
-        {mark, [&](void* s) { return fusion_nonrigid_delete_points_through_tsdf(s, farAway, 0); }, noDistance},
-        {"fusion_nonrigid_gpu_delete_points_through_tsdf",
-         [&](void* s) { return fusion_nonrigid_gpu_delete_points_through_tsdf(s, uneven, 1); },
-         "the cloud's attributes differ in length"},
-        {"set_kept_frame_memory", [&](void* s) { return set_kept_frame_memory(s, -1); }, "mebibytes is negative"},
-    };
+                      noDistance = "distance is not a positive number",
+                      lengths = "the cloud's attributes differ in length";
     const std::string before = session.bytes();
-    for (const EditCall& c : calls) {
-        SCOPED_TRACE(c.name);
-        EXPECT_EQ(printed([&] { EXPECT_EQ(c.call(session), c.result); }), can_not(c.name, c.reason));
-        EXPECT_EQ(printed([&] { EXPECT_EQ(c.call(nullptr), RET_INI_ERROR); }), can_not(c.name, "pFusionTrack = NULL"));
-    }
+    expect_refused(
+        session,
+        {
+            REFUSED(delete_selected_point, empty, {}),
+            REFUSED(delete_selected_point, out_of_range(-1), {0, -1}),
+            REFUSED(delete_selected_point, out_of_range(shown), {0, shown}),
+            REFUSED(delete_selected_point, out_of_range(most), {most, 1}),
+            REFUSED(delete_point_when_scan, empty, none, 1),
+            REFUSED(delete_point_when_scan, empty, notANumber, 1),
+            REFUSED(delete_point_when_scan, "no surface is near the points", farAway, 1),
+            REFUSED(delete_point_when_scan, noRadius, around, 0),
+            REFUSED(delete_point_when_scan, noRadius, around, kNaN),
+            REFUSED(delete_point_when_scan_accord_delete, empty, none),
+            REFUSED(delete_point_when_scan_accord_delete, empty, around),
+            REFUSED(delete_point_when_scan_accord_delete, lengths, uneven),
+            REFUSED(delete_unStable, "minContributions is not above 1", 1),
+            REFUSED(delete_frame_point, "frame -1 is not kept", -1),
+            REFUSED(delete_frame_point_new, "no frame is selected", {}),
+            REFUSED(delete_frame_point_new, "frame 2147483647 is not kept", {0, most}),
+            REFUSED(delete_key_frame, "frame 3 is not kept", 3),
+            REFUSED(delete_single_frame_point, empty, 0, {}),
+            REFUSED(delete_single_frame_point, "index -1 is out of range, a frame has 20480 points", 0, {5, -1}),
+            REFUSED(delete_single_frame_point_tbb, "index 20480 is out of range, a frame has 20480 points", 0, {20480}),
+            REFUSED(delete_single_frame_point_tbb, "frame 7 is not kept", 7, {1}),
+            REFUSED(map_on_frame_delete_point, empty, 0, none, 1),
+            REFUSED(map_on_frame_delete_point, noRadius, 0, around, -1),
+            REFUSED(map_on_frame_delete_point, "frame 9 is not kept", 9, around, 1),
+            REFUSED(map_on_frame_delete_point, "no point of the frame is near the points", 0, farAway, 1),
+            REFUSED(fusion_single_frame_filtering_using_tsdf, noDistance, 0, kNaN),
+            REFUSED(fusion_single_frame_filtering_using_tsdf, "frame 9 is not kept", 9, 1),
+            REFUSED(fusion_nonrigid_delete_points_through_tsdf, "there are no points", none, 1),
+            REFUSED(fusion_nonrigid_delete_points_through_tsdf, noDistance, farAway, 0),
+            REFUSED(fusion_nonrigid_gpu_delete_points_through_tsdf, lengths, uneven, 1),
+            REFUSED(set_kept_frame_memory, "mebibytes is negative", -1),
+        });
     EXPECT_EQ(session.bytes(), before);
 
-    // Repeated indices, a radius beyond everything, and an empty model.
+    // Repeated indices, a radius beyond everything, and an empty model, in which the next frame is a first one.
     EXPECT_EQ(delete_selected_point(session, std::vector<int>(1000, 7)), RET_SUCCESS);
-    EXPECT_EQ(delete_point_when_scan(session, some, 1e30F), RET_SUCCESS);
+    EXPECT_EQ(delete_point_when_scan(session, around, 1e30F), RET_SUCCESS);
     EXPECT_EQ(get_show_data(session).get_vn(), 0U);
+    EXPECT_EQ(session.mesh().get_fn(), 0U);
     EXPECT_EQ(printed([&] { EXPECT_EQ(delete_unStable(session, 3), RET_STATE_ERROR); }),
               can_not("delete_unStable", "the model is empty"));
     EXPECT_EQ(delete_selected_point(session, {0}), RET_INPUT_ERROR);
+    ASSERT_TRUE(session.step(frame(2)));
+    EXPECT_EQ(session.state().outcome, FrameOutcome::FirstFrame);
 }
 
 }  // namespace

@@ -104,30 +104,19 @@ TEST_F(ResultSettingsTest, CountsAndDumpsAgreeWithWhatIsThere) {
 
 TEST_F(ResultSettingsTest, BadValuesAreRefusedWithOneLine) {
     const std::string before = session.mesh_bytes(), folder = VexelTest::TemporaryFolder().path().string();
-    const std::string window = "window is not between ", ratio = "ratio is negative or not a number";
-    const struct {
-        const char* name;
-        std::function<RetVal(void*)> call;
-        std::string reason;
-        RetVal result = RET_INPUT_ERROR;
-    } cases[] = {
-        {"reset_final_gauss_smooth_window", [](void* s) { return reset_final_gauss_smooth_window(s, -1); },
-         window + "0 and 64"},
-        {"reset_final_normal_window", [](void* s) { return reset_final_normal_window(s, 65); }, window + "1 and 64"},
-        {"reset_final_isolated_island_delete", [](void* s) { return reset_final_isolated_island_delete(s, -5); },
-         "triangles is not between 0 and 2147483647"},
-        {"reset_delete_distance_ratio_with_tanget_plane",
-         [](void* s) { return reset_delete_distance_ratio_with_tanget_plane(s, kNaN); }, ratio},
-        {"output_tree", [](void* s) { return output_tree(s, ""); }, "the path is empty"},
-        {"output_whole_tree", [&](void* s) { return output_whole_tree(s, folder + "/x"); },
-         folder + "/x cannot be written", RET_RUN_FAIL},
-        {"output_operate_record", [](void* s) { return output_operate_record(s, ""); }, "the path is empty"},
-    };
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.name);
-        EXPECT_EQ(printed([&] { EXPECT_EQ(c.call(session), c.result); }), can_not(c.name, c.reason));
-        EXPECT_EQ(printed([&] { EXPECT_EQ(c.call(nullptr), RET_INI_ERROR); }), can_not(c.name, "pFusionTrack = NULL"));
-    }
+    const std::string window = "window is not between ";
+    RefusedCall unwritable = REFUSED(output_whole_tree, folder + "/x cannot be written", folder + "/x");
+    unwritable.result = RET_RUN_FAIL;
+    expect_refused(
+        session, {
+                     REFUSED(reset_final_gauss_smooth_window, window + "0 and 64", -1),
+                     REFUSED(reset_final_normal_window, window + "1 and 64", 65),
+                     REFUSED(reset_final_isolated_island_delete, "triangles is not between 0 and 2147483647", -5),
+                     REFUSED(reset_delete_distance_ratio_with_tanget_plane, "ratio is negative or not a number", kNaN),
+                     REFUSED(output_tree, "the path is empty", ""),
+                     unwritable,
+                     REFUSED(output_operate_record, "the path is empty", ""),
+                 });
     EXPECT_EQ(session.mesh_bytes(), before);
     EXPECT_EQ(printed([] { EXPECT_EQ(set_fusion_result_opt(nullptr, true, true, true), RET_INI_ERROR); }),
               can_not("set_fusion_result_opt", "pFusionTrack = NULL"));

@@ -115,6 +115,28 @@ private:
     void* _handle = nullptr;
 };
 
+/// A call on a handle that is refused with one line.
+struct RefusedCall {
+    const char* name;
+    std::function<RetVal(void*)> call;
+    std::string reason;
+    RetVal result = RET_INPUT_ERROR;
+};
+/// The call `function(handle, ...)`.
+#define REFUSED(function, reason, ...)                                       \
+    RefusedCall {                                                            \
+#        function, [&](void* s) { return function(s, __VA_ARGS__); }, reason \
+    }
+
+/// With its own line by this session, and with that of the missing handle by none.
+inline void expect_refused(void* session, const std::vector<RefusedCall>& calls) {
+    for (const RefusedCall& c : calls) {
+        SCOPED_TRACE(c.name);
+        EXPECT_EQ(printed([&] { EXPECT_EQ(c.call(session), c.result); }), can_not(c.name, c.reason));
+        EXPECT_EQ(printed([&] { EXPECT_EQ(c.call(nullptr), RET_INI_ERROR); }), can_not(c.name, "pFusionTrack = NULL"));
+    }
+}
+
 inline double mean_of(const std::vector<double>& values) {
     return std::accumulate(values.begin(), values.end(), 0.0) / static_cast<double>(values.size());
 }

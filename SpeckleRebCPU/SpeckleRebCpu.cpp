@@ -1,7 +1,6 @@
 #include "SpeckleRebCPU/SpeckleRebCpu.h"
 
 #include <algorithm>
-#include <chrono>
 #include <cmath>
 #include <string_view>
 #include <utility>
@@ -12,6 +11,7 @@
 #include "SpeckleRebCPU/subPixelStep.h"
 #include "SpeckleRebCPU/surfaceEdges.h"
 #include "SpeckleRebCPU/verifyMatch.h"
+#include "foundation/Stopwatch.h"
 #include "foundation/diagnostics.h"
 #include "foundation/parallel.h"
 
@@ -71,18 +71,6 @@ constexpr int CELL_SIZE = 16;
 constexpr int EDGE_TRIM = 4;             // pixels
 constexpr float LEAST_EDGE_STEP = 3.0F;  // grey values
 constexpr float NORMAL_SIGMA = 0.24F;    // windows
-
-class Stopwatch {
-public:
-    int elapsed_ms() const {
-        const auto elapsed = std::chrono::steady_clock::now() - _start;
-        const auto microseconds = std::chrono::duration_cast<std::chrono::microseconds>(elapsed).count();
-        return static_cast<int>(static_cast<double>(microseconds) / 1000.0);
-    }
-
-private:
-    std::chrono::steady_clock::time_point _start = std::chrono::steady_clock::now();
-};
 
 /// The parallax search range in sampled pixels, no wider than the image is.
 std::pair<int, int> sampled_range(const Vector2i& range, int sample, int width) {
@@ -153,7 +141,7 @@ RetVal SpeckleRebCpu::run(const unsigned char* left, const unsigned char* right,
     refine(NAMES);
     remove_noise(NAMES);
     write_result(NAMES, result);
-    timeMs = watch.elapsed_ms();
+    timeMs = static_cast<int>(watch.milliseconds());
     return RET_SUCCESS;
 }
 
@@ -176,7 +164,7 @@ RetVal SpeckleRebCpu::run_pixMatch(const unsigned char* left, const unsigned cha
     if (!prepare_images(left, right, NAMES))
         return left == nullptr || right == nullptr ? RET_INPUT_ERROR : RET_RUN_FAIL;
     if (!match_to_depth_range(NAMES)) return RET_RUN_FAIL;
-    timeMs = watch.elapsed_ms();
+    timeMs = static_cast<int>(watch.milliseconds());
     return RET_SUCCESS;
 }
 
@@ -209,7 +197,7 @@ RetVal SpeckleRebCpu::run_subPix(const unsigned char* left, const unsigned char*
     refine(NAMES);
     remove_noise(NAMES);
     write_result(NAMES, result);
-    timeMs = watch.elapsed_ms();
+    timeMs = static_cast<int>(watch.milliseconds());
     return RET_SUCCESS;
 }
 

@@ -6,6 +6,7 @@
 #include "apps/FuseReport.h"
 #include "apps/Progress.h"
 #include "apps/commands.h"
+#include "apps/commonOptions.h"
 #include "apps/frameSelection.h"
 #include "apps/interrupt.h"
 #include "apps/numberOptions.h"
@@ -233,9 +234,7 @@ void add_fuse_command(CLI::App& app, Command& chosen) {
                      "Pixels of the edge-preserving smoothing of each depth image, 0 for none")
         ->check(number_between(0, 16))
         ->capture_default_str();
-    command->add_option("--format", options->format, "Mesh format")
-        ->check(CLI::IsMember({"ply", "obj", "stl"}))
-        ->capture_default_str();
+    add_mesh_format_option(*command, options->format);
     command->callback([options, &chosen] { chosen = [options] { return run_fuse(*options); }; });
 }
 

@@ -6,7 +6,7 @@
 #include "apps/Rig.h"
 #include "apps/ScanSession.h"
 #include "apps/commands.h"
-#include "apps/numberOptions.h"
+#include "apps/commonOptions.h"
 #include "apps/resultFiles.h"
 #include "apps/savedScan.h"
 #include "apps/scanOptions.h"
@@ -123,12 +123,8 @@ void add_mesh_command(CLI::App& app, Command& chosen) {
     command->add_option("--out", options->out, "Folder for mesh and preview.png; the project's without it");
     command->add_option("--settings", options->settingsFile,
                         "YAML file with the settings of the project; PROJECT.yml without it");
-    command->add_option("--threads", options->threads, "Worker threads; 0 leaves it to fusion.codeNumSet")
-        ->check(number_between(0, 256))
-        ->capture_default_str();
-    command->add_option("--format", options->format, "Mesh format")
-        ->check(CLI::IsMember({"ply", "obj", "stl"}))
-        ->capture_default_str();
+    add_session_threads_option(*command, options->threads);
+    add_mesh_format_option(*command, options->format);
     command->callback([options, &chosen] { chosen = [options] { return run_mesh(*options); }; });
 }
 

@@ -1,6 +1,6 @@
 #include "apps/scanOptions.h"
 
-#include "apps/numberOptions.h"
+#include "apps/commonOptions.h"
 #include "apps/savedScan.h"
 #include "apps/settingsFile.h"
 #include "foundation/DataArchiveConfig.h"
@@ -21,12 +21,8 @@ void add_scan_options(CLI::App& command, ScanOptions& options, const std::string
     command.add_option("--settings", options.settingsFile,
                        "YAML file with settings that replace the preset's; vexel-scan settings writes one");
     command.add_option("--dump-settings", options.dumpFile, "Writes the settings used, with their documentation");
-    command.add_option("--threads", options.threads, "Worker threads; 0 leaves it to fusion.codeNumSet")
-        ->check(number_between(0, 256))
-        ->capture_default_str();
-    command.add_option("--format", options.format, "Mesh format")
-        ->check(CLI::IsMember({"ply", "obj", "stl"}))
-        ->capture_default_str();
+    add_session_threads_option(command, options.threads);
+    add_mesh_format_option(command, options.format);
     command.add_option("--debug-recording", options.debugRecording,
                        "Folder for a record of all that the session is given, for vexel-scan replay");
     command.add_option("--save-project", options.savedProject,

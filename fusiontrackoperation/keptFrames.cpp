@@ -51,9 +51,13 @@ void KeptFrames::give_back(KeptFrame& kept) {
     kept._pieces.clear();
 }
 
+std::deque<KeptFrame>::iterator KeptFrames::position_of(int index) {
+    return std::find_if(_frames.begin(), _frames.end(),
+                        [=](const KeptFrame& frame) { return frame._integration.index == index; });
+}
+
 KeptFrame* KeptFrames::find_mutable(int index) {
-    const auto at = std::find_if(_frames.begin(), _frames.end(),
-                                 [=](const KeptFrame& frame) { return frame._integration.index == index; });
+    const auto at = position_of(index);
     return at == _frames.end() ? nullptr : &*at;
 }
 
@@ -62,8 +66,7 @@ const KeptFrame* KeptFrames::find(int index) const {
 }
 
 void KeptFrames::forget(int index) {
-    const auto at = std::find_if(_frames.begin(), _frames.end(),
-                                 [=](const KeptFrame& frame) { return frame._integration.index == index; });
+    const auto at = position_of(index);
     if (at == _frames.end()) return;
     give_back(*at);
     _frames.erase(at);

@@ -101,6 +101,7 @@ public:
 private:
     using Piece = KeptFrame::Piece;
 
+    std::deque<KeptFrame>::iterator position_of(int index);
     KeptFrame* find_mutable(int index);
     bool pack(const PointImage& frame, KeptFrame& kept);
     bool take_piece(KeptFrame& kept);

@@ -53,8 +53,8 @@ Change every_point(ImageOf image, const Vector3f& point) {
 Change normals(ImageOf image, std::size_t count, const Vector3f& normal) {
     return [=](Attempt& a) { (a.*image).set_vNrvs(std::vector<Vector3f>(count, normal)); };
 }
-Change weights(float weight) {
-    return [=](Attempt& a) { a.moving.set_vWeights(std::vector<float>(a.moving.get_vn(), weight)); };
+Change weights(std::size_t count, float weight) {
+    return [=](Attempt& a) { a.moving.set_vWeights(std::vector<float>(count, weight)); };
 }
 Change start(const Vector3d& axisAngle, const Vector3d& translation) {
     return [=](Attempt& a) { a.initial = motion(axisAngle, translation); };
@@ -75,23 +75,23 @@ std::vector<Ending> endings() {
     const auto refused = [](const char* name, const Change& change, const std::string& reason) {
         return Ending{name, change, IcpEnd::BadInput, RET_INPUT_ERROR, "realTimeIcp fail because " + reason + "\n"};
     };
-    const auto attributes = [](const char* name, const Change& change) {
-        return Ending{name, change, IcpEnd::BadInput, RET_INPUT_ERROR,
-                      "!cloudFixed.is_enable_vNormal() || !cloudMove.is_enable_vNormal()|| "
-                      "!cloudMove.is_enable_vWeight()\n"};
-    };
     const auto none = [](const char* name, const Change& change, const std::string& before = "") {
         return Ending{name, change, IcpEnd::NoCorrespondences, RET_NOT_CONVERGED,
                       before + "icp False correspondNum = 0 \n"};
     };
-    const auto few = [](const char* name, const Change& change) {
-        return Ending{name, change, IcpEnd::TooFewValid, RET_NOT_CONVERGED, "icp False , vaildCorrNum too small \n"};
+    const auto ending = [](IcpEnd end, RetVal code, const std::string& lines) {
+        return [=](const char* name, const Change& change) { return Ending{name, change, end, code, lines}; };
     };
+    const auto attributes = ending(IcpEnd::BadInput, RET_INPUT_ERROR,
+                                   "!cloudFixed.is_enable_vNormal() || !cloudMove.is_enable_vNormal()|| "
+                                   "!cloudMove.is_enable_vWeight()\n");
+    const auto few = ending(IcpEnd::TooFewValid, RET_NOT_CONVERGED, "icp False , vaildCorrNum too small \n");
     const Change onlyBorder = [](Attempt& a) {
         for (std::size_t i = 0; i < a.moving.get_vn(); ++i) {
             if (i % 100 >= 4) a.moving.set_slot_empty(i);
         }
     };
+    const Change moreThanSlots = [](Attempt& a) { a.fixed.resize_vn(7501); };
     const Vector3f zero = Vector3f::Zero(), one(0, 0, 1), lens(0, 0, 1e-6F), huge = Vector3f::Constant(3e38F);
     const std::string camera = "the fixed image's camera is not usable";
     const std::string arrays = " image's arrays do not agree with its size";
@@ -109,14 +109,8 @@ std::vector<Ending> endings() {
         attributes("no moving weights", [](Attempt& a) { a.moving.disable_vWeight(); }),
         refused("one fixed normal", normals(Fixed, 1, one), "the fixed" + arrays),
         refused("one moving normal", normals(Moving, 1, one), "the moving" + arrays),
-        refused(
-            "two weights",
-            [](Attempt& a) {
-                a.moving.set_vWeights({1, 2});
-            },
-            "the moving" + arrays),
-        refused(
-            "more points than slots", [](Attempt& a) { a.fixed.resize_vn(7501); }, "the fixed" + arrays),
+        refused("two weights", weights(2, 1), "the moving" + arrays),
+        refused("more points than slots", moreThanSlots, "the fixed" + arrays),
         refused("no focal length", with_camera(0, 100, 50), camera),
         refused("NaN focal length", with_camera(100, kNaN, 50), camera),
         refused("infinite centre", with_camera(100, 100, kInfinity), camera),
@@ -140,8 +134,8 @@ std::vector<Ending> endings() {
         none("tiny normals", normals(Moving, 7500, lens)),
         none("no normals", normals(Moving, 7500, zero)),
         none("huge normals", normals(Fixed, 7500, huge)),
-        none("NaN weights", weights(kNaN)),
-        {"infinite weights", weights(kInfinity), IcpEnd::SingularSystem, RET_INI_ERROR,
+        none("NaN weights", weights(7500, kNaN)),
+        {"infinite weights", weights(7500, kInfinity), IcpEnd::SingularSystem, RET_INI_ERROR,
          "icp False covMat.determinant() is too small \n"},
         {"same image", [](Attempt& a) { a.moving = a.fixed; }, IcpEnd::ZeroDistance, RET_INPUT_ERROR,
          "Error!!!! icp failed because average distance = 0\n"},
@@ -155,9 +149,8 @@ std::vector<Ending> endings() {
 /// The particle tracker looks at the same images in the same way.
 void expect_particles_fail(ParticleTrack& tracker, const Attempt& attempt, bool isInputBad) {
     RigidMatrix result(Matrix3d::Identity(), {1, 2, 3});
-    RetVal code = RET_SUCCESS;
-    const std::string lines =
-        printed([&] { code = tracker.partical_track(attempt.fixed, attempt.moving, result, 0, nullptr); });
+    const auto [code, lines] =
+        outcome([&] { return tracker.partical_track(attempt.fixed, attempt.moving, result, 0, nullptr); });
     EXPECT_EQ(code, isInputBad ? RET_INPUT_ERROR : RET_RUN_FAIL);
     EXPECT_EQ(line_count(lines), 1) << lines;
     EXPECT_EQ(lines == "partical filter fail\n", !isInputBad) << lines;
@@ -215,16 +208,14 @@ TEST(RegistrationInput, EveryEndHasItsCodeItsLineAndItsResult) {
     }
 }
 
-struct BadSettings {
-    const char* name;
-    std::function<void(IcpSettings&)> change;
-    bool isUsable;
-    RetVal code;
-};
-
 TEST(RegistrationInput, SettingsOfTheIcp) {
     const Vector2f nan = Vector2f::Constant(kNaN), infinite = Vector2f::Constant(kInfinity);
-    const BadSettings cases[] = {
+    const struct {
+        const char* name;
+        std::function<void(IcpSettings&)> change;
+        bool isUsable;
+        RetVal code;
+    } cases[] = {
         {"negative iterations", [](auto& s) { s.iterNum = kLowest, s.iterNumFixed = kHighest; }, false, RET_INI_ERROR},
         {"no fine iteration", [](auto& s) { s.iterNumFixed = s.iterNum; }, false, RET_INI_ERROR},
         {"any number of iterations", [](auto& s) { s.iterNum = kHighest; }, true, RET_SUCCESS},
@@ -238,7 +229,7 @@ TEST(RegistrationInput, SettingsOfTheIcp) {
         {"NaN ratio", [=](auto& s) { s.corrRatio = nan; }, true, RET_SUCCESS},
     };
     const Attempt usual = usual_attempt();
-    for (const BadSettings& bad : cases) {
+    for (const auto& bad : cases) {
         SCOPED_TRACE(bad.name);
         IcpSettings settings;
         settings.threads = -7;
@@ -274,12 +265,10 @@ TEST(RegistrationInput, SettersOfTheIcpKeepWhatIsUsable) {
 
 TEST(RegistrationInput, AbsurdParametersOfParticlesEndInAFinitePose) {
     struct Parameters {
-        float threshold = 18.0F;
-        int iterNum = 3, codeNum = 2;
+        float threshold = 18.0F, minValidRatio = 0.5F, keepRatio = 0.8F;
+        int iterNum = 3, codeNum = 2, threads = 1;
         Vector3i counts{3, 3, 1};
         Vector3f sizes{10, 10, 10};
-        float minValidRatio = 0.5F, keepRatio = 0.8F;
-        int threads = 1;
     };
     std::vector<Parameters> all;
     const auto add = [&](const std::function<void(Parameters&)>& change) { change(all.emplace_back()); };

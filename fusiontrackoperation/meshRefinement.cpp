@@ -5,6 +5,8 @@
 #include <cstdint>
 #include <utility>
 
+#include "foundation/compaction.h"
+
 namespace VexelAlgorithm {
 namespace {
 
@@ -16,27 +18,6 @@ std::vector<Vector3f> normals_of(const BaseTriMesh& mesh) {
     BaseTriMesh withNormals = mesh;
     withNormals.update_VNrv();
     return withNormals.get_vNrvs();
-}
-
-void keep_vertices(BaseTriMesh& mesh, std::vector<int>& vertexAxis, const std::vector<char>& isKept) {
-    std::vector<std::int32_t> places(mesh.get_vn(), -1);
-    std::vector<Vector3f> vertices;
-    std::vector<int> axes;
-    for (std::size_t i = 0; i < isKept.size(); ++i) {
-        if (isKept[i] == 0) continue;
-        places[i] = static_cast<std::int32_t>(vertices.size());
-        vertices.push_back(mesh.get_vCoord(i));
-        axes.push_back(vertexAxis[i]);
-    }
-    std::vector<BaseTriFace> faces;
-    for (const BaseTriFace& face : mesh.get_faces()) {
-        BaseTriFace moved;
-        for (int k = 0; k < 3; ++k) moved[k] = places[corner(face, k)];
-        if (moved[0] >= 0 && moved[1] >= 0 && moved[2] >= 0) faces.push_back(moved);
-    }
-    mesh.set_vCoords(std::move(vertices));
-    mesh.set_faces(std::move(faces));
-    vertexAxis = std::move(axes);
 }
 
 }  // namespace
@@ -107,8 +88,8 @@ void delete_off_tangent_plane(BaseTriMesh& mesh, std::vector<int>& vertexAxis, f
     if (!(ratio > 0.0F)) return;
     const VertexNeighbours neighbours(mesh);
     const std::vector<Vector3f> normals = normals_of(mesh);
-    std::vector<char> isKept(mesh.get_vn(), 1);
-    for (std::size_t i = 0; i < isKept.size(); ++i) {
+    mesh.enable_vFlag();
+    for (std::size_t i = 0; i < mesh.get_vn(); ++i) {
         const auto count = static_cast<float>(neighbours.count(i));
         if (count == 0.0F) continue;
         const Vector3f& vertex = mesh.get_vCoord(i);
@@ -120,9 +101,13 @@ void delete_off_tangent_plane(BaseTriMesh& mesh, std::vector<int>& vertexAxis, f
             distance += (mesh.get_vCoord(j) - vertex).norm() / count;
         });
         const float length = normal.norm();
-        if (length > 0.0F && std::abs((vertex - mean).dot(normal)) > ratio * distance * length) isKept[i] = 0;
+        if (length > 0.0F && std::abs((vertex - mean).dot(normal)) > ratio * distance * length) {
+            mesh.set_vDeleted(i, true);
+        }
     }
-    keep_vertices(mesh, vertexAxis, isKept);
+    keep_entries(vertexAxis, [&](std::size_t i) { return !mesh.get_vDeleted(i); });
+    mesh.squeeze(false);
+    mesh.disable_vFlag();
 }
 
 }  // namespace VexelAlgorithm

@@ -109,9 +109,12 @@ RetVal FusionTrack::set_nonrigid_field(const std::vector<Vector3f>& field) {
         refuse(function, "there is no reference model");
         return RET_STATE_ERROR;
     }
-    const bool fits = field.empty() || field.size() == _nonRigid.referenceModel.get_vn();
-    if ((!fits && !refuse(function, "there is not one displacement for each vertex of the reference model")) ||
-        (!are_finite(field) && !refuse(function, "a displacement is not finite"))) {
+    if (!field.empty() && field.size() != _nonRigid.referenceModel.get_vn()) {
+        refuse(function, "there is not one displacement for each vertex of the reference model");
+        return RET_INPUT_ERROR;
+    }
+    if (!are_finite(field)) {
+        refuse(function, "a displacement is not finite");
         return RET_INPUT_ERROR;
     }
     _nonRigid.field = field;

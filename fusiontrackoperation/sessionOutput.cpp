@@ -1,7 +1,6 @@
 // What an application counts, chooses and writes down beside the scan.
-#include <array>
 #include <cmath>
-#include <cstdio>
+#include <iomanip>
 #include <limits>
 #include <string>
 
@@ -18,12 +17,9 @@ constexpr int LARGEST_WINDOW = 64;
 
 /// One voxel: centre (mm, model), mean distance (mm), sum of weights, number of contributions.
 void write_voxel(std::ostream& out, const Vector3f& centre, const Fusion::LeafTSDFSpeckle& leaf) {
-    std::array<char, 160> line;
-    const int length =
-        std::snprintf(line.data(), line.size(), "%.9g %.9g %.9g %.9g %.9g %d\n", static_cast<double>(centre.x()),
-                      static_cast<double>(centre.y()), static_cast<double>(centre.z()),
-                      static_cast<double>(leaf.value()), static_cast<double>(leaf.weight()), leaf.count());
-    out.write(line.data(), length);
+    // The stream's locale is the classic one, whatever that of the process; nine digits bring a float back.
+    out << std::setprecision(9) << centre.x() << ' ' << centre.y() << ' ' << centre.z() << ' ' << leaf.value() << ' '
+        << leaf.weight() << ' ' << leaf.count() << '\n';
 }
 
 /// Writes a text by `write(stream)`; what is there under the name stays unless all of it could be written.

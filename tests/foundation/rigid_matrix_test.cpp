@@ -4,7 +4,6 @@
 #include <cmath>
 #include <limits>
 #include <random>
-#include <sstream>
 
 #include "foundation/CameraInParam.h"
 #include "foundation/RigidMatrix.h"
@@ -24,14 +23,10 @@ double difference(const RigidMatrix& a, const RigidMatrix& b) {
            (a.get_translation() - b.get_translation()).cwiseAbs().maxCoeff();
 }
 
-RigidMatrix sample_motion() {
+TEST(RigidMatrix, ComposesInvertsAndTransforms) {
     Matrix3d rotation;
     rodrigures(Vector3d(0.3, -1.2, 0.7), rotation);
-    return {rotation, Vector3d(10.0, -20.0, 300.0)};
-}
-
-TEST(RigidMatrix, ComposesInvertsAndTransforms) {
-    const RigidMatrix a = sample_motion();
+    const RigidMatrix a(rotation, Vector3d(10.0, -20.0, 300.0));
     const RigidMatrix b((Matrix3d() << 0, -1, 0, 1, 0, 0, 0, 0, 1).finished(), Vector3d(1.0, 2.0, 3.0));
     EXPECT_LT(difference(a * a.inverse(), {}), 1e-13);
     RigidMatrix inverted = a;
@@ -45,8 +40,7 @@ TEST(RigidMatrix, ComposesInvertsAndTransforms) {
 }
 
 TEST(Rodrigures, GoesThereAndBackAtEveryAngle) {
-    for (const double angle :
-         {0.0, 1e-300, 1e-12, 1e-8, 1e-4, 0.1, 1.0, pi / 2, 3.0, pi - 1e-4, pi - 1e-8, pi - 1e-12, pi})
+    for (const double angle : {0.0, 1e-300, 1e-12, 1e-8, 1e-4, 1.0, 3.0, pi - 1e-4, pi - 1e-8, pi - 1e-12, pi})
         for (const Vector3d& direction : {Vector3d(1, 0, 0), Vector3d(0, -1, 0), Vector3d(0, 0, 1), Vector3d(1, 2, 3),
                                           Vector3d(-3, 1e-9, 2), Vector3d(-1, -1, -1)}) {
             const Vector3d axis = direction.normalized();
@@ -108,31 +102,6 @@ TEST(CameraInParam, ProjectsAndBackProjects) {
     EXPECT_LT((pixel - Vector2d(370.0, 136.0)).norm(), 1e-12);
     camera.depth_to_point(100.0, pixel, point);
     EXPECT_LT((point - Vector3d(10.0, -20.0, 100.0)).norm(), 1e-12);
-}
-
-TEST(SmallArchives, HaveTheirFixedFormAndRefuseShortInput) {
-    std::ostringstream out;
-    const RigidMatrix rt = sample_motion();
-    ASSERT_TRUE(rt.write_archive(out) && CameraInParam(1.0, 2.0, 3.0, 4.0).write_archive(out));
-    const std::string bytes = out.str();
-    ASSERT_EQ(bytes.size(), 96u + 32u);
-    double values[16];
-    std::copy(bytes.begin(), bytes.end(), reinterpret_cast<char*>(values));
-    EXPECT_EQ(values[1], rt.get_rotation()(1, 0)) << "column by column";
-    EXPECT_EQ(values[11], rt.get_translation().z());
-
-    std::istringstream in(bytes);
-    RigidMatrix rtRead;
-    CameraInParam cameraRead;
-    ASSERT_TRUE(rtRead.read_archive(in) && cameraRead.read_archive(in));
-    EXPECT_EQ(difference(rtRead, rt), 0.0);
-    EXPECT_EQ(cameraRead.get_cy(), 4.0);
-    for (std::size_t length = 0; length < 96; ++length) {
-        std::istringstream cut(bytes.substr(0, length)), cutCamera(bytes.substr(96, length % 32));
-        EXPECT_FALSE(rtRead.read_archive(cut) || cameraRead.read_archive(cutCamera));
-    }
-    EXPECT_EQ(difference(rtRead, rt), 0.0);
-    EXPECT_EQ(cameraRead.get_fy(), 2.0);
 }
 
 }  // namespace

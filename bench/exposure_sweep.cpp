@@ -7,12 +7,12 @@
 #include <vector>
 
 #include "exposure/autoExposure.h"
-#include "tests/exposure/exposureSweeps.h"
+#include "trials/exposureSweeps.h"
 
 namespace {
 
 using namespace VexelAlgorithm;
-using namespace VexelTest;
+using namespace VexelTrial;
 
 constexpr int First = -10, Last = 12;  // brightness from 1 / 32 to 64
 

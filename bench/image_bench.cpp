@@ -7,8 +7,8 @@
 
 #include "bench/Stopwatch.h"
 #include "exposure/autoExposureC.h"
-#include "tests/track/markImages.h"
 #include "track/IcpOnImage.h"
+#include "trials/markImages.h"
 
 namespace {
 
@@ -16,7 +16,8 @@ using namespace VexelAlgorithm;
 using namespace VexelBench;
 
 // An iteration registers two images that are turned by 1.5 degrees and shifted by 3 pixels against each other.
-void image_icp(benchmark::State& state, const VexelTest::ImagePair& pair, int iterations, const Vector2d& pixelOffset) {
+void image_icp(benchmark::State& state, const VexelTrial::ImagePair& pair, int iterations,
+               const Vector2d& pixelOffset) {
     Track::IcpOnImage icp(2 * iterations, iterations, {41, 21}, 1e6F, pair.moving.size, "");
     Track::RigidMatrix2D found;
     TimeSum time;
@@ -34,18 +35,18 @@ void image_icp(benchmark::State& state, const VexelTest::ImagePair& pair, int it
     state.counters["cpu_ms"] = time.cpu * 1e3 / static_cast<double>(state.iterations());
     state.counters["points"] =
         static_cast<double>(std::count_if(pixels.begin(), pixels.end(), [](int p) { return p != 0; }));
-    state.counters["error_pixels"] = VexelTest::error_of(found, pair.movingToFixed, pair.moving.size).pixels;
+    state.counters["error_pixels"] = VexelTrial::error_of(found, pair.movingToFixed, pair.moving.size).pixels;
 }
 
 const Vector2i kSize(640, 480);
-const Track::RigidMatrix2D kMotion = VexelTest::motion_about_middle(kSize, 1.5, {2.5, -1.7});
+const Track::RigidMatrix2D kMotion = VexelTrial::motion_about_middle(kSize, 1.5, {2.5, -1.7});
 
 void image_icp_outlines(benchmark::State& state) {
-    image_icp(state, VexelTest::draw_outlines(kSize, kMotion, 1), 20, {0.5, 0.5});
+    image_icp(state, VexelTrial::draw_outlines(kSize, kMotion, 1), 20, {0.5, 0.5});
 }
 
 void image_icp_dots(benchmark::State& state) {
-    image_icp(state, VexelTest::draw_dots(kSize, 41, kMotion, 1), 10, {0, 0});
+    image_icp(state, VexelTrial::draw_dots(kSize, 41, kMotion, 1), 10, {0, 0});
 }
 
 // An iteration measures one image of 1280 x 1024: spots of about five pixels and noise.

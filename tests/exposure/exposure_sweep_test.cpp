@@ -1,13 +1,15 @@
 // The chosen image of a sweep lets the reconstruction find as much as nearly the best one.
 #include <gtest/gtest.h>
 
+#include <algorithm>
+
 #include "exposure/autoExposure.h"
-#include "tests/exposure/exposureSweeps.h"
+#include "trials/exposureSweeps.h"
 
 namespace VexelAlgorithm {
 namespace {
 
-using namespace VexelTest;
+using namespace VexelTrial;
 
 TEST(ExposureSweep, TheChosenImageCoversAtLeastNineteenTwentiethsOfTheBest) {
     const SweepBench bench(320);

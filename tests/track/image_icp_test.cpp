@@ -2,15 +2,17 @@
 // twins, and images, sizes and settings that cannot be used.
 #include <limits>
 #include <memory>
+#include <random>
 
 #include "tests/printed.h"
-#include "tests/track/markImages.h"
+#include "trials/markImages.h"
 #include "track/IcpOnImage.h"
 
 namespace VexelAlgorithm::Track {
 namespace {
 
 using namespace VexelTest;
+using namespace VexelTrial;
 
 constexpr int kLowest = std::numeric_limits<int>::min(), kHighest = std::numeric_limits<int>::max();
 constexpr float kNaN = std::numeric_limits<float>::quiet_NaN();

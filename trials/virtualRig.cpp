@@ -1,4 +1,4 @@
-#include "tests/reconstruction/virtualRig.h"
+#include "trials/virtualRig.h"
 
 #include <algorithm>
 #include <cmath>
@@ -13,7 +13,7 @@
 #include "simulation/scenes.h"
 #include "simulation/stereoImages.h"
 
-namespace VexelTest {
+namespace VexelTrial {
 namespace {
 
 using namespace VexelAlgorithm;
@@ -215,4 +215,4 @@ Agreement agreement(const RigView& view, const PointImage& result) {
     return agreement;
 }
 
-}  // namespace VexelTest
+}  // namespace VexelTrial

@@ -10,7 +10,7 @@
 #include "simulation/Shape.h"
 #include "simulation/StereoRig.h"
 
-namespace VexelTest {
+namespace VexelTrial {
 
 struct RigScene {
     std::string name;
@@ -48,4 +48,4 @@ struct Agreement {
 };
 Agreement agreement(const RigView& view, const VexelAlgorithm::PointImage& result);
 
-}  // namespace VexelTest
+}  // namespace VexelTrial

@@ -1,49 +1,24 @@
-// Images of marks and outlines, drawn twice: at rest and after a motion.
-#pragma once
+#include "trials/markImages.h"
 
 #include <algorithm>
 #include <cmath>
-#include <cstddef>
-#include <cstdint>
 #include <random>
-#include <vector>
 
-#include "track/RigidMatrix2D.h"
+namespace VexelTrial {
 
-namespace VexelTest {
+void MarkImage::draw(const Vector2d& point) {
+    const int column = static_cast<int>(std::floor(point.x())), row = static_cast<int>(std::floor(point.y()));
+    if (column < 0 || row < 0 || column >= size.x() || row >= size.y()) return;
+    pixels[static_cast<std::size_t>(row) * static_cast<std::size_t>(size.x()) + static_cast<std::size_t>(column)] = 200;
+}
 
-using namespace VexelAlgorithm;
-
-struct MarkImage {
-    Vector2i size;
-    std::vector<unsigned char> pixels;
-
-    explicit MarkImage(const Vector2i& imageSize)
-        : size(imageSize), pixels(static_cast<std::size_t>(imageSize.x()) * static_cast<std::size_t>(imageSize.y())) {}
-    /// Into the pixel that contains the point; outside nothing is drawn.
-    void draw(const Vector2d& point) {
-        const int column = static_cast<int>(std::floor(point.x())), row = static_cast<int>(std::floor(point.y()));
-        if (column < 0 || row < 0 || column >= size.x() || row >= size.y()) return;
-        pixels[static_cast<std::size_t>(row) * static_cast<std::size_t>(size.x()) + static_cast<std::size_t>(column)] =
-            200;
-    }
-};
-
-struct ImagePair {
-    MarkImage fixed, moving;
-    Track::RigidMatrix2D movingToFixed;
-};
-
-/// A turn (degrees) about the middle of the image, and a shift.
-inline Track::RigidMatrix2D motion_about_middle(const Vector2i& size, double degrees, const Vector2d& shift) {
+Track::RigidMatrix2D motion_about_middle(const Vector2i& size, double degrees, const Vector2d& shift) {
     const Vector2d middle = 0.5 * size.cast<double>();
     const Eigen::Matrix2d rotation = Eigen::Rotation2Dd(degrees * 3.14159265358979 / 180.0).toRotationMatrix();
     return {rotation, middle - rotation * middle + shift};
 }
 
-/// Marks at random whole-numbered positions, more than `apart` columns or rows from each other and, to stay inside when
-/// moved, half of that from the border. A grid would not do: a slight turn moves all its marks by whole pixels.
-inline ImagePair draw_dots(const Vector2i& size, int apart, const Track::RigidMatrix2D& movingToFixed, unsigned seed) {
+ImagePair draw_dots(const Vector2i& size, int apart, const Track::RigidMatrix2D& movingToFixed, unsigned seed) {
     ImagePair pair{MarkImage(size), MarkImage(size), movingToFixed};
     std::mt19937 random(seed);
     std::uniform_int_distribution<int> column(apart / 2, size.x() - apart / 2), row(apart / 2, size.y() - apart / 2);
@@ -59,8 +34,7 @@ inline ImagePair draw_dots(const Vector2i& size, int apart, const Track::RigidMa
     return pair;
 }
 
-/// Five closed curves of random waves around circles, sampled finer than pixels.
-inline ImagePair draw_outlines(const Vector2i& size, const Track::RigidMatrix2D& movingToFixed, unsigned seed) {
+ImagePair draw_outlines(const Vector2i& size, const Track::RigidMatrix2D& movingToFixed, unsigned seed) {
     ImagePair pair{MarkImage(size), MarkImage(size), movingToFixed};
     std::mt19937 random(seed);
     std::uniform_real_distribution<double> phase(0.0, 6.2831853), amplitude(0.02, 0.15);
@@ -82,13 +56,7 @@ inline ImagePair draw_outlines(const Vector2i& size, const Track::RigidMatrix2D&
     return pair;
 }
 
-struct PlanarError {
-    double pixels;   ///< root mean square over the image
-    double degrees;  ///< not negative
-};
-
-inline PlanarError error_of(const Track::RigidMatrix2D& found, const Track::RigidMatrix2D& truth,
-                            const Vector2i& size) {
+PlanarError error_of(const Track::RigidMatrix2D& found, const Track::RigidMatrix2D& truth, const Vector2i& size) {
     double sum = 0.0;
     int count = 0;
     for (int y = 0; y <= size.y(); y += 20)
@@ -98,4 +66,4 @@ inline PlanarError error_of(const Track::RigidMatrix2D& found, const Track::Rigi
     return {std::sqrt(sum / count), std::abs(std::atan2(between(1, 0), between(0, 0))) * 180.0 / 3.14159265358979};
 }
 
-}  // namespace VexelTest
+}  // namespace VexelTrial

@@ -52,7 +52,7 @@ bool ParallelInput::is_worker_thread() const {
 
 RetVal ParallelInput::load(const char* function, const PointImage& frame, const FusionparallelInputData& data,
                            Color color) {
-    const auto arrival = Queue::Clock::now();
+    Queue::Node node = arriving(data, color);
     if (data.waitMilliseconds == 0 && find_unusable(data) == nullptr) {
         // A frame that will be refused need not be copied first; a closed queue will be opened.
         const Queue::Offered preview = _queue.preview(static_cast<std::size_t>(data.maxQueued));
@@ -60,28 +60,36 @@ RetVal ParallelInput::load(const char* function, const PointImage& frame, const 
             return refused_offer(function, data.maxQueued, preview);
         }
     }
-    PointImage copy(frame);
-    return queue(function, copy, data, color, arrival);
+    PointImage copy = _spares.copy_of(frame);
+    node.front().isCopy = true;
+    return queue(function, copy, node);
 }
 
 RetVal ParallelInput::load(const char* function, PointImage&& frame, const FusionparallelInputData& data, Color color) {
-    return queue(function, frame, data, color, Queue::Clock::now());
+    Queue::Node node = arriving(data, color);
+    return queue(function, frame, node);
 }
 
-RetVal ParallelInput::queue(const char* function, PointImage& frame, const FusionparallelInputData& data, Color color,
-                            Queue::Clock::time_point arrival) {
-    if (const char* reason = find_unusable(data)) return refused(RET_INPUT_ERROR, function, reason);
-    // The worker cannot wait for the room that only it makes.
-    const milliseconds wait(is_worker_thread() ? 0 : data.waitMilliseconds);
+FrameQueue<QueuedFrame>::Node ParallelInput::arriving(const FusionparallelInputData& data, Color color) {
     Queue::Node node(1);
     QueuedFrame& queued = node.front();
     queued.data = data;
     queued.data.color = ParallelColorImage();
-    queued.arrival = arrival;
+    queued.arrival = Queue::Clock::now();
     queued.awaitsColor = color == Color::Awaited;
+    return node;
+}
+
+RetVal ParallelInput::queue(const char* function, PointImage& frame, Queue::Node& node) {
+    QueuedFrame& queued = node.front();
+    const FusionparallelInputData& data = queued.data;
+    if (const char* reason = find_unusable(data)) return refused(RET_INPUT_ERROR, function, reason);
+    const auto maxQueued = static_cast<std::size_t>(data.maxQueued);
+    // The worker cannot wait for the room that only it makes.
+    const milliseconds wait(is_worker_thread() ? 0 : data.waitMilliseconds);
     if (!ensure_worker()) return refused_offer(function, data.maxQueued, Queue::Offered::Closed);
     queued.frame = std::move(frame);
-    const Queue::Offered offered = _queue.offer(node, static_cast<std::size_t>(data.maxQueued), wait);
+    const Queue::Offered offered = _queue.offer(node, maxQueued, wait);
     if (offered == Queue::Offered::Taken) return RET_SUCCESS;
     frame = std::move(queued.frame);
     return refused_offer(function, data.maxQueued, offered);
@@ -152,6 +160,7 @@ void ParallelInput::stop() {
     _queue.close();
     if (_worker.joinable()) _worker.join();
     _queue.change([&] { _colors.clear(); });
+    _spares.clear();
     life.lock();
     _isStopping = false;
     _isStopped.notify_all();
@@ -165,7 +174,9 @@ void ParallelInput::work_off() {
         const Queue::Given given = _queue.take(taken, [&](const QueuedFrame& frame) { return due(frame); });
         if (given == Queue::Given::End) return;
         attach_color(taken.front());
-        _work(taken.front(), given == Queue::Given::GivenUp);
+        QueuedFrame& queued = taken.front();
+        _work(queued, given == Queue::Given::GivenUp);
+        if (queued.isCopy) _spares.give_back(std::move(queued.frame));
     }
 }
 

@@ -12,6 +12,7 @@
 #include "foundation/RetVal.h"
 #include "fusiontrackoperation/FrameQueue.h"
 #include "fusiontrackoperation/FusionparallelInputData.h"
+#include "fusiontrackoperation/SpareFrames.h"
 
 namespace VexelAlgorithm {
 
@@ -21,6 +22,7 @@ struct QueuedFrame {
     FusionparallelInputData data;
     std::chrono::steady_clock::time_point arrival;
     bool awaitsColor = false;
+    bool isCopy = false;
 };
 
 /// Frames go to `work` on a thread of its own, one at a time, in the order in which they came. The thread begins with
@@ -61,9 +63,10 @@ private:
         ParallelColorImage image;
     };
 
-    /// Takes the frame over unless it is refused.
-    RetVal queue(const char* function, PointImage& frame, const FusionparallelInputData& data, Color color,
-                 Queue::Clock::time_point arrival);
+    /// A frame of now, but for its image.
+    static Queue::Node arriving(const FusionparallelInputData& data, Color color);
+    /// Takes the image over unless the frame is refused.
+    RetVal queue(const char* function, PointImage& frame, Queue::Node& node);
     bool ensure_worker();
     static RetVal refused_offer(const char* function, int maxQueued, Queue::Offered offered);
     void work_off();
@@ -74,6 +77,7 @@ private:
     const Work _work;
     Queue _queue;
     std::deque<EarlyColor> _colors;  // under the queue's lock; bounded
+    SpareFrames _spares;
 
     std::mutex _lifeMutex;  // never held together with the queue's
     std::condition_variable _isStopped;

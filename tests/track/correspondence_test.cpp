@@ -1,4 +1,5 @@
-// The mathematics of a registration step: plain form against geometry, vector form against the plain one.
+// The mathematics of a registration step: vector forms against the plain one, the step against the motion that it must
+// undo.
 #include "track/correspondence.h"
 
 #include <glog/logging.h>
@@ -6,7 +7,9 @@
 
 #include <algorithm>
 #include <limits>
+#include <numeric>
 #include <random>
+#include <tuple>
 #include <vector>
 
 #include "simulation/NoiseModel.h"
@@ -126,8 +129,15 @@ TEST(CorrespondenceKernels, VectorFormsGiveWhatThePlainOneGives) {
     for (const Vector2f& radial : {Vector2f(0, 0), Vector2f(0.5F, -0.25F), Vector2f(30, 12), Vector2f(-1e9F, 1e9F)}) {
         pairs.push_back(spoilt_pair(radial, 7));
     }
-    const auto all = hwy::SupportedTargets();
-    for (auto rest = all; rest != 0; rest &= rest - 1) {
+    const Pair& shifted = pairs[2];  // exercises both modes, drop-outs and the edge of the map
+    const EntryRange all{0, shifted.moving.count(), 1};
+    const Found found = find_all(plain_correspondence_kernels(), shifted.aligned(Near), all, 2.0F);
+    const auto inBlock = std::count(found.mode.begin(), found.mode.end(), InBlock);
+    EXPECT_GT(inBlock, 1000);
+    EXPECT_GT(static_cast<std::ptrdiff_t>(found.result.found) - inBlock, 100);
+    EXPECT_GT(found.result.outOfMap, 100U);
+
+    for (auto rest = hwy::SupportedTargets(); rest != 0; rest &= rest - 1) {
         const auto target = rest & -rest;
         SCOPED_TRACE(hwy::TargetName(target));
         hwy::SetSupportedTargetsForTest(target);
@@ -138,44 +148,7 @@ TEST(CorrespondenceKernels, VectorFormsGiveWhatThePlainOneGives) {
     hwy::GetChosenTarget().Update(hwy::SupportedTargets());
 }
 
-// The pairs above must exercise both modes, drop-outs and the edge of the map.
-TEST(CorrespondenceKernels, PairsOfTheComparisonCoverTheCases) {
-    const Pair pair = spoilt_pair({30, 12}, 7);
-    const Found found = find_all(plain_correspondence_kernels(), pair.aligned(Near), {0, pair.moving.count(), 1}, 2.0F);
-    const auto inBlock = std::count(found.mode.begin(), found.mode.end(), InBlock);
-    EXPECT_GT(inBlock, 1000);
-    EXPECT_GT(static_cast<std::ptrdiff_t>(found.result.found) - inBlock, 100);
-    EXPECT_GT(found.result.outOfMap, 100U);
-}
-
-// ---- geometry ---------------------------------------------------------------------------------------
-
-// On a plane, interpolation of inverse depth is exact: the partner is where the moving point's viewing ray meets it.
-TEST(Correspondence, PartnerInABlockLiesOnThePlaneAndOnTheRay) {
-    const Vector3d normal = Vector3d(0.2, -1, 0.3).normalized(), origin(0, 20, 0);
-    const PointImage fixedView = render_view(*Simulation::half_space(origin, normal), front_view());
-    const Pair pair(fixedView, render_view(*Simulation::half_space(origin, normal), front_view() * Near));
-    const RigidMatrix toFixed = front_view().inverse();
-    const Vector3d normal_C = toFixed.get_rotation() * normal, origin_C = toFixed * origin;
-    const RigidMatrix start = motion({0, 0, 0.01}, {0, 0.5, 2});
-    const Alignment alignment = pair.aligned(start);
-    const Found found = find_all(plain_correspondence_kernels(), alignment, {0, pair.moving.count() / 7, 7}, 10.0F);
-    ASSERT_GT(found.result.found, 500U);
-    for (std::size_t i = 0; i < found.result.found; ++i) {
-        const Correspondence c{found.fixedIndex[i], found.movingEntry[i], static_cast<CorrMode>(found.mode[i]),
-                               found.pixel[i], found.distance[i]};
-        const MovingPoint& m = pair.moving.points()[c.movingEntry];
-        const ProjectedPoint p = project(m, alignment.movingToFixed, pair.fixed.camera());
-        const CorrPoint points = get_corrPoint(p, c, pair.fixed);
-        const Vector3d partner = points.fixed.cast<double>() + pair.fixed.centre();
-        const Vector3d moved = start * Vector3d(m.x, m.y, m.z);
-        EXPECT_NEAR((partner - origin_C).dot(normal_C), 0.0, 2e-3);
-        EXPECT_NEAR(std::abs(points.normal.cast<double>().dot(normal_C)), 1.0, 1e-6);
-        EXPECT_LT(c.mode == InBlock ? partner.cross(moved).norm() / moved.norm() : 0.0, 1e-3);
-        EXPECT_NEAR((points.moving.cast<double>() + pair.fixed.centre() - moved).norm(), 0.0, 1e-3);
-        EXPECT_NEAR(tangent_plane(p, c, pair.fixed).offset, (points.fixed - points.moving).dot(points.normal), 2e-4F);
-    }
-}
+// ---- the step ---------------------------------------------------------------------------------------
 
 /// The system of points around the centre, each with its own plane, that a motion has moved away from.
 NormalEquations system_of(const RigidMatrix& motion, const Vector3d& centre, bool onlyOneNormal) {
@@ -236,28 +209,22 @@ TEST(NormalEquations, StepUndoesAMotionAndHoldsWhatIsNotDetermined) {
 
 // ---- trimming ---------------------------------------------------------------------------------------
 
-TEST(DistanceRank, FindsTheElementOfASortedCopy) {
+TEST(DistanceRank, FindsTheElementAndTheMeanOfASortedCopy) {
     std::mt19937 random(11);
     std::vector<float> scratch;
     for (const std::size_t count : {1, 2, 17, 1000, 70000}) {
         std::vector<float> values(count);
-        for (float& value : values)
-            value = std::exponential_distribution<float>(random() % 2 == 0 ? 0.01F : 3.0F)(random);
-        for (std::size_t i = 0; i < count; i += 7) values[i] = i % 2 == 0 ? 0.0F : 0.25F;
+        for (std::size_t i = 0; i < count; ++i) {
+            std::exponential_distribution<float> draw(random() % 2 == 0 ? 0.01F : 3.0F);
+            values[i] = i % 7 == 0 ? (i % 2 == 0 ? 0.0F : 0.25F) : draw(random);
+        }
         std::vector<float> sorted = values;
         std::sort(sorted.begin(), sorted.end());
-        for (const std::size_t rank : {std::size_t{0}, count / 3, count * 9 / 10, count - 1}) {
+        for (const std::size_t rank : {std::size_t{0}, count / 3, count * 9 / 10, count - 1})
             EXPECT_EQ(element_of_rank(values.data(), count, rank, scratch, 2), sorted[rank]) << count << ' ' << rank;
-        }
-        const float cut = sorted[count * 9 / 10];
-        double sum = 0.0;
-        std::int64_t kept = 0;
-        for (const float value : values) {
-            if (value > cut) continue;
-            sum += value;
-            ++kept;
-        }
-        EXPECT_NEAR(mean_up_to(values.data(), count, cut, 2), sum / static_cast<double>(kept), 1.1e-6);
+        const auto end = std::upper_bound(sorted.begin(), sorted.end(), sorted[count * 9 / 10]);
+        const double mean = std::accumulate(sorted.begin(), end, 0.0) / static_cast<double>(end - sorted.begin());
+        EXPECT_NEAR(mean_up_to(values.data(), count, sorted[count * 9 / 10], 2), mean, 1.1e-6);
     }
     EXPECT_EQ(mean_up_to(nullptr, 0, 1.0F, 1), 1e6);
     const std::vector<float> huge(100, 3e38F);
@@ -265,15 +232,11 @@ TEST(DistanceRank, FindsTheElementOfASortedCopy) {
 }
 
 TEST(DistanceRank, RankOfAShareIsAlwaysThere) {
-    struct Case {
-        std::size_t count;
-        float share;
-        std::size_t rank;
-    };
-    const Case cases[] = {{100, 0.9F, 90},    {10, 0.99F, 9}, {10, 1.0F, 9},     {10, 5.0F, 9},
-                          {10, -1.0F, 0},     {10, NaN, 9},   {10, Infinity, 9}, {1, 0.5F, 0},
-                          {10, -Infinity, 0}, {3, 0.34F, 1},  {10, 1e30F, 9},    {20000001, 1.0F, 20000000}};
-    for (const Case& c : cases) EXPECT_EQ(rank_of_share(c.count, c.share), c.rank) << c.count << ' ' << c.share;
+    const std::tuple<std::size_t, float, std::size_t> cases[] = {
+        {100, 0.9F, 90}, {10, 1.0F, 9},      {10, -1.0F, 0}, {10, NaN, 9},   {10, Infinity, 9},
+        {1, 0.5F, 0},    {10, -Infinity, 0}, {3, 0.34F, 1},  {10, 1e30F, 9}, {20000001, 1.0F, 20000000}};
+    for (const auto& [count, share, rank] : cases)
+        EXPECT_EQ(rank_of_share(count, share), rank) << count << ' ' << share;
 }
 
 }  // namespace

@@ -45,9 +45,4 @@ inline IcpOutcome run(Track::IcpBaseOnCam& icp, const PointImage& fixed, const P
     return outcome;
 }
 
-/// Largest distance (mm) by which the poses move points of the object apart.
-inline double pose_error(const RigidMatrix& found, const RigidMatrix& truth) {
-    return std::max(distance_between(found, truth, {0, 0, 300}), distance_between(found, truth, {50, 50, 450}));
-}
-
 }  // namespace VexelTest

@@ -5,8 +5,8 @@
 #include <random>
 
 #include "tests/printed.h"
-#include "trials/markImages.h"
 #include "track/IcpOnImage.h"
+#include "trials/markImages.h"
 
 namespace VexelAlgorithm::Track {
 namespace {
@@ -119,34 +119,14 @@ TEST(ImageIcp, TheSearchGivesWhatEveryPixelOfTheWindowGives) {
     }
 }
 
-TEST(ImageIcp, TheStepSolvesTheLinearisedSystem) {
+TEST(ImageIcp, StepsOfTooFewPairsOnlyShift) {
     IcpOnImage icp(1, 0, {0, 0}, 0, {8, 8}, "");
-    const auto step_of = [&](const std::vector<Vector4f>& pairs) {
-        RigidMatrix2D step{Eigen::Matrix2d::Zero(), Vector2d::Zero()};
-        icp.get_mat(pairs, step);
-        return step;
-    };
-    std::mt19937 random(5);
-    std::uniform_real_distribution<float> place(0.0F, 4000.0F), noise(-2.0F, 2.0F);
-    std::vector<Vector4f> pairs;
-    Eigen::MatrixXd rows(80, 3);
-    Eigen::VectorXd residuals(80);
-    for (int i = 0; i < 80; i += 2) {
-        const Vector2f moved(place(random), place(random)), fixed = moved + Vector2f(noise(random), noise(random));
-        pairs.emplace_back(fixed.x(), fixed.y(), moved.x(), moved.y());
-        rows.row(i) << -moved.y(), 1, 0;
-        rows.row(i + 1) << moved.x(), 0, 1;
-        residuals.segment<2>(i) = (fixed - moved).cast<double>();
-    }
-    const Vector3d expected = rows.colPivHouseholderQr().solve(residuals);
-    const RigidMatrix2D step = step_of(pairs);
-    EXPECT_NEAR(std::atan2(step.rotation(1, 0), step.rotation(0, 0)), expected(0), 1e-12);
-    EXPECT_LT((step.translation - expected.tail<2>()).norm(), 1e-8);
-
-    const RigidMatrix2D onePlace = step_of({3, Vector4f(303, 201, 301.3F, 200)});
-    EXPECT_TRUE(onePlace.rotation.isIdentity());
-    EXPECT_LT((onePlace.translation - Vector2d(1.7, 1)).norm(), 1e-4);
-    EXPECT_TRUE(step_of({}).rotation.isIdentity());
+    RigidMatrix2D step{Eigen::Matrix2d::Zero(), Vector2d::Zero()};
+    icp.get_mat({3, Vector4f(303, 201, 301.3F, 200)}, step);  // one place three times
+    EXPECT_TRUE(step.rotation.isIdentity());
+    EXPECT_LT((step.translation - Vector2d(1.7, 1)).norm(), 1e-4);
+    icp.get_mat({}, step);
+    EXPECT_TRUE(step.rotation.isIdentity());
 }
 
 TEST(ImageIcpInput, FailuresPrintTheirLineAndLeaveTheOutputs) {
@@ -154,10 +134,6 @@ TEST(ImageIcpInput, FailuresPrintTheirLineAndLeaveTheOutputs) {
     const unsigned char *fixed = dots.fixed.pixels.data(), *moving = dots.moving.pixels.data();
     const std::vector<unsigned char> dark(dots.fixed.pixels.size());
     const std::string none = "icp False correspondNum = 0 \n", null = "!fixImage || !moveImage\n";
-    const auto rejected = [](const char* limit) {
-        return "image icp false because thisDisError > _disAvgPix\nthisDisError = 0\t_disAvgPix = " +
-               std::string(limit) + '\n';
-    };
     struct Case {
         const char* name;
         const unsigned char *fixed, *moving;
@@ -173,13 +149,13 @@ TEST(ImageIcpInput, FailuresPrintTheirLineAndLeaveTheOutputs) {
         {"dark moving", fixed, dark.data(), 4, 2, 9, 4, kSmall, RET_NOT_CONVERGED, none},
         {"dark fixed", dark.data(), moving, 4, 2, 9, 4, kSmall, RET_NOT_CONVERGED, none},
         {"negative window", fixed, moving, 4, 2, -9, 4, kSmall, RET_NOT_CONVERGED, none},
-        {"lowest window", fixed, moving, 4, 2, kLowest, 4, kSmall, RET_NOT_CONVERGED, none},
-        {"no width", fixed, moving, 4, 2, 9, 4, {0, 40}, RET_NOT_CONVERGED, none},
         {"lowest size", fixed, moving, 4, 2, 9, 4, {kLowest, kLowest}, RET_NOT_CONVERGED, none},
         {"no iterations", fixed, moving, 0, 0, 9, 4, kSmall, RET_SUCCESS, ""},
-        {"fewer iterations", fixed, moving, kLowest, kHighest, 9, 4, kSmall, RET_SUCCESS, ""},
-        {"rejected", fixed, moving, 2, 0, 9, -0.25F, kSmall, RET_SUCCESS, rejected("-0.25")},
-        {"NaN limit", fixed, moving, 2, 0, 9, kNaN, kSmall, RET_SUCCESS, rejected("nan")},
+        {"fewest iterations", fixed, moving, kLowest, kHighest, 9, 4, kSmall, RET_SUCCESS, ""},
+        {"rejected", fixed, moving, 2, 0, 9, -0.25F, kSmall, RET_SUCCESS,
+         "image icp false because thisDisError > _disAvgPix\nthisDisError = 0\t_disAvgPix = -0.25\n"},
+        {"NaN limit", fixed, moving, 2, 0, 9, kNaN, kSmall, RET_SUCCESS,
+         "image icp false because thisDisError > _disAvgPix\nthisDisError = 0\t_disAvgPix = nan\n"},
     };
     for (const Case& c : cases) {
         SCOPED_TRACE(c.name);

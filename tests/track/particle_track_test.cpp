@@ -2,6 +2,7 @@
 #include <cmath>
 #include <filesystem>
 #include <limits>
+#include <tuple>
 #include <utility>
 #include <vector>
 
@@ -21,39 +22,27 @@ constexpr float kFailed = ParticleTrack::FailedResidual;
 constexpr double kFifteenDegrees = 0.2617994;
 constexpr double kTwoDegrees = 0.0349066;
 
-/// Mean distance (mm) between where the two poses put the frame's points.
-double mean_displacement(const PointImage& frame, const RigidMatrix& a, const RigidMatrix& b) {
-    double sum = 0.0;
-    int count = 0;
-    for (std::size_t i = 0; i < frame.get_vn(); i += 11) {
-        if (!frame.has_point(i)) continue;
-        sum += distance_between(a, b, frame.get_vCoord(i).cast<double>());
-        ++count;
-    }
-    return sum / count;
-}
-
 /// The middle of the desk in the coordinates of its first view, mm.
 const Vector3d kDeskCentre{0, 0, 400};
 
 /// Things on a table, from a camera moved by `motion` out of a first view from 400 mm.
-PointImage desk_view(const RigidMatrix& motion, int width = 160, const Vector2f& viewRadial = Vector2f::Zero()) {
+PointImage desk_view(const RigidMatrix& motion, int width = 160) {
     static const Simulation::ShapePtr desk = Simulation::smooth_union(
         {Simulation::half_space({0, 0, 0}, {0, 0, 1}), Simulation::sphere({-60, 20, 30}, 40),
          Simulation::box({50, 50, 30}, {35, 25, 30}), Simulation::torus({30, -60, 15}, 45, 15)},
         0.0);
     static const RigidMatrix first = Simulation::look_at({60, -300, 258}, {0, 0, 0});
-    return render_view(*desk, first * motion, width, viewRadial);
+    return render_view(*desk, first * motion, width);
 }
 
 constexpr double kWallDepth = 100.0;  // mm
 
 /// A wall that faces the camera and fills its image, 1 mm a pixel.
-PointImage wall(int width, int height, const Vector2f& viewRadial) {
+PointImage wall(int width, int height, float radial) {
     Simulation::RenderSettings settings;
-    settings.viewRadial = viewRadial;
-    return Simulation::render(*Simulation::half_space({0, 0, kWallDepth}, {0, 0, -1}),
-                              {kWallDepth, kWallDepth, 0.5 * width, 0.5 * height}, width, height, RigidMatrix(),
+    settings.viewRadial = Vector2f::Constant(radial);
+    const CameraInParam camera(kWallDepth, kWallDepth, 0.5 * width, 0.5 * height);
+    return Simulation::render(*Simulation::half_space({0, 0, kWallDepth}, {0, 0, -1}), camera, width, height, {},
                               settings);
 }
 
@@ -84,33 +73,25 @@ TEST(ParticleGeneration, GridRunsInnermostAlongZAndRotatedPosesAreAbsolute) {
 
 TEST(ParticleGeneration, CountsBecomeOddAndStayWithinLimits) {
     const int most = std::numeric_limits<int>::max(), least = std::numeric_limits<int>::min();
-    struct Case {
-        Vector3i counts;
-        std::size_t expected;
-        bool line;
-    };
-    const Case cases[] = {{{4, 4, 1}, 25, false},     {{5, 5, 1}, 25, false},
-                          {{0, -1, least}, 1, false}, {{63, 65, 1}, 3969, true},
-                          {{most, 1, 1}, 63, true},   {{most, most, most}, 15 * 15 * 17, true}};
-    for (const Case& c : cases) {
+    const std::tuple<Vector3i, std::size_t, int> cases[] = {
+        // counts, particles, lines
+        {{4, 4, 1}, 25, 0},     {{5, 5, 1}, 25, 0},    {{0, -1, least}, 1, 0},
+        {{63, 65, 1}, 3969, 1}, {{most, 1, 1}, 63, 1}, {{most, most, most}, 15 * 15 * 17, 1}};
+    for (const auto& [counts, expected, lines] : cases) {
         std::vector<RigidMatrix> particles;
-        const std::string lines = printed([&] { particles = particles_of(c.counts, {kNaN, kInfinity, 1}, false); });
-        EXPECT_EQ(particles.size(), c.expected) << c.counts.transpose();
-        EXPECT_EQ(line_count(lines), c.line ? 1 : 0) << lines;
+        EXPECT_EQ(line_count(printed([&, &given = counts] {
+                      particles = particles_of(given, {kNaN, kInfinity, 1}, false);
+                  })),
+                  lines);
+        EXPECT_EQ(particles.size(), expected) << counts.transpose();
         EXPECT_TRUE(particles.front().is_finite() && particles.back().is_finite());
     }
 }
 
 TEST(ParticleSelection, TiesAtTheCutAreDropped) {
-    struct Case {
-        const char* name;
-        std::vector<float> residuals;
-        std::vector<int> kept;
-    };
-    const Case cases[] = {
+    const std::tuple<const char*, std::vector<float>, std::vector<int>> cases[] = {
         {"none", {}, {}},
         {"one", {kFailed}, {0}},
-        {"two", {0.3F, 0.2F}, {1}},
         {"two equal ones", {0.2F, 0.2F}, {}},
         {"three", {0.4F, 0.3F, 0.2F}, {2}},
         {"four", {0.4F, 0.3F, 0.2F, 0.2F}, {0, 1, 2, 3}},
@@ -121,7 +102,8 @@ TEST(ParticleSelection, TiesAtTheCutAreDropped) {
         {"few without failure", {kFailed, kFailed, 0.2F, kFailed, kFailed, 0.1F, kFailed}, {2, 5}},
         {"not a number", {kNaN, 0.2F, kNaN, kNaN, kNaN, kNaN}, {1}},
     };
-    for (const Case& c : cases) EXPECT_EQ(ParticleTrack::select_particles(c.residuals), c.kept) << c.name;
+    for (const auto& [name, residuals, kept] : cases)
+        EXPECT_EQ(ParticleTrack::select_particles(residuals), kept) << name;
 }
 
 TEST(ParticleResult, TheFirstOfTheSmallestResidualsWins) {
@@ -144,12 +126,8 @@ TEST(ParticleScore, CountsWhatFallsOnUsablePixelsWithinTheThreshold) {
     // A wall that fills the image, 1 mm a pixel; the fixed one without one row.
     constexpr int width = 40, height = 30;
     constexpr int whole = width * (height - 1);
-    struct Case {
-        Vector3d translation;
-        int count;
-        double mean;
-    };
-    const Case cases[] = {
+    const std::tuple<Vector3d, int, double> cases[] = {
+        // translation, points counted, their mean
         {{0, 0, 0}, whole, 0.0},
         {{0, 0, 1.5}, whole, 1.5},
         {{0, 0, -0.5}, whole, 0.5},
@@ -162,17 +140,17 @@ TEST(ParticleScore, CountsWhatFallsOnUsablePixelsWithinTheThreshold) {
         {{0, 0, -2 * kWallDepth}, 0, 0.0},  // behind the camera
     };
     for (const float radial : {0.0F, 2.0F}) {
-        const PointImage moving = wall(width, height, {radial, radial});
+        const PointImage moving = wall(width, height, radial);
         PointImage fixed = moving;
         for (int x = 0; x < width; ++x) fixed.set_slot_empty(fixed.index_of(x, 12));
         ParticleTrack tracker(2.0F, 5, "", 1, {1, 1, 1}, {1, 1, 1}, 0.5F, 0.8F, 1);
         ASSERT_EQ(tracker.data_prepare(fixed, moving), RET_SUCCESS);
         int count = 0;
         float sum = 0.0F;
-        for (const Case& c : cases) {
-            tracker.count_residual(motion({0, 0, 0}, c.translation), count, sum);
-            EXPECT_EQ(count, c.count) << c.translation.transpose() << ", radial " << radial;
-            EXPECT_NEAR(sum / static_cast<float>(std::max(count, 1)), c.mean, 1e-3);
+        for (const auto& [translation, expected, mean] : cases) {
+            tracker.count_residual(motion({0, 0, 0}, translation), count, sum);
+            EXPECT_EQ(count, expected) << translation.transpose() << ", radial " << radial;
+            EXPECT_NEAR(sum / static_cast<float>(std::max(count, 1)), mean, 1e-3);
         }
         tracker.reset_code_Num(7);
         ASSERT_EQ(tracker.data_prepare(moving, moving), RET_SUCCESS);
@@ -185,7 +163,7 @@ TEST(Particle, FailsOrRefines) {
     const RigidMatrix truth = motion({0.01, -0.02, 0.015}, {4, -3, 5});
     const PointImage fixed = desk_view(RigidMatrix()), moving = desk_view(truth);
     const RigidMatrix near, far = motion({0, 0, 0}, {5000, 0, 0}), halfOutside = motion({0, 0, 0}, {160, 0, 0});
-    const RigidMatrix broken(Matrix3d::Constant(kNaN), {0, 0, 0}), huge = motion({0, 0, 0}, {1e300, -1e300, 1e300});
+    const RigidMatrix huge = motion({0, 0, 0}, {1e300, -1e300, 1e300});
     struct Case {
         const char* name;
         RigidMatrix start;
@@ -200,12 +178,10 @@ TEST(Particle, FailsOrRefines) {
         {"stops by itself", near, 18.0F, 0.5F, 2000000000, 1, true},
         {"judged where it stands", truth, 18.0F, 0.5F, 0, 1, true},
         {"no correspondences", far, 18.0F, 0.0F, 8, 1, false},
-        {"no terms", far, 18.0F, 0.0F, 0, 1, false},
         {"nothing within the threshold", near, kNaN, 0.0F, 3, 1, false},
         {"few points see the model", halfOutside, 1e9F, 0.7F, 1, 1, false},
         {"more terms wanted than there are points", truth, 18.0F, 1.1F, 1, 1, false},
         {"fewer points than the step", near, 18.0F, 0.5F, 1, 2000000000, false},
-        {"not a number", broken, 18.0F, 0.0F, 3, 1, false},
         {"too far for floats", huge, 18.0F, 0.0F, 3, 1, false},
     };
     for (const Case& c : cases) {
@@ -250,7 +226,7 @@ TEST(ParticleTracking, JumpsOverTheGridAndTurnsAboutTheViewingAxisAreFound) {
         const PointImage moving = desk_view(jump);
         RigidMatrix result;
         EXPECT_EQ(tracker.partical_track(fixed, moving, result, 0, nullptr), RET_SUCCESS);
-        EXPECT_LT(mean_displacement(moving, result, jump), 0.5) << jump.get_translation().transpose();
+        EXPECT_LT(pose_error(result, jump), 0.5) << jump.get_translation().transpose();
         EXPECT_LT(tracker.get_the_min_residual(), 1.0F);
     }
 }
@@ -263,10 +239,10 @@ TEST(ParticleTracking, ExtraPosesReachBeyondTheGrid) {
     ParticleTrack tracker = usual_tracker(2);
     RigidMatrix result;
     tracker.partical_track(fixed, moving, result, 0, nullptr);
-    EXPECT_GT(mean_displacement(moving, result, jump), 5.0);
+    EXPECT_GT(pose_error(result, jump), 5.0);
     EXPECT_EQ(printed([&] { EXPECT_EQ(tracker.partical_track(fixed, moving, result, 0, &extra), RET_SUCCESS); }),
               "2 extra start poses are not finite or too many, left out\n");
-    EXPECT_LT(mean_displacement(moving, result, jump), 0.5);
+    EXPECT_LT(pose_error(result, jump), 0.5);
 }
 
 TEST(ParticleTracking, ResultDependsNeitherOnThreadsNorOnEarlierCalls) {
@@ -300,25 +276,22 @@ TEST(ParticleTracking, AllParticlesEqualEndTheSearch) {
 }
 
 TEST(ParticleDebug, FilesAndLinesOnlyWithSwitchAndFrame) {
-    const TemporaryFolder temporary;
-    const std::filesystem::path& folder = temporary.path();
+    const TemporaryFolder folder;
     const PointImage view = desk_view(RigidMatrix(), 80);
-    ParticleTrack tracker = usual_tracker(2, folder.string());
+    ParticleTrack tracker = usual_tracker(2, folder.path().string());
     tracker.set_debug_frame(3);
-    for (const auto& [on, frameId] : {std::pair(false, 3), std::pair(true, 4), std::pair(true, 3)}) {
+    for (const auto& [on, frameId] : {std::pair(false, 3), {true, 4}, {true, 3}}) {
         ParticleTrack::set_debug_switch(on);
         RigidMatrix result;
         const std::string lines =
             printed([&, id = frameId] { tracker.partical_track(view, view, result, id, nullptr); });
         ParticleTrack::set_debug_switch(false);
         const bool isExpected = on && frameId == 3;
-        for (const char* label : {"minDis = ", "minId = "}) {
-            EXPECT_EQ(lines.find(label) != std::string::npos, isExpected);
-        }
+        EXPECT_EQ(lines.find("minDis = ") != std::string::npos, isExpected);
+        EXPECT_EQ(lines.find("minId = ") != std::string::npos, isExpected);
         for (const char* name : {"fixCloud_3.txt", "roughtResult_3.txt", "fineResult_3.txt", "roughtPosition_3_42.txt",
-                                 "roughtPosition_fine_3_0.txt", "finePosition_3_8.txt"}) {
-            EXPECT_EQ(std::filesystem::exists(folder / name), isExpected) << name;
-        }
+                                 "roughtPosition_fine_3_0.txt", "finePosition_3_8.txt"})
+            EXPECT_EQ(std::filesystem::exists(folder.path() / name), isExpected) << name;
     }
 }
 

@@ -1,5 +1,6 @@
 // Every way for the ICP to end, and what images, poses and settings that it and the particle tracker cannot use lead
 // to: the code, its line, nothing changed, and the object goes on working.
+#include <array>
 #include <cstdio>
 #include <functional>
 #include <vector>
@@ -33,8 +34,8 @@ using Change = std::function<void(Attempt&)>;
 using ImageOf = PointImage Attempt::*;
 constexpr ImageOf Fixed = &Attempt::fixed, Moving = &Attempt::moving;
 
-Change with_camera(double fx, double fy, double cx) {
-    return [=](Attempt& a) { a.fixed.set_camPar(CameraInParam(fx, fy, cx, 50)); };
+Change with_focal_length(double f) {
+    return [=](Attempt& a) { a.fixed.set_camPar(CameraInParam(f, f, 50, 50)); };
 }
 Change with_radial(float x, float y) {
     return [=](Attempt& a) {
@@ -92,7 +93,7 @@ std::vector<Ending> endings() {
         }
     };
     const Change moreThanSlots = [](Attempt& a) { a.fixed.resize_vn(7501); };
-    const Vector3f zero = Vector3f::Zero(), one(0, 0, 1), lens(0, 0, 1e-6F), huge = Vector3f::Constant(3e38F);
+    const Vector3f zero = Vector3f::Zero(), one(0, 0, 1), huge = Vector3f::Constant(3e38F);
     const std::string camera = "the fixed image's camera is not usable";
     const std::string arrays = " image's arrays do not agree with its size";
     const std::string outside =
@@ -108,13 +109,10 @@ std::vector<Ending> endings() {
         attributes("no moving normals", [](Attempt& a) { a.moving.disable_vNormal(); }),
         attributes("no moving weights", [](Attempt& a) { a.moving.disable_vWeight(); }),
         refused("one fixed normal", normals(Fixed, 1, one), "the fixed" + arrays),
-        refused("one moving normal", normals(Moving, 1, one), "the moving" + arrays),
         refused("two weights", weights(2, 1), "the moving" + arrays),
         refused("more points than slots", moreThanSlots, "the fixed" + arrays),
-        refused("no focal length", with_camera(0, 100, 50), camera),
-        refused("NaN focal length", with_camera(100, kNaN, 50), camera),
-        refused("infinite centre", with_camera(100, 100, kInfinity), camera),
-        refused("absurd camera", with_camera(1e300, 1e300, 50), camera),
+        refused("no focal length", with_focal_length(0), camera),
+        refused("absurd camera", with_focal_length(1e300), camera),
         refused("NaN radial", with_radial(kNaN, 0), "the fixed image's view radial is not finite"),
         refused("NaN initial pose", start({0, 0, 0}, {0, kNaN, 0}), "the initial pose is not finite"),
         none("absurd radial", with_radial(1e30F, -1e30F), outside),
@@ -122,18 +120,12 @@ std::vector<Ending> endings() {
         none("behind the camera", start({0, 3.14159, 0}, {0, 0, 0})),
         none("no fixed slots", without_slots(Fixed)),
         none("no moving slots", without_slots(Moving)),
-        none("empty fixed image", [](Attempt& a) { a.fixed.setZero(); }),
         none("all at the border", onlyBorder),
         none("NaN fixed points", every_point(Fixed, Vector3f::Constant(kNaN))),
         none("infinite moving points", every_point(Moving, kInfinity * one)),
-        none("fixed points at the lens", every_point(Fixed, lens)),
-        none("moving points at the lens", every_point(Moving, 1e-20F * one)),
-        none("points behind the camera", every_point(Fixed, -50 * one)),
         none("far points", every_point(Moving, huge)),
         none("NaN normals", normals(Fixed, 7500, Vector3f(kNaN, 0, 1))),
-        none("tiny normals", normals(Moving, 7500, lens)),
         none("no normals", normals(Moving, 7500, zero)),
-        none("huge normals", normals(Fixed, 7500, huge)),
         none("NaN weights", weights(7500, kNaN)),
         {"infinite weights", weights(7500, kInfinity), IcpEnd::SingularSystem, RET_INI_ERROR,
          "icp False covMat.determinant() is too small \n"},
@@ -209,40 +201,32 @@ TEST(RegistrationInput, EveryEndHasItsCodeItsLineAndItsResult) {
 }
 
 TEST(RegistrationInput, SettingsOfTheIcp) {
-    const Vector2f nan = Vector2f::Constant(kNaN), infinite = Vector2f::Constant(kInfinity);
+    const Vector2f nan = Vector2f::Constant(kNaN);
     const struct {
         const char* name;
         std::function<void(IcpSettings&)> change;
-        bool isUsable;
         RetVal code;
     } cases[] = {
-        {"negative iterations", [](auto& s) { s.iterNum = kLowest, s.iterNumFixed = kHighest; }, false, RET_INI_ERROR},
-        {"no fine iteration", [](auto& s) { s.iterNumFixed = s.iterNum; }, false, RET_INI_ERROR},
-        {"any number of iterations", [](auto& s) { s.iterNum = kHighest; }, true, RET_SUCCESS},
-        {"negative coarse ones", [](auto& s) { s.iterNumFixed = kLowest, s.icpDis(0) = 6; }, true, RET_SUCCESS},
-        {"NaN gates", [=](auto& s) { s.icpDis = nan; }, false, RET_INI_ERROR},
-        {"negative gates", [](auto& s) { s.icpDis = Vector2f(-2, -1); }, true, RET_NOT_CONVERGED},
-        {"NaN distance", [](auto& s) { s.disAvgThread = kNaN; }, true, RET_NOT_CONVERGED},
-        {"NaN shares", [=](auto& s) { s.rata = nan; }, true, RET_NOT_CONVERGED},
-        {"ratio of 1 and more", [](auto& s) { s.corrRatio = Vector2f(1, 1e30F); }, true, RET_SUCCESS},
-        {"infinite ratio", [=](auto& s) { s.corrRatio = infinite; }, true, RET_SUCCESS},
-        {"NaN ratio", [=](auto& s) { s.corrRatio = nan; }, true, RET_SUCCESS},
+        {"negative iterations", [](auto& s) { s.iterNum = kLowest, s.iterNumFixed = kHighest; }, RET_INI_ERROR},
+        {"no fine iteration", [](auto& s) { s.iterNumFixed = s.iterNum; }, RET_INI_ERROR},
+        {"any number of iterations", [](auto& s) { s.iterNum = kHighest; }, RET_SUCCESS},
+        {"negative coarse ones", [](auto& s) { s.iterNumFixed = kLowest, s.icpDis(0) = 6; }, RET_SUCCESS},
+        {"NaN gates", [=](auto& s) { s.icpDis = nan; }, RET_INI_ERROR},
+        {"negative gates", [](auto& s) { s.icpDis = Vector2f(-2, -1); }, RET_NOT_CONVERGED},
+        {"NaN distance", [](auto& s) { s.disAvgThread = kNaN; }, RET_NOT_CONVERGED},
+        {"NaN shares", [=](auto& s) { s.rata = nan; }, RET_NOT_CONVERGED},
+        {"ratio of 1 and more", [](auto& s) { s.corrRatio = Vector2f(1, kInfinity); }, RET_SUCCESS},
+        {"NaN ratio", [=](auto& s) { s.corrRatio = nan; }, RET_SUCCESS},
     };
     const Attempt usual = usual_attempt();
-    for (const auto& bad : cases) {
-        SCOPED_TRACE(bad.name);
+    for (const auto& c : cases) {
         IcpSettings settings;
         settings.threads = -7;
-        bad.change(settings);
+        c.change(settings);
         IcpBaseOnCam icp = settings.icp();
-        EXPECT_EQ(icp.get_inisucc(), bad.isUsable);
-        EXPECT_EQ(run(icp, usual.fixed, usual.moving).code, bad.code);
+        EXPECT_EQ(icp.get_inisucc(), c.code != RET_INI_ERROR) << c.name;
+        EXPECT_EQ(run(icp, usual.fixed, usual.moving).code, c.code) << c.name;
     }
-    // A negative ratio keeps the nearest pair alone, which holds nothing: no crash is all that can be asked.
-    IcpSettings nearest;
-    nearest.corrRatio = {-1, -kInfinity};
-    IcpBaseOnCam icp = nearest.icp();
-    EXPECT_NE(run(icp, usual.fixed, usual.moving).code, RET_RUN_FAIL);
 }
 
 TEST(RegistrationInput, SettersOfTheIcpKeepWhatIsUsable) {
@@ -264,35 +248,29 @@ TEST(RegistrationInput, SettersOfTheIcpKeepWhatIsUsable) {
 }
 
 TEST(RegistrationInput, AbsurdParametersOfParticlesEndInAFinitePose) {
-    struct Parameters {
-        float threshold = 18.0F, minValidRatio = 0.5F, keepRatio = 0.8F;
-        int iterNum = 3, codeNum = 2, threads = 1;
-        Vector3i counts{3, 3, 1};
-        Vector3f sizes{10, 10, 10};
-    };
-    std::vector<Parameters> all;
-    const auto add = [&](const std::function<void(Parameters&)>& change) { change(all.emplace_back()); };
-    for (const float x : {kNaN, kInfinity, -kInfinity, -1.0F, 0.0F, 1e-30F, 3e38F}) {
-        add([&](Parameters& p) { p.threshold = x; });
-        add([&](Parameters& p) { p.minValidRatio = x; });
-        add([&](Parameters& p) { p.keepRatio = x; });
-        add([&](Parameters& p) { p.sizes = Vector3f(x, 10, x); });
-    }
-    for (const int n : {kLowest, -1, 0, 1, 100000, kHighest}) {
-        add([&](Parameters& p) { p.iterNum = n; });
-        add([&](Parameters& p) { p.codeNum = n; });
-        add([&](Parameters& p) { p.threads = n; });
-        add([&](Parameters& p) { p.counts = Vector3i(n, 1, 1), p.codeNum = 50; });
-    }
     const Attempt usual = usual_attempt();
-    for (const Parameters& p : all) {
-        ParticleTrack tracker(p.threshold, p.iterNum, "", p.codeNum, p.counts, p.sizes, p.minValidRatio, p.keepRatio,
-                              p.threads);
+    const auto track = [&](const std::array<float, 4>& f, const std::array<int, 4>& n) {
+        ParticleTrack tracker(f[0], n[0], "", n[1], {n[3], 3, 1}, {f[3], 10, f[3]}, f[1], f[2], n[2]);
         RigidMatrix result;
         const RetVal ended = tracker.partical_track(usual.fixed, usual.moving, result, kHighest, nullptr);
         EXPECT_TRUE(ended == RET_SUCCESS || ended == RET_RUN_FAIL);
         EXPECT_TRUE(result.is_finite());
         EXPECT_LE(tracker.get_the_min_residual(), ParticleTrack::FailedResidual);
+    };
+    // Threshold, least share of valid points, share kept and step of the grid; iterations, stride, threads and counts.
+    constexpr std::array<float, 4> usualFloats{18.0F, 0.5F, 0.8F, 10.0F};
+    constexpr std::array<int, 4> usualCounts{3, 50, 1, 3};
+    for (std::size_t which = 0; which < 4; ++which) {
+        for (const float x : {kNaN, kInfinity, -kInfinity, -1.0F, 0.0F, 1e-30F, 3e38F}) {
+            std::array<float, 4> floats = usualFloats;
+            floats[which] = x;
+            track(floats, usualCounts);
+        }
+        for (const int n : {kLowest, -1, 0, 100000, kHighest}) {
+            std::array<int, 4> counts = usualCounts;
+            counts[which] = n;
+            track(usualFloats, counts);
+        }
     }
 }
 

@@ -1,6 +1,8 @@
 // Frames of the virtual world for registration.
 #pragma once
 
+#include <algorithm>
+
 #include "foundation/PointImage.h"
 #include "simulation/cameraPaths.h"
 #include "simulation/combinations.h"
@@ -41,6 +43,11 @@ inline RigidMatrix motion(const Vector3d& axisAngle, const Vector3d& translation
 /// How far (mm) the two poses move the point apart.
 inline double distance_between(const RigidMatrix& a, const RigidMatrix& b, const Vector3d& at) {
     return (a * at - b * at).norm();
+}
+
+/// Largest distance (mm) by which the poses move points of the object apart.
+inline double pose_error(const RigidMatrix& found, const RigidMatrix& truth) {
+    return std::max(distance_between(found, truth, {0, 0, 300}), distance_between(found, truth, {50, 50, 450}));
 }
 
 }  // namespace VexelTest

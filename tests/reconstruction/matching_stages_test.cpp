@@ -240,8 +240,8 @@ TEST(MatchingStages, MatchesGrowOverASlantAndStopAtItsEnds) {
         }
     const Mask mask = random_mask(W, H, 13, 97);
     Raster<float> seeds(W, H, NO_PARALLAX), first;
-    for (int y = 20; y < 26; ++y)
-        for (int x = 40; x < 47; ++x) seeds.at(x, y) = static_cast<float>(parallax_at(x, y));
+    for (int y = 15; y < 30; ++y)  // a band that tells the slopes apart only together
+        for (int x = y + 20; x < y + 23; ++x) seeds.at(x, y) = static_cast<float>(parallax_at(x, y));
     for (const int threads : {1, 3}) {
         Raster<float> grown = seeds, score(W, H);
         grow_matches({left, right, mask, 9, 7, -4.0F, 9.0F, 0.6F}, threads, grown, score);
@@ -334,6 +334,10 @@ TEST(MatchingStages, EdgesSettleWhereTheImagesSay) {
     for (std::size_t i = 0; i < before.parallax.size(); ++i)  // nothing correlates well enough to fill empty slots
         ASSERT_EQ(has_parallax(scene.field.parallax[i]), has_parallax(before.parallax[i]));
     scene.field = before;
+    for (int y = 0; y < 120; ++y) {  // what less than half of a window shows is not judged
+        std::fill_n(scene.cover.row(y), 14, std::uint8_t{0});
+        if (y < 60) scene.field.parallax.at(6, y) = scene.field.parallax.at(7, y) = NO_PARALLAX;
+    }
     settle_edges(scene.task(), {7, 2, 0.75F, -5.0F, 40.0F}, 1, scene.field);
     int right = 0, wrong = 0;
     for (int y = 20; y < 40; ++y)
@@ -342,6 +346,7 @@ TEST(MatchingStages, EdgesSettleWhereTheImagesSay) {
             ++(scene.field.parallax.at(x, y) == static_cast<float>(isNear ? 18 : 6) ? right : wrong);
         }
     EXPECT_LT(wrong, right / 25);
+    EXPECT_TRUE(!has_parallax(scene.field.parallax.at(6, 30)) && has_parallax(scene.field.parallax.at(7, 30)));
 
     trim_edges(scene.task(), 2, 3.0F, 2, scene.field);
     for (int y = 20; y < 40; ++y) {

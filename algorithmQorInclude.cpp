@@ -107,6 +107,13 @@ bool fusion_and_track(void* handle, const PointImage& frame, int& elapsedMicrose
     });
 }
 
+bool fusion_and_track(void* handle, const ColorAndPoint& frame, int& elapsedMicroseconds, bool fuse,
+                      int contribution) noexcept {
+    return on_handle<FusionTrack, bool>(handle, FRAME_STEP, {false, false}, [&](FusionTrack& session) {
+        return session.frame_step(frame, elapsedMicroseconds, fuse, contribution);
+    });
+}
+
 bool fusion_and_track_with_speed_limit(void* handle, const PointImage& frame, int& elapsedMicroseconds, bool& fuse,
                                        int& contribution, int frameTimeGap, int& speedState) noexcept {
     return on_handle<FusionTrack, bool>(handle, FRAME_STEP, {false, false}, [&](FusionTrack& session) {
@@ -149,11 +156,11 @@ RetVal fusion_and_track_parallel_load_cloud(void* handle, PointImage&& frame,
                       ParallelInput::Color::Awaited);
 }
 
-RetVal fusion_and_track_parallel_load_color(void* handle, const ParallelColorImage& color,
-                                            std::int64_t frameId) noexcept {
-    return on_parallel_input(
-        handle, "fusion_and_track_parallel_load_color",
-        [&](ParallelInput& input, const char* function) { return input.load_color(function, frameId, color); });
+RetVal fusion_and_track_parallel_load_color(void* handle, const ColorImage& color, std::int64_t frameId) noexcept {
+    constexpr const char* name = "fusion_and_track_parallel_load_color";
+    return on_handle<FusionTrack, RetVal>(
+        handle, session_function(name), {RET_INPUT_ERROR, RET_RUN_FAIL},
+        [&](FusionTrack& session) { return session.load_color(name, color, frameId); });
 }
 
 RetVal fusion_paralle_pause(void* handle) noexcept {

@@ -35,6 +35,7 @@
 #include "foundation/CameraInParam.h"
 #include "foundation/Cloud.h"
 #include "foundation/CloudWithWeight.h"
+#include "foundation/ColorAndPoint.h"
 #include "foundation/CommonParameter.h"
 #include "foundation/DataArchiveConfig.h"
 #include "foundation/FusionParameter.h"
@@ -99,11 +100,25 @@ VEXEL_API void* fusion_and_track_ini(const CommonParameter& common, const TrackP
 /// list, and the frame is fused. Returns whether the frame was accepted; `get_fusion_scan_state` says why not. A
 /// rejected frame leaves model, poses and prediction as they were, so that the scan goes on as soon as a frame sees
 /// again what was seen last. `elapsedMicroseconds` is written when a frame other than the first is accepted. Null
-/// handle: "fail because pFusionTrack == NULL" and false, for all three forms.
+/// handle: "fail because pFusionTrack == NULL" and false, for all four forms.
+///
+/// The slots' colours, where the frame has them and they are not zero, go into the model when the frame is fused: each
+/// voxel at the surface keeps the weighted mean of what it was seen in, with |z| of the normal (camera coordinates) as
+/// weight. They change neither tracking nor shape.
 VEXEL_API bool fusion_and_track(void* handle, const PointImage& frame, int& elapsedMicroseconds) noexcept;
 /// `fuse` true: the frame is fused when it is tracked. False: only when more of its points lie on new surface than
 /// `contribution` says. Out: whether it was fused.
 VEXEL_API bool fusion_and_track(void* handle, const PointImage& frame, int& elapsedMicroseconds, bool& fuse,
+                                int contribution) noexcept;
+/// The same for a frame with the colour camera's image (without lens distortion), which gives the frame's points their
+/// colours, whatever colours the frame has. A point is taken from the left camera, in whose coordinates frames are, to
+/// the colour camera by tranLeftToColor and projected by colorImagePar; its colour is that of the image there,
+/// interpolated. It has none behind the camera, outside colorImageRange, and where another point of the frame hides it
+/// from the camera, ten times the distance of neighbouring points or more in front of it. Frames of
+/// `run_speckle_rebuild_cpu` are in coordinates of the rectified left camera: their tranLeftToColor is
+/// `CaliParReadIn::get_rectified_to_color`. An image that is not of colorImageSize, or whose bytes do not fit its size,
+/// is refused.
+VEXEL_API bool fusion_and_track(void* handle, const ColorAndPoint& frame, int& elapsedMicroseconds, bool fuse,
                                 int contribution) noexcept;
 /// The same with a limit of speed. `contribution` out: the number of the frame's points on new surface, computed when
 /// `fuse` is false. `frameTimeGap`: time since the frame before in the application's unit, kept with the session; below
@@ -152,10 +167,12 @@ VEXEL_API RetVal fusion_and_track_parallel_load_cloud(void* handle, const PointI
                                                       const FusionparallelInputData& data) noexcept;
 VEXEL_API RetVal fusion_and_track_parallel_load_cloud(void* handle, PointImage&& frame,
                                                       const FusionparallelInputData& data) noexcept;
-/// The colour image of the frame of this id, which the callbacks find in the frame's input data; the model takes no
-/// colour from it. Also taken while paused. Up to 16 images wait for their frames; one more drops the oldest, with a
-/// line. Reset forgets them. An image without pixels, or whose bytes do not fit its size: `RET_INPUT_ERROR`.
-VEXEL_API RetVal fusion_and_track_parallel_load_color(void* handle, const ParallelColorImage& color,
+/// The colour image of the frame of this id, from which the frame takes its colours as by `fusion_and_track`. The
+/// callbacks find it in the frame's input data; that is all that is done with it in a session without a colour camera
+/// (colorImageSize (0, 0)). Also taken while paused. Up to 16 images wait for their frames; one more drops the oldest,
+/// with a line. Reset forgets them. An image without pixels, whose bytes do not fit its size, or that is not of
+/// colorImageSize: `RET_INPUT_ERROR`.
+VEXEL_API RetVal fusion_and_track_parallel_load_color(void* handle, const ColorImage& color,
                                                       std::int64_t frameId) noexcept;
 /// From now on no frame is taken and none begun; those that wait stay. Waits for the frame in work and its callback to
 /// end; if they have not after 5 s, says "fusion_pause fail ", goes on as before and returns `RET_RUN_FAIL`. Inside a
@@ -165,11 +182,12 @@ VEXEL_API RetVal fusion_paralle_pause(void* handle) noexcept;
 VEXEL_API RetVal fusion_paralle_start(void* handle) noexcept;
 
 /// Points (mm, model coordinates) of the model's surface, about one a voxel, with normals that point out of the surface
-/// and the colour `colorOnInvaildPoint`. Each call brings up to date what frames have changed since the one before;
-/// its cost follows that and not the size of the model. A place of the surface has one point, which moves with it and
-/// goes with it; the order of the points changes. The cloud belongs to the session, stays as it is during frame steps
-/// and is valid until the next display, edit, reset or release call on the handle. Waits while a frame is integrated,
-/// not while it is tracked or rendered. Null handle: "fail because pFusionTrack = NULL" and an empty cloud.
+/// and colours: that of the model, or `colorOnInvaildPoint` where it has none. Each call brings up to date what frames
+/// have changed since the one before; its cost follows that and not the size of the model. A place of the surface has
+/// one point, which moves with it and goes with it; the order of the points changes. The cloud belongs to the session,
+/// stays as it is during frame steps and is valid until the next display, edit, reset or release call on the handle.
+/// Waits while a frame is integrated, not while it is tracked or rendered. Null handle: "fail because pFusionTrack =
+/// NULL" and an empty cloud.
 VEXEL_API const Cloud& get_show_data(void* handle) noexcept;
 /// The same without points that rest on fewer than three measurements. The first call goes over all points.
 VEXEL_API const Cloud& get_show_data_filter_noise(void* handle) noexcept;
@@ -238,7 +256,8 @@ VEXEL_API int get_valid_count_of_show_cloud(void* handle) noexcept;
 /// most the voxel edge for all vertices; more keeps one vertex in each cube of that edge (mm). An empty model gives an
 /// empty mesh and success. At a debug level above 0 prints a line that begins with "Mc Time is:" and writes
 /// "mc_result.obj" (all that marching cubes found), "Mc_Opt_result.obj" (the result) and "ErrorBastriMesh.obj"
-/// (triangles of the result at edges that are not manifold) to outputPath, each unless it would be empty. The first
+/// (triangles of the result at edges that are not manifold) to outputPath, each unless it would be empty. Once a frame
+/// with colours has been fused the mesh has vertex colours, `colorOnInvaildPoint` where there is none. The first
 /// form runs on OpenMP, the second on TBB; their results are the same.
 VEXEL_API RetVal get_fusion_result(void* handle, float pointDis, BaseTriMesh& mesh) noexcept;
 VEXEL_API RetVal get_fusion_result_tbb(void* handle, float pointDis, BaseTriMesh& mesh) noexcept;

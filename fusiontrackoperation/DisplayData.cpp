@@ -3,6 +3,7 @@
 #include <hwy/base.h>
 
 #include <algorithm>
+#include <optional>
 #include <utility>
 
 #include "foundation/parallel.h"
@@ -51,6 +52,10 @@ void LeafPoints::move(std::int32_t leaf, const SurfacePoint& surface) {
     _cloud.set_vNrv(point, surface.normal);
 }
 
+void LeafPoints::recolor(std::int32_t leaf, const Vector3f& color) {
+    _cloud.set_vColor(static_cast<std::size_t>(_ranks[leaf] - 1), color);
+}
+
 void LeafPoints::set(std::int32_t leaf, const SurfacePoint& surface) {
     _ranks.grow_to(leaf);
     if (_ranks[leaf] == 0) {
@@ -67,6 +72,7 @@ void LeafPoints::remove(std::int32_t leaf) {
     const auto hole = static_cast<std::size_t>(_ranks[leaf] - 1), last = _cloud.get_vn() - 1;
     _cloud.set_vCoord(hole, _cloud.get_vCoord(last));
     _cloud.set_vNrv(hole, _cloud.get_vNrv(last));
+    _cloud.set_vColor(hole, _cloud.get_vColor(last));
     _leaves[hole] = _leaves[last];
     _ranks[_leaves[hole]] = static_cast<std::int32_t>(hole) + 1;
     _ranks[leaf] = 0;
@@ -98,19 +104,28 @@ bool LeafPoints::restore(ShownPoints shown, std::int32_t leafCount) {
     return true;
 }
 
-void LeafPointChanges::take(LeafPoints& points, const OctetSurface& octet, unsigned changed, unsigned wanted) {
+void LeafPointChanges::take(LeafPoints& points, const OctetSurface& octet, unsigned changed, unsigned wanted,
+                            LeafColorSampler* colors) {
     const unsigned shown = points.shown_of(octet.number());
     const std::int32_t first = OctetCells::Count * octet.number();
     for_each_bit(changed & wanted & shown, [&](int code) { points.move(first + code, octet.point(code)); });
     for_each_bit(changed & wanted & ~shown, [&](int code) { _appeared.push_back({first + code, octet.point(code)}); });
     for_each_bit(changed & ~wanted & shown, [&](int code) { _vanished.push_back(first + code); });
+    if (colors == nullptr) return;
+    const auto color_of = [&](int code) { return colors->at(octet.point(code).point); };
+    for_each_bit(changed & wanted & shown, [&](int code) { points.recolor(first + code, color_of(code)); });
+    for_each_bit(changed & wanted & ~shown, [&](int code) { _appearedColors.push_back(color_of(code)); });
 }
 
 void LeafPointChanges::apply_to(LeafPoints& points) {
     for (const std::int32_t leaf : _vanished) points.remove(leaf);
-    for (const NewPoint& point : _appeared) points.set(point.leaf, point.surface);
+    for (std::size_t i = 0; i < _appeared.size(); ++i) {
+        points.set(_appeared[i].leaf, _appeared[i].surface);
+        if (i < _appearedColors.size()) points.recolor(_appeared[i].leaf, _appearedColors[i]);
+    }
     _vanished.clear();
     _appeared.clear();
+    _appearedColors.clear();
 }
 
 // Every leaf's octet is written, and only new ones stay: which are new is hard to foretell.
@@ -131,11 +146,15 @@ void OctetList::clear() {
     _count = 0;
 }
 
-DisplayData::DisplayData(const Vector3f& color) : _points(color), _confirmed(color) {}
+DisplayData::DisplayData(const Vector3f& color, const LeafColors& colors)
+    : _colors(colors), _points(color), _confirmed(color) {}
 
 void DisplayData::find_changes(SessionVolume& volume, std::size_t begin, std::size_t end, TaskChanges& changes) {
     auto& tree = volume.get_fusion_tree();
     OctetSurfaces surfaces(tree);
+    std::optional<LeafColorSampler> sampler;
+    if (!_colors.is_empty()) sampler.emplace(_colors, volume, _points.usual_color());
+    LeafColorSampler* const colors = sampler ? &*sampler : nullptr;
     const auto number_at = [&](std::size_t i) {
         _points.prefetch(_octets[begin + i]);
         return _octets[begin + i];
@@ -144,10 +163,10 @@ void DisplayData::find_changes(SessionVolume& volume, std::size_t begin, std::si
         auto* const leaves = &tree.leaf_at(OctetCells::Count * octet.number());
         const unsigned changed = leaves_that([&](int code) { return leaves[code].changed != 0; });
         for (int code = 0; code < OctetCells::Count; ++code) leaves[code].changed = 0;
-        changes.points.take(_points, octet, changed, octet.found());
+        changes.points.take(_points, octet, changed, octet.found(), colors);
         if (!_keepsConfirmed) return;
         const unsigned confirmed = leaves_that([&](int code) { return is_confirmed(leaves[code]); });
-        changes.confirmed.take(_confirmed, octet, changed, octet.found() & confirmed);
+        changes.confirmed.take(_confirmed, octet, changed, octet.found() & confirmed, colors);
     });
 }
 
@@ -174,8 +193,9 @@ const Cloud& DisplayData::confirmed_points(const SessionVolume& volume) {
     const Cloud& all = _points.cloud();
     for (std::size_t i = 0; i < all.get_vn(); ++i) {
         const std::int32_t leaf = _points.leaf_of(i);
-        if (is_confirmed(volume.get_fusion_tree().leaf_at(leaf)))
-            _confirmed.set(leaf, {all.get_vCoord(i), all.get_vNrv(i)});
+        if (!is_confirmed(volume.get_fusion_tree().leaf_at(leaf))) continue;
+        _confirmed.set(leaf, {all.get_vCoord(i), all.get_vNrv(i)});
+        _confirmed.recolor(leaf, all.get_vColor(i));
     }
     _keepsConfirmed = true;
     return _confirmed.cloud();

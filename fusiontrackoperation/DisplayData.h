@@ -10,6 +10,7 @@
 #include "foundation/Cloud.h"
 #include "fusion/FusionTsdf.h"
 #include "fusion/PagedArray.h"
+#include "fusiontrackoperation/LeafColors.h"
 #include "fusiontrackoperation/OctetSurfaces.h"
 
 namespace VexelAlgorithm {
@@ -29,6 +30,7 @@ public:
     explicit LeafPoints(const Vector3f& color);
 
     const Cloud& cloud() const { return _cloud; }
+    const Vector3f& usual_color() const { return _color; }
     const std::vector<std::int32_t>& leaves() const { return _leaves; }
     std::int32_t leaf_of(std::size_t point) const { return _leaves[point]; }
     bool has(std::int32_t leaf) const { return leaf < _ranks.size() && _ranks[leaf] > 0; }
@@ -40,6 +42,8 @@ public:
     }
     /// Moves the point of a leaf that has one. Several threads may move points of different leaves.
     void move(std::int32_t leaf, const SurfacePoint& surface);
+    /// The same for its colour, which is that of all points at first.
+    void recolor(std::int32_t leaf, const Vector3f& color);
     /// Moves the leaf's point or gives it one.
     void set(std::int32_t leaf, const SurfacePoint& surface);
     void remove(std::int32_t leaf);
@@ -58,8 +62,9 @@ private:
 class LeafPointChanges {
 public:
     /// Of the octet's leaves that changed, those that are wanted get or move their points and the others lose them; a
-    /// bit a leaf.
-    void take(LeafPoints& points, const OctetSurface& octet, unsigned changed, unsigned wanted);
+    /// bit a leaf. They are coloured by the sampler, if there is one.
+    void take(LeafPoints& points, const OctetSurface& octet, unsigned changed, unsigned wanted,
+              LeafColorSampler* colors);
     /// Makes the changes that alter the number of points, and forgets them.
     void apply_to(LeafPoints& points);
 
@@ -69,6 +74,7 @@ private:
         SurfacePoint surface;
     };
     std::vector<NewPoint> _appeared;
+    std::vector<Vector3f> _appearedColors;  // of these points, or none
     std::vector<std::int32_t> _vanished;
 };
 
@@ -94,7 +100,8 @@ public:
     /// times, is; later surface is from its third sight on.
     static constexpr int ConfirmedContributions = 3;
 
-    explicit DisplayData(const Vector3f& color);
+    /// `color` is for places without one in `colors`.
+    DisplayData(const Vector3f& color, const LeafColors& colors);
 
     /// Brings the points of the listed leaves up to date, clears their changed flags and empties the list. A leaf that
     /// has a surface gets a point or moves the one that it has; one whose surface is gone loses its point.
@@ -120,6 +127,7 @@ private:
     };
     void find_changes(SessionVolume& volume, std::size_t begin, std::size_t end, TaskChanges& changes);
 
+    const LeafColors& _colors;
     LeafPoints _points;
     LeafPoints _confirmed;
     bool _keepsConfirmed = false;

@@ -38,7 +38,8 @@ FusionTrack::FusionTrack(const SessionParameters& parameters, bool withTexture, 
     : _parameters(parameters),
       _volume(parameters.fusion.treeDepth, parameters.fusion.pointDis, parameters.fixed.coneHalfWidth,
               parameters.fusion.fusionDataSize(0), parameters.fusion.codeNumSet, parameters.common.outputPath),
-      _display(parameters.fusion.colorOnInvaildPoint),
+      _display(parameters.fusion.colorOnInvaildPoint, _leafColors),
+      _colorCamera(parameters.fusion),
       _camera(parameters.camera),
       _icpLimitNum(parameters.icpLimitNum),
       _debugLevel(parameters.fixed.debugLevel) {
@@ -236,6 +237,7 @@ void FusionTrack::forget_model() {
         const std::lock_guard<std::mutex> outer(_outerMutex);
         const std::lock_guard<std::mutex> inner(_innerMutex);
         _volume.reset();
+        _leafColors.clear();
         _changedLeaves.clear();
         _display.clear();
     }

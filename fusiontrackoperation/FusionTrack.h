@@ -13,13 +13,16 @@
 #include <vector>
 
 #include "foundation/BaseTriMesh.h"
+#include "foundation/ColorAndPoint.h"
 #include "foundation/PointImage.h"
 #include "foundation/RetVal.h"
 #include "foundation/RigidMatrix.h"
 #include "fusion/emptySurface.h"
 #include "fusion/rayCast.h"
+#include "fusiontrackoperation/ColorCamera.h"
 #include "fusiontrackoperation/DisplayData.h"
 #include "fusiontrackoperation/FusionScanState.h"
+#include "fusiontrackoperation/LeafColors.h"
 #include "fusiontrackoperation/NonRigid.h"
 #include "fusiontrackoperation/ParallelInput.h"
 #include "fusiontrackoperation/SessionParameters.h"
@@ -61,11 +64,15 @@ public:
     /// lets the frame pass.
     bool frame_step(const PointImage& input, int& elapsedMicroseconds, bool& fuseFlag, int& contribution,
                     int frameTimeGap, int& speedState);
+    /// The same for a frame whose points take their colours from the image.
+    bool frame_step(const ColorAndPoint& input, int& elapsedMicroseconds, bool fuseFlag, int contribution);
     bool track(const PointImage& input, int& elapsedMicroseconds);
     bool fusion(const PointImage& input, const RigidMatrix& pose, int& elapsedMicroseconds);
 
     /// Frames for the session's worker; `report_frame` tells what happened to each.
     ParallelInput& parallel_input() { return _parallelInput; }
+    /// For the frame of this id.
+    RetVal load_color(const char* function, const ColorImage& color, std::int64_t frameId);
 
     // ---- what an application looks at ------------------------------------------------------------------
 
@@ -175,10 +182,13 @@ private:
     FrameOutcome track_and_fuse(const char* function, const PointImage& input, StepArguments& arguments);
     FrameOutcome fuse_at(const PointImage& input, StepArguments& arguments);
     enum class Turn { OrRefuse, Await };
-    /// Runs `body`, which gives the outcome, as the only step, publishes the scan state and records it all.
-    template <class Body>
-    FrameOutcome run_step(const char* function, const PointImage& input, StepArguments& arguments, const Body& body,
+    /// Runs `body(frame)`, which gives the outcome, as the only step, publishes the scan state and records it all.
+    /// `give` makes the frame ready; null, after a line: there is none.
+    template <class Give, class Body>
+    FrameOutcome run_step(const char* function, StepArguments& arguments, const Give& give, const Body& body,
                           Turn turn = Turn::OrRefuse);
+    const PointImage* color_points(const ColorAndPoint& input);
+    bool can_be_colored(const PointImage& frame) const;
     void record_given(const char* function, const PointImage& input, const StepArguments& arguments);
     void record_done(const StepArguments& arguments);
     int accepted_frames() const;
@@ -218,6 +228,7 @@ private:
     RigidMatrix append_pose(RigidMatrix pose);
     bool adds_enough(const PointImage& frame, const RigidMatrix& pose, int& contribution);
     void integrate_moving_image(const RigidMatrix& pose);
+    void color_model(const PointImage& frame, const RigidMatrix& pose);
     void empty_prediction(const PointImage& frame);
     void update_after_fusion();
     void render_prediction(const RigidMatrix& pose, bool guided);
@@ -237,6 +248,7 @@ private:
     void note_operation(const char* function, std::size_t amount);
     RetVal set_result_count(const char* function, const char* name, int ResultSettings::*setting, int value, int lowest,
                             int highest);
+    void forget_emptied_colors();
     void keep_frame(const PointImage& frame, const RigidMatrix& pose, int times);
     const KeptFrame* kept_frame(const char* function, int index) const;
     PointImage& unpacked_image();
@@ -252,10 +264,12 @@ private:
     void forget_last_frame(int acceptedFrames);
     bool read_model(std::ifstream& in, const Vector3f& shift);
     void resume_from(std::vector<RigidMatrix> poses);
+    void color_mesh(BaseTriMesh& mesh) const;
     void write_debug_mesh(const char* name, const BaseTriMesh& mesh) const;
 
     const SessionParameters _parameters;
     SessionVolume _volume;                 // written under outer and inner lock
+    LeafColors _leafColors;                // under both locks, like the volume
     Fusion::ChangedLeaves _changedLeaves;  // under the inner lock
     DisplayData _display;                  // under the inner lock
     std::unique_ptr<Track::IcpBaseOnCam> _pIcp;
@@ -268,7 +282,9 @@ private:
     PointImage _mapPre;      // the prediction: the model from the last accepted pose, in camera coordinates
     PointImage _fixedImage;  // copies for the trackers
     PointImage _movingImage;
-    PointImage _lastFrame;                      // guides the raycast
+    PointImage _lastFrame;  // guides the raycast
+    ColorCamera _colorCamera;
+    PointImage _coloredFrame;                   // a frame that came with an image, with its colours
     PointImage _movedFrame;                     // a frame that came moved by its pose, brought back
     Cloud _currentFrame;                        // points of the incoming frame
     RigidMatrix _relative;                      // result of the ICP

@@ -2,18 +2,11 @@
 #pragma once
 
 #include <cstdint>
-#include <vector>
 
+#include "foundation/ColorImage.h"
 #include "fusiontrackoperation/FusionScanState.h"
 
 namespace VexelAlgorithm {
-
-/// A colour image, 8 bits a channel: pixel (x, y) is the three bytes from rgb[3 * (y * width + x)] on.
-struct ParallelColorImage {
-    int width = 0;
-    int height = 0;
-    std::vector<std::uint8_t> rgb;
-};
 
 /// Given with a frame, copied, and shown to the callback that reports the frame; the pointer that the callback gets is
 /// valid until it returns.
@@ -38,7 +31,7 @@ struct FusionparallelInputData {
     FrameOutcome outcome = FrameOutcome::NoFrameYet;
     int queuedMicroseconds = 0;   ///< from the frame's arrival to the beginning of its step
     int elapsedMicroseconds = 0;  ///< of the step
-    ParallelColorImage color;     ///< without pixels when none has come
+    ColorImage color;             ///< without pixels when none has come
 };
 
 }  // namespace VexelAlgorithm

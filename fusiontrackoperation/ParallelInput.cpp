@@ -31,12 +31,6 @@ const char* find_unusable(const FusionparallelInputData& data) {
     return nullptr;
 }
 
-bool has_pixels(const ParallelColorImage& image) {
-    return image.width > 0 && image.height > 0 && image.rgb.size() % 3 == 0 &&
-           image.rgb.size() / 3 / static_cast<std::size_t>(image.width) == static_cast<std::size_t>(image.height) &&
-           image.rgb.size() / 3 % static_cast<std::size_t>(image.width) == 0;
-}
-
 RetVal refused(RetVal result, const char* function, const std::string& reason) {
     refuse(function, reason);
     return result;
@@ -74,7 +68,7 @@ FrameQueue<QueuedFrame>::Node ParallelInput::arriving(const FusionparallelInputD
     Queue::Node node(1);
     QueuedFrame& queued = node.front();
     queued.data = data;
-    queued.data.color = ParallelColorImage();
+    queued.data.color = ColorImage();
     queued.arrival = Queue::Clock::now();
     queued.awaitsColor = color == Color::Awaited;
     return node;
@@ -107,8 +101,8 @@ RetVal ParallelInput::refused_offer(const char* function, int maxQueued, Queue::
     }
 }
 
-RetVal ParallelInput::load_color(const char* function, std::int64_t frameId, ParallelColorImage color) {
-    if (!has_pixels(color)) {
+RetVal ParallelInput::load_color(const char* function, std::int64_t frameId, ColorImage color) {
+    if (!color.is_legal()) {
         return refused(RET_INPUT_ERROR, function, "width, height and bytes of the colour image do not fit");
     }
     std::deque<EarlyColor> forgotten;

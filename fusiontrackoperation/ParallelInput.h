@@ -45,7 +45,7 @@ public:
     /// Queues the frame itself; one that is refused is left as it was.
     RetVal load(const char* function, PointImage&& frame, const FusionparallelInputData& data, Color color);
     /// For the frame of this id that waits or is still to come.
-    RetVal load_color(const char* function, std::int64_t frameId, ParallelColorImage color);
+    RetVal load_color(const char* function, std::int64_t frameId, ColorImage color);
 
     /// Inside `work` takes effect when it returns; elsewhere waits for that.
     RetVal pause();
@@ -60,7 +60,7 @@ private:
     using Queue = FrameQueue<QueuedFrame>;
     struct EarlyColor {
         std::int64_t frameId;
-        ParallelColorImage image;
+        ColorImage image;
     };
 
     /// A frame of now, but for its image.

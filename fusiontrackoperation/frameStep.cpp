@@ -70,6 +70,10 @@ void print_times(const FrameStepTimes& times) {
         times.prepare, times.particles, times.icp, times.contribution, times.integrate, times.predict, times.whole));
 }
 
+auto as_it_is(const PointImage& frame) {
+    return [&frame] { return &frame; };
+}
+
 /// Sets a flag for its lifetime, if nobody else has.
 class SoleUse {
 public:
@@ -122,6 +126,36 @@ FrameOutcome FusionTrack::track_and_fuse(const char* function, const PointImage&
     return fuse ? FrameOutcome::Fused : FrameOutcome::TrackedOnly;
 }
 
+// The image becomes colours of the frame's slots before anything else, so that all that follows, debug recording too,
+// knows of frames only.
+const PointImage* FusionTrack::color_points(const ColorAndPoint& input) {
+    if (const auto reason = _colorCamera.find_unusable(input.color)) {
+        refuse("fusion_and_track", *reason);
+        return nullptr;
+    }
+    if (!can_be_colored(input.point)) return &input.point;
+    _coloredFrame = input.point;
+    _colorCamera.color_frame(input.color, _coloredFrame, _volume.get_code_Num());
+    return &_coloredFrame;
+}
+
+/// Other frames are left to the step, which says what is wrong with them.
+bool FusionTrack::can_be_colored(const PointImage& frame) const {
+    return frame.is_legal() && frame.get_image_width() == _parameters.imageSize.x() &&
+           frame.get_image_height() == _parameters.imageSize.y();
+}
+
+bool FusionTrack::frame_step(const ColorAndPoint& input, int& elapsedMicroseconds, bool fuseFlag, int contribution) {
+    StepArguments arguments;
+    arguments.fuseFlag = fuseFlag;
+    arguments.contribution = contribution;
+    const FrameOutcome outcome = run_step(
+        "fusion_and_track", arguments, [&] { return color_points(input); },
+        [&](const PointImage& frame) { return track_and_fuse("fusion_and_track", frame, arguments); });
+    if (arguments.elapsedMicroseconds >= 0) elapsedMicroseconds = arguments.elapsedMicroseconds;
+    return is_accepted(outcome);
+}
+
 bool FusionTrack::frame_step(const PointImage& input, int& elapsedMicroseconds, bool& fuseFlag, int& contribution,
                              int frameTimeGap, int& speedState) {
     StepArguments arguments;
@@ -129,8 +163,9 @@ bool FusionTrack::frame_step(const PointImage& input, int& elapsedMicroseconds, 
     arguments.contribution = contribution;
     arguments.frameTimeGap = frameTimeGap;
     arguments.speedState = speedState;
-    const FrameOutcome outcome = run_step("fusion_and_track", input, arguments,
-                                          [&] { return track_and_fuse("fusion_and_track", input, arguments); });
+    const FrameOutcome outcome = run_step("fusion_and_track", arguments, as_it_is(input), [&](const PointImage& frame) {
+        return track_and_fuse("fusion_and_track", frame, arguments);
+    });
     contribution = arguments.contribution;
     speedState = arguments.speedState;
     if (arguments.elapsedMicroseconds >= 0) elapsedMicroseconds = arguments.elapsedMicroseconds;
@@ -144,8 +179,9 @@ bool FusionTrack::frame_step(const PointImage& input, int& elapsedMicroseconds, 
 bool FusionTrack::track(const PointImage& input, int& elapsedMicroseconds) {
     StepArguments arguments;
     arguments.mayFuse = false;
-    const FrameOutcome outcome =
-        run_step("track", input, arguments, [&] { return track_and_fuse("track", input, arguments); });
+    const FrameOutcome outcome = run_step("track", arguments, as_it_is(input), [&](const PointImage& frame) {
+        return track_and_fuse("track", frame, arguments);
+    });
     if (arguments.elapsedMicroseconds >= 0) elapsedMicroseconds = arguments.elapsedMicroseconds;
     return is_accepted(outcome);
 }
@@ -157,16 +193,22 @@ FrameOutcome FusionTrack::step_queued(QueuedFrame& queued, QueuedStep& result) {
     arguments.contribution = data.contribution;
     arguments.frameTimeGap = data.frameTimeGap;
     arguments.speedState = data.speedState;
-    const auto step = [&] {
+    const auto give = [&]() -> const PointImage* {
         data.queuedMicroseconds = microseconds_since(queued.arrival);
-        const FrameOutcome outcome = track_and_fuse("fusion_and_track_parallel", queued.frame, arguments);
+        if (_colorCamera.is_there() && data.color.is_legal() && can_be_colored(queued.frame)) {
+            _colorCamera.color_frame(data.color, queued.frame, _volume.get_code_Num());
+        }
+        return &queued.frame;
+    };
+    const auto step = [&](const PointImage& frame) {
+        const FrameOutcome outcome = track_and_fuse("fusion_and_track_parallel", frame, arguments);
         if (outcome != FrameOutcome::FirstFrame) result.relative = _relative;
         const std::lock_guard<std::mutex> poses(_poseMutex);
         result.pose = _poses.back();
         result.acceptedFrames = static_cast<int>(_poses.size());
         return outcome;
     };
-    const FrameOutcome outcome = run_step("fusion_and_track", queued.frame, arguments, step, Turn::Await);
+    const FrameOutcome outcome = run_step("fusion_and_track", arguments, give, step, Turn::Await);
     if (outcome != FrameOutcome::TooFast) {
         data.fuse = outcome == FrameOutcome::FirstFrame || outcome == FrameOutcome::Fused;
     }
@@ -208,16 +250,17 @@ FrameOutcome FusionTrack::fuse_at(const PointImage& input, StepArguments& argume
 bool FusionTrack::fusion(const PointImage& input, const RigidMatrix& pose, int& elapsedMicroseconds) {
     StepArguments arguments;
     arguments.pose = pose;
-    const FrameOutcome outcome = run_step("fusion", input, arguments, [&] { return fuse_at(input, arguments); });
+    const FrameOutcome outcome = run_step("fusion", arguments, as_it_is(input),
+                                          [&](const PointImage& frame) { return fuse_at(frame, arguments); });
     if (arguments.elapsedMicroseconds >= 0) elapsedMicroseconds = arguments.elapsedMicroseconds;
     return is_accepted(outcome);
 }
 
 // ---- around a step ----------------------------------------------------------------------------------
 
-template <class Body>
-FrameOutcome FusionTrack::run_step(const char* function, const PointImage& input, StepArguments& arguments,
-                                   const Body& body, Turn turn) {
+template <class Give, class Body>
+FrameOutcome FusionTrack::run_step(const char* function, StepArguments& arguments, const Give& give, const Body& body,
+                                   Turn turn) {
     const SoleUse use(_isStepping);
     if (!use.is_granted() && turn == Turn::OrRefuse) {
         refuse(function, "the session is busy with another frame");
@@ -225,11 +268,14 @@ FrameOutcome FusionTrack::run_step(const char* function, const PointImage& input
     }
     const std::lock_guard<std::mutex> step(_stepMutex);
     wholeStepTimer.restart();
-    record_given(function, input, arguments);
+    const auto* const frame = guarded<const PointImage*>(function, nullptr, give);
+    if (frame != nullptr) record_given(function, *frame, arguments);
     const RigidMatrix relative = _stepState.relative;
     _stepState = FusionScanState();
     _stepState.relative = relative;
-    const FrameOutcome outcome = guarded<FrameOutcome>(function, FrameOutcome::Failed, body);
+    const FrameOutcome outcome =
+        frame == nullptr ? FrameOutcome::BadFrame
+                         : guarded<FrameOutcome>(function, FrameOutcome::Failed, [&] { return body(*frame); });
     publish(outcome);
     record_done(arguments);
     return outcome;
@@ -329,6 +375,7 @@ bool FusionTrack::integrate_first(const PointImage& frame, const RigidMatrix& po
     }
     if (isTaken && is_model_empty()) print_line("fail because no point of the first frame lies inside the volume");
     if (is_model_empty()) _volume.set_shift(shift);
+    if (isTaken && !is_model_empty()) color_model(frame, pose);
     outer.unlock();
     inner.unlock();
     if (is_model_empty()) return false;
@@ -437,9 +484,15 @@ void FusionTrack::integrate_moving_image(const RigidMatrix& pose) {
         const std::lock_guard<std::mutex> outer(_outerMutex);
         const std::lock_guard<std::mutex> inner(_innerMutex);
         isTaken = _volume.fusion_one_frame_speckle_parallel(_movingImage, pose, _changedLeaves, true, false, nullptr);
+        if (isTaken) color_model(_movingImage, pose);
     }
     if (isTaken) keep_frame(_movingImage, pose, 1);
     _stepState.times.integrate = stepTimer.milliseconds();
+}
+
+/// Without the memory for it the scan goes on without the frame's colours.
+void FusionTrack::color_model(const PointImage& frame, const RigidMatrix& pose) {
+    guarded("the colours of a frame", [&] { _leafColors.blend_frame(_volume, frame, pose); });
 }
 
 void FusionTrack::empty_prediction(const PointImage& frame) {

@@ -72,12 +72,21 @@ void FusionTrack::edit_volume(const Change& change) {
             ++_edits;
         }
         change(_edits);
+        forget_emptied_colors();
         _display.update(_volume, _changedLeaves);
         isEmpty = _display.points().get_vn() == 0;
     }
     // Without anything left to track against the next frame begins anew.
     if (isEmpty) return forget_model();
     predict_anew();
+}
+
+/// What comes later to the places of deleted surface brings its own colour.
+void FusionTrack::forget_emptied_colors() {
+    if (_leafColors.is_empty()) return;
+    for (const int leaf : _changedLeaves) {
+        if (!_volume.get_fusion_tree().leaf_at(leaf).is_used()) _leafColors.forget(leaf);
+    }
 }
 
 void FusionTrack::predict_anew() {

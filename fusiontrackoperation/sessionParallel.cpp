@@ -25,6 +25,15 @@ bool is_illegal(FrameOutcome outcome) {
 
 }  // namespace
 
+RetVal FusionTrack::load_color(const char* function, const ColorImage& color, std::int64_t frameId) {
+    const auto reason = color.is_legal() && _colorCamera.is_there() ? _colorCamera.find_unusable(color) : std::nullopt;
+    if (reason) {
+        refuse(function, *reason);
+        return RET_INPUT_ERROR;
+    }
+    return _parallelInput.load_color(function, frameId, color);
+}
+
 void FusionTrack::work_on(QueuedFrame& queued, bool isGivenUp) noexcept {
     QueuedStep result;
     queued.data.outcome = isGivenUp ? FrameOutcome::GivenUp

@@ -19,6 +19,7 @@ namespace {
 constexpr float MIN_CONTRIBUTIONS = 0.0F;  // everything that was fused
 constexpr int SMOOTHING_STEPS = 5;
 constexpr std::size_t OCTETS_PER_TASK = std::size_t{1} << 13;
+constexpr std::size_t VERTICES_PER_TASK = std::size_t{1} << 14;
 
 struct Box {
     Vector3f low = Vector3f::Constant(std::numeric_limits<float>::infinity());
@@ -59,10 +60,20 @@ RetVal FusionTrack::get_fusion_result(float pointDis, BaseTriMesh& mesh, Paralle
     if (settings.normals) result.update_VNrv();
     if (pointDis > _volume.get_pointDis()) thin_mesh(result, pointDis);
     if (settings.normals) smooth_normals(result, settings.normalWindow - 1);
+    color_mesh(result);
     if (debug) write_debug_mesh("Mc_Opt_result.obj", result);
     if (debug) write_debug_mesh("ErrorBastriMesh.obj", find_non_manifold_faces(result));
     mesh = std::move(result);
     return RET_SUCCESS;
+}
+
+void FusionTrack::color_mesh(BaseTriMesh& mesh) const {
+    if (_leafColors.is_empty()) return;
+    mesh.enable_vColor();
+    parallel_ranges(_volume.get_code_Num(), mesh.get_vn(), VERTICES_PER_TASK, [&](std::size_t begin, std::size_t end) {
+        LeafColorSampler colors(_leafColors, _volume, _parameters.fusion.colorOnInvaildPoint);
+        for (std::size_t i = begin; i < end; ++i) mesh.set_vColor(i, colors.at(mesh.get_vCoord(i)));
+    });
 }
 
 void FusionTrack::write_debug_mesh(const char* name, const BaseTriMesh& mesh) const {

@@ -79,10 +79,14 @@ void on_illegal(FusionparallelInputData* data) {
 
 /// A small scan whose session reports to `reports`, which may outlive it.
 struct ParallelScan {
-    ParallelScan() : scan("smooth", 80), session(scan.records) {
+    ParallelScan() : scan("smooth", 80), session(with_tiny_color_camera(scan.records)) {
         set_fusion_success_call_back(session, on_success);
         set_fusion_fail_call_back(session, on_fail);
         set_illegal_input_call_back(session, on_illegal);
+    }
+    static const Records& with_tiny_color_camera(Records& records) {
+        records.fusion.colorImageSize = {2, 1};
+        return records;
     }
     FusionparallelInputData data(std::int64_t id, int maxQueued = 100, int wait = 0) const {
         FusionparallelInputData data;
@@ -227,7 +231,7 @@ TEST(ParallelInput, APauseHoldsFramesBackAndRefusesNewOnes) {
 
 TEST(ParallelInput, FramesAndColoursMeetInEitherOrder) {
     ParallelScan parallel;
-    const auto color = [](std::uint8_t value) { return ParallelColorImage{2, 1, std::vector<std::uint8_t>(6, value)}; };
+    const auto color = [](std::uint8_t value) { return ColorImage{2, 1, std::vector<std::uint8_t>(6, value)}; };
     const auto load_color = [&](std::int64_t id) {
         return fusion_and_track_parallel_load_color(parallel.session, color(static_cast<std::uint8_t>(id)), id);
     };
@@ -240,12 +244,12 @@ TEST(ParallelInput, FramesAndColoursMeetInEitherOrder) {
     ASSERT_EQ(load_cloud(0, 60000), RET_SUCCESS);
     ASSERT_EQ(load_cloud(1, 60000), RET_SUCCESS);
     ASSERT_EQ(load_cloud(2, 0), RET_SUCCESS);  // behind one that waits
-    EXPECT_EQ(parallel.reports->wait_for(1)[0].data.color.rgb, color(0).rgb);
+    EXPECT_EQ(parallel.reports->wait_for(1)[0].data.color.bytes, color(0).bytes);
     ASSERT_EQ(load_color(1), RET_SUCCESS);
     const std::vector<Event> events = parallel.reports->wait_for(3);
     EXPECT_EQ(parallel.reports->ids(), ids_up_to(3));
-    EXPECT_EQ(events[1].data.color.rgb, color(1).rgb);
-    EXPECT_TRUE(events[2].data.color.rgb.empty());
+    EXPECT_EQ(events[1].data.color.bytes, color(1).bytes);
+    EXPECT_TRUE(events[2].data.color.bytes.empty());
 
     const std::string lines = printed([&] {
         for (int id = 100; id < 117; ++id) EXPECT_EQ(load_color(id), RET_SUCCESS);
@@ -369,9 +373,9 @@ TEST(ParallelInput, BadArgumentsAreRefusedWithALine) {
                            [&] { return fusion_and_track_parallel_load_cloud(parallel.session, frame, data); });
         }
     }
-    const ParallelColorImage images[] = {
+    const ColorImage images[] = {
         {}, {0, 2, {}}, {-1, -1, {1, 2, 3}}, {1, 1, {1, 2}}, {1, 1, {1, 2, 3, 4}}, {1 << 16, 1 << 16, {1, 2, 3}}};
-    for (const ParallelColorImage& image : images) {
+    for (const ColorImage& image : images) {
         expect_refusal(color, "width, height and bytes of the colour image do not fit",
                        [&] { return fusion_and_track_parallel_load_color(parallel.session, image, 0); });
     }

@@ -1,0 +1,87 @@
+// The colours of a model, beside its volume.
+#pragma once
+
+#include <atomic>
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+
+#include "foundation/PointImage.h"
+#include "foundation/RigidMatrix.h"
+#include "fusion/FusionTsdf.h"
+#include "fusion/OctetCache.h"
+#include "fusion/PagedArray.h"
+#include "fusion/leafFile.h"
+
+namespace VexelAlgorithm {
+
+/// A running weighted mean of colours. The weight is a fixed-point number that stops at 255.996, so that colours follow
+/// in the long run when the light changes.
+struct LeafColor {
+    std::uint16_t rgb[3] = {};  ///< in steps of 1 / 65535
+    std::uint16_t weight = 0;   ///< in steps of 1 / 256; 0: no colour
+
+    /// Ignores a weight below 1e-5, a colour whose channels are all below 1e-6, and what is not finite.
+    void blend(const Vector3f& color, float w);
+    Vector3f value() const;
+    /// As project files have it: colour and weight, all exactly those of the record.
+    void put_into(Fusion::LeafRecord& record) const;
+    /// Whatever the record has: no colour, or one in [0, 1].
+    static LeafColor from(const Fusion::LeafRecord& record);
+};
+static_assert(sizeof(LeafColor) == 8, "the memory of colours is counted in these records");
+
+/// A colour for each leaf of the session's volume by its id, held from the first coloured frame on. Colours belong to
+/// the voxels around the surface, and are read by interpolation between them.
+///
+/// Thread-safety: reading alone may overlap reading. With any number of threads each voxel gets the same colour.
+class LeafColors {
+public:
+    using Volume = Fusion::FusionTsdf<Fusion::LeafTSDFSpeckle>;
+
+    /// Whether nothing has been coloured.
+    bool is_empty() const { return _colors == nullptr; }
+    LeafColor get(std::int32_t leaf) const {
+        return !is_empty() && leaf < _colors->size() ? (*_colors)[leaf] : LeafColor();
+    }
+    void set(std::int32_t leaf, const LeafColor& color);
+    void forget(std::int32_t leaf) {
+        if (!is_empty() && leaf < _colors->size()) (*_colors)[leaf] = LeafColor();
+    }
+    void clear();
+
+    /// Gives the colours of a frame in camera coordinates, just integrated at `pose`, to the used voxels within two
+    /// voxels of its points: each the colour, between pixels, at which it is seen, with the weight |z| of the normal
+    /// there. A slot whose colour is zero has none; a frame without any costs the search for one.
+    void blend_frame(const Volume& volume, const PointImage& frame, const RigidMatrix& pose);
+
+private:
+    using Colors = VexelOctree::PagedArray<LeafColor, 17>;
+
+    void make_room(const Volume& volume);
+    void mark_octets(const Volume& volume, const PointImage& frame, const RigidMatrix& pose);
+
+    std::unique_ptr<Colors> _colors;
+    std::unique_ptr<std::atomic<std::uint64_t>[]> _marks;  // a bit an octet; all zero between frames
+    std::size_t _markWords = 0;
+};
+
+/// Reads colours at places of the surface. One object a worker.
+class LeafColorSampler {
+public:
+    /// `without`: for places around which no voxel has a colour.
+    LeafColorSampler(const LeafColors& colors, const LeafColors::Volume& volume, const Vector3f& without)
+        : _colors(colors), _tree(volume.get_fusion_tree()), _without(without) {}
+
+    /// The colour at a point (mm, model coordinates), trilinear between those of the eight nearest voxels that have
+    /// one.
+    Vector3f at(const Vector3f& point);
+
+private:
+    const LeafColors& _colors;
+    const LeafColors::Volume::Octree& _tree;
+    Vector3f _without;
+    Fusion::OctetCache _octets;
+};
+
+}  // namespace VexelAlgorithm

@@ -23,8 +23,8 @@ struct LeafRecord {
     std::int32_t contributions = 0;
     float tsdfSum = 0.0F;
     float weightSum = 0.0F;
-    float color[3] = {};       ///< for volumes with colour, zero until then
-    float colorWeight = 0.0F;  ///< the same
+    float color[3] = {};       ///< RGB in [0, 1]; of those who keep colours beside the volume
+    float colorWeight = 0.0F;  ///< 0: no colour
     std::uint8_t spare[8] = {};
 };
 static_assert(sizeof(LeafRecord) == 40, "files hold 40 bytes a leaf");
@@ -79,21 +79,27 @@ inline bool are_ascending_below(const std::vector<std::int32_t>& ids, std::int32
 }
 
 /// Records i = 0 ... into the leaves i. False when the stream ends; `areSound` tells whether all are used leaves.
-inline bool read_records(std::ifstream& in, std::int32_t count, Tree& tree, bool& areSound) {
+template <class Colors>
+bool read_records(std::ifstream& in, std::int32_t count, Tree& tree, Colors& colors, bool& areSound) {
     const auto take = [&](std::int32_t first, const LeafRecord* records, std::int32_t size) {
-        for (std::int32_t i = 0; i < size; ++i) areSound &= from_record(records[i], tree.leaf_at(first + i));
+        for (std::int32_t i = 0; i < size; ++i) {
+            areSound &= from_record(records[i], tree.leaf_at(first + i));
+            colors.take(first + i, records[i]);
+        }
         return areSound;
     };
     return VexelOctree::read_blocks<LeafRecord>(in, count, take);
 }
 
 /// Moves the leaves 0, 1, ... to their ids. These ascend, so that from the last one on every place is free.
-inline void scatter(const std::vector<std::int32_t>& ids, Tree& tree) {
+template <class Colors>
+void scatter(const std::vector<std::int32_t>& ids, Tree& tree, Colors& colors) {
     for (std::size_t i = ids.size(); i-- > 0;) {
         const auto from = static_cast<std::int32_t>(i);
         if (ids[i] == from) return;  // then all before it are in place
         tree.leaf_at(ids[i]) = tree.leaf_at(from);
         tree.leaf_at(from).reset();
+        colors.move(from, ids[i]);
     }
 }
 
@@ -107,12 +113,17 @@ inline std::int32_t count_used_leaves(const leaf_file::Tree& tree) {
     return used;
 }
 
-/// Writes the records of the used leaves, then their ids as int32, both in ascending order of the ids. Nobody may
-/// change the volume meanwhile.
-inline bool save_used_leaves(const leaf_file::Tree& tree, std::ofstream& out) {
+/// Writes the records of the used leaves, then their ids as int32, both in ascending order of the ids.
+/// `colors.put_into(record, id)` adds what is known of a leaf's colour. Nobody may change the volume meanwhile.
+template <class Colors>
+bool save_used_leaves(const leaf_file::Tree& tree, const Colors& colors, std::ofstream& out) {
     using namespace leaf_file;
-    return write_of_used<LeafRecord>(out, tree,
-                                     [](std::int32_t, const LeafTSDFSpeckle& leaf) { return to_record(leaf); }) &&
+    const auto recordOf = [&](std::int32_t id, const LeafTSDFSpeckle& leaf) {
+        LeafRecord record = to_record(leaf);
+        colors.put_into(record, id);
+        return record;
+    };
+    return write_of_used<LeafRecord>(out, tree, recordOf) &&
            write_of_used<std::int32_t>(out, tree, [](std::int32_t id, const LeafTSDFSpeckle&) { return id; });
 }
 
@@ -124,16 +135,18 @@ enum class LeavesRead {
 };
 
 /// Reads `used` records and ids into a volume that has its trees and no used leaf; `used` is at most the number of its
-/// leaf slots. Takes the volume for itself; after a failure it has to be cleared.
-inline LeavesRead read_used_leaves(std::ifstream& in, std::int32_t used, leaf_file::Tree& tree) {
+/// leaf slots. Colours go by `colors.take(leaf, record)`, and to their ids by `colors.move(from, to)`. Takes the volume
+/// for itself; after a failure it has to be cleared.
+template <class Colors>
+LeavesRead read_used_leaves(std::ifstream& in, std::int32_t used, leaf_file::Tree& tree, Colors& colors) {
     bool areSound = true;
-    if (!leaf_file::read_records(in, used, tree, areSound)) return LeavesRead::Ended;
+    if (!leaf_file::read_records(in, used, tree, colors, areSound)) return LeavesRead::Ended;
     if (!areSound) return LeavesRead::DamagedLeaf;
     std::vector<std::int32_t> ids;
     ids.reserve(static_cast<std::size_t>(used));  // ten times as many bytes have come already
     if (!Archive::read_array(in, static_cast<std::uint64_t>(used), ids)) return LeavesRead::Ended;
     if (!leaf_file::are_ascending_below(ids, tree.get_vaild_leaf_num())) return LeavesRead::DamagedOrder;
-    leaf_file::scatter(ids, tree);
+    leaf_file::scatter(ids, tree, colors);
     return LeavesRead::Whole;
 }
 

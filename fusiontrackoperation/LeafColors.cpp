@@ -150,6 +150,18 @@ void LeafColors::set(std::int32_t leaf, const LeafColor& color) {
     (*_colors)[leaf] = color;
 }
 
+void LeafColors::move(std::int32_t from, std::int32_t to) {
+    const LeafColor color = get(from);
+    if (color.weight == 0) return;
+    set(to, color);
+    forget(from);
+}
+
+void LeafColors::take(std::int32_t leaf, const Fusion::LeafRecord& record) {
+    const LeafColor color = LeafColor::from(record);
+    if (color.weight != 0) set(leaf, color);
+}
+
 void LeafColors::clear() {
     _colors.reset();
     _marks.reset();

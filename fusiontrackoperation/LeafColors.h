@@ -45,10 +45,16 @@ public:
         return !is_empty() && leaf < _colors->size() ? (*_colors)[leaf] : LeafColor();
     }
     void set(std::int32_t leaf, const LeafColor& color);
+    /// To a leaf without colour.
+    void move(std::int32_t from, std::int32_t to);
     void forget(std::int32_t leaf) {
         if (!is_empty() && leaf < _colors->size()) (*_colors)[leaf] = LeafColor();
     }
     void clear();
+
+    // For project files (fusion/leafFile.h).
+    void put_into(Fusion::LeafRecord& record, std::int32_t leaf) const { get(leaf).put_into(record); }
+    void take(std::int32_t leaf, const Fusion::LeafRecord& record);
 
     /// Gives the colours of a frame in camera coordinates, just integrated at `pose`, to the used voxels within two
     /// voxels of its points: each the colour, between pixels, at which it is seen, with the weight |z| of the normal

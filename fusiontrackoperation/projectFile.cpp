@@ -83,7 +83,7 @@ bool write_trees(std::ofstream& out, const SessionVolume& volume) {
            fail(BAD_TREES);
 }
 
-bool write_leaves(std::ofstream& out, const SessionVolume& volume) {
+bool write_leaves(std::ofstream& out, const SessionVolume& volume, const LeafColors& colors) {
     const auto& tree = volume.get_fusion_tree();
     const std::int32_t leafCount = tree.get_vaild_leaf_num();
     print_line(format_text("the max vaild leaf id = %d", leafCount - 1));
@@ -93,7 +93,7 @@ bool write_leaves(std::ofstream& out, const SessionVolume& volume) {
     print_line(format_text("leaf.size() %d", leafCount));
     const std::int32_t used = Fusion::count_used_leaves(tree);
     print_line(format_text("vaildSize = %d", used));
-    return (write_value(out, leafCount) && write_value(out, used) && Fusion::save_used_leaves(tree, out)) ||
+    return (write_value(out, leafCount) && write_value(out, used) && Fusion::save_used_leaves(tree, colors, out)) ||
            fail(BAD_LEAVES);
 }
 
@@ -130,10 +130,10 @@ bool read_shown_points(std::ifstream& in, std::uint64_t count, ShownPoints& show
 }  // namespace
 
 bool write_project(std::ofstream& out, const std::vector<RigidMatrix>& poses, const SessionVolume& volume,
-                   const DisplayData& display) {
+                   const LeafColors& colors, const DisplayData& display) {
     if (!write_header(out)) return false;
     write_poses(out, poses);
-    return write_trees(out, volume) && write_leaves(out, volume) && write_display(out, display.leaf_points());
+    return write_trees(out, volume) && write_leaves(out, volume, colors) && write_display(out, display.leaf_points());
 }
 
 // ---- reading ----------------------------------------------------------------------------------------
@@ -180,7 +180,7 @@ bool read_project_volume_header(std::ifstream& in, const SessionVolume& volume, 
     return shift.allFinite() || refuse("the shift is not finite");
 }
 
-bool read_project_volume(std::ifstream& in, SessionVolume& volume) {
+bool read_project_volume(std::ifstream& in, SessionVolume& volume, LeafColors& colors) {
     auto& tree = volume.get_fusion_tree();
     switch (VexelOctree::OctreeReader<Fusion::LeafTSDFSpeckle>(tree, in).run()) {
         case VexelOctree::TreesRead::Ended:
@@ -195,7 +195,7 @@ bool read_project_volume(std::ifstream& in, SessionVolume& volume) {
     if (leafCount != tree.get_vaild_leaf_num()) return refuse("the leaf count is not that of the octree");
     if (leafCount == 0) return refuse("the volume is empty");
     if (used < 0 || used > leafCount) return refuse("the number of leaves is out of its range");
-    switch (Fusion::read_used_leaves(in, used, tree)) {
+    switch (Fusion::read_used_leaves(in, used, tree, colors)) {
         case Fusion::LeavesRead::Ended:
             return fail(BAD_LEAVES);
         case Fusion::LeavesRead::DamagedLeaf:

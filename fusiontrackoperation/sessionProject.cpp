@@ -13,7 +13,7 @@ bool FusionTrack::save_project(std::ofstream& out) const {
     const std::lock_guard<std::mutex> outer(_outerMutex);
     const std::lock_guard<std::mutex> inner(_innerMutex);
     // Only steps change the pose list: others may read it during the whole save.
-    return write_project(out, _poses, _volume, _display);
+    return write_project(out, _poses, _volume, _leafColors, _display);
 }
 
 bool FusionTrack::read_project(std::ifstream& in) {
@@ -39,7 +39,7 @@ bool FusionTrack::read_model(std::ifstream& in, const Vector3f& shift) {
     const std::lock_guard<std::mutex> outer(_outerMutex);
     const std::lock_guard<std::mutex> inner(_innerMutex);
     _volume.set_shift(shift);
-    return read_project_volume(in, _volume) && read_project_display(in, _volume, _display);
+    return read_project_volume(in, _volume, _leafColors) && read_project_display(in, _volume, _display);
 }
 
 void FusionTrack::resume_from(std::vector<RigidMatrix> poses) {

@@ -3,6 +3,7 @@
 #include "fusion/octreeChecker.h"
 #include "fusion/octreeFile.h"
 #include "simulation/Shape.h"
+#include "simulation/colorImages.h"
 #include "tests/project/projectScenes.h"
 
 namespace VexelAlgorithm {
@@ -57,6 +58,61 @@ TEST(Project, LoadedSessionIsTheSameAndGoesOn) {
     ASSERT_TRUE(loader.load(once, project));
     EXPECT_TRUE(once.bytes() == bytes);
     EXPECT_TRUE(display_bytes(once) == shown);
+}
+
+TEST(Project, ColoursAreSavedWithTheLeavesAndHostileOnesAreHarmless) {
+    Scan scan("smooth", 80);
+    Simulation::add_color_camera(scan.sequence, scan.records.fusion);
+    const auto step = [&](void* session, int i) {
+        int microseconds = 0;
+        return fusion_and_track(
+            session, Simulation::colored_frame_of(scan.sequence, i, scan.records.fusion, Simulation::soft_stripes),
+            microseconds, true, 0);
+    };
+    Session original(scan.records), loaded(scan.records), again(scan.records);
+    for (int i = 0; i < 4; ++i) ASSERT_TRUE(step(original, i));
+    const std::string shown = display_bytes(original), project = project_of(original);
+    ASSERT_TRUE(original.mesh().is_enable_vColor());
+    Loader loader;
+    for (Session* session : {&loaded, &again}) {
+        ASSERT_TRUE(loader.load(*session, project)) << loader.lines;
+        EXPECT_TRUE(session->bytes() == original.bytes());
+        EXPECT_TRUE(display_bytes(*session) == shown);
+        EXPECT_TRUE(project_of(*session) == project);
+        for (int i = 4; i < 6; ++i) ASSERT_TRUE(step(*session, i));
+    }
+    EXPECT_TRUE(loaded.bytes() == again.bytes());
+
+    const ProjectLayout layout(project);
+    std::vector<std::size_t> colored;  // where in the file
+    for (std::size_t at = layout.records; at < layout.ids; at += 40)
+        if (number_at<float>(project, at + 28) > 0.0F) colored.push_back(at);
+    ASSERT_GT(colored.size(), layout.used / 4);
+    const float infinity = std::numeric_limits<float>::infinity();
+    for (const auto& [offset, value] : std::vector<std::pair<std::size_t, float>>{{16, kNaN},
+                                                                                  {20, infinity},
+                                                                                  {24, -3.0F},
+                                                                                  {16, 1e30F},
+                                                                                  {28, kNaN},
+                                                                                  {28, infinity},
+                                                                                  {28, -1.0F},
+                                                                                  {28, 1e30F}}) {
+        std::string bytes = project;
+        for (const std::size_t at : colored) put_number(bytes, at + offset, value);
+        ASSERT_TRUE(loader.load(loaded, bytes)) << offset << ' ' << value << loader.lines;
+        const BaseTriMesh mesh = loaded.mesh();
+        const bool hasColors = std::isfinite(value) && value != -1.0F;
+        ASSERT_EQ(mesh.is_enable_vColor(), hasColors) << offset << ' ' << value;
+        for (std::size_t i = 0; hasColors && i < mesh.get_vn(); ++i)
+            ASSERT_TRUE((mesh.get_vColor(i).array() >= 0.0F).all() && (mesh.get_vColor(i).array() <= 1.0F).all());
+        ASSERT_TRUE(step(loaded, 4));
+    }
+    // A model without colours takes the place of one with colours.
+    Session plain(scan.records);
+    ASSERT_TRUE(plain.step(scan.frame(0)));
+    get_show_data(plain);
+    ASSERT_TRUE(loader.load(loaded, project_of(plain)));
+    EXPECT_TRUE(loaded.mesh_bytes() == plain.mesh_bytes());
 }
 
 TEST(Project, SavingSaysWhatItDoes) {

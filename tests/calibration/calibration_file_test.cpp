@@ -13,6 +13,7 @@
 #include "readCaliData/CaliParReadIn.h"
 #include "tests/apps/TemporaryFolder.h"
 #include "tests/calibration/stereoRig.h"
+#include "tests/printed.h"
 
 namespace VexelAlgorithm::Rebuild {
 namespace {
@@ -80,27 +81,23 @@ std::vector<double> read_by_c_library(const std::string& path) {
     return whole ? std::vector<double>(v, v + 22) : std::vector<double>();
 }
 
-TEST_F(CalibrationFile, FillsTheMatricesInTheirOrder) {
+TEST_F(CalibrationFile, FillsTheMatrices) {
     rig.left.alpha = 0.01;
-    Matrices out;
-    ASSERT_TRUE(read(rig.left.text(), out));
-    const double* K = out.K->data.db;
-    EXPECT_DOUBLE_EQ(K[1], 0.01 * rig.left.fx);
-    EXPECT_EQ(K[0], rig.left.fx);
-    EXPECT_EQ(K[4], rig.left.fy);
-    EXPECT_EQ(K[2], rig.left.cx);
-    EXPECT_EQ(K[5], rig.left.cy);
-    EXPECT_EQ(K[8], 1.0);
-    EXPECT_EQ(out.D->rows, 5);
-    EXPECT_TRUE(std::equal(rig.left.k, rig.left.k + 5, out.D->data.db));
-    EXPECT_EQ(out.R->data.db[1], rig.left.worldToCamera.get_rotation()(0, 1));
-    EXPECT_EQ(out.T->data.db[2], rig.left.worldToCamera.get_translation().z());
-
-    Matrices fromVector;
-    ASSERT_TRUE(
-        reader.read_calibrate_para_single(fromVector.K, fromVector.D, fromVector.R, fromVector.T, rig.left.vector()));
-    const std::vector<double> exact = out.values(), narrow = fromVector.values();
-    for (std::size_t i = 0; i < exact.size(); ++i) EXPECT_NEAR(narrow[i], exact[i], 1e-6 * std::abs(exact[i])) << i;
+    Matrices file, vector;
+    ASSERT_TRUE(read(rig.left.text(), file));
+    ASSERT_TRUE(reader.read_calibrate_para_single(vector.K, vector.D, vector.R, vector.T, rig.left.vector()));
+    const Matrix3d K = rig.left.K().transpose(), R = rig.left.worldToCamera.get_rotation().transpose();  // row by row
+    const Vector3d& T = rig.left.worldToCamera.get_translation();
+    std::vector<double> expected(K.data(), K.data() + 9);
+    expected.insert(expected.end(), rig.left.k, rig.left.k + 5);
+    expected.insert(expected.end(), R.data(), R.data() + 9);
+    expected.insert(expected.end(), T.data(), T.data() + 3);
+    ASSERT_EQ(file.D->rows, 5);
+    ASSERT_EQ(file.values().size(), expected.size());
+    for (std::size_t i = 0; i < expected.size(); ++i) {
+        EXPECT_DOUBLE_EQ(file.values()[i], expected[i]) << i;
+        EXPECT_NEAR(vector.values()[i], expected[i], 1e-6 * std::abs(expected[i])) << i;
+    }
 }
 
 /// The text cut short before each line, without each line, and with each line behind the next one.
@@ -147,16 +144,9 @@ TEST_F(CalibrationFile, AgreesWithTheCLibraryOnDamagedFiles) {
     for (int i = 0; i < 400; ++i) {
         std::string text = good;
         const std::size_t at = random() % text.size();
-        switch (random() % 3) {
-            case 0:
-                text.erase(at, 1 + random() % 3);
-                break;
-            case 1:
-                text.insert(at, 1, alphabet[random() % alphabet.size()]);
-                break;
-            default:
-                text[at] = alphabet[random() % alphabet.size()];
-        }
+        const unsigned kind = random() % 3;  // something is missing, is added, is another
+        if (kind == 0) text.erase(at, 1 + random() % 3);
+        if (kind > 0) text.replace(at, kind - 1, 1, alphabet[random() % alphabet.size()]);
         texts.push_back(text);
     }
     int whole = 0;
@@ -167,62 +157,47 @@ TEST_F(CalibrationFile, AgreesWithTheCLibraryOnDamagedFiles) {
         ASSERT_EQ(read_here, !expected.empty()) << text;
         if (!read_here) continue;
         ++whole;
-        const double values[] = {out.K->data.db[0], out.K->data.db[4], out.D->data.db[4], out.T->data.db[2],
-                                 out.R->data.db[8]};
-        const std::size_t index[] = {0, 1, 9, 12, 21};
-        for (std::size_t i = 0; i < 5; ++i)
-            EXPECT_TRUE(values[i] == expected[index[i]] || std::isnan(values[i])) << text;
+        const std::pair<double, std::size_t> values[] = {{out.K->data.db[0], 0},
+                                                         {out.K->data.db[4], 1},
+                                                         {out.D->data.db[4], 9},
+                                                         {out.T->data.db[2], 12},
+                                                         {out.R->data.db[8], 21}};
+        for (const auto& [value, i] : values) EXPECT_TRUE(value == expected[i] || std::isnan(value)) << text;
     }
     EXPECT_GT(whole, 50);
     EXPECT_LT(whole, 380);
 }
 
 TEST_F(CalibrationFile, FormsThatCannotBeInitialised) {
-    const std::string left = put("left.txt", rig.left.text());
-    const std::string right = put("right.txt", rig.right.text());
-    const auto printed = [](const std::function<bool()>& is_success) {
-        testing::internal::CaptureStdout();
-        EXPECT_FALSE(is_success());
-        return testing::internal::GetCapturedStdout();
-    };
+    const std::string left = put("left.txt", rig.left.text()), right = put("right.txt", rig.right.text());
     const std::string broken =
         put("broken.txt", replaced(rig.left.text(), "                            [0.5 0.25\n\n]", ""));
-    EXPECT_EQ(printed([&] { return CaliParReadIn(broken, right, SIZE).is_ini_success(); }), READ_FAIL);
+    const auto expect_failure = [](const std::function<bool()>& is_success, const std::string& lines) {
+        EXPECT_EQ(outcome(is_success), std::pair(false, lines));
+    };
+    const std::vector<float> good = rig.right.vector();
+    expect_failure([&] { return CaliParReadIn(broken, right, SIZE).is_ini_success(); }, READ_FAIL);
     for (const std::string& path : {broken, folder.path().string(), (folder.path() / "none").string(), std::string()})
-        EXPECT_EQ(printed([&] { return CaliParReadIn(left, path, SIZE).is_ini_success(); }), READ_FAIL) << path;
-
+        expect_failure([&] { return CaliParReadIn(left, path, SIZE).is_ini_success(); }, READ_FAIL);
     for (const std::size_t count : {0, 21, 23}) {
-        std::vector<float> wrong(count, 1.0F);
+        const std::vector<float> wrong(count, 1.0F);
         const std::string line = "CaliParReadIn ini fail because leftPar.size() != 22 || rightPar.size() != 22\n";
-        EXPECT_EQ(printed([&] {
-                      return CaliParReadIn(wrong, rig.right.vector(), {}, SIZE, {0, 0}).is_ini_success();
-                  }),
-                  line);
-        EXPECT_EQ(printed([&] {
-                      return CaliParReadIn(rig.left.vector(), wrong, {}, SIZE, {0, 0}).is_ini_success();
-                  }),
-                  line);
-        EXPECT_EQ(printed([&] {
-                      CaliParReadIn direct;
-                      direct.ini(wrong, rig.right.vector(), {}, SIZE, {0, 0});
-                      return direct.is_ini_success();
-                  }),
-                  READ_FAIL);
+        expect_failure([&] { return CaliParReadIn(wrong, good, {}, SIZE, {0, 0}).is_ini_success(); }, line);
+        expect_failure([&] { return CaliParReadIn(good, wrong, {}, SIZE, {0, 0}).is_ini_success(); }, line);
+        CaliParReadIn direct;
+        expect_failure([&] { return direct.ini(wrong, good, {}, SIZE, {0, 0}), direct.is_ini_success(); }, READ_FAIL);
     }
     for (const Vector2i& size :
          {Vector2i(0, 10), Vector2i(10, -1), Vector2i(40000, 10), Vector2i(INT32_MAX, INT32_MAX)})
         EXPECT_EQ(printed([&] {
-                      return CaliParReadIn(left, right, size).is_ini_success();
+                      EXPECT_FALSE(CaliParReadIn(left, right, size).is_ini_success());
                   }).find("cvmemery_ini fail because the image size"),
                   0U);
-
     Matrices wrongShape;
     wrongShape.D = cvCreateMat(1, 4, CV_64FC1);
-    EXPECT_EQ(printed([&] {
-                  return reader.read_calibrate_para_single(wrongShape.K, wrongShape.D, wrongShape.R, wrongShape.T,
-                                                           left);
-              }),
-              "read_calibrate_para_single fail because a matrix is not CV_64FC1 or has another shape\n");
+    expect_failure(
+        [&] { return reader.read_calibrate_para_single(wrongShape.K, wrongShape.D, wrongShape.R, wrongShape.T, left); },
+        "read_calibrate_para_single fail because a matrix is not CV_64FC1 or has another shape\n");
     EXPECT_EQ(wrongShape.K, nullptr);
 }
 
@@ -235,16 +210,12 @@ struct DecimalComma : std::numpunct<char> {
 TEST_F(CalibrationFile, ReadsAndPrintsTheSameInEveryLocale) {
     const std::string left = put("left.txt", rig.left.text());
     const std::string right = put("right.txt", rig.right.text());
-    const auto load = [&] {
-        testing::internal::CaptureStdout();
-        const CaliParReadIn calibration(left, right, SIZE);
-        return std::make_pair(testing::internal::GetCapturedStdout(), calibration.get_left_projection());
-    };
-    const auto [text, projection] = load();
+    const auto load = [&] { return outcome([&] { return CaliParReadIn(left, right, SIZE).get_left_projection(); }); };
+    const auto [projection, text] = load();
     const std::locale before = std::locale::global(std::locale(std::locale::classic(), new DecimalComma));
     for (const char* name : {"de_DE.UTF-8", "German_Germany.1252", "C"}) {
         if (std::setlocale(LC_ALL, name) == nullptr) continue;
-        const auto [otherText, otherProjection] = load();
+        const auto [otherProjection, otherText] = load();
         EXPECT_EQ(otherText, text) << name;
         EXPECT_EQ(otherProjection, projection) << name;
     }

@@ -12,9 +12,11 @@
 #include <opencv2/core/eigen.hpp>
 #include <opencv2/imgproc.hpp>
 #include <random>
+#include <utility>
 
 #include "readCaliData/CaliParReadIn.h"
 #include "tests/calibration/stereoRig.h"
+#include "tests/printed.h"
 
 namespace VexelAlgorithm::Rebuild {
 namespace {
@@ -28,12 +30,6 @@ const std::string NOT_INITIALISED = "remap_image_LR fail because the calibration
 
 CaliParReadIn loaded(const Rig& rig, const Vector2i& size = SIZE) {
     return {rig.left.vector(), rig.right.vector(), {}, size, {0, 0}};
-}
-
-std::string printed(const std::function<void()>& action) {
-    testing::internal::CaptureStdout();
-    action();
-    return testing::internal::GetCapturedStdout();
 }
 
 std::vector<std::uint8_t> noise_image(std::size_t pixels, unsigned seed) {
@@ -119,22 +115,19 @@ TEST(Rectification, MapTypesHoldTheSameCoordinates) {
     cv::Mat K, D(5, 1, CV_64FC1, const_cast<double*>(rig.left.k)), R1, P1, x, y, xy, none, fixed, fraction;
     cv::eigen2cv(rig.left.K(), K);
     cv::eigen2cv(calibration.get_R1(), R1);
-    const Matrix3d P = calibration.get_left_projection().leftCols<3>();
-    cv::eigen2cv(P, P1);
-    const cv::Size size(RIG_WIDTH, RIG_HEIGHT);
-    ASSERT_TRUE(calibration.get_rectify_map_run(K, D, R1, P1, size, CV_32FC1, x, y));
-    ASSERT_TRUE(calibration.get_rectify_map_run(K, D, R1, P1, size, CV_32FC2, xy, none));
-    ASSERT_TRUE(calibration.get_rectify_map_run(K, D, R1, P1, size, CV_16SC2, fixed, fraction));
+    cv::eigen2cv(Matrix3d(calibration.get_left_projection().leftCols<3>()), P1);
+    const auto make = [&](const cv::Mat& camera, int width, int type, cv::Mat& one, cv::Mat& other) {
+        return calibration.get_rectify_map_run(camera, D, R1, P1, {width, RIG_HEIGHT}, type, one, other);
+    };
+    ASSERT_TRUE(make(K, RIG_WIDTH, CV_32FC1, x, y) && make(K, RIG_WIDTH, CV_32FC2, xy, none) &&
+                make(K, RIG_WIDTH, CV_16SC2, fixed, fraction));
     EXPECT_EQ(fraction.type(), CV_16UC1);
     const Vector2d pixel = map_at(calibration.get_left_map(), 100, 50);
     EXPECT_NEAR(x.at<float>(50, 100), pixel.x(), 1e-4);
     EXPECT_EQ(xy.at<cv::Vec2f>(50, 100)[1], y.at<float>(50, 100));
     EXPECT_NEAR(fixed.at<cv::Vec2s>(50, 100)[0], pixel.x(), 1.0);
-
-    cv::Mat wrong(2, 2, CV_64FC1);
-    EXPECT_FALSE(calibration.get_rectify_map_run(wrong, D, R1, P1, size, CV_32FC1, x, y));
-    EXPECT_FALSE(calibration.get_rectify_map_run(K, D, R1, P1, cv::Size(-1, 5), CV_32FC1, x, y));
-    EXPECT_FALSE(calibration.get_rectify_map_run(K, D, R1, P1, size, CV_8UC1, x, y));
+    EXPECT_FALSE(make(cv::Mat(2, 2, CV_64FC1), RIG_WIDTH, CV_32FC1, x, y) || make(K, -1, CV_32FC1, x, y) ||
+                 make(K, RIG_WIDTH, CV_8UC1, x, y));
     EXPECT_FALSE(calibration.get_rectify_map(nullptr, nullptr, nullptr, nullptr, nullptr, nullptr));
 }
 
@@ -200,105 +193,85 @@ TEST(Remap, OpenCvFormAgreesAwayFromTheMargin) {
     EXPECT_GT(compared, PIXELS / 2);
 
     IplImage narrow = header_of(left, RIG_WIDTH - 1);
-    EXPECT_EQ(printed([&] { EXPECT_FALSE(calibration.rectify_image(&rawHeader, nullptr, &leftHeader, &narrow)); }),
-              "rectify_image fail because an image is missing or has another size or type\n");
-    EXPECT_EQ(printed([&] {
-                  EXPECT_FALSE(CaliParReadIn().rectify_image(&rawHeader, &rawHeader, &leftHeader, &rightHeader));
-              }),
-              "rectify_image fail because the calibration is not initialised\n");
+    const auto expect_failure = [](const std::function<bool()>& call, const std::string& line) {
+        EXPECT_EQ(outcome(call), std::pair(false, line));
+    };
+    expect_failure([&] { return calibration.rectify_image(&rawHeader, nullptr, &leftHeader, &narrow); },
+                   "rectify_image fail because an image is missing or has another size or type\n");
+    expect_failure([&] { return CaliParReadIn().rectify_image(&rawHeader, &rawHeader, &leftHeader, &rightHeader); },
+                   "rectify_image fail because the calibration is not initialised\n");
     cv::cuda::GpuMat deviceL, deviceR;
-    EXPECT_EQ(printed([&] { EXPECT_FALSE(calibration.gpu_rectify_image(&rawHeader, &rawHeader, deviceL, deviceR)); }),
-              "please upload Gpu Memery first\n");
+    expect_failure([&] { return calibration.gpu_rectify_image(&rawHeader, &rawHeader, deviceL, deviceR); },
+                   "please upload Gpu Memery first\n");
 }
 
 TEST(Remap, RefusesNullPointersAndWritesNothing) {
-    const CaliParReadIn calibration = loaded(Rig());
+    const CaliParReadIn calibration = loaded(Rig()), empty;
     const std::vector<std::uint8_t> raw = noise_image(PIXELS, 4);
     std::vector<std::uint8_t> out(PIXELS, UNTOUCHED);
-    for (int missing = 0; missing < 4; ++missing) {
-        const unsigned char* in[] = {missing == 0 ? nullptr : raw.data(), missing == 1 ? nullptr : raw.data()};
-        unsigned char* result[] = {missing == 2 ? nullptr : out.data(), missing == 3 ? nullptr : out.data()};
-        EXPECT_EQ(printed([&] { EXPECT_FALSE(calibration.remap_image_LR(in[0], in[1], result[0], result[1])); }),
-                  "!pImgL || !pImgR || !pRemapImgL || !pRemapImgR \n");
+    for (int missing = 0; missing < 5; ++missing) {
+        const auto in = [&](int k) { return missing == k ? nullptr : raw.data(); };
+        const auto result = [&](int k) { return missing == k ? nullptr : out.data(); };
+        EXPECT_EQ(
+            outcome(
+                [&] { return (missing < 4 ? calibration : empty).remap_image_LR(in(0), in(1), result(2), result(3)); }),
+            std::pair(false, missing < 4 ? "!pImgL || !pImgR || !pRemapImgL || !pRemapImgR \n" : NOT_INITIALISED));
     }
-    EXPECT_EQ(
-        printed([&] { EXPECT_FALSE(CaliParReadIn().remap_image_LR(raw.data(), raw.data(), out.data(), out.data())); }),
-        NOT_INITIALISED);
     EXPECT_EQ(out, std::vector<std::uint8_t>(PIXELS, UNTOUCHED));
 }
 
-TEST(CaliParReadIn, CopiesAreDeep) {
+TEST(CaliParReadIn, CopiesAreDeepAndAReadThatFailsHalfWayChangesNothing) {
     CaliParReadIn original = loaded(Rig());
+    const auto projection = original.get_left_projection();
+    Rig other;
+    other.left.fx *= 1.5;
+    EXPECT_FALSE(original.Read_Camera_Para(other.left.vector(), {}));
+    EXPECT_TRUE(original.rectify());
+    EXPECT_EQ(original.get_left_projection(), projection);
+
     const CaliParReadIn copy(original);
     CaliParReadIn assigned;
     assigned = original;
-    EXPECT_NE(copy.get_left_map(), original.get_left_map());
     const Vector2d expected = map_at(original.get_left_map(), 100, 100);
     original.ini("nowhere", "nowhere", SIZE);
     EXPECT_FALSE(original.is_ini_success());
     EXPECT_EQ(original.get_left_map(), nullptr);
-    for (const CaliParReadIn* kept : {&copy, &static_cast<const CaliParReadIn&>(assigned)}) {
+    for (const CaliParReadIn* kept : {&copy, &std::as_const(assigned)}) {
         EXPECT_TRUE(kept->is_ini_success());
         EXPECT_EQ(map_at(kept->get_left_map(), 100, 100), expected);
     }
 }
 
-TEST(CaliParReadIn, AReadThatFailsHalfWayChangesNothing) {
-    CaliParReadIn calibration = loaded(Rig());
-    const auto before = calibration.get_left_projection();
-    Rig other;
-    other.left.fx *= 1.5;
-    EXPECT_FALSE(calibration.Read_Camera_Para(other.left.vector(), {}));
-    EXPECT_TRUE(calibration.rectify());
-    EXPECT_EQ(calibration.get_left_projection(), before);
-}
-
 TEST(CaliParReadIn, RefusesWhatCannotBeRectified) {
     const double nan = std::numeric_limits<double>::quiet_NaN();
-    struct {
-        const char* name;
-        std::function<void(Rig&)> damage;
-        const char* reason;
-    } const cases[] = {
-        {"NaN focal length", [&](Rig& r) { r.left.fx = nan; }, "a value is not finite"},
-        {"NaN distortion", [&](Rig& r) { r.right.k[2] = nan; }, "a value is not finite"},
-        {"infinite translation", [](Rig& r) { r.left.worldToCamera.get_translation().x() = 1e300; },
-         "a value is not finite"},
-        {"zero focal length", [](Rig& r) { r.left.fx = 0; }, "a focal length is not positive"},
-        {"negative focal length", [](Rig& r) { r.right.fy = -400; }, "a focal length is not positive"},
-        {"no rotation", [](Rig& r) { r.right.worldToCamera.set_rotation(Matrix3d::Zero()); },
-         "a rotation matrix is none"},
-        {"mirrored", [](Rig& r) { r.right.worldToCamera.set_rotation(-Matrix3d::Identity()); },
-         "a rotation matrix is none"},
-        {"one place",
-         [](Rig& r) {
-             r.left.worldToCamera.set_identity();
-             r.set_pose(RigidMatrix(turned(0, 0.2, 0), {0, 0, 0}));
+    const auto pose = [](double turn, const Vector3d& place) {
+        return [=](Rig& r) { r.set_pose(RigidMatrix(turned(0, turn, 0), place)); };
+    };
+    const std::pair<std::function<void(Rig&)>, std::string> cases[] = {
+        {[&](Rig& r) { r.right.k[2] = nan; }, "a value is not finite"},
+        {[](Rig& r) { r.left.worldToCamera.get_translation().x() = 1e300; }, "a value is not finite"},
+        {[](Rig& r) { r.left.fx = 0; }, "a focal length is not positive"},
+        {[](Rig& r) { r.right.fy = -400; }, "a focal length is not positive"},
+        {[](Rig& r) { r.right.worldToCamera.set_rotation(Matrix3d::Zero()); }, "a rotation matrix is none"},
+        {[](Rig& r) { r.right.worldToCamera.set_rotation(-Matrix3d::Identity()); }, "a rotation matrix is none"},
+        {[&](Rig& r) {
+             r.left.worldToCamera.set_identity(), pose(0.2, {0, 0, 0})(r);
          },
          "the baseline is zero"},
-        {"back to back",
-         [](Rig& r) {
-             r.set_pose(RigidMatrix(turned(0, 3.0, 0), {-80, 0, 0}));
-         },
-         "the cameras look away from each other"},
-        {"one behind the other",
-         [](Rig& r) {
-             r.set_pose(RigidMatrix(turned(0, 0, 0), {0.1, 0, 80}));
-         },
-         "the cameras look along the line that joins them"},
+        {pose(3.0, {-80, 0, 0}), "the cameras look away from each other"},
+        {pose(0, {0.1, 0, 80}), "the cameras look along the line that joins them"},
     };
     const std::vector<std::uint8_t> raw = noise_image(PIXELS, 5);
     std::vector<std::uint8_t> out(PIXELS);
-    for (const auto& [name, damage, reason] : cases) {
+    for (const auto& [damage, reason] : cases) {
         Rig rig;
         damage(rig);
-        CaliParReadIn calibration;
-        EXPECT_EQ(printed([&] { calibration = loaded(rig); }), std::string("rectify fail because ") + reason + "\n")
-            << name;
-        EXPECT_FALSE(calibration.is_ini_success()) << name;
+        const auto [calibration, line] = outcome([&] { return loaded(rig); });
+        EXPECT_EQ(line, "rectify fail because " + reason + "\n");
+        EXPECT_FALSE(calibration.is_ini_success()) << reason;
         EXPECT_EQ(
-            printed([&] { EXPECT_FALSE(calibration.remap_image_LR(raw.data(), raw.data(), out.data(), out.data())); }),
-            NOT_INITIALISED);
+            outcome([&, &c = calibration] { return c.remap_image_LR(raw.data(), raw.data(), out.data(), out.data()); }),
+            std::pair(false, NOT_INITIALISED));
     }
     // Huge but finite numbers may or may not leave something to rectify, but nothing is read outside the images.
     std::mt19937 random(9);

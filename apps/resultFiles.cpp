@@ -9,7 +9,8 @@
 namespace VexelAlgorithm::Apps {
 
 Outcome<Done> write_mesh_file(const std::filesystem::path& path, const BaseTriMesh& mesh) {
-    const std::uint32_t content = MESH_WRITE_BINARY | MESH_WRITE_VERTEX_NORMAL;
+    std::uint32_t content = MESH_WRITE_BINARY | MESH_WRITE_VERTEX_NORMAL;
+    if (mesh.is_enable_vColor()) content |= MESH_WRITE_VERTEX_COLOR;
     const int digits = 7;
     const int result = write_mesh(path.string(), mesh, content, digits);
     if (result != 0) return Failure{path.string() + " cannot be written; check the space on the disk"};

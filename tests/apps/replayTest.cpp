@@ -1,5 +1,6 @@
 // vexel-scan replay: a recorded scan happens once more, to the last bit.
 #include "ReplayTool.h"
+#include "simulation/colorImages.h"
 #include "tests/session/sessionScenes.h"
 
 namespace VexelTest {
@@ -42,6 +43,35 @@ TEST_F(ReplayTool, RepeatsARecordedScanToTheLastBit) {
     EXPECT_EQ(died.exitCode, 0) << died.errors;
     expect_in("No result     of frame 8 was recorded", died);
     expect_in("ends before the session was released", died);
+}
+
+TEST_F(ReplayTool, RepeatsColouredFramesAndWritesTheirColours) {
+    using namespace VexelAlgorithm;
+    DataArchiveConfig& config = DataArchiveConfig::global();
+    config.set_store_directory(path("").string());
+    config.set_archive_enabled(true);
+    config.set_testbug_enabled(true);
+    {
+        Scan scan("smooth", 80);
+        Simulation::add_color_camera(scan.sequence, scan.records.fusion);
+        Session session(scan.records);
+        for (int i = 0; i < 4; ++i) {
+            int microseconds = 0;
+            EXPECT_TRUE(fusion_and_track(
+                session, Simulation::colored_frame_of(scan.sequence, i, scan.records.fusion, Simulation::soft_stripes),
+                microseconds, true, 0));
+            const RetVal edited = i == 1 ? delete_frame_point(session, 0) : RET_SUCCESS;
+            EXPECT_EQ(edited, RET_SUCCESS);
+        }
+        write_mesh(path("expected.ply").string(), session.mesh(),
+                   MESH_WRITE_BINARY | MESH_WRITE_VERTEX_NORMAL | MESH_WRITE_VERTEX_COLOR, 7);
+    }
+    config.set_archive_enabled(false);
+    const ToolRun same = run("replay @/testbug-000001.tb --out @/again");
+    EXPECT_EQ(same.exitCode, 0) << same.errors;
+    expect_in("4 frames, 4 compared, 0 with differences", same);
+    EXPECT_TRUE(bytes_of(path("again/mesh.ply")) == bytes_of(path("expected.ply")));
+    EXPECT_TRUE(holds(bytes_of(path("again/mesh.ply")).substr(0, 400), "property uchar red"));
 }
 
 TEST_F(ReplayTool, RepeatsEditsBetweenFrames) {

@@ -15,11 +15,6 @@ constexpr double kPi = 3.14159265358979323846;
 struct Mesh {
     std::vector<Vector3f> points;
     std::vector<Vector3i> triangles;
-
-    void add_quad(int a, int b, int c, int d) {
-        triangles.emplace_back(a, b, c);
-        triangles.emplace_back(a, c, d);
-    }
 };
 
 /// Rings from pole to pole; neighbours have their own copies of the points along the seam, as files do.
@@ -36,17 +31,9 @@ Mesh ball(double radius, int rings, int columns) {
     for (int ring = 0; ring < rings; ++ring)
         for (int column = 0; column < columns; ++column) {
             const int a = ring * (columns + 1) + column;
-            mesh.add_quad(a, a + columns + 1, a + columns + 2, a + 1);
+            mesh.triangles.emplace_back(a, a + columns + 1, a + columns + 2);
+            mesh.triangles.emplace_back(a, a + columns + 2, a + 1);
         }
-    return mesh;
-}
-
-Mesh brick(const Vector3f& half) {
-    Mesh mesh;
-    for (int i = 0; i < 8; ++i)
-        mesh.points.emplace_back((i & 1 ? 1 : -1) * half.x(), (i & 2 ? 1 : -1) * half.y(), (i & 4 ? 1 : -1) * half.z());
-    const int sides[6][4] = {{0, 4, 6, 2}, {1, 3, 7, 5}, {0, 1, 5, 4}, {2, 6, 7, 3}, {0, 2, 3, 1}, {4, 5, 7, 6}};
-    for (const auto& side : sides) mesh.add_quad(side[0], side[1], side[2], side[3]);
     return mesh;
 }
 
@@ -109,22 +96,6 @@ TEST(TriangleMesh, BallIsTheBallUpToTheSagitta) {
             EXPECT_NEAR(hit->range, expected->range, 1.2 * sagitta);
             EXPECT_GT(hit->normal.dot(expected->normal), 0.999);
         }
-    }
-}
-
-TEST(TriangleMesh, BrickIsTheBoxExactly) {
-    const Mesh mesh = brick({30, 20, 10});
-    const ShapePtr shape = triangle_mesh(mesh.points, mesh.triangles);
-    const ShapePtr truth = box({0, 0, 0}, {30, 20, 10});
-    Dice dice;
-    for (int n = 0; n < 5000; ++n) {
-        const Vector3d point = dice.point(50);
-        ASSERT_NEAR(shape->distance(point), truth->distance(point), 1e-5) << point.transpose();
-        ASSERT_LE(shape->at_least(point), truth->distance(point) + 1e-5);
-        const Ray ray{point, dice.direction()};
-        const std::optional<Hit> hit = shape->hit(ray), expected = truth->hit(ray);
-        ASSERT_EQ(hit.has_value(), expected.has_value());
-        EXPECT_NEAR(hit ? hit->range : 0, expected ? expected->range : 0, 1e-5);
     }
 }
 

@@ -63,21 +63,15 @@ TEST(Sequence, PathsAreAsFastAsDescribed) {
     }
 }
 
-TEST(Sequence, HasAsManyFramesAsAsked) {
-    SequenceSettings few = small_images();
-    for (const int frames : {1, 2, 5, 11}) {
-        few.frames = frames;
-        for (const SequenceDescription& description : sequence_descriptions())
-            EXPECT_EQ(make_sequence(description.name, few)->frame_count(), frames);
-    }
-}
-
 TEST(Sequence, FramesHoldWhatAScannerMeasures) {
     for (const SequenceDescription& description : sequence_descriptions()) {
         SequenceSettings settings = small_images();
         const Sequence sequence = *make_sequence(description.name, settings);
         ASSERT_EQ(sequence.frame_count(), description.frames);
-        ASSERT_EQ(sequence.isBlack.size(), sequence.poses.size());
+        for (const int frames : {1, 2, 11}) {
+            settings.frames = frames;
+            EXPECT_EQ(make_sequence(description.name, settings)->frame_count(), frames);
+        }
         const PointImage frame = frame_of(sequence, 1, 1);
         ASSERT_TRUE(frame.is_legal() && frame.is_enable_vNormal() && frame.is_enable_vWeight() &&
                     frame.is_enable_vFlag());
@@ -100,20 +94,6 @@ TEST(Sequence, FramesHoldWhatAScannerMeasures) {
         EXPECT_NEAR(std::sqrt(squares / count), 0.1, 0.004) << description.name;
         EXPECT_GT(steady, 0.8 * count) << description.name << ": normals within 1.5 degrees, edges apart";
     }
-}
-
-TEST(Sequence, BlackFramesAreEmptyAndTheViewReturnsWhereItWas) {
-    const Sequence sequence = *make_sequence("black_out", small_images());
-    for (int i = 0; i < sequence.frame_count(); ++i) {
-        const bool isBlack = i >= 15 && i < 25;
-        ASSERT_EQ(sequence.isBlack[static_cast<std::size_t>(i)] != 0, isBlack) << i;
-        if (!isBlack || i % 4 != 0) continue;
-        const PointImage frame = frame_of(sequence, i);
-        EXPECT_EQ(frame.count_vaildNum(), 0);
-        EXPECT_EQ(frame.get_vn(), 160u * 128u);
-        EXPECT_TRUE(frame.is_enable_vNormal() && frame.is_enable_vWeight() && frame.is_enable_vFlag());
-    }
-    EXPECT_LT((sequence.poses[14].inverse() * sequence.poses[25]).get_translation().norm(), 10.0);
 }
 
 }  // namespace

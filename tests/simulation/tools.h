@@ -9,6 +9,7 @@
 
 #include "simulation/combinations.h"
 #include "simulation/primitives.h"
+#include "tests/printed.h"
 
 namespace VexelAlgorithm::Simulation {
 
@@ -58,9 +59,7 @@ inline std::vector<NamedShape> all_kinds() {
 
 template <class Call>
 void expect_one_line(const Call& call, const std::string& what = "") {
-    testing::internal::CaptureStdout();
-    call();
-    const std::string text = testing::internal::GetCapturedStdout();
+    const std::string text = VexelTest::printed(call);
     EXPECT_TRUE(text.size() > 10 && text.find('\n') == text.size() - 1) << what << ": " << text;
 }
 

@@ -30,7 +30,7 @@ inline bool holds(const std::string& text, const std::string& words) {
 class ToolTest : public ::testing::Test {
 protected:
     struct BadCall {
-        const char* arguments;
+        std::string arguments;
         int exitCode;
         const char* message;
     };
@@ -86,16 +86,17 @@ protected:
         return std::filesystem::exists(path(name));
     }
 
-private:
     static std::string quoted(const std::filesystem::path& path) {
         return '"' + path.string() + '"';
     }
+    /// The shell command, its output in stdout.txt.
     std::string call(const std::string& arguments) const {
         const std::string placed =
             std::regex_replace(arguments, std::regex("@/(\\S+)"), '"' + _folder.path().string() + "/$1\"");
         return quoted(VEXEL_SCAN_PROGRAM) + ' ' + placed + " >" + quoted(path("stdout.txt"));
     }
 
+private:
     TemporaryFolder _folder;
 };
 

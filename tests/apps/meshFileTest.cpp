@@ -1,12 +1,10 @@
-// Mesh files in every format, whole and damaged.
+// Mesh files in every format, and the reasons of damaged ones; that readers survive anything is tried by fuzzing.
 #include <gtest/gtest.h>
 
 #include <cmath>
-#include <cstring>
-#include <random>
 
 #include "TemporaryFolder.h"
-#include "recording/meshReaders.h"
+#include "recording/meshFile.h"
 
 namespace VexelAlgorithm {
 namespace {
@@ -96,28 +94,19 @@ TEST_F(MeshFile, DamagedFilesGiveOneSentence) {
         {".ply", "", "empty"},
         {".txt", "v 0 0 0\n", "is no mesh file"},
         {".ply", "hello", "broken"},
-        {".ply", "ply\nformat ascii 1.0\n", "broken"},
-        {".ply", plyText, "broken"},
         {".ply", plyText + "0 0 1\n2 x 1\n2 3 1\n0 3 1\n4 0 1 2 3\n", "broken"},
         {".ply", plyText + "0 0 1\n2 0 1\n2 3 1\n0 3 nan\n4 0 1 2 3\n", "not a finite"},
         {".ply", plyText + plyCorners + "4 0 1 2 4\n", "corner that does not exist"},
         {".ply", plyText + plyCorners + "4 0 1 2 -1\n", "corner that does not exist"},
         {".ply", plyText + plyCorners + "2 0 1\n", "no faces"},
-        {".ply", "ply\nformat ascii 1.0\n" + hugeHead + plyFaces + plyCorners, "broken"},
         {".ply", "ply\nformat binary_little_endian 1.0\n" + hugeHead + plyFaces + "0123", "broken"},
-        {".ply",
-         "ply\nformat binary_big_endian 1.0\n" + plyHead +
-             "element face 1\nproperty list uint int vertex_indices\nend_header\n" + std::string(100, '\xFF'),
-         "broken"},
         {".ply", binary_ply(packed(std::uint8_t{4}, 0, 1)), "broken"},
         {".ply", "ply\nformat ascii 1.0\nelement vertex 1\nproperty float x\nend_header\n1\n", "broken"},
-        {".obj", "hello\n", "no faces"},
-        {".obj", objText + "f 1 2 9\n", "corner that does not exist"},
         {".obj", objText + "f 1 2 -9\n", "corner that does not exist"},
         {".obj", "v 1e999 0 0\n" + objText + "f 1 2 3\n", "broken"},
         {".stl", "solid nothing\nendsolid nothing\n", "no faces"},
-        {".stl", binary_stl(2).substr(0, 130), "broken"},
         {".stl", binary_stl(4000000000U), "broken"},
+        {".stl", binary_stl(2).replace(100, 4, packed(std::nanf(""))), "not a finite"},
     };
     for (const auto& c : cases) {
         const Outcome<MeshData> mesh = read(c.ending, c.bytes);
@@ -126,32 +115,8 @@ TEST_F(MeshFile, DamagedFilesGiveOneSentence) {
         EXPECT_EQ(mesh.failure().reason.find('\n'), std::string::npos);
     }
     EXPECT_FALSE(read_mesh_file(_folder.path() / "missing.ply"));
-    EXPECT_FALSE(read(".stl", binary_stl(2).replace(100, 4, packed(std::nanf("")))));
     std::filesystem::create_directory(_folder.path() / "folder.obj");
     EXPECT_FALSE(read_mesh_file(_folder.path() / "folder.obj"));
-}
-
-TEST_F(MeshFile, AnythingIsSurvived) {
-    const std::pair<MeshFault (*)(std::string_view, MeshData&), std::string> files[] = {
-        {read_ply, plyText + plyCorners + "4 0 1 2 3\n"},
-        {read_ply, binary_ply(packed(std::uint8_t{4}, 0, 1, 2, 3))},
-        {read_obj, objText + "f 1/1/1 2/1/1 3/1/1 4/1/1\n"},
-        {read_stl, binary_stl(2)},
-        {read_stl, stlText}};
-    std::mt19937 random(1);
-    for (const auto& [reader, bytes] : files)
-        for (int n = 0; n < 3000; ++n) {
-            std::string damaged = bytes;
-            for (unsigned k = random() % 4 + 1; k > 0; --k)
-                damaged[random() % damaged.size()] = static_cast<char>(random() % 3 == 0 ? '9' : random() % 256);
-            if (n % 4 == 0) damaged.resize(random() % damaged.size());
-            MeshData mesh;
-            reader(damaged, mesh);
-            for (const Vector3i& triangle : mesh.triangles) {
-                ASSERT_GE(triangle.minCoeff(), 0);
-                ASSERT_LT(triangle.maxCoeff(), static_cast<int>(mesh.points.size()));
-            }
-        }
 }
 
 }  // namespace

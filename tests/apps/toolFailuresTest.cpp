@@ -25,7 +25,6 @@ TEST_F(ToolFailures, DepthFrames) {
         fs::remove(path(std::string("poseless/") + number + ".pose.txt"));
     }
     put_bytes(path("late.txt"), "1000 0 0 0 0 0 0 1\n");
-    put_bytes(path("unknown.yml"), "fusion:\n   voxel: 2\n");
     put_bytes(path("range.yml"), "track:\n   icpDis: [ 2, 1 ]\n");
     put_bytes(path("size.yml"), "common:\n   imageSize: [ 320, 240 ]\n");
     put_bytes(path("tiny.yml"), "fusion:\n   pointDis: 0.005\n");
@@ -35,34 +34,24 @@ TEST_F(ToolFailures, DepthFrames) {
         {"frobnicate", 2, "frobnicate"},
         {"fuse @/still", 2, "--out is required"},
         {"fuse @/still --out @/out --voxel 0", 2, "--voxel"},
-        {"fuse @/still --out @/out --voxel nan", 2, "--voxel"},
         {"fuse @/still --out @/out --step 0", 2, "--step"},
         {"fuse @/still --out @/out --threads -1", 2, "--threads"},
-        {"fuse @/still --out @/out --threads 99999999999999999999", 2, "--threads"},
         {"fuse @/still --out @/out --depth 99", 2, "--depth"},
-        {"fuse @/still --out @/out --range 2.5", 2, "--range"},
         {"fuse @/still --out @/out --min-weight inf", 2, "--min-weight"},
         {"fuse @/still --out @/out --format docx", 2, "--format"},
         {"fuse @/still --out @/out --first 9 --last 3", 1, "no frame in the chosen range"},
         {"fuse @/still --out @/out --min-weight 1000", 1, "no surface came out"},
         {"fuse @/still --out @/out --voxel 0.01", 1, "take a larger --voxel"},
-        {"fuse @/still --out @/file", 1, "is a file"},
         {"fuse @/still --out @/file/below", 1, "cannot be made"},
         {"fuse @/nothing --out @/out", 1, "there is no recording folder"},
-        {"fuse @/file --out @/out", 1, "is not a folder"},
         {"fuse @/half --out @/out", 1, "frame-000001.depth.png"},
         {"fuse @/black --out @/out", 1, "no usable depth"},
         {"info @/half", 1, "frame-000001.depth.png"},
-        {"track @/still", 2, "--out is required"},
         {"track @/still --out @/out --preset hall", 2, "--preset"},
-        {"track @/still --out @/out --truth-range 7", 2, "no range of frames"},
         {"track @/still --out @/out --truth-range 7:3", 2, "no range of frames"},
-        {"track @/still --out @/out --truth-range nan:3", 2, "no range of frames"},
         {"track @/still --out @/out --rate 0", 2, "--rate"},
-        {"track @/nothing --out @/out", 1, "there is no recording folder"},
         {"track @/still --out @/file", 1, "is a file"},
         {"track @/still --out @/out --settings @/none.yml", 1, "none.yml cannot be opened"},
-        {"track @/still --out @/out --settings @/unknown.yml", 1, "section fusion has no field 'voxel'"},
         {"track @/still --out @/out --settings @/range.yml", 1, "track.icpDis(1): 1 is smaller than"},
         {"track @/still --out @/out --settings @/size.yml", 1, "common.imageSize is 320 x 240"},
         {"track @/still --out @/out --settings @/tiny.yml", 1, "take a larger fusion.pointDis"},
@@ -90,17 +79,13 @@ TEST_F(ToolFailures, StereoPairs) {
     const std::string whole = bytes_of(path("one/calib_left.txt"));
     put_bytes(path("short.txt"), whole.substr(0, whole.size() / 2));
     const BadCall calls[] = {
-        {"scan @/one", 2, "--out is required"},
         {"scan --out @/out", 1, "name a RECORDING, or a pair with --left and --right"},
         {"scan --left @/one/frame-000000.left.png --out @/out", 2, "--left requires --right"},
         {"scan @/one --out @/out --depth-range 300", 2, "--depth-range"},
         {"scan @/one --out @/out --depth-range 500 300", 1, "rig.depthRange(1): 300 is not between 500"},
-        {"scan @/one --out @/out --depth-range 0 300", 2, "--depth-range"},
         {"scan @/one --out @/out --depth-range 1 2", 1, "no point between 1 and 2 mm is seen by both cameras"},
-        {"scan @/nothing --out @/out", 1, "there is no recording folder"},
         {"scan @/empty --out @/out", 1, "holds no stereo pairs"},
         {"scan @/one --first 7 --out @/out", 1, "has no frame in the chosen range"},
-        {"scan @/one --out @/file", 1, "is a file"},
         {"scan @/one --out @/out --calib-left @/none.txt", 1, "none.txt cannot be opened"},
         {"scan @/one --out @/out --calib-left @/short.txt", 1, "short.txt is not usable: the line"},
         {"scan @/one --out @/out --calib-left @/one/calib_right.txt", 1, "the baseline is zero"},
@@ -109,7 +94,6 @@ TEST_F(ToolFailures, StereoPairs) {
         {"scan @/one --out @/out --settings @/camera.yml", 1, "rig.leftCalib: has 3 values where a camera has 22"},
         {"scan @/one --out @/out", 1, "too few points; hardly any partner was found"},
         {"check-calibration @/empty", 1, "holds no stereo pairs"},
-        {"check-calibration @/one --calib-right @/short.txt", 1, "short.txt is not usable"},
     };
     expect_failures(calls);
     EXPECT_TRUE(exists("out/frame-000000.depth.png")) << "pictures of the dark pair";
@@ -129,20 +113,15 @@ TEST_F(ToolFailures, VirtualWorldsAndExposures) {
         {"simulate @/file", 1, "is a file"},
         {"simulate @/sim --frames 0", 2, "--frames"},
         {"simulate @/sim --scene cathedral", 2, "--scene"},
-        {"simulate @/sim --sequence earthquake", 2, "--sequence"},
         {"simulate @/sim --sequence smooth --scene owl", 2, "--sequence"},
-        {"simulate @/sim --depth-step 0", 2, "--depth-step"},
         {"simulate @/sim --mesh @/nothing.ply", 1, "nothing.ply"},
-        {"simulate @/sim --mesh @/file", 1, "is no mesh file"},
         {"simulate @/sim --mesh @/dust.obj", 1, "lie in one point"},
         {"simulate @/sim --mesh @/needle.obj", 1, "has an area"},
         {"simulate @/sim --mesh @/needle.obj --mesh-unit m", 1, "--mesh-size"},
         {"simulate @/sim --mesh @/dust.obj --mesh-up w", 2, "--mesh-up"},
         {"simulate @/sim --on-table", 2, "--mesh"},
         {"accuracy --distance 100", 2, "--distance"},
-        {"accuracy --window 8", 2, "--window"},
         {"accuracy --leave-out -1", 2, "--leave-out"},
-        {"accuracy --out @/file", 1, "is a file"},
         {"expose @/nowhere", 1, "cannot read the folder"},
         {"expose @/flat --match nothing", 1, "no images in"},
         {"expose @/flat", 1, "no image shows a pattern"},

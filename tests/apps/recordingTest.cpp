@@ -274,6 +274,7 @@ TEST(RecordingBadInput, EveryDamageOfPairsIsNamed) {
     const char *left = "frame-000002.left.png", *right = "frame-000002.right.png";
     const auto png = [](int width, int height) { return png_of(cv::Mat(height, width, CV_8UC1, cv::Scalar(9))); };
     const Damage pairDamages[] = {
+        {[](const fs::path& folder) { fs::remove_all(folder); }, "", "there is no recording folder"},
         {empty_folder, "", "holds no stereo pairs"},
         {drop(right), right, "is missing"},
         {drop(left), left, "is missing"},

@@ -14,7 +14,6 @@ TEST_F(ReplayTool, RepeatsARecordedScanToTheLastBit) {
     expect_in("8 frames, 8 compared, 0 with differences", same);
     expect_in("by at most 0 mm", same);
     EXPECT_TRUE(bytes_of(path("again/mesh.ply")) == bytes_of(path("out/mesh.ply")));
-    EXPECT_TRUE(exists("again/preview.png"));
     EXPECT_EQ(replay(file, "--threads 2").exitCode, 0);
 
     const ToolRun listed = replay(file, "--list");
@@ -89,6 +88,7 @@ TEST_F(ReplayTool, RepeatsEditsBetweenFrames) {
         Cloud corner;
         for (std::size_t i = 0; i < 40; ++i) corner.add_vCoord(get_show_data(session).get_vCoord(i));
         EXPECT_EQ(delete_point_when_scan(session, corner, 3.0F), RET_SUCCESS);
+        EXPECT_EQ(delete_selected_point(session, {5, 6, 7, 300}), RET_SUCCESS);
         step();
         EXPECT_EQ(delete_unStable(session, 3), RET_SUCCESS);
         step();
@@ -105,10 +105,7 @@ TEST_F(ReplayTool, RepeatsEditsBetweenFrames) {
     const ToolRun same = run("replay @/testbug-000001.tb");
     EXPECT_EQ(same.exitCode, 0) << same.errors;
     expect_in("7 frames, 7 compared, 0 with differences", same);
-    const ToolRun listed = run("replay @/testbug-000001.tb --list");
-    for (const char* name : {"delete_point_when_scan", "delete_unStable", "map_on_frame_delete_point"}) {
-        expect_in(name, listed);
-    }
+    expect_in("map_on_frame_delete_point", run("replay @/testbug-000001.tb --list"));
 }
 
 }  // namespace

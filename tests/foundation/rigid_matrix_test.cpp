@@ -4,6 +4,7 @@
 #include <cmath>
 #include <limits>
 #include <random>
+#include <sstream>
 
 #include "foundation/CameraInParam.h"
 #include "foundation/RigidMatrix.h"
@@ -102,6 +103,24 @@ TEST(CameraInParam, ProjectsAndBackProjects) {
     EXPECT_LT((pixel - Vector2d(370.0, 136.0)).norm(), 1e-12);
     camera.depth_to_point(100.0, pixel, point);
     EXPECT_LT((point - Vector3d(10.0, -20.0, 100.0)).norm(), 1e-12);
+}
+
+TEST(SmallArchives, HaveTheirFixedFormAndRefuseShortInput) {
+    std::ostringstream out;
+    const RigidMatrix rt((Matrix3d() << 1, 2, 3, 4, 5, 6, 7, 8, 9).finished(), Vector3d(10, 11, 12));
+    ASSERT_TRUE(rt.write_archive(out) && CameraInParam(13, 14, 15, 16).write_archive(out));
+    const std::string bytes = out.str();
+    Eigen::Matrix<double, 16, 1> values, expected;
+    ASSERT_EQ(bytes.size(), sizeof values);
+    std::copy(bytes.begin(), bytes.end(), reinterpret_cast<char*>(values.data()));
+    expected << 1, 4, 7, 2, 5, 8, 3, 6, 9, 10, 11, 12, 13, 14, 15, 16;
+    EXPECT_EQ(values, expected) << "column by column";
+
+    RigidMatrix rtRead;
+    CameraInParam cameraRead(1, 2, 3, 4);
+    std::istringstream cut(bytes.substr(0, 95)), cutCamera(bytes.substr(96, 31));
+    EXPECT_FALSE(rtRead.read_archive(cut) || cameraRead.read_archive(cutCamera));
+    EXPECT_TRUE(rtRead.get_rotation().isIdentity() && cameraRead.get_fx() == 1.0);
 }
 
 }  // namespace

@@ -111,9 +111,10 @@ TEST(CellSurface, VectorsGiveTheBitsOfThePlainTwin) {
 
 TEST_F(Display, ShowsTheSurfaceOnceAndGrows) {
     EXPECT_EQ(get_show_data(session).get_vn(), 0U);
+    Session patient(scan.records);  // is asked once, at the end
     std::size_t shown = 0;
     for (int i = 0; i < 12; i += 2) {
-        ASSERT_TRUE(session.step(scan.frame(i)));
+        ASSERT_TRUE(session.step(scan.frame(i)) && patient.step(scan.frame(i)));
         const Cloud& cloud = get_show_data(session);
         EXPECT_TRUE(cloud.is_legal() && cloud.is_enable_vNormal() && cloud.is_enable_vColor());
         EXPECT_GT(cloud.get_vn(), shown) << i;
@@ -126,20 +127,12 @@ TEST_F(Display, ShowsTheSurfaceOnceAndGrows) {
     // About one point a voxel of surface: as many as the mesh has cells with a surface, which has half as many faces.
     const auto faces = static_cast<double>(session.mesh().get_fn());
     EXPECT_NEAR(static_cast<double>(shown) / faces, 0.5, 0.1);
-}
-
-TEST_F(Display, AskedEachFrameOrOnceAtTheEndItIsTheSame) {
-    Session patient(scan.records);
-    for (int i = 0; i < 6; ++i) {
-        ASSERT_TRUE(session.step(scan.frame(i)) && patient.step(scan.frame(i)));
-        get_show_data(session);
-    }
     const auto often = sorted_points(get_show_data(session)), once = sorted_points(get_show_data(patient));
     std::vector<std::tuple<float, float, float>> common;
     std::set_intersection(often.begin(), often.end(), once.begin(), once.end(), std::back_inserter(common));
     // A leaf that is not marked again keeps the point of its last mark, although a neighbour's value may have moved.
     EXPECT_NEAR(static_cast<double>(often.size()), static_cast<double>(once.size()), 0.01 * once.size());
-    EXPECT_GT(static_cast<double>(common.size()), 0.95 * once.size());
+    EXPECT_GT(static_cast<double>(common.size()), 0.9 * once.size());
 }
 
 TEST_F(Display, SurfaceThatMovesTakesItsPointsAlong) {

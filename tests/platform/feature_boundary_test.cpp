@@ -2,6 +2,7 @@
 #include <cmath>
 #include <functional>
 #include <limits>
+#include <random>
 #include <string>
 #include <tuple>
 #include <utility>
@@ -40,9 +41,8 @@ Cloud sheet(int side) {
 TEST(FeatureBoundary, SettingsOutOfRange) {
     // Radii of normals, frames and descriptors; spacing; candidates.
     const std::tuple<float, float, float, float, int> cases[] = {
-        {0, 10, 20, 2, 3}, {5, kNaN, 20, 2, 3},       {5, 10, kInfinity, 2, 3}, {5, 10, 65, 2, 3},
-        {5, 10, 20, 0, 3}, {5, 10, 20, kInfinity, 3}, {5, 10, 20, kNaN, 3},     {5, 10, 20, -2, 3},
-        {5, 10, 20, 2, 0}, {5, 10, 20, 2, 17},        {5, 10, 20, 1e-30f, 3}};
+        {0, 10, 20, 2, 3},    {5, kNaN, 20, 2, 3}, {5, 10, kInfinity, 2, 3}, {5, 10, 65, 2, 3},     {5, 10, 20, 0, 3},
+        {5, 10, 20, kNaN, 3}, {5, 10, 20, 2, 0},   {5, 10, 20, 2, 17},       {5, 10, 20, 1e-30f, 3}};
     for (const auto& settings : cases)
         expect_one_line([&] { return std::apply(pair_lrf_cue_create_implementaion, settings); },
                         static_cast<void*>(nullptr), "pair_lrf_cue_create_implementaion failed: ");
@@ -110,32 +110,26 @@ TEST(FeatureBoundary, UnusableCloudsLeaveTheOneBefore) {
 /// Whatever is finite must neither crash nor hang, nor count as aligned when it is noise.
 TEST(FeatureBoundary, WildButFiniteClouds) {
     Cloud huge, mixed = sheet(20), turning = sheet(20);
-    unsigned state = 1;
-    const auto random = [&] {
-        return static_cast<float>((state = state * 1664525u + 1013904223u) >> 8) * 0x1p-24f - 0.5f;
-    };
-    for (int i = 0; i < 300; ++i) huge.add_vCoord(Vector3f(random(), random(), random()) * 5e5f);
+    std::minstd_rand random;
+    std::uniform_real_distribution<float> wild(-1.0f, 1.0f);
+    const auto draw = [&](float size) { return Vector3f(size * Vector3f(wild(random), wild(random), wild(random))); };
+    for (int i = 0; i < 300; ++i) huge.add_vCoord(draw(2.5e5f));
     mixed.set_vCoord(5, {kNaN, kInfinity, 0});
     mixed.set_vCoord(6, {3e38f, -3e38f, 3e38f});
     turning.enable_vNormal();
-    for (std::size_t i = 0; i < turning.get_vn(); ++i)
-        turning.set_vNrv(i, Vector3f(random(), random(), random()) * 1e15f);
-
-    for (const float spacing : {0.001f, 1.0f, 2.0f}) {
-        for (const float radius : {3.0f, 64.0f}) {
-            void* handle = pair_lrf_cue_create_implementaion(1, radius, radius, spacing, 16);
-            for (const Cloud* ref : {&huge, &mixed, &turning}) {
-                pair_lrf_cue_set_ref_cloud(handle, *ref);
-                for (const Cloud* obj : {&huge, &turning}) {
-                    if (ref == obj) continue;
-                    pair_lrf_cue_set_obj_cloud(handle, *obj);
-                    RigidMatrix pose;
-                    FeatureAlignment alignment;
-                    EXPECT_NE(pair_lrf_cue_compute_registration(handle, pose, alignment), RET_SUCCESS);
-                }
-            }
-            pair_lrf_cue_release_implementation(handle);
+    for (std::size_t i = 0; i < turning.get_vn(); ++i) turning.set_vNrv(i, draw(1e15f));
+    const std::pair<const Cloud*, const Cloud*> pairs[] = {
+        {&huge, &turning}, {&turning, &huge}, {&mixed, &huge}, {&mixed, &turning}};
+    for (const auto& [spacing, radius] : {std::pair(0.001f, 3.0f), {0.001f, 64.0f}, {2.0f, 3.0f}, {2.0f, 64.0f}}) {
+        void* handle = pair_lrf_cue_create_implementaion(1, radius, radius, spacing, 16);
+        for (const auto& [ref, obj] : pairs) {
+            RigidMatrix pose;
+            FeatureAlignment alignment;
+            pair_lrf_cue_set_ref_cloud(handle, *ref);
+            pair_lrf_cue_set_obj_cloud(handle, *obj);
+            EXPECT_NE(pair_lrf_cue_compute_registration(handle, pose, alignment), RET_SUCCESS);
         }
+        pair_lrf_cue_release_implementation(handle);
     }
 }
 

@@ -120,15 +120,6 @@ TEST(LeafTSDFTeeth, ColourIsAWeightedMean) {
     EXPECT_FLOAT_EQ(leaf.colorWeight, 2.0f) << "one channel suffices";
 }
 
-TEST(Leaf, IsNewlyChangedOnce) {
-    LeafTSDFTeeth teeth;
-    LeafTSDFSpeckle speckle;
-    EXPECT_TRUE(teeth.mark_changed() && speckle.mark_changed());
-    EXPECT_FALSE(teeth.mark_changed() || speckle.mark_changed());
-    teeth.changed = speckle.changed = 2;
-    EXPECT_TRUE(teeth.mark_changed() && speckle.mark_changed()) << "anything but 1 is not marked";
-}
-
 // ---- the field ------------------------------------------------------------------------------------------
 
 // Between voxels it is compared with a plain march, see raycast_test.

@@ -7,10 +7,8 @@
 #include <climits>
 #include <cmath>
 #include <cstring>
-#include <filesystem>
 #include <fstream>
 #include <functional>
-#include <iterator>
 #include <limits>
 #include <random>
 
@@ -18,12 +16,14 @@
 #include "fusion/LeafNormal.h"
 #include "fusion/LeafTSDFLaser.h"
 #include "fusion/OctetCache.h"
+#include "tests/apps/TemporaryFolder.h"
 #include "tests/fusion/octreeScenes.h"
 
 namespace VexelOctree {
 namespace {
 
 using namespace VexelAlgorithm::Fusion;
+using namespace VexelTest;
 constexpr float NotANumber = std::numeric_limits<float>::quiet_NaN();
 
 TEST(OctreeCoordinates, WorldToVoxel) {
@@ -193,23 +193,20 @@ TopTree& fill(TopTree& top, std::initializer_list<std::int32_t> cells) {
 
 class TopTreeFile : public testing::Test {
 protected:
-    std::filesystem::path path =
-        std::filesystem::temp_directory_path() / ("top_tree_" + std::to_string(std::random_device{}()) + ".bin");
-
-    ~TopTreeFile() override { std::filesystem::remove(path); }
-
     std::string save(const TopTree& top) {
         std::ofstream out(path, std::ios::binary);
         EXPECT_TRUE(top.save_tree_binary(out));
         out.close();
-        std::ifstream in(path, std::ios::binary);
-        return {std::istreambuf_iterator<char>(in), {}};
+        return bytes_of(path);
     }
     bool read(TopTree& top, const std::string& bytes) {
-        std::ofstream(path, std::ios::binary) << bytes;
+        put_bytes(path, bytes);
         std::ifstream in(path, std::ios::binary);
         return top.read_tree_binary(in);
     }
+
+    const TemporaryFolder folder;
+    const std::filesystem::path path = folder.path() / "top.bin";
 };
 
 TEST_F(TopTreeFile, RoundTripAndRefusals) {

@@ -267,16 +267,16 @@ TEST(RayCast, IsTheSameBitsForAnyNumberOfThreadsAndEveryInstructionSet) {
 TEST(RayCast, SlotCountsMustAgreeWhenGuided) {
     PointImage result = empty_view();
     result.set_vCoord(7, {1, 2, 3});
-    const PointImage guide = empty_view(kWidth, kHeight - 1);
-    const RigidMatrix pose = views()[0];
-    const std::string lines =
-        "resultFrame.get_vn() != guildFrame.get_vn()\nresultFrame.get_vn() = 16500\nguildFrame.get_vn() = 16350\n";
-    EXPECT_EQ(outcome([&] { return rayCast(scene_volume(), guide, pose, result, true, kNearFar, {}, 8.0f); }),
-              std::pair(2, lines));
+    const auto cast = [&](bool guided) {
+        return rayCast(scene_volume(), empty_view(kWidth, kHeight - 1), views()[0], result, guided, kNearFar, {}, 8.0f);
+    };
+    EXPECT_EQ(outcome([&] { return cast(true); }),
+              std::pair(2, std::string("resultFrame.get_vn() != guildFrame.get_vn()\nresultFrame.get_vn() = 16500\n"
+                                       "guildFrame.get_vn() = 16350\n")));
     EXPECT_EQ(result.get_vCoord(7), Vector3f(1, 2, 3));
     EXPECT_FALSE(result.is_enable_vNormal());
     EXPECT_TRUE(result.get_rt().get_rotation().isIdentity());
-    EXPECT_EQ(rayCast(scene_volume(), guide, pose, result, false, kNearFar, {}, 8.0f), 0);
+    EXPECT_EQ(cast(false), 0);
     EXPECT_NE(result.get_vCoord(7), Vector3f(1, 2, 3));
 }
 

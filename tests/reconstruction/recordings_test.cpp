@@ -24,24 +24,19 @@ namespace {
 /// One camera as the vector that the settings take.
 std::vector<float> camera_vector(const std::string& path) {
     CvMat *K = nullptr, *D = nullptr, *R = nullptr, *T = nullptr;
-    Rebuild::CaliParReadIn reader;
-    if (!reader.read_calibrate_para_single(K, D, R, T, path)) return {};
-    std::vector<float> values;
-    const auto take = [&](double value) { values.push_back(static_cast<float>(value)); };
-    for (const double value :
-         {cvmGet(K, 0, 0), cvmGet(K, 1, 1), cvmGet(K, 0, 2), cvmGet(K, 1, 2), cvmGet(K, 0, 1) / cvmGet(K, 0, 0)})
-        take(value);
-    for (int i = 0; i < 5; ++i) take(cvmGet(D, i, 0));
-    for (int i = 0; i < 3; ++i) take(cvmGet(T, i, 0));
-    for (int i = 0; i < 9; ++i) take(cvmGet(R, i / 3, i % 3));
+    if (!Rebuild::CaliParReadIn().read_calibrate_para_single(K, D, R, T, path)) return {};
+    const double* k = K->data.db;
+    std::vector<double> values{k[0], k[4], k[2], k[5], k[1] / k[0]};
+    values.insert(values.end(), D->data.db, D->data.db + 5);
+    values.insert(values.end(), T->data.db, T->data.db + 3);
+    values.insert(values.end(), R->data.db, R->data.db + 9);
     for (CvMat** matrix : {&K, &D, &R, &T}) cvReleaseMat(matrix);
-    return values;
+    return {values.begin(), values.end()};
 }
 
 RigidMatrix world_to_camera(const std::vector<float>& camera) {
-    Matrix3d rotation;
-    for (int i = 0; i < 9; ++i) rotation(i / 3, i % 3) = camera[static_cast<std::size_t>(13 + i)];
-    return {rotation, Vector3d(camera[10], camera[11], camera[12])};
+    const Eigen::Map<const Eigen::Matrix<float, 3, 3, Eigen::RowMajor>> rotation(camera.data() + 13);
+    return {rotation.cast<double>(), Vector3d(camera[10], camera[11], camera[12])};
 }
 
 /// Numbers of a comma-separated table; words are left out.
@@ -170,8 +165,6 @@ TEST_F(RecordedPair, CylinderAgreesWithItsImageCorrelation) {
                 ++outside;
                 filled += !_frame.get_point(x, y).isZero(0.0F);
             }
-        std::printf("%s: %.1f %% within 0.3 px, median %.3f px, outside the outline %.2f %%\n", step.c_str(),
-                    100 * static_cast<double>(close) / all, median, 100 * filled / outside);
         EXPECT_GE(static_cast<double>(close), 0.8 * all) << step;
         EXPECT_LE(median, 0.04) << step;
         EXPECT_LE(filled, 0.01 * outside) << step;
@@ -215,9 +208,6 @@ TEST_F(RecordedPair, BoardsAndPlasterFigure) {
         std::nth_element(distances.begin(), distances.begin() + static_cast<std::ptrdiff_t>(distances.size() / 2),
                          distances.end());
         const double median = distances[distances.size() / 2];
-        const double box = (row[6] - row[4]) * (row[7] - row[5]) / (_param.sampleRatio * _param.sampleRatio);
-        std::printf("%s: median %.2f mm, rms %.2f mm, filled %.1f %%\n", board.name, median, rms,
-                    100 * static_cast<double>(points.size()) / box);
         EXPECT_LE(std::abs(median), GRID_ACCURACY) << board.name;
         EXPECT_LE(rms, board.rms) << board.name;
     }
@@ -231,8 +221,6 @@ TEST_F(RecordedPair, BoardsAndPlasterFigure) {
             figure += depth > 765 && depth < 855;
             strip += x > LAST_COLUMN && depth != 0;
         }
-    std::printf("plaster: %d points on the figure, %d in the strip, %d in all\n", figure, strip,
-                _frame.count_vaildNum());
     EXPECT_GT(figure, 18500);
     EXPECT_EQ(strip, 0);
     EXPECT_GT(_frame.count_vaildNum(), 380000);

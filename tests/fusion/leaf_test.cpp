@@ -2,6 +2,7 @@
 #include <gtest/gtest.h>
 
 #include <cmath>
+#include <random>
 
 #include "fusion/FieldReader.h"
 #include "fusion/LeafTSDFCloudGenerator.h"
@@ -122,7 +123,41 @@ TEST(LeafTSDFTeeth, ColourIsAWeightedMean) {
 
 // ---- the field ------------------------------------------------------------------------------------------
 
-// Between voxels it is compared with a plain march, see raycast_test.
+// The vector form is compared with a plain march, see raycast_test.
+TEST(FieldReader, ReadsBetweenVoxelsWhatIsLinearInSpace) {
+    constexpr int side = 6;  // cubes of voxels at both ends of the volume's diagonal
+    VexelOctree::Octree<LeafTSDFSpeckle> tree;
+    tree.set_point_dis(0.5f);
+    tree.set_shift({3.0f, -2.0f, 1.0f});
+    const auto truth = [](const Vector3f& p) { return 0.25f * p.x() - 0.125f * p.y() + 0.5f * p.z() + 7.0f; };
+    const auto point_at = [&](const Vector3f& q) { return Vector3f(tree.get_shift() + 0.5f * q); };
+    const auto sample = [&](const Vector3f& q) {
+        return FieldReader<LeafTSDFSpeckle>(tree).trilinear_at_point(point_at(q));
+    };
+    std::mt19937 random(11);
+    for (const int low : {0, tree.get_size() - side}) {
+        for (int i = 0; i < side * side * side; ++i) {
+            const Vector3i v = Vector3i::Constant(low) + Vector3i(i % side, i / side % side, i / side / side);
+            LeafTSDFSpeckle& leaf = tree.leaf_at(tree.find_or_create_leaf(v.x(), v.y(), v.z()).leaf);
+            leaf.touch(v);
+            leaf.add(truth(tree.voxel_to_world(v)), 2.0f);
+        }
+        // Known from voxel 1 to two before the last one, where there are eight voxels around.
+        std::uniform_real_distribution<float> inside(low == 0 ? 1.0f : low + 0.51f,
+                                                     low + side - (low == 0 ? 0.51f : 2.0f));
+        for (int i = 0; i < 300; ++i) {
+            Vector3f q(inside(random), inside(random), inside(random));
+            EXPECT_NEAR(sample(q), truth(point_at(q)), 2e-4f) << q.transpose();
+            q[i % 3] = i % 2 == 0 ? 1.0f - 1e-3f : static_cast<float>(tree.get_size() - 2);
+            EXPECT_TRUE(std::isnan(sample(q))) << q.transpose();
+        }
+    }
+    tree.leaf_at(tree.find_leaf(3, 3, 3)).reset();
+    EXPECT_TRUE(std::isnan(sample({2.6f, 2.6f, 2.6f})) && !std::isnan(sample({2.4f, 2.6f, 2.6f})));
+    for (const float far : {NotANumber, INFINITY, -1.0f, 3e9f, 500.0f})
+        EXPECT_TRUE(std::isnan(sample({2.0f, far, 2.0f})));
+}
+
 TEST(FieldReader, ReadsVoxelsAnywhere) {
     VexelOctree::Octree<LeafTSDFSpeckle> tree;
     const auto value = [&](int x, int y, int z) {

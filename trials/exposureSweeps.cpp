@@ -68,7 +68,7 @@ Simulation::StereoPair SweepBench::develop(const SweepObject& object, const Simu
     const bool isGainSweep = object.exposureOfGainSweep > 0.0;
     (isGainSweep ? sensor.gain : sensor.exposure) = std::pow(2.0, 0.5 * k);
     if (isGainSweep) sensor.exposure = object.exposureOfGainSweep;
-    return _camera.develop(signals, sensor, static_cast<std::uint64_t>(k + 100));
+    return _camera.develop(signals, sensor, static_cast<std::uint64_t>(k) + 100);
 }
 
 int SweepBench::coverage(const Simulation::StereoPair& pair) const {

@@ -5,6 +5,7 @@
 #include <atomic>
 #include <functional>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include "fusion/LeafTSDFLaser.h"
@@ -30,7 +31,7 @@ void run_together(const std::function<void(int)>& body) {
     for (std::thread& thread : threads) thread.join();
 }
 
-TEST(OctreeConcurrency, AllThreadsGetTheSameOctets) {
+TEST(OctreeConcurrency, AllThreadsGetTheSameOctetsAndReadWholeOnes) {
     for (const int depth : {10, 14, 10, 14}) {
         Tree tree;
         tree.set_depth(depth, 1);
@@ -49,6 +50,12 @@ TEST(OctreeConcurrency, AllThreadsGetTheSameOctets) {
                 mine[i] = path.leaf;
                 made += path.created;
                 ASSERT_EQ(tree.leaf_coordinates(path.leaf), voxels[i]);
+                // What others may be making is there as a whole or not at all.
+                const Vector3i& v = voxels[7919 * i % count];
+                const bool isEmpty = tree.empty_node_bits(v.x(), v.y(), v.z()) > 0;
+                const std::int32_t leaf = tree.find_leaf(v);
+                ASSERT_TRUE(leaf < 0 ? isEmpty : tree.leaf_coordinates(leaf) == v);
+                ASSERT_FALSE(leaf >= 0 && std::as_const(tree).leaf_at(leaf).is_used());
             }
             created += made;
         });
@@ -61,41 +68,6 @@ TEST(OctreeConcurrency, AllThreadsGetTheSameOctets) {
         }
         EXPECT_EQ(check_octree(tree), Findings());
     }
-}
-
-TEST(OctreeConcurrency, ReadersFindWholeLeavesWhileOthersCreate) {
-    Tree tree;
-    tree.set_depth(13, 1);
-    const std::vector<Vector3i> voxels = scattered_voxels(tree.get_size(), 400, 50);
-    std::atomic<int> writing{Threads / 2};
-    std::atomic<std::size_t> found{0};
-    run_together([&](int t) {
-        if (t % 2 == 0) {
-            for (const Vector3i& v : voxels) tree.find_or_create_leaf(v.x(), v.y(), v.z());
-            --writing;
-            return;
-        }
-        bool last = false;
-        do {
-            last = writing == 0;
-            std::size_t there = 0;
-            for (const Vector3i& v : voxels) {
-                const bool empty = tree.empty_node_bits(v.x(), v.y(), v.z()) > 0;
-                const std::int32_t leaf = tree.find_leaf(v);
-                if (leaf < 0) {
-                    EXPECT_TRUE(empty);
-                    continue;
-                }
-                ++there;
-                EXPECT_EQ(tree.leaf_coordinates(leaf), v);
-                const Tree& constant = tree;
-                EXPECT_FALSE(constant.leaf_at(leaf).is_used());
-            }
-            if (last) found += there;
-        } while (!last);
-    });
-    EXPECT_EQ(found, voxels.size() * (Threads / 2));
-    EXPECT_EQ(check_octree(tree), Findings());
 }
 
 TEST(OctreeConcurrency, PoolGrowsAcrossPagesUnderEverybody) {

@@ -61,6 +61,18 @@ TEST(SurfaceFit, SpheresAreFoundAsWellAsTheNoiseAllows) {
     }
 }
 
+TEST(SurfaceFit, TheSphereIsThatOfLeastSquaresOfDistances) {
+    const std::vector<Vector3d> points = cap({10, 20, 300}, 20, 50, 500, 0.5);
+    const auto best = fit_sphere(points);
+    ASSERT_TRUE(best);
+    double slopes[4] = {};  // of half the sum of squares
+    for (const Vector3d& point : points) {
+        const Vector3d away = (best->centre - point).normalized();
+        for (int i = 0; i < 4; ++i) slopes[i] += best->deviation(point) * (i < 3 ? away[i] : -1.0);
+    }
+    for (const double slope : slopes) EXPECT_NEAR(slope, 0, 1e-6);
+}
+
 TEST(SurfaceFit, PlanesAreFoundAsWellAsTheNoiseAllows) {
     const Matrix3d tilted = Eigen::AngleAxisd(0.5, Vector3d(1, 2, 0.3).normalized()).toRotationMatrix();
     for (const double noise : {0.0, 0.02, 1.0}) {

@@ -8,7 +8,7 @@
 #include "recording/frameNames.h"
 #include "recording/poseText.h"
 #include "recording/trajectoryText.h"
-#include "tests/apps/TemporaryFolder.h"
+#include "trials/TemporaryFolder.h"
 
 namespace VexelFuzz {
 namespace {
@@ -61,12 +61,12 @@ std::string archive_of(const Value& value) {
 }
 
 std::string mesh_file(const std::string& ending, std::uint32_t options) {
-    const VexelTest::TemporaryFolder folder;
+    const VexelTrial::TemporaryFolder folder;
     const std::filesystem::path path = folder.path() / ("mesh" + ending);
     BaseTriMesh mesh = tetrahedron();
     give_attributes(mesh);
     write_mesh(path.string(), mesh, options, 6);
-    return VexelTest::bytes_of(path);
+    return VexelTrial::bytes_of(path);
 }
 
 /// What other programs write: lists before scalars, every type, polygons, the highest byte first.

@@ -4,7 +4,7 @@
 #include "fuzz/seeds.h"
 #include "recording/DepthImage.h"
 #include "recording/GreyPicture.h"
-#include "tests/apps/TemporaryFolder.h"
+#include "trials/TemporaryFolder.h"
 
 namespace VexelFuzz {
 namespace {
@@ -15,19 +15,19 @@ constexpr int readers = 3;
 enum Reader { Depth, Grey, Exposure };
 
 std::string depth_file() {
-    const VexelTest::TemporaryFolder folder;
+    const VexelTrial::TemporaryFolder folder;
     DepthImage image{7, 5, {}, 0.5};
     for (int i = 0; i < 35; ++i) image.millimetres.push_back(i % 9 == 0 ? 0.0F : 400.0F + static_cast<float>(i * i));
     write_depth_png(folder.path() / "depth.png", image);
-    return VexelTest::bytes_of(folder.path() / "depth.png");
+    return VexelTrial::bytes_of(folder.path() / "depth.png");
 }
 
 std::string grey_file() {
-    const VexelTest::TemporaryFolder folder;
+    const VexelTrial::TemporaryFolder folder;
     GreyPicture picture{9, 6, {}};
     for (int i = 0; i < 54; ++i) picture.pixels.push_back(static_cast<std::uint8_t>(i * 37));
     write_grey_png(folder.path() / "grey.png", picture);
-    return VexelTest::bytes_of(folder.path() / "grey.png");
+    return VexelTrial::bytes_of(folder.path() / "grey.png");
 }
 
 std::string encoded(const char* ending, const cv::Mat& picture) {

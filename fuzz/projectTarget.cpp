@@ -1,6 +1,6 @@
 // A project file is read into a session, which must be usable afterwards whatever the file said.
 #include "fuzz/target.h"
-#include "tests/project/DomeScene.h"
+#include "trials/DomeScene.h"
 
 namespace {
 
@@ -54,7 +54,7 @@ private:
         require(get_show_data(_session).get_vn() > 0, "the session shows what it was given");
     }
 
-    DomeScene _scene;
+    VexelTrial::DomeScene _scene;
     PointImage _frame = _scene.frame();
     BaseTriMesh _mesh;
     VexelFuzz::InputFile _file{".project"};

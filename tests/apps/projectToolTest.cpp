@@ -131,14 +131,9 @@ TEST_F(EndedWhileSaving, LeavesTheOlderProjectOrTheNewOne) {
 
     std::mt19937 random(5);
     // Killed by the system at a certain byte of the file.
-    std::size_t cutOff = 0;
-    for (int i = 0; i < 5; ++i) {
-        const std::size_t limit = 100 + random() % (size() / block - 100);
-        EXPECT_GT(end("ulimit -c 0\nulimit -f " + std::to_string(limit) + "\nexec ", ""), 128);
-        EXPECT_TRUE(is_old()) << limit;
-        if (fs::exists(path("scan.part"))) ++cutOff;
-    }
-    EXPECT_EQ(cutOff, 5U);
+    EXPECT_GT(end("ulimit -c 0\nulimit -f " + std::to_string(100 + random() % (size() / block - 100)) + "\nexec ", ""),
+              128);
+    EXPECT_TRUE(is_old() && exists("scan.part"));
     // Killed by somebody at any moment after it has begun.
     for (int i = 0; i < 4; ++i) {
         const std::string begun = quoted(path(i % 2 == 0 ? "scan.part" : "scan.yml.part"));

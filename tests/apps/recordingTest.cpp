@@ -361,19 +361,16 @@ TEST(DepthFrame, HasPointsNormalsAndWeightsOfTheSurface) {
     const PointImage frame = depth_frame_to_point_image(plane_depth(view, normal, 1500.0, 0, 0.0), view, {}, 2);
     ASSERT_TRUE(frame.is_enable_vNormal() && frame.is_enable_vWeight() && frame.is_enable_vFlag());
     EXPECT_GT(frame.count_vaildNum(), 160 * 120 * 95 / 100);
-    double squaredSum = 0.0;
-    int count = 0;
+    double squares = 0.0;
     for (std::size_t i = 0; i < frame.get_vn(); ++i) {
         if (!frame.has_point(i)) continue;
         const Vector3d point = frame.get_vCoord(i).cast<double>();
-        const Vector3d facing = -frame.get_vNrv(i).cast<double>();
-        squaredSum += std::pow(point.dot(normal) - 1500.0, 2.0);
-        ++count;
+        squares += std::pow(point.dot(normal) - 1500.0, 2.0);
         EXPECT_NEAR(point.dot(normal), 1500.0, 1.0) << "also at the image's border";
-        EXPECT_GT(facing.dot(normal), std::cos(0.1));
+        EXPECT_LT(frame.get_vNrv(i).cast<double>().dot(normal), -std::cos(0.1));
         EXPECT_NEAR(frame.get_vWeight(i), 1000.0 / point.z(), 1e-5);
     }
-    EXPECT_LT(std::sqrt(squaredSum / count), 0.5) << "whole millimetres, smoothed";
+    EXPECT_LT(std::sqrt(squares / frame.count_vaildNum()), 0.5) << "whole millimetres, smoothed";
 }
 
 TEST(DepthFrame, DropsEdgesSpecksAndPixelsOutOfRange) {

@@ -184,7 +184,6 @@ TEST(Trajectory, CutsWhereThePosesJumpAgainstEachOther) {
     const std::vector<FrameRange> ranges = ranges_between_jumps(frames);
     ASSERT_EQ(ranges.size(), 2u);
     EXPECT_TRUE(ranges[0].first == 0 && ranges[0].last == 21 && ranges[1].first == 22 && ranges[1].last == 39);
-    EXPECT_GT(evaluate_trajectory(frames, {0, 39}).firstAligned.translation.rmse, 10.0);
     for (const FrameRange range : ranges) {
         EXPECT_LT(evaluate_trajectory(frames, range).firstAligned.translation.max, 0.51);
     }

@@ -114,14 +114,5 @@ TEST_F(VexelScan, PicksTheBestExposureAndDrawsWhatItSaw) {
     EXPECT_EQ(run("expose @/images --out @/none/seen.png").exitCode, 1) << "no such folder";
 }
 
-TEST_F(VexelScan, FusesTheRealRecording) {
-    const char* recordings = std::getenv("VEXEL_RECORDINGS");
-    if (recordings == nullptr) GTEST_SKIP() << "VEXEL_RECORDINGS names no folder of recordings";
-    run_well("fuse \"" + std::string(recordings) + "/office_depth\" --step 60 --min-weight 1 --out @/out");
-    const std::string json = bytes_of(path("out/report.json"));
-    EXPECT_TRUE(holds(json, "\"frames_fused\": 5") && holds(json, "\"points_outside_volume\": 0")) << json;
-    EXPECT_GT(fs::file_size(path("out/mesh.ply")), 1000000u);
-}
-
 }  // namespace
 }  // namespace VexelTest

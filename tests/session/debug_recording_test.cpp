@@ -171,11 +171,9 @@ TEST_F(DebugRecording, FramesLoseNothing) {
     coloured.rigid_transformation({Matrix3d::Identity(), {1.0, 2.0, 3.0}});
     PointImage bare;
     bare.ini(20, 16, tiny.records.common.campar, 3, {0.5F, -0.5F});
-    PointImage small = tiny.frame(0);
-    small.ini(3, 2);
     PointImage none, illegal = tiny.frame(0);
     illegal.set_vWeights({1.0F});
-    const std::vector<const PointImage*> frames{&strange, &coloured, &bare, &small, &none};
+    const std::vector<const PointImage*> frames{&strange, &coloured, &bare, &none};
     {
         Session session(tiny.records);
         for (const PointImage* image : frames) session.step(*image);

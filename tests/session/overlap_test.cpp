@@ -84,9 +84,8 @@ TEST(Overlap, ASecondFrameIsRefusedWithALine) {
     EXPECT_GT(refused, 0);
     EXPECT_EQ(session.state().acceptedFrames, accepted);
     EXPECT_EQ(session.state().outcome, FrameOutcome::Fused) << "a refused frame leaves the state alone";
-    const std::string line = can_not("fusion_and_track", "the session is busy with another frame");
     std::string expected;
-    for (int i = 0; i < refused; ++i) expected += line;
+    for (int i = 0; i < refused; ++i) expected += can_not("fusion_and_track", "the session is busy with another frame");
     EXPECT_EQ(lines, expected);
 }
 

@@ -2,7 +2,6 @@
 // bare plane found out.
 #include <cmath>
 
-#include "simulation/Shape.h"
 #include "tests/session/sessionScenes.h"
 
 namespace VexelAlgorithm {
@@ -17,17 +16,6 @@ Scan object_scan(const char* name) {
     scan.records.track.icpDis = {1.0F, 15.0F};
     scan.records.track.icpDisAvgThread = 0.3F;
     return scan;
-}
-
-/// Root mean square distance of every `step`-th vertex from the true surface, mm.
-double surface_error(const BaseTriMesh& mesh, const Simulation::Sequence& sequence, std::size_t step) {
-    std::vector<double> distances;
-    for (std::size_t i = 0; i < mesh.get_vn(); i += step) {
-        const Vector3d point = sequence.poses.front() * Vector3d(mesh.get_vCoord(i).cast<double>());
-        const double distance = Simulation::distance_by_descent(*sequence.scene, point);
-        if (std::isfinite(distance)) distances.push_back(distance);
-    }
-    return rms_of(distances);
 }
 
 // The bounds belong to small images: 1.6 mm from pixel to pixel, voxels of 2 mm.
@@ -48,7 +36,7 @@ TEST(VirtualSequence, EveryFrameIsTrackedCloseToTheTruth) {
         const Vector2d rms = (squares / c.frames).cwiseSqrt();
         EXPECT_LT(rms.x(), c.millimetres) << c.name;
         EXPECT_LT(rms.y(), c.degrees) << c.name;
-        EXPECT_LT(surface_error(session.mesh(), scan.sequence, 20), c.surface) << c.name;
+        EXPECT_LT(rms_of(scan.off_surface(session.mesh().get_vCoords())), c.surface) << c.name;
     }
 }
 

@@ -5,12 +5,12 @@
 #include "foundation/FusionParameter.h"
 #include "foundation/TrackParmeter.h"
 
-namespace VexelAlgorithm {
+namespace VexelTrial {
 
 struct Records {
-    CommonParameter common;
-    TrackParmeter track;
-    FusionParameter fusion;
+    VexelAlgorithm::CommonParameter common;
+    VexelAlgorithm::TrackParmeter track;
+    VexelAlgorithm::FusionParameter fusion;
 };
 
-}  // namespace VexelAlgorithm
+}  // namespace VexelTrial

@@ -2,9 +2,11 @@
 #pragma once
 
 #include "algorithmQorInclude.h"
-#include "tests/session/Records.h"
+#include "trials/Records.h"
 
-namespace VexelAlgorithm {
+namespace VexelTrial {
+
+using namespace VexelAlgorithm;
 
 /// A dome of 60 mm, seen with 44 x 44 pixels, in voxels of 20 mm.
 struct DomeScene {
@@ -48,4 +50,4 @@ struct DomeScene {
     Records records;
 };
 
-}  // namespace VexelAlgorithm
+}  // namespace VexelTrial

@@ -1,0 +1,61 @@
+// Small scans of the virtual world with the records of a session for them, and judges of what comes out.
+#pragma once
+
+#include <cmath>
+#include <numeric>
+#include <vector>
+
+#include "simulation/Sequence.h"
+#include "trials/Records.h"
+
+namespace VexelTrial {
+
+using namespace VexelAlgorithm;
+
+/// A virtual scan of ideal depths, 1.6 mm from pixel to pixel, and the records of a session for it: voxels of 2 mm, one
+/// thread, so that results repeat to the last bit.
+struct VirtualScan {
+    explicit VirtualScan(const char* name, int width = 160, double noise = 0.0) {
+        Simulation::SequenceSettings settings;
+        settings.width = width;
+        settings.height = width * 4 / 5;
+        settings.noiseSigma = noise;
+        sequence = *Simulation::make_sequence(name, settings);
+        records.common.imageSize = {sequence.width, sequence.height};
+        records.common.campar = sequence.camera;
+        records.common.sample = 1;
+        records.common.rawPointDis = 256.0F / static_cast<float>(width);
+        records.fusion.pointDis = 1.25F * records.common.rawPointDis;
+        records.fusion.treeDepth = 10;
+        records.fusion.codeNumSet = 1;
+    }
+    PointImage frame(int i) const { return Simulation::frame_of(sequence, i); }
+    /// Signed distances (mm) of points of the model from the true surface.
+    std::vector<double> off_surface(const std::vector<Vector3f>& points) const {
+        std::vector<double> distances;
+        for (const Vector3f& p : points)
+            distances.push_back(sequence.scene->distance(sequence.poses.front() * Vector3d(p.cast<double>())));
+        return distances;
+    }
+
+    Simulation::Sequence sequence;
+    Records records;
+};
+
+inline double mean_of(const std::vector<double>& values) {
+    return std::accumulate(values.begin(), values.end(), 0.0) / static_cast<double>(values.size());
+}
+inline double rms_of(const std::vector<double>& values) {
+    const double squares = std::inner_product(values.begin(), values.end(), values.begin(), 0.0);
+    return std::sqrt(squares / static_cast<double>(values.size()));
+}
+
+/// Millimetres and degrees between two poses.
+inline Vector2d pose_error(const RigidMatrix& a, const RigidMatrix& b) {
+    const RigidMatrix difference = a.inverse() * b;
+    Vector3d axisAngle;
+    rodrigures(difference.get_rotation(), axisAngle);
+    return {difference.get_translation().norm(), axisAngle.norm() * 180.0 / std::acos(-1.0)};
+}
+
+}  // namespace VexelTrial

@@ -106,8 +106,7 @@ TEST(Rigs, SearchRangeHoldsThePartnersOfItsDepthsAndNotMuchMore) {
 
     // Depths along the raw axis spread when the camera is turned, and hold what they held.
     const Vector2d rectified = rectified_depths(rig->calibration, 200, 260);
-    EXPECT_NEAR(rectified(0), 175, 25);
-    EXPECT_NEAR(rectified(1), 295, 35);
+    EXPECT_TRUE(rectified(0) > 150 && rectified(1) < 330);
     EXPECT_TRUE(rectified(0) < 200 * std::cos(0.12) && rectified(1) > 260 * std::cos(0.12));
 }
 

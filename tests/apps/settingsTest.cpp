@@ -139,8 +139,6 @@ TEST(Settings, FindingsNameTheFieldWithItsSection) {
         const char* field;
     } cases[] = {
         {"common:\n   imageSize: [ -1, 480 ]\n", "common.imageSize(0)"},
-        {"track:\n   icpDis: [ 2, 1 ]\n", "track.icpDis(1)"},
-        {"fusion:\n   treeDepth: 40\n", "fusion.treeDepth"},
         {"texture:\n   featureCount: 0\n", "texture.featureCount"},
         {"frame:\n   farthest: 50\n", "frame.farthest"},
         {"frame:\n   normalWindow: 64\n", "frame.normalWindow"},

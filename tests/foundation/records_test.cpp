@@ -21,68 +21,58 @@ using VexelTest::printed;
 constexpr float NOT_A_NUMBER = std::numeric_limits<float>::quiet_NaN();
 constexpr float INFINITE = std::numeric_limits<float>::infinity();
 
+// The defaults, but for fields that equal others or that show how numbers are written.
 TEST(RecordPrint, EveryFieldUnderItsLabel) {
     CommonParameter common;
-    common.imageSize << 1280, 1024;
     common.colorImageSize << 2592, 1944;
-    common.sample = 2, common.rawPointDis = 0.1F, common.outputPath = "C:/debug out/";
-    common.deviceTag = 4711, common.scanType = -3;
+    common.outputPath = "C:/debug out/", common.deviceTag = 4711, common.scanType = -3;
     common.campar.set_param(2300.5, 2301.0, 640.1234567, 1e7);
     EXPECT_EQ(printed([&] { print_parameter(common); }),
               "\n\n\ncommon parameter output\n"
               "imageSize = 1280\t1024\n"
               "colorImageSize = 2592\t1944\n"
               "sample = 2\n"
-              "rawPointDis = 0.1\n"
+              "rawPointDis = 0.4\n"
               "outputPath = C:/debug out/\n"
               "scanType = -3\n"
               "campar = 2300.5\t2301\t640.123\t1e+07\n");
 
     TrackParmeter track;
-    track.icpIterNum = 30, track.icpInterNumFixed = 5;
-    track.icpDis << 0.5F, 3.0F;
-    track.icpDisFeature << 0.25F, 12.0F;
-    track.icpDisAvgThread = 0.3F, track.icpDisAvgFeatureThread = NOT_A_NUMBER;
-    track.icpRataRay << 0.1F, 0.2F;
+    track.icpDisAvgFeatureThread = NOT_A_NUMBER, track.disUniform = 1e-5F;
     track.icpRataRayFeature << 0.0F, 0.95F;
-    track.icpParticleSize = 8.0F, track.disUniform = 1e-5F;
     EXPECT_EQ(printed([&] { print_parameter(track); }),
               "\n\n\nTrackParmeter output\n"
-              "icpIterNum = 30\n"
-              "icpInterNumFixed = 5\n"
-              "icpDis = 0.5\t3\n"
-              "icpDisFeature = 0.25\t12\n"
-              "icpDisAvgThread = 0.3\n"
+              "icpIterNum = 20\n"
+              "icpInterNumFixed = 6\n"
+              "icpDis = 1\t6\n"
+              "icpDisFeature = 1\t10\n"
+              "icpDisAvgThread = 0.5\n"
               "icpDisAvgFeatureThread = nan\n"
-              "icpRataRay = 0.1\t0.2\n"
+              "icpRataRay = 0.15\t0.3\n"
               "icpRataRayFeature = 0\t0.95\n"
-              "icpParticleSize = 8\n"
+              "icpParticleSize = 10\n"
               "disUniform = 1e-05\n");
 
     FusionParameter fusion;
-    fusion.treeDepth = 11, fusion.pointDis = 0.4F, fusion.currPointOffsetShow = -0.2F, fusion.codeNumSet = 2;
-    fusion.fusionDataSize << 5, 3;
-    fusion.viewBox << 100.0F, 900.5F;
-    fusion.fusionLimitNum = 2000, fusion.fusionLimitNumFeature = 2500;
+    fusion.codeNumSet = 2, fusion.currPointOffsetShow = -0.2F, fusion.fusionLimitNumFeature = 2500;
     fusion.colorOnInvaildPoint << 0.5F, 0.25F, 1.0F;
     fusion.colorImageRange << 10, 20, 1270, 1000;
-    fusion.colorImagePar << 2000.5, 0, 639.5, 0, 2001, 511.5, 0, 0, 1;
+    fusion.colorImagePar(1, 1) = 2000.5;
     fusion.tranLeftToColor = {(Matrix3d() << 0, -1, 0, 1, 0, 0, 0, 0, 1).finished(), {30.25, -1.5, 0}};
-    fusion.colorImageSize << 1280, 1024;
     EXPECT_EQ(
         printed([&] { print_parameter(fusion); }),
         "\n\n\nFusionParameter output\n"
-        "treeDepth = 11\n"
-        "pointDis = 0.4\n"
-        "fusionDataSize = 5\t3\n"
+        "treeDepth = 12\n"
+        "pointDis = 0.5\n"
+        "fusionDataSize = 5\t2\n"
         "currPointOffsetShow = -0.2\n"
-        "viewBox = 100\t900.5\n"
-        "fusionLimitNum = 2000\n"
+        "viewBox = 200\t1500\n"
+        "fusionLimitNum = 1500\n"
         "fusionLimitNumFeature = 2500\n"
         "color on Invaild Point = 0.5\t0.25\t1\n"
         "codeNumSet = 2\n"
         "colorImageRange(0) = 10\tcolorImageRange(1) = 20\tcolorImageRange(2) = 1270\tcolorImageRange(3) = 1000\t\n"
-        "colorImagePar\n2000.5\t0\t639.5\n0\t2001\t511.5\n0\t0\t1\n\n"
+        "colorImagePar\n2000\t0\t639.5\n0\t2000.5\t511.5\n0\t0\t1\n\n"
         "tranLeftToColor \n0\t-1\t0\n1\t0\t0\n0\t0\t1\n30.25\t-1.5\t0\n\n"
         "colorImageSize(0) =  1280\tcolorImageSize(1) =  1024\n");
 }

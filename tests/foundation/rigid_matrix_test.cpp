@@ -19,27 +19,6 @@ double deviation_from_rotation(const Matrix3d& matrix) {
            std::abs(matrix.determinant() - 1.0);
 }
 
-double difference(const RigidMatrix& a, const RigidMatrix& b) {
-    return (a.get_rotation() - b.get_rotation()).cwiseAbs().maxCoeff() +
-           (a.get_translation() - b.get_translation()).cwiseAbs().maxCoeff();
-}
-
-TEST(RigidMatrix, ComposesInvertsAndTransforms) {
-    Matrix3d rotation;
-    rodrigures(Vector3d(0.3, -1.2, 0.7), rotation);
-    const RigidMatrix a(rotation, Vector3d(10.0, -20.0, 300.0));
-    const RigidMatrix b((Matrix3d() << 0, -1, 0, 1, 0, 0, 0, 0, 1).finished(), Vector3d(1.0, 2.0, 3.0));
-    EXPECT_LT(difference(a * a.inverse(), {}), 1e-13);
-    RigidMatrix inverted = a;
-    inverted.inverseSelf();
-    EXPECT_EQ(difference(inverted, a.inverse()), 0.0);
-    const Vector3d point(5.0, 6.0, 7.0);
-    EXPECT_LT((b * point - Vector3d(-5.0, 7.0, 10.0)).norm(), 1e-14);
-    EXPECT_LT(((a * b) * point - a * (b * point)).norm(), 1e-12);
-    EXPECT_EQ(a * Vector3f(5.0f, 6.0f, 7.0f), Vector3f((a * point).cast<float>()));
-    EXPECT_LT((b.transform_normal({0.6f, 0.0f, 0.8f}) - Vector3f(0.0f, 0.6f, 0.8f)).norm(), 1e-7f);
-}
-
 TEST(Rodrigures, GoesThereAndBackAtEveryAngle) {
     for (const double angle : {0.0, 1e-300, 1e-12, 1e-8, 1e-4, 1.0, 3.0, pi - 1e-4, pi - 1e-8, pi - 1e-12, pi})
         for (const Vector3d& direction : {Vector3d(1, 0, 0), Vector3d(0, -1, 0), Vector3d(0, 0, 1), Vector3d(1, 2, 3),
@@ -93,16 +72,6 @@ TEST(Rodrigures, MatricesThatAreNoRotationDoNoHarm) {
         rodrigures(Matrix3d(scale * Matrix3d::Identity()), vector);
         EXPECT_LE(vector.norm(), pi + 1e-12) << scale;
     }
-}
-
-TEST(CameraInParam, ProjectsAndBackProjects) {
-    const CameraInParam camera = CameraInParam(1000.0, 1200.0, 640.0, 512.0).scaled_down(2.0);
-    Vector2d pixel;
-    Vector3d point;
-    camera.point_to_image(Vector3d(10.0, -20.0, 100.0), pixel);
-    EXPECT_LT((pixel - Vector2d(370.0, 136.0)).norm(), 1e-12);
-    camera.depth_to_point(100.0, pixel, point);
-    EXPECT_LT((point - Vector3d(10.0, -20.0, 100.0)).norm(), 1e-12);
 }
 
 TEST(SmallArchives, HaveTheirFixedFormAndRefuseShortInput) {

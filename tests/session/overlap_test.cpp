@@ -57,9 +57,7 @@ TEST(Overlap, DisplayPosesAndSettingsDuringFrameSteps) {
             get_fusion_result_tbb(session, 0.0F, mesh);
         }
     });
-    camera.join();
-    screen.join();
-    panel.join();
+    for (std::thread* thread : {&camera, &screen, &panel}) thread->join();
     EXPECT_EQ(accepted, kFrames);
     EXPECT_GT(std::max(shown, get_show_data(session).get_vn()), 1000U);
     EXPECT_LT(pose_error(scan.sequence.pose_in_model(kFrames - 1), get_current_rt(session)).x(), 0.5);

@@ -1,8 +1,7 @@
-// Meshes as solids: against every triangle looked at, and against the solids that they stand for.
+// Meshes as solids, against the ball that one stands for.
 #include <Eigen/Geometry>
 #include <cmath>
 
-#include "simulation/TriangleTree.h"
 #include "simulation/meshShape.h"
 #include "simulation/primitives.h"
 #include "tools.h"
@@ -35,41 +34,6 @@ Mesh ball(double radius, int rings, int columns) {
             mesh.triangles.emplace_back(a, a + columns + 2, a + 1);
         }
     return mesh;
-}
-
-/// Scattered ones, a heap in one place, and sizes over many powers of ten.
-Mesh heap(int count) {
-    Dice dice;
-    Mesh mesh;
-    for (int i = 0; i < count; ++i) {
-        const Vector3d centre = i % 3 == 0 ? Vector3d(1, 2, 3) : dice.point(50);
-        const double size = i % 3 == 1 ? std::pow(10.0, dice.within(6) - 5) : 8.0;
-        for (int corner = 0; corner < 3; ++corner) mesh.points.push_back((centre + dice.point(size)).cast<float>());
-        mesh.triangles.emplace_back(3 * i, 3 * i + 1, 3 * i + 2);
-    }
-    return mesh;
-}
-
-TEST(TriangleTree, FindsWhatLookingAtEveryTriangleFinds) {
-    for (const int count : {1, 5, 700}) {
-        const Mesh mesh = heap(count);
-        const TriangleTree tree(mesh.points, mesh.triangles);
-        Dice dice;
-        for (int n = 0; n < 400; ++n) {
-            const Vector3d query = dice.point(70);
-            Ray ray{query, dice.direction()};
-            if (n % 4 == 0) ray.direction = Vector3d::Unit(n / 4 % 3);
-            double nearest = kNoLimit, first = kNoLimit;
-            for (const Vector3i& triangle : mesh.triangles) {
-                const TriangleTree alone(mesh.points, {triangle});
-                nearest = std::min(nearest, (alone.nearest_to(query).point - query).norm());
-                if (const auto hit = alone.first_hit(ray, 1e-6, 60)) first = std::min(first, hit->range);
-            }
-            EXPECT_DOUBLE_EQ((tree.nearest_to(query).point - query).norm(), nearest);
-            const auto hit = tree.first_hit(ray, 1e-6, 60);
-            EXPECT_DOUBLE_EQ(hit ? hit->range : kNoLimit, first);
-        }
-    }
 }
 
 TEST(TriangleMesh, BallIsTheBallUpToTheSagitta) {

@@ -1,4 +1,4 @@
-// Hand-held scans: the tremor, the built-in sequences, and what their frames hold.
+// Hand-held scans: the speed of the built-in sequences, and what their frames hold.
 #include "simulation/Sequence.h"
 
 #include <gtest/gtest.h>
@@ -16,33 +16,6 @@ SequenceSettings small_images() {
     settings.width = 160;
     settings.height = 128;
     return settings;
-}
-
-TEST(HandTremor, HasTheStatedSizeAndIsBandLimited) {
-    HandTremor tremor;
-    tremor.translation = 2.0;
-    tremor.rotation = 0.5;
-    Vector3d translation = Vector3d::Zero(), rotation = Vector3d::Zero(), step = Vector3d::Zero();
-    constexpr int frames = 4000;
-    for (int i = 0; i < frames; ++i) {
-        const RigidMatrix motion = tremor_motion(tremor, i);
-        Vector3d axisAngle;
-        rodrigures(motion.get_rotation(), axisAngle);
-        translation += motion.get_translation().cwiseAbs2() / frames;
-        rotation += (kDegrees * axisAngle).cwiseAbs2() / frames;
-        step += (tremor_motion(tremor, i + 1).get_translation() - motion.get_translation()).cwiseAbs2() / frames;
-    }
-    // A sinusoid of frequency f changes by 2 sin(pi f) of its size from frame to frame, at most.
-    const double largestStep = 2.0 * std::sin(3.141592653589793 * tremor.highestFrequency) * 2.0;
-    for (int axis = 0; axis < 3; ++axis) {
-        EXPECT_NEAR(std::sqrt(translation[axis]), 2.0, 0.05);
-        EXPECT_NEAR(std::sqrt(rotation[axis]), 0.5, 0.02);
-        EXPECT_LT(std::sqrt(step[axis]), largestStep);
-        EXPECT_GT(std::sqrt(step[axis]), 0.3 * largestStep) << "not frozen";
-    }
-    HandTremor other = tremor;
-    other.seed = 2;
-    EXPECT_GT((tremor_motion(other, 5).get_translation() - tremor_motion(tremor, 5).get_translation()).norm(), 0.1);
 }
 
 TEST(Sequence, PathsAreAsFastAsDescribed) {

@@ -63,7 +63,7 @@ TEST_F(MeshFile, EveryFormatHoldsTheSameSquare) {
          "double z\nproperty float confidence\n" +
              plyFaces + "0 0 1 .5\n2 0 1 .5\n2 3 1 .5\n0 3 1 .5\n4 0 1 2 3\n"},
         {".obj", objText + "f 1/1/1 2/1/1 3/1/1 4/1/1\n"},
-        {".obj", objText + "usemtl none\nf -4 -3 -2\nf 1 3 4"},
+        {".obj", objText + "usemtl none\nf -4 -3 -2\nf -4 -2 -1"},
         {".stl", binary_stl(2)},
         {".stl", binary_stl(2, "solid as many say")},
         {".stl", stlText},

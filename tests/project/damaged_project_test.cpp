@@ -173,7 +173,6 @@ TEST_F(DamagedProject, ValuesThatNoProjectHas) {
              put_number(b, l.display + 4, INT_MAX);
          },
          DISPLAY_END},
-        {"none valid", put(&Layout::display, 4, 0), ""},
         {"display id outside", put(&Layout::display, 8, INT_MAX), displayId},
         {"display id twice", repeat(&Layout::display, 12, 8), displayId},
         {"display point", [](std::string& b, const Layout& l) { put_number(b, l.display + 8 + 4 * l.shown, kNaN); },

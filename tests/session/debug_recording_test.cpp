@@ -83,17 +83,6 @@ protected:
     std::size_t files() const {
         return static_cast<std::size_t>(std::distance(fs::directory_iterator(folder.path()), fs::directory_iterator()));
     }
-    /// Some of every kind.
-    std::string recording() {
-        {
-            Session session(tiny.records);
-            session.step(tiny.frame(0));
-            set_icpKeepRatio(session, {0.5F, 0.75F});
-            recorder_of(session).edit({"delete_selected_point", {{{1, 2, 3}}, {4, 5}}, {RigidMatrix()}});
-        }
-        return bytes_of(file());
-    }
-
     VexelTest::TemporaryFolder folder;
     const Scan tiny{"smooth", 20};
 };
@@ -305,26 +294,6 @@ TEST_F(DebugRecording, AFileThatCannotBeWrittenCostsOneLine) {
     EXPECT_EQ(recorded.end, Read::Cut);
     EXPECT_GE(recorded.records.size(), 3U);
 #endif
-}
-
-TEST_F(DebugRecording, CutAnywhereItGivesWhatIsWhole) {
-    const std::string whole = recording();
-    const Recorded all = read(whole);
-    EXPECT_EQ(all.names(),
-              "fusion_and_track_ini fusion_and_track result set_icpKeepRatio delete_selected_point "
-              "fusiontrack_release ");
-    std::size_t ends = 0;
-    for (std::size_t size = 0; size < whole.size(); ++size) {
-        const Recorded cut = read(whole.substr(0, size));
-        if (size < 19) {
-            ASSERT_EQ(cut.end, Read::Damaged) << size;
-            continue;
-        }
-        ASSERT_EQ(all.names().compare(0, cut.names().size(), cut.names()), 0) << size;
-        ASSERT_TRUE(cut.end == Read::Cut || cut.end == Read::End) << size;
-        ends += cut.end == Read::End ? 1 : 0;
-    }
-    EXPECT_EQ(ends, all.records.size()) << "between two records a file may end";
 }
 
 }  // namespace

@@ -105,6 +105,78 @@ void whole_scan(benchmark::State& state, ScanSource source, ImageSize size, int 
     state.counters["trajectoryError_mm"] = trajectory_error(*sequence, poses);
 }
 
+/// The records of a colour camera 45 mm beside the scanner's with twice its pixels along each axis.
+void add_color_camera(ScanSequence& sequence) {
+    const CameraInParam& camera = sequence.settings.common.campar;
+    FusionParameter& fusion = sequence.settings.fusion;
+    fusion.colorImageSize = 2 * sequence.settings.common.imageSize;
+    fusion.colorImageRange << 0, 0, fusion.colorImageSize;
+    fusion.colorImagePar << 2.0 * camera.get_fx(), 0.0, 2.0 * camera.get_cx() + 0.5, 0.0, 2.0 * camera.get_fy(),
+        2.0 * camera.get_cy() + 0.5, 0.0, 0.0, 1.0;
+    fusion.tranLeftToColor = RigidMatrix(Matrix3d::Identity(), Vector3d(-45.0, 0.0, 0.0));
+}
+
+ColorImage any_image(const Vector2i& size) {
+    ColorImage image;
+    image.width = size.x();
+    image.height = size.y();
+    image.bytes.resize(image.row_bytes() * static_cast<std::size_t>(image.height));
+    for (std::size_t i = 0; i < image.bytes.size(); ++i) image.bytes[i] = static_cast<std::uint8_t>(i / 7 % 256);
+    return image;
+}
+
+// Two sessions take turns with the same frames, one without colour and one with images; what is counted is the
+// processor's time for the step and for bringing the display up to date.
+void colored_scan(benchmark::State& state, ScanSource source, ImageSize size, int threads) {
+    const ScanSequence* given = source(size);
+    if (given == nullptr) return state.SkipWithError("no frames");
+    ScanSequence sequence;
+    sequence.settings = given->settings;
+    add_color_camera(sequence);
+    ColorAndPoint colored;
+    colored.color = any_image(sequence.settings.fusion.colorImageSize);
+    TimeSum plainSteps, coloredSteps, plainDisplay, coloredDisplay;
+    double plainIntegration = 0.0, coloredIntegration = 0.0;
+    int frames = 0;
+    for (auto _ : state) {
+        Session plain(sequence, threads), inColor(sequence, threads);
+        if (!plain.is_made() || !inColor.is_made()) return state.SkipWithError("the session did not start");
+        for (std::size_t i = 0; i < given->frames.size(); ++i) {
+            colored.point = given->frames[i].frame;
+            const Stopwatch plainStep;
+            if (!plain.step(given->frames[i])) return state.SkipWithError("a frame was lost");
+            const TimeSum plainTime = plainStep.sum();
+            int microseconds = 0;
+            const Stopwatch coloredStep;
+            if (!fusion_and_track(inColor.handle(), colored, microseconds, true, 0)) {
+                return state.SkipWithError("a coloured frame was lost");
+            }
+            const TimeSum coloredTime = coloredStep.sum();
+            const Stopwatch plainShow;
+            get_show_data(plain.handle());
+            const TimeSum plainShown = plainShow.sum();
+            const Stopwatch coloredShow;
+            get_show_data(inColor.handle());
+            const TimeSum coloredShown = coloredShow.sum();
+            if (i == 0) continue;
+            plainSteps += plainTime;
+            coloredSteps += coloredTime;
+            plainDisplay += plainShown;
+            coloredDisplay += coloredShown;
+            plainIntegration += plain.stage_times().integrate;
+            coloredIntegration += inColor.stage_times().integrate;
+            ++frames;
+        }
+        state.SetIterationTime(coloredSteps.wall);
+    }
+    state.counters["cpu_ms/frame"] = coloredSteps.cpu / Milli / frames;
+    state.counters["plain_cpu_ms/frame"] = plainSteps.cpu / Milli / frames;
+    state.counters["integrate_ms"] = coloredIntegration / frames;
+    state.counters["plain_integrate_ms"] = plainIntegration / frames;
+    state.counters["display_cpu_ms"] = coloredDisplay.cpu / Milli / frames;
+    state.counters["plain_display_cpu_ms"] = plainDisplay.cpu / Milli / frames;
+}
+
 /// Slope of the least-squares line through the values at 0, 1, 2, ...
 double slope(const std::vector<double>& values) {
     const double middle = 0.5 * (static_cast<double>(values.size()) - 1.0);
@@ -224,6 +296,10 @@ int main(int argc, char** argv) {
 #endif
         add_scans("rendered", rendered_scan, {{320, 240}, {640, 480}, {640, 512}});
         add("still/rendered/320x240/threads:2", still_view, still_scan, ImageSize{320, 240}, 2);
+        for (const int threads : {1, 2}) {
+            add("colored/rendered/640x512/threads:" + std::to_string(threads), colored_scan, rendered_scan,
+                ImageSize{640, 512}, threads);
+        }
         for (const ImageSize size : {ImageSize{320, 240}, ImageSize{640, 512}}) {
             const std::string name = "parallelDelay/rendered/" + size_text(size);
             add(name + "/copied", parallel_delay, rendered_scan, size, 2, Given::Copied);

@@ -136,7 +136,7 @@ void colored_scan(benchmark::State& state, ScanSource source, ImageSize size, in
     ColorAndPoint colored;
     colored.color = any_image(sequence.settings.fusion.colorImageSize);
     TimeSum plainSteps, coloredSteps, plainDisplay, coloredDisplay;
-    double plainIntegration = 0.0, coloredIntegration = 0.0;
+    double plainIntegration = 0.0, coloredIntegration = 0.0, plainPreparation = 0.0, coloredPreparation = 0.0;
     int frames = 0;
     for (auto _ : state) {
         Session plain(sequence, threads), inColor(sequence, threads);
@@ -165,6 +165,8 @@ void colored_scan(benchmark::State& state, ScanSource source, ImageSize size, in
             coloredDisplay += coloredShown;
             plainIntegration += plain.stage_times().integrate;
             coloredIntegration += inColor.stage_times().integrate;
+            plainPreparation += plain.stage_times().prepare;
+            coloredPreparation += inColor.stage_times().prepare;
             ++frames;
         }
         state.SetIterationTime(coloredSteps.wall);
@@ -173,6 +175,8 @@ void colored_scan(benchmark::State& state, ScanSource source, ImageSize size, in
     state.counters["plain_cpu_ms/frame"] = plainSteps.cpu / Milli / frames;
     state.counters["integrate_ms"] = coloredIntegration / frames;
     state.counters["plain_integrate_ms"] = plainIntegration / frames;
+    state.counters["prepare_ms"] = coloredPreparation / frames;
+    state.counters["plain_prepare_ms"] = plainPreparation / frames;
     state.counters["display_cpu_ms"] = coloredDisplay.cpu / Milli / frames;
     state.counters["plain_display_cpu_ms"] = plainDisplay.cpu / Milli / frames;
 }

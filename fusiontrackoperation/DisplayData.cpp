@@ -108,6 +108,9 @@ void LeafPointChanges::take(LeafPoints& points, const OctetSurface& octet, unsig
                             LeafColorSampler* colors) {
     const unsigned shown = points.shown_of(octet.number());
     const std::int32_t first = OctetCells::Count * octet.number();
+    if (colors != nullptr) {
+        for_each_bit(changed & wanted & shown, [&](int code) { points.prefetch_color(first + code); });
+    }
     for_each_bit(changed & wanted & shown, [&](int code) { points.move(first + code, octet.point(code)); });
     for_each_bit(changed & wanted & ~shown, [&](int code) { _appeared.push_back({first + code, octet.point(code)}); });
     for_each_bit(changed & ~wanted & shown, [&](int code) { _vanished.push_back(first + code); });
@@ -157,6 +160,7 @@ void DisplayData::find_changes(SessionVolume& volume, std::size_t begin, std::si
     LeafColorSampler* const colors = sampler ? &*sampler : nullptr;
     const auto number_at = [&](std::size_t i) {
         _points.prefetch(_octets[begin + i]);
+        _colors.prefetch(_octets[begin + i]);
         return _octets[begin + i];
     };
     surfaces.for_each(end - begin, number_at, [&](const OctetSurface& octet) {

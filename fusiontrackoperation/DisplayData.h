@@ -44,6 +44,10 @@ public:
     void move(std::int32_t leaf, const SurfacePoint& surface);
     /// The same for its colour, which is that of all points at first.
     void recolor(std::int32_t leaf, const Vector3f& color);
+    /// Asks the memory for what `recolor` needs of a leaf that has a point.
+    void prefetch_color(std::int32_t leaf) const {
+        hwy::Prefetch(&_cloud.get_vColor(static_cast<std::size_t>(_ranks[leaf] - 1)));
+    }
     /// Moves the leaf's point or gives it one.
     void set(std::int32_t leaf, const SurfacePoint& surface);
     void remove(std::int32_t leaf);

@@ -18,12 +18,21 @@ constexpr float WEIGHT_STEPS = 256.0F;
 constexpr float MOST_WEIGHT = 65535.0F;  // steps
 constexpr float MIN_WEIGHT = 1e-5F;
 constexpr float MIN_CHANNEL = 1e-6F;
-/// A voxel takes the colour of surface that is at most so many voxels away.
+/// A voxel that lies at most so many voxels off the model's surface takes the colour of points at most so far away.
+/// Voxels farther off have next to no share in the interpolated colours of the surface.
+constexpr float LEAF_REACH = 1.25F;
 constexpr float REACH = 2.0F;
+constexpr float FAR_AWAY = 1e30F;   // mm
 constexpr float MIN_SHARE = 1e-4F;  // of the neighbours in an interpolation
 constexpr std::int32_t OCTET = 8;
 constexpr std::size_t MIN_SLOTS_PER_TASK = std::size_t{1} << 13;  // a worker starts with an empty cache
 constexpr std::size_t WORDS_PER_TASK = 16;
+
+using ColoredSlot = LeafColors::ColoredSlot;
+
+Vector3i octet_corner(int code) {
+    return {code & 1, code >> 1 & 1, code >> 2};
+}
 
 std::uint16_t in_steps(float value, float steps) {
     return static_cast<std::uint16_t>(std::min(value * steps + 0.5F, 65535.0F));
@@ -37,64 +46,98 @@ bool is_weight(float w) {
     return w >= MIN_WEIGHT && std::isfinite(w);
 }
 
+/// Weight and colour count.
+inline void blend_into(LeafColor& mean, const Vector3f& color, float w) {
+    // The least step, so that no colour that counts is lost.
+    const float added = std::max(1.0F, std::floor(std::min(w * WEIGHT_STEPS + 0.5F, MOST_WEIGHT)));
+    const float sum = static_cast<float>(mean.weight) + added;
+    const float share = added / sum;
+    for (int i = 0; i < 3; ++i) {
+        const float old = static_cast<float>(mean.rgb[i]);
+        const float channel = COLOR_STEPS * std::min(std::max(color[i], 0.0F), 1.0F);
+        mean.rgb[i] = static_cast<std::uint16_t>(std::min(old + (channel - old) * share + 0.5F, COLOR_STEPS));
+    }
+    mean.weight = static_cast<std::uint16_t>(std::min(sum, MOST_WEIGHT));
+}
+
 /// The frame that gives colours, as voxels see it.
 class ColoredFrame {
 public:
-    ColoredFrame(const PointImage& frame, const RigidMatrix& pose, float reach)
-        : _frame(frame),
-          _toCamera(pose.inverse()),
-          _turn(_toCamera.get_rotation().cast<float>()),
-          _offset(_toCamera.get_translation().cast<float>()),
+    ColoredFrame(const PointImage& frame, const std::vector<ColoredSlot>& slots, const RigidMatrix& pose,
+                 const Tree& tree)
+        : _slots(slots.data()),
+          _width(frame.get_image_width()),
+          _lastColumn(static_cast<float>(frame.get_image_width() - 1)),
+          _lastRow(static_cast<float>(frame.get_image_height() - 1)),
           _focal(static_cast<float>(frame.get_camPar().get_fx()), static_cast<float>(frame.get_camPar().get_fy())),
           _centre(static_cast<float>(frame.get_camPar().get_cx()) - frame.get_viewRadialX(),
                   static_cast<float>(frame.get_camPar().get_cy()) - frame.get_viewRadialY()),
-          _reach(reach) {}
-
-    bool has_color(std::size_t slot) const {
-        return is_color(_frame.get_vColor(slot)) && _frame.has_point(slot) &&
-               is_weight(std::abs(_frame.get_vNrv(slot).z()));
-    }
-    /// What the slots around the place where a voxel is seen say of it: the mean of those that see surface near it.
-    void color(const Vector3f& centre_M, LeafColor& color) const {
-        const Vector3f centre_C = _turn * centre_M + _offset;
-        if (!(centre_C.z() > 0.0F)) return;
-        const Vector2f pixel = centre_C.head<2>().cwiseProduct(_focal) / centre_C.z() + _centre;
-        const bool isInside = pixel.x() > -1.0F && pixel.y() > -1.0F &&
-                              pixel.x() < static_cast<float>(_frame.get_image_width()) &&
-                              pixel.y() < static_cast<float>(_frame.get_image_height());
-        if (!isInside) return;
-        const int x = static_cast<int>(pixel.x() + 1.0F) - 1, y = static_cast<int>(pixel.y() + 1.0F) - 1;
-        const float fx = pixel.x() - static_cast<float>(x), fy = pixel.y() - static_cast<float>(y);
-        Vector3f sum = Vector3f::Zero();
-        float shares = 0.0F, weights = 0.0F;
-        for (int code = 0; code < 4; ++code) {
-            const int column = x + (code & 1), row = y + (code >> 1);
-            const float share = ((code & 1) != 0 ? fx : 1.0F - fx) * ((code >> 1) != 0 ? fy : 1.0F - fy);
-            if (share < MIN_SHARE || !is_slot(column, row)) continue;
-            const std::size_t slot = _frame.index_of(column, row);
-            if (!has_color(slot) || !is_near(slot, centre_C)) continue;
-            sum += share * _frame.get_vColor(slot);
-            weights += share * std::abs(_frame.get_vNrv(slot).z());
-            shares += share;
+          _reach(REACH * tree.get_pointDis()),
+          _leafReach(LEAF_REACH * tree.get_pointDis()) {
+        const RigidMatrix toCamera = pose.inverse();
+        _turn = toCamera.get_rotation().cast<float>();
+        _offset = toCamera.get_translation().cast<float>();
+        for (int code = 0; code < OCTET; ++code) {
+            _steps[code] = tree.get_pointDis() * (_turn * octet_corner(code).cast<float>());
         }
-        if (shares > 0.0F) color.blend(sum / shares, weights / shares);
+    }
+
+    /// Colours the leaves of an octet that hold something near the surface; `first_M` is the centre of its first voxel.
+    void color_octet(const Vector3f& first_M, const Fusion::LeafTSDFSpeckle* leaves, LeafColor* colors) const {
+        const Vector3f first_C = _turn * first_M + _offset;
+        for (int code = 0; code < OCTET; ++code) {
+            const Fusion::LeafTSDFSpeckle& leaf = leaves[code];
+            if (leaf.is_used() && std::abs(leaf.tsdfSum) <= _leafReach * leaf.weightSum) {
+                color(first_C + _steps[code], colors[code]);
+            }
+        }
     }
 
 private:
-    bool is_slot(int x, int y) const {
-        return x >= 0 && y >= 0 && x < _frame.get_image_width() && y < _frame.get_image_height();
-    }
-    bool is_near(std::size_t slot, const Vector3f& centre_C) const {
-        return std::abs((centre_C - _frame.get_vCoord(slot)).dot(_frame.get_vNrv(slot))) < _reach;
+    /// What the slots around the place where a voxel is seen say of it: the mean of those that see surface near it.
+    void color(const Vector3f& centre_C, LeafColor& color) const {
+        if (!(centre_C.z() > 0.0F)) return;
+        const float perDepth = 1.0F / centre_C.z();
+        const float u = centre_C.x() * perDepth * _focal.x() + _centre.x();
+        const float v = centre_C.y() * perDepth * _focal.y() + _centre.y();
+        if (!(u >= 0.0F && v >= 0.0F && u < _lastColumn && v < _lastRow)) return;
+        const int x = static_cast<int>(u), y = static_cast<int>(v);
+        const float fx = u - static_cast<float>(x), fy = v - static_cast<float>(y);
+        const ColoredSlot* const slot = _slots + static_cast<std::ptrdiff_t>(y) * _width + x;
+        const Vector4f place(centre_C.x(), centre_C.y(), centre_C.z(), 1.0F);
+        Vector4f sum = Vector4f::Zero();
+        float shares = 0.0F;
+        const auto add = [&](const ColoredSlot& seen, float share) {
+            // Slots without colour have weight 0 and count as far.
+            const float counts = std::abs(seen.plane.dot(place)) < _reach ? share : 0.0F;
+            sum += counts * seen.color;
+            shares += counts;
+        };
+        add(slot[0], (1.0F - fx) * (1.0F - fy));
+        add(slot[1], fx * (1.0F - fy));
+        add(slot[_width], (1.0F - fx) * fy);
+        add(slot[_width + 1], fx * fy);
+        if (!(shares > MIN_SHARE)) return;
+        sum *= 1.0F / shares;
+        blend_into(color, sum.head<3>(), sum[3]);
     }
 
-    const PointImage& _frame;
-    RigidMatrix _toCamera;
+    const ColoredSlot* _slots;
+    std::ptrdiff_t _width;
+    float _lastColumn, _lastRow;
+    Vector2f _focal, _centre;
+    float _reach, _leafReach;  // mm
     Matrix3f _turn;
     Vector3f _offset;
-    Vector2f _focal, _centre;
-    float _reach;  // mm
+    Vector3f _steps[OCTET];  // from the first voxel's centre
 };
+
+/// Asks the memory for all that `color_octet` needs of the volume.
+void prefetch_octet(const Tree& tree, std::int32_t octet) {
+    const auto* const leaves = reinterpret_cast<const char*>(&tree.leaf_at(OCTET * octet));
+    for (std::size_t at = 0; at < OCTET * sizeof(Fusion::LeafTSDFSpeckle); at += 64) hwy::Prefetch(leaves + at);
+    hwy::Prefetch(&tree.unit_coordinates()[octet]);
+}
 
 bool has_colors(const PointImage& frame) {
     if (!frame.is_enable_vColor()) return false;
@@ -107,19 +150,6 @@ bool has_colors(const PointImage& frame) {
 }  // namespace
 
 // ---- one colour -------------------------------------------------------------------------------------
-
-void LeafColor::blend(const Vector3f& color, float w) {
-    if (!is_weight(w) || !is_color(color)) return;
-    // The least step, so that no colour that counts is lost.
-    const float added = std::max(1.0F, std::min(std::round(w * WEIGHT_STEPS), MOST_WEIGHT));
-    const float sum = static_cast<float>(weight) + added;
-    for (int i = 0; i < 3; ++i) {
-        const float old = static_cast<float>(rgb[i]);
-        const float channel = COLOR_STEPS * std::min(std::max(color[i], 0.0F), 1.0F);
-        rgb[i] = static_cast<std::uint16_t>(std::min(old + (channel - old) * (added / sum) + 0.5F, COLOR_STEPS));
-    }
-    weight = static_cast<std::uint16_t>(std::min(sum, MOST_WEIGHT));
-}
 
 Vector3f LeafColor::value() const {
     return Vector3f(static_cast<float>(rgb[0]), static_cast<float>(rgb[1]), static_cast<float>(rgb[2])) / COLOR_STEPS;
@@ -166,6 +196,7 @@ void LeafColors::clear() {
     _colors.reset();
     _marks.reset();
     _markWords = 0;
+    _slots = {};
 }
 
 void LeafColors::make_room(const Volume& volume) {
@@ -180,16 +211,32 @@ void LeafColors::make_room(const Volume& volume) {
     _markWords = room;
 }
 
+/// What voxels need of the slots, side by side.
+void LeafColors::gather_slots(const PointImage& frame, int threads) {
+    _slots.resize(frame.get_vn());
+    parallel_ranges(threads, frame.get_vn(), MIN_SLOTS_PER_TASK, [&](std::size_t begin, std::size_t end) {
+        for (std::size_t i = begin; i < end; ++i) {
+            const Vector3f &color = frame.get_vColor(i), &normal = frame.get_vNrv(i);
+            const float weight = std::abs(normal.z());
+            if (is_color(color) && is_weight(weight) && frame.has_point(i)) {
+                const float offset = normal.dot(frame.get_vCoord(i));
+                _slots[i] = {{normal.x(), normal.y(), normal.z(), -offset}, {color.x(), color.y(), color.z(), weight}};
+            } else {
+                _slots[i] = {{0.0F, 0.0F, 0.0F, FAR_AWAY}, Vector4f::Zero()};
+            }
+        }
+    });
+}
+
 /// Marks the octets of the eight voxels around each coloured point.
 void LeafColors::mark_octets(const Volume& volume, const PointImage& frame, const RigidMatrix& pose) {
     const Tree& tree = volume.get_fusion_tree();
-    const float perMillimetre = 1.0F / tree.get_pointDis(), end = static_cast<float>(tree.get_size() - 1);
-    const Matrix3f turn = (pose.get_rotation() * static_cast<double>(perMillimetre)).cast<float>();
+    const double perMillimetre = 1.0 / static_cast<double>(tree.get_pointDis());
+    const Matrix3f turn = (perMillimetre * pose.get_rotation()).cast<float>();
     const Vector3f offset =
-        ((pose.get_translation() - tree.get_shift().cast<double>()) * static_cast<double>(perMillimetre))
-            .cast<float>() -
-        Vector3f::Constant(0.5F);
-    const ColoredFrame colored(frame, pose, 0.0F);
+        (perMillimetre * (pose.get_translation() - tree.get_shift().cast<double>()) - Vector3d::Constant(0.5))
+            .cast<float>();
+    const float end = static_cast<float>(tree.get_size() - 1);
     const auto mark = [&](std::int32_t octet) {
         std::atomic<std::uint64_t>& word = _marks[static_cast<std::size_t>(octet / 64)];
         const std::uint64_t bit = std::uint64_t{1} << (octet % 64);
@@ -202,7 +249,7 @@ void LeafColors::mark_octets(const Volume& volume, const PointImage& frame, cons
         Fusion::OctetCache octets;
         Vector3i lowDone = Vector3i::Constant(-1), highDone = lowDone;
         for (std::size_t i = begin; i < stop; ++i) {
-            if (!colored.has_color(i)) continue;
+            if (_slots[i].color[3] == 0.0F) continue;
             const Vector3f q = turn * frame.get_vCoord(i) + offset;
             if (!(q.minCoeff() >= 0.0F) || !(q.maxCoeff() < end)) continue;
             const Vector3i voxel = q.cast<int>();
@@ -224,52 +271,66 @@ void LeafColors::mark_octets(const Volume& volume, const PointImage& frame, cons
 void LeafColors::blend_frame(const Volume& volume, const PointImage& frame, const RigidMatrix& pose) {
     if (!has_colors(frame)) return;
     make_room(volume);
+    gather_slots(frame, volume.get_code_Num());
     mark_octets(volume, frame, pose);
     const Tree& tree = volume.get_fusion_tree();
-    const ColoredFrame colored(frame, pose, REACH * tree.get_pointDis());
-    const auto color_octet = [&](std::int32_t octet) {
-        const std::int32_t first = OCTET * octet;
-        const Vector3i low = tree.leaf_coordinates(first);
-        for (std::int32_t code = 0; code < OCTET; ++code) {
-            if (!tree.leaf_at(first + code).is_used()) continue;
-            const Vector3i voxel = low + Vector3i(code & 1, code >> 1 & 1, code >> 2);
-            colored.color(tree.voxel_to_world(voxel), (*_colors)[first + code]);
-        }
-    };
+    const ColoredFrame colored(frame, _slots, pose, tree);
     parallel_ranges(volume.get_code_Num(), _markWords, WORDS_PER_TASK, [&](std::size_t begin, std::size_t end) {
         for (std::size_t word = begin; word < end; ++word) {
-            std::uint64_t bits = _marks[word].load(std::memory_order_relaxed);
+            const std::uint64_t marked = _marks[word].load(std::memory_order_relaxed);
             _marks[word].store(0, std::memory_order_relaxed);
-            for (; bits != 0; bits &= bits - 1) {
-                color_octet(static_cast<std::int32_t>(64 * word + hwy::Num0BitsBelowLS1Bit_Nonzero64(bits)));
-            }
+            const auto for_each_octet = [&](const auto& visit) {
+                for (std::uint64_t bits = marked; bits != 0; bits &= bits - 1) {
+                    visit(static_cast<std::int32_t>(64 * word + hwy::Num0BitsBelowLS1Bit_Nonzero64(bits)));
+                }
+            };
+            for_each_octet([&](std::int32_t octet) {
+                prefetch_octet(tree, octet);
+                prefetch(octet);
+            });
+            for_each_octet([&](std::int32_t octet) {
+                const std::int32_t first = OCTET * octet;
+                colored.color_octet(tree.voxel_to_world(tree.leaf_coordinates(first)), &tree.leaf_at(first),
+                                    &(*_colors)[first]);
+            });
         }
     });
 }
 
 // ---- reading ----------------------------------------------------------------------------------------
 
+void LeafColorSampler::find_around(int neighbour) {
+    static constexpr LeafColor NO_COLORS[OCTET] = {};
+    const Vector3i voxel = 2 * (_unit + octet_corner(neighbour));
+    const std::int32_t leaf = _octets.find(_tree, voxel.x(), voxel.y(), voxel.z());
+    const LeafColor* const colors = leaf < 0 ? nullptr : _colors.octet(leaf / OCTET);
+    _around[neighbour] = colors != nullptr ? colors : NO_COLORS;
+}
+
 Vector3f LeafColorSampler::at(const Vector3f& point) {
     const Vector3f q = (point - _tree.get_shift()) / _tree.get_pointDis() - Vector3f::Constant(0.5F);
     if (!(q.minCoeff() >= 0.0F) || !(q.maxCoeff() < static_cast<float>(_tree.get_size() - 1))) return _without;
     const Vector3i low = q.cast<int>();
     const Vector3f f = q - low.cast<float>();
+    if (low / 2 != _unit) {
+        _unit = low / 2;
+        for (const LeafColor*& around : _around) around = nullptr;
+    }
+    // Where the lower voxel is an odd one, its neighbour lies in the next octet.
+    const int odd = (low.x() & 1) + 2 * (low.y() & 1) + 4 * (low.z() & 1);
+    const float share[3][2] = {{1.0F - f.x(), f.x()}, {1.0F - f.y(), f.y()}, {1.0F - f.z(), f.z()}};
     Vector3f sum = Vector3f::Zero();
     float shares = 0.0F;
-    for (int code = 0; code < 8; ++code) {
-        const Vector3i corner(code & 1, code >> 1 & 1, code >> 2);
-        float share = 1.0F;
-        for (int axis = 0; axis < 3; ++axis) share *= corner[axis] != 0 ? f[axis] : 1.0F - f[axis];
-        if (share < MIN_SHARE) continue;
-        const Vector3i voxel = low + corner;
-        const std::int32_t leaf = _octets.find(_tree, voxel.x(), voxel.y(), voxel.z());
-        if (leaf < 0) continue;
-        const LeafColor color = _colors.get(leaf);
-        if (color.weight == 0) continue;
-        sum += share * color.value();
-        shares += share;
+    for (int code = 0; code < OCTET; ++code) {
+        const int neighbour = code & odd;
+        if (_around[neighbour] == nullptr) find_around(neighbour);
+        const LeafColor& color = _around[neighbour][code ^ odd];
+        const float all = share[0][code & 1] * share[1][code >> 1 & 1] * share[2][code >> 2];
+        const float counts = color.weight != 0 ? all : 0.0F;
+        for (int i = 0; i < 3; ++i) sum[i] += counts * static_cast<float>(color.rgb[i]);
+        shares += counts;
     }
-    return shares > 0.0F ? Vector3f(sum / shares) : _without;
+    return shares > MIN_SHARE ? Vector3f(sum / (shares * COLOR_STEPS)) : _without;
 }
 
 }  // namespace VexelAlgorithm

@@ -10,6 +10,9 @@ namespace VexelAlgorithm {
 namespace {
 
 constexpr std::size_t ROW_GRAIN = 16;
+// Root mean square that curvature must explain, pixels: several times what parallaxes differ by on a smooth surface, as
+// those of one window share their errors.
+constexpr float FACET_NOISE = 0.057F;
 
 bool is_in_front(double depth) {
     return depth > 0.0 && std::isfinite(depth);
@@ -95,8 +98,8 @@ void DepthRange::depth_gaussian_smooth(int reach, float sigma, float tolerance, 
     const int widest = MOST_NEIGHBOURS * _sample;
     const int spacing = std::max({1, 2 / _sample, (reach + widest / 2) / widest});
     const int radius = std::clamp(reach / (spacing * _sample), 1, MOST_NEIGHBOURS);
-    fit_facets({radius, spacing, sigma / static_cast<float>(spacing * _sample), tolerance, slopeTolerance}, _sample,
-               threads, _vecParallax);
+    fit_facets({radius, spacing, sigma / static_cast<float>(spacing * _sample), tolerance, slopeTolerance, FACET_NOISE},
+               _sample, threads, _vecParallax);
 }
 
 void DepthRange::update_points(int threads) {

@@ -32,7 +32,8 @@ public:
 
     /// Smooths the parallax by Gaussian-weighted facets over `reach` pixels to each side, which also yields its slopes.
     /// Sigma in pixels. At most three neighbours to each side are looked at, at least two pixels apart. Depth edges
-    /// stay. On a surface the parallax is affine where it is plane, so this smooths neither away nor across.
+    /// stay. The parallax of a plane is affine, so a plane stays as it is, and curvature stays where it stands out from
+    /// the noise.
     void depth_gaussian_smooth(int reach, float sigma, float tolerance, float slopeTolerance, int threads);
     /// Points from the parallaxes; slots whose point is not in front of the cameras are emptied.
     void update_points(int threads);

@@ -37,10 +37,10 @@ constexpr float RANGE_MARGIN = 1.5F;
 
 // ---- sub-pixel stage, full-size pixels ----
 constexpr int FIRST_STEPS = 1;
-constexpr int STEPS = 3;
+constexpr int STEPS = 4;
 constexpr float LARGEST_FIRST_STEP = 1.0F;
 constexpr float LARGEST_STEP = 0.5F;
-constexpr float FACET_SIGMA = 0.28F;  // windows
+constexpr float FACET_SIGMA = 0.5F;  // windows
 constexpr int LARGEST_SHARP_WINDOW = 13;
 constexpr float FACET_TOLERANCE = 0.5F;
 constexpr float FACET_SLOPE_TOLERANCE = 0.1F;
@@ -70,7 +70,7 @@ constexpr float LARGEST_DISAGREEMENT = 0.4F;  // pixels a slot
 constexpr int CELL_SIZE = 16;
 constexpr int EDGE_TRIM = 4;             // pixels
 constexpr float LEAST_EDGE_STEP = 3.0F;  // grey values
-constexpr float NORMAL_SIGMA = 0.24F;    // windows
+constexpr float NORMAL_SIGMA = 0.19F;    // windows
 
 /// The parallax search range in sampled pixels, no wider than the image is.
 std::pair<int, int> sampled_range(const Vector2i& range, int sample, int width) {
@@ -317,6 +317,7 @@ void SpeckleRebCpu::refine(const StageNames& names) {
 void SpeckleRebCpu::pre_subpixel_match() {
     _objDepthRange = _pixDepthRange;
     _objDepthRange.facets_from_range();
+    find_second_differences(_remap.left, _threads, _secondDifferences);
     for (int step = 0; step < FIRST_STEPS; ++step) {
         _objDepthRange.depth_gaussian_smooth(6, 3.0F, 0.7F, 0.8F, _threads);
         take_sub_pixel_step(LARGEST_FIRST_STEP);
@@ -356,6 +357,7 @@ void SpeckleRebCpu::take_sub_pixel_step(float largestStep) {
     const SubPixelTask task{_remap.left,
                             _remap.right,
                             _cover.left,
+                            _secondDifferences,
                             _param.sampleRatio,
                             _param.subPixMatchWin.x(),
                             _param.subPixMatchWin.y()};

@@ -5,6 +5,7 @@
 
 #include "SpeckleRebCPU/CommonSpeReb.h"
 #include "SpeckleRebCPU/DepthRange.h"
+#include "SpeckleRebCPU/subPixelStep.h"
 #include "SpeckleRebCPU/surfaceEdges.h"
 #include "foundation/PointImage.h"
 #include "foundation/RetVal.h"
@@ -62,6 +63,7 @@ private:
     Mask _invalid;              ///< pixels that the pixel stage could not match
     DepthRange _pixDepthRange;  ///< kept between the stages
     DepthRange _objDepthRange;
+    SecondDifferences _secondDifferences;  ///< of the rectified left image
     Raster<float> _step, _score;
     float _medianScore = 1.0F;  ///< of the frame's slots after the last sub-pixel step
     int _frame = 0;

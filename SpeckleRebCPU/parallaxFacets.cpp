@@ -6,6 +6,7 @@
 #include <hwy/highway.h>
 
 #include <algorithm>
+#include <array>
 #include <cmath>
 #include <vector>
 
@@ -15,10 +16,18 @@
 #    define VEXEL_FACET_ROWS_DEFINED
 namespace VexelAlgorithm {
 
+constexpr std::size_t FACET_SLOPES = 3;    // terms before the curvature
+constexpr std::size_t FACET_TERMS = 6;     // 1, x, y, x^2, xy, y^2
+constexpr std::size_t FACET_MOMENTS = 15;  // their products: x^i y^j up to the fourth degree, by degree
+constexpr std::size_t FACET_PRODUCTS[FACET_TERMS][FACET_TERMS] = {{0, 1, 2, 3, 4, 5},    {1, 3, 4, 6, 7, 8},
+                                                                  {2, 4, 5, 7, 8, 9},    {3, 6, 7, 10, 11, 12},
+                                                                  {4, 7, 8, 11, 12, 13}, {5, 8, 9, 12, 13, 14}};
+using FacetMoments = std::array<float, FACET_MOMENTS>;
+
 struct FacetTap {
-    int dx, dy;
-    float weight;
-    float tolerance;  ///< pixels
+    int dx, dy;            ///< slots
+    float tolerance;       ///< pixels
+    FacetMoments moments;  ///< times the weight
 };
 
 /// Rows of the input with `margin` slots of NaN around the image, so that taps need no bounds.
@@ -26,6 +35,8 @@ struct FacetRows {
     const Raster<float>& padded;
     int margin;
     const std::vector<FacetTap>& taps;
+    FacetMoments moments;  ///< of all taps
+    float noise;           ///< what curvature must explain, squared pixels
     float sample;
     ParallaxField& field;
 };
@@ -46,10 +57,17 @@ struct Facet {
     FloatVec parallax, slopeX, slopeY;
 };
 
-/// Weighted least squares over the taps; slopes per slot.
-Facet fit(const FacetRows& rows, int x, int y, const Facet& present) {
+/// The equations of weighted least squares; the last column is the right side.
+struct Equations {
+    FloatVec m[FACET_TERMS][FACET_TERMS + 1];
+};
+
+/// Over the taps that belong to the facet: the moments of all taps less those of the others. Slopes per slot.
+Equations sum_up(const FacetRows& rows, int x, int y, const Facet& present) {
     const FloatTag d;
-    auto W = hn::Zero(d), X = W, Y = W, XX = W, XY = W, YY = W, P = W, XP = W, YP = W;
+    FloatVec moments[FACET_MOMENTS], right[FACET_TERMS];
+    for (std::size_t k = 0; k < FACET_MOMENTS; ++k) moments[k] = hn::Set(d, rows.moments[k]);
+    for (auto& sum : right) sum = hn::Zero(d);
     for (const FacetTap& tap : rows.taps) {
         const auto dx = hn::Set(d, static_cast<float>(tap.dx));
         const auto dy = hn::Set(d, static_cast<float>(tap.dy));
@@ -57,32 +75,64 @@ Facet fit(const FacetRows& rows, int x, int y, const Facet& present) {
         const auto difference = hn::Sub(hn::LoadU(d, source), present.parallax);
         const auto expected = hn::Add(hn::Mul(present.slopeX, dx), hn::Mul(present.slopeY, dy));
         const auto belongs = hn::Le(hn::Abs(hn::Sub(difference, expected)), hn::Set(d, tap.tolerance));
-        const auto w = hn::IfThenElseZero(belongs, hn::Set(d, tap.weight));
-        const auto wp = hn::IfThenElseZero(belongs, hn::Mul(hn::Set(d, tap.weight), difference));
-        const auto wx = hn::Mul(w, dx), wy = hn::Mul(w, dy);
-        W = hn::Add(W, w);
-        X = hn::Add(X, wx);
-        Y = hn::Add(Y, wy);
-        XX = hn::Add(XX, hn::Mul(wx, dx));
-        XY = hn::Add(XY, hn::Mul(wx, dy));
-        YY = hn::Add(YY, hn::Mul(wy, dy));
-        P = hn::Add(P, wp);
-        XP = hn::Add(XP, hn::Mul(wp, dx));
-        YP = hn::Add(YP, hn::Mul(wp, dy));
+        const auto known = hn::IfThenElseZero(belongs, difference);
+        for (std::size_t k = 0; k < FACET_TERMS; ++k)
+            right[k] = hn::Add(right[k], hn::Mul(known, hn::Set(d, tap.moments[k])));
+        if (hn::AllTrue(d, belongs)) continue;
+        for (std::size_t k = 0; k < FACET_MOMENTS; ++k)
+            moments[k] = hn::Sub(moments[k], hn::IfThenZeroElse(belongs, hn::Set(d, tap.moments[k])));
     }
-    const auto inverse = hn::Div(hn::Set(d, 1.0F), hn::Max(W, hn::Set(d, 1e-6F)));
-    const auto mx = hn::Mul(X, inverse), my = hn::Mul(Y, inverse), mp = hn::Mul(P, inverse);
-    const auto cxx = hn::Sub(XX, hn::Mul(X, mx)), cxy = hn::Sub(XY, hn::Mul(X, my)), cyy = hn::Sub(YY, hn::Mul(Y, my));
-    const auto cxp = hn::Sub(XP, hn::Mul(X, mp)), cyp = hn::Sub(YP, hn::Mul(Y, mp));
-    const auto determinant = hn::Sub(hn::Mul(cxx, cyy), hn::Mul(cxy, cxy));
-    // Spread over both directions, by a tenth of a slot at least.
-    const auto is_spread = hn::Gt(determinant, hn::Mul(hn::Set(d, 0.01F), hn::Mul(W, W)));
-    const auto scale = hn::Div(hn::Set(d, 1.0F), hn::IfThenElse(is_spread, determinant, hn::Set(d, 1.0F)));
-    const auto a = hn::Mul(hn::Sub(hn::Mul(cxp, cyy), hn::Mul(cyp, cxy)), scale);
-    const auto b = hn::Mul(hn::Sub(hn::Mul(cyp, cxx), hn::Mul(cxp, cxy)), scale);
-    const auto centre = hn::Sub(hn::Sub(mp, hn::Mul(a, mx)), hn::Mul(b, my));
-    return {hn::IfThenElse(is_spread, hn::Add(present.parallax, centre), present.parallax),
-            hn::IfThenElse(is_spread, a, present.slopeX), hn::IfThenElse(is_spread, b, present.slopeY)};
+    Equations equations;
+    for (std::size_t i = 0; i < FACET_TERMS; ++i) {
+        for (std::size_t k = i; k < FACET_TERMS; ++k) equations.m[i][k] = moments[FACET_PRODUCTS[i][k]];
+        equations.m[i][FACET_TERMS] = right[i];
+    }
+    return equations;
+}
+
+/// Eliminates the terms one after the other. `inverse` gets 1 / pivot, 0 for terms that are left out.
+void eliminate(const FacetRows& rows, Equations& equations, FloatVec (&inverse)[FACET_TERMS]) {
+    const FloatTag d;
+    const auto one = hn::Set(d, 1.0F);
+    auto& m = equations.m;
+    FloatVec limits[FACET_TERMS];
+    for (std::size_t k = 0; k < FACET_TERMS; ++k)
+        limits[k] =
+            hn::Max(hn::Mul(m[k][k], hn::Set(d, 0.01F)), hn::Set(d, 0.001F * rows.moments[FACET_PRODUCTS[k][k]]));
+    for (std::size_t k = 0; k < FACET_TERMS; ++k) {
+        const auto is_known = hn::Gt(m[k][k], limits[k]);
+        inverse[k] = hn::IfThenElseZero(is_known, hn::Div(one, hn::IfThenElse(is_known, m[k][k], one)));
+        for (std::size_t i = k + 1; i < FACET_TERMS; ++i) {
+            const auto ratio = hn::Mul(m[k][i], inverse[k]);
+            for (std::size_t j = i; j <= FACET_TERMS; ++j) m[i][j] = hn::Sub(m[i][j], hn::Mul(ratio, m[k][j]));
+        }
+    }
+}
+
+Facet fit(const FacetRows& rows, int x, int y, const Facet& present) {
+    const FloatTag d;
+    const auto zero = hn::Zero(d), one = hn::Set(d, 1.0F);
+    Equations equations = sum_up(rows, x, y, present);
+    FloatVec inverse[FACET_TERMS];
+    eliminate(rows, equations, inverse);
+    const auto& m = equations.m;
+    auto explained = zero;
+    for (std::size_t k = FACET_SLOPES; k < FACET_TERMS; ++k)
+        explained = hn::Add(explained, hn::Mul(hn::Mul(m[k][FACET_TERMS], m[k][FACET_TERMS]), inverse[k]));
+    const auto noise = hn::Set(d, rows.noise);
+    const auto share = hn::Sub(one, hn::Div(noise, hn::Max(explained, noise)));
+
+    FloatVec terms[FACET_TERMS];
+    for (std::size_t k = FACET_TERMS; k-- > 0;) {
+        auto rest = m[k][FACET_TERMS];
+        for (std::size_t j = k + 1; j < FACET_TERMS; ++j) rest = hn::Sub(rest, hn::Mul(m[k][j], terms[j]));
+        terms[k] = hn::Mul(rest, inverse[k]);
+        if (k == FACET_SLOPES)  // the last one of the curvature
+            for (std::size_t j = FACET_SLOPES; j < FACET_TERMS; ++j) terms[j] = hn::Mul(terms[j], share);
+    }
+    const auto is_spread = hn::And(hn::Gt(inverse[1], zero), hn::Gt(inverse[2], zero));
+    return {hn::IfThenElse(is_spread, hn::Add(present.parallax, terms[0]), present.parallax),
+            hn::IfThenElse(is_spread, terms[1], present.slopeX), hn::IfThenElse(is_spread, terms[2], present.slopeY)};
 }
 
 void fit_vector(const FacetRows& rows, int x, int y, float* parallax, float* slopeX, float* slopeY) {
@@ -131,17 +181,34 @@ constexpr int WIDEST_VECTOR = 64;  // floats; taps of the last vector of a row m
 
 HWY_EXPORT(fit_facet_row);
 
+FacetMoments moments_of(int dx, int dy, float weight) {
+    FacetMoments moments{};
+    std::size_t k = 0;
+    for (int degree = 0; degree <= 4; ++degree)
+        for (int j = 0; j <= degree; ++j)
+            moments[k++] = weight * static_cast<float>(std::pow(dx, degree - j) * std::pow(dy, j));
+    return moments;
+}
+
 std::vector<FacetTap> facet_taps(const FacetFit& fit, int sample) {
     std::vector<FacetTap> taps;
     for (int dy = -fit.radius; dy <= fit.radius; ++dy) {
         for (int dx = -fit.radius; dx <= fit.radius; ++dx) {
             const auto squared = static_cast<float>(dx * dx + dy * dy);
             const auto distance = static_cast<float>(sample * fit.spacing) * std::sqrt(squared);
-            taps.push_back({dx * fit.spacing, dy * fit.spacing, std::exp(-squared / (2.0F * fit.sigma * fit.sigma)),
-                            fit.tolerance + fit.slopeTolerance * distance});
+            const float weight = std::exp(-squared / (2.0F * fit.sigma * fit.sigma));
+            const int x = dx * fit.spacing, y = dy * fit.spacing;
+            taps.push_back({x, y, fit.tolerance + fit.slopeTolerance * distance, moments_of(x, y, weight)});
         }
     }
     return taps;
+}
+
+FacetMoments sum_of(const std::vector<FacetTap>& taps) {
+    FacetMoments sum{};
+    for (const FacetTap& tap : taps)
+        for (std::size_t k = 0; k < FACET_MOMENTS; ++k) sum[k] += tap.moments[k];
+    return sum;
 }
 
 Raster<float> padded_copy(const Raster<float>& source, int margin) {
@@ -156,7 +223,13 @@ Raster<float> padded_copy(const Raster<float>& source, int margin) {
 void fit_facets(const FacetFit& fit, int sample, int threads, ParallaxField& field) {
     const Raster<float> padded = padded_copy(field.parallax, fit.radius * fit.spacing);
     const std::vector<FacetTap> taps = facet_taps(fit, sample);
-    const FacetRows rows{padded, fit.radius * fit.spacing, taps, static_cast<float>(sample), field};
+    const FacetRows rows{padded,
+                         fit.radius * fit.spacing,
+                         taps,
+                         sum_of(taps),
+                         fit.noise * fit.noise * static_cast<float>(taps.size()),
+                         static_cast<float>(sample),
+                         field};
     parallel_ranges(threads, static_cast<std::size_t>(field.parallax.height()), ROW_GRAIN,
                     [&](std::size_t begin, std::size_t end) {
                         for (std::size_t y = begin; y < end; ++y)

@@ -59,26 +59,29 @@ Raster<std::int32_t> label_regions(const Raster<float>& parallax, float largestS
     return label;
 }
 
-bool is_supported(const ParallaxField& field, int x, int y, int radius, float tolerance, float slopeTolerance,
-                  int sample) {
-    const float own = field.parallax.at(x, y);
-    const float a = field.slopeX.at(x, y) * static_cast<float>(sample);
-    const float b = field.slopeY.at(x, y) * static_cast<float>(sample);
-    int present = 0, supporting = 0;
+/// Counts over the slots of a row, one distance after the other.
+void mark_unsupported(const ParallaxField& field, int y, int radius, float tolerance, float slopeTolerance, int sample,
+                      std::uint8_t* wrong) {
+    const int width = field.parallax.width(), window = (2 * radius + 1) * (2 * radius + 1);
+    const auto spacing = static_cast<float>(sample);
+    const float *own = field.parallax.row(y), *slopeX = field.slopeX.row(y), *slopeY = field.slopeY.row(y);
+    std::vector<std::int32_t> present(static_cast<std::size_t>(width)), supporting(present.size());
+    std::int32_t *count = present.data(), *agreeing = supporting.data();
     for (int dy = -radius; dy <= radius; ++dy) {
         if (y + dy < 0 || y + dy >= field.parallax.height()) continue;
-        const float* row = field.parallax.row(y + dy);
-        for (int dx = std::max(-radius, -x); dx <= std::min(radius, field.parallax.width() - 1 - x); ++dx) {
-            const float other = row[x + dx];
-            if (!has_parallax(other)) continue;
-            ++present;
-            const float distance = std::sqrt(static_cast<float>(dx * dx + dy * dy)) * static_cast<float>(sample);
-            const float expected = own + a * static_cast<float>(dx) + b * static_cast<float>(dy);
-            if (std::abs(other - expected) <= tolerance + slopeTolerance * distance) ++supporting;
+        for (int dx = -radius; dx <= radius; ++dx) {
+            const float* other = field.parallax.row(y + dy);
+            const float limit = tolerance + slopeTolerance * std::sqrt(static_cast<float>(dx * dx + dy * dy)) * spacing;
+            const float stepX = spacing * static_cast<float>(dx), stepY = spacing * static_cast<float>(dy);
+            for (int x = std::max(0, -dx); x < width - std::max(0, dx); ++x) {
+                const float neighbour = other[x + dx];  // comparisons with NaN, which stands for none, are false
+                count[x] += neighbour == neighbour ? 1 : 0;
+                agreeing[x] += std::abs(neighbour - own[x] - slopeX[x] * stepX - slopeY[x] * stepY) <= limit ? 1 : 0;
+            }
         }
     }
-    const int window = (2 * radius + 1) * (2 * radius + 1);
-    return 2 * supporting >= present && 5 * supporting >= window;
+    for (int x = 0; x < width; ++x)
+        wrong[x] = has_parallax(own[x]) && (2 * agreeing[x] < count[x] || 5 * agreeing[x] < window) ? 1 : 0;
 }
 
 bool is_disputed(const ParallaxField& field, int x, int y, float limit, int sample) {
@@ -94,16 +97,14 @@ bool is_disputed(const ParallaxField& field, int x, int y, float limit, int samp
     return false;
 }
 
-/// Clears the slots of which it is true; it sees the field as it was.
-template <class IsWrong>
-void clear_where(int threads, ParallaxField& field, const IsWrong& is_wrong) {
-    const int width = field.parallax.width(), height = field.parallax.height();
-    Mask wrong(width, height);
-    parallel_ranges(threads, static_cast<std::size_t>(height), ROW_GRAIN, [&](std::size_t begin, std::size_t end) {
-        for (int y = static_cast<int>(begin); y < static_cast<int>(end); ++y)
-            for (int x = 0; x < width; ++x)
-                if (has_parallax(field.parallax.at(x, y)) && is_wrong(x, y)) wrong.at(x, y) = 1;
-    });
+/// `mark_row(y, wrong)` writes which slots of the row to clear; it sees the field as it was.
+template <class MarkRow>
+void clear_marked(int threads, ParallaxField& field, const MarkRow& mark_row) {
+    Mask wrong(field.parallax.width(), field.parallax.height());
+    parallel_ranges(threads, static_cast<std::size_t>(wrong.height()), ROW_GRAIN,
+                    [&](std::size_t begin, std::size_t end) {
+                        for (int y = static_cast<int>(begin); y < static_cast<int>(end); ++y) mark_row(y, wrong.row(y));
+                    });
     for (std::size_t i = 0; i < wrong.size(); ++i)
         if (wrong[i] != 0) field.clear_slot(i);
 }
@@ -191,15 +192,20 @@ std::size_t remove_small_regions(std::size_t smallest, float largestStep, Raster
 
 void remove_inconsistent(int radius, float tolerance, float slopeTolerance, int sample, int threads,
                          ParallaxField& field) {
-    clear_where(threads, field,
-                [&](int x, int y) { return !is_supported(field, x, y, radius, tolerance, slopeTolerance, sample); });
+    clear_marked(threads, field, [&](int y, std::uint8_t* wrong) {
+        mark_unsupported(field, y, radius, tolerance, slopeTolerance, sample, wrong);
+    });
 }
 
 void remove_doubtful(const DoubtLimits& limits, int sample, int threads, ParallaxField& field) {
-    clear_where(threads, field, [&](int x, int y) {
-        const float score = field.score.at(x, y);
-        return score < limits.smallestScore ||
-               (score < limits.doubtfulScore && is_disputed(field, x, y, limits.largestDisagreement, sample));
+    clear_marked(threads, field, [&](int y, std::uint8_t* wrong) {
+        for (int x = 0; x < field.parallax.width(); ++x) {
+            const float score = field.score.at(x, y);
+            const bool isWrong =
+                score < limits.smallestScore ||
+                (score < limits.doubtfulScore && is_disputed(field, x, y, limits.largestDisagreement, sample));
+            wrong[x] = isWrong && has_parallax(field.parallax.at(x, y)) ? 1 : 0;
+        }
     });
 }
 

@@ -18,17 +18,8 @@
 #    define VEXEL_SUB_PIXEL_BAND_DEFINED
 namespace VexelAlgorithm {
 
-/// Second differences of an image in both directions, each the difference of two binomial filters, 1 4 6 4 1 less
-/// 1 2 1, smoothed by 1 4 6 4 1 in the other direction: a quarter of the second derivative. Sixteenths of grey values;
-/// rows padded to whole blocks.
-struct SecondDifferences {
-    Raster<std::int16_t> alongX;
-    Raster<std::int16_t> alongY;
-};
-
 struct SubPixelBand {
     const SubPixelTask& task;
-    const SecondDifferences& left;
     const ParallaxField& field;
     Raster<float>& step;
     Raster<float>& score;
@@ -167,8 +158,8 @@ private:
         }
         const std::uint8_t* right = _band.task.right.row(y);
         for (std::size_t i = 0; i < BLOCK; ++i) std::memcpy(&pixels[i], right + offset[i], sizeof pixels[i]);
-        const std::int16_t* alongX = _band.left.alongX.row(y) + first;
-        const std::int16_t* alongY = _band.left.alongY.row(y) + first;
+        const std::int16_t* alongX = _band.task.leftDifferences.alongX.row(y) + first;
+        const std::int16_t* alongY = _band.task.leftDifferences.alongY.row(y) + first;
         for (std::size_t i = 0; i < BLOCK; i += lanes) {
             const auto counted = hn::Load(di, counts + i);
             const auto is_counted = hn::Ne(counted, hn::Zero(di));
@@ -405,6 +396,8 @@ void fine_and_coarse_row(const GreyImage& image, int y, std::vector<std::int32_t
     }
 }
 
+}  // namespace
+
 void find_second_differences(const GreyImage& image, int threads, SecondDifferences& differences) {
     const int width = image.width(), height = image.height();
     constexpr int WHOLE = static_cast<int>(SUB_PIXEL_BLOCK);
@@ -429,8 +422,6 @@ void find_second_differences(const GreyImage& image, int threads, SecondDifferen
     });
 }
 
-}  // namespace
-
 SubPixelWeights sub_pixel_weights(const SubPixelTask& task) {
     const int spacing = std::max(1, 2 / task.sample), reach = spacing * task.sample;
     const int narrower = std::min(task.windowWidth, task.windowHeight);
@@ -447,9 +438,7 @@ void find_sub_pixel_steps(const SubPixelTask& task, const ParallaxField& field, 
     step.assign(field.parallax.width(), field.parallax.height(), NO_PARALLAX);
     score.assign(field.parallax.width(), field.parallax.height(), 0.0F);
     if (task.left.width() < SMALLEST_WIDTH) return;
-    SecondDifferences left;
-    find_second_differences(task.left, threads, left);
-    const SubPixelBand band{task, left, field, step, score};
+    const SubPixelBand band{task, field, step, score};
     const auto rows = static_cast<std::size_t>(field.parallax.height());
     const std::size_t share = rows / (2 * static_cast<std::size_t>(usable_threads(threads)));
     const std::size_t fewest = FEWEST_ROWS / static_cast<std::size_t>(task.sample) + 1;

@@ -5,13 +5,23 @@
 
 namespace VexelAlgorithm {
 
+/// Second differences of an image in both directions, each the difference of two binomial filters, 1 4 6 4 1 less
+/// 1 2 1, smoothed by 1 4 6 4 1 in the other direction: a quarter of the second derivative. Sixteenths of grey values;
+/// the border of the image is repeated; rows are padded to whole blocks of vectors.
+struct SecondDifferences {
+    Raster<std::int16_t> alongX;
+    Raster<std::int16_t> alongY;
+};
+void find_second_differences(const GreyImage& image, int threads, SecondDifferences& differences);
+
 struct SubPixelTask {
     const GreyImage& left;   ///< rectified, full size
     const GreyImage& right;  ///< of the same size
     const Mask& leftCover;   ///< left pixels that show anything
-    int sample;              ///< pixels per slot
-    int windowWidth;         ///< odd, pixels
-    int windowHeight;        ///< odd, pixels
+    const SecondDifferences& leftDifferences;
+    int sample;        ///< pixels per slot
+    int windowWidth;   ///< odd, pixels
+    int windowHeight;  ///< odd, pixels
 };
 
 /// The weights of a window: those of a box, and where the window leaves room those of boxes around the neighbouring

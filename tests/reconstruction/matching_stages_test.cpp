@@ -202,7 +202,9 @@ TEST(MatchingStages, SubPixelStepsAreThoseOfSingleWindows) {
         const GreyImage left = noise_image(95, 53, 9, 3), right = shifted(left, 6);
         const Mask cover = random_mask(95, 53, 10, 95);
         const ParallaxField field = slanted_field(95 / sample, 53 / sample, sample, 0.4);
-        const SubPixelTask task{left, right, cover, sample, 11, 7};
+        SecondDifferences differences;
+        find_second_differences(left, 2, differences);
+        const SubPixelTask task{left, right, cover, differences, sample, 11, 7};
         Raster<float> step, score, other;
         find_sub_pixel_steps(task, field, 1, step, score);
         find_sub_pixel_steps(task, field, 3, other, score);
@@ -268,7 +270,7 @@ TEST(MatchingStages, MatchesGrowOverASlantAndStopAtItsEnds) {
 }
 
 TEST(MatchingStages, FacetsAreThoseOfSingleFits) {
-    for (const FacetFit& fit : {FacetFit{3, 1, 1.8F, 0.5F, 0.1F}, {2, 3, 1e9F, 0.8F, 0.0F}}) {
+    for (const FacetFit& fit : {FacetFit{3, 1, 1.8F, 0.5F, 0.1F, 0.05F}, {2, 3, 1e9F, 0.8F, 0.0F, 0.2F}}) {
         ParallaxField field = slanted_field(53, 37, 2, 0.3);
         for (int y = 0; y < 37; ++y)
             for (int x = 30; x < 53; ++x) field.parallax.at(x, y) += 15.0F;  // a depth edge, which stays one

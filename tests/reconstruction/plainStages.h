@@ -177,27 +177,60 @@ inline std::optional<Step> sub_pixel_step(const SubPixelTask& task, const Parall
     return Step{-solution[4], covariance(1, 5) / std::sqrt(covariance(1, 1) * covariance(5, 5))};
 }
 
-/// The facet of weighted least squares of one slot: parallax and slopes.
+/// The facet of one slot: a weighted quadric whose curvature is shrunk. Parallax and slopes.
 inline std::optional<Vector3d> facet(const FacetFit& fit, int sample, const ParallaxField& field, int x, int y) {
-    const double s = sample, own = field.parallax.at(x, y), a = field.slopeX.at(x, y), b = field.slopeY.at(x, y);
-    Matrix3d normal = Matrix3d::Zero();
-    Vector3d side = Vector3d::Zero();
+    using Vector6d = Eigen::Matrix<double, 6, 1>;
+    const double own = field.parallax.at(x, y), a = field.slopeX.at(x, y), b = field.slopeY.at(x, y);
+    Eigen::Matrix<double, 6, 6> left = Eigen::Matrix<double, 6, 6>::Zero();
+    Vector6d full = Vector6d::Zero(), right = Vector6d::Zero();
+    int taps = 0;
     for (int j = -fit.radius; j <= fit.radius; ++j)
         for (int i = -fit.radius; i <= fit.radius; ++i) {
-            const int dx = i * fit.spacing, dy = j * fit.spacing;
-            if (!field.parallax.contains(x + dx, y + dy) || !has_parallax(field.parallax.at(x + dx, y + dy))) continue;
-            const double p = field.parallax.at(x + dx, y + dy), distance = s * std::hypot(dx, dy);
-            if (std::abs(p - own - s * (a * dx + b * dy)) > fit.tolerance + fit.slopeTolerance * distance) continue;
-            const Vector3d row(1, s * dx, s * dy);
+            const double dx = i * fit.spacing, dy = j * fit.spacing;
             const double weight = std::exp(-(i * i + j * j) / (2.0 * fit.sigma * fit.sigma));
-            normal += weight * row * row.transpose();
-            side += weight * row * p;
+            const Vector6d row = (Vector6d() << 1, dx, dy, dx * dx, dx * dy, dy * dy).finished();
+            full += weight * row.cwiseAbs2();
+            ++taps;
+            const int u = x + i * fit.spacing, v = y + j * fit.spacing;
+            if (!field.parallax.contains(u, v) || !has_parallax(field.parallax.at(u, v))) continue;
+            const double p = field.parallax.at(u, v) - own;
+            if (std::abs(p - sample * (a * dx + b * dy)) >
+                fit.tolerance + fit.slopeTolerance * sample * row.segment<2>(1).norm())
+                continue;
+            left += weight * row * row.transpose();
+            right += weight * row * p;
         }
-    const double w = normal(0, 0);
-    const Eigen::Matrix2d spread =
-        normal.bottomRightCorner<2, 2>() - normal.bottomLeftCorner<2, 1>() * normal.topRightCorner<1, 2>() / w;
-    if (spread.determinant() / (s * s * s * s) <= 0.01 * w * w) return std::nullopt;
-    return Vector3d(normal.inverse() * side);
+    // The terms that count; of the curvature, how much its part beside the others explains.
+    std::vector<int> used;
+    double explained = 0.0;
+    const auto solve = [&](const Vector6d& side) {
+        const auto n = static_cast<Eigen::Index>(used.size());
+        Eigen::MatrixXd m(n, n);
+        Eigen::VectorXd r(n);
+        for (Eigen::Index i = 0; i < n; ++i) {
+            r[i] = side[used[static_cast<std::size_t>(i)]];
+            for (Eigen::Index j = 0; j < n; ++j)
+                m(i, j) = left(used[static_cast<std::size_t>(i)], used[static_cast<std::size_t>(j)]);
+        }
+        const Eigen::VectorXd found = m.ldlt().solve(r);
+        Vector6d terms = Vector6d::Zero();
+        for (Eigen::Index i = 0; i < n; ++i) terms[used[static_cast<std::size_t>(i)]] = found[i];
+        return terms;
+    };
+    for (int k = 0; k < 6; ++k) {
+        const Vector6d beside = used.empty() ? Vector6d(Vector6d::Zero()) : solve(left.col(k));
+        const double rest = left(k, k) - beside.dot(left.col(k));
+        if (!(rest > std::max(0.01 * left(k, k), 0.001 * full[k]))) continue;
+        if (k >= 3) explained += std::pow(right[k] - beside.dot(right), 2) / rest;
+        used.push_back(k);
+    }
+    if (std::count(used.begin(), used.end(), 1) + std::count(used.begin(), used.end(), 2) < 2) return std::nullopt;
+    const Vector6d quadric = solve(right);
+    used.erase(std::remove_if(used.begin(), used.end(), [](int k) { return k >= 3; }), used.end());
+    const Vector6d plane = solve(right);
+    const double share = std::max(0.0, 1.0 - fit.noise * fit.noise * taps / explained);
+    const Vector3d terms = (plane + share * (quadric - plane)).head<3>();
+    return Vector3d(own + terms[0], terms[1] / sample, terms[2] / sample);
 }
 
 /// Connected regions, by flooding each: which one every slot belongs to (-1 for none), and their sizes.

@@ -62,10 +62,11 @@ constexpr std::size_t ISLAND_SHARE = 1500;
 constexpr int CONSISTENCY_RADIUS = 3;
 constexpr int RETURN_RADIUS = 16;
 constexpr int RETURN_TOLERANCE = 2;
-// What a score may lack, in terms of what the frame's median lacks: at all, and where neighbours disagree.
+// What a score may lack, in terms of what the frame's median lacks: at all, where neighbours disagree, and at gaps.
 constexpr float LEAST_MEDIAN_LOSS = 0.005F;
 constexpr float LARGEST_LOSS = 8.5F;
 constexpr float DOUBTFUL_LOSS = 4.0F;
+constexpr float EDGE_LOSS = 3.0F;
 constexpr float LARGEST_DISAGREEMENT = 0.4F;  // pixels a slot
 constexpr int CELL_SIZE = 16;
 constexpr int EDGE_TRIM = 4;             // pixels
@@ -428,8 +429,9 @@ void SpeckleRebCpu::remove_noise(const StageNames& names) {
     right_to_left_to_vertify_match(task, RETURN_RADIUS, RETURN_TOLERANCE, _threads, field);
     trim_edges(edge_task(), (EDGE_TRIM + sample - 1) / sample, LEAST_EDGE_STEP, _threads, field);
     const float loss = std::max(1.0F - _medianScore, LEAST_MEDIAN_LOSS);
-    remove_doubtful({1.0F - LARGEST_LOSS * loss, 1.0F - DOUBTFUL_LOSS * loss, LARGEST_DISAGREEMENT}, sample, _threads,
-                    field);
+    remove_doubtful(
+        {1.0F - LARGEST_LOSS * loss, 1.0F - DOUBTFUL_LOSS * loss, LARGEST_DISAGREEMENT, 1.0F - EDGE_LOSS * loss},
+        sample, _threads, field);
     dump("after right_to_left_to_vertify_match");
 
     remove_cell_outliers(CELL_SIZE, 8.0F, 2.0F, CELL_SIZE * CELL_SIZE / 16, _threads, field);

@@ -97,6 +97,14 @@ bool is_disputed(const ParallaxField& field, int x, int y, float limit, int samp
     return false;
 }
 
+bool is_at_gap(const ParallaxField& field, int x, int y) {
+    const Raster<float>& parallax = field.parallax;
+    for (int dy = -1; dy <= 1; ++dy)
+        for (int dx = -1; dx <= 1; ++dx)
+            if (parallax.contains(x + dx, y + dy) && !has_parallax(parallax.at(x + dx, y + dy))) return true;
+    return false;
+}
+
 /// `mark_row(y, wrong)` writes which slots of the row to clear; it sees the field as it was.
 template <class MarkRow>
 void clear_marked(int threads, ParallaxField& field, const MarkRow& mark_row) {
@@ -206,6 +214,13 @@ void remove_doubtful(const DoubtLimits& limits, int sample, int threads, Paralla
                 (score < limits.doubtfulScore && is_disputed(field, x, y, limits.largestDisagreement, sample));
             wrong[x] = isWrong && has_parallax(field.parallax.at(x, y)) ? 1 : 0;
         }
+    });
+    clear_marked(threads, field, [&](int y, std::uint8_t* wrong) {
+        for (int x = 0; x < field.parallax.width(); ++x)
+            wrong[x] = has_parallax(field.parallax.at(x, y)) && field.score.at(x, y) < limits.smallestEdgeScore &&
+                               is_at_gap(field, x, y)
+                           ? 1
+                           : 0;
     });
 }
 

@@ -316,7 +316,8 @@ VEXEL_API RetVal delete_unStable(void* handle, int minContributions) noexcept;
 // (`set_kept_frame_memory`); then the oldest frames make room. A frame that is not kept, or not any more, that was only
 // tracked, or that a project brought, gives a line and `RET_INPUT_ERROR`. Taking out subtracts from each voxel what the
 // frame added, so that what other frames saw stays, but for the rounding of one sum; a voxel that no other frame has
-// seen is empty to the bit. Where surface was deleted in between, nothing is subtracted. The pose list stays.
+// seen is empty to the bit. Where surface was deleted in between, nothing is subtracted. Colours go with a voxel that
+// becomes empty; in others the mean keeps the frame's share. The pose list stays.
 
 /// Takes points of one frame out of the model: slots of its image, y * width + x. Those that were not fused are passed
 /// over; `RET_INPUT_ERROR` when none was. The first form works on one thread, with the same bytes on every run, the

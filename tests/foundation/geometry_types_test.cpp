@@ -138,10 +138,10 @@ TYPED_TEST(GeometryTypes, SwapsOutAndIn) {
 
     TypeParam moved(std::move(this->filled));
     EXPECT_NE(this->filled.swap_in_data(), 0);
-    this->filled = std::move(moved);
-    ASSERT_EQ(this->filled.swap_in_data(), 0);
-    EXPECT_EQ(bytes_of(this->filled), before);
+    ASSERT_EQ(moved.swap_in_data(), 0) << "the file goes along";
+    EXPECT_EQ(bytes_of(moved), before);
     EXPECT_FALSE(fs::exists(file));
+    this->filled = std::move(moved);
 
     fs::create_directory(this->filled.get_temp_full_name());
     EXPECT_NE(this->filled.swap_out_data(), 0) << "the file cannot be created";

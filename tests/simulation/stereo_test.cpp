@@ -92,6 +92,25 @@ TEST(StereoCamera, ShadowsHoldAmbientLightOnly) {
     EXPECT_GT(brightest, 120);
 }
 
+TEST(StereoCamera, ExposureAndGainScaleTheSignalUpToSaturation) {
+    const auto image = [&](double exposure, double gain) {
+        StereoRig rig = small_rig(false);
+        rig.sensor.exposure *= 0.7 * exposure;  // nothing saturated with factors of 1
+        rig.sensor.gain = gain;
+        return StereoCamera(rig).take(*half_space({0, 0, 0}, {0, -1, 0}), look_at({0, -400, 0}, {0, 0, 0}), 0).left;
+    };
+    const double offset = Sensor().darkOffset;
+    const std::vector<std::uint8_t> plain = image(1, 1).pixels;
+    for (const auto& [exposure, gain] : {std::pair{0.25, 1.0}, {1.0, 2.0}, {3.0, 0.5}}) {
+        const std::vector<std::uint8_t> other = image(exposure, gain).pixels;
+        const double factor = exposure * gain, largest = gain < 1 ? gain * 255 + offset : 255;
+        for (std::size_t i = 0; i < plain.size(); ++i) {
+            const double expected = std::min(offset + factor * (plain[i] - offset), largest);
+            ASSERT_NEAR(other[i], expected, 0.5 + 0.51 * factor) << exposure << " x " << gain;
+        }
+    }
+}
+
 TEST(StereoCamera, NoiseFollowsThePhotonTransferCurve) {
     StereoRig rig = small_rig(true);
     rig.sensor.fullWell = 4000;

@@ -215,6 +215,27 @@ Mask find_gaps(const Raster<float>& parallax) {
     return gaps;
 }
 
+/// For the slots of a row: whether a slot within `reach` is off by more than `slotStep` for every slot of distance, and
+/// whether one belongs to a gap.
+void find_steps_and_gaps(const Raster<float>& parallax, const Mask& gaps, int y, int reach, float slotStep,
+                         std::uint8_t* atStep, std::uint8_t* atGap) {
+    const int width = parallax.width();
+    const float* own = parallax.row(y);
+    std::fill_n(atStep, width, std::uint8_t{0});
+    std::fill_n(atGap, width, std::uint8_t{0});
+    for (int v = std::max(0, y - reach); v <= std::min(parallax.height() - 1, y + reach); ++v) {
+        const std::uint8_t* gap = gaps.row(v);
+        const float* other = parallax.row(v);
+        for (int dx = -reach; dx <= reach; ++dx) {
+            const float limit = slotStep * static_cast<float>(std::max(std::abs(dx), std::abs(v - y)));
+            for (int x = std::max(0, -dx); x < width - std::max(0, dx); ++x) {
+                atStep[x] |= std::abs(other[x + dx] - own[x]) > limit ? 1 : 0;  // never where either is NaN
+                atGap[x] |= gap[x + dx];
+            }
+        }
+    }
+}
+
 }  // namespace
 
 void settle_edges(const EdgeTask& task, const EdgeSearch& search, int threads, ParallaxField& field) {
@@ -247,15 +268,24 @@ void trim_edges(const EdgeTask& task, int width, float leastStep, int threads, P
                task.rightCover.at(column, y) != 0;
     };
     const float slotStep = EDGE_STEP + static_cast<float>(task.sample);
-    for_each_slot(before, threads, [&](int x, int y) {
-        const float own = before.at(x, y);
-        const bool isAtEdge = any_around(before, x, y, width, [&](int u, int v) {
-            if (gaps.at(u, v) != 0) return is_visible(u, v, own);
-            const auto distance = static_cast<float>(std::max(std::abs(u - x), std::abs(v - y)));
-            return std::abs(before.at(u, v) - own) > slotStep * distance;
+    parallel_ranges(
+        threads, static_cast<std::size_t>(before.height()), ROW_GRAIN, [&](std::size_t begin, std::size_t end) {
+            std::vector<std::uint8_t> atStep(static_cast<std::size_t>(before.width())), atGap(atStep.size());
+            for (int y = static_cast<int>(begin); y < static_cast<int>(end); ++y) {
+                find_steps_and_gaps(before, gaps, y, width, slotStep, atStep.data(), atGap.data());
+                float* parallax = field.parallax.row(y);
+                for (int x = 0; x < before.width(); ++x) {
+                    const float own = parallax[x];
+                    const auto is_visible_gap = [&](int u, int v) {
+                        return gaps.at(u, v) != 0 && is_visible(u, v, own);
+                    };
+                    const auto slot = static_cast<std::size_t>(x);
+                    if (atStep[slot] != 0 ||
+                        (atGap[slot] != 0 && has_parallax(own) && any_around(before, x, y, width, is_visible_gap)))
+                        parallax[x] = NO_PARALLAX;
+                }
+            }
         });
-        if (isAtEdge) field.parallax.at(x, y) = NO_PARALLAX;
-    });
 }
 
 }  // namespace VexelAlgorithm

@@ -52,6 +52,7 @@ constexpr float LARGEST_SCORE_LIMIT = 0.86F;
 constexpr float SMALLEST_SCORE = 0.5F;
 constexpr int BEND_REACH = 8;  // pixels
 constexpr float LARGEST_BEND = 0.5F;
+constexpr float LEAST_UNCLIPPED_SHARE = 0.8F;
 constexpr int EDGE_WINDOW = 7;
 constexpr int EDGE_ROUNDS = 3;
 constexpr float SMALLEST_EDGE_SCORE = 0.75F;
@@ -319,6 +320,8 @@ void SpeckleRebCpu::pre_subpixel_match() {
     _objDepthRange = _pixDepthRange;
     _objDepthRange.facets_from_range();
     find_second_differences(_remap.left, _threads, _secondDifferences);
+    _subPixelCover = _cover.left;
+    spare_clipped_pixels(_remap.left, sub_pixel_window(), LEAST_UNCLIPPED_SHARE, _threads, _subPixelCover);
     for (int step = 0; step < FIRST_STEPS; ++step) {
         _objDepthRange.depth_gaussian_smooth(6, 3.0F, 0.7F, 0.8F, _threads);
         take_sub_pixel_step(LARGEST_FIRST_STEP);
@@ -357,7 +360,7 @@ void SpeckleRebCpu::iterate_subpixel_match() {
 void SpeckleRebCpu::take_sub_pixel_step(float largestStep) {
     const SubPixelTask task{_remap.left,
                             _remap.right,
-                            _cover.left,
+                            _subPixelCover,
                             _secondDifferences,
                             _param.sampleRatio,
                             _param.subPixMatchWin.x(),

@@ -64,6 +64,7 @@ private:
     DepthRange _pixDepthRange;  ///< kept between the stages
     DepthRange _objDepthRange;
     SecondDifferences _secondDifferences;  ///< of the rectified left image
+    Mask _subPixelCover;                   ///< left pixels, as `SubPixelTask` has it
     Raster<float> _step, _score;
     float _medianScore = 1.0F;  ///< of the frame's slots after the last sub-pixel step
     int _frame = 0;

@@ -12,6 +12,7 @@
 #include <cstring>
 #include <vector>
 
+#include "SpeckleRebCPU/boxSums.h"
 #include "foundation/parallel.h"
 
 #ifndef VEXEL_SUB_PIXEL_BAND_DEFINED
@@ -49,6 +50,7 @@ constexpr std::size_t BLOCK = SUB_PIXEL_BLOCK;
 // exactly.
 constexpr float GREY_SCALE = 4.0F;
 constexpr float SLOPE_SCALE = 2.0F;
+constexpr std::int32_t COUNTS_UNLESS_CLIPPED = 2;
 
 /// What is known of a pair of pixels: the left grey value f, its second differences u and v, the derivative d of the
 /// right image and its grey value g.
@@ -161,20 +163,31 @@ private:
         const std::int16_t* alongX = _band.task.leftDifferences.alongX.row(y) + first;
         const std::int16_t* alongY = _band.task.leftDifferences.alongY.row(y) + first;
         for (std::size_t i = 0; i < BLOCK; i += lanes) {
-            const auto counted = hn::Load(di, counts + i);
+            const auto own = hn::Load(di, grey + i), pair = hn::Load(di, pixels + i);
+            const auto isOut = hn::And(hn::Eq(hn::Load(di, cover + i), hn::Set(di, COUNTS_UNLESS_CLIPPED)),
+                                       hn::Gt(brightest(own, pair), hn::Set(di, CLIPPED_GREY - 1)));
+            const auto counted = hn::IfThenZeroElse(isOut, hn::Load(di, counts + i));
             const auto is_counted = hn::Ne(counted, hn::Zero(di));
             const auto store = [&](std::vector<std::int16_t>& values, IntVec value) {
                 hn::StoreU(hn::DemoteTo(ShortTag(), hn::IfThenElseZero(is_counted, value)), ShortTag(),
                            values.data() + first + i);
             };
             store(row.count, counted);
-            store(row.values[F], hn::ShiftLeft<2>(hn::Sub(hn::Load(di, grey + i), hn::Set(di, 128))));
+            store(row.values[F], hn::ShiftLeft<2>(hn::Sub(own, hn::Set(di, 128))));
             store(row.values[U], hn::PromoteTo(di, hn::LoadU(ShortTag(), alongX + i)));
             store(row.values[V], hn::PromoteTo(di, hn::LoadU(ShortTag(), alongY + i)));
-            const auto [value, slope] = interpolated(hn::Load(di, pixels + i), hn::Load(d, fraction + i));
+            const auto [value, slope] = interpolated(pair, hn::Load(d, fraction + i));
             store(row.values[D], hn::NearestInt(hn::Mul(slope, hn::Set(d, SLOPE_SCALE))));
             store(row.values[G], hn::NearestInt(hn::Mul(hn::Sub(value, hn::Set(d, 128.0F)), hn::Set(d, GREY_SCALE))));
         }
+    }
+
+    /// Of the left pixel and the two right ones beside the position.
+    static IntVec brightest(IntVec left, IntVec right) {
+        const IntTag di;
+        const auto byte = hn::Set(di, 255);
+        return hn::Max(left,
+                       hn::Max(hn::And(hn::ShiftRight<8>(right), byte), hn::And(hn::ShiftRight<16>(right), byte)));
     }
 
     struct Interpolated {
@@ -419,6 +432,32 @@ void find_second_differences(const GreyImage& image, int threads, SecondDifferen
                 alongY[x] = static_cast<std::int16_t>((both - fineY + 8) >> 4);
             }
         }
+    });
+}
+
+void spare_clipped_pixels(const GreyImage& image, int window, float share, int threads, Mask& cover) {
+    const int width = image.width(), height = image.height(), radius = window / 2;
+    if (image.empty()) return;
+    const auto squared_step = [&](int x, int y) -> std::int32_t {
+        if (x < 1 || x + 1 >= width) return 0;
+        const int step = image.at(x + 1, y) - image.at(x - 1, y);
+        return step * step;
+    };
+    const auto unclipped = [&](int x, int y) -> std::int32_t {
+        if (x < 1 || x + 1 >= width) return 0;
+        const std::uint8_t* grey = image.row(y) + x;
+        return std::max({grey[-1], grey[0], grey[1]}) >= CLIPPED_GREY ? 0 : squared_step(x, y);
+    };
+    if (*std::max_element(image.data(), image.data() + image.size()) < CLIPPED_GREY) {
+        for (std::size_t i = 0; i < cover.size(); ++i) cover[i] = cover[i] != 0 ? 2 : 0;
+        return;
+    }
+    Raster<std::int32_t> all(width, height);
+    for_each_box_sum(width, height, radius, radius, threads, squared_step,
+                     [&](int x, int y, std::int32_t sum) { all.at(x, y) = sum; });
+    for_each_box_sum(width, height, radius, radius, threads, unclipped, [&](int x, int y, std::int32_t sum) {
+        if (cover.at(x, y) != 0 && static_cast<float>(sum) >= share * static_cast<float>(all.at(x, y)))
+            cover.at(x, y) = 2;
     });
 }
 

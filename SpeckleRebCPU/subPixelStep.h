@@ -14,10 +14,16 @@ struct SecondDifferences {
 };
 void find_second_differences(const GreyImage& image, int threads, SecondDifferences& differences);
 
+constexpr int CLIPPED_GREY = 252;  ///< from here on grey values may be clipped, or interpolated from clipped ones
+/// Turns 1 into 2 (unless clipped) where enough is left without the clipped pixels: of the squared horizontal steps
+/// I(x + 1) - I(x - 1) in the window around the pixel, at least `share` has no clipped pixel in it. Where an image is
+/// too bright as a whole, its clipped pixels count, as little else would be left.
+void spare_clipped_pixels(const GreyImage& image, int window, float share, int threads, Mask& cover);
+
 struct SubPixelTask {
     const GreyImage& left;   ///< rectified, full size
     const GreyImage& right;  ///< of the same size
-    const Mask& leftCover;   ///< left pixels that show anything
+    const Mask& leftCover;   ///< left pixels that count: 0 not, 1 yes, 2 unless clipped
     const SecondDifferences& leftDifferences;
     int sample;        ///< pixels per slot
     int windowWidth;   ///< odd, pixels
@@ -50,9 +56,11 @@ SubPixelWeights sub_pixel_weights(const SubPixelTask& task);
 /// difference of blur adds the second derivatives of the image (M. Subbarao and G. Surya, "Depth from defocus: a
 /// spatial domain approach", 1994). Left out, it costs more than the noise of the cameras does.
 ///
-/// Pixels without a facet, outside the cover or the right image do not count. `step` (pixels, to be added to the
-/// parallax) and `score` (correlation at the present parallax) are written for every slot: NaN and 0 where less than a
-/// quarter of the window counts or its grey values are all but equal.
+/// Pixels without a facet, outside the cover or the right image do not count, nor, where the cover says so, those that
+/// are clipped or interpolated from clipped ones on either side (252 and more): a clipped pixel says nothing of the
+/// place, and where highlights move over the surface it is clipped in one image only. `step` (pixels, to be added to
+/// the parallax) and `score` (correlation at the present parallax) are written for every slot: NaN and 0 where less
+/// than a quarter of the window counts or its grey values are all but equal.
 void find_sub_pixel_steps(const SubPixelTask& task, const ParallaxField& field, int threads, Raster<float>& step,
                           Raster<float>& score);
 

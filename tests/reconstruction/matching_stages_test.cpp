@@ -199,8 +199,24 @@ Slots removed_by(const std::function<void(ParallaxField&)>& filter, ParallaxFiel
 
 TEST(MatchingStages, SubPixelStepsAreThoseOfSingleWindows) {
     for (const int sample : {1, 2, 3}) {
-        const GreyImage left = noise_image(95, 53, 9, 3), right = shifted(left, 6);
-        const Mask cover = random_mask(95, 53, 10, 95);
+        GreyImage left = noise_image(95, 53, 9, 3), right = shifted(left, 6);
+        for (GreyImage* image : {&left, &right})  // clipped patches, not the same in both
+            for (int y = 10; y < 30; ++y) std::fill_n(image->row(y) + (image == &left ? 50 : 60), 5, std::uint8_t{255});
+        Mask cover = random_mask(95, 53, 10, 95);
+        spare_clipped_pixels(left, 11, 0.6F, 2, cover);
+        for (int y = 0; y < 53; ++y)
+            for (int x = 0; x < 95; ++x) {
+                if (cover.at(x, y) == 0) continue;
+                double all = 0, unclipped = 0;
+                for (int v = std::max(0, y - 5); v <= std::min(52, y + 5); ++v)
+                    for (int u = std::max(1, x - 5); u <= std::min(93, x + 5); ++u) {
+                        const std::uint8_t* grey = left.row(v) + u;
+                        const double square = (grey[1] - grey[-1]) * (grey[1] - grey[-1]);
+                        all += square;
+                        if (std::max({grey[-1], grey[0], grey[1]}) < CLIPPED_GREY) unclipped += square;
+                    }
+                ASSERT_EQ(cover.at(x, y), unclipped >= 0.6 * all ? 2 : 1) << x << ' ' << y;
+            }
         const ParallaxField field = slanted_field(95 / sample, 53 / sample, sample, 0.4);
         SecondDifferences differences;
         find_second_differences(left, 2, differences);

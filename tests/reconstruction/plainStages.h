@@ -158,6 +158,8 @@ inline std::optional<Step> sub_pixel_step(const SubPixelTask& task, const Parall
             const int column = static_cast<int>(position);
             const double t = position - column;
             const auto p = [&](int k) -> double { return task.right.at(column + k, y); };
+            if (task.leftCover.at(x, y) == 2 && std::max({double(task.left.at(x, y)), p(0), p(1)}) >= CLIPPED_GREY)
+                continue;
             // Catmull and Rom's spline, from its basis functions.
             const double g = 0.5 * (p(-1) * (-t + 2 * t * t - t * t * t) + p(0) * (2 - 5 * t * t + 3 * t * t * t) +
                                     p(1) * (t + 4 * t * t - 3 * t * t * t) + p(2) * (-t * t + t * t * t));

@@ -6,7 +6,7 @@ namespace VexelFuzz {
 
 std::vector<Seed> debug_seeds() {
     using namespace VexelAlgorithm;
-    const VexelTest::TemporaryFolder folder;
+    const VexelTrial::TemporaryFolder folder;
     DataArchiveConfig& config = DataArchiveConfig::global();
     const std::string directory = config.get_store_directory();
     config.set_store_directory(folder.path().string());
@@ -24,7 +24,7 @@ std::vector<Seed> debug_seeds() {
     config.set_archive_enabled(false);
     config.set_testbug_enabled(false);
     config.set_store_directory(directory);
-    const std::string whole = VexelTest::bytes_of(folder.path() / "testbug-000001.tb");
+    const std::string whole = VexelTrial::bytes_of(folder.path() / "testbug-000001.tb");
     return {{"whole.tb", whole}, {"begun.tb", whole.substr(0, whole.size() / 4)}};
 }
 

@@ -8,13 +8,16 @@
 #include <regex>
 #include <string>
 
-#include "TemporaryFolder.h"
+#include "trials/TemporaryFolder.h"
 
 #if !defined(_WIN32)
 #    include <sys/wait.h>
 #endif
 
 namespace VexelTest {
+
+using VexelTrial::bytes_of;
+using VexelTrial::put_bytes;
 
 struct ToolRun {
     int exitCode = -1;
@@ -97,7 +100,7 @@ protected:
     }
 
 private:
-    TemporaryFolder _folder;
+    VexelTrial::TemporaryFolder _folder;
 };
 
 }  // namespace VexelTest

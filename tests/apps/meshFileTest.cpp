@@ -3,13 +3,13 @@
 
 #include <cmath>
 
-#include "TemporaryFolder.h"
 #include "recording/meshFile.h"
+#include "trials/TemporaryFolder.h"
 
 namespace VexelAlgorithm {
 namespace {
 
-using namespace VexelTest;
+using namespace VexelTrial;
 
 template <class... Values>
 std::string packed(Values... values) {

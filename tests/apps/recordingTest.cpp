@@ -6,21 +6,21 @@
 #include <functional>
 #include <opencv2/imgcodecs.hpp>
 
-#include "TemporaryFolder.h"
 #include "fuzz/pngChunks.h"
 #include "recording/Recording.h"
 #include "recording/StereoRecording.h"
 #include "recording/files.h"
 #include "recording/pointImageFromDepth.h"
 #include "recording/poseText.h"
+#include "trials/TemporaryFolder.h"
 
 namespace {
 
 namespace fs = std::filesystem;
 using namespace VexelAlgorithm;
-using VexelTest::bytes_of;
-using VexelTest::put_bytes;
-using VexelTest::TemporaryFolder;
+using VexelTrial::bytes_of;
+using VexelTrial::put_bytes;
+using VexelTrial::TemporaryFolder;
 
 const CameraInParam camera(58.5, 57.25, 31.5, 24.125);
 

@@ -3,20 +3,20 @@
 
 #include <functional>
 
-#include "TemporaryFolder.h"
 #include "apps/Rig.h"
 #include "apps/calibrated.h"
 #include "apps/searchRange.h"
 #include "recording/calibrationText.h"
 #include "simulation/StereoRig.h"
+#include "trials/TemporaryFolder.h"
 
 namespace {
 
 namespace fs = std::filesystem;
 using namespace VexelAlgorithm;
 using namespace VexelAlgorithm::Apps;
-using VexelTest::put_bytes;
-using VexelTest::TemporaryFolder;
+using VexelTrial::put_bytes;
+using VexelTrial::TemporaryFolder;
 
 CalibratedCamera camera(const Vector3d& place, double yaw) {
     Matrix3d rotation;

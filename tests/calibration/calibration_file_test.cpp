@@ -11,14 +11,15 @@
 #include <sstream>
 
 #include "readCaliData/CaliParReadIn.h"
-#include "tests/apps/TemporaryFolder.h"
 #include "tests/calibration/stereoRig.h"
 #include "tests/printed.h"
+#include "trials/TemporaryFolder.h"
 
 namespace VexelAlgorithm::Rebuild {
 namespace {
 
 using namespace VexelTest;
+using namespace VexelTrial;
 
 constexpr const char* READ_FAIL = "read camera para fail\n";
 const Vector2i SIZE(RIG_WIDTH, RIG_HEIGHT);

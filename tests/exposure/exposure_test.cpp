@@ -10,13 +10,14 @@
 #include "exposure/autoExposure.h"
 #include "exposure/greyFile.h"
 #include "exposure/patternMask.h"
-#include "tests/apps/TemporaryFolder.h"
 #include "tests/printed.h"
+#include "trials/TemporaryFolder.h"
 
 namespace VexelAlgorithm::autoExposureFoot {
 namespace {
 
 using namespace VexelTest;
+using namespace VexelTrial;
 
 constexpr int kMost = std::numeric_limits<int>::max(), kLeast = std::numeric_limits<int>::min();
 constexpr float kNaN = std::numeric_limits<float>::quiet_NaN();
@@ -208,10 +209,15 @@ TEST(Exposure, SeriesAndTheirFailures) {
     EXPECT_EQ(best, 7);
     const std::tuple<std::vector<unsigned char*>, RetVal, int, int> cases[] = {
         // images, code, best, lines
-        {{b, d, g, bright.data()}, RET_SUCCESS, 2, 0}, {{g, b}, RET_SUCCESS, 0, 0},       {{b, b}, RET_SUCCESS, 0, 0},
-        {{nullptr, b, nullptr, d}, RET_SUCCESS, 3, 2}, {{nullptr, b}, RET_SUCCESS, 0, 1},  // neither has a pattern: the
-                                                                                           // image of the empty places
-        {{nullptr, nullptr}, RET_INPUT_ERROR, -1, 2},  {{}, RET_INPUT_ERROR, -1, 0},      {{d, g}, RET_SUCCESS, 1, 0},
+        {{b, d, g, bright.data()}, RET_SUCCESS, 2, 0},
+        {{g, b}, RET_SUCCESS, 0, 0},
+        {{b, b}, RET_SUCCESS, 0, 0},
+        {{nullptr, b, nullptr, d}, RET_SUCCESS, 3, 2},
+        {{nullptr, b}, RET_SUCCESS, 0, 1},  // neither has a pattern: the
+                                            // image of the empty places
+        {{nullptr, nullptr}, RET_INPUT_ERROR, -1, 2},
+        {{}, RET_INPUT_ERROR, -1, 0},
+        {{d, g}, RET_SUCCESS, 1, 0},
     };
     for (const auto& [images, code, expected, lines] : cases) {
         const std::function<RetVal()> calls[] = {

@@ -9,7 +9,7 @@
 
 #include "foundation/BaseTriMesh.h"
 #include "foundation/PointImage.h"
-#include "tests/apps/TemporaryFolder.h"
+#include "trials/TemporaryFolder.h"
 
 namespace VexelAlgorithm {
 namespace {
@@ -134,7 +134,7 @@ TYPED_TEST(GeometryTypes, SwapsOutAndIn) {
     fs::resize_file(file, fs::file_size(file) - 1);
     EXPECT_NE(this->filled.swap_in_data(), 0) << "damaged";
     EXPECT_EQ(this->filled.get_vn(), 0u);
-    VexelTest::put_bytes(file, before);
+    VexelTrial::put_bytes(file, before);
 
     TypeParam moved(std::move(this->filled));
     EXPECT_NE(this->filled.swap_in_data(), 0);

@@ -4,8 +4,8 @@
 #include <vector>
 
 #include "foundation/meshExport.h"
-#include "tests/apps/TemporaryFolder.h"
 #include "tests/printed.h"
+#include "trials/TemporaryFolder.h"
 
 namespace VexelAlgorithm {
 namespace {
@@ -25,7 +25,7 @@ protected:
         return all;
     }
 
-    const VexelTest::TemporaryFolder folder;
+    const VexelTrial::TemporaryFolder folder;
 };
 
 BaseTriMesh tetrahedron() {
@@ -114,7 +114,7 @@ TEST_F(Export, FailuresGiveOneLineAndKeepTheOlderFile) {
     illegal.set_vNrvs({Vector3f::Zero()});
     // The name is allowed, but leaves no room for the part that is written first.
     const std::string older = path(std::string(250, 'n') + ".ply");
-    VexelTest::put_bytes(older, "older");
+    VexelTrial::put_bytes(older, "older");
     fs::create_directory(path("folder.ply"));
     const std::string missing = path("missing/mesh.ply");
     EXPECT_NE(failure_line([&] { return write_mesh(missing, mesh, 0, 6); }).find(missing), std::string::npos);
@@ -124,7 +124,7 @@ TEST_F(Export, FailuresGiveOneLineAndKeepTheOlderFile) {
     failure_line([&] { return write_asc(path("cloud.asc"), illegal); });
     failure_line([&] { return write_cloudWithWeight(path("missing/cloud.asc"), CloudWithWeight()); });
     EXPECT_EQ(file_number(), 2u) << "only what was there before";
-    EXPECT_EQ(VexelTest::bytes_of(older), "older");
+    EXPECT_EQ(VexelTrial::bytes_of(older), "older");
 }
 
 TEST_F(Export, CloudsAsText) {

@@ -16,14 +16,14 @@
 #include "fusion/LeafNormal.h"
 #include "fusion/LeafTSDFLaser.h"
 #include "fusion/OctetCache.h"
-#include "tests/apps/TemporaryFolder.h"
 #include "tests/fusion/octreeScenes.h"
+#include "trials/TemporaryFolder.h"
 
 namespace VexelOctree {
 namespace {
 
 using namespace VexelAlgorithm::Fusion;
-using namespace VexelTest;
+using namespace VexelTrial;
 constexpr float NotANumber = std::numeric_limits<float>::quiet_NaN();
 
 TEST(OctreeCoordinates, WorldToVoxel) {

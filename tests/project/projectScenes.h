@@ -1,10 +1,10 @@
 // Sessions with projects: a tiny scene whose project has a few KB, and files in memory.
 #pragma once
 
-#include "tests/apps/TemporaryFolder.h"
 #include "tests/session/sessionScenes.h"
 #include "trials/DomeScene.h"
 #include "trials/ProjectLayout.h"
+#include "trials/TemporaryFolder.h"
 
 namespace VexelAlgorithm {
 
@@ -20,13 +20,13 @@ struct TinyScene : VexelTrial::DomeScene {
 
 /// What `save_project` writes; the printed lines go to `lines`.
 inline std::string project_of(void* session, std::string* lines = nullptr) {
-    const VexelTest::TemporaryFolder folder;
+    const VexelTrial::TemporaryFolder folder;
     const std::string text = printed([&] {
         std::ofstream out(folder.path() / "project", std::ios::binary);
         EXPECT_TRUE(save_project(session, out));
     });
     if (lines != nullptr) *lines = text;
-    return VexelTest::bytes_of(folder.path() / "project");
+    return VexelTrial::bytes_of(folder.path() / "project");
 }
 
 /// Loads bytes, by a file that is written again for each load.
@@ -34,7 +34,7 @@ class Loader {
 public:
     /// The result, and the printed lines in `lines`.
     bool load(void* session, const std::string& bytes) {
-        VexelTest::put_bytes(_folder.path() / "project", bytes);
+        VexelTrial::put_bytes(_folder.path() / "project", bytes);
         std::ifstream in(_folder.path() / "project", std::ios::binary);
         bool isRead = false;
         lines = printed([&] { isRead = read_project(session, in); });
@@ -43,7 +43,7 @@ public:
     std::string lines;
 
 private:
-    VexelTest::TemporaryFolder _folder;
+    VexelTrial::TemporaryFolder _folder;
 };
 
 /// The display points to the last bit.

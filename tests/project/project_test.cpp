@@ -107,7 +107,7 @@ TEST(Project, ColoursAreSavedWithTheLeavesAndHostileOnesAreHarmless) {
 TEST(Project, SavingSaysWhatItDoes) {
     const TinyScene scene;
     Session session(scene.records);
-    const VexelTest::TemporaryFolder folder;
+    const VexelTrial::TemporaryFolder folder;
     std::ofstream out(folder.path() / "project", std::ios::binary);
     EXPECT_EQ(printed([&] { EXPECT_FALSE(save_project(session, out)); }),
               "save tree prative\nthe max vaild leaf id = -1\nsave leaf data\nleaf.size() 0\nvaildSize = 0\n"
@@ -136,7 +136,7 @@ TEST(Project, AFullDiskIsNoticed) {
 
 // Saved from the tiny scene when the form was fixed, with fusion() at the poses of its scan; to be read for ever.
 TEST(Project, TheFirstProjectStillOpens) {
-    const std::string bytes = VexelTest::bytes_of(VEXEL_SMALL_PROJECT);
+    const std::string bytes = VexelTrial::bytes_of(VEXEL_SMALL_PROJECT);
     const ProjectLayout layout(bytes);
     ASSERT_EQ(layout.end, bytes.size());
     const TinyScene scene;
@@ -162,7 +162,7 @@ TEST(Project, TheFirstProjectStillOpens) {
 // Trees of every depth with scattered cells, the corners of the volume among them.
 TEST(OctreeFile, EveryLeafIsFoundAgain) {
     using Tree = VexelOctree::Octree<Fusion::LeafTSDFSpeckle>;
-    const VexelTest::TemporaryFolder folder;
+    const VexelTrial::TemporaryFolder folder;
     for (const int depth : {10, 13, 20}) {
         Tree tree, read;
         tree.set_depth(depth, 1);

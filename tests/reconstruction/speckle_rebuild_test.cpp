@@ -8,13 +8,14 @@
 #include <sstream>
 
 #include "SpeckleRebCPU/speckleRebuild.h"
-#include "tests/apps/TemporaryFolder.h"
 #include "tests/printed.h"
+#include "trials/TemporaryFolder.h"
 
 namespace VexelAlgorithm {
 namespace {
 
 using namespace VexelTest;
+using namespace VexelTrial;
 
 constexpr int WIDTH = 320, HEIGHT = 200;
 constexpr double FOCAL = 500.0, CX = 159.5, CY = 99.5, BASELINE = 60.0;

@@ -4,8 +4,8 @@
 #include "foundation/diagnostics.h"
 #include "fusiontrackoperation/DebugRecordReader.h"
 #include "fusiontrackoperation/FusionTrack.h"
-#include "tests/apps/TemporaryFolder.h"
 #include "tests/session/sessionScenes.h"
+#include "trials/TemporaryFolder.h"
 
 #if defined(__linux__)
 #    include <sys/resource.h>
@@ -18,7 +18,7 @@ namespace {
 
 namespace fs = std::filesystem;
 using Read = DebugRecordReader::Read;
-using VexelTest::bytes_of;
+using VexelTrial::bytes_of;
 
 DataArchiveConfig& config() {
     return DataArchiveConfig::global();
@@ -83,7 +83,7 @@ protected:
     std::size_t files() const {
         return static_cast<std::size_t>(std::distance(fs::directory_iterator(folder.path()), fs::directory_iterator()));
     }
-    VexelTest::TemporaryFolder folder;
+    VexelTrial::TemporaryFolder folder;
     const Scan tiny{"smooth", 20};
 };
 
@@ -246,7 +246,7 @@ TEST_F(DebugRecording, OnlyWhileBothFlagsAreSet) {
 
 TEST_F(DebugRecording, FilesAreNumberedByPrefix) {
     for (const char* name : {"testbug-000041.tb", "testbug-000099.txt", "testbug-x.tb", "testbug-.tb", "other-50.tb"}) {
-        VexelTest::put_bytes(folder.path() / name, "");
+        VexelTrial::put_bytes(folder.path() / name, "");
     }
     { const Session a(tiny.records), b(tiny.records); }
     EXPECT_TRUE(fs::exists(file(42)) && fs::exists(file(43)));

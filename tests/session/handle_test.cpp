@@ -2,8 +2,8 @@
 #include <filesystem>
 #include <fstream>
 
-#include "tests/apps/TemporaryFolder.h"
 #include "tests/session/sessionScenes.h"
+#include "trials/TemporaryFolder.h"
 
 namespace VexelAlgorithm {
 namespace {
@@ -285,7 +285,7 @@ TEST(Results, AreNearTheTruthAtAnySpacing) {
 }
 
 TEST(Results, DebugFilesOnlyAtADebugLevel) {
-    const VexelTest::TemporaryFolder folder;
+    const VexelTrial::TemporaryFolder folder;
     Scan scan("smooth");
     scan.records.common.outputPath = folder.path().string();
     Session session(scan.records);

@@ -26,7 +26,7 @@ protected:
         return turns / static_cast<double>(mesh.get_vn());
     }
     std::vector<std::string> lines_of(RetVal (*output)(void*, const std::string&)) const {
-        const VexelTest::TemporaryFolder folder;
+        const VexelTrial::TemporaryFolder folder;
         const std::string path = (folder.path() / "text").string();
         EXPECT_EQ(output(session, path), RET_SUCCESS);
         std::ifstream in(path);
@@ -102,7 +102,7 @@ TEST_F(ResultSettingsTest, CountsAndDumpsAgreeWithWhatIsThere) {
 }
 
 TEST_F(ResultSettingsTest, BadValuesAreRefusedWithOneLine) {
-    const std::string before = session.mesh_bytes(), folder = VexelTest::TemporaryFolder().path().string();
+    const std::string before = session.mesh_bytes(), folder = VexelTrial::TemporaryFolder().path().string();
     const std::string window = "window is not between ";
     RefusedCall unwritable = REFUSED(output_whole_tree, folder + "/x cannot be written", folder + "/x");
     unwritable.result = RET_RUN_FAIL;

@@ -5,15 +5,16 @@
 #include <tuple>
 
 #include "simulation/NoiseModel.h"
-#include "tests/apps/TemporaryFolder.h"
 #include "tests/track/icpScenes.h"
 #include "track/IcpSchedule.h"
+#include "trials/TemporaryFolder.h"
 
 namespace {
 
 using namespace VexelAlgorithm;
 using namespace VexelAlgorithm::Track;
 using namespace VexelTest;
+using namespace VexelTrial;
 
 const PointImage& object_view() {
     static const PointImage view = render_view(*Simulation::make_scene("owl_on_table"), front_view());

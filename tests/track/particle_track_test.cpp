@@ -6,15 +6,16 @@
 #include <utility>
 #include <vector>
 
-#include "tests/apps/TemporaryFolder.h"
 #include "tests/printed.h"
 #include "tests/track/trackScenes.h"
 #include "track/ParticleTrack.h"
+#include "trials/TemporaryFolder.h"
 
 namespace VexelAlgorithm::Track {
 namespace {
 
 using namespace VexelTest;
+using namespace VexelTrial;
 
 constexpr float kNaN = std::numeric_limits<float>::quiet_NaN();
 constexpr float kInfinity = std::numeric_limits<float>::infinity();

@@ -427,6 +427,11 @@ RetVal set_icpKeepRatio(void* handle, const Vector2f& keepRatio) noexcept {
                       [&](FusionTrack& session) { return session.set_icp_keep_ratio(keepRatio); });
 }
 
+RetVal set_feature_recovery(void* handle, bool isWanted) noexcept {
+    return on_session(handle, "set_feature_recovery",
+                      [&](FusionTrack& session) { return session.set_feature_recovery(isWanted); });
+}
+
 RetVal set_track_speed_threshold(void* handle, float lineSpeed, float angularSpeed) noexcept {
     return on_session(handle, "set_track_speed_threshold",
                       [&](FusionTrack& session) { return session.set_track_speed_threshold(lineSpeed, angularSpeed); });

@@ -359,6 +359,23 @@ VEXEL_API RetVal set_icpStableThreadhold(void* handle, float threshold) noexcept
 /// above 0 and below 1; at first 0.7 and 0.9. Frames with outliers, at depth edges say, want less, noisy frames without
 /// them more.
 VEXEL_API RetVal set_icpKeepRatio(void* handle, const Vector2f& keepRatio) noexcept;
+/// Recovery with features, off at first. While it is on, a frame that tracking loses (`isLost`) is aligned with the
+/// whole model by the shapes of its surface, wherever the scanner was before, and refined by an ICP with the limits for
+/// features of the records: icpDisFeature, icpDisAvgFeatureThread, icpRataRayFeature, fusionLimitNumFeature. The pose
+/// is taken when the frame then shows what the model has: at least six tenths of its points on the model's surface, at
+/// most 4 % of what both show in contradiction, no motion left free. A frame that fits in more than one pose, as on
+/// symmetric objects, planes and spheres, stays lost; of a symmetric object of which only some sides were scanned the
+/// others look like these, and are taken for them.
+///
+/// Found again, the frame is accepted (`FrameOutcome::Recovered`) without a speed check and not fused, also as the
+/// step's `fuse` says; tracking goes on from there with the next one. Not found, it is rejected as without recovery,
+/// and nothing changes. Ordinary tracking is believed only where at most a tenth contradicts; other frames count as
+/// lost, and are rejected as `FrameOutcome::Contradicted` when they are not recovered.
+///
+/// A lost frame takes the time of some 150 ms of processing more, the first one after a fusion about twice that; the
+/// description of the model takes some 10 MB at most. Models with more than 100000 cubes of disUniform on their surface
+/// are not searched, with a line. `RET_STATE_ERROR` with a line when disUniform or icpDisFeature are not usable.
+VEXEL_API RetVal set_feature_recovery(void* handle, bool isWanted) noexcept;
 /// Limits of the speed check: translation (mm) and largest angle about an axis (radians) from frame to frame.
 VEXEL_API RetVal set_track_speed_threshold(void* handle, float lineSpeed, float angularSpeed) noexcept;
 /// Edge, in voxels, of the cube around a point whose voxels the point may change, 1 to 63, as given. Null handle:

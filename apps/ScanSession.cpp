@@ -27,6 +27,7 @@ ScanSession::ScanSession(const ScanSettings& settings)
     if (_handle == nullptr) return;
     set_icpStableThreadhold(_handle, settings.session.icpStableThreadhold);
     set_icpKeepRatio(_handle, settings.session.icpKeepRatio);
+    if (settings.session.recovery) set_feature_recovery(_handle, true);
 }
 
 ScanSession::~ScanSession() {

@@ -28,6 +28,8 @@ struct SessionSettings {
     float icpStableThreadhold = 5.0F;
     /// Shares of correspondences kept, in the first and in the fine iterations.
     Vector2f icpKeepRatio{0.7F, 0.9F};
+    /// Whether lost frames are looked for by their features.
+    bool recovery = false;
 };
 
 /// A stereo scanner and how its pairs are reconstructed.

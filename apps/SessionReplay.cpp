@@ -44,6 +44,7 @@ const Setting settings[] = {
      }},
     {"set_track_speed_threshold", 2,
      [](void* h, const double* v) { return set_track_speed_threshold(h, narrow(v[0]), narrow(v[1])); }},
+    {"set_feature_recovery", 1, [](void* h, const double* v) { return set_feature_recovery(h, v[0] != 0.0); }},
     {"fusion_set_fusionrange", 1,
      [](void* h, const double* v) {
          return v[0] >= 1.0 && v[0] <= 63.0 ? fusion_set_fusionrange(h, static_cast<int>(v[0])) : RET_INPUT_ERROR;

@@ -29,6 +29,8 @@ constexpr OutcomeName outcomeNames[] = {
     {FrameOutcome::TooFast, "too fast"},
     {FrameOutcome::Failed, "failed"},
     {FrameOutcome::GivenUp, "given up"},
+    {FrameOutcome::Recovered, "recovered"},
+    {FrameOutcome::Contradicted, "contradicts the model"},
 };
 
 Json json_of(const ErrorFigures& figures) {

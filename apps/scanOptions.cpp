@@ -22,6 +22,8 @@ void add_scan_options(CLI::App& command, ScanOptions& options, const std::string
                        "YAML file with settings that replace the preset's; vexel-scan settings writes one");
     command.add_option("--dump-settings", options.dumpFile, "Writes the settings used, with their documentation");
     add_session_threads_option(command, options.threads);
+    command.add_flag("--recover", options.recovers,
+                     "Looks for the scanner by the shapes of the surface when tracking is lost");
     add_mesh_format_option(command, options.format);
     command.add_option("--debug-recording", options.debugRecording,
                        "Folder for a record of all that the session is given, for vexel-scan replay");
@@ -58,6 +60,7 @@ Outcome<ScanSettings> chosen_settings(const ScanOptions& options, const std::opt
         if (!read) return read.failure();
     }
     if (options.threads > 0) settings.fusion.codeNumSet = options.threads;
+    if (options.recovers) settings.session.recovery = true;
     return settings;
 }
 

@@ -19,13 +19,14 @@ struct ScanOptions {
     std::string settingsFile;
     std::string dumpFile;
     int threads = 0;  ///< 0: as the settings say
+    bool recovers = false;
     std::string format = "ply";
     std::string debugRecording;  ///< folder; empty for none
     std::string savedProject;    ///< where the scan is saved; empty for nowhere
     std::string resumedProject;  ///< which scan goes on; empty for a new one
     TruthOptions truth;
 };
-/// Adds --out, --preset, --settings, --dump-settings, --threads, --format, --debug-recording, --save-project, --resume
+/// Adds --out, --preset, --settings, --dump-settings, --threads, --recover, --format, --debug-recording, --save-project, --resume
 /// and those of the comparison. The preset is what `options` says until another is given.
 void add_scan_options(CLI::App& command, ScanOptions& options, const std::string& outContent);
 

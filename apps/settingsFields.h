@@ -75,13 +75,14 @@ void visit_fusion(Visitor& visitor, Record& record) {
 
 template <class Visitor, class Record>
 void visit_session(Visitor& visitor, Record& record) {
-    auto& [icpStableThreadhold, icpKeepRatio] = record;
+    auto& [icpStableThreadhold, icpKeepRatio, recovery] = record;
     visitor.field("icpStableThreadhold", icpStableThreadhold,
                   "smallest eigenvalue of the ICP's normal matrix (squared weights, mm) from which on a registration "
                   "counts as stable; noise of a bare plane must stay below it");
     visitor.field("icpKeepRatio", icpKeepRatio,
                   "shares of the ICP's correspondences that are kept, the nearest ones, in the first and in the fine "
                   "iterations; above 0, below 1");
+    visitor.field("recovery", recovery, "1 looks for lost frames by their features, 0 waits for what was seen last");
 }
 
 template <class Visitor, class Record>

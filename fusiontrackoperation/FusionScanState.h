@@ -24,12 +24,15 @@ enum class FrameOutcome : std::int32_t {
     TooFast = 12,
     Failed = 13,   ///< anything else: memory, singular system; a line says what
     GivenUp = 14,  ///< only of the threaded input: reset or release came before the frame's turn
+    // Only where recovery is on (`set_feature_recovery`).
+    Recovered = 15,     ///< lost and found again by its features; not fused
+    Contradicted = 16,  ///< tracked to a pose from where the model looks otherwise
 };
 
 /// Whether the frame's pose joined the pose list.
 inline bool is_accepted(FrameOutcome outcome) {
     return outcome == FrameOutcome::FirstFrame || outcome == FrameOutcome::Fused ||
-           outcome == FrameOutcome::TrackedOnly;
+           outcome == FrameOutcome::TrackedOnly || outcome == FrameOutcome::Recovered;
 }
 
 /// Milliseconds on the clock of the stages of the last frame step; 0 for stages that were not reached.

@@ -141,6 +141,7 @@ RetVal FusionTrack::set_icp_stable_threshold(float threshold) {
         return RET_INPUT_ERROR;
     }
     _pIcp->set_icpStableThreadhold(threshold);
+    if (_pFeatureIcp) _pFeatureIcp->set_icpStableThreadhold(threshold);
     return settled("set_icpStableThreadhold", {threshold});
 }
 
@@ -149,6 +150,7 @@ RetVal FusionTrack::set_icp_keep_ratio(const Vector2f& keepRatio) {
     const bool isInRange = keepRatio.x() > 0.0F && keepRatio.y() > 0.0F && keepRatio.x() < 1.0F && keepRatio.y() < 1.0F;
     if (!is_settable(isInRange, "set_icpKeepRatio", "a share is not above 0 and below 1")) return RET_INPUT_ERROR;
     _pIcp->set_corrRatio(keepRatio);
+    if (_pFeatureIcp) _pFeatureIcp->set_corrRatio(keepRatio);
     return settled("set_icpKeepRatio", {keepRatio.x(), keepRatio.y()});
 }
 
@@ -241,6 +243,7 @@ void FusionTrack::forget_model() {
         _changedLeaves.clear();
         _display.clear();
     }
+    _isModelDescribed = false;
     _operations.clear();
     _keptFrames.clear();
     _frameSettings.reset();

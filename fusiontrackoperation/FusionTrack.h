@@ -141,6 +141,7 @@ public:
     RetVal set_icp_keep_ratio(const Vector2f& keepRatio);
     RetVal set_track_speed_threshold(float lineSpeed, float angularSpeed);
     RetVal set_fusion_range(int fusionRange);
+    RetVal set_feature_recovery(bool isWanted);
     RetVal set_campar(const CameraInParam& campar);
     RetVal set_tree_shift(const Vector3f& shift);
     Vector3f get_tree_shift() const;
@@ -219,6 +220,8 @@ private:
     void set_first_pose(const RigidMatrix& pose);
     bool integrate_first(const PointImage& frame, const RigidMatrix& pose);
     void take_as_prediction(const PointImage& frame);
+    /// The relative transform of a frame that is tracked from the last accepted pose; otherwise why it is not.
+    std::optional<FrameOutcome> find_pose(const PointImage& frame);
     bool has_enough_prediction();
     void set_up_tracking(const PointImage& frame);
     void find_coarse_pose();
@@ -232,6 +235,17 @@ private:
     void empty_prediction(const PointImage& frame);
     void update_after_fusion();
     void render_prediction(const RigidMatrix& pose, bool guided);
+    /// The model from a pose, in camera coordinates; an empty image of the session's size becomes it.
+    void render_view(const RigidMatrix& pose, bool guided, PointImage& view);
+
+    // Recovery, where it is wanted.
+    /// Whether the tracked frame shows something else than the prediction, so that its pose is not to be believed.
+    bool contradicts_prediction();
+    /// The relative transform of a frame that tracking has lost, found by its features. Needs nothing of the last pose.
+    bool recover_pose(const PointImage& frame);
+    bool describe_model();
+    std::optional<RigidMatrix> aligned_by_features(const PointImage& frame);
+    std::optional<RigidMatrix> refined_and_accepted(const PointImage& frame, const RigidMatrix& candidate);
 
     bool has_texture_tracker(const char* function) const;
     bool has_texture_map(const char* function) const;
@@ -274,8 +288,10 @@ private:
     DisplayData _display;                  // under the inner lock
     std::unique_ptr<Track::IcpBaseOnCam> _pIcp;
     std::unique_ptr<Track::ParticleTrack> _pParticle;
-    void* _featureRegistration = nullptr;  // held ready
-    void* _textureTracker = nullptr;       // held ready; null without a registered library
+    void* _featureRegistration = nullptr;               // held ready
+    std::unique_ptr<Track::IcpBaseOnCam> _pFeatureIcp;  // with the limits for features; null unless recovery is wanted
+    bool _isModelDescribed = false;                     // the feature registration holds the model as it is now
+    void* _textureTracker = nullptr;                    // held ready; null without a registered library
     bool _isValid = false;
 
     // Under the step lock.

@@ -76,6 +76,10 @@ float SessionParameters::normal_reach(float pointDis) const {
     return 3.0F * reach * std::max(pointDis, std::isfinite(common.rawPointDis) ? common.rawPointDis : 0.0F);
 }
 
+float SessionParameters::agreement_tolerance() const {
+    return std::max(track.icpDisFeature(0), 0.5F * fusion.pointDis);
+}
+
 std::optional<std::string> find_unusable(const CommonParameter& common, const TrackParmeter& track) {
     if (auto reason = first_about(check_common_parameter(common), {"imageSize", "sample", "campar"})) return reason;
     const Vector2i size = frame_size(common);
@@ -97,6 +101,7 @@ SessionParameters make_session_parameters(const CommonParameter& common, const T
     // Odd, so that the columns of the image take turns.
     parameters.particleStep = std::max(parameters.imageSize.prod() / PARTICLE_POINTS, 1) | 1;
     parameters.icpLimitNum = std::max(fusion.fusionLimitNum, fixed.icpLimitLowerBound);
+    parameters.icpLimitNumFeature = std::max(fusion.fusionLimitNumFeature, fixed.icpLimitLowerBound);
 
     replace("icpInterNumFixed", parameters.track.icpInterNumFixed, std::max(track.icpInterNumFixed, 0));
     FusionParameter& used = parameters.fusion;

@@ -27,13 +27,15 @@ struct FixedParameters {
 /// - particle tracker: icpParticleSize as the grid's step, `particle_gate`, the `particle...` values, the fixed ratio
 /// - feature registration: the radii 5, 10 and 20 in units of disUniform, 3 candidates
 /// - least number of valid points: fusionLimitNum, never below the fixed bound
+/// - recovery: icpDisFeature, icpDisAvgFeatureThread and icpRataRayFeature for its ICP, which is otherwise like the
+/// usual
+///   one; fusionLimitNumFeature, never below the fixed bound, as least number of valid points
 /// - prediction: `interval_factor`; normals from the rendered image with pixel step fusionDataSize(1) and
 ///   `normal_reach`; viewBox as nearest and farthest when the camera is exchanged
 /// - display: colorOnInvaildPoint
 /// - threads and debug output of all of them: codeNumSet, outputPath
 ///
-/// deviceTag, scanType, the colour camera, currPointOffsetShow and the settings named "...Feature..." are kept with the
-/// session and act on nothing in it.
+/// deviceTag, scanType, the colour camera and currPointOffsetShow are kept with the session and act on nothing in it.
 struct SessionParameters {
     CommonParameter common;
     TrackParmeter track;
@@ -43,6 +45,7 @@ struct SessionParameters {
     Vector2i imageSize;    ///< of a frame
     CameraInParam camera;  ///< of a frame
     int icpLimitNum;
+    int icpLimitNumFeature;  ///< of a frame that is found by its features, and of its prediction
 
     Vector2f icpKeepRatio{0.7F, 0.9F};  ///< share of correspondences kept in the first and in the fine iterations
     int particleIterations = 5;         ///< of the rough stage
@@ -60,6 +63,9 @@ struct SessionParameters {
     /// How far points may lie apart that make one normal of the prediction: three times the distance that neighbours
     /// of the window have on a surface seen from the front, so that slopes up to 70 degrees have normals.
     float normal_reach(float pointDis) const;
+    /// How far a point may lie from a surface that it shows, mm: the narrow gate after a feature alignment, and never
+    /// below half a voxel.
+    float agreement_tolerance() const;
 };
 
 /// Why no session can be made from the records: field and reason, in one line. What volume and trackers clamp or refuse

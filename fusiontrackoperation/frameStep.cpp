@@ -108,21 +108,24 @@ FrameOutcome FusionTrack::track_and_fuse(const char* function, const PointImage&
         return FrameOutcome::FirstFrame;
     }
 
-    if (!has_enough_prediction()) return FrameOutcome::EmptyPrediction;
-    set_up_tracking(frame);
-    find_coarse_pose();
-    if (!refine_pose()) return outcome_of(_pIcp->get_end());
-    if (!passes_speed_check(arguments.speedState)) return FrameOutcome::TooFast;
+    const std::optional<FrameOutcome> loss = find_pose(frame);
+    const bool isRecovered = loss && recover_pose(frame);
+    if (loss && !isRecovered) return *loss;
+    // A jump is what recovery is for.
+    if (isRecovered && arguments.speedState >= 0) arguments.speedState = 1;
+    if (!isRecovered && !passes_speed_check(arguments.speedState)) return FrameOutcome::TooFast;
 
     _lastFrameTimeGap = arguments.frameTimeGap;
     const RigidMatrix pose = append_pose(get_current_rt() * _relative);
-    const bool fuse = arguments.mayFuse && (arguments.fuseFlag || adds_enough(frame, pose, arguments.contribution));
+    const bool fuse =
+        !isRecovered && arguments.mayFuse && (arguments.fuseFlag || adds_enough(frame, pose, arguments.contribution));
     if (fuse) integrate_moving_image(pose);
 
     empty_prediction(frame);
     update_after_fusion();
     render_prediction(pose, true);
     arguments.elapsedMicroseconds = wholeStepTimer.microseconds();
+    if (isRecovered) return FrameOutcome::Recovered;
     return fuse ? FrameOutcome::Fused : FrameOutcome::TrackedOnly;
 }
 
@@ -376,6 +379,7 @@ bool FusionTrack::integrate_first(const PointImage& frame, const RigidMatrix& po
     if (isTaken && is_model_empty()) print_line("fail because no point of the first frame lies inside the volume");
     if (is_model_empty()) _volume.set_shift(shift);
     if (isTaken && !is_model_empty()) color_model(frame, pose);
+    _isModelDescribed = false;
     outer.unlock();
     inner.unlock();
     if (is_model_empty()) return false;
@@ -390,6 +394,16 @@ void FusionTrack::take_as_prediction(const PointImage& frame) {
 }
 
 // ---- tracking ---------------------------------------------------------------------------------------
+
+std::optional<FrameOutcome> FusionTrack::find_pose(const PointImage& frame) {
+    if (!has_enough_prediction()) return FrameOutcome::EmptyPrediction;
+    set_up_tracking(frame);
+    find_coarse_pose();
+    if (!refine_pose()) return outcome_of(_pIcp->get_end());
+    if (_pFeatureIcp && contradicts_prediction()) return FrameOutcome::Contradicted;
+    _stepState.relative = _relative;
+    return std::nullopt;
+}
 
 bool FusionTrack::has_enough_prediction() {
     const int valid = _mapPre.count_vaildNum();
@@ -427,7 +441,6 @@ bool FusionTrack::refine_pose() {
         print_line("icp false" + std::string(115, 'e') + " ");
         return false;
     }
-    _stepState.relative = _relative;
     return true;
 }
 
@@ -486,6 +499,7 @@ void FusionTrack::integrate_moving_image(const RigidMatrix& pose) {
         isTaken = _volume.fusion_one_frame_speckle_parallel(_movingImage, pose, _changedLeaves, true, false, nullptr);
         if (isTaken) color_model(_movingImage, pose);
     }
+    _isModelDescribed = false;
     if (isTaken) keep_frame(_movingImage, pose, 1);
     _stepState.times.integrate = stepTimer.milliseconds();
 }
@@ -507,15 +521,19 @@ void FusionTrack::update_after_fusion() {
 }
 
 void FusionTrack::render_prediction(const RigidMatrix& pose, bool guided) {
+    render_view(pose, guided, _mapPre);
+    _stepState.times.predict = stepTimer.milliseconds();
+}
+
+void FusionTrack::render_view(const RigidMatrix& pose, bool guided, PointImage& view) {
     const Fusion::RayCastNormals normals{true, _parameters.fusion.fusionDataSize(1),
                                          _parameters.normal_reach(_volume.get_pointDis())};
     {
         const std::lock_guard<std::mutex> outer(_outerMutex);
-        Fusion::rayCast(_volume, _lastFrame, pose, _mapPre, guided, _parameters.fusion.viewBox, normals,
+        Fusion::rayCast(_volume, _lastFrame, pose, view, guided, _parameters.fusion.viewBox, normals,
                         _parameters.interval_factor(_volume.get_fusionRange()));
     }
-    _mapPre.to_ori_coor();
-    _stepState.times.predict = stepTimer.milliseconds();
+    view.to_ori_coor();
 }
 
 }  // namespace VexelAlgorithm

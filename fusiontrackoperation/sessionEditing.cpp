@@ -76,6 +76,7 @@ void FusionTrack::edit_volume(const Change& change) {
         _display.update(_volume, _changedLeaves);
         isEmpty = _display.points().get_vn() == 0;
     }
+    _isModelDescribed = false;
     // Without anything left to track against the next frame begins anew.
     if (isEmpty) return forget_model();
     predict_anew();

@@ -39,6 +39,7 @@ bool FusionTrack::read_model(std::ifstream& in, const Vector3f& shift) {
     const std::lock_guard<std::mutex> outer(_outerMutex);
     const std::lock_guard<std::mutex> inner(_innerMutex);
     _volume.set_shift(shift);
+    _isModelDescribed = false;
     return read_project_volume(in, _volume, _leafColors) && read_project_display(in, _volume, _display);
 }
 

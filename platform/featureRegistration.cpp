@@ -11,6 +11,7 @@
 
 #include "foundation/diagnostics.h"
 #include "foundation/handle.h"
+#include "foundation/parallel.h"
 #include "platform/poseConsensus.h"
 #include "platform/sampledCloud.h"
 #include "platform/surfaceAlignment.h"
@@ -32,13 +33,21 @@ constexpr float FINE_GATE = 2.0F;
 constexpr float CONTACT_GATE = 1.2F;
 constexpr std::size_t COARSE_SAMPLES = 1000;
 constexpr int COARSE_ITERATIONS = 8;
+constexpr std::size_t FINE_SAMPLES = 3000;
 constexpr int FINE_ITERATIONS = 30;
+constexpr std::size_t MOST_ALIGNMENTS = 4;
+constexpr double SAME_ANGLE = 0.1;  // radians
+constexpr double SAME_POSITION = 4.0;
+constexpr float AMBIGUOUS = 0.95F;  // share of the best pose's samples that another one has too
 
 // Right poses of virtual and recorded scenes pass all of these. Most wrong ones fail at least one by far: residuals
 // from 0.45 spacings on, agreements below 0.15, or less than 1 sample as evidence.
 constexpr float LEAST_OVERLAP = 0.3F;
 constexpr float LEAST_AGREEING = 0.17F;  // of the features within the overlap
 constexpr int LEAST_MATCHES = 10;
+// Where nearly all of a cloud meets the other, and nothing can slide, few matches will do.
+constexpr float WHOLE_OVERLAP = 0.9F;
+constexpr double WHOLE_EVIDENCE = 50.0;
 constexpr double LARGEST_RESIDUAL = 0.4;  // spacings
 constexpr double LEAST_EVIDENCE = 5.0;    // samples
 
@@ -102,17 +111,54 @@ std::int64_t support(const Alignment& alignment) {
     return std::int64_t{alignment.agreeing} * alignment.contact.samples;
 }
 
-Alignment best_coarse_alignment(const DescribedCloud& ref, const DescribedCloud& obj,
-                                const std::vector<PoseHypothesis>& poses, float spacing) {
+std::size_t stride_for(const DescribedCloud& cloud, std::size_t samples) {
+    return (cloud.samples.size() + samples - 1) / samples;
+}
+
+/// Whether two poses are one, up to what an alignment still moves.
+bool is_same_pose(const RigidMatrix& a, const RigidMatrix& b, float spacing) {
+    const RigidMatrix difference = a.inverse() * b;
+    Vector3d axisAngle;
+    rodrigures(difference.get_rotation(), axisAngle);
+    return axisAngle.norm() < SAME_ANGLE && difference.get_translation().norm() < SAME_POSITION * spacing;
+}
+
+/// Roughly aligned, and of those that arrive at one pose the one with most support; at most `MOST_ALIGNMENTS`, best
+/// first.
+std::vector<Alignment> coarse_alignments(const DescribedCloud& ref, const DescribedCloud& obj,
+                                         const std::vector<PoseHypothesis>& poses, float spacing) {
     AlignmentSettings coarse{COARSE_GATE * spacing, FINE_GATE * spacing, COARSE_ITERATIONS};
-    coarse.stride = (obj.samples.size() + COARSE_SAMPLES - 1) / COARSE_SAMPLES;
-    Alignment best;
-    for (const PoseHypothesis& pose : poses) {
-        Alignment candidate{pose.objToRef, {}, pose.agreeing};
-        candidate.contact = align_surfaces(ref.samples, obj.samples, coarse, candidate.objToRef);
-        if (support(candidate) > support(best)) best = candidate;
+    coarse.stride = stride_for(obj, COARSE_SAMPLES);
+    std::vector<Alignment> candidates(poses.size());
+    parallel_ranges(default_thread_number(), poses.size(), 1, [&](std::size_t begin, std::size_t end) {
+        for (std::size_t i = begin; i < end; ++i) {
+            candidates[i] = {poses[i].objToRef, {}, poses[i].agreeing};
+            candidates[i].contact = align_surfaces(ref.samples, obj.samples, coarse, candidates[i].objToRef);
+        }
+    });
+    std::stable_sort(candidates.begin(), candidates.end(),
+                     [](const Alignment& a, const Alignment& b) { return support(a) > support(b); });
+    std::vector<Alignment> distinct;
+    for (const Alignment& candidate : candidates) {
+        const bool isKnown = std::any_of(distinct.begin(), distinct.end(), [&](const Alignment& known) {
+            return is_same_pose(known.objToRef, candidate.objToRef, spacing);
+        });
+        if (!isKnown && distinct.size() < MOST_ALIGNMENTS) distinct.push_back(candidate);
     }
-    return best;
+    return distinct;
+}
+
+void align_finely(const DescribedCloud& ref, const DescribedCloud& obj, float spacing,
+                  std::vector<Alignment>& alignments) {
+    AlignmentSettings fine{FINE_GATE * spacing, CONTACT_GATE * spacing, FINE_ITERATIONS};
+    fine.stride = stride_for(obj, FINE_SAMPLES);
+    const AlignmentSettings judged{CONTACT_GATE * spacing, CONTACT_GATE * spacing, 0};
+    parallel_ranges(default_thread_number(), alignments.size(), 1, [&](std::size_t begin, std::size_t end) {
+        for (std::size_t i = begin; i < end; ++i) {
+            align_surfaces(ref.samples, obj.samples, fine, alignments[i].objToRef);
+            alignments[i].contact = align_surfaces(ref.samples, obj.samples, judged, alignments[i].objToRef);
+        }
+    });
 }
 
 RigidMatrix in_cloud_coordinates(const RigidMatrix& objToRef, const SampledCloud& ref, const SampledCloud& obj) {
@@ -129,9 +175,19 @@ float overlap_of(const Alignment& alignment, const DescribedCloud& ref, const De
 bool is_convincing(const Alignment& alignment, const DescribedCloud& ref, const DescribedCloud& obj, float spacing) {
     const float overlap = overlap_of(alignment, ref, obj);
     const auto features = static_cast<float>(std::min(ref.features.size(), obj.features.size()));
-    return overlap >= LEAST_OVERLAP && static_cast<float>(alignment.agreeing) >= LEAST_AGREEING * overlap * features &&
+    const bool isWhole = overlap >= WHOLE_OVERLAP && alignment.contact.evidence >= WHOLE_EVIDENCE;
+    const float agreeing = isWhole ? 0.0F : LEAST_AGREEING * overlap * features;
+    return overlap >= LEAST_OVERLAP && static_cast<float>(alignment.agreeing) >= agreeing &&
            alignment.agreeing >= LEAST_MATCHES && alignment.contact.residual <= LARGEST_RESIDUAL * spacing &&
            alignment.contact.evidence >= LEAST_EVIDENCE;
+}
+
+/// A symmetric object, or too small a part of one, fits as well in another pose.
+bool is_ambiguous(const Alignment& best, const std::vector<Alignment>& alignments, float spacing) {
+    return std::any_of(alignments.begin(), alignments.end(), [&](const Alignment& other) {
+        return static_cast<float>(other.contact.samples) > AMBIGUOUS * static_cast<float>(best.contact.samples) &&
+               !is_same_pose(best.objToRef, other.objToRef, spacing);
+    });
 }
 
 RetVal register_clouds(const FeatureRegistration& registration, RigidMatrix& objToRef, FeatureAlignment& quality) {
@@ -148,12 +204,20 @@ RetVal register_clouds(const FeatureRegistration& registration, RigidMatrix& obj
     ConsensusSettings consensus;
     consensus.positionTolerance = MATCH_TOLERANCE * spacing;
     const std::vector<PoseHypothesis> poses = agreed_poses(ref.features, obj.features, matches, consensus);
-    Alignment best = best_coarse_alignment(ref, obj, poses, spacing);
-    best.contact = align_surfaces(ref.samples, obj.samples,
-                                  {FINE_GATE * spacing, CONTACT_GATE * spacing, FINE_ITERATIONS}, best.objToRef);
-
-    if (!is_convincing(best, ref, obj, spacing)) {
+    std::vector<Alignment> alignments = coarse_alignments(ref, obj, poses, spacing);
+    align_finely(ref, obj, spacing, alignments);
+    alignments.erase(std::remove_if(alignments.begin(), alignments.end(),
+                                    [&](const Alignment& a) { return !is_convincing(a, ref, obj, spacing); }),
+                     alignments.end());
+    if (alignments.empty()) {
         print_line("pair_lrf_cue_compute_registration failed: no pose is supported by enough of both clouds");
+        return RET_NOT_CONVERGED;
+    }
+    const Alignment best =
+        *std::max_element(alignments.begin(), alignments.end(),
+                          [](const Alignment& a, const Alignment& b) { return a.contact.samples < b.contact.samples; });
+    if (is_ambiguous(best, alignments, spacing)) {
+        print_line("pair_lrf_cue_compute_registration failed: the clouds fit in more than one pose");
         return RET_NOT_CONVERGED;
     }
     objToRef = in_cloud_coordinates(best.objToRef, ref.samples, obj.samples);

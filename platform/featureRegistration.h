@@ -43,9 +43,9 @@ VEXEL_API RetVal pair_lrf_cue_set_obj_cloud(void* handle, const Cloud& cloud) no
 
 /// Finds the motion that takes the object's coordinates to the reference's, from features that look alike and the
 /// surfaces that then meet. `RET_NOT_CONVERGED`, with one line, when no pose is supported by enough of both, less than
-/// three tenths of the smaller cloud meet, or the surfaces that meet can slide, as planes and spheres do;
-/// `RET_STATE_ERROR`, with one line, while a cloud is missing; `RET_INI_ERROR` for a null handle. The outputs are
-/// written on success only.
+/// three tenths of the smaller cloud meet, the surfaces that meet can slide, as planes and spheres do, or another pose
+/// fits as well; `RET_STATE_ERROR`, with one line, while a cloud is missing; `RET_INI_ERROR` for a null handle. The
+/// outputs are written on success only.
 VEXEL_API RetVal pair_lrf_cue_compute_registration(void* handle, RigidMatrix& objToRef,
                                                    FeatureAlignment& alignment) noexcept;
 

@@ -12,7 +12,7 @@ using Matrix6d = Eigen::Matrix<double, 6, 6>;
 using Vector6d = Eigen::Matrix<double, 6, 1>;
 
 constexpr float LEAST_NORMAL_COSINE = 0.8F;
-constexpr double CONVERGED = 1e-5;  // length of the step, in gates
+constexpr double CONVERGED = 1e-4;  // length of the step, in gates
 constexpr double DAMPING = 1e-6;
 constexpr int LEAST_SAMPLES = 20;
 
@@ -83,7 +83,7 @@ SurfaceContact align_surfaces(const SampledCloud& ref, const SampledCloud& obj, 
                               RigidMatrix& objToRef) {
     const double arm = extent(obj);
     const float shrink =
-        std::pow(settings.gateEnd / settings.gateBegin, 2.0F / static_cast<float>(settings.iterations));
+        std::pow(settings.gateEnd / settings.gateBegin, 2.0F / static_cast<float>(std::max(settings.iterations, 1)));
     float gate = settings.gateBegin;
     for (int i = 0; i < settings.iterations; ++i) {
         const NormalEquations equations = linearise(ref, obj, objToRef, gate, settings.stride, arm);

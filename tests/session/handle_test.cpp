@@ -49,6 +49,7 @@ TEST(NullHandle, EveryFunctionSaysItsLineAndFails) {
         {"set_icpStableThreadhold", [&] { return set_icpStableThreadhold(none, 1); }},
         {"set_icpKeepRatio", [&] { return set_icpKeepRatio(none, shares); }},
         {"set_track_speed_threshold", [&] { return set_track_speed_threshold(none, 1, 1); }},
+        {"set_feature_recovery", [&] { return set_feature_recovery(none, true); }},
         {"fusion_set_fusionrange", [&] { return fusion_set_fusionrange(none, 5); }, RET_INPUT_ERROR},
         {"set_campar", [&] { return set_campar(none, camera); }},
         {"set_treeShift", [&] { return set_treeShift(none, low); }},

@@ -8,7 +8,7 @@
 #include "foundation/diagnosticsCallBack.h"
 #include "trials/kidnapping.h"
 
-using namespace VexelTest;
+using namespace VexelTrial;
 
 namespace {
 

@@ -9,7 +9,7 @@
 #include "simulation/primitives.h"
 #include "simulation/scenes.h"
 
-namespace VexelTest {
+namespace VexelTrial {
 
 using namespace VexelAlgorithm;
 
@@ -217,4 +217,4 @@ KidnapTally kidnap_elsewhere(const KidnapScene& scene, const KidnapScene& elsewh
     return tally;
 }
 
-}  // namespace VexelTest
+}  // namespace VexelTrial

@@ -7,7 +7,7 @@
 
 #include "simulation/Sequence.h"
 
-namespace VexelTest {
+namespace VexelTrial {
 
 /// A virtual scan of which the session sees the first frames, and is then carried off to other places.
 struct KidnapScene {
@@ -42,4 +42,4 @@ KidnapTally kidnap(const KidnapScene& scene, int trials, int first, int last, st
 /// The same with the views of another scene: whatever is accepted is wrong.
 KidnapTally kidnap_elsewhere(const KidnapScene& scene, const KidnapScene& elsewhere, int trials, std::uint64_t seed);
 
-}  // namespace VexelTest
+}  // namespace VexelTrial

@@ -9,6 +9,7 @@ namespace VexelAlgorithm {
 namespace {
 
 using namespace VexelTest;
+using namespace VexelTrial;
 
 TEST(Recovery, AScannerThatWasCarriedOffIsFoundWhereItIsAndNowhereElse) {
     const struct {

@@ -3,7 +3,7 @@
 #include <cstdio>
 #include <filesystem>
 
-#include "algorithmQorInclude.h"
+#include "examples/virtualScanner.h"
 #include "simulation/colorImages.h"
 
 using namespace VexelAlgorithm;
@@ -14,24 +14,11 @@ constexpr int FrameCount = 8;
 
 /// A real scanner's colour camera comes from its calibration: colorImagePar from `CaliParReadIn::get_color_K`,
 /// tranLeftToColor from `get_rectified_to_color`; its images must be freed of lens distortion before.
-FusionParameter fusion_parameter(const Simulation::Sequence& camera) {
-    FusionParameter fusion;
-    fusion.pointDis = 2.0F;
-    fusion.treeDepth = 10;
-    fusion.codeNumSet = 2;
+FusionParameter coloured_fusion(const Simulation::Sequence& camera) {
+    FusionParameter fusion = fusion_parameter();
     fusion.colorOnInvaildPoint = {0.5F, 0.5F, 0.5F};
     Simulation::add_color_camera(camera, fusion);
     return fusion;
-}
-
-CommonParameter common_parameter(const Simulation::Sequence& camera, const FusionParameter& fusion) {
-    CommonParameter common;
-    common.imageSize = {camera.width, camera.height};
-    common.colorImageSize = fusion.colorImageSize;
-    common.campar = camera.camera;
-    common.sample = 1;
-    common.rawPointDis = 1.6F;
-    return common;
 }
 
 bool scan(void* session, const Simulation::Sequence& camera, const FusionParameter& fusion) {
@@ -68,13 +55,12 @@ bool write(const BaseTriMesh& mesh) {
 }  // namespace
 
 int main() {
-    Simulation::SequenceSettings settings;
-    settings.width = 160;
-    settings.height = 128;
-    const auto camera = Simulation::make_sequence("smooth", settings);
+    const auto camera = virtual_scanner();
     if (!camera) return 1;
-    const FusionParameter fusion = fusion_parameter(*camera);
-    void* session = fusion_and_track_ini(common_parameter(*camera, fusion), TrackParmeter(), fusion);
+    const FusionParameter fusion = coloured_fusion(*camera);
+    CommonParameter common = common_parameter(*camera);
+    common.colorImageSize = fusion.colorImageSize;
+    void* session = fusion_and_track_ini(common, TrackParmeter(), fusion);
     if (session == nullptr) return 1;
     BaseTriMesh mesh;
     const bool isDone = scan(session, *camera, fusion) && get_fusion_result_tbb(session, 0.0F, mesh) == RET_SUCCESS;

@@ -5,25 +5,11 @@
 #include <fstream>
 #include <vector>
 
-#include "algorithmQorInclude.h"
-#include "simulation/Sequence.h"
+#include "examples/virtualScanner.h"
 
 using namespace VexelAlgorithm;
 
 namespace {
-
-void* make_session(const Simulation::Sequence& camera) {
-    CommonParameter common;
-    common.imageSize = {camera.width, camera.height};
-    common.campar = camera.camera;
-    common.sample = 1;
-    common.rawPointDis = 1.6F;
-    FusionParameter fusion;
-    fusion.pointDis = 2.0F;
-    fusion.treeDepth = 10;
-    fusion.codeNumSet = 2;
-    return fusion_and_track_ini(common, TrackParmeter(), fusion);
-}
 
 bool scan(void* session, const Simulation::Sequence& camera, int begin, int end) {
     for (int i = begin; i < end; ++i) {
@@ -87,11 +73,9 @@ bool run(void* session, const Simulation::Sequence& camera) {
 }  // namespace
 
 int main() {
-    Simulation::SequenceSettings settings;
-    settings.width = 160;
-    settings.height = 128;
-    const auto camera = Simulation::make_sequence("smooth", settings);
-    void* session = camera ? make_session(*camera) : nullptr;
+    const auto camera = virtual_scanner();
+    if (!camera) return 1;
+    void* session = fusion_and_track_ini(common_parameter(*camera), TrackParmeter(), fusion_parameter());
     if (session == nullptr) return 1;
     const bool isDone = run(session, *camera);
     fusiontrack_release(session);

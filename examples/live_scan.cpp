@@ -5,8 +5,7 @@
 #include <future>
 #include <thread>
 
-#include "algorithmQorInclude.h"
-#include "simulation/Sequence.h"
+#include "examples/virtualScanner.h"
 
 using namespace VexelAlgorithm;
 
@@ -52,19 +51,6 @@ void on_illegal_input(FusionparallelInputData* data) {
     application_of(data).count(application_of(data).rejected);
 }
 
-void* make_session(const Simulation::Sequence& camera) {
-    CommonParameter common;
-    common.imageSize = {camera.width, camera.height};
-    common.campar = camera.camera;
-    common.sample = 1;
-    common.rawPointDis = 1.6F;
-    FusionParameter fusion;
-    fusion.pointDis = 2.0F;
-    fusion.treeDepth = 10;
-    fusion.codeNumSet = 2;
-    return fusion_and_track_ini(common, TrackParmeter(), fusion);
-}
-
 /// The thread of the camera. A camera that cannot wait would leave `waitMilliseconds` at 0 and look at the result: a
 /// frame that is refused is simply not part of the scan.
 bool scan(void* session, const Simulation::Sequence& camera, Application& application) {
@@ -83,11 +69,9 @@ bool scan(void* session, const Simulation::Sequence& camera, Application& applic
 }  // namespace
 
 int main() {
-    Simulation::SequenceSettings settings;
-    settings.width = 160;
-    settings.height = 128;
-    const auto camera = Simulation::make_sequence("smooth", settings);
-    void* session = camera ? make_session(*camera) : nullptr;
+    const auto camera = virtual_scanner();
+    if (!camera) return 1;
+    void* session = fusion_and_track_ini(common_parameter(*camera), TrackParmeter(), fusion_parameter());
     if (session == nullptr) return 1;
     set_fusion_success_call_back(session, on_success);
     set_fusion_fail_call_back(session, on_fail);

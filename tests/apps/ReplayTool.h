@@ -2,6 +2,7 @@
 #pragma once
 
 #include "ToolTest.h"
+#include "foundation/DataArchiveConfig.h"
 
 namespace VexelTest {
 
@@ -18,6 +19,16 @@ protected:
                                          std::to_string(threads) + " --debug-recording @/debug");
         EXPECT_TRUE(holds(tracked.output, "Opened testbug file: "));
         return bytes_of(path("debug/testbug-000001.tb"));
+    }
+    /// What `scan()` does in this process is recorded to testbug-000001.tb.
+    template <class Scan>
+    void record(const Scan& scan) const {
+        auto& config = VexelAlgorithm::DataArchiveConfig::global();
+        config.set_store_directory(path("").string());
+        config.set_archive_enabled(true);
+        config.set_testbug_enabled(true);
+        scan();
+        config.set_archive_enabled(false);
     }
     ToolRun replay(const std::string& bytes, const std::string& options = "") const {
         put_bytes(path("file.tb"), bytes);

@@ -46,11 +46,7 @@ TEST_F(ReplayTool, RepeatsARecordedScanToTheLastBit) {
 
 TEST_F(ReplayTool, RepeatsColouredFramesAndWritesTheirColours) {
     using namespace VexelAlgorithm;
-    DataArchiveConfig& config = DataArchiveConfig::global();
-    config.set_store_directory(path("").string());
-    config.set_archive_enabled(true);
-    config.set_testbug_enabled(true);
-    {
+    record([&] {
         Scan scan("smooth", 80);
         Simulation::add_color_camera(scan.sequence, scan.records.fusion);
         Session session(scan.records);
@@ -64,8 +60,7 @@ TEST_F(ReplayTool, RepeatsColouredFramesAndWritesTheirColours) {
         }
         write_mesh(path("expected.ply").string(), session.mesh(),
                    MESH_WRITE_BINARY | MESH_WRITE_VERTEX_NORMAL | MESH_WRITE_VERTEX_COLOR, 7);
-    }
-    config.set_archive_enabled(false);
+    });
     const ToolRun same = run("replay @/testbug-000001.tb --out @/again");
     EXPECT_EQ(same.exitCode, 0) << same.errors;
     expect_in("4 frames, 4 compared, 0 with differences", same);
@@ -75,11 +70,7 @@ TEST_F(ReplayTool, RepeatsColouredFramesAndWritesTheirColours) {
 
 TEST_F(ReplayTool, RepeatsEditsBetweenFrames) {
     using namespace VexelAlgorithm;
-    DataArchiveConfig& config = DataArchiveConfig::global();
-    config.set_store_directory(path("").string());
-    config.set_archive_enabled(true);
-    config.set_testbug_enabled(true);
-    {
+    record([&] {
         const Scan scan("smooth", 80);
         Session session(scan.records);
         int next = 0;
@@ -100,8 +91,7 @@ TEST_F(ReplayTool, RepeatsEditsBetweenFrames) {
         EXPECT_EQ(delete_key_frame(session, 1), RET_SUCCESS);
         EXPECT_EQ(fusion_single_frame_filtering_using_tsdf(session, 4, 0.5F), RET_SUCCESS);
         step();
-    }
-    config.set_archive_enabled(false);
+    });
     const ToolRun same = run("replay @/testbug-000001.tb");
     EXPECT_EQ(same.exitCode, 0) << same.errors;
     expect_in("7 frames, 7 compared, 0 with differences", same);

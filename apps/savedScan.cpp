@@ -74,9 +74,14 @@ Outcome<Done> prepare_to_save(const fs::path& project) {
 Outcome<Done> save_scan(void* session, const ScanSettings& settings, const fs::path& project) {
     get_show_data(session);
     const std::string title = "Settings of the scan in " + project.filename().string();
-    const Outcome<Done> written = write_whole_file(settings_beside(project), settings_text(settings, title));
-    if (!written) return written;
-    return write_streamed_file(project, [session](std::ofstream& out) { return save_project(session, out); });
+    Outcome<Done> described = Done{};
+    // The settings take their place when the project has only to be moved: an older one keeps its own until then.
+    const Outcome<Done> written = write_streamed_file(project, [&](std::ofstream& out) {
+        if (!save_project(session, out) || !out.flush()) return false;
+        described = write_whole_file(settings_beside(project), settings_text(settings, title));
+        return static_cast<bool>(described);
+    });
+    return described ? written : described;
 }
 
 Outcome<Done> load_scan(void* session, const ScanSettings& settings, const fs::path& project) {

@@ -26,8 +26,8 @@ struct ScanOptions {
     std::string resumedProject;  ///< which scan goes on; empty for a new one
     TruthOptions truth;
 };
-/// Adds --out, --preset, --settings, --dump-settings, --threads, --recover, --format, --debug-recording, --save-project, --resume
-/// and those of the comparison. The preset is what `options` says until another is given.
+/// Adds --out, --preset, --settings, --dump-settings, --threads, --recover, --format, --debug-recording, --save-project,
+/// --resume and those of the comparison. The preset is what `options` says until another is given.
 void add_scan_options(CLI::App& command, ScanOptions& options, const std::string& outContent);
 
 /// The preset, changed by the recording's file, if there is one, and then by that of the options, or else by what was

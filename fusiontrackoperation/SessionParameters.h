@@ -28,8 +28,7 @@ struct FixedParameters {
 /// - feature registration: the radii 5, 10 and 20 in units of disUniform, 3 candidates
 /// - least number of valid points: fusionLimitNum, never below the fixed bound
 /// - recovery: icpDisFeature, icpDisAvgFeatureThread and icpRataRayFeature for its ICP, which is otherwise like the
-/// usual
-///   one; fusionLimitNumFeature, never below the fixed bound, as least number of valid points
+///   usual one; fusionLimitNumFeature, never below the fixed bound, as least number of valid points
 /// - prediction: `interval_factor`; normals from the rendered image with pixel step fusionDataSize(1) and
 ///   `normal_reach`; viewBox as nearest and farthest when the camera is exchanged
 /// - display: colorOnInvaildPoint

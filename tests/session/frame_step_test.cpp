@@ -198,17 +198,5 @@ TEST(FrameStep, OnlyTrackAndOnlyFuse) {
     EXPECT_LT(pose_error(poses[0] * scan.sequence.pose_in_model(3), get_current_rt(given)).x(), 0.5);
 }
 
-TEST(FrameStep, AFrameMovedByItsPoseIsBroughtBack) {
-    const Scan scan("smooth");
-    Session session(scan.records), moved(scan.records);
-    for (int i = 0; i < 3; ++i) {
-        PointImage frame = scan.frame(i);
-        ASSERT_TRUE(session.step(frame));
-        frame.rigid_transformation(scan.sequence.poses[static_cast<std::size_t>(i)]);
-        ASSERT_TRUE(moved.step(frame));
-    }
-    EXPECT_LT(pose_error(get_current_rt(session), get_current_rt(moved)).x(), 1e-2);
-}
-
 }  // namespace
 }  // namespace VexelAlgorithm

@@ -140,7 +140,9 @@ TEST(Color, FormsOfTheImageAndOfTheCallGiveTheSameColours) {
                             image.bytes[y * image.row_bytes() + k / 3 * 3 + 2 - k % 3];
                 }
                 image = padded;
-                frame.point.rigid_transformation(scan.sequence.pose_in_model(4));  // which the step takes back
+                // Moved by a pose, which is taken back.
+                frame.point.rigid_transformation(scan.sequence.pose_in_model(4));
+                frame.point.to_ori_coor();
                 frame.point.enable_vColor();
             }
             ASSERT_TRUE(step(session, frame));
@@ -240,7 +242,10 @@ TEST(Color, BadImagesChangeNothing) {
         {"none", {}, does_not_fit},
         {"no bytes", {160, 128, {}}, does_not_fit},
         {"a byte less", {160, 128, std::vector<std::uint8_t>(3 * 160 * 128 - 1)}, does_not_fit},
+        {"a byte more", {160, 128, std::vector<std::uint8_t>(3 * 160 * 128 + 1)}, does_not_fit},
+        {"rows too short", {160, 128, good.color.bytes, 479}, does_not_fit},
         {"negative stride", {160, 128, good.color.bytes, -480}, does_not_fit},
+        {"negative size", {-160, -128, good.color.bytes}, does_not_fit},
         {"huge", {2147483647, 2147483647, good.color.bytes, 2147483647}, does_not_fit},
         {"unknown order", {160, 128, good.color.bytes, 0, static_cast<ColorOrder>(7)}, does_not_fit},
         {"another size", {2, 1, std::vector<std::uint8_t>(6)}, other_size},
@@ -262,6 +267,14 @@ TEST(Color, BadImagesChangeNothing) {
         EXPECT_EQ(session.state().outcome, FrameOutcome::BadFrame);
         EXPECT_EQ(session.state().acceptedFrames, 1);
     }
+    // A bad frame with a good image is told from the frame.
+    PointImage small;
+    small.ini(4, 4, scan.sequence.camera, 1, Vector2f::Zero());
+    small.enable_vNormal(), small.enable_vWeight(), small.enable_vFlag();
+    EXPECT_EQ(printed([&] {
+                  EXPECT_FALSE(step(session, {small, good.color}));
+              }),
+              can_not("fusion_and_track", "the frame has 4 x 4 pixels and the session 80 x 64"));
     EXPECT_TRUE(session.bytes() == bytes);
     EXPECT_TRUE(step(session, good));
 
@@ -276,6 +289,14 @@ TEST(Color, BadImagesChangeNothing) {
     Session broken(records);
     EXPECT_EQ(printed([&] { EXPECT_FALSE(step(broken, good)); }),
               can_not("fusion_and_track", "the session's colour camera is not usable"));
+    // Any numbers as usable region.
+    for (const int extreme : {-2147483647, 2147483647}) {
+        records = scan.records;
+        records.fusion.colorImageRange.setConstant(extreme);
+        Session blind(records);
+        EXPECT_TRUE(step(blind, good));
+        EXPECT_FALSE(blind.mesh().is_enable_vColor());
+    }
     // Colours that no image gives: of slots, far out of range.
     PointImage frame = good.point;
     frame.enable_vColor();

@@ -47,6 +47,20 @@ RigidMatrix motion(const Vector3d& translation, const Vector3d& degrees) {
     return {rotation, translation};
 }
 
+// The tracker's own test goes over the whole grid of what the particles reach.
+TEST(VirtualSequence, JumpsWithinTheParticlesReachAreTracked) {
+    const Scan scan = object_scan("smooth");
+    const double size = double{scan.records.track.icpParticleSize};
+    for (const RigidMatrix& jump :
+         {motion({2 * size, 2 * size, 0}, {2, 0, 0}), motion({size, -size, 0}, {0, 2, -15})}) {
+        Session session(scan.records);
+        ASSERT_TRUE(session.step(scan.frame(0)));
+        EXPECT_TRUE(session.step(Simulation::frame_from(scan.sequence, scan.sequence.poses.front() * jump, 1)));
+        const Vector2d error = pose_error(jump, get_current_rt(session));
+        EXPECT_TRUE(error.x() < 1.0 && error.y() < 0.15) << "off by " << error.transpose();
+    }
+}
+
 TEST(VirtualSequence, FramesFromElsewhereAreRefusedAndChangeNothing) {
     const Scan scan = object_scan("smooth");
     Session session(scan.records);

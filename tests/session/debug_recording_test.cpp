@@ -178,38 +178,25 @@ TEST_F(DebugRecording, FramesLoseNothing) {
 
 TEST_F(DebugRecording, AnEditIsWrittenOnce) {
     const EditRecord first{"delete_single_frame_point_tbb", {{{1, 2, 3}, {4, 5, 6}}, {7}}, {RigidMatrix()}};
-    const EditRecord second{"delete_selected_point", {{}, {8, 9}}, {}};
-    const std::string start = "fusion_and_track_ini ", one = first.name + ' ', two = second.name + ' ';
-    const auto names = [&] { return read(bytes_of(file())).names(); };
+    const std::string start = "fusion_and_track_ini ", one = first.name + ' ';
     {
         Session session(tiny.records);
-        auto& recorder = recorder_of(session);
-        const auto write = [&] {
+        recorder_of(session).edit(first);
+        for (const bool isOn : {false, true, true}) {
+            config().set_testbug_enabled(isOn);
             EXPECT_EQ(edit_testbug_write(session), RET_SUCCESS);
-            return names();
-        };
-        EXPECT_EQ(write(), start);
-        recorder.edit(first);
-        config().set_testbug_enabled(false);
-        EXPECT_EQ(write(), start) << "it waits, and one flag is not enough";
-        config().set_testbug_enabled(true);
-        EXPECT_EQ(write(), start + one);
-        EXPECT_EQ(write(), start + one) << "once";
-        recorder.edit(second);
-        recorder.edit(first);
-        EXPECT_EQ(names(), start + one + two) << "in their order";
+            EXPECT_EQ(read(bytes_of(file())).names(), start + (isOn ? one : "")) << "once";
+        }
+        recorder_of(session).edit(first);
         session.step(tiny.frame(0));
-        recorder.edit(second);
     }
     const Recorded recorded = read(bytes_of(file()));
-    EXPECT_EQ(recorded.names(), start + one + two + one + "fusion_and_track result " + two + "fusiontrack_release ");
+    EXPECT_EQ(recorded.names(), start + one + one + "fusion_and_track result fusiontrack_release ");
     const EditRecord found = recorded.all<EditRecord>().at(0);
     EXPECT_EQ(recorded.records[1].property, "AccumalateFusionEditData");
     EXPECT_EQ(recorded.records[1].entries.at(0).name + recorded.records[1].entries.at(1).name, "datasrts");
     EXPECT_TRUE(found.datas.points == first.datas.points && found.datas.ids == first.datas.ids &&
                 found.rts.size() == 1);
-    EXPECT_EQ(printed([] { EXPECT_EQ(edit_testbug_write(nullptr), RET_INI_ERROR); }),
-              can_not("edit_testbug_write", "pFusionTrack = NULL"));
 }
 
 TEST_F(DebugRecording, OnlyWhileBothFlagsAreSet) {
@@ -290,9 +277,6 @@ TEST_F(DebugRecording, AFileThatCannotBeWrittenCostsOneLine) {
     const auto full = run();
     setrlimit(RLIMIT_FSIZE, &unlimited);
     EXPECT_EQ(full, std::pair(good, true));
-    const Recorded recorded = read(bytes_of(file(2)));
-    EXPECT_EQ(recorded.end, Read::Cut);
-    EXPECT_GE(recorded.records.size(), 3U);
 #endif
 }
 

@@ -158,37 +158,22 @@ TEST(NonRigid, AFieldIsKeptForTheModelThatItFits) {
     }
 }
 
-TEST(MotionTextureNonRigid, RefuseNullHandlesAndWhatIsNotThere) {
+TEST(MotionAndTexture, RefuseNullHandlesAndWhatIsNotThere) {
     const Scan scan("smooth", 80);
     const Session session(scan.records);
-    RigidMatrix pose, broken(2.0 * Matrix3d::Identity(), Vector3d::Zero());
+    RigidMatrix pose;
+    const RigidMatrix broken(2.0 * Matrix3d::Identity(), Vector3d::Zero());
     std::vector<Vector2f> features;
-    struct Case {
-        const char* name;
-        std::function<int(void*)> call;
-        int onNull, onSession;
-        const char* reason;
-    };
-    const char *const noRigid = "the pose is not a rigid motion", *const noTracker = "no texture tracker is linked";
-    constexpr int kNull = RET_INI_ERROR, kState = RET_STATE_ERROR;
-    const Case cases[] = {
-        {"is_uniform_motion", [&](void* h) { return is_uniform_motion(h, broken); }, 0, 0, noRigid},
-        {"is_rotation_inversed", [&](void* h) { return is_rotation_inversed(h, broken); }, 0, 0, noRigid},
-        {"is_need_seq_rebuild", [&](void* h) { return is_need_seq_rebuild(h, broken); }, 0, 0, noRigid},
-        {"texture_pre_scan", [&](void* h) { return texture_pre_scan(h, {}, {}, pose); }, kNull, kState, noTracker},
-        {"get_feature_frame", [&](void* h) { return get_feature_frame(h, {}, features); }, kNull, kState, noTracker},
-        {"set_key_frame", [&](void* h) { return set_key_frame(h, pose); }, kNull, kState, noTracker},
-        {"is_feature_aline_right", [&](void* h) { return is_feature_aline_right(h, pose); }, 0, 0, noTracker},
-        {"set_nonrigid_refmodel", [&](void* h) { return set_nonrigid_refmodel(h, {}); }, kNull, 0, nullptr},
-        {"set_nonrigid_field", [&](void* h) { return set_nonrigid_field(h, {}); }, kNull, 0, nullptr},
-        {"is_nonrigid_fileld_empty", [&](void* h) { return is_nonrigid_fileld_empty(h); }, 1, 1, nullptr},
-    };
-    for (const Case& c : cases) {
-        SCOPED_TRACE(c.name);
-        EXPECT_EQ(printed([&] { EXPECT_EQ(c.call(nullptr), c.onNull); }), can_not(c.name, "pFusionTrack = NULL"));
-        EXPECT_EQ(printed([&] { EXPECT_EQ(c.call(session), c.onSession); }),
-                  c.reason == nullptr ? "" : can_not(c.name, c.reason));
-    }
+    const std::string noRigid = "the pose is not a rigid motion", noTracker = "no texture tracker is linked";
+    expect_refused(session, {
+                                REFUSED(is_uniform_motion, noRigid, broken).giving(false, false),
+                                REFUSED(is_rotation_inversed, noRigid, broken).giving(false, false),
+                                REFUSED(is_need_seq_rebuild, noRigid, broken).giving(false, false),
+                                REFUSED(is_feature_aline_right, noTracker, pose).giving(false, false),
+                                REFUSED(texture_pre_scan, noTracker, {}, {}, pose).giving(RET_STATE_ERROR),
+                                REFUSED(get_feature_frame, noTracker, {}, features).giving(RET_STATE_ERROR),
+                                REFUSED(set_key_frame, noTracker, pose).giving(RET_STATE_ERROR),
+                            });
 }
 
 }  // namespace

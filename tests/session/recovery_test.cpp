@@ -29,14 +29,6 @@ TEST(Recovery, AScannerThatWasCarriedOffIsFoundWhereItIsAndNowhereElse) {
     }
 }
 
-TEST(Recovery, WhatTheModelDoesNotHaveIsNotFound) {
-    KidnapTally tally;
-    const KidnapScene scene = scene_on_arc("owl_on_table", 40, 10), elsewhere = scene_on_arc("blocks", 40, 0);
-    printed([&] { tally = kidnap_elsewhere(scene, elsewhere, 2, 2); });
-    EXPECT_EQ(tally.found + tally.wrong + tally.wrongByTracking, 0);
-    EXPECT_EQ(tally.frames, 2 * KIDNAP_FRAMES);
-}
-
 /// A scan of the blocks and a view of them from the other end of the path.
 struct Kidnapped {
     Kidnapped() : scan("smooth"), session(scan.records) {

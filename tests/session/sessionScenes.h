@@ -89,9 +89,12 @@ private:
 /// A call on a handle that is refused with one line.
 struct RefusedCall {
     const char* name;
-    std::function<RetVal(void*)> call;
+    std::function<int(void*)> call;
     std::string reason;
-    RetVal result = RET_INPUT_ERROR;
+    int result = RET_INPUT_ERROR, onNull = RET_INI_ERROR;
+    RefusedCall giving(int otherResult, int otherOnNull = RET_INI_ERROR) const {
+        return {name, call, reason, otherResult, otherOnNull};
+    }
 };
 /// The call `function(handle, ...)`.
 #define REFUSED(function, reason, ...)                                       \
@@ -104,7 +107,7 @@ inline void expect_refused(void* session, const std::vector<RefusedCall>& calls)
     for (const RefusedCall& c : calls) {
         SCOPED_TRACE(c.name);
         EXPECT_EQ(printed([&] { EXPECT_EQ(c.call(session), c.result); }), can_not(c.name, c.reason));
-        EXPECT_EQ(printed([&] { EXPECT_EQ(c.call(nullptr), RET_INI_ERROR); }), can_not(c.name, "pFusionTrack = NULL"));
+        EXPECT_EQ(printed([&] { EXPECT_EQ(c.call(nullptr), c.onNull); }), can_not(c.name, "pFusionTrack = NULL"));
     }
 }
 

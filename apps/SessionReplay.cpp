@@ -84,9 +84,7 @@ bool is_same(const RigidMatrix& a, const RigidMatrix& b) {
 double parting(const RigidMatrix& a, const RigidMatrix& b) {
     if (is_same(a, b)) return 0.0;  // and not what rounding makes of it
     const RigidMatrix difference = a.inverse() * b;
-    Vector3d axisAngle;
-    rodrigures(difference.get_rotation(), axisAngle);
-    return difference.get_translation().norm() + SessionReplay::LEVER * axisAngle.norm();
+    return difference.get_translation().norm() + SessionReplay::LEVER * rotation_angle(difference);
 }
 
 /// What is not the same, in words; empty when all is.

@@ -80,6 +80,12 @@ void rodrigures(const Matrix3d& rotation, Vector3d& axisAngle) {
     axisAngle = sineOfHalf > 0.0 ? Vector3d(sign * angle / sineOfHalf * quaternion.vec()) : Vector3d::Zero();
 }
 
+double rotation_angle(const RigidMatrix& motion) {
+    Vector3d axisAngle;
+    rodrigures(motion.get_rotation(), axisAngle);
+    return axisAngle.norm();
+}
+
 void rigidMatrix_regularization(RigidMatrix& rt) {
     Vector3d axisAngle;
     Matrix3d rotation;

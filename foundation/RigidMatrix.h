@@ -65,6 +65,8 @@ VEXEL_API void rodrigures(const Vector3d& axisAngle, Matrix3d& rotation);
 /// Rotation matrix to axis-angle vector, angle in [0, pi]. A matrix that is nearly a rotation yields the
 /// vector of the rotation closest to it; one with a value that is not finite yields a vector of NaN.
 VEXEL_API void rodrigures(const Matrix3d& rotation, Vector3d& axisAngle);
+/// The length of that vector: the angle of a motion's rotation, radians.
+VEXEL_API double rotation_angle(const RigidMatrix& motion);
 
 /// Re-orthonormalises the rotation by a round trip through its axis-angle vector.
 VEXEL_API void rigidMatrix_regularization(RigidMatrix& rt);

@@ -14,12 +14,6 @@ double translation_of(const RigidMatrix& step) {
     return step.get_translation().norm();
 }
 
-double angle_of(const RigidMatrix& step) {
-    Vector3d axisAngle;
-    rodrigures(step.get_rotation(), axisAngle);
-    return axisAngle.norm();
-}
-
 /// In model coordinates, so that turns at different poses can be compared.
 Vector3d turn_between(const RigidMatrix& from, const RigidMatrix& to) {
     Vector3d axisAngle;
@@ -43,7 +37,7 @@ bool is_uniform_motion(const std::vector<RigidMatrix>& history, const RigidMatri
     const RigidMatrix next = step_between(history.back(), pose);
     const RigidMatrix difference = step_between(last, next);
     return translation_of(difference) <= tolerance(translation_of(last), translation_of(next), UNIFORM_TRANSLATION) &&
-           angle_of(difference) <= tolerance(angle_of(last), angle_of(next), UNIFORM_ANGLE);
+           rotation_angle(difference) <= tolerance(rotation_angle(last), rotation_angle(next), UNIFORM_ANGLE);
 }
 
 bool is_rotation_inversed(const std::vector<RigidMatrix>& history, const RigidMatrix& pose) {
@@ -62,7 +56,7 @@ bool is_rotation_inversed(const std::vector<RigidMatrix>& history, const RigidMa
 bool is_need_seq_rebuild(const std::vector<RigidMatrix>& history, const RigidMatrix& pose) {
     if (history.empty()) return true;
     const RigidMatrix step = step_between(history.back(), pose);
-    return translation_of(step) > SEQUENCE_TRANSLATION || angle_of(step) > SEQUENCE_ANGLE;
+    return translation_of(step) > SEQUENCE_TRANSLATION || rotation_angle(step) > SEQUENCE_ANGLE;
 }
 
 }  // namespace VexelAlgorithm

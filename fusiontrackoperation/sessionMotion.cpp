@@ -22,9 +22,7 @@ bool is_usable_pose(const char* function, const RigidMatrix& pose) {
 
 bool are_close(const RigidMatrix& a, const RigidMatrix& b) {
     const RigidMatrix difference = a.inverse() * b;
-    Vector3d axisAngle;
-    rodrigures(difference.get_rotation(), axisAngle);
-    return difference.get_translation().norm() <= ALIGNED_TRANSLATION && axisAngle.norm() <= ALIGNED_ANGLE;
+    return difference.get_translation().norm() <= ALIGNED_TRANSLATION && rotation_angle(difference) <= ALIGNED_ANGLE;
 }
 
 RetVal done_if(bool isDone) {

@@ -118,9 +118,7 @@ std::size_t stride_for(const DescribedCloud& cloud, std::size_t samples) {
 /// Whether two poses are one, up to what an alignment still moves.
 bool is_same_pose(const RigidMatrix& a, const RigidMatrix& b, float spacing) {
     const RigidMatrix difference = a.inverse() * b;
-    Vector3d axisAngle;
-    rodrigures(difference.get_rotation(), axisAngle);
-    return axisAngle.norm() < SAME_ANGLE && difference.get_translation().norm() < SAME_POSITION * spacing;
+    return rotation_angle(difference) < SAME_ANGLE && difference.get_translation().norm() < SAME_POSITION * spacing;
 }
 
 /// Roughly aligned, and of those that arrive at one pose the one with most support; at most `MOST_ALIGNMENTS`, best

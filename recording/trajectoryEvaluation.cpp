@@ -23,11 +23,6 @@ Matrix34d matrix_of(const RigidMatrix& motion) {
     return matrix;
 }
 
-double rotation_angle(const RigidMatrix& motion) {
-    const Eigen::AngleAxisd turn(motion.get_rotation());
-    return turn.angle() * degreesPerRadian;
-}
-
 /// The rotation nearest to a matrix.
 Matrix3d nearest_rotation(const Matrix3d& matrix) {
     const Eigen::JacobiSVD<Matrix3d> svd(matrix, Eigen::ComputeFullU | Eigen::ComputeFullV);
@@ -64,7 +59,7 @@ public:
     /// The motion from where something should be to where it is.
     void add(const RigidMatrix& error) {
         _translations.push_back(error.get_translation().norm());
-        _rotations.push_back(rotation_angle(error));
+        _rotations.push_back(rotation_angle(error) * degreesPerRadian);
     }
     PoseErrors figures() const { return {error_figures(_translations), error_figures(_rotations)}; }
 
@@ -205,7 +200,7 @@ std::vector<FrameError> frame_errors(const std::vector<ComparedFrame>& frames) {
         if (!is_compared(frames[i])) continue;
         const RigidMatrix error = frames[i].given->inverse() * (foundToGiven * *frames[i].found);
         errors[i].translation = error.get_translation().norm();
-        errors[i].rotation = rotation_angle(error);
+        errors[i].rotation = rotation_angle(error) * degreesPerRadian;
     }
     for (const Step& step : steps_of(frames)) {
         if (step.later->points(3, 3) > 0.0) {

@@ -53,10 +53,8 @@ PathSpeed path_speed(const std::vector<RigidMatrix>& poses) {
     const auto steps = static_cast<double>(poses.size() - 1);
     for (std::size_t i = 1; i < poses.size(); ++i) {
         const RigidMatrix step = poses[i - 1].inverse() * poses[i];
-        Vector3d axisAngle;
-        rodrigures(step.get_rotation(), axisAngle);
         const double translation = step.get_translation().norm();
-        const double rotation = axisAngle.norm() * kDegrees;
+        const double rotation = rotation_angle(step) * kDegrees;
         speed.meanTranslation += translation / steps;
         speed.meanRotation += rotation / steps;
         speed.largestTranslation = std::max(speed.largestTranslation, translation);

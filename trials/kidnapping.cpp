@@ -8,6 +8,7 @@
 #include "simulation/counterRandom.h"
 #include "simulation/primitives.h"
 #include "simulation/scenes.h"
+#include "trials/virtualScan.h"
 
 namespace VexelTrial {
 
@@ -22,23 +23,13 @@ constexpr double kDegreesOff = 1.0;
 constexpr double kAside = 15.0;  // mm along each axis
 constexpr double kTurned = 8.0;  // degrees about each axis
 
-/// Voxels of one and a quarter pixels, one thread so that results repeat, and recovery on.
 void* make_session(const Simulation::Sequence& sequence) {
-    CommonParameter common;
-    TrackParmeter track;
-    FusionParameter fusion;
-    common.imageSize = {sequence.width, sequence.height};
-    common.campar = sequence.camera;
-    common.sample = 1;
-    common.rawPointDis = 256.0F / static_cast<float>(sequence.width);
-    track.icpIterNum = 26;
-    track.icpInterNumFixed = 12;
-    track.icpDis = {1.0F, 15.0F};
-    track.icpDisAvgThread = 0.3F;
-    fusion.pointDis = 1.25F * common.rawPointDis;
-    fusion.treeDepth = 10;
-    fusion.codeNumSet = 1;
-    void* const handle = fusion_and_track_ini(common, track, fusion);
+    Records records = records_for(sequence);
+    records.track.icpIterNum = 26;
+    records.track.icpInterNumFixed = 12;
+    records.track.icpDis = {1.0F, 15.0F};
+    records.track.icpDisAvgThread = 0.3F;
+    void* const handle = fusion_and_track_ini(records.common, records.track, records.fusion);
     set_feature_recovery(handle, true);
     return handle;
 }
@@ -68,18 +59,9 @@ private:
     void* _handle;
 };
 
-struct PoseError {
-    double millimetres;
-    double degrees;
-
-    bool is_wrong() const { return millimetres > kMillimetresOff || degrees > kDegreesOff; }
-};
-
-PoseError error_of(const RigidMatrix& found, const RigidMatrix& truth) {
-    const RigidMatrix difference = truth.inverse() * found;
-    Vector3d axisAngle;
-    rodrigures(difference.get_rotation(), axisAngle);
-    return {difference.get_translation().norm(), axisAngle.norm() / kDegree};
+/// Millimetres and degrees.
+bool is_wrong(const Vector2d& error) {
+    return error.x() > kMillimetresOff || error.y() > kDegreesOff;
 }
 
 /// The random numbers of one trial.
@@ -105,7 +87,7 @@ private:
     std::uint64_t _next = 0;
 };
 
-void note_accepted(const PoseError& error, FrameOutcome outcome, bool isRight, KidnapTally& tally) {
+void note_accepted(const Vector2d& error, FrameOutcome outcome, bool isRight, KidnapTally& tally) {
     const bool isRecovered = outcome == FrameOutcome::Recovered;
     if (!isRight) {
         ++(isRecovered ? tally.wrong : tally.wrongByTracking);
@@ -113,8 +95,8 @@ void note_accepted(const PoseError& error, FrameOutcome outcome, bool isRight, K
     }
     ++tally.found;
     tally.foundByTracking += isRecovered ? 0 : 1;
-    tally.worstMillimetres = std::max(tally.worstMillimetres, error.millimetres);
-    tally.worstDegrees = std::max(tally.worstDegrees, error.degrees);
+    tally.worstMillimetres = std::max(tally.worstMillimetres, error.x());
+    tally.worstDegrees = std::max(tally.worstDegrees, error.y());
 }
 
 /// Where a scanner comes back: beside a pose of a sequence.
@@ -135,8 +117,9 @@ void carry_off(Session& session, const Simulation::Sequence& views, const Return
         ++tally.frames;
         tally.milliseconds += state.times.whole;
         if (!is_accepted(state.outcome)) continue;
-        const PoseError error = origin != nullptr ? error_of(session.pose(), origin->inverse() * camera) : PoseError{};
-        note_accepted(error, state.outcome, origin != nullptr && !error.is_wrong(), tally);
+        const Vector2d error =
+            origin != nullptr ? pose_error(origin->inverse() * camera, session.pose()) : Vector2d(Vector2d::Zero());
+        note_accepted(error, state.outcome, origin != nullptr && !is_wrong(error), tally);
         return;
     }
 }

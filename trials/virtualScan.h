@@ -12,8 +12,21 @@ namespace VexelTrial {
 
 using namespace VexelAlgorithm;
 
-/// A virtual scan of ideal depths, 1.6 mm from pixel to pixel, and the records of a session for it: voxels of 2 mm, one
-/// thread, so that results repeat to the last bit.
+/// The records of a session for frames that see 256 mm across: voxels of one and a quarter pixels, one thread, so that
+/// results repeat to the last bit.
+inline Records records_for(const Simulation::Sequence& sequence) {
+    Records records;
+    records.common.imageSize = {sequence.width, sequence.height};
+    records.common.campar = sequence.camera;
+    records.common.sample = 1;
+    records.common.rawPointDis = 256.0F / static_cast<float>(sequence.width);
+    records.fusion.pointDis = 1.25F * records.common.rawPointDis;
+    records.fusion.treeDepth = 10;
+    records.fusion.codeNumSet = 1;
+    return records;
+}
+
+/// A virtual scan of ideal depths, 1.6 mm from pixel to pixel, and the records of a session for it.
 struct VirtualScan {
     explicit VirtualScan(const char* name, int width = 160, double noise = 0.0) {
         Simulation::SequenceSettings settings;
@@ -21,13 +34,7 @@ struct VirtualScan {
         settings.height = width * 4 / 5;
         settings.noiseSigma = noise;
         sequence = *Simulation::make_sequence(name, settings);
-        records.common.imageSize = {sequence.width, sequence.height};
-        records.common.campar = sequence.camera;
-        records.common.sample = 1;
-        records.common.rawPointDis = 256.0F / static_cast<float>(width);
-        records.fusion.pointDis = 1.25F * records.common.rawPointDis;
-        records.fusion.treeDepth = 10;
-        records.fusion.codeNumSet = 1;
+        records = records_for(sequence);
     }
     PointImage frame(int i) const { return Simulation::frame_of(sequence, i); }
     /// Signed distances (mm) of points of the model from the true surface.
@@ -53,9 +60,7 @@ inline double rms_of(const std::vector<double>& values) {
 /// Millimetres and degrees between two poses.
 inline Vector2d pose_error(const RigidMatrix& a, const RigidMatrix& b) {
     const RigidMatrix difference = a.inverse() * b;
-    Vector3d axisAngle;
-    rodrigures(difference.get_rotation(), axisAngle);
-    return {difference.get_translation().norm(), axisAngle.norm() * 180.0 / std::acos(-1.0)};
+    return {difference.get_translation().norm(), rotation_angle(difference) * 180.0 / std::acos(-1.0)};
 }
 
 }  // namespace VexelTrial

@@ -369,12 +369,14 @@ VEXEL_API RetVal set_icpKeepRatio(void* handle, const Vector2f& keepRatio) noexc
 ///
 /// Found again, the frame is accepted (`FrameOutcome::Recovered`) without a speed check and not fused, also as the
 /// step's `fuse` says; tracking goes on from there with the next one. Not found, it is rejected as without recovery,
-/// and nothing changes. Ordinary tracking is believed only where at most a tenth contradicts; other frames count as
-/// lost, and are rejected as `FrameOutcome::Contradicted` when they are not recovered.
+/// and nothing changes. Ordinary tracking is believed only where at most a tenth contradicts, and after a step of more
+/// than 20 mm or 0.2 rad only where the model as seen from the new pose holds the frame there, by the same ICP; other
+/// frames count as lost, and are rejected as `FrameOutcome::Contradicted` when they are not recovered.
 ///
-/// A lost frame takes the time of some 150 ms of processing more, the first one after a fusion about twice that; the
-/// description of the model takes some 10 MB at most. Models with more than 100000 cubes of disUniform on their surface
-/// are not searched, with a line. `RET_STATE_ERROR` with a line when disUniform or icpDisFeature are not usable.
+/// Checking a large step takes the time of a prediction and an ICP more. A lost frame takes the time of some 150 ms of
+/// processing more, the first one after a fusion about twice that; the description of the model takes some 10 MB at
+/// most. Models with more than 100000 cubes of disUniform on their surface are not searched, with a line.
+/// `RET_STATE_ERROR` with a line when disUniform or icpDisFeature are not usable.
 VEXEL_API RetVal set_feature_recovery(void* handle, bool isWanted) noexcept;
 /// Limits of the speed check: translation (mm) and largest angle about an axis (radians) from frame to frame.
 VEXEL_API RetVal set_track_speed_threshold(void* handle, float lineSpeed, float angularSpeed) noexcept;

@@ -241,11 +241,16 @@ private:
     // Recovery, where it is wanted.
     /// Whether the tracked frame shows something else than the prediction, so that its pose is not to be believed.
     bool contradicts_prediction();
+    /// False when the tracked step is too large for the prediction to have shown where it ends, and the view from there
+    /// does not hold the frame in place.
+    bool is_jump_confirmed(const PointImage& frame);
     /// The relative transform of a frame that tracking has lost, found by its features. Needs nothing of the last pose.
     bool recover_pose(const PointImage& frame);
     bool describe_model();
     std::optional<RigidMatrix> aligned_by_features(const PointImage& frame);
-    std::optional<RigidMatrix> refined_and_accepted(const PointImage& frame, const RigidMatrix& candidate);
+    /// The pose near the candidate at which the model looks like the frame, at least that share of whose points it has.
+    std::optional<RigidMatrix> refined_and_accepted(const PointImage& frame, const RigidMatrix& candidate,
+                                                    double leastExplained);
 
     bool has_texture_tracker(const char* function) const;
     bool has_texture_map(const char* function) const;

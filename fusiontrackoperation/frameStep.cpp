@@ -400,7 +400,7 @@ std::optional<FrameOutcome> FusionTrack::find_pose(const PointImage& frame) {
     set_up_tracking(frame);
     find_coarse_pose();
     if (!refine_pose()) return outcome_of(_pIcp->get_end());
-    if (_pFeatureIcp && contradicts_prediction()) return FrameOutcome::Contradicted;
+    if (_pFeatureIcp && (contradicts_prediction() || !is_jump_confirmed(frame))) return FrameOutcome::Contradicted;
     _stepState.relative = _relative;
     return std::nullopt;
 }

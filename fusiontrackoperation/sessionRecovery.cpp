@@ -2,6 +2,7 @@
 #include "foundation/diagnostics.h"
 #include "fusiontrackoperation/FusionTrack.h"
 #include "fusiontrackoperation/modelSamples.h"
+#include "fusiontrackoperation/motionTests.h"
 #include "fusiontrackoperation/refusal.h"
 #include "fusiontrackoperation/viewAgreement.h"
 #include "platform/featureRegistration.h"
@@ -59,11 +60,24 @@ bool FusionTrack::contradicts_prediction() {
     return true;
 }
 
+// What a large step brings into sight is not in the prediction: what is there may slide along a face by millimetres.
+bool FusionTrack::is_jump_confirmed(const PointImage& frame) {
+    const RigidMatrix arrived = get_current_rt() * _relative;
+    if (!is_need_seq_rebuild({get_current_rt()}, arrived)) return true;
+    const FusionScanState tracked = _stepState;
+    const std::optional<RigidMatrix> seen = refined_and_accepted(frame, arrived, 0.0);
+    _stepState = tracked;
+    const double tolerance = static_cast<double>(_parameters.agreement_tolerance());
+    if (seen && (arrived.inverse() * *seen).get_translation().norm() <= tolerance) return true;
+    print_line("tracking is not believed because the model does not look like the frame from where the step ends");
+    return false;
+}
+
 bool FusionTrack::recover_pose(const PointImage& frame) {
     if (!_pFeatureIcp || _stepState.frameValid < _parameters.icpLimitNumFeature) return false;
     const std::optional<RigidMatrix> candidate = aligned_by_features(frame);
     if (!candidate) return false;
-    const std::optional<RigidMatrix> pose = refined_and_accepted(frame, *candidate);
+    const std::optional<RigidMatrix> pose = refined_and_accepted(frame, *candidate, LEAST_EXPLAINED);
     if (!pose) return false;
     _relative = get_current_rt().inverse() * *pose;
     _stepState.relative = _relative;
@@ -86,7 +100,8 @@ std::optional<RigidMatrix> FusionTrack::aligned_by_features(const PointImage& fr
     return isAligned ? std::optional(pose) : std::nullopt;
 }
 
-std::optional<RigidMatrix> FusionTrack::refined_and_accepted(const PointImage& frame, const RigidMatrix& candidate) {
+std::optional<RigidMatrix> FusionTrack::refined_and_accepted(const PointImage& frame, const RigidMatrix& candidate,
+                                                             double leastExplained) {
     _movingImage = frame;
     _fixedImage = frame;
     _fixedImage.setZero();
@@ -100,7 +115,7 @@ std::optional<RigidMatrix> FusionTrack::refined_and_accepted(const PointImage& f
     if (end != RET_SUCCESS) return std::nullopt;
     const ViewAgreement agreement =
         compare_views(_fixedImage, _movingImage, relative, _parameters.agreement_tolerance());
-    const bool isAccepted = _pFeatureIcp->get_isStable_icp() && agreement.explained() >= LEAST_EXPLAINED &&
+    const bool isAccepted = _pFeatureIcp->get_isStable_icp() && agreement.explained() >= leastExplained &&
                             agreement.contradicted() <= MOST_CONTRADICTED;
     if (_debugLevel > 0) {
         print_line(format_text("recovery: residual %.3f mm, stable %d, explained %.3f, contradicted %.3f, accepted %d",

@@ -2,10 +2,12 @@
 
 #include <algorithm>
 #include <cmath>
+#include <limits>
 #include <string_view>
 #include <utility>
 
 #include "SpeckleRebCPU/growMatches.h"
+#include "SpeckleRebCPU/parallaxFacets.h"
 #include "SpeckleRebCPU/parallaxFilters.h"
 #include "SpeckleRebCPU/pixelMatch.h"
 #include "SpeckleRebCPU/subPixelStep.h"
@@ -67,12 +69,17 @@ constexpr int RETURN_TOLERANCE = 2;
 constexpr float LEAST_MEDIAN_LOSS = 0.005F;
 constexpr float LARGEST_LOSS = 8.5F;
 constexpr float DOUBTFUL_LOSS = 4.0F;
-constexpr float EDGE_LOSS = 3.0F;
+constexpr float EDGE_LOSS = 4.0F;
 constexpr float LARGEST_DISAGREEMENT = 0.4F;  // pixels a slot
 constexpr int CELL_SIZE = 16;
 constexpr int EDGE_TRIM = 4;             // pixels
 constexpr float LEAST_EDGE_STEP = 3.0F;  // grey values
-constexpr float NORMAL_SIGMA = 0.19F;    // windows
+// Flat surrounds of gaps, slots and pixels.
+constexpr RimLimits RIM{3, 12, 5.0F, 0.25F, 0.1F};
+// Of the facets whose slopes are the normals, pixels: what curvature must explain, and what wide ones may leave.
+constexpr float WIDE_FACET_NOISE = 0.03F;
+constexpr float NARROW_FACET_NOISE = 0.057F;
+constexpr float NORMAL_NOISE = 0.05F;
 
 /// The parallax search range in sampled pixels, no wider than the image is.
 std::pair<int, int> sampled_range(const Vector2i& range, int sample, int width) {
@@ -438,22 +445,27 @@ void SpeckleRebCpu::remove_noise(const StageNames& names) {
     dump("after right_to_left_to_vertify_match");
 
     remove_cell_outliers(CELL_SIZE, 8.0F, 2.0F, CELL_SIZE * CELL_SIZE / 16, _threads, field);
+    remove_rim_outliers(RIM, CELL_SIZE, _threads, field);
     dump("after remove_nosie_with_cell");
 
     remove_small_regions(island_limit(ISLAND_SHARE), regionStep, field.parallax);
     dump("after remove_isolated_island");
 
     dump("measure point");
-    smooth_normals(NORMAL_SIGMA * static_cast<float>(sub_pixel_window()));
+    smooth_normals(NORMAL_NOISE);
     dump("after smooth normal");
 }
 
-/// Facets over the window give smoother slopes; the parallaxes stay.
-void SpeckleRebCpu::smooth_normals(float sigma) {
-    const Raster<float> measured = _objDepthRange.field().parallax;
-    _objDepthRange.depth_gaussian_smooth(sub_pixel_window() / 2, sigma, FACET_TOLERANCE, FACET_SLOPE_TOLERANCE,
-                                         _threads);
-    _objDepthRange.field().parallax = measured;
+/// Wide facets span two windows, narrow ones the next neighbours; the parallaxes stay.
+void SpeckleRebCpu::smooth_normals(float noise) {
+    constexpr int MOST_NEIGHBOURS = 3;
+    const int sample = _param.sampleRatio, window = sub_pixel_window(), finest = std::max(1, 2 / sample);
+    const int widest = MOST_NEIGHBOURS * sample, spacing = std::max(finest, (window + widest / 2) / widest);
+    const int radius = std::clamp(window / (spacing * sample), 1, MOST_NEIGHBOURS);
+    const float even = std::numeric_limits<float>::infinity();
+    smooth_slopes({radius, spacing, even, FACET_TOLERANCE, FACET_SLOPE_TOLERANCE, WIDE_FACET_NOISE},
+                  {1, finest, even, FACET_TOLERANCE, FACET_SLOPE_TOLERANCE, NARROW_FACET_NOISE}, noise, sample,
+                  _threads, _objDepthRange.field());
     _objDepthRange.update_points(_threads);
     _objDepthRange.update_normals(_threads);
 }

@@ -52,7 +52,7 @@ private:
     void take_sub_pixel_step(float largestStep);
     void drop_uncorrelated();
     float median_score() const;
-    void smooth_normals(float sigma);
+    void smooth_normals(float noise);
     EdgeTask edge_task() const;
     int sub_pixel_window() const;
     std::size_t island_limit(std::size_t share) const;

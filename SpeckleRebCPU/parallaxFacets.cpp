@@ -8,6 +8,7 @@
 #include <algorithm>
 #include <array>
 #include <cmath>
+#include <limits>
 #include <vector>
 
 #include "foundation/parallel.h"
@@ -22,6 +23,7 @@ constexpr std::size_t FACET_MOMENTS = 15;  // their products: x^i y^j up to the 
 constexpr std::size_t FACET_PRODUCTS[FACET_TERMS][FACET_TERMS] = {{0, 1, 2, 3, 4, 5},    {1, 3, 4, 6, 7, 8},
                                                                   {2, 4, 5, 7, 8, 9},    {3, 6, 7, 10, 11, 12},
                                                                   {4, 7, 8, 11, 12, 13}, {5, 8, 9, 12, 13, 14}};
+constexpr float NO_FACET_RESIDUAL = std::numeric_limits<float>::infinity();
 using FacetMoments = std::array<float, FACET_MOMENTS>;
 
 struct FacetTap {
@@ -39,6 +41,7 @@ struct FacetRows {
     float noise;           ///< what curvature must explain, squared pixels
     float sample;
     ParallaxField& field;
+    Raster<float>* residual;  ///< null where it is not wanted
 };
 
 }  // namespace VexelAlgorithm
@@ -57,9 +60,15 @@ struct Facet {
     FloatVec parallax, slopeX, slopeY;
 };
 
+struct FittedFacet {
+    Facet facet;
+    FloatVec residual;  ///< mean square
+};
+
 /// The equations of weighted least squares; the last column is the right side.
 struct Equations {
     FloatVec m[FACET_TERMS][FACET_TERMS + 1];
+    FloatVec squares;  ///< of what is to be explained
 };
 
 /// Over the taps that belong to the facet: the moments of all taps less those of the others. Slopes per slot.
@@ -68,6 +77,7 @@ Equations sum_up(const FacetRows& rows, int x, int y, const Facet& present) {
     FloatVec moments[FACET_MOMENTS], right[FACET_TERMS];
     for (std::size_t k = 0; k < FACET_MOMENTS; ++k) moments[k] = hn::Set(d, rows.moments[k]);
     for (auto& sum : right) sum = hn::Zero(d);
+    auto squares = hn::Zero(d);
     for (const FacetTap& tap : rows.taps) {
         const auto dx = hn::Set(d, static_cast<float>(tap.dx));
         const auto dy = hn::Set(d, static_cast<float>(tap.dy));
@@ -78,11 +88,13 @@ Equations sum_up(const FacetRows& rows, int x, int y, const Facet& present) {
         const auto known = hn::IfThenElseZero(belongs, difference);
         for (std::size_t k = 0; k < FACET_TERMS; ++k)
             right[k] = hn::Add(right[k], hn::Mul(known, hn::Set(d, tap.moments[k])));
+        squares = hn::Add(squares, hn::Mul(hn::Mul(known, known), hn::Set(d, tap.moments[0])));
         if (hn::AllTrue(d, belongs)) continue;
         for (std::size_t k = 0; k < FACET_MOMENTS; ++k)
             moments[k] = hn::Sub(moments[k], hn::IfThenZeroElse(belongs, hn::Set(d, tap.moments[k])));
     }
     Equations equations;
+    equations.squares = squares;
     for (std::size_t i = 0; i < FACET_TERMS; ++i) {
         for (std::size_t k = i; k < FACET_TERMS; ++k) equations.m[i][k] = moments[FACET_PRODUCTS[i][k]];
         equations.m[i][FACET_TERMS] = right[i];
@@ -109,18 +121,22 @@ void eliminate(const FacetRows& rows, Equations& equations, FloatVec (&inverse)[
     }
 }
 
-Facet fit(const FacetRows& rows, int x, int y, const Facet& present) {
+FittedFacet fit(const FacetRows& rows, int x, int y, const Facet& present) {
     const FloatTag d;
     const auto zero = hn::Zero(d), one = hn::Set(d, 1.0F);
     Equations equations = sum_up(rows, x, y, present);
     FloatVec inverse[FACET_TERMS];
     eliminate(rows, equations, inverse);
     const auto& m = equations.m;
-    auto explained = zero;
-    for (std::size_t k = FACET_SLOPES; k < FACET_TERMS; ++k)
-        explained = hn::Add(explained, hn::Mul(hn::Mul(m[k][FACET_TERMS], m[k][FACET_TERMS]), inverse[k]));
+    const auto explained_by = [&](std::size_t begin, std::size_t end) {
+        auto sum = zero;
+        for (std::size_t k = begin; k < end; ++k)
+            sum = hn::Add(sum, hn::Mul(hn::Mul(m[k][FACET_TERMS], m[k][FACET_TERMS]), inverse[k]));
+        return sum;
+    };
     const auto noise = hn::Set(d, rows.noise);
-    const auto share = hn::Sub(one, hn::Div(noise, hn::Max(explained, noise)));
+    const auto explained = explained_by(FACET_SLOPES, FACET_TERMS);
+    const auto withheld = hn::Div(noise, hn::Max(explained, noise)), share = hn::Sub(one, withheld);
 
     FloatVec terms[FACET_TERMS];
     for (std::size_t k = FACET_TERMS; k-- > 0;) {
@@ -131,19 +147,23 @@ Facet fit(const FacetRows& rows, int x, int y, const Facet& present) {
             for (std::size_t j = FACET_SLOPES; j < FACET_TERMS; ++j) terms[j] = hn::Mul(terms[j], share);
     }
     const auto is_spread = hn::And(hn::Gt(inverse[1], zero), hn::Gt(inverse[2], zero));
-    return {hn::IfThenElse(is_spread, hn::Add(present.parallax, terms[0]), present.parallax),
-            hn::IfThenElse(is_spread, terms[1], present.slopeX), hn::IfThenElse(is_spread, terms[2], present.slopeY)};
+    const auto left = hn::Sub(hn::Sub(equations.squares, explained_by(0, FACET_SLOPES)),
+                              hn::Mul(explained, hn::Sub(one, hn::Mul(withheld, withheld))));
+    return {{hn::IfThenElse(is_spread, hn::Add(present.parallax, terms[0]), present.parallax),
+             hn::IfThenElse(is_spread, terms[1], present.slopeX), hn::IfThenElse(is_spread, terms[2], present.slopeY)},
+            hn::IfThenElse(is_spread, hn::Mul(hn::Max(left, zero), inverse[0]), hn::Set(d, NO_FACET_RESIDUAL))};
 }
 
-void fit_vector(const FacetRows& rows, int x, int y, float* parallax, float* slopeX, float* slopeY) {
+void fit_vector(const FacetRows& rows, int x, int y, float* parallax, float* slopeX, float* slopeY, float* residual) {
     const FloatTag d;
     const auto sample = hn::Set(d, rows.sample);
     const Facet present{hn::LoadU(d, parallax), hn::Mul(hn::LoadU(d, slopeX), sample),
                         hn::Mul(hn::LoadU(d, slopeY), sample)};
-    const Facet fitted = fit(rows, x, y, present);
-    hn::StoreU(fitted.parallax, d, parallax);
-    hn::StoreU(hn::Div(fitted.slopeX, sample), d, slopeX);
-    hn::StoreU(hn::Div(fitted.slopeY, sample), d, slopeY);
+    const FittedFacet fitted = fit(rows, x, y, present);
+    hn::StoreU(fitted.facet.parallax, d, parallax);
+    hn::StoreU(hn::Div(fitted.facet.slopeX, sample), d, slopeX);
+    hn::StoreU(hn::Div(fitted.facet.slopeY, sample), d, slopeY);
+    if (residual != nullptr) hn::StoreU(fitted.residual, d, residual);
 }
 
 }  // namespace
@@ -154,18 +174,21 @@ void fit_facet_row(const FacetRows& rows, int y) {
     float* parallax = rows.field.parallax.row(y);
     float* slopeX = rows.field.slopeX.row(y);
     float* slopeY = rows.field.slopeY.row(y);
+    float* residual = rows.residual != nullptr ? rows.residual->row(y) : nullptr;
     int x = 0;
-    for (; x + lanes <= width; x += lanes) fit_vector(rows, x, y, parallax + x, slopeX + x, slopeY + x);
+    for (; x + lanes <= width; x += lanes)
+        fit_vector(rows, x, y, parallax + x, slopeX + x, slopeY + x, residual != nullptr ? residual + x : nullptr);
     if (x == width) return;
-    float tail[3][hn::MaxLanes(FloatTag())] = {};
+    float tail[4][hn::MaxLanes(FloatTag())] = {};
     const int count = width - x;
     std::copy_n(parallax + x, count, tail[0]);
     std::copy_n(slopeX + x, count, tail[1]);
     std::copy_n(slopeY + x, count, tail[2]);
-    fit_vector(rows, x, y, tail[0], tail[1], tail[2]);
+    fit_vector(rows, x, y, tail[0], tail[1], tail[2], tail[3]);
     std::copy_n(tail[0], count, parallax + x);
     std::copy_n(tail[1], count, slopeX + x);
     std::copy_n(tail[2], count, slopeY + x);
+    if (residual != nullptr) std::copy_n(tail[3], count, residual + x);
 }
 
 }  // namespace HWY_NAMESPACE
@@ -220,7 +243,7 @@ Raster<float> padded_copy(const Raster<float>& source, int margin) {
 
 }  // namespace
 
-void fit_facets(const FacetFit& fit, int sample, int threads, ParallaxField& field) {
+void fit_facets(const FacetFit& fit, int sample, int threads, ParallaxField& field, Raster<float>* residual) {
     const Raster<float> padded = padded_copy(field.parallax, fit.radius * fit.spacing);
     const std::vector<FacetTap> taps = facet_taps(fit, sample);
     const FacetRows rows{padded,
@@ -229,12 +252,30 @@ void fit_facets(const FacetFit& fit, int sample, int threads, ParallaxField& fie
                          sum_of(taps),
                          fit.noise * fit.noise * static_cast<float>(taps.size()),
                          static_cast<float>(sample),
-                         field};
+                         field,
+                         residual};
+    if (residual != nullptr) residual->assign(field.parallax.width(), field.parallax.height());
     parallel_ranges(threads, static_cast<std::size_t>(field.parallax.height()), ROW_GRAIN,
                     [&](std::size_t begin, std::size_t end) {
                         for (std::size_t y = begin; y < end; ++y)
                             HWY_DYNAMIC_DISPATCH(fit_facet_row)(rows, static_cast<int>(y));
                     });
+}
+
+void smooth_slopes(const FacetFit& wide, const FacetFit& narrow, float noise, int sample, int threads,
+                   ParallaxField& field) {
+    const Raster<float> measured = field.parallax;
+    ParallaxField fine = field;
+    Raster<float> residual;
+    fit_facets(wide, sample, threads, field, &residual);
+    fit_facets(narrow, sample, threads, fine);
+    field.parallax = measured;
+    const float expected = noise * noise;
+    for (std::size_t i = 0; i < measured.size(); ++i) {
+        const float share = 1.0F - expected / std::max(residual[i], expected);
+        field.slopeX[i] += share * (fine.slopeX[i] - field.slopeX[i]);
+        field.slopeY[i] += share * (fine.slopeY[i] - field.slopeY[i]);
+    }
 }
 
 }  // namespace VexelAlgorithm

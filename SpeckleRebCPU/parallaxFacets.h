@@ -26,7 +26,16 @@ struct FacetFit {
 ///
 /// Terms that the neighbours do not determine are left out: those of which the terms before leave less than a
 /// hundredth, or a thousandth of what the full neighbourhood has. Slots without both slopes keep what they have.
-/// `sample`: pixels per slot.
-void fit_facets(const FacetFit& fit, int sample, int threads, ParallaxField& field);
+/// `sample`: pixels per slot. `residual`, where it is wanted, gets for every slot the weighted mean square that its
+/// facet leaves of its neighbours' parallaxes, squared pixels; infinite without a fit.
+void fit_facets(const FacetFit& fit, int sample, int threads, ParallaxField& field, Raster<float>* residual = nullptr);
+
+/// Replaces the slopes by those of wide facets where these leave no more than noise unexplained, by those of narrow
+/// ones where they leave much more, and by a mixture between: the slopes of the narrow facet are shrunk towards those
+/// of the wide one by the share of noise in what the wide one leaves (James and Stein again). At an edge the wide facet
+/// has the surface to one side to go by. The parallaxes stay. `noise`: root mean square of parallaxes on a smooth
+/// surface, pixels.
+void smooth_slopes(const FacetFit& wide, const FacetFit& narrow, float noise, int sample, int threads,
+                   ParallaxField& field);
 
 }  // namespace VexelAlgorithm

@@ -11,6 +11,7 @@ namespace VexelAlgorithm {
 namespace {
 
 constexpr std::size_t ROW_GRAIN = 16;
+constexpr std::size_t FEWEST_OF_SURROUND = 64;
 
 /// Labels of regions that turned out to be one point to each other; the smallest is the root.
 class RegionLabels {
@@ -59,13 +60,14 @@ Raster<std::int32_t> label_regions(const Raster<float>& parallax, float largestS
     return label;
 }
 
-/// Counts over the slots of a row, one distance after the other.
+/// Counts over the slots of a row, one distance after the other; `present` and `agreeing` are room for them.
 void mark_unsupported(const ParallaxField& field, int y, int radius, float tolerance, float slopeTolerance, int sample,
-                      std::uint8_t* wrong) {
+                      std::vector<std::int32_t>& present, std::vector<std::int32_t>& supporting, std::uint8_t* wrong) {
     const int width = field.parallax.width(), window = (2 * radius + 1) * (2 * radius + 1);
     const auto spacing = static_cast<float>(sample);
     const float *own = field.parallax.row(y), *slopeX = field.slopeX.row(y), *slopeY = field.slopeY.row(y);
-    std::vector<std::int32_t> present(static_cast<std::size_t>(width)), supporting(present.size());
+    present.assign(static_cast<std::size_t>(width), 0);
+    supporting.assign(present.size(), 0);
     std::int32_t *count = present.data(), *agreeing = supporting.data();
     for (int dy = -radius; dy <= radius; ++dy) {
         if (y + dy < 0 || y + dy >= field.parallax.height()) continue;
@@ -105,16 +107,34 @@ bool is_at_gap(const ParallaxField& field, int x, int y) {
     return false;
 }
 
-/// `mark_row(y, wrong)` writes which slots of the row to clear; it sees the field as it was.
+/// `mark_row(y, wrong)` writes which slots of the row to clear; it sees the field as it was. Every range of rows has a
+/// `mark_row` of its own.
 template <class MarkRow>
 void clear_marked(int threads, ParallaxField& field, const MarkRow& mark_row) {
     Mask wrong(field.parallax.width(), field.parallax.height());
     parallel_ranges(threads, static_cast<std::size_t>(wrong.height()), ROW_GRAIN,
                     [&](std::size_t begin, std::size_t end) {
-                        for (int y = static_cast<int>(begin); y < static_cast<int>(end); ++y) mark_row(y, wrong.row(y));
+                        MarkRow markRow = mark_row;
+                        for (int y = static_cast<int>(begin); y < static_cast<int>(end); ++y) markRow(y, wrong.row(y));
                     });
     for (std::size_t i = 0; i < wrong.size(); ++i)
         if (wrong[i] != 0) field.clear_slot(i);
+}
+
+/// Slots within `reach` of an empty one, in both directions.
+Mask rim_of(const Raster<float>& parallax, int reach, int threads) {
+    const int width = parallax.width(), height = parallax.height();
+    Mask inRow(width, height), rim(width, height);
+    for (int y = 0; y < height; ++y)
+        for (int x = 0; x < width; ++x)
+            if (!has_parallax(parallax.at(x, y)))
+                std::fill(inRow.row(y) + std::max(0, x - reach), inRow.row(y) + std::min(width, x + reach + 1), 1);
+    parallel_ranges(threads, static_cast<std::size_t>(height), ROW_GRAIN, [&](std::size_t begin, std::size_t end) {
+        for (int y = static_cast<int>(begin); y < static_cast<int>(end); ++y)
+            for (int v = std::max(0, y - reach); v <= std::min(height - 1, y + reach); ++v)
+                for (int x = 0; x < width; ++x) rim.at(x, y) |= inRow.at(x, v);
+    });
+    return rim;
 }
 
 struct CellSlot {
@@ -123,14 +143,16 @@ struct CellSlot {
     double parallax;
 };
 
-std::vector<CellSlot> slots_of_cell(const ParallaxField& field, int x0, int y0, int cellSize) {
+/// Those of a square that `counts`; coordinates from its corner.
+template <class Counts>
+std::vector<CellSlot> slots_of_cell(const Raster<float>& parallax, int x0, int y0, int cellSize, const Counts& counts) {
     std::vector<CellSlot> slots;
-    for (int y = y0; y < std::min(y0 + cellSize, field.parallax.height()); ++y) {
-        for (int x = x0; x < std::min(x0 + cellSize, field.parallax.width()); ++x) {
-            const float parallax = field.parallax.at(x, y);
-            if (!has_parallax(parallax)) continue;
-            const auto index = static_cast<std::size_t>(&field.parallax.at(x, y) - field.parallax.data());
-            slots.push_back({index, Vector3d(1.0, x - x0, y - y0), parallax});
+    for (int y = std::max(0, y0); y < std::min(y0 + cellSize, parallax.height()); ++y) {
+        for (int x = std::max(0, x0); x < std::min(x0 + cellSize, parallax.width()); ++x) {
+            const float* slot = &parallax.at(x, y);
+            if (has_parallax(*slot) && counts(x, y))
+                slots.push_back(
+                    {static_cast<std::size_t>(slot - parallax.data()), Vector3d(1.0, x - x0, y - y0), *slot});
         }
     }
     return slots;
@@ -156,19 +178,59 @@ double robust_deviation(const std::vector<CellSlot>& slots, const Vector3d& plan
     return 1.4826 * *middle;
 }
 
+struct CellPlane {
+    Vector3d plane;
+    double deviation;
+
+    double distance(const CellSlot& slot) const { return std::abs(slot.row.dot(plane) - slot.parallax); }
+};
+
+CellPlane robust_plane(const std::vector<CellSlot>& slots) {
+    Vector3d plane = refit(slots, Vector3d::Zero(), std::numeric_limits<double>::infinity());
+    plane = refit(slots, plane, std::max(3.0 * robust_deviation(slots, plane), 0.05));
+    return {plane, robust_deviation(slots, plane)};
+}
+
 void clean_cell(ParallaxField& field, int x0, int y0, int cellSize, float factor, float tolerance, int fewest) {
-    const std::vector<CellSlot> slots = slots_of_cell(field, x0, y0, cellSize);
+    const std::vector<CellSlot> slots = slots_of_cell(field.parallax, x0, y0, cellSize, [](int, int) { return true; });
     if (slots.empty()) return;
     if (slots.size() < static_cast<std::size_t>(fewest)) {
         for (const CellSlot& slot : slots) field.clear_slot(slot.index);
         return;
     }
-    Vector3d plane = refit(slots, Vector3d::Zero(), std::numeric_limits<double>::infinity());
-    plane = refit(slots, plane, std::max(3.0 * robust_deviation(slots, plane), 0.05));
-    const double limit =
-        std::max(static_cast<double>(factor) * robust_deviation(slots, plane), static_cast<double>(tolerance));
+    const CellPlane plane = robust_plane(slots);
+    const double limit = std::max(static_cast<double>(factor) * plane.deviation, static_cast<double>(tolerance));
     for (const CellSlot& slot : slots)
-        if (std::abs(slot.row.dot(plane) - slot.parallax) > limit) field.clear_slot(slot.index);
+        if (plane.distance(slot) > limit) field.clear_slot(slot.index);
+}
+
+void clean_rim(const Raster<float>& before, const Mask& rim, const RimLimits& limits, int x0, int y0, int cellSize,
+               ParallaxField& field) {
+    const auto is_rim = [&](int x, int y) { return rim.at(x, y) != 0; };
+    const auto is_inside = [&](int x, int y) { return rim.at(x, y) == 0; };
+    std::vector<CellSlot> judged = slots_of_cell(before, x0, y0, cellSize, is_rim);
+    if (judged.empty()) return;
+    const int margin = limits.margin;
+    const std::vector<CellSlot> surround =
+        slots_of_cell(before, x0 - margin, y0 - margin, cellSize + 2 * margin, is_inside);
+    if (surround.size() < FEWEST_OF_SURROUND) return;
+    const CellPlane plane = robust_plane(surround);
+    if (plane.deviation > static_cast<double>(limits.flatness)) return;
+    const double limit =
+        std::max(static_cast<double>(limits.factor) * plane.deviation, static_cast<double>(limits.tolerance));
+    for (CellSlot& slot : judged) {
+        slot.row += Vector3d(0.0, margin, margin);
+        if (plane.distance(slot) > limit) field.clear_slot(slot.index);
+    }
+}
+
+template <class Clean>
+void for_each_cell(const Raster<float>& parallax, int cellSize, int threads, const Clean& clean) {
+    const auto rows = static_cast<std::size_t>((parallax.height() + cellSize - 1) / cellSize);
+    parallel_ranges(threads, rows, 1, [&](std::size_t begin, std::size_t end) {
+        for (std::size_t row = begin; row < end; ++row)
+            for (int x0 = 0; x0 < parallax.width(); x0 += cellSize) clean(x0, static_cast<int>(row) * cellSize);
+    });
 }
 
 }  // namespace
@@ -200,9 +262,11 @@ std::size_t remove_small_regions(std::size_t smallest, float largestStep, Raster
 
 void remove_inconsistent(int radius, float tolerance, float slopeTolerance, int sample, int threads,
                          ParallaxField& field) {
-    clear_marked(threads, field, [&](int y, std::uint8_t* wrong) {
-        mark_unsupported(field, y, radius, tolerance, slopeTolerance, sample, wrong);
-    });
+    clear_marked(threads, field,
+                 [&, present = std::vector<std::int32_t>(), supporting = std::vector<std::int32_t>()](
+                     int y, std::uint8_t* wrong) mutable {
+                     mark_unsupported(field, y, radius, tolerance, slopeTolerance, sample, present, supporting, wrong);
+                 });
 }
 
 void remove_doubtful(const DoubtLimits& limits, int sample, int threads, ParallaxField& field) {
@@ -225,13 +289,15 @@ void remove_doubtful(const DoubtLimits& limits, int sample, int threads, Paralla
 }
 
 void remove_cell_outliers(int cellSize, float factor, float tolerance, int fewest, int threads, ParallaxField& field) {
-    const int height = field.parallax.height();
-    const auto rows = static_cast<std::size_t>((height + cellSize - 1) / cellSize);
-    parallel_ranges(threads, rows, 1, [&](std::size_t begin, std::size_t end) {
-        for (std::size_t row = begin; row < end; ++row)
-            for (int x0 = 0; x0 < field.parallax.width(); x0 += cellSize)
-                clean_cell(field, x0, static_cast<int>(row) * cellSize, cellSize, factor, tolerance, fewest);
-    });
+    for_each_cell(field.parallax, cellSize, threads,
+                  [&](int x0, int y0) { clean_cell(field, x0, y0, cellSize, factor, tolerance, fewest); });
+}
+
+void remove_rim_outliers(const RimLimits& limits, int cellSize, int threads, ParallaxField& field) {
+    const Raster<float> before = field.parallax;
+    const Mask rim = rim_of(before, limits.width, threads);
+    for_each_cell(before, cellSize, threads,
+                  [&](int x0, int y0) { clean_rim(before, rim, limits, x0, y0, cellSize, field); });
 }
 
 }  // namespace VexelAlgorithm

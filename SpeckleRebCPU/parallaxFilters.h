@@ -40,4 +40,17 @@ void remove_doubtful(const DoubtLimits& limits, int sample, int threads, Paralla
 /// Cells with fewer than `fewest` slots lose them all.
 void remove_cell_outliers(int cellSize, float factor, float tolerance, int fewest, int threads, ParallaxField& field);
 
+struct RimLimits {
+    int width;        ///< slots from the nearest empty one that belong to the rim
+    int margin;       ///< slots of its surround to each side of a cell
+    float factor;     ///< of the robust standard deviation
+    float tolerance;  ///< pixels
+    float flatness;   ///< largest robust standard deviation of a flat surround, pixels
+};
+/// Removes slots at gaps that stand off a flat surround: on the narrow side face of a plate, and where the windows saw
+/// more of the gap than of the surface. The plane of a cell and its margin is fitted as above, but only to slots that
+/// do not belong to the rim, whose windows lie wholly on the surface; where it is flat, the rim's slots in the cell
+/// must lie within `factor` deviations of it, or `tolerance`. A bent surround says nothing about its rim.
+void remove_rim_outliers(const RimLimits& limits, int cellSize, int threads, ParallaxField& field);
+
 }  // namespace VexelAlgorithm

@@ -303,6 +303,34 @@ TEST(MatchingStages, FacetsAreThoseOfSingleFits) {
     }
 }
 
+TEST(MatchingStages, SlopesAreThoseOfWideFacetsUnlessTheseLeaveMoreThanNoise) {
+    ParallaxField field = slanted_field(60, 40, 2, 0.02);
+    for (int y = 0; y < 40; ++y)  // a ridge
+        for (int x = 30; x < 60; ++x) field.parallax.at(x, y) -= 0.5F * static_cast<float>(x - 30);
+    const FacetFit wide{3, 2, 1e9F, 0.5F, 0.1F, 0.05F}, narrow{1, 1, 1e9F, 0.5F, 0.1F, 0.05F};
+    const ParallaxField before = field;
+    smooth_slopes(wide, narrow, 0.05F, 2, 3, field);
+    const auto error = [&](int x0, int x1, const ParallaxField& found) {
+        double squares = 0.0;
+        int count = 0;
+        for (int y = 8; y < 32; ++y)
+            for (int x = x0; x < x1; ++x)
+                if (has_parallax(found.parallax.at(x, y))) {
+                    squares += std::pow(found.slopeX.at(x, y) - (x < 30 ? 0.15 : -0.1), 2);
+                    ++count;
+                }
+        return std::sqrt(squares / count);
+    };
+    ParallaxField wideOnly = before, narrowOnly = before;
+    fit_facets(wide, 2, 2, wideOnly);
+    fit_facets(narrow, 2, 2, narrowOnly);
+    EXPECT_LT(error(8, 22, field), 1.2 * error(8, 22, wideOnly));
+    EXPECT_LT(error(8, 22, field), 0.3 * error(8, 22, narrowOnly));
+    EXPECT_LT(error(27, 29, field), 0.7 * error(27, 29, wideOnly));
+    for (std::size_t i = 0; i < before.parallax.size(); ++i)
+        ASSERT_TRUE(field.parallax[i] == before.parallax[i] || !has_parallax(before.parallax[i]));
+}
+
 TEST(MatchingStages, SmallRegionsAreThoseOfAFlood) {
     for (const unsigned seed : {1U, 2U, 3U}) {
         std::mt19937 random(seed);
@@ -456,6 +484,21 @@ TEST(MatchingStages, FiltersRemoveWhatIsWrongAndNothingElse) {
     const DoubtLimits limits{0.92F, 0.96F, 0.5F, 0.94F};
     EXPECT_EQ(removed_by([&](auto& f) { remove_doubtful(limits, 2, 3, f); }, doubtful),
               (Slots{{5, 5}, {15, 5}, {20, 20}, {40, 20}}));
+
+    ParallaxField rim = field;  // 0.25 pixels, at gaps of flat surrounds
+    for (int x = 8; x < 24; ++x) rim.parallax.at(x, 20) = NO_PARALLAX;
+    for (const auto& [x, y, off] : {std::tuple(10, 17, 0.3F), {12, 17, -0.2F}, {14, 16, 0.3F}, {13, 23, -0.3F}})
+        rim.parallax.at(x, y) += off;
+    for (int y = 0; y < 48; ++y)
+        for (int x = 32; x < 64; ++x) rim.parallax.at(x, y) += 0.02F * static_cast<float>((x - 48) * (x - 48));
+    rim.parallax.at(48, 30) = NO_PARALLAX;
+    rim.parallax.at(48, 32) += 0.5F;
+    EXPECT_EQ(removed_by(
+                  [](auto& f) {
+                      remove_rim_outliers({3, 8, 5.0F, 0.25F, 0.1F}, 16, 3, f);
+                  },
+                  rim),
+              (Slots{{10, 17}, {13, 23}}));
 
     ParallaxField cells = field;  // of 16 slots: limits of 0.5 above, and of 4 * 1.4826 * 0.2 below
     for (int y = 16; y < 48; ++y)

@@ -61,9 +61,9 @@ int main(int argc, char** argv) {
     }
     for (const char* name : {"blocks", "table", "torus", "tower"}) {
         if (!isWanted(name)) continue;
-        const KidnapScene owl = scene_on_arc("owl_on_table", 100, 50, scale);
+        const KidnapScene elsewhere = scene_on_arc(name, 100, 0, scale);
         report(std::string("owl on a table, then ") + name,
-               kidnap_elsewhere(owl, scene_on_arc(name, 100, 0, scale), trials, 2));
+               kidnap(scene_on_arc("owl_on_table", 100, 50, scale), trials, 0, 95, 2, &elsewhere));
     }
     return EXIT_SUCCESS;
 }

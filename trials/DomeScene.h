@@ -26,14 +26,13 @@ struct DomeScene {
         image.enable_vNormal();
         image.enable_vWeight();
         image.enable_vFlag();
-        for (int y = 0; y < 44; ++y) {
+        for (int y = 0; y < 44; ++y)
             for (int x = 0; x < 44; ++x) {
                 const float u = (static_cast<float>(x) - 21.5F) / 210.0F, v = (static_cast<float>(y) - 21.5F) / 210.0F;
                 const float depth = 300.0F + 600.0F * (u * u + v * v);
                 image.set_point(x, y, {u * depth, v * depth, depth});
                 image.set_vWeight(image.index_of(x, y), 1.0F);
             }
-        }
         image.count_point_normal(1, 1, 2, 2, 20.0F);
         return image;
     }

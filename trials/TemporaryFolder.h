@@ -7,6 +7,7 @@
 #include <fstream>
 #include <iterator>
 #include <string>
+#include <vector>
 
 namespace VexelTrial {
 
@@ -27,6 +28,9 @@ public:
     TemporaryFolder& operator=(const TemporaryFolder&) = delete;
 
     const std::filesystem::path& path() const { return _path; }
+    std::size_t file_count() const {
+        return static_cast<std::size_t>(std::distance(std::filesystem::directory_iterator(_path), {}));
+    }
 
 private:
     std::filesystem::path _path;
@@ -35,6 +39,13 @@ private:
 inline std::string bytes_of(const std::filesystem::path& path) {
     std::ifstream in(path, std::ios::binary);
     return {std::istreambuf_iterator<char>(in), {}};
+}
+
+inline std::vector<std::string> lines_of(const std::filesystem::path& path) {
+    std::ifstream in(path);
+    std::vector<std::string> lines;
+    for (std::string line; std::getline(in, line);) lines.push_back(line);
+    return lines;
 }
 
 inline void put_bytes(const std::filesystem::path& path, const std::string& bytes) {

@@ -36,11 +36,9 @@ std::vector<SweepObject> sweep_objects() {
 SweepBench::SweepBench(int width) : _rig(Simulation::make_stereo_rig(width, width * 4 / 5)), _camera(_rig) {
     RebParam param = rig_settings(_rig, 2);
     param.findRange += Vector2i(-10, 10);
-    _reconstruction = speckle_rebuild_cpu_ini(param);
-}
-
-SweepBench::~SweepBench() {
-    if (_reconstruction != nullptr) speckle_rebuild_cpu_release(_reconstruction);
+    _reconstruction.reset(speckle_rebuild_cpu_ini(param), [](void* handle) {
+        if (handle != nullptr) speckle_rebuild_cpu_release(handle);
+    });
 }
 
 Simulation::StereoSignals SweepBench::gather(const SweepObject& object) const {
@@ -75,7 +73,8 @@ int SweepBench::coverage(const Simulation::StereoPair& pair) const {
     PointImage points;
     points.ini(size().x() / 2, size().y() / 2);
     int milliseconds = 0;
-    run_speckle_rebuild_cpu(_reconstruction, pair.left.pixels.data(), pair.right.pixels.data(), points, milliseconds);
+    run_speckle_rebuild_cpu(_reconstruction.get(), pair.left.pixels.data(), pair.right.pixels.data(), points,
+                            milliseconds);
     return static_cast<int>(points.count_vaildNum());
 }
 

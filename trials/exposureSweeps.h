@@ -1,6 +1,7 @@
 // Virtual objects under many exposures, and what the stereo reconstruction makes of each.
 #pragma once
 
+#include <memory>
 #include <string>
 #include <utility>
 #include <vector>
@@ -26,9 +27,6 @@ std::vector<SweepObject> sweep_objects();
 class SweepBench {
 public:
     explicit SweepBench(int width);
-    ~SweepBench();
-    SweepBench(const SweepBench&) = delete;
-    SweepBench& operator=(const SweepBench&) = delete;
 
     Vector2i size() const { return {_rig.left.width, _rig.left.height}; }
     bool is_ready() const { return _reconstruction != nullptr; }
@@ -44,7 +42,7 @@ public:
 private:
     Simulation::StereoRig _rig;
     Simulation::StereoCamera _camera;
-    void* _reconstruction = nullptr;
+    std::shared_ptr<void> _reconstruction;
 };
 
 }  // namespace VexelTrial

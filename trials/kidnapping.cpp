@@ -1,7 +1,7 @@
 #include "trials/kidnapping.h"
 
 #include <algorithm>
-#include <cmath>
+#include <memory>
 
 #include "algorithmQorInclude.h"
 #include "simulation/combinations.h"
@@ -11,57 +11,38 @@
 #include "trials/virtualScan.h"
 
 namespace VexelTrial {
-
-using namespace VexelAlgorithm;
-
 namespace {
 
-constexpr double kDegree = 3.14159265358979323846 / 180.0;
-constexpr double kMillimetresOff = 2.0;
-constexpr double kDegreesOff = 1.0;
+constexpr double kDistance = 400.0;  // mm, of the camera from what it looks at
+constexpr double kMillimetresOff = 2.0, kDegreesOff = 1.0;
 // How far beside the path the scanner comes back.
 constexpr double kAside = 15.0;  // mm along each axis
 constexpr double kTurned = 8.0;  // degrees about each axis
 
-void* make_session(const Simulation::Sequence& sequence) {
-    Records records = records_for(sequence);
-    records.track.icpIterNum = 26;
-    records.track.icpInterNumFixed = 12;
-    records.track.icpDis = {1.0F, 15.0F};
-    records.track.icpDisAvgThread = 0.3F;
-    void* const handle = fusion_and_track_ini(records.common, records.track, records.fusion);
-    set_feature_recovery(handle, true);
-    return handle;
+struct Release {
+    void operator()(void* handle) const { fusiontrack_release(handle); }
+};
+using Session = std::unique_ptr<void, Release>;
+
+/// With recovery, and the scanned frames fused at their true poses.
+Session session_of(const KidnapScene& scene) {
+    Records records = records_for(scene.sequence);
+    reach_far(records.track);
+    Session session(fusion_and_track_ini(records.common, records.track, records.fusion));
+    set_feature_recovery(session.get(), true);
+    int microseconds = 0;
+    for (int i = 0; i < scene.scanned; ++i)
+        fusion(session.get(), Simulation::frame_of(scene.sequence, i), scene.sequence.pose_in_model(i), microseconds);
+    return session;
 }
 
-class Session {
-public:
-    explicit Session(const Simulation::Sequence& sequence) : _handle(make_session(sequence)) {}
-    ~Session() { fusiontrack_release(_handle); }
-    Session(const Session&) = delete;
-    Session& operator=(const Session&) = delete;
-
-    /// Does not fuse, so that every trial meets the same model.
-    FusionScanState track(const PointImage& frame) {
-        int microseconds = 0;
-        VexelAlgorithm::track(_handle, frame, microseconds);
-        FusionScanState state;
-        get_fusion_scan_state(_handle, state);
-        return state;
-    }
-    void fuse(const PointImage& frame, const RigidMatrix& pose) {
-        int microseconds = 0;
-        fusion(_handle, frame, pose, microseconds);
-    }
-    RigidMatrix pose() const { return get_current_rt(_handle); }
-
-private:
-    void* _handle;
-};
-
-/// Millimetres and degrees.
-bool is_wrong(const Vector2d& error) {
-    return error.x() > kMillimetresOff || error.y() > kDegreesOff;
+/// Does not fuse, so that every trial meets the same model.
+FusionScanState track_only(const Session& session, const PointImage& frame) {
+    int microseconds = 0;
+    track(session.get(), frame, microseconds);
+    FusionScanState state;
+    get_fusion_scan_state(session.get(), state);
+    return state;
 }
 
 /// The random numbers of one trial.
@@ -72,13 +53,13 @@ public:
     int index(int first, int last) {
         return first + static_cast<int>(_random.uniform(_next++) * static_cast<double>(last - first));
     }
-    /// A motion of the camera that leaves what stands `distance` before it in sight.
-    RigidMatrix aside(double distance) {
+    /// A motion of the camera that leaves what it looks at in sight.
+    RigidMatrix aside() {
         const Vector3d degrees(within(kTurned), within(kTurned), within(kTurned));
         const Vector3d shift(within(kAside), within(kAside), within(kAside));
         Matrix3d rotation;
-        rodrigures(degrees * kDegree, rotation);
-        const Vector3d pivot(0.0, 0.0, distance);
+        rodrigures(degrees * std::acos(-1.0) / 180.0, rotation);
+        const Vector3d pivot(0.0, 0.0, kDistance);
         return {rotation, pivot - rotation * pivot + shift};
     }
 
@@ -87,6 +68,7 @@ private:
     std::uint64_t _next = 0;
 };
 
+/// `error`: millimetres and degrees.
 void note_accepted(const Vector2d& error, FrameOutcome outcome, bool isRight, KidnapTally& tally) {
     const bool isRecovered = outcome == FrameOutcome::Recovered;
     if (!isRight) {
@@ -99,37 +81,6 @@ void note_accepted(const Vector2d& error, FrameOutcome outcome, bool isRight, Ki
     tally.worstDegrees = std::max(tally.worstDegrees, error.y());
 }
 
-/// Where a scanner comes back: beside a pose of a sequence.
-struct Return {
-    int place;
-    RigidMatrix aside;
-    std::uint64_t number;  ///< chooses the noise
-};
-
-/// `origin`: the pose in the world of what the session calls its model; null when no pose is right.
-void carry_off(Session& session, const Simulation::Sequence& views, const Return& back, const RigidMatrix* origin,
-               KidnapTally& tally) {
-    ++tally.trials;
-    for (int i = 0; i < KIDNAP_FRAMES; ++i) {
-        const RigidMatrix camera = views.poses[static_cast<std::size_t>(back.place + i)] * back.aside;
-        const std::uint64_t number = 100 * back.number + static_cast<std::uint64_t>(i);
-        const FusionScanState state = session.track(Simulation::frame_from(views, camera, number));
-        ++tally.frames;
-        tally.milliseconds += state.times.whole;
-        if (!is_accepted(state.outcome)) continue;
-        const Vector2d error =
-            origin != nullptr ? pose_error(origin->inverse() * camera, session.pose()) : Vector2d(Vector2d::Zero());
-        note_accepted(error, state.outcome, origin != nullptr && !is_wrong(error), tally);
-        return;
-    }
-}
-
-void scan(Session& session, const KidnapScene& scene) {
-    for (int i = 0; i < scene.scanned; ++i) {
-        session.fuse(Simulation::frame_of(scene.sequence, i), scene.sequence.pose_in_model(i));
-    }
-}
-
 /// The same from four sides, on a table.
 Simulation::ShapePtr tower() {
     return Simulation::smooth_union(
@@ -138,27 +89,10 @@ Simulation::ShapePtr tower() {
         0);
 }
 
-struct NamedScene {
-    const char* name;
-    Vector3d centre;  ///< mm; what the scanner looks at
-};
-
-constexpr double kDistance = 400.0;  // mm
-
-const NamedScene kScenes[] = {
-    {"owl", Simulation::owl_centre()},
-    {"owl_on_table", Simulation::owl_centre()},
-    {"blocks", {0, 0, 35}},
-    {"tower", {0, 0, 35}},
-    {"sphere", {0, 0, 50}},
-    {"torus", {0, 0, 25}},
-    {"table", {0, 0, 0}},
-};
-
 Vector3d centre_of(const std::string& name) {
-    for (const NamedScene& scene : kScenes)
-        if (name == scene.name) return scene.centre;
-    return Vector3d::Zero();
+    if (name.rfind("owl", 0) == 0) return Simulation::owl_centre();
+    if (name == "blocks" || name == "tower") return {0, 0, 35};
+    return {0, 0, name == "sphere" ? 50.0 : name == "torus" ? 25.0 : 0.0};
 }
 
 }  // namespace
@@ -174,28 +108,29 @@ KidnapScene scene_on_arc(const std::string& name, int frames, int scanned, int s
     return {name, *Simulation::make_sequence("arc", settings), scanned};
 }
 
-KidnapTally kidnap(const KidnapScene& scene, int trials, int first, int last, std::uint64_t seed) {
-    Session session(scene.sequence);
-    scan(session, scene);
+KidnapTally kidnap(const KidnapScene& scene, int trials, int first, int last, std::uint64_t seed,
+                   const KidnapScene* elsewhere) {
+    const Session session = session_of(scene);
+    const Simulation::Sequence& views = (elsewhere != nullptr ? *elsewhere : scene).sequence;
+    const RigidMatrix worldToModel = scene.sequence.poses.front().inverse();
     KidnapTally tally;
-    for (int trial = 0; trial < trials; ++trial) {
-        Draw draw(seed, trial);
+    for (; tally.trials < trials; ++tally.trials) {
+        Draw draw(seed, tally.trials);
         const int place = draw.index(first, last);
-        carry_off(session, scene.sequence, {place, draw.aside(kDistance), seed + static_cast<std::uint64_t>(trial)},
-                  &scene.sequence.poses.front(), tally);
-    }
-    return tally;
-}
-
-KidnapTally kidnap_elsewhere(const KidnapScene& scene, const KidnapScene& elsewhere, int trials, std::uint64_t seed) {
-    Session session(scene.sequence);
-    scan(session, scene);
-    KidnapTally tally;
-    for (int trial = 0; trial < trials; ++trial) {
-        Draw draw(seed, trial);
-        const int place = draw.index(0, elsewhere.sequence.frame_count() - KIDNAP_FRAMES);
-        carry_off(session, elsewhere.sequence, {place, draw.aside(kDistance), seed + static_cast<std::uint64_t>(trial)},
-                  nullptr, tally);
+        const RigidMatrix aside = draw.aside();
+        for (int i = 0; i < KIDNAP_FRAMES; ++i) {
+            const RigidMatrix camera = views.poses[static_cast<std::size_t>(place + i)] * aside;
+            const std::uint64_t firstNoise = 100 * (seed + static_cast<std::uint64_t>(tally.trials));
+            const PointImage frame = Simulation::frame_from(views, camera, firstNoise + static_cast<std::uint64_t>(i));
+            const FusionScanState state = track_only(session, frame);
+            ++tally.frames;
+            tally.milliseconds += state.times.whole;
+            if (!is_accepted(state.outcome)) continue;
+            const Vector2d error = pose_error(worldToModel * camera, get_current_rt(session.get()));
+            const bool isRight = elsewhere == nullptr && error.x() <= kMillimetresOff && error.y() <= kDegreesOff;
+            note_accepted(error, state.outcome, isRight, tally);
+            break;
+        }
     }
     return tally;
 }

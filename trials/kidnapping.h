@@ -36,10 +36,8 @@ struct KidnapTally {
 
 /// Fuses the scanned frames at their true poses, then carries the scanner off `trials` times: to views near random
 /// frames in [first, last), some centimetres and degrees beside the path, from where it moves on as the sequence does.
-/// The same for the same seed.
-KidnapTally kidnap(const KidnapScene& scene, int trials, int first, int last, std::uint64_t seed);
-
-/// The same with the views of another scene: whatever is accepted is wrong.
-KidnapTally kidnap_elsewhere(const KidnapScene& scene, const KidnapScene& elsewhere, int trials, std::uint64_t seed);
+/// The same for the same seed. Where the views are those of another scene, `elsewhere`, whatever is accepted is wrong.
+KidnapTally kidnap(const KidnapScene& scene, int trials, int first, int last, std::uint64_t seed,
+                   const KidnapScene* elsewhere = nullptr);
 
 }  // namespace VexelTrial

@@ -102,6 +102,12 @@ PointImage sampled(const PointImage& full, int sample) {
     return result;
 }
 
+struct Errors {
+    double count = 0, sum = 0, squares = 0;
+    void add(double error) { count += 1, sum += error, squares += error * error; }
+    double rms() const { return std::sqrt(squares / count); }
+};
+
 RigScene tilted_plate(double degrees, const Vector3d& axis) {
     const Matrix3d turn = Eigen::AngleAxisd(degrees / DEGREES, axis.normalized()).toRotationMatrix();
     // Below a camera that looks straight down.
@@ -179,8 +185,8 @@ RigView view_of(const RigScene& scene, const StereoRig& rig, const RebParam& par
 }
 
 Agreement agreement(const RigView& view, const PointImage& result) {
-    double judged = 0, matched = 0, wrong = 0, good = 0, goodInside = 0;
-    double squares = 0, squaresInside = 0, sum = 0, normals = 0, normalsInside = 0;
+    double judged = 0, matched = 0, wrong = 0;
+    Errors parallaxes, parallaxesInside, normals, normalsInside;
     Agreement agreement;
     for (std::size_t i = 0; i < view.judged.size(); ++i) {
         const bool isJudged = view.judged[i] != 0;
@@ -194,24 +200,21 @@ Agreement agreement(const RigView& view, const PointImage& result) {
             continue;
         }
         const double error = view.depthFactor * (1.0 / depth - 1.0 / truth);
-        const double cosine =
-            std::clamp(static_cast<double>(result.get_vNrv(i).dot(view.truth.get_vNrv(i))), -1.0, 1.0);
-        const double angle = std::acos(cosine) * DEGREES;
-        ++good;
-        goodInside += isJudged;
-        sum += error;
-        squares += error * error;
-        squaresInside += isJudged ? error * error : 0.0;
-        normals += angle * angle;
-        normalsInside += isJudged ? angle * angle : 0.0;
+        const double cosine = result.get_vNrv(i).dot(view.truth.get_vNrv(i));
+        const double angle = std::acos(std::clamp(cosine, -1.0, 1.0)) * DEGREES;
+        parallaxes.add(error);
+        normals.add(angle);
+        if (!isJudged) continue;
+        parallaxesInside.add(error);
+        normalsInside.add(angle);
     }
     agreement.matched = matched / judged;
     agreement.wrong = wrong / static_cast<double>(agreement.points);
-    agreement.parallaxRms = std::sqrt(squares / good);
-    agreement.parallaxInside = std::sqrt(squaresInside / goodInside);
-    agreement.parallaxBias = sum / good;
-    agreement.normalRms = std::sqrt(normals / good);
-    agreement.normalInside = std::sqrt(normalsInside / goodInside);
+    agreement.parallaxRms = parallaxes.rms();
+    agreement.parallaxInside = parallaxesInside.rms();
+    agreement.parallaxBias = parallaxes.sum / parallaxes.count;
+    agreement.normalRms = normals.rms();
+    agreement.normalInside = normalsInside.rms();
     return agreement;
 }
 

@@ -12,8 +12,8 @@ namespace VexelTrial {
 
 using namespace VexelAlgorithm;
 
-/// The records of a session for frames that see 256 mm across: voxels of one and a quarter pixels, one thread, so that
-/// results repeat to the last bit.
+/// For frames of a sequence at 400 mm, 256 mm wide: voxels of one and a quarter pixels, one thread, so that results
+/// repeat to the last bit.
 inline Records records_for(const Simulation::Sequence& sequence) {
     Records records;
     records.common.imageSize = {sequence.width, sequence.height};
@@ -24,6 +24,15 @@ inline Records records_for(const Simulation::Sequence& sequence) {
     records.fusion.treeDepth = 10;
     records.fusion.codeNumSet = 1;
     return records;
+}
+
+/// Tracks as far as the particles' grid: a gate that is wider than the grid's step, and enough coarse iterations to
+/// arrive from there.
+inline void reach_far(TrackParmeter& track) {
+    track.icpIterNum = 26;
+    track.icpInterNumFixed = 12;
+    track.icpDis = {1.0F, 15.0F};
+    track.icpDisAvgThread = 0.3F;
 }
 
 /// A virtual scan of ideal depths, 1.6 mm from pixel to pixel, and the records of a session for it.
@@ -43,6 +52,18 @@ struct VirtualScan {
         for (const Vector3f& p : points)
             distances.push_back(sequence.scene->distance(sequence.poses.front() * Vector3d(p.cast<double>())));
         return distances;
+    }
+
+    /// Mean over points of the model of 1 - cos of the angle to the true normal.
+    double turn_of_normals(const Cloud& cloud) const {
+        const RigidMatrix& modelToWorld = sequence.poses.front();
+        double turns = 0.0;
+        for (std::size_t i = 0; i < cloud.get_vn(); ++i) {
+            const Vector3d point = modelToWorld * Vector3d(cloud.get_vCoord(i).cast<double>());
+            const Vector3d normal = modelToWorld.transform_normal(cloud.get_vNrv(i)).cast<double>();
+            turns += 1.0 - normal.dot(sequence.scene->gradient(point).normalized());
+        }
+        return turns / static_cast<double>(cloud.get_vn());
     }
 
     Simulation::Sequence sequence;

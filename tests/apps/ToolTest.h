@@ -1,13 +1,10 @@
 // The tool as a process, in a folder of its own.
 #pragma once
 
-#include <gtest/gtest.h>
-
-#include <algorithm>
 #include <cstdlib>
 #include <regex>
-#include <string>
 
+#include "tests/common.h"
 #include "trials/TemporaryFolder.h"
 
 #if !defined(_WIN32)
@@ -16,8 +13,7 @@
 
 namespace VexelTest {
 
-using VexelTrial::bytes_of;
-using VexelTrial::put_bytes;
+using namespace VexelTrial;
 
 struct ToolRun {
     int exitCode = -1;

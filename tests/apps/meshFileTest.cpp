@@ -1,14 +1,11 @@
 // Mesh files in every format, and the reasons of damaged ones; that readers survive anything is tried by fuzzing.
-#include <gtest/gtest.h>
-
-#include <cmath>
-
 #include "recording/meshFile.h"
+#include "tests/common.h"
 #include "trials/TemporaryFolder.h"
 
-namespace VexelAlgorithm {
 namespace {
 
+using namespace VexelAlgorithm;
 using namespace VexelTrial;
 
 template <class... Values>
@@ -86,11 +83,7 @@ TEST_F(MeshFile, EveryFormatHoldsTheSameSquare) {
 
 TEST_F(MeshFile, DamagedFilesGiveOneSentence) {
     const std::string hugeHead = "element vertex 4294967295\nproperty float x\nproperty float y\nproperty float z\n";
-    const struct {
-        const char* ending;
-        std::string bytes;
-        const char* reason;
-    } cases[] = {
+    const std::tuple<const char*, std::string, const char*> cases[] = {
         {".ply", "", "empty"},
         {".txt", "v 0 0 0\n", "is no mesh file"},
         {".ply", "hello", "broken"},
@@ -108,10 +101,10 @@ TEST_F(MeshFile, DamagedFilesGiveOneSentence) {
         {".stl", binary_stl(4000000000U), "broken"},
         {".stl", binary_stl(2).replace(100, 4, packed(std::nanf(""))), "not a finite"},
     };
-    for (const auto& c : cases) {
-        const Outcome<MeshData> mesh = read(c.ending, c.bytes);
-        ASSERT_FALSE(mesh) << c.bytes;
-        EXPECT_NE(mesh.failure().reason.find(c.reason), std::string::npos) << c.bytes << "\n" << mesh.failure().reason;
+    for (const auto& [ending, bytes, reason] : cases) {
+        const Outcome<MeshData> mesh = read(ending, bytes);
+        ASSERT_FALSE(mesh) << bytes;
+        EXPECT_NE(mesh.failure().reason.find(reason), std::string::npos) << bytes << "\n" << mesh.failure().reason;
         EXPECT_EQ(mesh.failure().reason.find('\n'), std::string::npos);
     }
     EXPECT_FALSE(read_mesh_file(_folder.path() / "missing.ply"));
@@ -120,4 +113,3 @@ TEST_F(MeshFile, DamagedFilesGiveOneSentence) {
 }
 
 }  // namespace
-}  // namespace VexelAlgorithm

@@ -1,6 +1,4 @@
 // Projects of vexel-scan: saved, resumed, made into meshes; and what is left when saving fails or is cut off.
-#include <random>
-
 #include "ToolTest.h"
 #include "recording/trajectoryText.h"
 

@@ -1,9 +1,5 @@
 // Recordings of depth frames and of stereo pairs: what is written reads back; every damage is named with its file.
-#include <gtest/gtest.h>
-
 #include <clocale>
-#include <cmath>
-#include <functional>
 #include <opencv2/imgcodecs.hpp>
 
 #include "fuzz/pngChunks.h"
@@ -12,42 +8,33 @@
 #include "recording/files.h"
 #include "recording/pointImageFromDepth.h"
 #include "recording/poseText.h"
+#include "tests/common.h"
 #include "trials/TemporaryFolder.h"
 
 namespace {
 
 namespace fs = std::filesystem;
 using namespace VexelAlgorithm;
-using VexelTrial::bytes_of;
-using VexelTrial::put_bytes;
-using VexelTrial::TemporaryFolder;
+using namespace VexelTrial;
+using VexelTest::turned;
 
 const CameraInParam camera(58.5, 57.25, 31.5, 24.125);
 
 DepthImage slanted_depth(int width, int height) {
     DepthImage image{width, height, {}};
-    for (int i = 0; i < width * height; ++i) {
+    for (int i = 0; i < width * height; ++i)
         image.millimetres.push_back(static_cast<float>(i % 11 == 0 ? 0 : 700 + 3 * (i % width)));
-    }
     return image;
 }
 
-Matrix3d turned(double x, double y, double z) {
-    Matrix3d rotation;
-    rodrigures(Vector3d(x, y, z), rotation);
-    return rotation;
-}
-
 RigidMatrix pose_of(int number) {
-    return {turned(0.01 * number, -0.005 * number, 0.25), {1.5, -2.25, number + 0.1}};
+    return {turned({0.01 * number, -0.005 * number, 0.25}), {1.5, -2.25, number + 0.1}};
 }
 
 void write_recording(const fs::path& folder, const std::vector<int>& numbers) {
     Outcome<RecordingWriter> writer = RecordingWriter::create(folder, camera);
     ASSERT_TRUE(writer) << writer.failure().reason;
-    for (const int number : numbers) {
-        ASSERT_TRUE(writer->write_frame(number, slanted_depth(64, 48), pose_of(number)));
-    }
+    for (const int number : numbers) ASSERT_TRUE(writer->write_frame(number, slanted_depth(64, 48), pose_of(number)));
 }
 
 GreyPicture picture(int seed, int width = 64, int height = 48) {
@@ -65,7 +52,7 @@ void write_pairs(const fs::path& folder, const std::vector<int>& numbers) {
         StereoFrame frame;
         frame.left = picture(number);
         frame.right = picture(number + 100);
-        frame.leftToWorld = RigidMatrix(turned(0.1, 0, 0.01 * number), {1.0, 2.0, 1.0 * number});
+        frame.leftToWorld = RigidMatrix(turned({0.1, 0, 0.01 * number}), {1.0, 2.0, 1.0 * number});
         ASSERT_TRUE(writer->write_frame(number, frame));
     }
 }
@@ -329,13 +316,12 @@ TEST(RecordingBadInput, WritersLeaveOldFilesAndNoRemains) {
 DepthImage plane_depth(const CameraInParam& view, const Vector3d& normal, double distance, int wallColumns,
                        double wall) {
     DepthImage image{160, 120, {}};
-    for (int y = 0; y < image.height; ++y) {
+    for (int y = 0; y < image.height; ++y)
         for (int x = 0; x < image.width; ++x) {
             const Vector3d ray((x - view.get_cx()) / view.get_fx(), (y - view.get_cy()) / view.get_fy(), 1.0);
             const double z = x < wallColumns ? wall : distance / normal.dot(ray);
             image.millimetres.push_back(std::round(static_cast<float>(z)));
         }
-    }
     return image;
 }
 

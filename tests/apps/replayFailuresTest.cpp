@@ -1,6 +1,4 @@
 // vexel-scan replay on files that are damaged or none.
-#include <cstring>
-
 #include "ReplayTool.h"
 
 namespace VexelTest {
@@ -15,10 +13,7 @@ TEST_F(ReplayTool, FilesThatAreNoneEndWithALine) {
         return bytes;
     };
     const std::size_t common = file.find("CommonParameter") + 15 + 8;
-    const struct {
-        std::string bytes;
-        const char* text;
-    } cases[] = {
+    const std::pair<std::string, const char*> cases[] = {
         {"", "it is no debug recording"},
         {file.substr(0, 12), "it ends within its header"},
         {with(11, 2), "only 1 is known"},
@@ -29,11 +24,11 @@ TEST_F(ReplayTool, FilesThatAreNoneEndWithALine) {
         {with(common, -5), "no session can be made of its records"},
         {with(file.find("acceptedFrames") + 14 + 8, 3), "the recording begins after 3 accepted frames"},
     };
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.text);
-        const ToolRun ended = replay(c.bytes);
+    for (const auto& [bytes, text] : cases) {
+        SCOPED_TRACE(text);
+        const ToolRun ended = replay(bytes);
         EXPECT_TRUE(ended.exitCode == 1 || (ended.exitCode == 0 && ended.errors.empty())) << ended.exitCode;
-        expect_in(c.text, ended);
+        expect_in(text, ended);
     }
     const ToolRun missing = run("replay @/nothing.tb");
     EXPECT_EQ(missing.exitCode, 1);

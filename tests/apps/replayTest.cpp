@@ -1,6 +1,5 @@
 // vexel-scan replay: a recorded scan happens once more, to the last bit.
 #include "ReplayTool.h"
-#include "simulation/colorImages.h"
 #include "tests/session/sessionScenes.h"
 
 namespace VexelTest {
@@ -47,14 +46,10 @@ TEST_F(ReplayTool, RepeatsARecordedScanToTheLastBit) {
 TEST_F(ReplayTool, RepeatsColouredFramesAndWritesTheirColours) {
     using namespace VexelAlgorithm;
     record([&] {
-        Scan scan("smooth", 80);
-        Simulation::add_color_camera(scan.sequence, scan.records.fusion);
+        const ColoredScan scan(80);
         Session session(scan.records);
         for (int i = 0; i < 4; ++i) {
-            int microseconds = 0;
-            EXPECT_TRUE(fusion_and_track(
-                session, Simulation::colored_frame_of(scan.sequence, i, scan.records.fusion, Simulation::soft_stripes),
-                microseconds, true, 0));
+            EXPECT_TRUE(session.step(scan.colored(i)));
             const RetVal edited = i == 1 ? delete_frame_point(session, 0) : RET_SUCCESS;
             EXPECT_EQ(edited, RET_SUCCESS);
         }

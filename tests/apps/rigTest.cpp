@@ -1,13 +1,10 @@
 // Calibrations of single cameras and what a rig makes of two, against projected points; every fault has its words.
-#include <gtest/gtest.h>
-
-#include <functional>
-
 #include "apps/Rig.h"
 #include "apps/calibrated.h"
 #include "apps/searchRange.h"
 #include "recording/calibrationText.h"
 #include "simulation/StereoRig.h"
+#include "tests/common.h"
 #include "trials/TemporaryFolder.h"
 
 namespace {
@@ -15,13 +12,10 @@ namespace {
 namespace fs = std::filesystem;
 using namespace VexelAlgorithm;
 using namespace VexelAlgorithm::Apps;
-using VexelTrial::put_bytes;
-using VexelTrial::TemporaryFolder;
+using namespace VexelTrial;
 
 CalibratedCamera camera(const Vector3d& place, double yaw) {
-    Matrix3d rotation;
-    rodrigures(Vector3d(0.01, yaw, -0.02), rotation);
-    return {400, 400, 160, 120, {}, RigidMatrix(rotation, place).inverse()};
+    return {400, 400, 160, 120, {}, RigidMatrix(VexelTest::turned({0.01, yaw, -0.02}), place).inverse()};
 }
 const CalibratedCamera leftCamera = camera({-30, 0, 5}, 0.12);
 const CalibratedCamera rightCamera = camera({31, 1, 4}, -0.13);
@@ -40,10 +34,7 @@ TEST(CameraFiles, AreReadOrNamedWithWhatIsWrong) {
     reordered.insert(reordered.find("Translation vector:"),
                      whole.substr(rotation, whole.find('\n', rotation) + 1 - rotation));
     comma.replace(comma.find("-0.1"), 4, "-0,1");
-    const struct {
-        std::string text;
-        const char* reason;
-    } cases[] = {
+    const std::pair<std::string, const char*> cases[] = {
         {"", "'Focal Length:' is missing"},
         {whole.substr(0, whole.size() / 2), "is missing, or the file is cut short"},
         {without("Standard Error:"), "'Standard Error:' is missing"},
@@ -54,12 +45,12 @@ TEST(CameraFiles, AreReadOrNamedWithWhatIsWrong) {
     };
     TemporaryFolder folder;
     const fs::path file = folder.path() / "calib_left.txt";
-    for (const auto& bad : cases) {
-        SCOPED_TRACE(bad.reason);
-        put_bytes(file, bad.text);
+    for (const auto& [text, reason] : cases) {
+        SCOPED_TRACE(reason);
+        put_bytes(file, text);
         const Outcome<std::vector<float>> read = read_camera_file(file);
         ASSERT_FALSE(read);
-        EXPECT_NE(read.failure().reason.find(bad.reason), std::string::npos) << read.failure().reason;
+        EXPECT_NE(read.failure().reason.find(reason), std::string::npos) << read.failure().reason;
         EXPECT_NE(read.failure().reason.find("calib_left.txt"), std::string::npos);
     }
     EXPECT_FALSE(read_camera_file(folder.path() / "none.txt"));
@@ -131,11 +122,7 @@ TEST(Rigs, ThatCannotBeAreRefusedInWords) {
     CalibratedCamera blind = leftCamera, sheared = leftCamera;
     blind.fx = 0;
     sheared.worldToCamera = RigidMatrix(2.0 * Matrix3d::Identity(), Vector3d::Zero());
-    const struct {
-        CalibratedCamera left, right;
-        Vector2f depths;
-        const char* reason;
-    } cases[] = {
+    const std::tuple<CalibratedCamera, CalibratedCamera, Vector2f, const char*> cases[] = {
         {leftCamera, leftCamera, {200, 260}, "the baseline is zero"},
         {leftCamera, camera({30, 0, 0}, 3.0), {200, 260}, "look away from each other"},
         {leftCamera, camera({-30, 80, 5}, 0.1), {200, 260}, "above or below"},
@@ -144,12 +131,12 @@ TEST(Rigs, ThatCannotBeAreRefusedInWords) {
         {sheared, rightCamera, {200, 260}, "left camera has a rotation matrix that is none"},
         {leftCamera, rightCamera, {2, 3}, "no point between 2 and 3 mm is seen by both"},
     };
-    for (const auto& bad : cases) {
-        SCOPED_TRACE(bad.reason);
-        ScanSettings settings = settings_with(bad.left, bad.right, bad.depths);
+    for (const auto& [left, right, depths, reason] : cases) {
+        SCOPED_TRACE(reason);
+        ScanSettings settings = settings_with(left, right, depths);
         const Outcome<Rig> rig = make_rig(settings, {}, {320, 240});
         ASSERT_FALSE(rig);
-        EXPECT_NE(rig.failure().reason.find(bad.reason), std::string::npos) << rig.failure().reason;
+        EXPECT_NE(rig.failure().reason.find(reason), std::string::npos) << rig.failure().reason;
     }
 }
 

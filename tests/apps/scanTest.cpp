@@ -1,7 +1,5 @@
 // vexel-scan scan and check-calibration: pairs of a virtual scanner become a mesh that is measured against the surface
 // that was scanned.
-#include <cmath>
-#include <cstring>
 #include <nlohmann/json.hpp>
 #include <opencv2/imgcodecs.hpp>
 
@@ -112,27 +110,23 @@ TEST_F(ScanTool, SinglePairsAreScannedAndTheirCalibrationIsChecked) {
     EXPECT_EQ(cv::imread(path("rows.png").string()).cols, 640);
     // The right camera after a fall: turned by some degrees about one of its axes.
     const auto fallen = [&](const char* name, const Vector3d& axisAngle) {
-        Matrix3d turn;
-        rodrigures(axisAngle, turn);
         const Simulation::DistortedCamera camera = Simulation::make_stereo_rig(320, 256).right;
-        put_bytes(path(name), calibration_text({camera.fx, camera.fy, camera.cx, camera.cy, camera.distortion,
-                                                RigidMatrix(turn, Vector3d::Zero()) * camera.rigToCamera}));
+        put_bytes(path(name),
+                  calibration_text({camera.fx, camera.fy, camera.cx, camera.cy, camera.distortion,
+                                    RigidMatrix(turned(axisAngle), Vector3d::Zero()) * camera.rigToCamera}));
     };
     fallen("tilted.txt", {0.02, 0, 0});
     fallen("rolled.txt", {0, 0, 0.09});
-    const struct {
-        const char* arguments;
-        const char* words;
-    } cases[] = {
+    const std::pair<const char*, const char*> cases[] = {
         {"--calib-right @/tilted.txt", "a camera was tilted up or down"},
         {"--calib-right @/rolled.txt", "a camera was turned about its axis"},
         {"--calib-left @/one/calib_right.txt --calib-right @/one/calib_left.txt", "left and right are exchanged"},
         {"--depth-range 200 250", "outside the search range of 200 .. 250 mm"},
     };
-    for (const auto& wrong : cases) {
-        const ToolRun result = run(std::string("check-calibration @/one ") + wrong.arguments);
-        EXPECT_EQ(result.exitCode, 1) << wrong.arguments;
-        EXPECT_TRUE(holds(result.output, wrong.words)) << result.output << result.errors;
+    for (const auto& [arguments, words] : cases) {
+        const ToolRun result = run(std::string("check-calibration @/one ") + arguments);
+        EXPECT_EQ(result.exitCode, 1) << arguments;
+        EXPECT_TRUE(holds(result.output, words)) << result.output << result.errors;
         EXPECT_TRUE(holds(result.output, "the calibration does not fit")) << result.output;
     }
 }

@@ -1,11 +1,8 @@
 // Spheres and planes through points of known surfaces with known noise.
-#include <gtest/gtest.h>
-
 #include <Eigen/Geometry>
-#include <cmath>
-#include <random>
 
 #include "apps/surfaceFit.h"
+#include "tests/common.h"
 
 namespace VexelAlgorithm::Apps {
 namespace {
@@ -43,21 +40,19 @@ std::vector<Vector3d> plate(const Matrix3d& pose, const Vector3d& middle, int co
 }
 
 TEST(SurfaceFit, SpheresAreFoundAsWellAsTheNoiseAllows) {
-    const struct {
-        Vector3d centre;
-        double radius, degrees, noise;
-    } cases[] = {{{0, 0, 400}, 25, 60, 0},      {{-60, 45, 340}, 25, 60, 0.02}, {{60, -45, 460}, 25, 60, 0.2},
-                 {{1e4, -2e4, 3e4}, 25, 60, 0}, {{0, 0, 400}, 25, 180, 0.02},   {{3, 2, 1}, 1e-3, 60, 0},
-                 {{0, 0, 2000}, 1500, 3, 0}};
-    for (const auto& c : cases) {
+    const std::tuple<Vector3d, double, double, double> cases[] = {
+        {{0, 0, 400}, 25, 60, 0},      {{-60, 45, 340}, 25, 60, 0.02}, {{60, -45, 460}, 25, 60, 0.2},
+        {{1e4, -2e4, 3e4}, 25, 60, 0}, {{0, 0, 400}, 25, 180, 0.02},   {{3, 2, 1}, 1e-3, 60, 0},
+        {{0, 0, 2000}, 1500, 3, 0}};
+    for (const auto& [centre, radius, degrees, noise] : cases) {
         constexpr int count = 10000;
-        const auto sphere = fit_sphere(cap(c.centre, c.radius, c.degrees, count, c.noise));
-        ASSERT_TRUE(sphere) << c.radius;
+        const auto sphere = fit_sphere(cap(centre, radius, degrees, count, noise));
+        ASSERT_TRUE(sphere) << radius;
         // Five times the standard deviation that the normal equations of such a cap promise.
-        const double spread = (1 - std::cos(c.degrees / 57.29577951308232)) / std::sqrt(12.0);
-        const double sigma = c.noise / std::sqrt(count) / spread;
-        EXPECT_NEAR(sphere->radius, c.radius, 5 * sigma + 1e-7 * c.radius) << c.degrees;
-        EXPECT_LT((sphere->centre - c.centre).norm(), 7 * sigma + 1e-7 * c.radius) << c.degrees;
+        const double spread = (1 - std::cos(degrees / 57.29577951308232)) / std::sqrt(12.0);
+        const double sigma = noise / std::sqrt(count) / spread;
+        EXPECT_NEAR(sphere->radius, radius, 5 * sigma + 1e-7 * radius) << degrees;
+        EXPECT_LT((sphere->centre - centre).norm(), 7 * sigma + 1e-7 * radius) << degrees;
     }
 }
 

@@ -1,22 +1,16 @@
 // Trajectories: their text, and figures that can be worked out by hand.
-#include <gtest/gtest.h>
-
 #include <Eigen/Geometry>
-#include <cmath>
-#include <limits>
-#include <random>
 
 #include "recording/trajectoryEvaluation.h"
 #include "recording/trajectoryText.h"
+#include "tests/common.h"
 
 namespace {
 
 using namespace VexelAlgorithm;
 
 RigidMatrix motion(const Vector3d& axisAngleDegrees, const Vector3d& translation) {
-    Matrix3d rotation;
-    rodrigures(Vector3d(axisAngleDegrees * (EIGEN_PI / 180.0)), rotation);
-    return {rotation, translation};
+    return {VexelTest::turned(axisAngleDegrees * (EIGEN_PI / 180.0)), translation};
 }
 
 double difference(const RigidMatrix& one, const RigidMatrix& other) {
@@ -53,9 +47,8 @@ void expect_figures(const ErrorFigures& figures, double rmse, double median, dou
 
 TEST(Trajectory, TextReadsBack) {
     std::vector<TimedPose> poses;
-    for (int i = 0; i < 40; ++i) {
+    for (int i = 0; i < 40; ++i)
         poses.push_back({i / 30.0, motion({9.0 * i, -4.6 * i, 1.0}, {1000.5 * i, -0.01, 1e-3 * i})});
-    }
     const Outcome<std::vector<TimedPose>> read =
         parse_trajectory("# made by hand\r\n\n" + trajectory_text(poses) + "\n  # end");
     ASSERT_TRUE(read) << read.failure().reason;
@@ -70,10 +63,7 @@ TEST(Trajectory, TextReadsBack) {
 }
 
 TEST(Trajectory, RefusesTextThatIsNone) {
-    const struct {
-        const char* text;
-        const char* reason;
-    } cases[] = {
+    const std::pair<const char*, const char*> cases[] = {
         {"", "holds no pose"},
         {"0 0 0 0 0 0 0 1\n1 2 3\n", "line 2: only 3 of 8"},
         {"0 0 0 0 0 0 0 1 9\n", "line 1: more than"},
@@ -82,10 +72,10 @@ TEST(Trajectory, RefusesTextThatIsNone) {
         {"0 0 0 0 1 1 0 0\n", "length 1.4"},
         {"1 0 0 0 0 0 0 1\n1 0 0 0 0 0 0 1\n", "line 2: its time 1 s is not after"},
     };
-    for (const auto& bad : cases) {
-        const Outcome<std::vector<TimedPose>> read = parse_trajectory(bad.text);
-        ASSERT_FALSE(read) << bad.text;
-        EXPECT_NE(read.failure().reason.find(bad.reason), std::string::npos) << read.failure().reason;
+    for (const auto& [text, reason] : cases) {
+        const Outcome<std::vector<TimedPose>> read = parse_trajectory(text);
+        ASSERT_FALSE(read) << text;
+        EXPECT_NE(read.failure().reason.find(reason), std::string::npos) << read.failure().reason;
     }
 }
 
@@ -184,9 +174,8 @@ TEST(Trajectory, CutsWhereThePosesJumpAgainstEachOther) {
     const std::vector<FrameRange> ranges = ranges_between_jumps(frames);
     ASSERT_EQ(ranges.size(), 2u);
     EXPECT_TRUE(ranges[0].first == 0 && ranges[0].last == 21 && ranges[1].first == 22 && ranges[1].last == 39);
-    for (const FrameRange range : ranges) {
+    for (const FrameRange range : ranges)
         EXPECT_LT(evaluate_trajectory(frames, range).firstAligned.translation.max, 0.51);
-    }
 
     for (std::size_t i = 0; i < frames.size(); i += 8)
         frames[i].found = *frames[i].found * motion({0, 0, 0}, {90, 0, 0});

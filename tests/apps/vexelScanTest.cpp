@@ -1,6 +1,4 @@
 // vexel-scan fuse, info, simulate, accuracy and expose: files, figures, the same bytes twice.
-#include <cmath>
-#include <map>
 #include <opencv2/imgcodecs.hpp>
 
 #include "ToolTest.h"

@@ -1,18 +1,14 @@
 // Calibration files: what a formatted read takes and what it does not.
-#include <gtest/gtest.h>
 #include <opencv2/core/core_c.h>
 
 #include <clocale>
-#include <cmath>
 #include <cstdio>
-#include <functional>
 #include <locale>
-#include <random>
-#include <sstream>
+#include <regex>
 
 #include "readCaliData/CaliParReadIn.h"
 #include "tests/calibration/stereoRig.h"
-#include "tests/printed.h"
+#include "tests/common.h"
 #include "trials/TemporaryFolder.h"
 
 namespace VexelAlgorithm::Rebuild {
@@ -64,20 +60,23 @@ std::string replaced(std::string text, const std::string& from, const std::strin
 std::vector<double> read_by_c_library(const std::string& path) {
     std::FILE* file = std::fopen(path.c_str(), "r");
     double v[40];
-    double* u = v + 22;
-    const bool whole =
-        std::fscanf(file, "Focal Length:          fc = [%lf %lf]\n", v, v + 1) == 2 &&
-        std::fscanf(file, "                            [%lf %lf]\n", u, u + 1) == 2 &&
-        std::fscanf(file, "Principal point:       cc = [%lf %lf]\n", v + 2, v + 3) == 2 &&
-        std::fscanf(file, "                            [%lf %lf\n\n]", u, u + 1) == 2 &&
-        std::fscanf(file, "alpha:              alpha = [%lf] [%lf]\n", v + 4, u) == 2 &&
-        std::fscanf(file, "Distortion:            kc = [%lf %lf %lf %lf %lf]\n", v + 5, v + 6, v + 7, v + 8, v + 9) ==
-            5 &&
-        std::fscanf(file, "                            [%lf %lf %lf %lf %lf]\n", u, u + 1, u + 2, u + 3, u + 4) == 5 &&
-        std::fscanf(file, "Translation vector:     T = [%lf %lf %lf]\n", v + 10, v + 11, v + 12) == 3 &&
-        std::fscanf(file, "Rotation Matrix:        R = [%lf %lf %lf %lf %lf %lf %lf %lf %lf]\n", v + 13, v + 14, v + 15,
-                    v + 16, v + 17, v + 18, v + 19, v + 20, v + 21) == 9 &&
-        std::fscanf(file, "Standard Error:     error = [%lf]\n", u) == 1;
+    constexpr int uncertainty = 22;  // these are left out
+    const std::tuple<const char*, int, int> lines[] = {
+        {"Focal Length:          fc = [%lf %lf]\n", 0, 2},
+        {"                            [%lf %lf]\n", uncertainty, 2},
+        {"Principal point:       cc = [%lf %lf]\n", 2, 2},
+        {"                            [%lf %lf\n\n]", uncertainty, 2},
+        {"alpha:              alpha = [%lf] [%lf]\n", 4, 2},
+        {"Distortion:            kc = [%lf %lf %lf %lf %lf]\n", 5, 5},
+        {"                            [%lf %lf %lf %lf %lf]\n", uncertainty, 5},
+        {"Translation vector:     T = [%lf %lf %lf]\n", 10, 3},
+        {"Rotation Matrix:        R = [%lf %lf %lf %lf %lf %lf %lf %lf %lf]\n", 13, 9},
+        {"Standard Error:     error = [%lf]\n", uncertainty, 1}};
+    bool whole = true;
+    for (const auto& [format, at, count] : lines) {
+        double* p = v + at;
+        whole = whole && std::fscanf(file, format, p, p + 1, p + 2, p + 3, p + 4, p + 5, p + 6, p + 7, p + 8) == count;
+    }
     std::fclose(file);
     return whole ? std::vector<double>(v, v + 22) : std::vector<double>();
 }
@@ -118,27 +117,14 @@ std::vector<std::string> with_lines_missing(const std::string& good) {
 
 TEST_F(CalibrationFile, AgreesWithTheCLibraryOnDamagedFiles) {
     const std::string good = rig.left.text();
-    std::vector<std::string> texts{
-        good,
-        replaced(good, "\n\n]alpha", "]\nalpha"),
-        replaced(good, "\n\n]alpha", "]alpha"),
-        replaced(good, "410", "410,0"),
-        replaced(good, "410", "+410"),
-        replaced(good, "410", "4.1e2"),
-        replaced(good, "410", "nan"),
-        replaced(good, "410", "inf"),
-        replaced(good, "410", "1e999"),
-        replaced(good, "410", "1e-999"),
-        replaced(good, "410", "--410"),
-        replaced(good, "0.125]\n", "0.125"),
-        replaced(good, "0.125]\n", "\t 0.125] more"),
-        replaced(good, "Focal Length:          fc", "Focal Length: fc"),
-        replaced(good, "Focal", "\nFocal"),
-        std::string("\0\0\0", 3) + good,
-    };
-    std::string withCarriageReturns;
-    for (const char c : good) withCarriageReturns += c == '\n' ? std::string("\r\n") : std::string(1, c);
-    texts.push_back(withCarriageReturns);
+    std::vector<std::string> texts{good, std::string("\0\0\0", 3) + good,
+                                   std::regex_replace(good, std::regex("\n"), "\r\n")};
+    for (const char* number : {"410,0", "+410", "4.1e2", "nan", "inf", "1e999", "1e-999", "--410"})
+        texts.push_back(replaced(good, "410", number));
+    for (const char* end : {"]\nalpha", "]alpha"}) texts.push_back(replaced(good, "\n\n]alpha", end));
+    for (const char* end : {"0.125", "\t 0.125] more"}) texts.push_back(replaced(good, "0.125]\n", end));
+    for (const char* label : {"Focal Length: fc", "\nFocal Length:          fc"})
+        texts.push_back(replaced(good, "Focal Length:          fc", label));
     for (const std::string& text : with_lines_missing(good)) texts.push_back(text);
     std::mt19937 random(7);
     const std::string alphabet = " \n\t[]=:.-+,0159eKRfα";
@@ -221,27 +207,6 @@ TEST_F(CalibrationFile, ReadsAndPrintsTheSameInEveryLocale) {
         EXPECT_EQ(otherProjection, projection) << name;
     }
     std::locale::global(before);
-}
-
-TEST(Recordings, PublishedGeometry) {
-    const char* root = std::getenv("VEXEL_RECORDINGS");
-    if (root == nullptr) GTEST_SKIP() << "VEXEL_RECORDINGS is not set";
-    struct {
-        const char* folder;
-        Vector2i size;
-        double focal, baseline, offset;  // offset of the principal points, from the recordings' notes
-    } const rigs[] = {{"stereo_cylinder", {1232, 1640}, 1306.0, 180.088, -872.971},
-                      {"stereo_projected", {1600, 1200}, 1425.351, 74.713, -117.251}};
-    for (const auto& rig : rigs) {
-        const std::filesystem::path folder = std::filesystem::path(root) / rig.folder;
-        const CaliParReadIn calibration((folder / "calib_left.txt").string(), (folder / "calib_right.txt").string(),
-                                        rig.size);
-        ASSERT_TRUE(calibration.is_ini_success());
-        const auto P1 = calibration.get_left_projection(), P2 = calibration.get_right_projection();
-        EXPECT_NEAR(P1(0, 0), rig.focal, 0.05);
-        EXPECT_NEAR(-P2(0, 3) / P2(0, 0), rig.baseline, 0.001);
-        EXPECT_NEAR(P1(0, 2) - P2(0, 2), rig.offset, 0.01);
-    }
 }
 
 }  // namespace

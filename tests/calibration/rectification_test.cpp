@@ -1,22 +1,16 @@
 // Rectification against projected points, the remap against its definition.
-#include <gtest/gtest.h>
 #include <opencv2/core/core_c.h>
 
 #include <Eigen/Core>
-#include <cmath>
 #include <cstdlib>
-#include <functional>
-#include <limits>
 #include <opencv2/calib3d.hpp>
 #include <opencv2/core/cuda.hpp>
 #include <opencv2/core/eigen.hpp>
 #include <opencv2/imgproc.hpp>
-#include <random>
-#include <utility>
 
 #include "readCaliData/CaliParReadIn.h"
 #include "tests/calibration/stereoRig.h"
-#include "tests/printed.h"
+#include "tests/common.h"
 
 namespace VexelAlgorithm::Rebuild {
 namespace {
@@ -91,7 +85,7 @@ TEST(Rectification, MapsLeadToWhereTheCamerasSeeThePoint) {
 TEST(Rectification, ColourCamera) {
     const Rig rig;
     Camera color = rig.right;
-    color.worldToCamera = RigidMatrix(turned(-0.1, 0.05, 0.4), {30, -20, 15});
+    color.worldToCamera = RigidMatrix(turned({-0.1, 0.05, 0.4}), {30, -20, 15});
     CaliParReadIn calibration(rig.left.vector(), rig.right.vector(), color.vector(), SIZE, {64, 48});
     ASSERT_TRUE(calibration.has_color_camera());
     const Vector3d world(10, 20, 300);
@@ -148,10 +142,8 @@ TEST(Remap, EqualsItsDefinitionAndKeepsItsMargin) {
     Rig parallel;  // without distortion the map is close to the identity and meets the margin at every side
     for (Camera* camera : {&parallel.left, &parallel.right}) *camera = {500, 500, 12, 9, 0, {}, RigidMatrix()};
     parallel.right.worldToCamera = RigidMatrix(Matrix3d::Identity(), {-30, 0, 0});
-    struct {
-        Rig rig;
-        Vector2i size;
-    } const cases[] = {{rig, SIZE}, {parallel, {25, 19}}, {parallel, {64, 6}}, {parallel, {5, 40}}, {parallel, {1, 1}}};
+    const std::pair<Rig, Vector2i> cases[] = {
+        {rig, SIZE}, {parallel, {25, 19}}, {parallel, {64, 6}}, {parallel, {5, 40}}, {parallel, {1, 1}}};
     for (const auto& [someRig, size] : cases) {
         const CaliParReadIn calibration = loaded(someRig, size);
         ASSERT_TRUE(calibration.is_ini_success()) << size.transpose();
@@ -163,14 +155,13 @@ TEST(Remap, EqualsItsDefinitionAndKeepsItsMargin) {
         ASSERT_TRUE(calibration.remap_image_LR(raw[0].data(), raw[1].data(), bytes[0].data(), bytes[1].data()));
         ASSERT_TRUE(calibration.remap_image_LR(raw[0].data(), raw[1].data(), floats[0].data(), floats[1].data()));
         const float* maps[] = {calibration.get_left_map(), calibration.get_right_map()};
-        for (std::size_t camera = 0; camera < 2; ++camera) {
+        for (std::size_t camera = 0; camera < 2; ++camera)
             for (std::size_t i = 0; i < count; ++i) {
                 const float* xy = maps[camera] + 2 * i;
                 const float expected = value_by_definition(raw[camera], size.x(), size.y(), xy[0], xy[1]);
                 ASSERT_EQ(floats[camera][i], expected) << size.transpose() << " pixel " << i;
                 ASSERT_EQ(bytes[camera][i], static_cast<std::uint8_t>(expected)) << size.transpose() << " pixel " << i;
             }
-        }
     }
 }
 
@@ -245,7 +236,7 @@ TEST(CaliParReadIn, CopiesAreDeepAndAReadThatFailsHalfWayChangesNothing) {
 TEST(CaliParReadIn, RefusesWhatCannotBeRectified) {
     const double nan = std::numeric_limits<double>::quiet_NaN();
     const auto pose = [](double turn, const Vector3d& place) {
-        return [=](Rig& r) { r.set_pose(RigidMatrix(turned(0, turn, 0), place)); };
+        return [=](Rig& r) { r.set_pose(RigidMatrix(turned({0, turn, 0}), place)); };
     };
     const std::pair<std::function<void(Rig&)>, std::string> cases[] = {
         {[&](Rig& r) { r.right.k[2] = nan; }, "a value is not finite"},

@@ -2,10 +2,8 @@
 #pragma once
 
 #include <cstdio>
-#include <string>
-#include <vector>
 
-#include "foundation/RigidMatrix.h"
+#include "tests/common.h"
 
 namespace VexelTest {
 
@@ -49,22 +47,16 @@ struct Camera {
     }
 };
 
-inline Matrix3d turned(double x, double y, double z) {
-    Matrix3d rotation;
-    rodrigures(Vector3d(x, y, z), rotation);
-    return rotation;
-}
-
 constexpr int RIG_WIDTH = 331;  // no multiple of any vector length
 constexpr int RIG_HEIGHT = 203;
 
 /// Converging cameras of different focal length, with distortion, in a world that is neither camera's.
 struct Rig {
     Camera left{
-        410, 405, 160, 98, 0, {-0.12, 0.08, 0.001, -0.002, 0.02}, RigidMatrix(turned(0.3, -0.2, 0.1), {5, 9, 40})};
+        410, 405, 160, 98, 0, {-0.12, 0.08, 0.001, -0.002, 0.02}, RigidMatrix(turned({0.3, -0.2, 0.1}), {5, 9, 40})};
     Camera right{395, 398, 171, 104, 0, {0.09, -0.11, -0.001, 0.0015, 0}, RigidMatrix()};
 
-    Rig() { set_pose(RigidMatrix(turned(0.02, 0.24, -0.03), {-80, 2, 6})); }
+    Rig() { set_pose(RigidMatrix(turned({0.02, 0.24, -0.03}), {-80, 2, 6})); }
     void set_pose(const RigidMatrix& leftToRight) { right.worldToCamera = leftToRight * left.worldToCamera; }
     RigidMatrix left_to_right() const { return right.worldToCamera * left.worldToCamera.inverse(); }
 };

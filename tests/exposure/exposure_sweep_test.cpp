@@ -1,14 +1,11 @@
 // The chosen image of a sweep lets the reconstruction find as much as nearly the best one.
-#include <gtest/gtest.h>
-
-#include <algorithm>
-
 #include "exposure/autoExposure.h"
+#include "tests/common.h"
 #include "trials/exposureSweeps.h"
 
-namespace VexelAlgorithm {
 namespace {
 
+using namespace VexelAlgorithm;
 using namespace VexelTrial;
 
 TEST(ExposureSweep, TheChosenImageCoversAtLeastNineteenTwentiethsOfTheBest) {
@@ -39,4 +36,3 @@ TEST(ExposureSweep, TheChosenImageCoversAtLeastNineteenTwentiethsOfTheBest) {
 }
 
 }  // namespace
-}  // namespace VexelAlgorithm

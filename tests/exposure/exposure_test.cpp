@@ -1,16 +1,9 @@
 // The choice of exposure: its stages against plain twins and images that can be counted by hand, and arguments that it
 // cannot use.
-#include <cmath>
-#include <fstream>
-#include <functional>
-#include <limits>
-#include <random>
-#include <tuple>
-
 #include "exposure/autoExposure.h"
 #include "exposure/greyFile.h"
 #include "exposure/patternMask.h"
-#include "tests/printed.h"
+#include "tests/common.h"
 #include "trials/TemporaryFolder.h"
 
 namespace VexelAlgorithm::autoExposureFoot {
@@ -20,7 +13,6 @@ using namespace VexelTest;
 using namespace VexelTrial;
 
 constexpr int kMost = std::numeric_limits<int>::max(), kLeast = std::numeric_limits<int>::min();
-constexpr float kNaN = std::numeric_limits<float>::quiet_NaN();
 const Vector2i kSize(96, 80);
 const Vector4i kWhole(1, 0, 1, 0);
 

@@ -1,22 +1,16 @@
 // Lines that an application has redirected to its own function.
 #include "foundation/diagnostics.h"
 
-#include <gtest/gtest.h>
-
-#include <atomic>
-#include <sstream>
 #include <stdexcept>
-#include <thread>
-#include <vector>
 
 #include "foundation/diagnosticsCallBack.h"
 #include "foundation/handle.h"
 #include "foundation/parallel.h"
-#include "tests/printed.h"
+#include "tests/common.h"
 
-namespace VexelAlgorithm {
 namespace {
 
+using namespace VexelAlgorithm;
 using Lines = std::vector<std::string>;
 using VexelTest::printed;
 
@@ -68,11 +62,7 @@ TEST_F(RedirectedLines, ThoseOfACallComeWhenItEnds) {
 }
 
 TEST_F(RedirectedLines, TheFunctionMayDoWhatItLikes) {
-    const struct {
-        DiagnosticsCallBack function;
-        Lines lines;
-        std::string output;
-    } cases[] = {
+    const std::tuple<DiagnosticsCallBack, Lines, std::string> cases[] = {
         {[](const char* line, std::size_t length, void* user) {
              keep(line, length, user);
              guarded("call", [] { print_line("from inside"); });
@@ -88,16 +78,16 @@ TEST_F(RedirectedLines, TheFunctionMayDoWhatItLikes) {
          "two\n"},
         {[](const char*, std::size_t, void* user) { set_diagnostics_call_back(keep, user); }, {"two\n"}, ""},
     };
-    for (const auto& c : cases) {
+    for (const auto& [function, expected, expectedOutput] : cases) {
         lines.clear();
-        const std::string output = printed([&] {
-            set_diagnostics_call_back(c.function, &lines);
+        const std::string output = printed([&, &function = function] {
+            set_diagnostics_call_back(function, &lines);
             print_line("one");
             print_line("two");
             set_diagnostics_call_back(nullptr, nullptr);
         });
-        EXPECT_EQ(lines, c.lines);
-        EXPECT_EQ(output, c.output);
+        EXPECT_EQ(lines, expected);
+        EXPECT_EQ(output, expectedOutput);
     }
 }
 
@@ -106,11 +96,10 @@ TEST(Lines, OfThreadsDoNotMix) {
     EXPECT_EQ(format_text("%s", std::string(5000, 'x').c_str()).size(), 5000u);
     std::istringstream lines(printed([] {
         std::vector<std::thread> threads;
-        for (const char letter : {'a', 'b', 'c', 'd'}) {
+        for (const char letter : {'a', 'b', 'c', 'd'})
             threads.emplace_back([letter] {
                 for (int i = 0; i < 100; ++i) print_line(std::string(200, letter));
             });
-        }
         for (std::thread& thread : threads) thread.join();
     }));
     int count = 0;
@@ -139,16 +128,14 @@ TEST_F(RedirectedLines, OfManyThreadsNeitherMixNorOutliveTheFunction) {
     std::atomic<int> printing{kThreads};
     set_diagnostics_call_back(Screen::show, &screens.front());
     std::vector<std::thread> threads;
-    for (int t = 0; t < kThreads; ++t) {
+    for (int t = 0; t < kThreads; ++t)
         threads.emplace_back([&, t] {
-            for (int call = 0; call < kCalls; ++call) {
+            for (int call = 0; call < kCalls; ++call)
                 guarded("call", [&] {
                     for (int i = 0; i < 3; ++i) print_line(format_text("%d %d %d", t, call, i));
                 });
-            }
             --printing;
         });
-    }
     for (std::size_t next = 1; next < screens.size(); ++next) {
         std::this_thread::yield();
         set_diagnostics_call_back(Screen::show, &screens[next]);
@@ -166,13 +153,11 @@ TEST_F(RedirectedLines, OfManyThreadsNeitherMixNorOutliveTheFunction) {
     std::vector<int> nextCall(kThreads, 0);
     for (std::size_t i = 0; i < all.size(); i += 3) {
         const int t = all[i][0] - '0';
-        for (std::size_t k = 0; k < 3; ++k) {
+        for (std::size_t k = 0; k < 3; ++k)
             ASSERT_EQ(all[i + k],
                       format_text("%d %d %d\n", t, nextCall[static_cast<std::size_t>(t)], static_cast<int>(k)));
-        }
         ++nextCall[static_cast<std::size_t>(t)];
     }
 }
 
 }  // namespace
-}  // namespace VexelAlgorithm

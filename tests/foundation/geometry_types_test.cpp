@@ -1,18 +1,14 @@
 // Archives, swapping and value semantics of all geometry types in the same cases.
-#include <gtest/gtest.h>
-
-#include <cstring>
-#include <functional>
-#include <limits>
 #include <memory>
-#include <sstream>
 
 #include "foundation/BaseTriMesh.h"
 #include "foundation/PointImage.h"
+#include "tests/common.h"
 #include "trials/TemporaryFolder.h"
 
-namespace VexelAlgorithm {
 namespace {
+
+using namespace VexelAlgorithm;
 
 namespace fs = std::filesystem;
 
@@ -236,8 +232,7 @@ TEST(BaseTriMesh, SqueezeRenumbersFaces) {
 
 TEST(BaseTriMesh, VertexNormalsWeighFacesByArea) {
     BaseTriMesh mesh;
-    const float nan = std::numeric_limits<float>::quiet_NaN();
-    mesh.set_vCoords({{0, 0, 0}, {2, 0, 0}, {0, 2, 0}, {0, 0, 1}, {5, 5, 5}, {nan, 0, 0}});
+    mesh.set_vCoords({{0, 0, 0}, {2, 0, 0}, {0, 2, 0}, {0, 0, 1}, {5, 5, 5}, {VexelTest::kNaN, 0, 0}});
     // Area 2 with normal +z, area 1 with normal +x; then no area, a missing vertex, a NaN corner, a deleted face.
     mesh.set_faces({{{0, 1, 2}}, {{0, 2, 3}}, {{0, 0, 1}}, {{0, 1, 17}}, {{0, 1, 5}}, {{0, 1, 3}}});
     mesh.set_fDeleted(5, true);
@@ -249,12 +244,9 @@ TEST(BaseTriMesh, VertexNormalsWeighFacesByArea) {
     EXPECT_EQ(mesh.get_fNrv(1), Vector3f(1, 0, 0));
     EXPECT_EQ(mesh.get_fNrv(3), Vector3f::Zero());
 
-    Matrix3d rotation;
-    rodrigures(Vector3d(0, std::acos(0.0), 0), rotation);
-    mesh.rigid_transformation({rotation, Vector3d(1, 2, 3)});
+    mesh.rigid_transformation({VexelTest::turned({0, std::acos(0.0), 0}), {1, 2, 3}});
     EXPECT_LT((mesh.get_fNrv(0) - Vector3f(1, 0, 0)).norm(), 1e-6f);
     EXPECT_LT((mesh.get_vCoord(3) - Vector3f(2, 2, 3)).norm(), 1e-6f);
 }
 
 }  // namespace
-}  // namespace VexelAlgorithm

@@ -1,29 +1,19 @@
-#include <gtest/gtest.h>
-
 #include <OpenMesh/Core/IO/MeshIO.hh>
-#include <vector>
 
 #include "foundation/meshExport.h"
-#include "tests/printed.h"
+#include "tests/common.h"
 #include "trials/TemporaryFolder.h"
 
-namespace VexelAlgorithm {
 namespace {
+
+using namespace VexelAlgorithm;
 
 namespace fs = std::filesystem;
 
 class Export : public testing::Test {
 protected:
     std::string path(const std::string& name) const { return (folder.path() / name).string(); }
-    std::size_t file_number() const {
-        return static_cast<std::size_t>(std::distance(fs::directory_iterator(folder.path()), fs::directory_iterator()));
-    }
-    std::vector<std::string> lines(const std::string& name) const {
-        std::ifstream in(path(name));
-        std::vector<std::string> all;
-        for (std::string line; std::getline(in, line);) all.push_back(line);
-        return all;
-    }
+    std::vector<std::string> lines(const std::string& name) const { return VexelTrial::lines_of(path(name)); }
 
     const VexelTrial::TemporaryFolder folder;
 };
@@ -49,30 +39,27 @@ std::string failure_line(const Call& call) {
 TEST_F(Export, OpenMeshReadsBackEveryFormat) {
     const BaseTriMesh mesh = tetrahedron();
     constexpr std::uint32_t all = MESH_WRITE_VERTEX_NORMAL | MESH_WRITE_VERTEX_COLOR;
-    const struct {
-        const char* name;
-        std::uint32_t options;
-        bool hasNormals, hasColors;
-    } formats[] = {{"text.ply", all, true, true},   {"binary.ply", all | MESH_WRITE_BINARY, true, true},
-                   {"text.off", all, true, true},   {"plain.ply", MESH_WRITE_BINARY, false, false},
-                   {"upper.OBJ", all, true, false}, {"binary.stl", all | MESH_WRITE_BINARY, false, false},
-                   {"text.stl", all, false, false}};
+    const std::tuple<std::string, std::uint32_t, bool, bool> formats[] = {
+        {"text.ply", all, true, true},   {"binary.ply", all | MESH_WRITE_BINARY, true, true},
+        {"text.off", all, true, true},   {"plain.ply", MESH_WRITE_BINARY, false, false},
+        {"upper.OBJ", all, true, false}, {"binary.stl", all | MESH_WRITE_BINARY, false, false},
+        {"text.stl", all, false, false}};
     testing::internal::CaptureStderr();
-    for (const auto& format : formats) {
-        SCOPED_TRACE(format.name);
-        ASSERT_EQ(write_mesh(path(format.name), mesh, format.options, 9), 0);
+    for (const auto& [name, written, hasNormals, hasColors] : formats) {
+        SCOPED_TRACE(name);
+        ASSERT_EQ(write_mesh(path(name), mesh, written, 9), 0);
         TriMesh read;
         read.request_vertex_normals();
         read.request_vertex_colors();
         OpenMesh::IO::Options options = OpenMesh::IO::Options::VertexNormal;
         options += OpenMesh::IO::Options::VertexColor;
-        if ((format.options & MESH_WRITE_BINARY) != 0) options += OpenMesh::IO::Options::Binary;
-        ASSERT_TRUE(OpenMesh::IO::read_mesh(read, path(format.name), options));
+        if ((written & MESH_WRITE_BINARY) != 0) options += OpenMesh::IO::Options::Binary;
+        ASSERT_TRUE(OpenMesh::IO::read_mesh(read, path(name), options));
         ASSERT_EQ(read.n_vertices(), 4u);
         ASSERT_EQ(read.n_faces(), 4u);
-        if (std::string(format.name).find("stl") == std::string::npos) {  // whose reader leaves the options alone
-            EXPECT_EQ(options.vertex_has_normal(), format.hasNormals);
-            EXPECT_EQ(options.vertex_has_color(), format.hasColors);
+        if (name.find("stl") == std::string::npos) {  // whose reader leaves the options alone
+            EXPECT_EQ(options.vertex_has_normal(), hasNormals);
+            EXPECT_EQ(options.vertex_has_color(), hasColors);
         }
         for (const auto f : read.faces()) {
             int corner = 0;
@@ -82,15 +69,15 @@ TEST_F(Export, OpenMeshReadsBackEveryFormat) {
                 EXPECT_EQ(Vector3f(point[0], point[1], point[2]), expected) << "face " << f.idx();
             }
         }
-        if (format.hasNormals) {
+        if (hasNormals) {
             for (const auto v : read.vertices()) EXPECT_NEAR(read.normal(v)[2], mesh.get_vNrv(v.idx()).z(), 1e-6f);
         }
-        if (format.hasColors) {
+        if (hasColors) {
             EXPECT_EQ(read.color(TriMesh::VertexHandle(3)), OpenMesh::Vec3uc(153, 255, 0));
         }
     }
     EXPECT_EQ(testing::internal::GetCapturedStderr(), "");
-    EXPECT_EQ(file_number(), 7u) << "nothing is left beside the files";
+    EXPECT_EQ(folder.file_count(), 7u) << "nothing is left beside the files";
 }
 
 TEST_F(Export, KeepsOrderAndNonManifoldTrianglesAndDropsDeletedOnes) {
@@ -123,7 +110,7 @@ TEST_F(Export, FailuresGiveOneLineAndKeepTheOlderFile) {
     failure_line([&] { return write_mesh(path("mesh.ply"), plain, MESH_WRITE_VERTEX_NORMAL, 6); });
     failure_line([&] { return write_asc(path("cloud.asc"), illegal); });
     failure_line([&] { return write_cloudWithWeight(path("missing/cloud.asc"), CloudWithWeight()); });
-    EXPECT_EQ(file_number(), 2u) << "only what was there before";
+    EXPECT_EQ(folder.file_count(), 2u) << "only what was there before";
     EXPECT_EQ(VexelTrial::bytes_of(older), "older");
 }
 
@@ -175,4 +162,3 @@ TEST_F(Export, HalfEdgeMeshLeavesOutWhatItCannotHold) {
 }
 
 }  // namespace
-}  // namespace VexelAlgorithm

@@ -1,26 +1,16 @@
 // The neighbourhood operations of PointImage against plain references and analytic surfaces.
-#include <gtest/gtest.h>
-#include <hwy/targets.h>
 #include <tbb/task_arena.h>
 
 #include <Eigen/Geometry>
 #include <Eigen/LU>
-#include <algorithm>
-#include <cmath>
-#include <cstring>
-#include <functional>
-#include <limits>
-#include <random>
-#include <vector>
 
 #include "foundation/PointImage.h"
+#include "tests/common.h"
 
 using namespace VexelAlgorithm;
+using namespace VexelTest;
 
 namespace {
-
-constexpr float Inf = std::numeric_limits<float>::infinity();
-const float NaN = std::numeric_limits<float>::quiet_NaN();
 
 using Size = std::pair<int, int>;
 const std::vector<Size> oddSizes = {{0, 0}, {1, 1}, {1, 40}, {40, 1}, {2, 2}, {37, 23}, {23, 37}, {19, 300}};
@@ -45,7 +35,7 @@ PointImage make_image(Size size) {
 PointImage make_patchwork(Size size, unsigned seed) {
     PointImage image = make_image(size);
     std::mt19937 random(seed);
-    for (int y = 0; y < size.second; ++y) {
+    for (int y = 0; y < size.second; ++y)
         for (int x = 0; x < size.first; ++x) {
             const unsigned kind = random() % 100;
             if (kind < 20) continue;
@@ -53,10 +43,9 @@ PointImage make_patchwork(Size size, unsigned seed) {
                 400.0f + 0.25f * static_cast<float>(random() % 3) + 0.5f * static_cast<float>((x / 7 + y / 5) % 3);
             if (kind < 30) depth += static_cast<float>(random() % 8);
             image.set_point(x, y, Vector3f(0.25f * static_cast<float>(x), 0.25f * static_cast<float>(y), depth));
-            if (kind == 30) image.set_point(x, y, Vector3f(1.0f, NaN, depth));
-            if (kind == 31) image.set_point(x, y, Vector3f(1.0f, 1.0f, Inf));
+            if (kind == 30) image.set_point(x, y, Vector3f(1.0f, kNaN, depth));
+            if (kind == 31) image.set_point(x, y, Vector3f(1.0f, 1.0f, kInfinity));
         }
-    }
     return image;
 }
 
@@ -102,7 +91,7 @@ Vector3d reference_normal(const PointImage& image, int x, int y, const NormalPar
     const int countX = std::clamp(p.windowX / stepX, 1, 16), countY = std::clamp(p.windowY / stepY, 1, 16);
     const Vector3d centre = image.get_point(x, y).cast<double>();
     std::vector<Eigen::Matrix<double, 1, 5>> rows;  // offset and point
-    for (int j = -countY; j <= countY; ++j) {
+    for (int j = -countY; j <= countY; ++j)
         for (int i = -countX; i <= countX; ++i) {
             const std::int64_t nx = x + std::int64_t{i} * stepX, ny = y + std::int64_t{j} * stepY;
             if (nx < 0 || ny < 0 || nx >= image.get_image_width() || ny >= image.get_image_height()) continue;
@@ -112,7 +101,6 @@ Vector3d reference_normal(const PointImage& image, int x, int y, const NormalPar
             rows.emplace_back();
             rows.back() << i, j, point.transpose();
         }
-    }
     if (!image.has_point(image.index_of(x, y)) || rows.empty()) return Vector3d::Zero();
     Eigen::Matrix<double, Eigen::Dynamic, 5> data(rows.size(), 5);
     for (std::size_t k = 0; k < rows.size(); ++k) data.row(static_cast<Eigen::Index>(k)) = rows[k];
@@ -129,13 +117,16 @@ Vector3d reference_normal(const PointImage& image, int x, int y, const NormalPar
 
 TEST(PointImageNormals, AreThoseOfTheReference) {
     const NormalParameters table[] = {{1, 1, 2, 2, 0.75f},  // met exactly by 0.25, 0.5, 0.5
-                                      {2, 3, 5, 7, 3.0f},      {0, -5, -1, 0, 1.0f},
-                                      {3, 1, 1 << 30, 1, Inf}, {1 << 30, 1, 1 << 30, 1 << 30, Inf},
-                                      {1, 1, 2, 2, -1.0f},     {1, 1, 2, 2, NaN}};
+                                      {2, 3, 5, 7, 3.0f},
+                                      {0, -5, -1, 0, 1.0f},
+                                      {3, 1, 1 << 30, 1, kInfinity},
+                                      {1 << 30, 1, 1 << 30, 1 << 30, kInfinity},
+                                      {1, 1, 2, 2, -1.0f},
+                                      {1, 1, 2, 2, kNaN}};
     for (const Size& size : oddSizes) {
         PointImage image = make_patchwork(size, 3), moved = image;
         moved.rigid_transformation(exact_pose());
-        for (const NormalParameters& p : table) {
+        for (const NormalParameters& p : table)
             for (PointImage* frame : {&image, &moved}) {
                 frame->count_point_normal(p.stepX, p.stepY, p.windowX, p.windowY, p.limit);
                 for (int i = 0; i < size.first * size.second; ++i) {
@@ -145,10 +136,9 @@ TEST(PointImageNormals, AreThoseOfTheReference) {
                     ASSERT_LT((normal - expected).norm(), 2e-3) << size.first << " window " << p.windowX << " at " << i;
                 }
             }
-        }
     }
     PointImage wall = make_patchwork({37, 23}, 3);
-    wall.set_rt(RigidMatrix(Matrix3d::Constant(NaN), Vector3d(0.0, 0.0, 5000.0)));
+    wall.set_rt(RigidMatrix(Matrix3d::Constant(kNaN), Vector3d(0.0, 0.0, 5000.0)));
     wall.update_VNrv(1, 2, 2.0f);
     for (const Vector3f& normal : wall.get_vNrvs()) ASSERT_LE(normal.z(), 0.0f) << "the origin when not finite";
 }
@@ -162,8 +152,8 @@ TEST(PointImageDeletion, EmptiesSlotsByNormalAndByFlag) {
                image.get_vWeight(i) == 1.0f && image.get_vFlag(i).bits != 0;
     };
     PointImage byNormal = before;
-    const Vector3f normals[] = {Vector3f(0, 0, -1), Vector3f::Zero(), Vector3f(NaN, 0, 1), Vector3f(0, -0.0f, 0),
-                                Vector3f(0, Inf, 0)};
+    const Vector3f normals[] = {Vector3f(0, 0, -1), Vector3f::Zero(), Vector3f(kNaN, 0, 1), Vector3f(0, -0.0f, 0),
+                                Vector3f(0, kInfinity, 0)};
     for (std::size_t i = 0; i < byNormal.get_vn(); ++i) byNormal.set_vNrv(i, normals[i % 5]);
     byNormal.delete_point_without_normal();
     for (std::size_t i = 0; i < byNormal.get_vn(); ++i) {
@@ -196,7 +186,7 @@ std::vector<int> reference_region_sizes(const PointImage& image, int radius, con
         for (std::size_t k = 0; k < region.size(); ++k) {
             const int x = static_cast<int>(region[k]) % image.get_image_width();
             const int y = static_cast<int>(region[k]) / image.get_image_width();
-            for (int ny = std::max(y - radius, 0); ny <= std::min(y + radius, image.get_image_height() - 1); ++ny) {
+            for (int ny = std::max(y - radius, 0); ny <= std::min(y + radius, image.get_image_height() - 1); ++ny)
                 for (int nx = std::max(x - radius, 0); nx <= std::min(x + radius, image.get_image_width() - 1); ++nx) {
                     const std::size_t n = image.index_of(nx, ny);
                     if (!image.has_point(n) || sizes[n] != 0) continue;
@@ -204,7 +194,6 @@ std::vector<int> reference_region_sizes(const PointImage& image, int radius, con
                     sizes[n] = -1;
                     region.push_back(n);
                 }
-            }
         }
         for (const std::size_t slot : region) sizes[slot] = static_cast<int>(region.size());
     }
@@ -261,11 +250,7 @@ TEST(PointImageIslands, AreThoseOfTheReference) {
 
 TEST(PointImageEdges, AreWhereAnApplicationExpectsThem) {
     // 60 x 50 slots, the window is 3.
-    const struct {
-        const char* name;
-        std::function<double(int x, int y)> depth;
-        std::size_t edges;
-    } table[] = {
+    const std::tuple<const char*, std::function<double(int x, int y)>, std::size_t> table[] = {
         {"plane of 60 degrees", [](int x, int) { return 400.0 + 0.45 * x; }, 0},
         {"roof of 60 degrees", [](int x, int) { return 400.0 + 0.45 * std::abs(x - 30); }, 0},
         {"step of 2 mm", [](int x, int) { return x < 30 ? 400.0 : 402.0; }, 6 * 50},
@@ -284,20 +269,20 @@ TEST(PointImageEdges, AreWhereAnApplicationExpectsThem) {
         {"speck on a surface", [](int x, int y) { return x / 4 == 5 && y / 4 == 5 ? 390.0 : 400.0; }, 16},
         {"piece of 12 x 12 alone", [](int x, int y) { return x / 12 == 2 && y / 12 == 2 ? 400.0 : 0.0; }, 144},
     };
-    for (const auto& c : table) {
+    for (const auto& [name, depth, edges] : table) {
         PointImage upright = make_image({60, 50}), lying = make_image({50, 60});
         for (int y = 0; y < 50; ++y)
             for (int x = 0; x < 60; ++x) {
-                if (c.depth(x, y) <= 0) continue;
-                upright.set_point(x, y, Vector3d(0.25 * x, 0.25 * y, c.depth(x, y)).cast<float>());
-                lying.set_point(y, x, Vector3d(0.25 * y, 0.25 * x, c.depth(x, y)).cast<float>());
+                if (depth(x, y) <= 0) continue;
+                upright.set_point(x, y, Vector3d(0.25 * x, 0.25 * y, depth(x, y)).cast<float>());
+                lying.set_point(y, x, Vector3d(0.25 * y, 0.25 * x, depth(x, y)).cast<float>());
             }
         PointImage moved = upright;
         moved.rigid_transformation(exact_pose());
         for (PointImage* image : {&upright, &lying, &moved}) {
             image->get_vFlag(0).set(VertexFlag::Edge, true);  // of an earlier search
             image->find_egde_point(3, 0.3f, 150);
-            EXPECT_EQ(count_flag(*image, VertexFlag::Edge), c.edges) << c.name;
+            EXPECT_EQ(count_flag(*image, VertexFlag::Edge), edges) << name;
             EXPECT_EQ(count_flag(*image, VertexFlag::Locked), image->get_vn());
         }
     }
@@ -327,14 +312,14 @@ TEST(PointImagePlane, ShareIsTheOneThatWasPlanted) {
         const float ratio = plane_ratio(image, 0.2f, 8);
         EXPECT_GT(ratio, 0.98f * share) << share << isStrewn;
         EXPECT_LT(ratio, share + 0.02f) << share << isStrewn;
-        EXPECT_EQ(plane_ratio(image, Inf, 16), 1.0f);
+        EXPECT_EQ(plane_ratio(image, kInfinity, 16), 1.0f);
     }
 }
 
 TEST(PointImagePlane, NeedsThreePointsAndADistance) {
     PointImage image = make_image({8, 8});
     image.set_point(0, 0, Vector3f(0, 0, 400));
-    image.set_point(4, 4, Vector3f(NaN, 0, 400));
+    image.set_point(4, 4, Vector3f(kNaN, 0, 400));
     image.set_point(7, 7, Vector3f(1, 0, 400));
     EXPECT_EQ(plane_ratio(image, 0.2f, 1), 0.0f);
     image.set_point(3, 5, Vector3f(0.1f, 0.7f, 400.3f));
@@ -343,7 +328,7 @@ TEST(PointImagePlane, NeedsThreePointsAndADistance) {
     image.set_point(2, 6, Vector3f(2, 0, 400));
     EXPECT_EQ(plane_ratio(image, 0.1f, 1), 1.0f);
     EXPECT_EQ(plane_ratio(image, 0.1f, 1 << 30), 0.0f);
-    for (const float distance : {-0.1f, NaN, -Inf}) EXPECT_EQ(plane_ratio(image, distance, 1), 0.0f);
+    for (const float distance : {-0.1f, kNaN, -kInfinity}) EXPECT_EQ(plane_ratio(image, distance, 1), 0.0f);
     EXPECT_EQ(plane_ratio(PointImage(), 0.2f, 16), 0.0f);
 }
 
@@ -362,9 +347,7 @@ const std::vector<Operation> operations = {
 TEST(PointImageNeighbourhood, ResultDoesNotDependOnThreadsRunOrInstructionSet) {
     const PointImage input = make_patchwork({131, 700}, 13);
     std::vector<std::pair<PointImage, float>> results;
-    for (const std::int64_t target : hwy::SupportedAndGeneratedTargets()) {
-        hwy::SetSupportedTargetsForTest(target);
-        hwy::GetChosenTarget().DeInit();
+    with_every_instruction_set([&] {
         for (const int threads : {1, 2, 7}) {
             auto& [image, ratio] = results.emplace_back(input, 0.0f);
             tbb::task_arena(threads).execute([&, &image = image, &ratio = ratio] {
@@ -372,9 +355,7 @@ TEST(PointImageNeighbourhood, ResultDoesNotDependOnThreadsRunOrInstructionSet) {
                 image.plane_detect(ratio, 0.2f, 3);
             });
         }
-    }
-    hwy::SetSupportedTargetsForTest(0);
-    hwy::GetChosenTarget().DeInit();
+    });
     const auto& [first, firstRatio] = results.front();
     EXPECT_GT(first.count_vaildNum(), 0);
     EXPECT_LT(first.count_vaildNum(), input.count_vaildNum());
@@ -387,7 +368,7 @@ TEST(PointImageNeighbourhood, ResultDoesNotDependOnThreadsRunOrInstructionSet) {
 TEST(PointImageNeighbourhood, MeaninglessLimitsAndBrokenImagesChangeNothing) {
     const PointImage image = make_patchwork({31, 17}, 17);
     PointImage asBefore = image;
-    for (const float limit : {-0.1f, NaN}) {
+    for (const float limit : {-0.1f, kNaN}) {
         asBefore.find_egde_point(3, limit, 20);
         asBefore.delete_island(3, limit, 20);
         asBefore.delete_island_through_depth(3, limit, 20, Vector3f::Zero());
@@ -407,7 +388,7 @@ TEST(PointImageNeighbourhood, MeaninglessLimitsAndBrokenImagesChangeNothing) {
     }
     for (const Size& size : oddSizes) {  // nothing outside is read
         PointImage odd = make_patchwork(size, 11);
-        for (const int window : {-4, 1, 5, 1 << 30}) odd.find_egde_point(window, window == 5 ? Inf : 0.25f, 12);
+        for (const int window : {-4, 1, 5, 1 << 30}) odd.find_egde_point(window, window == 5 ? kInfinity : 0.25f, 12);
     }
 }
 

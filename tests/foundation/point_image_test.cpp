@@ -1,16 +1,10 @@
-#include <gtest/gtest.h>
-
-#include <cstring>
-#include <limits>
-#include <sstream>
-
 #include "foundation/PointImage.h"
-#include "tests/printed.h"
+#include "tests/common.h"
 
-namespace VexelAlgorithm {
 namespace {
 
-const float nan = std::numeric_limits<float>::quiet_NaN();
+using namespace VexelAlgorithm;
+using namespace VexelTest;
 
 PointImage sample_frame() {
     PointImage frame;
@@ -43,7 +37,7 @@ TEST(PointImage, IniGivesEmptySlotsAndKeepsTheAttributes) {
 
     frame.ini(-3, -3);
     EXPECT_EQ(frame.get_vn(), 0u);
-    EXPECT_EQ(VexelTest::line_count(VexelTest::printed([&] { frame.ini(65536, 65536); })), 1);
+    EXPECT_EQ(line_count(printed([&] { frame.ini(65536, 65536); })), 1);
     EXPECT_EQ(frame.get_image_width(), 0);
     EXPECT_TRUE(frame.is_legal());
 }
@@ -53,7 +47,7 @@ TEST(PointImage, SlotsHoldAPointUnlessZeroOrNotFinite) {
     frame.ini(3, 2);
     frame.set_point(0, 0, {0, 0, 1e-30f});
     frame.set_point(1, 0, {-0.0f, 0, 0});
-    frame.set_point(2, 0, {nan, 1, 1});
+    frame.set_point(2, 0, {kNaN, 1, 1});
     frame.set_point(0, 1, {1, std::numeric_limits<float>::infinity(), 1});
     frame.set_point(1, 1, {4, 5, 6});
     EXPECT_EQ(frame.count_vaildNum(), 2);
@@ -71,8 +65,7 @@ TEST(PointImage, SlotsHoldAPointUnlessZeroOrNotFinite) {
 TEST(PointImage, PoseFollowsTheMotionAndComesBack) {
     const PointImage original = sample_frame();
     PointImage frame = original;
-    Matrix3d rotation;
-    rodrigures(Vector3d(0.4, 0.2, -2.0), rotation);
+    const Matrix3d rotation = turned({0.4, 0.2, -2.0});
     const RigidMatrix first(rotation, Vector3d(100.0, -50.0, 20.0)), second(rotation, Vector3d(3.0, 4.0, 5.0));
     frame.rigid_transformation(first);
     frame.rigid_transformation(second);
@@ -123,4 +116,3 @@ TEST(PointImage, ArchiveSizeMustFitTheSlots) {
 }
 
 }  // namespace
-}  // namespace VexelAlgorithm

@@ -1,25 +1,16 @@
 // Parameter records: exact text, advice of the checks; the handle frame: null texts, nothing thrown.
-#include <gtest/gtest.h>
-
-#include <functional>
-#include <limits>
 #include <stdexcept>
-#include <string>
-#include <vector>
 
 #include "foundation/Cloud.h"
 #include "foundation/handle.h"
 #include "foundation/parameterCheck.h"
 #include "foundation/parameterPrint.h"
-#include "tests/printed.h"
+#include "tests/common.h"
 
-namespace VexelAlgorithm {
 namespace {
 
-using VexelTest::outcome;
-using VexelTest::printed;
-constexpr float NOT_A_NUMBER = std::numeric_limits<float>::quiet_NaN();
-constexpr float INFINITE = std::numeric_limits<float>::infinity();
+using namespace VexelAlgorithm;
+using namespace VexelTest;
 
 // The defaults, but for fields that equal others or that show how numbers are written.
 TEST(RecordPrint, EveryFieldUnderItsLabel) {
@@ -28,30 +19,17 @@ TEST(RecordPrint, EveryFieldUnderItsLabel) {
     common.outputPath = "C:/debug out/", common.deviceTag = 4711, common.scanType = -3;
     common.campar.set_param(2300.5, 2301.0, 640.1234567, 1e7);
     EXPECT_EQ(printed([&] { print_parameter(common); }),
-              "\n\n\ncommon parameter output\n"
-              "imageSize = 1280\t1024\n"
-              "colorImageSize = 2592\t1944\n"
-              "sample = 2\n"
-              "rawPointDis = 0.4\n"
-              "outputPath = C:/debug out/\n"
-              "scanType = -3\n"
+              "\n\n\ncommon parameter output\nimageSize = 1280\t1024\ncolorImageSize = 2592\t1944\nsample = 2\n"
+              "rawPointDis = 0.4\noutputPath = C:/debug out/\nscanType = -3\n"
               "campar = 2300.5\t2301\t640.123\t1e+07\n");
 
     TrackParmeter track;
-    track.icpDisAvgFeatureThread = NOT_A_NUMBER, track.disUniform = 1e-5F;
+    track.icpDisAvgFeatureThread = kNaN, track.disUniform = 1e-5F;
     track.icpRataRayFeature << 0.0F, 0.95F;
     EXPECT_EQ(printed([&] { print_parameter(track); }),
-              "\n\n\nTrackParmeter output\n"
-              "icpIterNum = 20\n"
-              "icpInterNumFixed = 6\n"
-              "icpDis = 1\t6\n"
-              "icpDisFeature = 1\t10\n"
-              "icpDisAvgThread = 0.5\n"
-              "icpDisAvgFeatureThread = nan\n"
-              "icpRataRay = 0.15\t0.3\n"
-              "icpRataRayFeature = 0\t0.95\n"
-              "icpParticleSize = 10\n"
-              "disUniform = 1e-05\n");
+              "\n\n\nTrackParmeter output\nicpIterNum = 20\nicpInterNumFixed = 6\nicpDis = 1\t6\n"
+              "icpDisFeature = 1\t10\nicpDisAvgThread = 0.5\nicpDisAvgFeatureThread = nan\nicpRataRay = 0.15\t0.3\n"
+              "icpRataRayFeature = 0\t0.95\nicpParticleSize = 10\ndisUniform = 1e-05\n");
 
     FusionParameter fusion;
     fusion.codeNumSet = 2, fusion.currPointOffsetShow = -0.2F, fusion.fusionLimitNumFeature = 2500;
@@ -61,16 +39,9 @@ TEST(RecordPrint, EveryFieldUnderItsLabel) {
     fusion.tranLeftToColor = {(Matrix3d() << 0, -1, 0, 1, 0, 0, 0, 0, 1).finished(), {30.25, -1.5, 0}};
     EXPECT_EQ(
         printed([&] { print_parameter(fusion); }),
-        "\n\n\nFusionParameter output\n"
-        "treeDepth = 12\n"
-        "pointDis = 0.5\n"
-        "fusionDataSize = 5\t2\n"
-        "currPointOffsetShow = -0.2\n"
-        "viewBox = 200\t1500\n"
-        "fusionLimitNum = 1500\n"
-        "fusionLimitNumFeature = 2500\n"
-        "color on Invaild Point = 0.5\t0.25\t1\n"
-        "codeNumSet = 2\n"
+        "\n\n\nFusionParameter output\ntreeDepth = 12\npointDis = 0.5\nfusionDataSize = 5\t2\n"
+        "currPointOffsetShow = -0.2\nviewBox = 200\t1500\nfusionLimitNum = 1500\nfusionLimitNumFeature = 2500\n"
+        "color on Invaild Point = 0.5\t0.25\t1\ncodeNumSet = 2\n"
         "colorImageRange(0) = 10\tcolorImageRange(1) = 20\tcolorImageRange(2) = 1270\tcolorImageRange(3) = 1000\t\n"
         "colorImagePar\n2000\t0\t639.5\n0\t2000.5\t511.5\n0\t0\t1\n\n"
         "tranLeftToColor \n0\t-1\t0\n1\t0\t0\n0\t0\t1\n30.25\t-1.5\t0\n\n"
@@ -107,11 +78,11 @@ TEST(RecordCheck, NamesTheWrongFields) {
     constexpr int LARGEST = std::numeric_limits<int>::max();
     expect_findings<CommonParameter>(
         check_common_parameter,
-        {{[](auto& r) { r.rawPointDis = INFINITE, r.imageSize << 0, 1 << 30; },
+        {{[](auto& r) { r.rawPointDis = kInfinity, r.imageSize << 0, 1 << 30; },
           "imageSize(0) imageSize(1) sample rawPointDis"},
          {[](auto& r) { r.colorImageSize << 0, 0; }, ""},
          {[](auto& r) { r.sample = 0, r.colorImageSize << 640, 0; }, "colorImageSize(1) sample"},
-         {[](auto& r) { r.sample = LARGEST, r.campar.set_param(0, -1, NOT_A_NUMBER, INFINITE); },
+         {[](auto& r) { r.sample = LARGEST, r.campar.set_param(0, -1, kNaN, kInfinity); },
           "sample campar(fx) campar(fy) campar(cx) campar(cy)"}});
     expect_findings<TrackParmeter>(
         check_track_parmeter,
@@ -120,8 +91,8 @@ TEST(RecordCheck, NamesTheWrongFields) {
           "icpInterNumFixed icpDis(1)"},
          {[](auto& r) { r.icpIterNum = 10, r.icpInterNumFixed = 6, r.icpDis << 2.0F, 2.0F; }, ""},
          {[](auto& r) {
-              r.icpDisFeature << NOT_A_NUMBER, 1.0F;
-              r.icpDisAvgThread = 0.0F, r.icpDisAvgFeatureThread = NOT_A_NUMBER;
+              r.icpDisFeature << kNaN, 1.0F;
+              r.icpDisAvgThread = 0.0F, r.icpDisAvgFeatureThread = kNaN;
               r.icpRataRay << -0.1F, 1.0F;
               r.icpRataRayFeature << 0.5F, 0.4F;
               r.icpParticleSize = -1.0F, r.disUniform = 0.0F;
@@ -131,8 +102,8 @@ TEST(RecordCheck, NamesTheWrongFields) {
     expect_findings<FusionParameter>(
         check_fusion_parameter,
         {{[](auto& r) {
-              r.treeDepth = 9, r.pointDis = NOT_A_NUMBER, r.codeNumSet = 0, r.fusionDataSize << 100000, 0;
-              r.currPointOffsetShow = INFINITE, r.fusionLimitNum = r.fusionLimitNumFeature = -1;
+              r.treeDepth = 9, r.pointDis = kNaN, r.codeNumSet = 0, r.fusionDataSize << 100000, 0;
+              r.currPointOffsetShow = kInfinity, r.fusionLimitNum = r.fusionLimitNumFeature = -1;
           },
           "treeDepth pointDis fusionDataSize(0) fusionDataSize(1) currPointOffsetShow fusionLimitNum "
           "fusionLimitNumFeature codeNumSet"},
@@ -143,15 +114,15 @@ TEST(RecordCheck, NamesTheWrongFields) {
           },
           "treeDepth viewBox(1) colorOnInvaildPoint(2) codeNumSet colorImageRange(0) colorImageRange(2) "
           "colorImageRange(3)"},
-         {[](auto& r) { r.colorImagePar(0, 0) = NOT_A_NUMBER; }, "colorImagePar colorImagePar"},
+         {[](auto& r) { r.colorImagePar(0, 0) = kNaN; }, "colorImagePar colorImagePar"},
          {[](auto& r) { r.colorImagePar(2, 1) = 1.0, r.tranLeftToColor.set_rotation(-Matrix3d::Identity()); },
           "colorImagePar tranLeftToColor"},
-         {[](auto& r) { r.tranLeftToColor.get_translation().z() = INFINITE; }, "tranLeftToColor"},
+         {[](auto& r) { r.tranLeftToColor.get_translation().z() = kInfinity; }, "tranLeftToColor"},
          {[](auto& r) { r.colorImageSize << -5, 1024; }, "colorImageRange(2) colorImageSize(0)"},
          {[](auto& r) { r.colorImageSize.setZero(), r.colorImageRange.setZero(), r.colorImagePar.setZero(); }, ""}});
     expect_findings<TextureParam>(
         check_texture_param, {{[](auto& r) {
-                                   r.camera = {0.0F, NOT_A_NUMBER, INFINITE, 1.0F};
+                                   r.camera = {0.0F, kNaN, kInfinity, 1.0F};
                                    r.featureCount = 0, r.trackerFlags[3] = 2, r.matchFlags[2] = 255;
                                },
                                "camera(0) camera(1) camera(2) featureCount trackerFlags(3) matchFlags(2)"},
@@ -190,4 +161,3 @@ TEST(HandleFrame, NullAndExceptionGiveTheirLineAndValue) {
 }
 
 }  // namespace
-}  // namespace VexelAlgorithm

@@ -1,16 +1,12 @@
-#include <gtest/gtest.h>
-
 #include <Eigen/Geometry>
-#include <cmath>
-#include <limits>
-#include <random>
-#include <sstream>
 
 #include "foundation/CameraInParam.h"
 #include "foundation/RigidMatrix.h"
+#include "tests/common.h"
 
-namespace VexelAlgorithm {
 namespace {
+
+using namespace VexelAlgorithm;
 
 constexpr double pi = 3.14159265358979323846;
 
@@ -93,4 +89,3 @@ TEST(SmallArchives, HaveTheirFixedFormAndRefuseShortInput) {
 }
 
 }  // namespace
-}  // namespace VexelAlgorithm

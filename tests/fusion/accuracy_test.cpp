@@ -1,9 +1,5 @@
 // How closely the extracted surface follows the rendered truth: noise-free frames of a sphere and a torus.
 #include <Eigen/Geometry>
-#include <algorithm>
-#include <cmath>
-#include <map>
-#include <string>
 
 #include "tests/fusion/fusionScenes.h"
 
@@ -63,9 +59,8 @@ TEST_P(Accuracy, MeshFollowsTheTruth) {
     const Truth& truth = GetParam();
     const std::vector<RigidMatrix> poses = Simulation::sphere_poses(kCentre, truth.distance, truth.views);
     FusionTsdf<LeafTSDFSpeckle> volume(10, kVoxel, 0.5f, truth.range, 2, "");
-    for (const RigidMatrix& pose : poses) {
+    for (const RigidMatrix& pose : poses)
         ASSERT_TRUE(fuse(volume, Simulation::render(*truth.shape, kCamera, kSide, kSide, pose), pose));
-    }
     const BaseTriMesh mesh = extract(volume);
 
     std::vector<char> covered(mesh.get_vn(), 0);

@@ -1,9 +1,5 @@
 // Surface extraction: vertices and faces from voxels set by hand, both forms, optional work.
 #include <Eigen/Geometry>
-#include <algorithm>
-#include <cmath>
-#include <map>
-#include <random>
 
 #include "tests/fusion/fusionScenes.h"
 
@@ -37,7 +33,7 @@ TEST(Vertices, ObeyTheLimitsOfValueCountAndPosition) {
         {"highest owner", {1.0f, -1.0f}, {1, 1}, 1021, 0.0f, 1},
         {"beyond the highest owner", {1.0f, -1.0f}, {1, 1}, 1022, 0.0f, 0},
     };
-    for (const Case& c : cases) {
+    for (const Case& c : cases)
         for (int axis = 0; axis < 3; ++axis) {
             FusionTsdf<LeafTSDFTeeth> volume(10, 0.5f, 0.5f, 5, 1, "");
             for (int i = 0; i < 2; ++i) {
@@ -47,7 +43,6 @@ TEST(Vertices, ObeyTheLimitsOfValueCountAndPosition) {
             }
             EXPECT_EQ(extract(volume, c.minWeight).get_vn(), c.vertices) << c.name;
         }
-    }
 }
 
 // ---- whole surfaces ----------------------------------------------------------------------------------
@@ -59,7 +54,7 @@ void set_sphere(FusionTsdf<Leaf>& volume, const Vector3f& centre, float radius, 
     const Vector3i middle = centre.cast<int>();
     std::minstd_rand random;
     for (int z = -reach; z <= reach; ++z) {
-        for (int y = -reach; y <= reach; ++y) {
+        for (int y = -reach; y <= reach; ++y)
             for (int x = -reach; x <= reach; ++x) {
                 const Vector3i voxel = middle + Vector3i(x, y, z);
                 const float distance = (voxel.cast<float>() + Vector3f::Constant(0.5f) - centre).norm() - radius;
@@ -67,16 +62,14 @@ void set_sphere(FusionTsdf<Leaf>& volume, const Vector3f& centre, float radius, 
                 const float wave = 2.0f * noise * (static_cast<float>(random() % 1000) / 1000.0f - 0.5f);
                 set_voxel(volume, voxel, (distance + wave) * volume.get_pointDis(), 3);
             }
-        }
     }
 }
 
 /// Number of directed edges that are not met by exactly one the other way.
 std::size_t open_edges(const BaseTriMesh& mesh) {
     std::map<Edge, int> directed;
-    for (const BaseTriFace& face : mesh.get_faces()) {
+    for (const BaseTriFace& face : mesh.get_faces())
         for (int k = 0; k < 3; ++k) ++directed[{face[k], face[(k + 1) % 3]}];
-    }
     std::size_t open = 0;
     for (const auto& [edge, times] : directed) {
         const auto back = directed.find({edge.second, edge.first});

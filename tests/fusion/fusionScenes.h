@@ -1,19 +1,12 @@
 // Frames of a small scene, and what a volume holds.
 #pragma once
 
-#include <gtest/gtest.h>
-
-#include <array>
-#include <limits>
-#include <string>
-#include <vector>
-
 #include "fusion/FusionTsdf.h"
 #include "simulation/cameraPaths.h"
 #include "simulation/combinations.h"
 #include "simulation/primitives.h"
 #include "simulation/render.h"
-#include "tests/printed.h"
+#include "tests/common.h"
 
 namespace VexelAlgorithm::Fusion {
 
@@ -22,11 +15,7 @@ class EveryLeaf : public testing::Test {};
 using TsdfLeaves = testing::Types<LeafTSDFSpeckle, LeafTSDFTeeth, LeafTSDFCloudGenerator, LeafTSDFLaser>;
 TYPED_TEST_SUITE(EveryLeaf, TsdfLeaves);
 
-constexpr float kNaN = std::numeric_limits<float>::quiet_NaN();
-constexpr float kInfinity = std::numeric_limits<float>::infinity();
-
-using VexelTest::outcome;
-using VexelTest::printed;
+using namespace VexelTest;
 
 /// A ball in front of a wall, both well inside the view of `scene_poses`.
 inline Simulation::ShapePtr ball_and_wall() {

@@ -1,9 +1,4 @@
 // Integration against a plain reference written from its definition, and the edge cases of the volume's operations.
-#include <algorithm>
-#include <cmath>
-#include <map>
-#include <set>
-
 #include "fusion/ImageTiles.h"
 #include "tests/fusion/fusionScenes.h"
 
@@ -134,9 +129,8 @@ void expect_same(const FusionTsdf<Leaf>& volume, const ReferenceVolume<Leaf>& re
         wrong += same ? 0 : 1;
         ++compared;
     }
-    for (const auto& [at, expected] : reference.voxels) {
+    for (const auto& [at, expected] : reference.voxels)
         missing += reference.doubtful.count(at) == 0 && found.count(at) == 0 ? 1 : 0;
-    }
     EXPECT_EQ(missing, 0u);
     EXPECT_EQ(surplus, 0u);
     EXPECT_EQ(wrong, 0u);
@@ -215,9 +209,8 @@ TYPED_TEST(EveryLeaf, CloudsWithoutImageOrderFuseLikeImagesWeightedByTheNormal) 
             frame.set_vWeight(i, std::abs(frame.get_vNrv(i).z()));
             cloud.set_vNrv(cloud.add_vCoord(frame.get_vCoord(i)), frame.get_vNrv(i));
         }
-        for (const Vector3f& outsideImage : {Vector3f(100, 0, 50), Vector3f(0, 0, -50), Vector3f(0, -60, 50)}) {
+        for (const Vector3f& outsideImage : {Vector3f(100, 0, 50), Vector3f(0, 0, -50), Vector3f(0, -60, 50)})
             cloud.set_vNrv(cloud.add_vCoord(outsideImage), {0, 0, -1});
-        }
         ASSERT_TRUE(volume.fusion_one_frame(cloud, pose, frame.get_camPar(), {80, 60}));
         reference.integrate(frame, pose, setting, setting.range, volume.get_treeShift());
     }
@@ -240,24 +233,20 @@ TYPED_TEST(EveryLeaf, EveryWayInGivesTheSameBytes) {
 
         std::vector<int> every;  // tile by tile, as whole frames go
         const ImageTiles tiles(frame.get_image_width(), frame.get_image_height());
-        for (std::size_t i = 0; i < tiles.count(); ++i) {
+        for (std::size_t i = 0; i < tiles.count(); ++i)
             tiles[i].for_each_pixel([&](int u, int v) { every.push_back(static_cast<int>(frame.index_of(u, v))); });
-        }
         points.set_shift(whole.get_treeShift());
         if (points.get_fusion_cone().empty()) points.computer_fusion_cone(frame);
-        for (std::uint64_t k = 0; k < every.size(); ++k) {
+        for (std::uint64_t k = 0; k < every.size(); ++k)
             points.integrate_tsdfvolume_speckle(frame, pose, k, changed[2], 0.8f, 1021, every, true, nullptr);
-        }
     }
     ASSERT_TRUE(run.parallel_fusion_all_frame_run(frames, scene_poses(), changed[3]));
     EXPECT_EQ(owner.get_vaild_leaf_num(), 0);
     EXPECT_GT(used_voxels(whole).size(), 1000u);
-    for (const auto* other : {&tree, &points.get_fusion_tree(), &run.get_fusion_tree()}) {
+    for (const auto* other : {&tree, &points.get_fusion_tree(), &run.get_fusion_tree()})
         EXPECT_EQ(used_voxels(*other), used_voxels(whole));
-    }
-    for (const ChangedLeaves& other : changed) {
+    for (const ChangedLeaves& other : changed)
         EXPECT_TRUE(std::equal(other.begin(), other.end(), changed[0].begin(), changed[0].end()));
-    }
 }
 
 // ---- placement, tables ----------------------------------------------------------------------

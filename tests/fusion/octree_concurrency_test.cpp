@@ -1,15 +1,7 @@
 // The octree used by several threads at once: std::thread only, so that the thread sanitizer sees everything.
-#include <gtest/gtest.h>
-
-#include <array>
-#include <atomic>
-#include <functional>
-#include <thread>
-#include <utility>
-#include <vector>
-
 #include "fusion/LeafTSDFLaser.h"
 #include "fusion/LeafTSDFTeeth.h"
+#include "tests/common.h"
 #include "tests/fusion/octreeScenes.h"
 
 namespace VexelOctree {
@@ -22,12 +14,11 @@ constexpr int Threads = 4, Rounds = 2000;
 void run_together(const std::function<void(int)>& body) {
     std::atomic<int> waiting{Threads};
     std::vector<std::thread> threads;
-    for (int t = 0; t < Threads; ++t) {
+    for (int t = 0; t < Threads; ++t)
         threads.emplace_back([&, t] {
             for (--waiting; waiting > 0;) std::this_thread::yield();
             body(t);
         });
-    }
     for (std::thread& thread : threads) thread.join();
 }
 
@@ -63,9 +54,8 @@ TEST(OctreeConcurrency, AllThreadsGetTheSameOctetsAndReadWholeOnes) {
         // Every counter has risen by one a node.
         EXPECT_EQ(created, count_nodes(voxels, 1));
         EXPECT_EQ(tree.top_tree().get_octet_count(), count_nodes(voxels, depth - 8));
-        for (int i = 0; i < tree.get_level_count(); ++i) {
+        for (int i = 0; i < tree.get_level_count(); ++i)
             EXPECT_EQ(tree.level(i).octets, count_nodes(voxels, depth - 9 - i));
-        }
         EXPECT_EQ(check_octree(tree), Findings());
     }
 }

@@ -1,21 +1,12 @@
 // The octree alone: coordinates, finding and creating, growth, the top grid's file form, and what its checker sees.
 #include "fusion/Octree.h"
 
-#include <gtest/gtest.h>
-
-#include <array>
 #include <climits>
-#include <cmath>
-#include <cstring>
-#include <fstream>
-#include <functional>
-#include <limits>
-#include <random>
 
 #include "fusion/LaserGrid.h"
 #include "fusion/LeafNormal.h"
 #include "fusion/LeafTSDFLaser.h"
-#include "fusion/OctetCache.h"
+#include "tests/common.h"
 #include "tests/fusion/octreeScenes.h"
 #include "trials/TemporaryFolder.h"
 
@@ -23,19 +14,17 @@ namespace VexelOctree {
 namespace {
 
 using namespace VexelAlgorithm::Fusion;
+using namespace VexelTest;
 using namespace VexelTrial;
-constexpr float NotANumber = std::numeric_limits<float>::quiet_NaN();
 
 TEST(OctreeCoordinates, WorldToVoxel) {
     Tree tree;
     tree.set_point_dis(0.25f);
     tree.set_shift({8.0f, -4.0f, 0.0f});
-    const struct {
-        float q;
-        int voxel;
-    } cases[] = {{0.0f, 0},   {-0.0f, 0},  {0.96875f, 0}, {1.0f, 1},       {5.75f, 5},
-                 {-0.5f, -1}, {-1.0f, -2}, {-1.5f, -2},   {-2.0f, -3},     {NotANumber, -1},
-                 {3e9f, -1},  {-3e9f, -1}, {1e38f, -1},   {-INFINITY, -1}, {1048575.5f, 1048575}};
+    const std::pair<float, int> cases[] = {{0.0f, 0},   {-0.0f, 0},      {0.96875f, 0},        {1.0f, 1},
+                                           {5.75f, 5},  {-0.5f, -1},     {-1.0f, -2},          {-1.5f, -2},
+                                           {-2.0f, -3}, {kNaN, -1},      {3e9f, -1},           {-3e9f, -1},
+                                           {1e38f, -1}, {-INFINITY, -1}, {1048575.5f, 1048575}};
     for (const auto& [q, voxel] : cases) {
         EXPECT_EQ(Tree::voxel_coordinate(q), voxel) << q;
         if (!(std::abs(q) < 1e4f)) continue;
@@ -47,17 +36,16 @@ TEST(OctreeCoordinates, WorldToVoxel) {
 }
 
 TEST(OctreeDepth, IsClampedAndGivesTheLevels) {
-    const struct {
-        int depth, leafBits, clampedDepth, clampedBits, levels;
-    } cases[] = {{INT_MIN, INT_MIN, 10, 1, 1}, {10, 3, 10, 3, 0}, {13, 3, 13, 3, 2},
-                 {21, 1, 20, 1, 11},           {12, 9, 12, 3, 1}, {INT_MAX, 2, 20, 2, 10}};
+    const std::tuple<int, int, int, int, int> cases[] = {
+        {INT_MIN, INT_MIN, 10, 1, 1}, {10, 3, 10, 3, 0}, {13, 3, 13, 3, 2},
+        {21, 1, 20, 1, 11},           {12, 9, 12, 3, 1}, {INT_MAX, 2, 20, 2, 10}};
     Tree tree;
-    for (const auto& c : cases) {
+    for (const auto& [depth, leafBits, clampedDepth, clampedBits, levels] : cases) {
         tree.find_or_create_leaf(1, 2, 3);
-        tree.set_depth(c.depth, c.leafBits);
-        EXPECT_EQ(tree.get_treeDepth(), c.clampedDepth);
-        EXPECT_EQ(tree.get_leafBits(), c.clampedBits);
-        EXPECT_EQ(tree.get_level_count(), c.levels);
+        tree.set_depth(depth, leafBits);
+        EXPECT_EQ(tree.get_treeDepth(), clampedDepth);
+        EXPECT_EQ(tree.get_leafBits(), clampedBits);
+        EXPECT_EQ(tree.get_level_count(), levels);
         EXPECT_EQ(tree.get_vaild_leaf_num(), 0);
         EXPECT_EQ(tree.find_leaf(1, 2, 3), -1);
     }
@@ -97,9 +85,8 @@ TEST(Octree, EveryDepthAndLeafSizeKeepsItsVoxelsApart) {
                 EXPECT_EQ(tree.find_leaf(v), path.leaf);
                 EXPECT_EQ(tree.leaf_coordinates(path.leaf), v);
                 int morton = 0;
-                for (int bit = leafBits - 1; bit >= 0; --bit) {
+                for (int bit = leafBits - 1; bit >= 0; --bit)
                     morton = 8 * morton + 4 * (v.z() >> bit & 1) + 2 * (v.y() >> bit & 1) + (v.x() >> bit & 1);
-                }
                 EXPECT_EQ(path.leaf % (1 << (3 * leafBits)), morton);
             }
             EXPECT_EQ(leaves.size(), voxels.size());
@@ -109,9 +96,8 @@ TEST(Octree, EveryDepthAndLeafSizeKeepsItsVoxelsApart) {
             // The largest empty node around a voxel. Below the top grid every power of two is a node, above it every
             // second one.
             std::vector<NodeSet> nodes(static_cast<std::size_t>(depth + 1));
-            for (int bits = leafBits; bits <= depth; ++bits) {
+            for (int bits = leafBits; bits <= depth; ++bits)
                 for (const Vector3i& v : voxels) nodes[static_cast<std::size_t>(bits)].insert(node_of(v, bits));
-            }
             std::mt19937 random(3);
             std::uniform_int_distribution<int> anywhere(0, tree.get_size() - 1), near(0, 40);
             for (int i = 0; isCovered && i < 3000; ++i) {
@@ -132,21 +118,6 @@ TEST(Octree, EveryDepthAndLeafSizeKeepsItsVoxelsApart) {
             EXPECT_EQ(tree.find_leaf(0, 0, 0), -1);
             EXPECT_EQ(tree.get_treeDepth(), depth);
         }
-    }
-}
-
-TEST(Octree, CacheAgreesWithTheTree) {
-    Tree tree;
-    OctetCache creating, reading;
-    for (const Vector3i& v : scattered_voxels(tree.get_size(), 40, 300)) {
-        const std::int32_t leaf = creating.find_or_create(tree, v.x(), v.y(), v.z());
-        ASSERT_EQ(leaf, tree.find_leaf(v));
-        ASSERT_EQ(tree.leaf_coordinates(leaf), v);
-    }
-    EXPECT_EQ(creating.find_or_create(tree, -1, 5, 5), -1);
-    EXPECT_EQ(creating.find_or_create(tree, 5, 1024, 5), -1);
-    for (const Vector3i& v : scattered_voxels(tree.get_size(), 80, 300)) {  // the first half is there
-        ASSERT_EQ(reading.find(tree, v.x(), v.y(), v.z()), tree.find_leaf(v));
     }
 }
 
@@ -276,10 +247,7 @@ TEST(OctreeChecker, NoticesDamage) {
     const auto child = [&](Tree& tree, int i, int entry) -> std::atomic<std::int32_t>& {
         return level(tree, i).entries[entry].child;
     };
-    const struct {
-        const char* finding;
-        Damage damage;
-    } cases[] = {
+    const std::pair<const char*, Damage> cases[] = {
         {"base 4 in table 1", [&](Tree& tree) { child(tree, 0, 0) = 4; }},
         {"octet 0 of table 1 is used twice", [&](Tree& tree) { child(tree, 0, 1) = 0; }},
         {"octet 0 of table 1 cannot be reached", [&](Tree& tree) { child(tree, 0, 0) = -1; }},
@@ -296,9 +264,8 @@ TEST(OctreeChecker, NoticesDamage) {
     for (const auto& [finding, damage] : cases) {
         Tree tree;
         tree.set_depth(11, 1);
-        for (const Vector3i& v : {Vector3i(0, 0, 0), Vector3i(2, 0, 0), Vector3i(2047, 2047, 2047)}) {
+        for (const Vector3i& v : {Vector3i(0, 0, 0), Vector3i(2, 0, 0), Vector3i(2047, 2047, 2047)})
             tree.find_or_create_leaf(v.x(), v.y(), v.z());
-        }
         damage(tree);
         std::string found;
         for (const std::string& line : check_octree(tree)) found += line + '\n';

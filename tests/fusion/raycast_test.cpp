@@ -1,11 +1,9 @@
 // The raycast against a plain march written from its definition, against the rendered truth, and at its limits.
 #include "fusion/rayCast.h"
 
-#include <hwy/targets.h>
-
-#include <cmath>
 #include <memory>
 
+#include "fusion/FieldReader.h"
 #include "fusion/rayCastKernels.h"
 #include "tests/fusion/fusionScenes.h"
 
@@ -52,37 +50,15 @@ float value_at(const VexelOctree::Octree<Leaf>& tree, int x, int y, int z) {
     return leaf < 0 || leaf >= tree.pool().size() || !tree.leaf_at(leaf).is_used() ? 0.0f : tree.leaf_at(leaf).value();
 }
 
-template <class Leaf>
-float trilinear_at(const VexelOctree::Octree<Leaf>& tree, const Vector3f& point) {
-    const Vector3f q = (point - tree.get_shift()) / tree.get_pointDis();
-    int low[3];
-    float f[3];
-    for (int axis = 0; axis < 3; ++axis) {
-        if (!(std::abs(q[axis]) < 1e9f)) return kNaN;
-        low[axis] = static_cast<int>(q[axis]);
-        if (low[axis] < 1 || low[axis] > tree.get_size() - 3) return kNaN;
-        f[axis] = q[axis] - (static_cast<float>(low[axis]) + 0.5f);
-        if (f[axis] < 0.0f) --low[axis], f[axis] += 1.0f;
-    }
-    float v[8];
-    for (int k = 0; k < 8; ++k) {
-        v[k] = value_at(tree, low[0] + (k & 1), low[1] + (k >> 1 & 1), low[2] + (k >> 2));
-        if (std::abs(v[k]) < 1e-6f) return kNaN;
-    }
-    for (int k = 0; k < 4; ++k) v[k] = v[2 * k] * (1.0f - f[0]) + v[2 * k + 1] * f[0];
-    for (int k = 0; k < 2; ++k) v[k] = v[2 * k] * (1.0f - f[1]) + v[2 * k + 1] * f[1];
-    return v[0] * (1.0f - f[2]) + v[1] * f[2];
-}
-
 struct MarchCounts {
     int beyond = 0, before = 0, between = 0, rays = 0;
 };
 
-/// One ray, every half voxel sampled, from t0 to t1 (mm). The n-th sample lies at t0 + n s, which differs from
-/// adding s again and again by rounding only.
+/// One ray, every half voxel sampled, from t0 to t1 (mm). The n-th sample lies at t0 + n s, which differs from adding s
+/// again and again by rounding only. `between` reads between voxels, which has a test of its own.
 template <class Leaf>
-Vector3f march(const FusionTsdf<Leaf>& volume, const Vector3f& o, const Vector3f& d, float t0, float t1,
-               MarchCounts& counts) {
+Vector3f march(const FusionTsdf<Leaf>& volume, FieldReader<Leaf>& between, const Vector3f& o, const Vector3f& d,
+               float t0, float t1, MarchCounts& counts) {
     const Vector3f none = Vector3f::Zero();
     const auto& tree = volume.get_fusion_tree();
     const auto s = static_cast<float>(0.5 * static_cast<double>(volume.get_pointDis()));
@@ -105,7 +81,7 @@ Vector3f march(const FusionTsdf<Leaf>& volume, const Vector3f& o, const Vector3f
         t = next;
         if (next > t1) return none;
     }
-    const auto F = [&](float x) { return trilinear_at(tree, o + x * d); };
+    const auto F = [&](float x) { return between.trilinear_at_point(o + x * d); };
     const auto point = [&](float x, int& count) {
         ++count;
         return Vector3f(o + x * d);
@@ -127,6 +103,7 @@ MarchCounts expect_plain_march(const FusionTsdf<Leaf>& volume, const RigidMatrix
     EXPECT_EQ(rayCast(volume, guide, pose, result, guided, nearFar, kFromVolume, factor), 0);
     MarchCounts counts;
     const RayTable rays(result, pose);
+    FieldReader<Leaf> between(volume.get_fusion_tree());
     const Vector3f o = pose.get_translation().cast<float>();
     const float halfInterval = 0.5f * volume.get_pointDis() * factor;
     std::size_t wrong = 0;
@@ -138,9 +115,9 @@ MarchCounts expect_plain_march(const FusionTsdf<Leaf>& volume, const RigidMatrix
         const float r = guide.get_vCoord(i).norm();
         Vector3f expected = Vector3f::Zero();
         if (!guided) {
-            expected = march(volume, o, d, nearFar.x(), nearFar.y(), counts);
+            expected = march(volume, between, o, d, nearFar.x(), nearFar.y(), counts);
         } else if (guide.get_vCoord(i).z() >= 1e-5f) {
-            expected = march(volume, o, d, r - halfInterval, r + halfInterval, counts);
+            expected = march(volume, between, o, d, r - halfInterval, r + halfInterval, counts);
         }
         wrong += result.get_vCoord(i) == expected ? 0 : 1;
     }
@@ -176,11 +153,9 @@ TEST(RayCast, RaysEndBeforeTheFaces) {
         FusionTsdf<LeafTSDFSpeckle> volume(10, 0.5f, 0.6f, 5, 2, "");
         volume.set_shift(-0.5f * sceneAt.cast<float>());
         for (const RigidMatrix& pose : views()) ASSERT_TRUE(fuse(volume, truth_view(pose), pose));
-        for (const RigidMatrix& pose : views()) {
-            for (const float factor : {3.0f, 8.0f, 40.0f}) {
+        for (const RigidMatrix& pose : views())
+            for (const float factor : {3.0f, 8.0f, 40.0f})
                 EXPECT_GT(expect_plain_march(volume, pose, true, kNearFar, factor).between, 500);
-            }
-        }
     }
 }
 
@@ -243,17 +218,13 @@ TEST(RayCast, IsTheSameBitsForAnyNumberOfThreadsAndEveryInstructionSet) {
     const PointImage guide = truth_view(views()[1]);
     for (const bool guided : {true, false}) {
         std::vector<PointImage> results;
-        for (const std::int64_t target : hwy::SupportedAndGeneratedTargets()) {
-            hwy::SetSupportedTargetsForTest(target);
-            hwy::GetChosenTarget().DeInit();
+        with_every_instruction_set([&] {
             for (const int threads : {1, 4}) {
                 volume.reset_code_Num(threads);
                 results.push_back(empty_view());
                 rayCast(volume, guide, views()[1], results.back(), guided, kNearFar, {true, 1, 3.0f}, 6.0f);
             }
-        }
-        hwy::SetSupportedTargetsForTest(0);
-        hwy::GetChosenTarget().DeInit();
+        });
         EXPECT_GT(results.front().count_vaildNum(), 5000);
         for (const PointImage& result : results) {
             EXPECT_EQ(result.get_vCoords(), results.front().get_vCoords());
@@ -285,12 +256,11 @@ TEST(RayCast, BricksFarApartAreToldApart) {
     // the first tag of a brick has no room for.
     constexpr int kApart = 1 << 17, kFirst = 1000;
     FusionTsdf<LeafTSDFSpeckle> volume(18, 0.5f, 0.5f, 5, 1, "");
-    for (int z = -3; z <= 3; ++z) {
+    for (int z = -3; z <= 3; ++z)
         for (int k = 0; k < 9; ++k) {
             set_voxel(volume, {500 + k % 3, 500 + k / 3, kFirst + z}, 1.0f);
             set_voxel(volume, {500 + k % 3, 500 + k / 3, kFirst + kApart + z}, 0.5f * (0.4f - static_cast<float>(z)));
         }
-    }
     PointImage result;
     result.ini(1, 1, {1.0, 1.0, 0.0, 0.0}, 1, Vector2f::Zero());
     const RigidMatrix pose(Matrix3d::Identity(), {250.75, 250.75, 0.5 * (kFirst - 10)});

@@ -1,23 +1,11 @@
 // Settings and clouds that no registration can use.
-#include <cmath>
-#include <functional>
-#include <limits>
-#include <random>
-#include <string>
-#include <tuple>
-#include <utility>
-#include <vector>
-
 #include "platform/featureRegistration.h"
-#include "tests/printed.h"
+#include "tests/common.h"
 
-namespace VexelAlgorithm {
 namespace {
 
+using namespace VexelAlgorithm;
 using namespace VexelTest;
-
-constexpr float kNaN = std::numeric_limits<float>::quiet_NaN();
-constexpr float kInfinity = std::numeric_limits<float>::infinity();
 
 template <class Call, class Result>
 void expect_one_line(const Call& call, Result expected, const std::string& start) {
@@ -29,12 +17,11 @@ void expect_one_line(const Call& call, Result expected, const std::string& start
 /// A bent sheet of `side` x `side` points, 1 mm apart, without normals.
 Cloud sheet(int side) {
     Cloud cloud;
-    for (int y = 0; y < side; ++y) {
+    for (int y = 0; y < side; ++y)
         for (int x = 0; x < side; ++x) {
             const auto u = static_cast<float>(x), v = static_cast<float>(y);
             cloud.add_vCoord({u, v, 100.0f + 3.0f * std::sin(0.5f * u) * std::cos(0.4f * v + 0.01f * u * v)});
         }
-    }
     return cloud;
 }
 
@@ -134,4 +121,3 @@ TEST(FeatureBoundary, WildButFiniteClouds) {
 }
 
 }  // namespace
-}  // namespace VexelAlgorithm

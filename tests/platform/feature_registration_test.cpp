@@ -1,19 +1,19 @@
 // Registration against the truth of the virtual world.
-#include <gtest/gtest.h>
 #include <tbb/task_arena.h>
 
-#include <vector>
-
 #include "platform/featureRegistration.h"
+#include "platform/pointTree.h"
 #include "simulation/NoiseModel.h"
 #include "simulation/cameraPaths.h"
 #include "simulation/combinations.h"
 #include "simulation/primitives.h"
 #include "simulation/render.h"
 #include "simulation/scenes.h"
+#include "tests/common.h"
 
-namespace VexelAlgorithm {
 namespace {
+
+using namespace VexelAlgorithm;
 
 constexpr double kRadian = 3.14159265358979323846 / 180.0;
 
@@ -136,7 +136,7 @@ TEST(FeatureRegistration, NothingInCommonOrFreeToSlide) {
         Simulation::owl_on_books(), Simulation::make_scene("blocks")};
     std::vector<View> views;
     for (std::size_t i = 0; i < shapes.size(); ++i) views.push_back(view_of(*shapes[i], target, 30.0 * i, 35));
-    for (std::size_t i = 0; i < views.size(); ++i) {
+    for (std::size_t i = 0; i < views.size(); ++i)
         for (std::size_t j = 0; j < views.size(); ++j) {
             const bool slides = i < 3;  // the first three even on themselves
             if (i == j && !slides) continue;
@@ -144,7 +144,6 @@ TEST(FeatureRegistration, NothingInCommonOrFreeToSlide) {
             EXPECT_EQ(registration.align(views[i].frame, views[j].frame), RET_NOT_CONVERGED) << i << ", " << j;
             EXPECT_TRUE(registration.objToRef.get_rotation().isIdentity() && registration.alignment.samples == 0);
         }
-    }
 }
 
 TEST(FeatureRegistration, SameResultWhateverTheThreads) {
@@ -162,5 +161,37 @@ TEST(FeatureRegistration, SameResultWhateverTheThreads) {
     }
 }
 
+// ---- the tree, against a look at every point -------------------------------------------------------------
+
+TEST(PointTree, AsEveryPointLookedAt) {
+    std::mt19937 random(7);
+    std::uniform_real_distribution<float> coordinate(-1.0f, 1.0f);
+    const auto place = [&](float scaleZ) {
+        return Vector3f(coordinate(random), coordinate(random), coordinate(random) * scaleZ);
+    };
+    for (const std::size_t count : {0, 1, 8, 9, 500})
+        for (const float scaleZ : {1.0f, 0.0f}) {
+            std::vector<Vector3f> points(count);
+            for (Vector3f& point : points) point = place(scaleZ);
+            for (std::size_t i = count / 2; i < count; i += 3) points[i] = points[0];
+            const PointTree tree(points);
+            for (int query = 0; query < 40; ++query) {
+                const Vector3f at = place(scaleZ);
+                const float reach = 0.02f + 0.05f * static_cast<float>(query % 10);
+                std::multimap<std::size_t, float> expected, found;
+                float least = reach * reach;
+                for (std::size_t i = 0; i < count; ++i) {
+                    const float squared = (points[i] - at).squaredNorm();
+                    if (squared < reach * reach) expected.emplace(i, squared);
+                    least = std::min(least, squared);
+                }
+                tree.for_each_within(at, reach, [&](std::size_t i, float squared) { found.emplace(i, squared); });
+                EXPECT_EQ(found, expected);
+                const std::size_t nearest = tree.nearest(at, reach);
+                ASSERT_EQ(nearest == PointTree::NONE, expected.empty());
+                EXPECT_TRUE(expected.empty() || (points[nearest] - at).squaredNorm() == least);
+            }
+        }
+}
+
 }  // namespace
-}  // namespace VexelAlgorithm

@@ -1,9 +1,6 @@
 // What reaches a registered texture tracker, and what its failures leave.
-#include <functional>
-#include <utility>
-
+#include "tests/common.h"
 #include "tests/platform/RecordingTracker.h"
-#include "tests/printed.h"
 
 namespace vexel_sfm {
 namespace {

@@ -4,8 +4,9 @@
 
 #include "tests/project/projectScenes.h"
 
-namespace VexelAlgorithm {
 namespace {
+
+using namespace VexelAlgorithm;
 
 const char* const POSES_END = "read_whole_tree fail , invaild path \n";
 const char* const TREES_END = "tree prative open Path Fail\n";
@@ -29,8 +30,7 @@ protected:
         EXPECT_EQ(get_model_bounding_box(session, low, high), RET_STATE_ERROR);
         EXPECT_EQ(get_current_rt(session).get_translation(), Vector3d::Zero());
         EXPECT_EQ(get_show_data(session).get_vn(), 0U);
-        int microseconds = 0;
-        EXPECT_TRUE(fusion(session, scene.frame(), {}, microseconds));
+        EXPECT_TRUE(session.fuse(scene.frame()));
         EXPECT_EQ(fusion_reset(session), RET_SUCCESS);
     }
 
@@ -38,10 +38,9 @@ protected:
     void use(Session& session) {
         BaseTriMesh mesh;
         EXPECT_EQ(get_fusion_result_tbb(session, 0.0F, mesh), RET_SUCCESS);
-        int microseconds = 0;
         printed([&] {
             session.step(scene.frame());
-            fusion(session, scene.frame(), {}, microseconds);
+            session.fuse(scene.frame());
             get_show_data_filter_noise(session);
             Vector3f low, high;
             get_model_bounding_box(session, low, high);
@@ -232,4 +231,3 @@ TEST_F(DamagedProject, StreamsThatAreNotOpen) {
 }
 
 }  // namespace
-}  // namespace VexelAlgorithm

@@ -8,9 +8,7 @@
 
 namespace VexelAlgorithm {
 
-using VexelTrial::number_at;
-using VexelTrial::ProjectLayout;
-using VexelTrial::put_number;
+using namespace VexelTrial;
 
 /// The dome as a scene of tests.
 struct TinyScene : VexelTrial::DomeScene {
@@ -48,9 +46,7 @@ private:
 
 /// The display points to the last bit.
 inline std::string display_bytes(void* session) {
-    std::ostringstream out;
-    get_show_data(session).write_archive(out);
-    return out.str();
+    return archive(get_show_data(session));
 }
 
 }  // namespace VexelAlgorithm

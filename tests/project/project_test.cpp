@@ -1,13 +1,13 @@
 // Sessions that are saved and go on: right after loading nothing has changed, and later next to nothing.
 #include "fusion/FusionTsdf.h"
-#include "fusion/octreeChecker.h"
 #include "fusion/octreeFile.h"
 #include "simulation/Shape.h"
-#include "simulation/colorImages.h"
+#include "tests/fusion/octreeScenes.h"
 #include "tests/project/projectScenes.h"
 
-namespace VexelAlgorithm {
 namespace {
+
+using namespace VexelAlgorithm;
 
 TEST(Project, LoadedSessionIsTheSameAndGoesOn) {
     const Scan scan("smooth");
@@ -50,16 +50,9 @@ TEST(Project, LoadedSessionIsTheSameAndGoesOn) {
 }
 
 TEST(Project, ColoursAreSavedWithTheLeavesAndHostileOnesAreHarmless) {
-    Scan scan("smooth", 80);
-    Simulation::add_color_camera(scan.sequence, scan.records.fusion);
-    const auto step = [&](void* session, int i) {
-        int microseconds = 0;
-        return fusion_and_track(
-            session, Simulation::colored_frame_of(scan.sequence, i, scan.records.fusion, Simulation::soft_stripes),
-            microseconds, true, 0);
-    };
+    const ColoredScan scan(80);
     Session original(scan.records), loaded(scan.records), again(scan.records);
-    for (int i = 0; i < 4; ++i) ASSERT_TRUE(step(original, i));
+    for (int i = 0; i < 4; ++i) ASSERT_TRUE(original.step(scan.colored(i)));
     const std::string shown = display_bytes(original), project = project_of(original);
     ASSERT_TRUE(original.mesh().is_enable_vColor());
     Loader loader;
@@ -68,7 +61,7 @@ TEST(Project, ColoursAreSavedWithTheLeavesAndHostileOnesAreHarmless) {
         EXPECT_TRUE(session->bytes() == original.bytes());
         EXPECT_TRUE(display_bytes(*session) == shown);
         EXPECT_TRUE(project_of(*session) == project);
-        for (int i = 4; i < 6; ++i) ASSERT_TRUE(step(*session, i));
+        for (int i = 4; i < 6; ++i) ASSERT_TRUE(session->step(scan.colored(i)));
     }
     EXPECT_TRUE(loaded.bytes() == again.bytes());
 
@@ -94,7 +87,7 @@ TEST(Project, ColoursAreSavedWithTheLeavesAndHostileOnesAreHarmless) {
         ASSERT_EQ(mesh.is_enable_vColor(), hasColors) << offset << ' ' << value;
         for (std::size_t i = 0; hasColors && i < mesh.get_vn(); ++i)
             ASSERT_TRUE((mesh.get_vColor(i).array() >= 0.0F).all() && (mesh.get_vColor(i).array() <= 1.0F).all());
-        ASSERT_TRUE(step(loaded, 4));
+        ASSERT_TRUE(loaded.step(scan.colored(4)));
     }
     // A model without colours takes the place of one with colours.
     Session plain(scan.records);
@@ -144,9 +137,7 @@ TEST(Project, TheFirstProjectStillOpens) {
     Loader loader;
     ASSERT_TRUE(loader.load(session, bytes)) << loader.lines;
     EXPECT_EQ(session.state().acceptedFrames, 2);
-    Matrix3d rotation;
-    rodrigures(Vector3d(0.0, 0.02, 0.01), rotation);
-    EXPECT_LT(pose_error({rotation, Vector3d(3.0, -2.0, 1.0)}, get_current_rt(session)).norm(), 1e-9);
+    EXPECT_LT(pose_error({turned({0.0, 0.02, 0.01}), {3.0, -2.0, 1.0}}, get_current_rt(session)).norm(), 1e-9);
 
     // The dome z = 300 + 600 (u^2 + v^2), u = x / z and v = y / z, by the display and by the mesh.
     const auto distance = [](const Vector3f& p) {
@@ -161,20 +152,13 @@ TEST(Project, TheFirstProjectStillOpens) {
 
 // Trees of every depth with scattered cells, the corners of the volume among them.
 TEST(OctreeFile, EveryLeafIsFoundAgain) {
-    using Tree = VexelOctree::Octree<Fusion::LeafTSDFSpeckle>;
+    using VexelOctree::Tree;
     const VexelTrial::TemporaryFolder folder;
     for (const int depth : {10, 13, 20}) {
         Tree tree, read;
         tree.set_depth(depth, 1);
         read.set_depth(depth, 1);
-        std::uint32_t random = 1;
-        const auto coordinate = [&] {
-            random = 1664525U * random + 1013904223U;
-            return static_cast<int>(random >> (32 - depth));
-        };
-        const int last = tree.get_size() - 1;
-        std::vector<Vector3i> voxels{{0, 0, 0}, {last, last, last}, {last, 0, 0}, {0, 0, last}};
-        for (int i = 0; i < 3000; ++i) voxels.emplace_back(coordinate(), coordinate(), coordinate());
+        const std::vector<Vector3i> voxels = VexelOctree::scattered_voxels(tree.get_size(), 30, 100);
         for (const Vector3i& v : voxels) tree.find_or_create_leaf(v.x(), v.y(), v.z());
         {
             std::ofstream out(folder.path() / "trees", std::ios::binary);
@@ -189,4 +173,3 @@ TEST(OctreeFile, EveryLeafIsFoundAgain) {
 }
 
 }  // namespace
-}  // namespace VexelAlgorithm

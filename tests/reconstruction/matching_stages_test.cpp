@@ -1,16 +1,11 @@
 // The matching stages on small images of awkward sizes: those that slide or use vector instructions against plain
 // twins, the others against planted faults that they must find, all of them and nothing else.
-#include <gtest/gtest.h>
-
-#include <functional>
-#include <random>
-#include <set>
-
 #include "SpeckleRebCPU/growMatches.h"
 #include "SpeckleRebCPU/parallaxFilters.h"
 #include "SpeckleRebCPU/pyramid.h"
 #include "SpeckleRebCPU/surfaceEdges.h"
 #include "SpeckleRebCPU/verifyMatch.h"
+#include "tests/common.h"
 #include "tests/reconstruction/plainStages.h"
 
 namespace VexelAlgorithm {

@@ -1,22 +1,16 @@
 // Real recordings against what their makers measured.
-#include <gtest/gtest.h>
 #include <opencv2/core/core_c.h>
 
 #include <Eigen/Eigenvalues>
-#include <algorithm>
-#include <cmath>
 #include <cstdlib>
-#include <fstream>
 #include <opencv2/calib3d.hpp>
 #include <opencv2/imgcodecs.hpp>
 #include <opencv2/imgproc.hpp>
-#include <sstream>
-#include <string>
-#include <vector>
 
 #include "SpeckleRebCPU/speckleRebuild.h"
 #include "foundation/RigidMatrix.h"
 #include "readCaliData/CaliParReadIn.h"
+#include "tests/common.h"
 
 namespace VexelAlgorithm {
 namespace {

@@ -1,14 +1,6 @@
 // The reconstruction behind its handle: both halves of a run, settings and images that cannot be used, dumps.
-#include <gtest/gtest.h>
-
-#include <cmath>
-#include <functional>
-#include <random>
-#include <set>
-#include <sstream>
-
 #include "SpeckleRebCPU/speckleRebuild.h"
-#include "tests/printed.h"
+#include "tests/common.h"
 #include "trials/TemporaryFolder.h"
 
 namespace VexelAlgorithm {

@@ -1,9 +1,11 @@
 // A frame step takes no frame-sized memory once the first frames have come.
-#include "tests/session/largestAllocation.h"
 #include "tests/session/sessionScenes.h"
 
-namespace VexelAlgorithm {
+extern std::atomic<std::size_t> largestAllocation;
+
 namespace {
+
+using namespace VexelAlgorithm;
 
 TEST(Allocation, NoneOfTheSizeOfAFrame) {
     Scan scan("smooth", 360);
@@ -27,4 +29,3 @@ TEST(Allocation, NoneOfTheSizeOfAFrame) {
 }
 
 }  // namespace
-}  // namespace VexelAlgorithm

@@ -1,24 +1,14 @@
 // Coloured frames against the true colours of the virtual surface.
-#include <algorithm>
-#include <cmath>
-#include <thread>
-
-#include "simulation/colorImages.h"
 #include "tests/session/sessionScenes.h"
 
-namespace VexelAlgorithm {
 namespace {
 
+using namespace VexelAlgorithm;
 using Simulation::SurfaceColor;
 
-/// A scan with a colour camera.
-struct ColoredScan : Scan {
-    explicit ColoredScan(int width = 160) : Scan("smooth", width) {
-        Simulation::add_color_camera(sequence, records.fusion);
-    }
-    ColorAndPoint colored(int i, const SurfaceColor& surface = Simulation::soft_stripes) const {
-        return Simulation::colored_frame_of(sequence, i, records.fusion, surface);
-    }
+/// A scan with a colour camera, and judges of colours.
+struct JudgedScan : ColoredScan {
+    explicit JudgedScan(int width = 160) : ColoredScan(width) {}
     bool has_color(const Cloud& cloud, std::size_t i) const {
         return cloud.get_vColor(i) != records.fusion.colorOnInvaildPoint;
     }
@@ -43,23 +33,17 @@ SurfaceColor even(const Vector3f& color) {
     return [color](const Vector3d&) { return color; };
 }
 
-bool step(void* session, const ColorAndPoint& frame, bool fuse = true) {
-    int microseconds = 0;
-    return fusion_and_track(session, frame, microseconds, fuse, 0);
-}
-
 /// Fuses the first frame where it was taken, all in one colour.
-bool fuse(void* session, const ColoredScan& scan, const Vector3f& color) {
+bool fuse(Session& session, const JudgedScan& scan, const Vector3f& color) {
     PointImage frame = scan.frame(0);
     frame.enable_vColor();
     for (std::size_t i = 0; i < frame.get_vn(); ++i) frame.set_vColor(i, color);
-    int microseconds = 0;
-    return fusion(session, frame, RigidMatrix(), microseconds);
+    return session.fuse(frame);
 }
 
 // The last percents lie at silhouettes, where a pixel of the colour image holds both sides. Without regard to what
 // hides what a tenth would be wrong.
-void expect_true_colors(const ColoredScan& scan, const Cloud& cloud) {
+void expect_true_colors(const JudgedScan& scan, const Cloud& cloud) {
     EXPECT_GT(scan.colored_share(cloud), 0.9);
     const std::vector<float> errors = scan.errors(cloud);
     const auto quantile = [&](std::size_t percent) { return errors[errors.size() * percent / 100]; };
@@ -69,34 +53,32 @@ void expect_true_colors(const ColoredScan& scan, const Cloud& cloud) {
 }
 
 TEST(Color, MeshAndDisplayHaveTheColoursOfTheSurface) {
-    ColoredScan scan;
+    JudgedScan scan;
     for (const int threads : {1, 2}) {
         scan.records.fusion.codeNumSet = threads;
         Session session(scan.records);
-        for (int i = 0; i < 6; ++i) ASSERT_TRUE(step(session, scan.colored(i))) << i;
+        for (int i = 0; i < 6; ++i) ASSERT_TRUE(session.step(scan.colored(i))) << i;
         expect_true_colors(scan, session.mesh());
         expect_true_colors(scan, session.mesh(5.0F));
         expect_true_colors(scan, get_show_data(session));
         expect_true_colors(scan, get_show_data_filter_noise(session));
-        ASSERT_TRUE(step(session, scan.colored(6)));
+        ASSERT_TRUE(session.step(scan.colored(6)));
         expect_true_colors(scan, get_show_data(session));
         expect_true_colors(scan, get_show_data_filter_noise(session));
     }
 }
 
 TEST(Color, TheShapeIsThatOfTheScanWithoutColour) {
-    const ColoredScan scan;
+    const JudgedScan scan;
     Session plain(scan.records), colored(scan.records), tracked(scan.records);
     for (int i = 0; i < 5; ++i) {
-        ASSERT_TRUE(plain.step(scan.frame(i)) && step(colored, scan.colored(i)));
+        ASSERT_TRUE(plain.step(scan.frame(i)) && colored.step(scan.colored(i)));
         get_show_data(plain), get_show_data(colored);
     }
     ASSERT_EQ(plain.mesh().is_enable_vColor(), false);
     const auto bytes_without_colors = [](auto cloud) {
         cloud.disable_vColor();
-        std::ostringstream out;
-        cloud.write_archive(out);
-        return out.str();
+        return archive(cloud);
     };
     EXPECT_TRUE(bytes_without_colors(colored.mesh()) == plain.mesh_bytes());
     EXPECT_TRUE(bytes_without_colors(get_show_data(colored)) == bytes_without_colors(get_show_data(plain)));
@@ -107,13 +89,13 @@ TEST(Color, TheShapeIsThatOfTheScanWithoutColour) {
     int microseconds = 0;
     ASSERT_TRUE(fusion_and_track(tracked, scan.colored(1), microseconds, false, 1 << 30));
     EXPECT_FALSE(tracked.mesh().is_enable_vColor());
-    ASSERT_TRUE(step(tracked, scan.colored(2)));
+    ASSERT_TRUE(tracked.step(scan.colored(2)));
     ASSERT_TRUE(tracked.step(scan.frame(3)));
     EXPECT_GT(scan.colored_share(tracked.mesh()), 0.8);
 }
 
 TEST(Color, IsAWeightedMeanOverFrames) {
-    const ColoredScan scan;
+    const JudgedScan scan;
     Session session(scan.records);
     const Vector3f red(0.8F, 0.2F, 0.4F), blue(0.2F, 0.4F, 0.8F), black(0.0F, 0.0F, 0.0F), beyond(0.5F, kNaN, 0.5F);
     // From one place, so that all have the same weights; black, and what is no number, count as none.
@@ -122,7 +104,7 @@ TEST(Color, IsAWeightedMeanOverFrames) {
 }
 
 TEST(Color, FormsOfTheImageAndOfTheCallGiveTheSameColours) {
-    const ColoredScan scan;
+    const JudgedScan scan;
     std::vector<std::string> results;
     for (const bool isPadded : {false, true}) {
         Session session(scan.records);
@@ -134,18 +116,17 @@ TEST(Color, FormsOfTheImageAndOfTheCallGiveTheSameColours) {
                 padded.stride = 3 * image.width + 5;
                 padded.order = ColorOrder::Bgr;
                 padded.bytes.assign(padded.row_stride() * static_cast<std::size_t>(image.height), 255);
-                for (std::size_t y = 0; y < static_cast<std::size_t>(image.height); ++y) {
+                for (std::size_t y = 0; y < static_cast<std::size_t>(image.height); ++y)
                     for (std::size_t k = 0; k < image.row_bytes(); ++k)
                         padded.bytes[y * padded.row_stride() + k] =
                             image.bytes[y * image.row_bytes() + k / 3 * 3 + 2 - k % 3];
-                }
                 image = padded;
                 // Moved by a pose, which is taken back.
                 frame.point.rigid_transformation(scan.sequence.pose_in_model(4));
                 frame.point.to_ori_coor();
                 frame.point.enable_vColor();
             }
-            ASSERT_TRUE(step(session, frame));
+            ASSERT_TRUE(session.step(frame));
         }
         if (!isPadded) results.push_back(session.mesh_bytes());
         if (isPadded) expect_true_colors(scan, session.mesh());
@@ -162,12 +143,12 @@ TEST(Color, FormsOfTheImageAndOfTheCallGiveTheSameColours) {
 }
 
 TEST(Color, OnlyTheUsableRegionGivesColour) {
-    ColoredScan scan;
+    JudgedScan scan;
     const int half = scan.records.fusion.colorImageSize.x() / 2;
     const ColorAndPoint frame = scan.colored(0);
     scan.records.fusion.colorImageRange(0) = half;
     Session session(scan.records);
-    ASSERT_TRUE(step(session, frame));
+    ASSERT_TRUE(session.step(frame));
     const Cloud& shown = get_show_data(session);
     int coloredCount = 0;
     for (std::size_t i = 0; i < shown.get_vn(); ++i) {
@@ -182,12 +163,12 @@ TEST(Color, OnlyTheUsableRegionGivesColour) {
     // Turned away from the scene.
     scan.records.fusion.tranLeftToColor.set_rotation(Vector3d(-1.0, 1.0, -1.0).asDiagonal());
     Session blind(scan.records);
-    ASSERT_TRUE(step(blind, frame));
+    ASSERT_TRUE(blind.step(frame));
     EXPECT_FALSE(blind.mesh().is_enable_vColor());
 }
 
 TEST(Color, DeletedSurfaceTakesItsColourAlong) {
-    const ColoredScan scan;
+    const JudgedScan scan;
     const Vector3f red(0.9F, 0.1F, 0.1F), green(0.1F, 0.9F, 0.1F);
     const std::function<RetVal(void*)> edits[] = {
         [](void* s) { return delete_point_when_scan(s, get_show_data(s), 1.0F); },
@@ -230,71 +211,68 @@ TEST(Color, DeletedSurfaceTakesItsColourAlong) {
 }
 
 TEST(Color, BadImagesChangeNothing) {
-    const ColoredScan scan(80);
+    const JudgedScan scan(80);
     const ColorAndPoint good = scan.colored(1);
-    const std::string does_not_fit = "width, height and bytes of the colour image do not fit";
-    const std::string other_size = "the colour image has 2 x 1 pixels and the session's colour camera 160 x 128";
-    const struct {
-        const char* name;
-        ColorImage image;
-        std::string reason;
-    } cases[] = {
-        {"none", {}, does_not_fit},
-        {"no bytes", {160, 128, {}}, does_not_fit},
-        {"a byte less", {160, 128, std::vector<std::uint8_t>(3 * 160 * 128 - 1)}, does_not_fit},
-        {"a byte more", {160, 128, std::vector<std::uint8_t>(3 * 160 * 128 + 1)}, does_not_fit},
-        {"rows too short", {160, 128, good.color.bytes, 479}, does_not_fit},
-        {"negative stride", {160, 128, good.color.bytes, -480}, does_not_fit},
-        {"negative size", {-160, -128, good.color.bytes}, does_not_fit},
-        {"huge", {2147483647, 2147483647, good.color.bytes, 2147483647}, does_not_fit},
-        {"unknown order", {160, 128, good.color.bytes, 0, static_cast<ColorOrder>(7)}, does_not_fit},
-        {"another size", {2, 1, std::vector<std::uint8_t>(6)}, other_size},
-    };
+    const std::string doesNotFit = "width, height and bytes of the colour image do not fit";
+    const std::string otherSize = "the colour image has 2 x 1 pixels and the session's colour camera 160 x 128";
+    const std::vector<std::uint8_t>& bytes = good.color.bytes;
+    const int most = std::numeric_limits<int>::max();
+    const ColorImage images[] = {{},
+                                 {160, 128, {}},
+                                 {160, 128, std::vector<std::uint8_t>(bytes.size() - 1)},
+                                 {160, 128, std::vector<std::uint8_t>(bytes.size() + 1)},
+                                 {160, 128, bytes, 479},  // rows too short
+                                 {160, 128, bytes, -480},
+                                 {-160, -128, bytes},
+                                 {most, most, bytes, most},
+                                 {160, 128, bytes, 0, static_cast<ColorOrder>(7)},
+                                 {2, 1, std::vector<std::uint8_t>(6)}};
     Session session(scan.records);
-    ASSERT_TRUE(step(session, scan.colored(0)));
-    const std::string bytes = session.bytes();
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.name);
-        int microseconds = -7;
-        const std::string lines = printed([&] {
-            EXPECT_FALSE(fusion_and_track(session, ColorAndPoint{good.point, c.image}, microseconds, true, 0));
-        });
-        EXPECT_EQ(lines, can_not("fusion_and_track", c.reason));
-        EXPECT_EQ(
-            printed([&] { EXPECT_EQ(fusion_and_track_parallel_load_color(session, c.image, 1), RET_INPUT_ERROR); }),
-            can_not("fusion_and_track_parallel_load_color", c.reason));
-        EXPECT_EQ(microseconds, -7);
-        EXPECT_EQ(session.state().outcome, FrameOutcome::BadFrame);
-        EXPECT_EQ(session.state().acceptedFrames, 1);
+    ASSERT_TRUE(session.step(scan.colored(0)));
+    const std::string before = session.bytes();
+    for (const ColorImage& image : images) {
+        SCOPED_TRACE(&image - images);
+        const std::string reason = image.width == 2 ? otherSize : doesNotFit;
+        session.microseconds = -7;
+        EXPECT_EQ(printed([&] {
+                      EXPECT_FALSE(session.step(ColorAndPoint{good.point, image}));
+                  }),
+                  can_not("fusion_and_track", reason));
+        EXPECT_EQ(printed([&] { EXPECT_EQ(fusion_and_track_parallel_load_color(session, image, 1), RET_INPUT_ERROR); }),
+                  can_not("fusion_and_track_parallel_load_color", reason));
+        EXPECT_EQ(session.microseconds, -7);
+        EXPECT_TRUE(session.state().outcome == FrameOutcome::BadFrame && session.state().acceptedFrames == 1);
     }
     // A bad frame with a good image is told from the frame.
     PointImage small;
     small.ini(4, 4, scan.sequence.camera, 1, Vector2f::Zero());
     small.enable_vNormal(), small.enable_vWeight(), small.enable_vFlag();
     EXPECT_EQ(printed([&] {
-                  EXPECT_FALSE(step(session, {small, good.color}));
+                  EXPECT_FALSE(session.step(ColorAndPoint{small, good.color}));
               }),
               can_not("fusion_and_track", "the frame has 4 x 4 pixels and the session 80 x 64"));
-    EXPECT_TRUE(session.bytes() == bytes);
-    EXPECT_TRUE(step(session, good));
+    EXPECT_TRUE(session.bytes() == before);
+    EXPECT_TRUE(session.step(good));
 
-    EXPECT_EQ(printed([&] { EXPECT_FALSE(step(nullptr, good)); }), "fail because pFusionTrack == NULL\n");
+    EXPECT_EQ(
+        printed([&] { EXPECT_FALSE(fusion_and_track(nullptr, good, session.microseconds, session.isToBeFused, 0)); }),
+        "fail because pFusionTrack == NULL\n");
     Records records = scan.records;
     records.fusion.colorImageSize.setZero();
     Session colorless(records);
-    EXPECT_EQ(printed([&] { EXPECT_FALSE(step(colorless, good)); }),
+    EXPECT_EQ(printed([&] { EXPECT_FALSE(colorless.step(good)); }),
               can_not("fusion_and_track", "the session has no colour camera"));
     records = scan.records;
     records.fusion.colorImagePar(0, 2) = static_cast<double>(kNaN);
     Session broken(records);
-    EXPECT_EQ(printed([&] { EXPECT_FALSE(step(broken, good)); }),
+    EXPECT_EQ(printed([&] { EXPECT_FALSE(broken.step(good)); }),
               can_not("fusion_and_track", "the session's colour camera is not usable"));
     // Any numbers as usable region.
     for (const int extreme : {-2147483647, 2147483647}) {
         records = scan.records;
         records.fusion.colorImageRange.setConstant(extreme);
         Session blind(records);
-        EXPECT_TRUE(step(blind, good));
+        EXPECT_TRUE(blind.step(good));
         EXPECT_FALSE(blind.mesh().is_enable_vColor());
     }
     // Colours that no image gives: of slots, far out of range.
@@ -309,4 +287,3 @@ TEST(Color, BadImagesChangeNothing) {
 }
 
 }  // namespace
-}  // namespace VexelAlgorithm

@@ -1,6 +1,4 @@
 // What sessions record for debugging: all of it, bit by bit, and never to the harm of the scan.
-#include <tuple>
-
 #include "foundation/diagnostics.h"
 #include "fusiontrackoperation/DebugRecordReader.h"
 #include "fusiontrackoperation/FusionTrack.h"
@@ -13,8 +11,9 @@
 #    include <csignal>
 #endif
 
-namespace VexelAlgorithm {
 namespace {
+
+using namespace VexelAlgorithm;
 
 namespace fs = std::filesystem;
 using Read = DebugRecordReader::Read;
@@ -40,9 +39,8 @@ struct Recorded {
     template <class Content>
     std::vector<Content> all() const {
         std::vector<Content> found;
-        for (const DebugRecord& record : records) {
+        for (const DebugRecord& record : records)
             if (const auto* content = std::get_if<Content>(&record.content)) found.push_back(*content);
-        }
         return found;
     }
 };
@@ -60,13 +58,6 @@ auto& recorder_of(void* session) {
     return static_cast<FusionTrack*>(session)->recorder();
 }
 
-template <class Part>
-std::string archive(const Part& part) {
-    std::ostringstream out;
-    part.write_archive(out);
-    return out.str();
-}
-
 /// Recording is on; files lie in a folder of their own.
 class DebugRecording : public testing::Test {
 protected:
@@ -80,9 +71,6 @@ protected:
         config().set_name_prefix("testbug");
     }
     fs::path file(int number = 1) const { return folder.path() / format_text("testbug-%06d.tb", number); }
-    std::size_t files() const {
-        return static_cast<std::size_t>(std::distance(fs::directory_iterator(folder.path()), fs::directory_iterator()));
-    }
     VexelTrial::TemporaryFolder folder;
     const Scan tiny{"smooth", 20};
 };
@@ -170,9 +158,8 @@ TEST_F(DebugRecording, FramesLoseNothing) {
     }
     const auto calls = read(bytes_of(file())).all<FrameCall>();
     ASSERT_EQ(calls.size(), frames.size() + 1);
-    for (std::size_t i = 0; i < frames.size(); ++i) {
+    for (std::size_t i = 0; i < frames.size(); ++i)
         EXPECT_TRUE(archive(calls[i].frame.unpacked()) == archive(*frames[i])) << i;
-    }
     EXPECT_FALSE(calls.back().frame.isLegal);
 }
 
@@ -208,7 +195,7 @@ TEST_F(DebugRecording, OnlyWhileBothFlagsAreSet) {
         edit_testbug_write(session);
     }
     set_recording(false);
-    EXPECT_EQ(files(), 0U);
+    EXPECT_EQ(folder.file_count(), 0U);
 
     // Asked for in the middle of a scan, and again after a pause.
     Scan scan("smooth", 80);
@@ -222,7 +209,7 @@ TEST_F(DebugRecording, OnlyWhileBothFlagsAreSet) {
         set_recording(false);
         session.step(scan.frame(number));
     }
-    EXPECT_EQ(files(), 2U);
+    EXPECT_EQ(folder.file_count(), 2U);
     for (int number = 1; number < 3; ++number) {
         const Recorded recorded = read(bytes_of(file(number)));
         EXPECT_EQ(recorded.names(), "fusion_and_track_ini set_icpKeepRatio fusion_and_track result ");
@@ -232,18 +219,16 @@ TEST_F(DebugRecording, OnlyWhileBothFlagsAreSet) {
 }
 
 TEST_F(DebugRecording, FilesAreNumberedByPrefix) {
-    for (const char* name : {"testbug-000041.tb", "testbug-000099.txt", "testbug-x.tb", "testbug-.tb", "other-50.tb"}) {
+    for (const char* name : {"testbug-000041.tb", "testbug-000099.txt", "testbug-x.tb", "testbug-.tb", "other-50.tb"})
         VexelTrial::put_bytes(folder.path() / name, "");
-    }
     { const Session a(tiny.records), b(tiny.records); }
     EXPECT_TRUE(fs::exists(file(42)) && fs::exists(file(43)));
     EXPECT_EQ(config().set_name_prefix("other"), RET_SUCCESS);
     { const Session c(tiny.records); }
     EXPECT_TRUE(fs::exists(folder.path() / "other-000051.tb"));
-    for (const char* bad : {"", "../x", "a\\b", "c:"}) {
+    for (const char* bad : {"", "../x", "a\\b", "c:"})
         EXPECT_EQ(printed([&] { EXPECT_EQ(config().set_name_prefix(bad), RET_INPUT_ERROR); }),
                   can_not("set_name_prefix", "the prefix is not the beginning of a file name"));
-    }
     EXPECT_EQ(config().get_name_prefix(), "other");
 }
 
@@ -281,4 +266,3 @@ TEST_F(DebugRecording, AFileThatCannotBeWrittenCostsOneLine) {
 }
 
 }  // namespace
-}  // namespace VexelAlgorithm

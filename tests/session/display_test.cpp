@@ -1,15 +1,11 @@
 // What an application draws: on the surface, once each, growing with the scan.
-#include <algorithm>
-#include <map>
-#include <random>
-#include <tuple>
-
 #include "fusion/leafCommon.h"
 #include "fusiontrackoperation/cellSurface.h"
 #include "tests/session/sessionScenes.h"
 
-namespace VexelAlgorithm {
 namespace {
+
+using namespace VexelAlgorithm;
 
 std::vector<std::tuple<float, float, float>> sorted_points(const Cloud& cloud) {
     std::vector<std::tuple<float, float, float>> points;
@@ -27,16 +23,11 @@ protected:
     /// RMS distance to the surface, and of normals from the truth, over all points.
     void expect_on_surface(const Cloud& cloud) {
         EXPECT_LT(rms_of(scan.off_surface(cloud.get_vCoords())), 0.1 * voxel);
-        double turns = 0.0;
-        const RigidMatrix modelToWorld = scan.sequence.poses[0];
+        EXPECT_LT(scan.turn_of_normals(cloud), 0.03);
         for (std::size_t i = 0; i < cloud.get_vn(); ++i) {
-            const Vector3d point = modelToWorld * Vector3d(cloud.get_vCoord(i).cast<double>());
-            const Vector3d normal = modelToWorld.transform_normal(cloud.get_vNrv(i)).cast<double>();
-            EXPECT_NEAR(normal.norm(), 1.0, 1e-5);
-            turns += 1.0 - normal.dot(scan.sequence.scene->gradient(point).normalized());
+            EXPECT_NEAR(cloud.get_vNrv(i).norm(), 1.0, 1e-5);
             ASSERT_EQ(cloud.get_vColor(i), scan.records.fusion.colorOnInvaildPoint);
         }
-        EXPECT_LT(turns / static_cast<double>(cloud.get_vn()), 0.03);
     }
     /// No two points in one place, and no voxel with a crowd.
     void expect_no_duplicates(const Cloud& cloud) {
@@ -80,15 +71,14 @@ TEST(CellSurface, VectorsGiveTheBitsOfThePlainTwin) {
     std::uniform_real_distribution<float> weight(-1.0F, 3.0F), sum(-2.0F, 2.0F);
     std::vector<OctetCells> octets(500);
     int found = 0;
-    for (OctetCells& octet : octets) {
+    for (OctetCells& octet : octets)
         for (std::size_t i = 0; i < OctetCells::LatticeSize; ++i) {
             octet.weight[i] = std::max(weight(random), 0.0F);
             octet.tsdfSum[i] = sum(random);
         }
-    }
     const std::vector<OctetCells> before = octets;
     best_cell_surface_kernel()(octets.data(), octets.size());
-    for (std::size_t n = 0; n < octets.size(); ++n) {
+    for (std::size_t n = 0; n < octets.size(); ++n)
         for (int cell = 0; cell < OctetCells::Count; ++cell) {
             float value[8];
             for (int corner = 0; corner < 8; ++corner) {
@@ -105,7 +95,6 @@ TEST(CellSurface, VectorsGiveTheBitsOfThePlainTwin) {
             }
             found += isFound ? 1 : 0;
         }
-    }
     EXPECT_GT(found, 1000);
 }
 
@@ -141,10 +130,9 @@ TEST_F(Display, SurfaceThatMovesTakesItsPointsAlong) {
         const Vector3f point = behind.get_vCoord(i);
         if (behind.has_point(i)) behind.set_vCoord(i, point * (1.0F + 0.5F * voxel / point.z()));
     }
-    int microseconds = 0;
     ASSERT_TRUE(session.step(scan.frame(0)));
     const std::size_t before = get_show_data(session).get_vn();
-    for (int i = 0; i < 30; ++i) ASSERT_TRUE(fusion(session, behind, {}, microseconds));  // they pull the mean there
+    for (int i = 0; i < 30; ++i) ASSERT_TRUE(session.fuse(behind));  // they pull the mean there
     const Cloud& cloud = get_show_data(session);
     EXPECT_NEAR(static_cast<double>(cloud.get_vn()), static_cast<double>(before), 0.06 * before);
     expect_no_duplicates(cloud);
@@ -157,16 +145,14 @@ TEST_F(Display, TheFilterLeavesOutWhatWasSeenSeldom) {
     EXPECT_GT(get_show_data_filter_noise(session).get_vn(), 0.95 * static_cast<double>(first));
     // A patch that one frame alone has seen, in front of everything.
     PointImage patch = scan.frame(0);
-    int microseconds = 0;
-    for (std::size_t i = 0; i < patch.get_vn(); ++i) {
+    for (std::size_t i = 0; i < patch.get_vn(); ++i)
         if (patch.has_point(i)) patch.set_vCoord(i, patch.get_vCoord(i) * 0.8F);
-    }
     const auto in_front = [&](const Cloud& cloud) {
         return std::count_if(cloud.get_vCoords().begin(), cloud.get_vCoords().end(),
                              [](const Vector3f& p) { return p.z() < 330.0F; });
     };
     for (int sight = 1; sight <= 3; ++sight) {
-        ASSERT_TRUE(fusion(session, patch, {}, microseconds));
+        ASSERT_TRUE(session.fuse(patch));
         const auto all = in_front(get_show_data(session)), confirmed = in_front(get_show_data_filter_noise(session));
         EXPECT_GT(all, 1000);
         EXPECT_EQ(confirmed > all / 2, sight == 3) << sight << " " << confirmed << " " << all;
@@ -175,4 +161,3 @@ TEST_F(Display, TheFilterLeavesOutWhatWasSeenSeldom) {
 }
 
 }  // namespace
-}  // namespace VexelAlgorithm

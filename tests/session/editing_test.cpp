@@ -1,15 +1,11 @@
 // Editing: what is deleted is gone everywhere, what is not stays, and the scan goes on.
-#include <algorithm>
-#include <array>
-#include <map>
-#include <set>
-
 #include "fusiontrackoperation/replayEdit.h"
 #include "tests/project/projectScenes.h"
 #include "tests/session/sessionScenes.h"
 
-namespace VexelAlgorithm {
 namespace {
+
+using namespace VexelAlgorithm;
 
 class Editing : public testing::Test {
 protected:
@@ -27,26 +23,21 @@ protected:
     std::vector<int> selection() {
         std::vector<int> selected;
         const Cloud& cloud = get_show_data(session);
-        for (std::size_t i = 0; i < cloud.get_vn(); ++i) {
+        for (std::size_t i = 0; i < cloud.get_vn(); ++i)
             if (is_inside(cloud.get_vCoord(i))) selected.push_back(static_cast<int>(i));
-        }
         return selected;
     }
     /// The points inside or outside, as bytes, so that equal means the same bits.
     std::set<std::array<float, 3>> points_at(const Cloud& cloud, bool inside, float margin) const {
         std::set<std::array<float, 3>> found;
-        for (const Vector3f& p : cloud.get_vCoords()) {
+        for (const Vector3f& p : cloud.get_vCoords())
             if (is_inside(p, margin) == inside) found.insert({p.x(), p.y(), p.z()});
-        }
         return found;
     }
     std::size_t count_inside(const Cloud& cloud, float margin) const { return points_at(cloud, true, margin).size(); }
     auto far_away(const Cloud& cloud) const { return points_at(cloud, false, 4 * voxel); }
     /// At its true pose.
-    void fuse_one(void* to, int i) const {
-        int microseconds = 0;
-        ASSERT_TRUE(fusion(to, frame(i), scan.sequence.pose_in_model(i), microseconds));
-    }
+    void fuse_one(Session& to, int i) const { ASSERT_TRUE(to.fuse(frame(i), scan.sequence.pose_in_model(i))); }
 
     /// Rendered once.
     const PointImage& frame(int i) const {
@@ -144,7 +135,7 @@ struct VolumeContent {
 class FrameEditing : public Editing {
 protected:
     /// Fuses frames, the volume being at one place; the last one with another range where one is given.
-    void fuse(void* to, const std::vector<int>& frames, int lastRange = 0) {
+    void fuse(Session& to, const std::vector<int>& frames, int lastRange = 0) {
         ASSERT_EQ(fusion_reset(to), RET_SUCCESS);
         ASSERT_EQ(set_treeShift(to, {-1024, -1024, -700}), RET_SUCCESS);
         for (const int& i : frames) {
@@ -226,17 +217,15 @@ TEST_F(FrameEditing, FiltersGoByTheDistanceFromTheSurface) {
         noisy.set_vCoord(i, noisy.get_vCoord(i) + 0.8F * voxel * noisy.get_vNrv(i));
         outliers.push_back(slot);
     }
-    int microseconds = 0;
-    ASSERT_TRUE(fusion(session, noisy, scan.sequence.pose_in_model(2), microseconds));
+    ASSERT_TRUE(session.fuse(noisy, scan.sequence.pose_in_model(2)));
     const std::string before = session.mesh_bytes();
     EXPECT_EQ(fusion_single_frame_filtering_using_tsdf(session, 2, 100.0F), RET_SUCCESS);
     EXPECT_EQ(session.mesh_bytes(), before) << "nothing is as far";
     EXPECT_EQ(fusion_single_frame_filtering_using_tsdf(session, 2, 0.2F * voxel), RET_SUCCESS);
-    for (const int slot : outliers) {
+    for (const int slot : outliers)
         EXPECT_EQ(printed([&] { delete_single_frame_point(session, 2, {slot}); }),
                   can_not("delete_single_frame_point", "none of the selected points was fused"))
             << slot;
-    }
     EXPECT_EQ(delete_single_frame_point(session, 2, every_slot(0, 2)), RET_SUCCESS) << "most of it is still there";
 
     for (const auto filter :
@@ -266,8 +255,7 @@ TEST_F(FrameEditing, FramesAreKeptAsFarAsTheMemoryGoes) {
     EXPECT_FALSE(is_kept(2)) << "it was taken out";
     ASSERT_EQ(set_kept_frame_memory(session, 512), RET_SUCCESS);
     fuse(session, {0, 1, 2});
-    int microseconds = 0;
-    ASSERT_TRUE(track(session, frame(2), microseconds));
+    ASSERT_TRUE(track(session, frame(2), session.microseconds));
     EXPECT_FALSE(is_kept(3)) << "it was only tracked";
     ASSERT_EQ(set_kept_frame_memory(session, 0), RET_SUCCESS);
     EXPECT_FALSE(is_kept(0));
@@ -345,4 +333,3 @@ TEST_F(Editing, WhatCannotBeSelectedIsRefusedWithOneLine) {
 }
 
 }  // namespace
-}  // namespace VexelAlgorithm

@@ -3,8 +3,9 @@
 
 #include "tests/session/sessionScenes.h"
 
-namespace VexelAlgorithm {
 namespace {
+
+using namespace VexelAlgorithm;
 
 struct BadFrame {
     std::function<void(PointImage&)> damage;
@@ -30,9 +31,8 @@ BadFrame not_consistent(const std::string& reason, const std::function<void(Poin
 std::vector<BadFrame> bad_frames() {
     const auto all_but_1499_empty = [](PointImage& frame) {
         int left = 1499;
-        for (std::size_t i = 0; i < frame.get_vn(); ++i) {
+        for (std::size_t i = 0; i < frame.get_vn(); ++i)
             if (frame.has_point(i) && --left < 0) frame.set_slot_empty(i);
-        }
     };
     const auto all_NaN = [](PointImage& frame) {
         frame.set_vCoords(std::vector<Vector3f>(frame.get_vn(), Vector3f::Constant(kNaN)));
@@ -113,34 +113,30 @@ TEST(FrameStep, SpeedStates) {
     const std::string turning = "angularspeed exceed the limitation, fusion_and_track falied \n";
     const std::string refused = "icp succeed but exceeded the speed limit can't run the fusion process \n";
     const std::string taken = "icp succeed but exceeded the speed limit, running the fusion process \n";
-    const struct {
-        int speedState;
-        float lineLimit, angleLimit;
-        bool isAccepted;
-        int speedStateAfter;
-        std::string lines;  // after one with the angles, where the limit of the angle is broken
-    } cases[] = {
+    // Speed state, limits of line and angle; is it accepted, speed state afterwards, lines (after one with the angles,
+    // where the limit of the angle is broken).
+    const std::tuple<int, float, float, bool, int, std::string> cases[] = {
         {-1, 1e-3F, 1e-6F, true, -1, ""},
         {0, 50.0F, 20.0F, true, 1, ""},
         {0, 1e-3F, 20.0F, false, 0, fast + refused},
         {1, 1e-3F, 20.0F, true, 1, fast + taken},
         {7, 50.0F, 1e-6F, true, 1, turning + taken},
     };
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.lines);
+    for (const auto& [speedState, lineLimit, angleLimit, isAccepted, speedStateAfter, lines] : cases) {
+        SCOPED_TRACE(lines);
         Session session(scan.records);
         ASSERT_TRUE(session.step(scan.frame(0)));
-        ASSERT_EQ(set_track_speed_threshold(session, c.lineLimit, c.angleLimit), RET_SUCCESS);
+        ASSERT_EQ(set_track_speed_threshold(session, lineLimit, angleLimit), RET_SUCCESS);
         const std::string before = session.bytes();
-        LimitedStep step{true, 0, 1, c.speedState};
+        LimitedStep step{true, 0, 1, speedState};
         session.step(scan.frame(1), step);
-        EXPECT_EQ(step.isAccepted, c.isAccepted);
-        EXPECT_EQ(step.speedState, c.speedStateAfter);
+        EXPECT_EQ(step.isAccepted, isAccepted);
+        EXPECT_EQ(step.speedState, speedStateAfter);
         EXPECT_TRUE(step.fuse) << "a fast frame leaves the flag alone";
-        EXPECT_EQ(session.state().outcome, c.isAccepted ? FrameOutcome::Fused : FrameOutcome::TooFast);
-        EXPECT_EQ(session.bytes() == before, !c.isAccepted);
-        const bool hasAngles = c.lines.rfind(turning, 0) == 0;
-        EXPECT_EQ(step.lines.substr(hasAngles ? step.lines.find('\n') + 1 : 0), c.lines);
+        EXPECT_EQ(session.state().outcome, isAccepted ? FrameOutcome::Fused : FrameOutcome::TooFast);
+        EXPECT_EQ(session.bytes() == before, !isAccepted);
+        const bool hasAngles = lines.rfind(turning, 0) == 0;
+        EXPECT_EQ(step.lines.substr(hasAngles ? step.lines.find('\n') + 1 : 0), lines);
         if (!hasAngles) continue;
         float angles[3];
         ASSERT_EQ(std::sscanf(step.lines.c_str(), "angularspeed[0] = %f, angularspeed[1] = %f, angularspeed[2] = %f \n",
@@ -185,12 +181,11 @@ TEST(FrameStep, OnlyTrackAndOnlyFuse) {
 
     const std::vector<RigidMatrix>& poses = scan.sequence.poses;
     for (const RigidMatrix& bad : {RigidMatrix(Matrix3d::Identity(), Vector3d::Constant(kNaN)),
-                                   RigidMatrix(2.0 * Matrix3d::Identity(), Vector3d::Zero())}) {
-        EXPECT_EQ(printed([&] { EXPECT_FALSE(fusion(given, scan.frame(0), bad, microseconds)); }),
+                                   RigidMatrix(2.0 * Matrix3d::Identity(), Vector3d::Zero())})
+        EXPECT_EQ(printed([&] { EXPECT_FALSE(given.fuse(scan.frame(0), bad)); }),
                   can_not("fusion", "the pose is not a rigid motion"));
-    }
     for (std::size_t i = 0; i < 3; ++i) {
-        ASSERT_TRUE(fusion(given, scan.frame(static_cast<int>(i)), poses[i], microseconds));
+        ASSERT_TRUE(given.fuse(scan.frame(static_cast<int>(i)), poses[i]));
         EXPECT_LT(pose_error(poses[i], get_current_rt(given)).x(), 1e-9);
     }
     EXPECT_EQ(given.state().acceptedFrames, 3);
@@ -199,4 +194,3 @@ TEST(FrameStep, OnlyTrackAndOnlyFuse) {
 }
 
 }  // namespace
-}  // namespace VexelAlgorithm

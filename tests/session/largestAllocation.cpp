@@ -1,9 +1,9 @@
 // By itself, so that no compiler sees through the operators where they are used.
-#include "tests/session/largestAllocation.h"
-
+#include <atomic>
 #include <cstdlib>
 #include <new>
 
+/// Bytes of the largest allocation of the program since it was set to zero.
 std::atomic<std::size_t> largestAllocation{0};
 
 // All other forms end in these.

@@ -2,17 +2,12 @@
 #include "tests/platform/RecordingTracker.h"
 #include "tests/session/sessionScenes.h"
 
-namespace VexelAlgorithm {
 namespace {
 
-using VexelTest::textureRecord;
-
-constexpr double kPi = 3.14159265358979323846;
+using namespace VexelAlgorithm;
 
 RigidMatrix motion(double x, const Vector3d& turn) {
-    Matrix3d rotation;
-    rodrigures(turn, rotation);
-    return {rotation, {x, 0.0, 0.0}};
+    return {turned(turn), {x, 0.0, 0.0}};
 }
 
 RigidMatrix about_y(double x, double angle) {
@@ -21,18 +16,14 @@ RigidMatrix about_y(double x, double angle) {
 
 /// A turn about an axis that is this many degrees away from y.
 RigidMatrix tilted(double degrees) {
-    const double tilt = degrees * kPi / 180.0;
+    const double tilt = degrees * EIGEN_PI / 180.0;
     return motion(0.0, 0.05 * Vector3d(std::sin(tilt), std::cos(tilt), 0.0));
 }
 
 TEST(Motion, IsJudgedOnAnalyticPaths) {
     const RigidMatrix step = about_y(5.0, 0.05), still;
-    const struct {
-        const char* name;
-        std::vector<RigidMatrix> steps;  // after the first pose, which is a turned one
-        RigidMatrix next;
-        bool isUniform, isInversed, needsRebuild;
-    } cases[] = {
+    // Steps after the first pose, which is a turned one, and the next; is it uniform, inversed, does it need a rebuild?
+    const std::tuple<const char*, std::vector<RigidMatrix>, RigidMatrix, bool, bool, bool> cases[] = {
         {"a screw goes on", {step, step}, step, true, false, false},
         {"within a quarter", {step}, about_y(6.5, 0.065), true, false, false},
         {"longer by more than a quarter", {step}, about_y(7.0, 0.05), false, false, false},
@@ -54,17 +45,16 @@ TEST(Motion, IsJudgedOnAnalyticPaths) {
     EXPECT_FALSE(is_uniform_motion(session, step));
     EXPECT_FALSE(is_rotation_inversed(session, step));
     EXPECT_TRUE(is_need_seq_rebuild(session, RigidMatrix())) << "no frame yet";
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.name);
+    for (const auto& [name, steps, last, isUniform, isInversed, needsRebuild] : cases) {
+        SCOPED_TRACE(name);
         ASSERT_EQ(fusion_reset(session), RET_SUCCESS);
         RigidMatrix pose = motion(3.0, {0.0, 0.0, 1.0});
-        int microseconds = 0;
-        ASSERT_TRUE(fusion(session, frame, pose, microseconds));
-        for (const RigidMatrix& next : c.steps) ASSERT_TRUE(fusion(session, frame, pose = pose * next, microseconds));
-        pose = pose * c.next;
-        EXPECT_EQ(is_uniform_motion(session, pose), c.isUniform);
-        EXPECT_EQ(is_rotation_inversed(session, pose), c.isInversed);
-        EXPECT_EQ(is_need_seq_rebuild(session, pose), c.needsRebuild);
+        ASSERT_TRUE(session.fuse(frame, pose));
+        for (const RigidMatrix& next : steps) ASSERT_TRUE(session.fuse(frame, pose = pose * next));
+        pose = pose * last;
+        EXPECT_EQ(is_uniform_motion(session, pose), isUniform);
+        EXPECT_EQ(is_rotation_inversed(session, pose), isInversed);
+        EXPECT_EQ(is_need_seq_rebuild(session, pose), needsRebuild);
     }
 }
 
@@ -177,4 +167,3 @@ TEST(MotionAndTexture, RefuseNullHandlesAndWhatIsNotThere) {
 }
 
 }  // namespace
-}  // namespace VexelAlgorithm

@@ -1,11 +1,9 @@
 // What may overlap a frame step, from plain threads.
-#include <atomic>
-#include <thread>
-
 #include "tests/session/sessionScenes.h"
 
-namespace VexelAlgorithm {
 namespace {
+
+using namespace VexelAlgorithm;
 
 constexpr int kFrames = 6;
 
@@ -138,4 +136,3 @@ TEST(Overlap, SessionsAreIndependent) {
 }
 
 }  // namespace
-}  // namespace VexelAlgorithm

@@ -1,20 +1,16 @@
 // Frames by way of the session's worker: order, accounting, pauses, callbacks that misbehave, ends in every state.
-#include <atomic>
 #include <chrono>
 #include <condition_variable>
 #include <memory>
 #include <mutex>
-#include <set>
 #include <stdexcept>
-#include <thread>
 
 #include "tests/session/sessionScenes.h"
 
-namespace VexelAlgorithm {
 namespace {
 
+using namespace VexelAlgorithm;
 using Ids = std::vector<std::int64_t>;
-using VexelTest::outcome;
 
 enum class Reported { Success, Fail, Illegal };
 
@@ -304,9 +300,8 @@ TEST(ParallelInput, CallbacksMayUseTheSessionButNotStopItsWorker) {
         EXPECT_EQ(parallel.session.state().outcome, FrameOutcome::FirstFrame);
         EXPECT_GT(parallel.session.mesh().get_fn(), 100U);
         EXPECT_EQ(fusion_set_fusionrange(handle, 4), RET_SUCCESS);
-        for (RetVal (*reset)(void*) : {fusion_reset, fusion_reset_withoutTex, fusion_tree_reset}) {
+        for (RetVal (*reset)(void*) : {fusion_reset, fusion_reset_withoutTex, fusion_tree_reset})
             EXPECT_EQ(reset(handle), RET_STATE_ERROR);
-        }
         EXPECT_EQ(fusiontrack_release(handle), RET_STATE_ERROR);
         EXPECT_EQ(parallel.load(1, 1, 60000), RET_SUCCESS);
         EXPECT_EQ(parallel.load(2, 1, 60000), RET_STATE_ERROR) << "would wait for itself";
@@ -319,9 +314,8 @@ TEST(ParallelInput, CallbacksMayUseTheSessionButNotStopItsWorker) {
     });
     const std::string self = "a callback of the session is calling it";
     std::string expected;
-    for (const char* name : {"fusion_reset", "fusion_reset_withoutTex", "fusion_tree_reset", "fusiontrack_release"}) {
+    for (const char* name : {"fusion_reset", "fusion_reset_withoutTex", "fusion_tree_reset", "fusiontrack_release"})
         expected += can_not(name, self);
-    }
     EXPECT_EQ(lines, expected + can_not("fusion_and_track_parallel", "1 frames are waiting already"));
     EXPECT_EQ(parallel.load(3), RET_PAUSED);
     ASSERT_EQ(fusion_paralle_start(parallel.session), RET_SUCCESS);
@@ -349,43 +343,33 @@ TEST(ParallelInput, WhatACallbackThrowsIsALine) {
 
 TEST(ParallelInput, BadArgumentsAreRefusedWithALine) {
     ParallelScan parallel;
-    const auto expect_refusal = [](const std::string& name, const char* reason, const std::function<RetVal()>& call) {
-        EXPECT_EQ(outcome(call), std::pair(RET_INPUT_ERROR, can_not(name, reason)));
-    };
-    const std::string direct = "fusion_and_track_parallel", cloud = direct + "_load_cloud",
-                      color = direct + "_load_color";
-    const struct {
-        int FusionparallelInputData::*field;
-        int value;
-        const char* reason;
-    } cases[] = {
+    const std::tuple<int FusionparallelInputData::*, int, const char*> cases[] = {
         {&FusionparallelInputData::maxQueued, 0, "maxQueued is not between 1 and 256"},
         {&FusionparallelInputData::maxQueued, 257, "maxQueued is not between 1 and 256"},
         {&FusionparallelInputData::waitMilliseconds, 60001, "waitMilliseconds is not between 0 and 60000"},
         {&FusionparallelInputData::colorWaitMilliseconds, -1, "colorWaitMilliseconds is not between 0 and 60000"},
     };
     const PointImage frame = parallel.scan.frame(0);
-    for (const auto& c : cases) {
+    for (const auto& [field, value, reason] : cases) {
         FusionparallelInputData data = parallel.data(0);
-        data.*c.field = c.value;
-        expect_refusal(cloud, c.reason,
-                       [&] { return fusion_and_track_parallel_load_cloud(parallel.session, frame, data); });
-    }
-    const ColorImage images[] = {{}, {-1, -1, {1, 2, 3}}, {1, 1, {1, 2}}, {1 << 16, 1 << 16, {1, 2, 3}}};
-    for (const ColorImage& image : images) {
-        expect_refusal(color, "width, height and bytes of the colour image do not fit",
-                       [&] { return fusion_and_track_parallel_load_color(parallel.session, image, 0); });
+        data.*field = value;
+        EXPECT_EQ(outcome([&] { return fusion_and_track_parallel_load_cloud(parallel.session, frame, data); }),
+                  std::pair(RET_INPUT_ERROR, can_not("fusion_and_track_parallel_load_cloud", reason)));
     }
     EXPECT_TRUE(parallel.reports->all().empty());
 
-    const char* const noHandle = "pFusionTrack = NULL";
-    expect_refusal(direct, noHandle, [&] { return fusion_and_track_parallel(nullptr, frame, {}); });
-    expect_refusal(direct, noHandle, [] { return fusion_and_track_parallel(nullptr, PointImage(), {}); });
-    expect_refusal(cloud, noHandle, [&] { return fusion_and_track_parallel_load_cloud(nullptr, frame, {}); });
-    expect_refusal(cloud, noHandle, [] { return fusion_and_track_parallel_load_cloud(nullptr, PointImage(), {}); });
-    expect_refusal(color, noHandle, [] { return fusion_and_track_parallel_load_color(nullptr, {}, 0); });
-    expect_refusal("fusion_paralle_pause", noHandle, [] { return fusion_paralle_pause(nullptr); });
-    expect_refusal("fusion_paralle_start", noHandle, [] { return fusion_paralle_start(nullptr); });
+    const std::pair<std::string, std::function<RetVal()>> withoutHandle[] = {
+        {"", [&] { return fusion_and_track_parallel(nullptr, frame, {}); }},
+        {"", [] { return fusion_and_track_parallel(nullptr, PointImage(), {}); }},
+        {"_load_cloud", [&] { return fusion_and_track_parallel_load_cloud(nullptr, frame, {}); }},
+        {"_load_cloud", [] { return fusion_and_track_parallel_load_cloud(nullptr, PointImage(), {}); }},
+        {"_load_color", [] { return fusion_and_track_parallel_load_color(nullptr, {}, 0); }}};
+    for (const auto& [name, call] : withoutHandle)
+        EXPECT_EQ(outcome(call),
+                  std::pair(RET_INPUT_ERROR, can_not("fusion_and_track_parallel" + name, "pFusionTrack = NULL")));
+    for (const auto& [name, call] : {std::pair("pause", fusion_paralle_pause), {"start", fusion_paralle_start}})
+        EXPECT_EQ(outcome([&, &call = call] { return call(nullptr); }),
+                  std::pair(RET_INPUT_ERROR, can_not(std::string("fusion_paralle_") + name, "pFusionTrack = NULL")));
 }
 
 TEST(ParallelInput, ProducersPausesResetsAndDirectStepsInAnyMixtureLoseNoFrame) {
@@ -428,4 +412,3 @@ TEST(ParallelInput, ProducersPausesResetsAndDirectStepsInAnyMixtureLoseNoFrame) 
 }
 
 }  // namespace
-}  // namespace VexelAlgorithm

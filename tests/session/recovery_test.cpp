@@ -1,13 +1,11 @@
 // Recovery with features against the truth of the virtual world, and that nothing changes without it.
-#include <cmath>
-
 #include "simulation/scenes.h"
 #include "tests/session/sessionScenes.h"
 #include "trials/kidnapping.h"
 
-namespace VexelAlgorithm {
 namespace {
 
+using namespace VexelAlgorithm;
 using namespace VexelTest;
 using namespace VexelTrial;
 
@@ -39,10 +37,7 @@ struct Kidnapped {
         for (int i = 0; i < 40; i += 4) fuse(i);
         away = scan.frame(2);
     }
-    void fuse(int i) {
-        int microseconds = 0;
-        EXPECT_TRUE(fusion(session, scan.frame(i), scan.sequence.pose_in_model(i), microseconds));
-    }
+    void fuse(int i) { EXPECT_TRUE(session.fuse(scan.frame(i), scan.sequence.pose_in_model(i))); }
     bool is_at(int i) const {
         const Vector2d error = pose_error(scan.sequence.pose_in_model(i), get_current_rt(session));
         return error.x() < 0.5 && error.y() < 0.1;
@@ -110,14 +105,13 @@ TEST(Recovery, FollowsEditsResetsAndNewFrames) {
     Simulation::Sequence owl = scene_on_arc("owl_on_table", 100, 0).sequence;
     printed([&] { EXPECT_TRUE(k.session.step(Simulation::frame_of(owl, 0))); });
     printed([&] { EXPECT_FALSE(k.session.step(k.away)) << "the blocks are no longer there"; });
-    int microseconds = 0;
-    EXPECT_TRUE(fusion(k.session, Simulation::frame_of(owl, 40), owl.pose_in_model(40), microseconds));
-    EXPECT_TRUE(fusion(k.session, Simulation::frame_of(owl, 0), RigidMatrix(), microseconds));
+    EXPECT_TRUE(k.session.fuse(Simulation::frame_of(owl, 40), owl.pose_in_model(40)));
+    EXPECT_TRUE(k.session.fuse(Simulation::frame_of(owl, 0)));
     EXPECT_TRUE(k.session.step(Simulation::frame_of(owl, 40))) << "found where it has only just been";
     EXPECT_LT(pose_error(owl.pose_in_model(40), get_current_rt(k.session)).x(), 0.5);
 
     ASSERT_EQ(delete_key_frame(k.session, {1}), RET_SUCCESS);
-    EXPECT_TRUE(fusion(k.session, Simulation::frame_of(owl, 0), RigidMatrix(), microseconds));
+    EXPECT_TRUE(k.session.fuse(Simulation::frame_of(owl, 0)));
     printed([&] { EXPECT_FALSE(k.session.step(Simulation::frame_of(owl, 40))) << "its frame was taken out"; });
 }
 
@@ -125,18 +119,15 @@ TEST(Recovery, LimitsThatNobodyCanUseAreRefusedWithALine) {
     Scan gates("smooth"), spacing("smooth");
     gates.records.track.icpDisFeature = {2.0F, 1.0F};
     spacing.records.track.disUniform = 0.0F;
-    const struct {
-        Records& records;
-        const char* reason;
-    } cases[] = {{gates.records, "icpDisFeature is not usable"},
-                 {spacing.records, "there is no feature registration for disUniform"}};
-    for (const auto& c : cases) {
-        Session session(c.records);
+    const std::pair<Records&, const char*> cases[] = {
+        {gates.records, "icpDisFeature is not usable"},
+        {spacing.records, "there is no feature registration for disUniform"}};
+    for (const auto& [records, reason] : cases) {
+        Session session(records);
         const std::string lines = printed([&] { EXPECT_EQ(set_feature_recovery(session, true), RET_STATE_ERROR); });
-        EXPECT_NE(lines.find(can_not("set_feature_recovery", c.reason)), std::string::npos) << lines;
+        EXPECT_NE(lines.find(can_not("set_feature_recovery", reason)), std::string::npos) << lines;
         EXPECT_EQ(set_feature_recovery(session, false), RET_SUCCESS);
     }
 }
 
 }  // namespace
-}  // namespace VexelAlgorithm

@@ -1,11 +1,10 @@
 // What an application chooses about the final mesh, counts, and writes down.
-#include <fstream>
-
 #include "tests/project/projectScenes.h"
 #include "tests/session/sessionScenes.h"
 
-namespace VexelAlgorithm {
 namespace {
+
+using namespace VexelAlgorithm;
 
 class ResultSettingsTest : public testing::Test {
 protected:
@@ -13,26 +12,12 @@ protected:
         for (int i = 0; i < 2; ++i) EXPECT_TRUE(session.step(scan.frame(i)));
     }
     double roughness() const { return rms_of(scan.off_surface(session.mesh().get_vCoords())); }
-    /// Mean of 1 - cos of the angle to the true normal.
-    double turn_of_normals() const {
-        const BaseTriMesh mesh = session.mesh();
-        const RigidMatrix& modelToWorld = scan.sequence.poses.front();
-        double turns = 0.0;
-        for (std::size_t i = 0; i < mesh.get_vn(); ++i) {
-            const Vector3d truth =
-                scan.sequence.scene->gradient(modelToWorld * Vector3d(mesh.get_vCoord(i).cast<double>()));
-            turns += 1.0 - modelToWorld.transform_normal(mesh.get_vNrv(i)).cast<double>().dot(truth.normalized());
-        }
-        return turns / static_cast<double>(mesh.get_vn());
-    }
-    std::vector<std::string> lines_of(RetVal (*output)(void*, const std::string&)) const {
+    double turn_of_normals() const { return scan.turn_of_normals(session.mesh()); }
+    std::vector<std::string> dumped_by(RetVal (*output)(void*, const std::string&)) const {
         const VexelTrial::TemporaryFolder folder;
         const std::string path = (folder.path() / "text").string();
         EXPECT_EQ(output(session, path), RET_SUCCESS);
-        std::ifstream in(path);
-        std::vector<std::string> lines;
-        for (std::string line; std::getline(in, line);) lines.push_back(line);
-        return lines;
+        return VexelTrial::lines_of(path);
     }
 
     Scan scan{"smooth", 160, 0.3};
@@ -83,7 +68,7 @@ TEST_F(ResultSettingsTest, CountsAndDumpsAgreeWithWhatIsThere) {
     EXPECT_EQ(get_valid_count_of_show_cloud(session), valid);
 
     const std::size_t used = ProjectLayout(project_of(session)).used;
-    const auto whole = lines_of(output_whole_tree), near = lines_of(output_tree);
+    const auto whole = dumped_by(output_whole_tree), near = dumped_by(output_tree);
     EXPECT_EQ(whole.size(), used);
     EXPECT_LT(near.size(), used);
     EXPECT_GT(near.size(), used / 4);
@@ -97,7 +82,7 @@ TEST_F(ResultSettingsTest, CountsAndDumpsAgreeWithWhatIsThere) {
 
     ASSERT_EQ(delete_selected_point(session, {1, 2, 3}), RET_SUCCESS);
     ASSERT_EQ(delete_frame_point(session, 1), RET_SUCCESS);
-    EXPECT_EQ(lines_of(output_operate_record),
+    EXPECT_EQ(dumped_by(output_operate_record),
               (std::vector<std::string>{"2 delete_selected_point 3", "2 delete_frame_point 1"}));
 }
 
@@ -119,4 +104,3 @@ TEST_F(ResultSettingsTest, BadValuesAreRefusedWithOneLine) {
 }
 
 }  // namespace
-}  // namespace VexelAlgorithm

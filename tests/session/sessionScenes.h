@@ -1,29 +1,24 @@
 // Sessions over small virtual scans, and what they print and hold.
 #pragma once
 
-#include <functional>
-#include <limits>
-#include <sstream>
-#include <string>
-
 #include "algorithmQorInclude.h"
-#include "tests/printed.h"
+#include "simulation/colorImages.h"
+#include "tests/common.h"
 #include "trials/virtualScan.h"
 
 namespace VexelAlgorithm {
 
-using VexelTest::printed;
-using VexelTrial::mean_of;
-using VexelTrial::pose_error;
-using VexelTrial::Records;
-using VexelTrial::rms_of;
+using namespace VexelTest;
+using namespace VexelTrial;
 using Scan = VexelTrial::VirtualScan;
 
-constexpr float kNaN = std::numeric_limits<float>::quiet_NaN();
-
-inline std::string can_not(const std::string& function, const std::string& reason) {
-    return "can not run function " + function + " because " + reason + "\n";
-}
+/// A scan with a colour camera.
+struct ColoredScan : Scan {
+    explicit ColoredScan(int width) : Scan("smooth", width) { Simulation::add_color_camera(sequence, records.fusion); }
+    ColorAndPoint colored(int i, const Simulation::SurfaceColor& surface = Simulation::soft_stripes) const {
+        return Simulation::colored_frame_of(sequence, i, records.fusion, surface);
+    }
+};
 
 /// A frame step with a limit of speed: what goes in, and what comes of it.
 struct LimitedStep {
@@ -35,6 +30,13 @@ struct LimitedStep {
     bool isAccepted = false;
     std::string lines = {};
 };
+
+template <class Part>
+std::string archive(const Part& part) {
+    std::ostringstream out;
+    part.write_archive(out);
+    return out.str();
+}
 
 /// Owns a handle.
 class Session {
@@ -49,9 +51,10 @@ public:
     Session& operator=(const Session&) = delete;
 
     operator void*() const { return _handle; }
-    bool step(const PointImage& frame) {
-        int microseconds = 0;
-        return fusion_and_track(_handle, frame, microseconds);
+    bool step(const PointImage& frame) { return fusion_and_track(_handle, frame, microseconds); }
+    bool step(const ColorAndPoint& frame) { return fusion_and_track(_handle, frame, microseconds, isToBeFused, 0); }
+    bool fuse(const PointImage& frame, const RigidMatrix& pose = {}) {
+        return fusion(_handle, frame, pose, microseconds);
     }
     void step(const PointImage& frame, LimitedStep& step) {
         step.lines = printed([&] {
@@ -70,17 +73,12 @@ public:
         return mesh;
     }
     /// The model to the last bit.
-    std::string mesh_bytes() const {
-        std::ostringstream out;
-        mesh().write_archive(out);
-        return out.str();
-    }
+    std::string mesh_bytes() const { return archive(mesh()); }
     /// Pose and model to the last bit.
-    std::string bytes() const {
-        std::ostringstream out;
-        get_current_rt(_handle).write_archive(out);
-        return out.str() + mesh_bytes();
-    }
+    std::string bytes() const { return archive(get_current_rt(_handle)) + mesh_bytes(); }
+
+    int microseconds = 0;  ///< of the last call
+    bool isToBeFused = true;
 
 private:
     void* _handle = nullptr;

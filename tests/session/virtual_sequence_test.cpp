@@ -1,50 +1,39 @@
 // Whole hand-held scans against the truth of the virtual world: every frame tracked, frames from elsewhere refused, the
 // bare plane found out.
-#include <cmath>
-
 #include "tests/session/sessionScenes.h"
 
-namespace VexelAlgorithm {
 namespace {
 
-/// A scan with 0.1 mm of noise and the settings that reach as far as the particles' grid: a gate that is wider than the
-/// grid's step, and enough coarse iterations to arrive from there.
+using namespace VexelAlgorithm;
+
 Scan object_scan(const char* name) {
     Scan scan(name, 160, 0.1);
-    scan.records.track.icpIterNum = 26;
-    scan.records.track.icpInterNumFixed = 12;
-    scan.records.track.icpDis = {1.0F, 15.0F};
-    scan.records.track.icpDisAvgThread = 0.3F;
+    VexelTrial::reach_far(scan.records.track);
     return scan;
 }
 
 // The bounds belong to small images: 1.6 mm from pixel to pixel, voxels of 2 mm.
 TEST(VirtualSequence, EveryFrameIsTrackedCloseToTheTruth) {
-    const struct {
-        const char* name;
-        int frames;
-        double millimetres, degrees, surface;
-    } cases[] = {{"arc", 20, 0.3, 0.05, 0.3}, {"smooth", 30, 0.3, 0.05, 0.2}, {"fast", 30, 0.3, 0.05, 0.1}};
-    for (const auto& c : cases) {
-        const Scan scan = object_scan(c.name);
+    const std::tuple<const char*, int, double, double, double> cases[] = {
+        {"arc", 20, 0.3, 0.05, 0.3}, {"smooth", 30, 0.3, 0.05, 0.2}, {"fast", 30, 0.3, 0.05, 0.1}};
+    for (const auto& [name, frames, millimetres, degrees, surface] : cases) {
+        const Scan scan = object_scan(name);
         Session session(scan.records);
         Vector2d squares = Vector2d::Zero();
-        for (int i = 0; i < c.frames; ++i) {
-            EXPECT_TRUE(session.step(scan.frame(i))) << c.name << ' ' << i;
+        for (int i = 0; i < frames; ++i) {
+            EXPECT_TRUE(session.step(scan.frame(i))) << name << ' ' << i;
             squares += pose_error(scan.sequence.pose_in_model(i), get_current_rt(session)).cwiseAbs2();
         }
-        const Vector2d rms = (squares / c.frames).cwiseSqrt();
-        EXPECT_LT(rms.x(), c.millimetres) << c.name;
-        EXPECT_LT(rms.y(), c.degrees) << c.name;
-        EXPECT_LT(rms_of(scan.off_surface(session.mesh().get_vCoords())), c.surface) << c.name;
+        const Vector2d rms = (squares / frames).cwiseSqrt();
+        EXPECT_LT(rms.x(), millimetres) << name;
+        EXPECT_LT(rms.y(), degrees) << name;
+        EXPECT_LT(rms_of(scan.off_surface(session.mesh().get_vCoords())), surface) << name;
     }
 }
 
 /// Translation (mm) and rotation about an axis of the camera (degrees).
 RigidMatrix motion(const Vector3d& translation, const Vector3d& degrees) {
-    Matrix3d rotation;
-    rodrigures(degrees * std::acos(-1.0) / 180.0, rotation);
-    return {rotation, translation};
+    return {turned(degrees * std::acos(-1.0) / 180.0), translation};
 }
 
 // The tracker's own test goes over the whole grid of what the particles reach.
@@ -94,4 +83,3 @@ TEST(VirtualSequence, TheBarePlaneIsReportedUnstableAndTheBlocksAreNot) {
 }
 
 }  // namespace
-}  // namespace VexelAlgorithm

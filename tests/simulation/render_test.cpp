@@ -1,10 +1,10 @@
-// Rendered frames, their noise, and the paths of the virtual camera.
+// Rendered frames, their noise, the paths of the virtual camera, and the hand-held scans along them.
 #include "simulation/render.h"
 
 #include <Eigen/Geometry>
-#include <cmath>
 
 #include "simulation/NoiseModel.h"
+#include "simulation/Sequence.h"
 #include "simulation/cameraPaths.h"
 #include "simulation/combinations.h"
 #include "simulation/primitives.h"
@@ -164,6 +164,59 @@ TEST(CameraPaths, EveryPoseLooksAtTheTargetWithTheWorldUpwards) {
         ASSERT_LT((pose.inverse() * target - Vector3d(0, 0, 400)).norm(), 1e-9);
         ASSERT_NEAR(pose.get_rotation()(2, 0), 0, 1e-9) << "the horizon is level";
         ASSERT_LE(pose.get_rotation()(2, 1), 1e-9) << "y points down";
+    }
+}
+
+// ---- hand-held scans -----------------------------------------------------------------------------------
+
+SequenceSettings small_images() {
+    SequenceSettings settings;
+    settings.width = 160;
+    settings.height = 128;
+    return settings;
+}
+
+TEST(Sequence, PathsAreAsFastAsDescribed) {
+    const std::tuple<const char*, double, double> cases[] = {
+        {"full_turn", 25, 3.6}, {"smooth", 7, 1.0}, {"fast", 15, 2.2}, {"past_plane", 9, 0.1}, {"still", 0.2, 0.03}};
+    for (const auto& [name, translation, rotation] : cases) {
+        const PathSpeed speed = path_speed(make_sequence(name, small_images())->poses);
+        EXPECT_NEAR(speed.meanTranslation, translation, 0.35 * translation) << name;
+        EXPECT_NEAR(speed.meanRotation, rotation, std::max(0.02, 0.35 * rotation)) << name;
+        EXPECT_TRUE(speed.largestTranslation < 3 * translation && speed.largestRotation < 10 * rotation) << name;
+    }
+}
+
+TEST(Sequence, FramesHoldWhatAScannerMeasures) {
+    for (const SequenceDescription& description : sequence_descriptions()) {
+        SequenceSettings settings = small_images();
+        const Sequence sequence = *make_sequence(description.name, settings);
+        ASSERT_EQ(sequence.frame_count(), description.frames);
+        for (const int frames : {1, 2, 11}) {
+            settings.frames = frames;
+            EXPECT_EQ(make_sequence(description.name, settings)->frame_count(), frames);
+        }
+        const PointImage frame = frame_of(sequence, 1, 1);
+        ASSERT_TRUE(frame.is_legal() && frame.is_enable_vNormal() && frame.is_enable_vWeight() &&
+                    frame.is_enable_vFlag());
+        EXPECT_EQ(std::memcmp(frame.get_vCoords().data(), frame_of(sequence, 1, 2).get_vCoords().data(),
+                              frame.get_vn() * sizeof(Vector3f)),
+                  0);
+        Sequence ideal = sequence;
+        ideal.noise.reset();
+        const PointImage truth = frame_of(ideal, 1);
+        double squares = 0.0;
+        int count = 0, steady = 0;
+        for (std::size_t slot = 0; slot < frame.get_vn(); ++slot) {
+            if (!frame.has_point(slot) || !truth.has_point(slot)) continue;
+            const double error = double{frame.get_vCoord(slot).z()} - truth.get_vCoord(slot).z();
+            squares += error * error;
+            steady += frame.get_vNrv(slot).dot(truth.get_vNrv(slot)) > std::cos(EIGEN_PI / 120) ? 1 : 0;
+            ++count;
+        }
+        EXPECT_GT(count, 0.4 * 160 * 128) << description.name;
+        EXPECT_NEAR(std::sqrt(squares / count), 0.1, 0.004) << description.name;
+        EXPECT_GT(steady, 0.8 * count) << description.name << ": normals within 1.5 degrees, edges apart";
     }
 }
 

@@ -1,8 +1,8 @@
-// Distances, gradients and ray hits of the solids, against closed forms, central differences and brute force.
+// Distances, gradients and ray hits of the solids, against closed forms, central differences and brute force; meshes
+// against the ball that one stands for.
 #include <Eigen/Geometry>
-#include <algorithm>
-#include <cmath>
 
+#include "simulation/meshShape.h"
 #include "tools.h"
 
 namespace VexelAlgorithm::Simulation {
@@ -15,12 +15,7 @@ TEST(Shape, DistanceMatchesClosedForms) {
     const ShapePtr egg = ellipsoid({0, 0, 0}, {30, 20, 10});
     const ShapePtr cone = round_cone({0, 0, 0}, 10, {0, 0, 20}, 10);
     const ShapePtr plane = half_space({0, 0, 5}, {0, 0, 3});
-    const struct {
-        const char* what;
-        ShapePtr shape;
-        Vector3d point;
-        double distance;
-    } cases[] = {
+    const std::tuple<const char*, ShapePtr, Vector3d, double> cases[] = {
         {"sphere outside", sphere({1, 1, 1}, 2), {1, 1, 6}, 3},
         {"plane above", plane, {7, -9, 8}, 3},
         {"box corner", block, {-12, -23, -36}, 7},
@@ -35,7 +30,8 @@ TEST(Shape, DistanceMatchesClosedForms) {
         {"carved away", smooth_difference(sphere({0, 0, 0}, 10), sphere({0, 0, 0}, 4), 0), {1, 0, 0}, 3},
         {"blend out of reach", smooth_union({sphere({0, 0, 0}, 10), sphere({60, 0, 0}, 10)}, 5), {12, 0, 0}, 2},
     };
-    for (const auto& c : cases) EXPECT_NEAR(c.shape->distance(c.point), c.distance, 1e-9) << c.what;
+    for (const auto& [what, shape, point, distance] : cases)
+        EXPECT_NEAR(shape->distance(point), distance, 1e-9) << what;
 }
 
 // Two perpendicular faces are joined by a quarter circle of the blend radius.
@@ -144,6 +140,60 @@ TEST(Shape, GrazingParallelAndBorderlineRays) {
     const ShapePtr blended = smooth_union({box({200, 0, -10}, {500, 50, 10}), sphere({400, 0, 0}, 20)}, 1e-3);
     EXPECT_NEAR(range(stage, {0, 0, 1e-5}, x), 380, 1e-6);
     EXPECT_NEAR(range(blended, {0, 0, 2e-3}, x), 380, 2e-3);
+}
+
+// ---- meshes ------------------------------------------------------------------------------------------
+
+struct Mesh {
+    std::vector<Vector3f> points;
+    std::vector<Vector3i> triangles;
+};
+
+/// Rings from pole to pole; neighbours have their own copies of the points along the seam, as files do.
+Mesh ball(double radius, int rings, int columns) {
+    Mesh mesh;
+    for (int ring = 0; ring <= rings; ++ring)
+        for (int column = 0; column <= columns; ++column) {
+            const double polar = EIGEN_PI * ring / rings, azimuth = 2 * EIGEN_PI * (column % columns) / columns;
+            const double flat = ring % rings == 0 ? 0.0 : std::sin(polar);
+            mesh.points.push_back(
+                Vector3d(radius * flat * std::cos(azimuth), radius * flat * std::sin(azimuth), radius * std::cos(polar))
+                    .cast<float>());
+        }
+    for (int ring = 0; ring < rings; ++ring)
+        for (int column = 0; column < columns; ++column) {
+            const int a = ring * (columns + 1) + column;
+            mesh.triangles.emplace_back(a, a + columns + 1, a + columns + 2);
+            mesh.triangles.emplace_back(a, a + columns + 2, a + 1);
+        }
+    return mesh;
+}
+
+TEST(TriangleMesh, BallIsTheBallUpToTheSagitta) {
+    constexpr double radius = 40;
+    const Mesh mesh = ball(radius, 90, 180);
+    Mesh turned = mesh;
+    for (Vector3i& triangle : turned.triangles) std::swap(triangle[0], triangle[1]);
+    const double sagitta = radius * (1 - std::cos(EIGEN_PI / 90)) + 1e-4;
+    for (const Mesh& form : {mesh, turned}) {
+        const ShapePtr shape = triangle_mesh(form.points, form.triangles);
+        const ShapePtr truth = sphere({0, 0, 0}, radius);
+        Dice dice;
+        for (int n = 0; n < 3000; ++n) {
+            const Vector3d point = dice.point(60);
+            EXPECT_NEAR(shape->distance(point), truth->distance(point), sagitta);
+            EXPECT_LE(shape->at_least(point), shape->distance(point));
+            EXPECT_GT(shape->gradient(point).dot(truth->gradient(point)), point.norm() < 10 ? -1 : 0.9);
+            // From within, no ray finds a gap; aimed at corners and edges as well.
+            const Vector3d aim = form.points[static_cast<std::size_t>(n * 5)].cast<double>();
+            const Vector3d inner = dice.point(15);
+            const Ray ray{inner, n % 2 == 0 ? dice.direction() : Vector3d((aim - inner).normalized())};
+            const std::optional<Hit> hit = shape->hit(ray), expected = truth->hit(ray);
+            ASSERT_TRUE(hit.has_value());
+            EXPECT_NEAR(hit->range, expected->range, 1.2 * sagitta);
+            EXPECT_GT(hit->normal.dot(expected->normal), 0.999);
+        }
+    }
 }
 
 }  // namespace

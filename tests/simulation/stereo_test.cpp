@@ -1,15 +1,12 @@
 // The virtual stereo scanner: geometry against rays, light and noise against the model. That its pairs and its
 // calibration fit together is seen where they are matched.
-#include <gtest/gtest.h>
-
-#include <cmath>
-
 #include "simulation/cameraPaths.h"
 #include "simulation/combinations.h"
 #include "simulation/meshShape.h"
 #include "simulation/primitives.h"
 #include "simulation/scenes.h"
 #include "simulation/stereoImages.h"
+#include "tests/common.h"
 
 namespace VexelAlgorithm::Simulation {
 namespace {
@@ -153,13 +150,12 @@ TEST(SpeckleTexture, MeansUnderFootprintsAreMeansOfPoints) {
     pattern.height = 120;
     const SpeckleTexture texture(pattern);
     const Eigen::Matrix2d point = 0.01 * Eigen::Matrix2d::Identity();
-    struct {
-        double major, minor, angle, tolerance;
-    } cases[] = {{0.6, 0.6, 0, 0.012}, {3, 3, 0, 0.005}, {4, 1, -1, 0.006}};
-    for (const auto& c : cases) {
-        const Vector2d along(std::cos(c.angle), std::sin(c.angle)), across(-along.y(), along.x());
+    const std::tuple<double, double, double, double> cases[] = {
+        {0.6, 0.6, 0, 0.012}, {3, 3, 0, 0.005}, {4, 1, -1, 0.006}};
+    for (const auto& [major, minor, angle, tolerance] : cases) {
+        const Vector2d along(std::cos(angle), std::sin(angle)), across(-along.y(), along.x());
         const Eigen::Matrix2d covariance =
-            c.major * c.major * along * along.transpose() + c.minor * c.minor * across * across.transpose();
+            major * major * along * along.transpose() + minor * minor * across * across.transpose();
         double squares = 0;
         for (int n = 0; n < 30; ++n) {
             const Vector2d centre(40 + 2.71 * n, 30 + 1.83 * n);
@@ -167,12 +163,12 @@ TEST(SpeckleTexture, MeansUnderFootprintsAreMeansOfPoints) {
             for (double u = -3; u <= 3; u += 0.125)
                 for (double v = -3; v <= 3; v += 0.125) {
                     const double weight = std::exp(-0.5 * (u * u + v * v));
-                    sum += weight * texture.mean_under(centre + c.major * u * along + c.minor * v * across, point);
+                    sum += weight * texture.mean_under(centre + major * u * along + minor * v * across, point);
                     weights += weight;
                 }
             squares += std::pow(sum / weights - texture.mean_under(centre, covariance), 2) / 30;
         }
-        EXPECT_LT(std::sqrt(squares), c.tolerance) << c.major << " x " << c.minor;
+        EXPECT_LT(std::sqrt(squares), tolerance) << major << " x " << minor;
     }
     EXPECT_NEAR(texture.mean_under({80, 60}, 400 * Eigen::Matrix2d::Identity()), 0.52, 0.05) << "half is bright";
     EXPECT_EQ(texture.mean_under({-2, 60}, point), 0.0F);

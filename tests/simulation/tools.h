@@ -1,15 +1,11 @@
 // What the tests of the virtual world share.
 #pragma once
 
-#include <gtest/gtest.h>
-
 #include <Eigen/Geometry>
-#include <random>
-#include <string>
 
 #include "simulation/combinations.h"
 #include "simulation/primitives.h"
-#include "tests/printed.h"
+#include "tests/common.h"
 
 namespace VexelAlgorithm::Simulation {
 

@@ -3,17 +3,11 @@
 #include "track/correspondence.h"
 
 #include <glog/logging.h>
-#include <hwy/targets.h>
 
-#include <algorithm>
-#include <limits>
 #include <numeric>
-#include <random>
-#include <tuple>
-#include <vector>
 
 #include "simulation/NoiseModel.h"
-#include "tests/printed.h"
+#include "tests/common.h"
 #include "tests/track/trackScenes.h"
 #include "track/FixedImage.h"
 #include "track/MovingPoints.h"
@@ -27,8 +21,6 @@ using namespace VexelAlgorithm;
 using namespace VexelAlgorithm::Track;
 using namespace VexelTest;
 
-constexpr float NaN = std::numeric_limits<float>::quiet_NaN();
-constexpr float Infinity = std::numeric_limits<float>::infinity();
 const RigidMatrix Near = motion({0.01, -0.008, 0.015}, {0.8, -0.5, 1.1});
 
 struct Pair {
@@ -74,14 +66,14 @@ Pair spoilt_pair(const Vector2f& viewRadial, std::uint32_t seed) {
     std::mt19937 random(seed);
     for (PointImage& image : images) {
         EXPECT_TRUE(Simulation::apply_noise(image, noise, seed));
-        const float values[] = {NaN, Infinity, -Infinity, 1e30F, -1e-6F, 0.0F, 1e-7F};
+        const float values[] = {kNaN, kInfinity, -kInfinity, 1e30F, -1e-6F, 0.0F, 1e-7F};
         for (int i = 0; i < 400; ++i) {
             const std::size_t slot = random() % image.get_vn();
             Vector3f point = image.get_vCoord(slot), normal = image.get_vNrv(slot);
             (i % 2 == 0 ? point : normal)[static_cast<int>(random() % 3)] = values[random() % 7];
             image.set_vCoord(slot, point);
             image.set_vNrv(slot, normal);
-            if (i % 5 == 0) image.set_vWeight(slot, i % 2 == 0 ? NaN : 0.0F);
+            if (i % 5 == 0) image.set_vWeight(slot, i % 2 == 0 ? kNaN : 0.0F);
         }
     }
     return {images[0], images[1]};
@@ -108,11 +100,10 @@ void compare_with_plain(const CorrespondenceKernels& best, const std::vector<Pai
                 NormalEquations sums[2];
                 plain.accumulate(alignment, found.arrays(), found.result.found, 1.0F, sums[0]);
                 best.accumulate(alignment, found.arrays(), found.result.found, 1.0F, sums[1]);
-                for (int term = 0; term < NormalEquations::Terms; ++term) {
+                for (int term = 0; term < NormalEquations::Terms; ++term)
                     EXPECT_NEAR(sums[1].terms[term], sums[0].terms[term], 1e-12 * sums[0].JTJ().norm()) << term;
-                }
-                for (const ResidualRule& rule : {ResidualRule{5, 6.0F, Infinity}, ResidualRule{0, Infinity, 1.0F},
-                                                 ResidualRule{0, Infinity, Infinity}}) {
+                for (const ResidualRule& rule : {ResidualRule{5, 6.0F, kInfinity}, ResidualRule{0, kInfinity, 1.0F},
+                                                 ResidualRule{0, kInfinity, kInfinity}}) {
                     const ResidualSum one = plain.residual(alignment, range, rule, 1e9);
                     const ResidualSum other = best.residual(alignment, range, rule, 1e9);
                     EXPECT_EQ(other.count, one.count);
@@ -126,9 +117,8 @@ void compare_with_plain(const CorrespondenceKernels& best, const std::vector<Pai
 // Every instruction set that this processor has, not the widest alone.
 TEST(CorrespondenceKernels, VectorFormsGiveWhatThePlainOneGives) {
     std::vector<Pair> pairs;
-    for (const Vector2f& radial : {Vector2f(0, 0), Vector2f(0.5F, -0.25F), Vector2f(30, 12), Vector2f(-1e9F, 1e9F)}) {
+    for (const Vector2f& radial : {Vector2f(0, 0), Vector2f(0.5F, -0.25F), Vector2f(30, 12), Vector2f(-1e9F, 1e9F)})
         pairs.push_back(spoilt_pair(radial, 7));
-    }
     const Pair& shifted = pairs[2];  // exercises both modes, drop-outs and the edge of the map
     const EntryRange all{0, shifted.moving.count(), 1};
     const Found found = find_all(plain_correspondence_kernels(), shifted.aligned(Near), all, 2.0F);
@@ -137,15 +127,7 @@ TEST(CorrespondenceKernels, VectorFormsGiveWhatThePlainOneGives) {
     EXPECT_GT(static_cast<std::ptrdiff_t>(found.result.found) - inBlock, 100);
     EXPECT_GT(found.result.outOfMap, 100U);
 
-    for (auto rest = hwy::SupportedTargets(); rest != 0; rest &= rest - 1) {
-        const auto target = rest & -rest;
-        SCOPED_TRACE(hwy::TargetName(target));
-        hwy::SetSupportedTargetsForTest(target);
-        hwy::GetChosenTarget().Update(hwy::SupportedTargets());
-        compare_with_plain(best_correspondence_kernels(), pairs);
-    }
-    hwy::SetSupportedTargetsForTest(0);
-    hwy::GetChosenTarget().Update(hwy::SupportedTargets());
+    with_every_instruction_set([&] { compare_with_plain(best_correspondence_kernels(), pairs); });
 }
 
 // ---- the step ---------------------------------------------------------------------------------------
@@ -184,7 +166,7 @@ TEST(NormalEquations, HoldWhatIsNotDetermined) {
 
     const RigidMatrix before = pose;
     EXPECT_TRUE(step_pose(NormalEquations(), centre, pose));  // nothing known, nothing moved
-    flat.terms[4] = NaN;
+    flat.terms[4] = kNaN;
     EXPECT_FALSE(step_pose(flat, centre, pose));
     EXPECT_TRUE(std::isnan(smallest_eigenvalue(flat.JTJ())));
     EXPECT_LT(distance_between(pose, before, {80, 10, 450}), 1e-9);
@@ -216,8 +198,8 @@ TEST(DistanceRank, FindsTheElementAndTheMeanOfASortedCopy) {
 
 TEST(DistanceRank, RankOfAShareIsAlwaysThere) {
     const std::tuple<std::size_t, float, std::size_t> cases[] = {
-        {100, 0.9F, 90}, {10, 1.0F, 9},      {10, -1.0F, 0}, {10, NaN, 9},   {10, Infinity, 9},
-        {1, 0.5F, 0},    {10, -Infinity, 0}, {3, 0.34F, 1},  {10, 1e30F, 9}, {20000001, 1.0F, 20000000}};
+        {100, 0.9F, 90}, {10, 1.0F, 9},       {10, -1.0F, 0}, {10, kNaN, 9},  {10, kInfinity, 9},
+        {1, 0.5F, 0},    {10, -kInfinity, 0}, {3, 0.34F, 1},  {10, 1e30F, 9}, {20000001, 1.0F, 20000000}};
     for (const auto& [count, share, rank] : cases)
         EXPECT_EQ(rank_of_share(count, share), rank) << count << ' ' << share;
 }

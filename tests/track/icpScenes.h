@@ -1,17 +1,11 @@
 // Frames and settings for projective ICP.
 #pragma once
 
-#include <limits>
-#include <string>
-
-#include "tests/printed.h"
+#include "tests/common.h"
 #include "tests/track/trackScenes.h"
 #include "track/IcpBaseOnCam.h"
 
 namespace VexelTest {
-
-constexpr float kNaN = std::numeric_limits<float>::quiet_NaN();
-constexpr float kInfinity = std::numeric_limits<float>::infinity();
 
 const RigidMatrix kSmallMotion = motion({0.01, -0.008, 0.015}, {0.8, -0.5, 1.1});
 

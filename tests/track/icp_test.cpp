@@ -1,8 +1,5 @@
 // Projective ICP against the truth of the virtual world.
 #include <filesystem>
-#include <fstream>
-#include <string>
-#include <tuple>
 
 #include "simulation/NoiseModel.h"
 #include "tests/track/icpScenes.h"

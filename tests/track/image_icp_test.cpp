@@ -1,10 +1,8 @@
 // Registration of images of marks and outlines against the motions that they were drawn with, the steps against plain
 // twins, and images, sizes and settings that cannot be used.
-#include <limits>
 #include <memory>
-#include <random>
 
-#include "tests/printed.h"
+#include "tests/common.h"
 #include "track/IcpOnImage.h"
 #include "trials/markImages.h"
 
@@ -15,17 +13,12 @@ using namespace VexelTest;
 using namespace VexelTrial;
 
 constexpr int kLowest = std::numeric_limits<int>::min(), kHighest = std::numeric_limits<int>::max();
-constexpr float kNaN = std::numeric_limits<float>::quiet_NaN();
-constexpr float kInfinity = std::numeric_limits<float>::infinity();
 constexpr float kAnyError = 1e6F;  // pixels^2
 const Vector2i kSmall(60, 40);
 const Vector2d kHalfPixel(0.5, 0.5);
 
-struct Motion {
-    double degrees;
-    Vector2d shift;
-};
-const Motion kMotions[] = {{1.0, {0, 0}}, {-1.1, {3, -2}}, {1.37, {-4, 1}}, {-1.6, {2.5, 2.5}}, {2.0, {-1, -3}}};
+const std::pair<double, Vector2d> kMotions[] = {
+    {1.0, {0, 0}}, {-1.1, {3, -2}}, {1.37, {-4, 1}}, {-1.6, {2.5, 2.5}}, {2.0, {-1, -3}}};
 
 /// Zero where the result is rejected.
 RigidMatrix2D registered(IcpOnImage&& icp, const MarkImage& fixed, const MarkImage& moving) {
@@ -39,15 +32,15 @@ RigidMatrix2D registered(IcpOnImage&& icp, const MarkImage& fixed, const MarkIma
 TEST(ImageIcp, FindsTheMotionOfMarksAndOfOutlines) {
     const Vector2i large(1280, 1024), size(640, 480);
     unsigned seed = 1;
-    for (const Motion& m : kMotions) {
-        SCOPED_TRACE(m.degrees);
-        const ImagePair dots = draw_dots(large, 65, motion_about_middle(large, m.degrees, m.shift), seed);
+    for (const auto& [degrees, shift] : kMotions) {
+        SCOPED_TRACE(degrees);
+        const ImagePair dots = draw_dots(large, 65, motion_about_middle(large, degrees, shift), seed);
         const RigidMatrix2D ofDots = registered({20, 10, {65, 33}, kAnyError, large, ""}, dots.fixed, dots.moving);
         const PlanarError errorOfDots = error_of(ofDots, dots.movingToFixed, large);
         EXPECT_LT(errorOfDots.pixels, 0.1);
         EXPECT_LT(errorOfDots.degrees, 0.05);
 
-        const ImagePair lines = draw_outlines(size, motion_about_middle(size, m.degrees, m.shift), seed++);
+        const ImagePair lines = draw_outlines(size, motion_about_middle(size, degrees, shift), seed++);
         RigidMatrix2D ofLines = registered({40, 20, {41, 21}, kAnyError, size, ""}, lines.fixed, lines.moving);
         ofLines.translation -= ofLines.rotation * kHalfPixel;
         const PlanarError errorOfLines = error_of(ofLines, lines.movingToFixed, size);
@@ -74,7 +67,7 @@ void plain_find(const MarkImage& fixed, const std::vector<Vector2f>& points, int
         const Vector2f p = (pose * points[i].cast<double>()).cast<float>();
         float best = 1e6F;
         Vector4f pair;
-        for (int r = static_cast<int>(p.y()) - h; r <= static_cast<int>(p.y()) + h; ++r) {
+        for (int r = static_cast<int>(p.y()) - h; r <= static_cast<int>(p.y()) + h; ++r)
             for (int c = static_cast<int>(p.x()) - h; c <= static_cast<int>(p.x()) + h; ++c) {
                 if (c < 0 || r < 0 || c >= fixed.size.x() || r >= fixed.size.y()) continue;
                 if (fixed.pixels[static_cast<std::size_t>(r * fixed.size.x() + c)] == 0) continue;
@@ -82,7 +75,6 @@ void plain_find(const MarkImage& fixed, const std::vector<Vector2f>& points, int
                 const float squared = (centre - p).squaredNorm();
                 if (squared < best) best = squared, pair = {centre.x(), centre.y(), p.x(), p.y()};
             }
-        }
         if (1e6F - best > 1e-6F) pairs.push_back(pair), distances.push_back(best);
     }
 }
@@ -104,7 +96,7 @@ TEST(ImageIcp, TheSearchGivesWhatEveryPixelOfTheWindowGives) {
             for (auto& p : moving.pixels) p = random() % 3 == 0;
             std::vector<Vector2f> points;
             icp.compact_move_image(moving.pixels.data(), points, size);
-            for (const int window : {-3, 0, 1, 2, 5, 40, 300}) {
+            for (const int window : {-3, 0, 1, 2, 5, 40, 300})
                 for (const RigidMatrix2D& pose : poses) {
                     std::vector<Vector4f> pairs, plainPairs;
                     std::vector<float> distances, plainDistances;
@@ -114,7 +106,6 @@ TEST(ImageIcp, TheSearchGivesWhatEveryPixelOfTheWindowGives) {
                     ASSERT_EQ(pairs, plainPairs) << size.x() << ' ' << density << ' ' << window;
                     ASSERT_EQ(distances, plainDistances);
                 }
-            }
         }
     }
 }

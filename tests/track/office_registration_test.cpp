@@ -1,33 +1,17 @@
 // Consecutive frames of a real recording, registered to each other.
-#include <gtest/gtest.h>
-
-#include <algorithm>
-#include <cmath>
 #include <cstdlib>
 #include <filesystem>
-#include <utility>
-#include <vector>
 
 #include "recording/Recording.h"
 #include "recording/pointImageFromDepth.h"
 #include "recording/selectFrames.h"
+#include "recording/trajectoryEvaluation.h"
+#include "tests/common.h"
 #include "track/IcpBaseOnCam.h"
 
 namespace {
 
 using namespace VexelAlgorithm;
-
-double rms_distance(const PointImage& frame, const RigidMatrix& one, const RigidMatrix& other) {
-    double sum = 0.0;
-    int count = 0;
-    for (std::size_t i = 0; i < frame.get_vn(); i += 7) {
-        if (!frame.has_point(i)) continue;
-        const Vector3d point = frame.get_vCoord(i).cast<double>();
-        sum += (one * point - other * point).squaredNorm();
-        ++count;
-    }
-    return std::sqrt(sum / count);
-}
 
 // The given poses themselves are good to some 1.5 mm a step.
 TEST(OfficeRegistration, ConsecutiveFramesAgreeWithTheGivenPoses) {
@@ -51,7 +35,7 @@ TEST(OfficeRegistration, ConsecutiveFramesAgreeWithTheGivenPoses) {
         ASSERT_EQ(icp.realTimeIcp(fixed, moving, movingToFixed, {}, 0, false), RET_SUCCESS) << i;
         EXPECT_TRUE(icp.get_isStable_icp());
         const RigidMatrix given = frames[i].cameraToWorld->inverse() * *frames[i + 1].cameraToWorld;
-        errors.push_back(rms_distance(moving, movingToFixed, given));
+        errors.push_back(rms_point_distance(point_moments(moving), movingToFixed, given));
     }
     std::sort(errors.begin(), errors.end());
     RecordProperty("median_um", static_cast<int>(1000.0 * errors[errors.size() / 2]));

@@ -1,12 +1,7 @@
 // The particle tracker: its start poses, its choices, what a score means, and poses found again in the virtual world.
-#include <cmath>
 #include <filesystem>
-#include <limits>
-#include <tuple>
-#include <utility>
-#include <vector>
 
-#include "tests/printed.h"
+#include "tests/common.h"
 #include "tests/track/trackScenes.h"
 #include "track/ParticleTrack.h"
 #include "trials/TemporaryFolder.h"
@@ -17,8 +12,6 @@ namespace {
 using namespace VexelTest;
 using namespace VexelTrial;
 
-constexpr float kNaN = std::numeric_limits<float>::quiet_NaN();
-constexpr float kInfinity = std::numeric_limits<float>::infinity();
 constexpr float kFailed = ParticleTrack::FailedResidual;
 constexpr double kFifteenDegrees = 0.2617994;
 constexpr double kTwoDegrees = 0.0349066;
@@ -216,11 +209,9 @@ TEST(ParticleTracking, JumpsOverTheGridAndTurnsAboutTheViewingAxisAreFound) {
         jumps.push_back(motion({0, 0, turn}, {x, y, 0}) * rest);
     };
     for (int n = 0; n < 25; ++n) add(0, 10 * (n / 5 - 2), 10 * (n % 5 - 2));
-    for (const double turn : {-kFifteenDegrees, kFifteenDegrees}) {
-        for (const double x : {-6.0, 0.0, 10.0}) {
+    for (const double turn : {-kFifteenDegrees, kFifteenDegrees})
+        for (const double x : {-6.0, 0.0, 10.0})
             for (const double y : {-10.0, 0.0, 6.0}) add(turn, x, y);
-        }
-    }
     const PointImage fixed = desk_view(RigidMatrix());
     ParticleTrack tracker = usual_tracker(2);
     for (const RigidMatrix& jump : jumps) {
@@ -263,17 +254,6 @@ TEST(ParticleTracking, ResultDependsNeitherOnThreadsNorOnEarlierCalls) {
     second.set_vector_steps(nullptr);
     ASSERT_EQ(second.partical_track(fixed, moving, b, 0, nullptr), RET_SUCCESS);
     EXPECT_LT(distance_between(a, b, kDeskCentre), 1e-3) << "the plain steps give the same but for rounding";
-}
-
-// A step of 0 makes 25 equal particles, and those at the cut are all dropped.
-TEST(ParticleTracking, AllParticlesEqualEndTheSearch) {
-    const PointImage view = desk_view(RigidMatrix(), 80);
-    ParticleTrack tracker = usual_tracker(2);
-    tracker.reset_particleSize(0.0F);
-    RigidMatrix result(Matrix3d::Identity(), {9, 9, 9});
-    EXPECT_EQ(printed([&] { EXPECT_EQ(tracker.partical_track(view, view, result, 0, nullptr), RET_RUN_FAIL); }),
-              "partical filter fail\n");
-    EXPECT_EQ(result.get_translation(), Vector3d(0, 0, 0));
 }
 
 TEST(ParticleDebug, FilesAndLinesOnlyWithSwitchAndFrame) {

@@ -1,9 +1,6 @@
 // Every way for the ICP to end, and what images, poses and settings that it and the particle tracker cannot use lead
 // to: the code, its line, nothing changed, and the object goes on working.
-#include <array>
 #include <cstdio>
-#include <functional>
-#include <vector>
 
 #include "foundation/diagnostics.h"
 #include "tests/track/icpScenes.h"
@@ -88,9 +85,8 @@ std::vector<Ending> endings() {
                                    "!cloudMove.is_enable_vWeight()\n");
     const auto few = ending(IcpEnd::TooFewValid, RET_NOT_CONVERGED, "icp False , vaildCorrNum too small \n");
     const Change onlyBorder = [](Attempt& a) {
-        for (std::size_t i = 0; i < a.moving.get_vn(); ++i) {
+        for (std::size_t i = 0; i < a.moving.get_vn(); ++i)
             if (i % 100 >= 4) a.moving.set_slot_empty(i);
-        }
     };
     const Change moreThanSlots = [](Attempt& a) { a.fixed.resize_vn(7501); };
     const Vector3f zero = Vector3f::Zero(), one(0, 0, 1), huge = Vector3f::Constant(3e38F);
@@ -202,11 +198,7 @@ TEST(RegistrationInput, EveryEndHasItsCodeItsLineAndItsResult) {
 
 TEST(RegistrationInput, SettingsOfTheIcp) {
     const Vector2f nan = Vector2f::Constant(kNaN);
-    const struct {
-        const char* name;
-        std::function<void(IcpSettings&)> change;
-        RetVal code;
-    } cases[] = {
+    const std::tuple<const char*, std::function<void(IcpSettings&)>, RetVal> cases[] = {
         {"negative iterations", [](auto& s) { s.iterNum = kLowest, s.iterNumFixed = kHighest; }, RET_INI_ERROR},
         {"no fine iteration", [](auto& s) { s.iterNumFixed = s.iterNum; }, RET_INI_ERROR},
         {"any number of iterations", [](auto& s) { s.iterNum = kHighest; }, RET_SUCCESS},
@@ -219,13 +211,13 @@ TEST(RegistrationInput, SettingsOfTheIcp) {
         {"NaN ratio", [=](auto& s) { s.corrRatio = nan; }, RET_SUCCESS},
     };
     const Attempt usual = usual_attempt();
-    for (const auto& c : cases) {
+    for (const auto& [name, change, code] : cases) {
         IcpSettings settings;
         settings.threads = -7;
-        c.change(settings);
+        change(settings);
         IcpBaseOnCam icp = settings.icp();
-        EXPECT_EQ(icp.get_inisucc(), c.code != RET_INI_ERROR) << c.name;
-        EXPECT_EQ(run(icp, usual.fixed, usual.moving).code, c.code) << c.name;
+        EXPECT_EQ(icp.get_inisucc(), code != RET_INI_ERROR) << name;
+        EXPECT_EQ(run(icp, usual.fixed, usual.moving).code, code) << name;
     }
 }
 

@@ -1,14 +1,13 @@
 // Frames of the virtual world for registration.
 #pragma once
 
-#include <algorithm>
-
 #include "foundation/PointImage.h"
 #include "simulation/cameraPaths.h"
 #include "simulation/combinations.h"
 #include "simulation/primitives.h"
 #include "simulation/render.h"
 #include "simulation/scenes.h"
+#include "tests/common.h"
 
 namespace VexelTest {
 
@@ -32,12 +31,7 @@ inline RigidMatrix front_view() {
 }
 
 inline RigidMatrix motion(const Vector3d& axisAngle, const Vector3d& translation) {
-    RigidMatrix result;
-    Matrix3d rotation;
-    rodrigures(axisAngle, rotation);
-    result.set_rotation(rotation);
-    result.set_translation(translation);
-    return result;
+    return {turned(axisAngle), translation};
 }
 
 /// How far (mm) the two poses move the point apart.

@@ -1,4 +1,5 @@
 // What an application does with the installed package: one header, one target. Fuses views of a sphere into a mesh.
+// Built by tests/consumer, outside of this project.
 #include <algorithmQorInclude.h>
 
 #include <cmath>

@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "SpeckleRebCPU/ParallaxField.h"
+#include "SpeckleRebCPU/windowPairs.h"
 #include "foundation/parallel.h"
 
 namespace VexelAlgorithm {
@@ -59,27 +60,11 @@ std::optional<Comparison> compare(const GrowTask& task, int x, int y, const Plan
     const float centre = static_cast<float>(x) + plane.parallax;
     if (x < rx || y < ry || x >= task.left.width() - rx || y >= task.left.height() - ry) return std::nullopt;
     if (!(centre - reach >= 0.0F) || !(centre + reach < static_cast<float>(task.left.width() - 1))) return std::nullopt;
-    float f = 0, g = 0, d = 0, ff = 0, gg = 0, fg = 0, dd = 0, df = 0, dg = 0;
-    for (int dy = -ry; dy <= ry; ++dy) {
-        const std::uint8_t* left = task.left.row(y + dy) + x;
-        const std::uint8_t* right = task.right.row(y + dy);
-        const float start = centre + plane.slopeY * static_cast<float>(dy);
-        for (int dx = -rx; dx <= rx; ++dx) {
-            const float position = start + (1.0F + plane.slopeX) * static_cast<float>(dx);
-            const int column = static_cast<int>(position);
-            const float before = right[column];
-            const float slope = static_cast<float>(right[column + 1]) - before;
-            const float value = before + slope * (position - static_cast<float>(column)) - 128.0F;
-            const float own = static_cast<float>(left[dx]) - 128.0F;
-            f += own, g += value, d += slope;
-            ff += own * own, gg += value * value, fg += own * value;
-            dd += slope * slope, df += slope * own, dg += slope * value;
-        }
-    }
-    const auto n = static_cast<float>(task.windowWidth * task.windowHeight);
-    ff -= f * f / n, gg -= g * g / n, fg -= f * g / n, dd -= d * d / n, df -= d * f / n, dg -= d * g / n;
-    if (!(ff > 1.0F) || !(gg > 1.0F) || !(dd > 1.0F)) return std::nullopt;
-    return Comparison{fg / std::sqrt(ff * gg), (std::sqrt(gg / ff) * df - dg) / dd};
+    const WindowTask window{task.left, task.right, nullptr, nullptr, task.windowWidth, task.windowHeight};
+    const PairCovariances c(sum_pairs(window, {x, y, plane.parallax, plane.slopeX, plane.slopeY}, true));
+    if (!(c.ff > 1.0) || !(c.gg > 1.0) || !(c.dd > 1.0)) return std::nullopt;
+    return Comparison{static_cast<float>(c.correlation()),
+                      static_cast<float>((std::sqrt(c.gg / c.ff) * c.fd - c.gd) / c.dd)};
 }
 
 struct Match {

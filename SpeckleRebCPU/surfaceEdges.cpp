@@ -6,6 +6,7 @@
 #include <optional>
 #include <vector>
 
+#include "SpeckleRebCPU/windowPairs.h"
 #include "foundation/parallel.h"
 
 namespace VexelAlgorithm {
@@ -49,7 +50,11 @@ constexpr std::array<Offset, 16> PROPOSERS{{{-1, 0},
 class EdgeRound {
 public:
     EdgeRound(const EdgeTask& task, const EdgeSearch& search, const ParallaxField& field)
-        : _task(task), _search(search), _field(field), _sample(static_cast<float>(task.sample)) {}
+        : _task(task),
+          _search(search),
+          _field(field),
+          _window{task.left, task.right, &task.leftCover, &task.rightCover, search.window, search.window},
+          _sample(static_cast<float>(task.sample)) {}
 
     /// The slots for which facets shall compete.
     std::vector<std::size_t> open_slots() const {
@@ -119,38 +124,21 @@ private:
         return {_field.parallax.at(x, y) + _sample * (a * static_cast<float>(dx) + b * static_cast<float>(dy)), a, b};
     }
 
-    /// Correlation of the window around the slot under the facet, interpolated linearly; none when less than half of it
-    /// can be compared or either side is even.
+    /// Correlation of the window around the slot under the facet; none when less than half of it can be compared or
+    /// either side is even.
     std::optional<float> score_of(int slotX, int slotY, const Facet& facet) const {
-        const int x = slotX * _task.sample, y = slotY * _task.sample, r = _search.window / 2;
-        const int width = _task.left.width();
-        float n = 0, f = 0, g = 0, ff = 0, gg = 0, fg = 0;
-        for (int dy = std::max(-r, -y); dy <= std::min(r, _task.left.height() - 1 - y); ++dy) {
-            const std::uint8_t* left = _task.left.row(y + dy) + x;
-            const std::uint8_t* leftCover = _task.leftCover.row(y + dy) + x;
-            const std::uint8_t* right = _task.right.row(y + dy);
-            const std::uint8_t* rightCover = _task.rightCover.row(y + dy);
-            const float start = static_cast<float>(x) + facet.parallax + facet.slopeY * static_cast<float>(dy);
-            for (int dx = std::max(-r, -x); dx <= std::min(r, width - 1 - x); ++dx) {
-                const float position = start + (1.0F + facet.slopeX) * static_cast<float>(dx);
-                if (!(position >= 0.0F) || !(position < static_cast<float>(width - 1))) continue;
-                const int column = static_cast<int>(position);
-                if (leftCover[dx] == 0 || rightCover[column] == 0 || rightCover[column + 1] == 0) continue;
-                const float before = right[column], after = right[column + 1];
-                const float value = before + (after - before) * (position - static_cast<float>(column)) - 128.0F;
-                const float own = static_cast<float>(left[dx]) - 128.0F;
-                n += 1, f += own, g += value, ff += own * own, gg += value * value, fg += own * value;
-            }
-        }
-        if (2.0F * n < static_cast<float>(_search.window * _search.window)) return std::nullopt;
-        ff -= f * f / n, gg -= g * g / n, fg -= f * g / n;
-        if (!(ff > n) || !(gg > n)) return std::nullopt;
-        return fg / std::sqrt(ff * gg);
+        const PairSums sums = sum_pairs(
+            _window, {slotX * _task.sample, slotY * _task.sample, facet.parallax, facet.slopeX, facet.slopeY}, false);
+        if (2 * sums.count < _window.width * _window.height) return std::nullopt;
+        const PairCovariances covariances(sums);
+        if (!(covariances.ff > sums.count) || !(covariances.gg > sums.count)) return std::nullopt;
+        return static_cast<float>(covariances.correlation());
     }
 
     const EdgeTask& _task;
     const EdgeSearch& _search;
     const ParallaxField& _field;
+    const WindowTask _window;
     const float _sample;
 };
 

@@ -5,6 +5,7 @@
 #include "SpeckleRebCPU/pyramid.h"
 #include "SpeckleRebCPU/surfaceEdges.h"
 #include "SpeckleRebCPU/verifyMatch.h"
+#include "SpeckleRebCPU/windowPairs.h"
 #include "tests/common.h"
 #include "tests/reconstruction/plainStages.h"
 
@@ -235,6 +236,36 @@ TEST(MatchingStages, SubPixelStepsAreThoseOfSingleWindows) {
         }
         EXPECT_GT(compared, step.width() * step.height() / 3);
     }
+}
+
+TEST(MatchingStages, SumsOverPairsAreThoseOfTheirDefinition) {
+    const GreyImage left = noise_image(41, 23, 51), right = noise_image(41, 23, 52);
+    const Mask leftCover = random_mask(41, 23, 53, 90), rightCover = random_mask(41, 23, 54, 95);
+    const WindowTask task{left, right, &leftCover, &rightCover, 13, 7};
+    for (int y = 0; y < 23; y += 2)
+        for (int x = 0; x < 41; ++x) {
+            const WindowFacet facet{x, y, 0.3719F * static_cast<float>(x % 7) - 1.0031F, 0.2137F, -0.1319F};
+            double n = 0, f = 0, g = 0, d = 0, fg = 0, gd = 0;
+            for (int v = std::max(0, y - 3); v <= std::min(22, y + 3); ++v)
+                for (int u = std::max(0, x - 6); u <= std::min(40, x + 6); ++u) {
+                    const double position = u + facet.parallax + facet.slopeX * (u - x) + facet.slopeY * (v - y);
+                    const int c = static_cast<int>(position);
+                    if (position < 0 || position >= 40 || leftCover.at(u, v) == 0 || rightCover.at(c, v) == 0 ||
+                        rightCover.at(c + 1, v) == 0)
+                        continue;
+                    const double own = 4.0 * (left.at(u, v) - 128), slope = right.at(c + 1, v) - right.at(c, v);
+                    const double other = 4.0 * (right.at(c, v) - 128 + (position - c) * slope);
+                    n += 1, f += own, g += other, d += slope, fg += own * other, gd += other * slope;
+                }
+            const PairSums sums = sum_pairs(task, facet, true), grey = sum_pairs(task, facet, false);
+            ASSERT_NEAR(sums.count, n, 0);
+            ASSERT_NEAR(sums.f, f, 0);
+            ASSERT_NEAR(sums.g, g, 0.5 * n + 0.1);  // rounded
+            ASSERT_NEAR(sums.d, d, 0);
+            ASSERT_NEAR(sums.fg, fg, 260 * n);
+            ASSERT_NEAR(sums.gd, gd, 130 * n);
+            ASSERT_TRUE(grey.count == sums.count && grey.gg == sums.gg && grey.fg == sums.fg && grey.ff == sums.ff);
+        }
 }
 
 TEST(MatchingStages, MatchesGrowOverASlantAndStopAtItsEnds) {

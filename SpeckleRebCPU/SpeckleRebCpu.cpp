@@ -69,8 +69,9 @@ constexpr int RETURN_TOLERANCE = 2;
 constexpr float LEAST_MEDIAN_LOSS = 0.005F;
 constexpr float LARGEST_LOSS = 8.5F;
 constexpr float DOUBTFUL_LOSS = 4.0F;
-constexpr float EDGE_LOSS = 4.0F;
+constexpr float EDGE_LOSS = 1.5F;
 constexpr float LARGEST_DISAGREEMENT = 0.4F;  // pixels a slot
+constexpr float EDGE_DISAGREEMENT = 0.2F;
 constexpr int CELL_SIZE = 16;
 constexpr int EDGE_TRIM = 4;             // pixels
 constexpr float LEAST_EDGE_STEP = 3.0F;  // grey values
@@ -439,9 +440,9 @@ void SpeckleRebCpu::remove_noise(const StageNames& names) {
     right_to_left_to_vertify_match(task, RETURN_RADIUS, RETURN_TOLERANCE, _threads, field);
     trim_edges(edge_task(), (EDGE_TRIM + sample - 1) / sample, LEAST_EDGE_STEP, _threads, field);
     const float loss = std::max(1.0F - _medianScore, LEAST_MEDIAN_LOSS);
-    remove_doubtful(
-        {1.0F - LARGEST_LOSS * loss, 1.0F - DOUBTFUL_LOSS * loss, LARGEST_DISAGREEMENT, 1.0F - EDGE_LOSS * loss},
-        sample, _threads, field);
+    remove_doubtful({1.0F - LARGEST_LOSS * loss, 1.0F - DOUBTFUL_LOSS * loss, LARGEST_DISAGREEMENT,
+                     1.0F - EDGE_LOSS * loss, EDGE_DISAGREEMENT},
+                    sample, _threads, field);
     dump("after right_to_left_to_vertify_match");
 
     remove_cell_outliers(CELL_SIZE, 8.0F, 2.0F, CELL_SIZE * CELL_SIZE / 16, _threads, field);

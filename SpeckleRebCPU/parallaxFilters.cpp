@@ -282,7 +282,7 @@ void remove_doubtful(const DoubtLimits& limits, int sample, int threads, Paralla
     clear_marked(threads, field, [&](int y, std::uint8_t* wrong) {
         for (int x = 0; x < field.parallax.width(); ++x)
             wrong[x] = has_parallax(field.parallax.at(x, y)) && field.score.at(x, y) < limits.smallestEdgeScore &&
-                               is_at_gap(field, x, y)
+                               is_at_gap(field, x, y) && is_disputed(field, x, y, limits.edgeDisagreement, sample)
                            ? 1
                            : 0;
     });

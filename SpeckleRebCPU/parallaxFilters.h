@@ -27,10 +27,12 @@ struct DoubtLimits {
     float smallestScore;        ///< below it a slot is removed
     float doubtfulScore;        ///< below it a slot is removed where the slots around it disagree
     float largestDisagreement;  ///< pixels for every slot of distance
-    float smallestEdgeScore;    ///< below it a slot is removed that is then beside an empty one
+    float smallestEdgeScore;  ///< below it a slot that is then beside an empty one is removed where others disagree ...
+    float edgeDisagreement;   ///< ... by more than so many pixels for every slot of distance
 };
 /// Removes slots whose windows correlated badly, as they do where they see two surfaces or more of one than a facet can
-/// follow, and most of all at gaps, where only a part of the window is left. Slots disagree when the facet of one that
+/// follow, and most of all at gaps, where only a part of the window is left. Badly correlated slots that go on where
+/// their neighbours' facets lead stay. Slots disagree when the facet of one that
 /// is one or two slots away in the row or column misses the parallax by more than the limit.
 void remove_doubtful(const DoubtLimits& limits, int sample, int threads, ParallaxField& field);
 

@@ -498,8 +498,9 @@ TEST(MatchingStages, FiltersRemoveWhatIsWrongAndNothingElse) {
     const struct {
         int x, y;
         float score, off;
-    } doubts[] = {{5, 5, 0.91F, 0},      {10, 5, 0.95F, 0},     {15, 5, 0.95F, 0.6F}, {20, 5, 0.97F, 0.6F},
-                  {10, 20, 0.95F, 0.6F}, {20, 20, 0.95F, 1.1F}, {40, 5, 0.93F, 0},    {40, 20, 0.93F, 0}};
+    } doubts[] = {{5, 5, 0.91F, 0},     {10, 5, 0.95F, 0},     {15, 5, 0.95F, 0.6F},
+                  {20, 5, 0.97F, 0.6F}, {10, 20, 0.95F, 0.6F}, {20, 20, 0.95F, 1.1F},
+                  {40, 5, 0.93F, 0},    {40, 20, 0.93F, 0.4F}, {50, 20, 0.93F, 0}};
     for (const auto& d : doubts) {
         doubtful.score.at(d.x, d.y) = d.score;
         doubtful.parallax.at(d.x, d.y) += d.off;
@@ -507,7 +508,7 @@ TEST(MatchingStages, FiltersRemoveWhatIsWrongAndNothingElse) {
             for (const auto& [dx, dy] : {std::pair(1, 0), {-1, 0}, {0, 1}, {0, -1}})
                 doubtful.parallax.at(d.x + dx, d.y + dy) = NO_PARALLAX;
     }
-    const DoubtLimits limits{0.92F, 0.96F, 0.5F, 0.94F};
+    const DoubtLimits limits{0.92F, 0.96F, 0.5F, 0.94F, 0.15F};
     EXPECT_EQ(removed_by([&](auto& f) { remove_doubtful(limits, 2, 3, f); }, doubtful),
               (Slots{{5, 5}, {15, 5}, {20, 20}, {40, 20}}));
 

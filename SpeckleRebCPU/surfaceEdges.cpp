@@ -56,15 +56,22 @@ public:
           _window{task.left, task.right, &task.leftCover, &task.rightCover, search.window, search.window},
           _sample(static_cast<float>(task.sample)) {}
 
-    /// The slots for which facets shall compete.
-    std::vector<std::size_t> open_slots() const {
-        std::vector<std::size_t> open;
-        for (int y = 0; y < _field.parallax.height(); ++y)
-            for (int x = 0; x < _field.parallax.width(); ++x)
-                if (is_open(x, y))
-                    open.push_back(static_cast<std::size_t>(y) * static_cast<std::size_t>(_field.parallax.width()) +
-                                   static_cast<std::size_t>(x));
-        return open;
+    /// The slots for which facets shall compete, in order.
+    std::vector<std::size_t> open_slots(int threads) const {
+        const auto width = static_cast<std::size_t>(_field.parallax.width());
+        std::vector<std::vector<std::size_t>> open(static_cast<std::size_t>(_field.parallax.height()));
+        parallel_ranges(threads, open.size(), ROW_GRAIN, [&](std::size_t begin, std::size_t end) {
+            std::vector<std::uint8_t> differs(width);
+            for (std::size_t y = begin; y < end; ++y) {
+                compare_with_neighbours(static_cast<int>(y), differs);
+                for (std::size_t x = 0; x < width; ++x)
+                    if (differs[x] != 0 && is_beside_full(static_cast<int>(x), static_cast<int>(y)))
+                        open[y].push_back(y * width + x);
+            }
+        });
+        std::vector<std::size_t> all;
+        for (const auto& row : open) all.insert(all.end(), row.begin(), row.end());
+        return all;
     }
 
     /// The best facet for a slot; none when it is empty and nothing correlates well.
@@ -102,20 +109,27 @@ private:
         return _field.parallax.contains(x, y) && has_parallax(_field.parallax.at(x, y));
     }
 
-    bool is_open(int x, int y) const {
-        const float own = _field.parallax.at(x, y);
-        bool isBesideEmpty = false, isBesideFull = false, isBesideOther = false;
+    /// For the slots of a row: whether the facet of any neighbour, extended to the slot, is off by more than a jump, or
+    /// either of the two is empty.
+    void compare_with_neighbours(int y, std::vector<std::uint8_t>& differs) const {
+        const int width = _field.parallax.width();
+        const float* own = _field.parallax.row(y);
+        std::fill(differs.begin(), differs.end(), std::uint8_t{0});
         for (const Offset& o : NEIGHBOURS) {
-            if (!_field.parallax.contains(x + o.dx, y + o.dy)) continue;
-            if (!has_slot(x + o.dx, y + o.dy)) {
-                isBesideEmpty = true;
-            } else {
-                isBesideFull = true;
-                isBesideOther =
-                    isBesideOther || std::abs(seen_from(x + o.dx, y + o.dy, -o.dx, -o.dy).parallax - own) > JUMP;
-            }
+            if (y + o.dy < 0 || y + o.dy >= _field.parallax.height()) continue;
+            const float* other = _field.parallax.row(y + o.dy) + o.dx;
+            const float* slope = (o.dx != 0 ? _field.slopeX : _field.slopeY).row(y + o.dy) + o.dx;
+            const float distance = _sample * static_cast<float>(o.dx + o.dy);
+            std::uint8_t* off = differs.data();
+            for (int x = std::max(0, -o.dx); x < width - std::max(0, o.dx); ++x)
+                off[x] |= std::abs(other[x] - distance * slope[x] - own[x]) <= JUMP ? 0 : 1;  // 1 where either is NaN
         }
-        return has_parallax(own) ? isBesideEmpty || isBesideOther : isBesideFull;
+    }
+
+    /// Full slots are beside themselves.
+    bool is_beside_full(int x, int y) const {
+        return has_slot(x, y) || std::any_of(NEIGHBOURS.begin(), NEIGHBOURS.end(),
+                                             [&](const Offset& o) { return has_slot(x + o.dx, y + o.dy); });
     }
 
     /// The facet of slot (x, y), extended to the slot (dx, dy) further on.
@@ -230,7 +244,7 @@ void settle_edges(const EdgeTask& task, const EdgeSearch& search, int threads, P
     const auto width = static_cast<std::size_t>(field.parallax.width());
     for (int round = 0; round < search.rounds; ++round) {
         const EdgeRound edges(task, search, field);
-        const std::vector<std::size_t> open = edges.open_slots();
+        const std::vector<std::size_t> open = edges.open_slots(threads);
         std::vector<std::optional<Facet>> found(open.size());
         parallel_ranges(threads, open.size(), SLOT_GRAIN, [&](std::size_t begin, std::size_t end) {
             for (std::size_t k = begin; k < end; ++k)

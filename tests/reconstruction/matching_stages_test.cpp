@@ -122,7 +122,7 @@ TEST(MatchingStages, RowSearchFindsWhatTheDefinitionFinds) {
         ASSERT_TRUE(match_pixels(task, 1, position, score)) << c.name;
         ASSERT_TRUE(match_pixels(task, 4, other, score)) << c.name;
         int matches = 0;
-        for (int y = 0; y < c.height; ++y) {
+        for (int y = 0; y < c.height; ++y)
             for (int x = 0; x < c.width; ++x) {
                 const bool isMatched = leftMask.at(x, y) != 0 && x >= std::max(c.range.xBegin, c.windowWidth / 2) &&
                                        x < std::min(c.range.xEnd, c.width - c.windowWidth / 2) &&
@@ -136,7 +136,6 @@ TEST(MatchingStages, RowSearchFindsWhatTheDefinitionFinds) {
                 ASSERT_EQ(position.at(x, y), other.at(x, y)) << "threads";
                 matches += expected.position != NO_MATCH;
             }
-        }
         EXPECT_TRUE(matches > 20 || c.height <= 9) << c.name;
     }
 }
@@ -221,7 +220,7 @@ TEST(MatchingStages, SubPixelStepsAreThoseOfSingleWindows) {
         find_sub_pixel_steps(task, field, 1, step, score);
         find_sub_pixel_steps(task, field, 3, other, score);
         int compared = 0;
-        for (int y = 0; y < step.height(); ++y) {
+        for (int y = 0; y < step.height(); ++y)
             for (int x = 0; x < step.width(); ++x) {
                 const auto expected =
                     has_parallax(field.parallax.at(x, y)) ? Plain::sub_pixel_step(task, field, x, y) : std::nullopt;
@@ -233,7 +232,6 @@ TEST(MatchingStages, SubPixelStepsAreThoseOfSingleWindows) {
                 ASSERT_NEAR(score.at(x, y), expected->score, 0.005);
                 ASSERT_EQ(step.at(x, y), other.at(x, y)) << "threads";
             }
-        }
         EXPECT_GT(compared, step.width() * step.height() / 3);
     }
 }
@@ -383,13 +381,12 @@ struct SquareScene {
     static bool is_near(int x, int y) { return x >= 60 && x < 110 && y >= 30 && y < 90; }
     SquareScene() {
         const GreyImage wall = noise_image(W + 40, H, 21, 4), square = noise_image(W + 40, H, 22, 4);
-        for (int y = 0; y < H; ++y) {
+        for (int y = 0; y < H; ++y)
             for (int x = 0; x < W; ++x) {
                 left.at(x, y) = is_near(x, y) ? square.at(x, y) : wall.at(x, y);
                 const int behind = std::clamp(x - FAR, 0, W - 1);
                 right.at(x, y) = is_near(x - NEAR, y) ? square.at(x - NEAR, y) : wall.at(behind, y);
             }
-        }
         field.assign(W / SAMPLE, H / SAMPLE);
         for (int y = 4; y < H / SAMPLE - 4; ++y)
             for (int x = 4; x < W / SAMPLE - 12; ++x)

@@ -20,14 +20,13 @@ namespace VexelAlgorithm::Plain {
 
 inline std::uint8_t sampled_pixel(const GreyImage& image, int ratio, int x, int y) {
     double sum = 0, weights = 0;
-    for (int dy = 1 - ratio; dy < ratio; ++dy) {
+    for (int dy = 1 - ratio; dy < ratio; ++dy)
         for (int dx = 1 - ratio; dx < ratio; ++dx) {
             const double weight = (ratio - std::abs(dx)) * (ratio - std::abs(dy));
             sum += weight * image.at(std::clamp(x * ratio + dx, 0, image.width() - 1),
                                      std::clamp(y * ratio + dy, 0, image.height() - 1));
             weights += weight;
         }
-    }
     return static_cast<std::uint8_t>(std::floor(sum / weights + 0.5));
 }
 
@@ -101,12 +100,11 @@ struct Found {
 inline Found search_row(const std::vector<Candidate>& list) {
     double best = 0.0;
     std::size_t k = 0;
-    for (std::size_t i = 0; i < list.size(); ++i) {
+    for (std::size_t i = 0; i < list.size(); ++i)
         if (list[i].score > best + 1e-12) {
             best = std::min(list[i].score, 1.0);
             k = i;
         }
-    }
     if (best <= 0 || k < 2 || k + 1 >= list.size()) return {};
     const double a = list[k - 1].score, b = list[k].score, c = list[k + 1].score;
     return {list[k].position + (a - c) / (2 * a - 4 * b + 2 * c), best};

@@ -6,6 +6,8 @@ set(VEXEL_SANITIZE_WITHOUT "" CACHE STRING "Checks of these sanitizers that are 
 function(vexel_compiler_options target)
     set_target_properties(${target} PROPERTIES CXX_STANDARD 17 CXX_STANDARD_REQUIRED ON CXX_EXTENSIONS OFF
                                                POSITION_INDEPENDENT_CODE ON)
+    # Products of matrices stand inside loops that run on the configured threads already.
+    target_compile_definitions(${target} PRIVATE EIGEN_DONT_PARALLELIZE)
     if(MSVC)
         # 4251 and 4275: exported classes have standard containers, Eigen's matrices and OpenMesh's kernel inside.
         target_compile_options(${target} PRIVATE /W4 /wd4251 /wd4275 /permissive- /utf-8 /fp:precise /bigobj)

@@ -1,4 +1,5 @@
 // What the virtual world cannot use: one line each, and nothing to be seen.
+#include "simulation/NoiseModel.h"
 #include "simulation/Sequence.h"
 #include "simulation/cameraPaths.h"
 #include "simulation/meshShape.h"
@@ -91,6 +92,20 @@ TEST(BadInput, ViewsGiveOneLineAndAnEmptyFrame) {
         EXPECT_TRUE(frame.is_enable_vNormal() && frame.is_enable_vWeight() && frame.is_enable_vFlag()) << c.what;
     }
     EXPECT_EQ(render(*nothing(), kCamera, 8, 6, {}).count_vaildNum(), 0);
+}
+
+TEST(BadInput, NoiseModelsLeaveTheFrameAsItIs) {
+    const PointImage truth = render(*half_space({0, 0, 400}, {0, 0, -1}), kCamera, 8, 8, {});
+    for (const auto field :
+         {&NoiseModel::referenceDepth, &NoiseModel::depthSigma, &NoiseModel::depthStep, &NoiseModel::tiltGain,
+          &NoiseModel::depthExponent, &NoiseModel::largestIncidence, &NoiseModel::dropFraction})
+        for (const double value : {-1.0, kNaN}) {
+            NoiseModel noise;
+            noise.*field = value;
+            PointImage frame = truth;
+            expect_one_line([&] { EXPECT_FALSE(apply_noise(frame, noise, 0)); });
+            EXPECT_EQ(frame.get_vCoords(), truth.get_vCoords());
+        }
 }
 
 TEST(BadInput, SequencesThatCannotBeGiveOneLine) {

@@ -140,9 +140,11 @@ TEST(ParallelInput, DoesWhatDirectFrameStepsDoAndTellsIt) {
     constexpr int kFrames = 6;
     std::vector<RigidMatrix> poses;
     for (int i = 0; i < kFrames; ++i) {
-        ASSERT_TRUE(direct.step(parallel.scan.frame(i)));
+        PointImage frame = parallel.scan.frame(i);
+        frame.rigid_transformation(RigidMatrix(Matrix3d::Identity(), Vector3d(10.0 * i, 0, 0)));
+        ASSERT_TRUE(direct.step(frame));
         poses.push_back(get_current_rt(direct));
-        ASSERT_EQ(parallel.load(i), RET_SUCCESS);
+        ASSERT_EQ(fusion_and_track_parallel(parallel.session, frame, parallel.data(i)), RET_SUCCESS);
     }
     PointImage moved = parallel.scan.frame(0);
     ASSERT_EQ(fusion_and_track_parallel(parallel.session, std::move(moved), parallel.data(kFrames)), RET_SUCCESS);

@@ -271,11 +271,14 @@ void smooth_slopes(const FacetFit& wide, const FacetFit& narrow, float noise, in
     fit_facets(narrow, sample, threads, fine);
     field.parallax = measured;
     const float expected = noise * noise;
-    for (std::size_t i = 0; i < measured.size(); ++i) {
-        const float share = 1.0F - expected / std::max(residual[i], expected);
-        field.slopeX[i] += share * (fine.slopeX[i] - field.slopeX[i]);
-        field.slopeY[i] += share * (fine.slopeY[i] - field.slopeY[i]);
-    }
+    parallel_ranges(threads, measured.size(), ROW_GRAIN * static_cast<std::size_t>(measured.width()),
+                    [&](std::size_t begin, std::size_t end) {
+                        for (std::size_t i = begin; i < end; ++i) {
+                            const float share = 1.0F - expected / std::max(residual[i], expected);
+                            field.slopeX[i] += share * (fine.slopeX[i] - field.slopeX[i]);
+                            field.slopeY[i] += share * (fine.slopeY[i] - field.slopeY[i]);
+                        }
+                    });
 }
 
 }  // namespace VexelAlgorithm

@@ -125,14 +125,19 @@ void clear_marked(int threads, ParallaxField& field, const MarkRow& mark_row) {
 Mask rim_of(const Raster<float>& parallax, int reach, int threads) {
     const int width = parallax.width(), height = parallax.height();
     Mask inRow(width, height), rim(width, height);
-    for (int y = 0; y < height; ++y)
+    const auto for_each_row = [&](const auto& fill_row) {
+        parallel_ranges(threads, static_cast<std::size_t>(height), ROW_GRAIN, [&](std::size_t begin, std::size_t end) {
+            for (int y = static_cast<int>(begin); y < static_cast<int>(end); ++y) fill_row(y);
+        });
+    };
+    for_each_row([&](int y) {
         for (int x = 0; x < width; ++x)
             if (!has_parallax(parallax.at(x, y)))
                 std::fill(inRow.row(y) + std::max(0, x - reach), inRow.row(y) + std::min(width, x + reach + 1), 1);
-    parallel_ranges(threads, static_cast<std::size_t>(height), ROW_GRAIN, [&](std::size_t begin, std::size_t end) {
-        for (int y = static_cast<int>(begin); y < static_cast<int>(end); ++y)
-            for (int v = std::max(0, y - reach); v <= std::min(height - 1, y + reach); ++v)
-                for (int x = 0; x < width; ++x) rim.at(x, y) |= inRow.at(x, v);
+    });
+    for_each_row([&](int y) {
+        for (int v = std::max(0, y - reach); v <= std::min(height - 1, y + reach); ++v)
+            for (int x = 0; x < width; ++x) rim.at(x, y) |= inRow.at(x, v);
     });
     return rim;
 }

@@ -32,8 +32,8 @@ struct DoubtLimits {
 };
 /// Removes slots whose windows correlated badly, as they do where they see two surfaces or more of one than a facet can
 /// follow, and most of all at gaps, where only a part of the window is left. Badly correlated slots that go on where
-/// their neighbours' facets lead stay. Slots disagree when the facet of one that
-/// is one or two slots away in the row or column misses the parallax by more than the limit.
+/// their neighbours' facets lead stay. Slots disagree when the facet of one that is one or two slots away in the row or
+/// column misses the parallax by more than the limit.
 void remove_doubtful(const DoubtLimits& limits, int sample, int threads, ParallaxField& field);
 
 /// In cells of `cellSize` x `cellSize` slots: the plane through the cell's slots is fitted robustly (least squares,

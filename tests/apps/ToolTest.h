@@ -2,7 +2,6 @@
 #pragma once
 
 #include <cstdlib>
-#include <regex>
 
 #include "tests/common.h"
 #include "trials/TemporaryFolder.h"
@@ -90,12 +89,21 @@ protected:
     }
     /// The shell command, its output in stdout.txt.
     std::string call(const std::string& arguments) const {
-        const std::string placed =
-            std::regex_replace(arguments, std::regex("@/(\\S+)"), '"' + _folder.path().string() + "/$1\"");
-        return quoted(VEXEL_SCAN_PROGRAM) + ' ' + placed + " >" + quoted(path("stdout.txt"));
+        return quoted(VEXEL_SCAN_PROGRAM) + ' ' + placed(arguments) + " >" + quoted(path("stdout.txt"));
     }
 
 private:
+    std::string placed(const std::string& arguments) const {
+        std::string result;
+        for (std::size_t end = 0; end < arguments.size();) {
+            const std::size_t begin = std::min(arguments.find("@/", end), arguments.size());
+            result += arguments.substr(end, begin - end);
+            end = std::min(arguments.find_first_of(" \n", begin), arguments.size());
+            if (begin < end) result += quoted(path(arguments.substr(begin + 2, end - begin - 2)));
+        }
+        return result;
+    }
+
     VexelTrial::TemporaryFolder _folder;
 };
 

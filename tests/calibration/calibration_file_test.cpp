@@ -4,7 +4,6 @@
 #include <clocale>
 #include <cstdio>
 #include <locale>
-#include <regex>
 
 #include "readCaliData/CaliParReadIn.h"
 #include "tests/calibration/stereoRig.h"
@@ -18,7 +17,6 @@ using namespace VexelTest;
 using namespace VexelTrial;
 
 constexpr const char* READ_FAIL = "read camera para fail\n";
-const Vector2i SIZE(RIG_WIDTH, RIG_HEIGHT);
 
 struct Matrices {
     CvMat *K = nullptr, *D = nullptr, *R = nullptr, *T = nullptr;
@@ -54,6 +52,12 @@ std::string replaced(std::string text, const std::string& from, const std::strin
     const std::size_t at = text.find(from);
     EXPECT_NE(at, std::string::npos) << from;
     return text.replace(at, from.size(), to);
+}
+
+std::string with_carriage_returns(const std::string& text) {
+    std::string result;
+    for (const char c : text) result += c == '\n' ? std::string("\r\n") : std::string(1, c);
+    return result;
 }
 
 /// The file as the C library reads it: 22 values, or none.
@@ -117,8 +121,7 @@ std::vector<std::string> with_lines_missing(const std::string& good) {
 
 TEST_F(CalibrationFile, AgreesWithTheCLibraryOnDamagedFiles) {
     const std::string good = rig.left.text();
-    std::vector<std::string> texts{good, std::string("\0\0\0", 3) + good,
-                                   std::regex_replace(good, std::regex("\n"), "\r\n")};
+    std::vector<std::string> texts{good, std::string("\0\0\0", 3) + good, with_carriage_returns(good)};
     for (const char* number : {"410,0", "+410", "4.1e2", "nan", "inf", "1e999", "1e-999", "--410"})
         texts.push_back(replaced(good, "410", number));
     for (const char* end : {"]\nalpha", "]alpha"}) texts.push_back(replaced(good, "\n\n]alpha", end));
@@ -163,16 +166,20 @@ TEST_F(CalibrationFile, FormsThatCannotBeInitialised) {
         EXPECT_EQ(outcome(is_success), std::pair(false, lines));
     };
     const std::vector<float> good = rig.right.vector();
-    expect_failure([&] { return CaliParReadIn(broken, right, SIZE).is_ini_success(); }, READ_FAIL);
+    expect_failure([&] { return CaliParReadIn(broken, right, RIG_SIZE).is_ini_success(); }, READ_FAIL);
     for (const std::string& path : {broken, folder.path().string(), (folder.path() / "none").string(), std::string()})
-        expect_failure([&] { return CaliParReadIn(left, path, SIZE).is_ini_success(); }, READ_FAIL);
+        expect_failure([&] { return CaliParReadIn(left, path, RIG_SIZE).is_ini_success(); }, READ_FAIL);
     for (const std::size_t count : {0, 21, 23}) {
         const std::vector<float> wrong(count, 1.0F);
         const std::string line = "CaliParReadIn ini fail because leftPar.size() != 22 || rightPar.size() != 22\n";
-        expect_failure([&] { return CaliParReadIn(wrong, good, {}, SIZE, {0, 0}).is_ini_success(); }, line);
-        expect_failure([&] { return CaliParReadIn(good, wrong, {}, SIZE, {0, 0}).is_ini_success(); }, line);
+        expect_failure([&] { return CaliParReadIn(wrong, good, {}, RIG_SIZE, {0, 0}).is_ini_success(); }, line);
+        expect_failure([&] { return CaliParReadIn(good, wrong, {}, RIG_SIZE, {0, 0}).is_ini_success(); }, line);
         CaliParReadIn direct;
-        expect_failure([&] { return direct.ini(wrong, good, {}, SIZE, {0, 0}), direct.is_ini_success(); }, READ_FAIL);
+        expect_failure(
+            [&] {
+                return direct.ini(wrong, good, {}, RIG_SIZE, {0, 0}), direct.is_ini_success();
+            },
+            READ_FAIL);
     }
     for (const Vector2i& size :
          {Vector2i(0, 10), Vector2i(10, -1), Vector2i(40000, 10), Vector2i(INT32_MAX, INT32_MAX)})
@@ -197,7 +204,9 @@ struct DecimalComma : std::numpunct<char> {
 TEST_F(CalibrationFile, ReadsAndPrintsTheSameInEveryLocale) {
     const std::string left = put("left.txt", rig.left.text());
     const std::string right = put("right.txt", rig.right.text());
-    const auto load = [&] { return outcome([&] { return CaliParReadIn(left, right, SIZE).get_left_projection(); }); };
+    const auto load = [&] {
+        return outcome([&] { return CaliParReadIn(left, right, RIG_SIZE).get_left_projection(); });
+    };
     const auto [projection, text] = load();
     const std::locale before = std::locale::global(std::locale(std::locale::classic(), new DecimalComma));
     for (const char* name : {"de_DE.UTF-8", "German_Germany.1252", "C"}) {

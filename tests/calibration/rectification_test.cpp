@@ -17,12 +17,11 @@ namespace {
 
 using namespace VexelTest;
 
-const Vector2i SIZE(RIG_WIDTH, RIG_HEIGHT);
 constexpr std::size_t PIXELS = std::size_t{RIG_WIDTH} * RIG_HEIGHT;
 constexpr std::uint8_t UNTOUCHED = 77;
 const std::string NOT_INITIALISED = "remap_image_LR fail because the calibration is not initialised\n";
 
-CaliParReadIn loaded(const Rig& rig, const Vector2i& size = SIZE) {
+CaliParReadIn loaded(const Rig& rig, const Vector2i& size = RIG_SIZE) {
     return {rig.left.vector(), rig.right.vector(), {}, size, {0, 0}};
 }
 
@@ -86,7 +85,7 @@ TEST(Rectification, ColourCamera) {
     const Rig rig;
     Camera color = rig.right;
     color.worldToCamera = RigidMatrix(turned({-0.1, 0.05, 0.4}), {30, -20, 15});
-    CaliParReadIn calibration(rig.left.vector(), rig.right.vector(), color.vector(), SIZE, {64, 48});
+    CaliParReadIn calibration(rig.left.vector(), rig.right.vector(), color.vector(), RIG_SIZE, {64, 48});
     ASSERT_TRUE(calibration.has_color_camera());
     const Vector3d world(10, 20, 300);
     const Vector3d point_rect = calibration.get_R1() * (rig.left.worldToCamera * world);
@@ -95,7 +94,7 @@ TEST(Rectification, ColourCamera) {
     const std::string noColor =
         "can not read color camera ,because colorCCF.size() != 22\ncolor camera par read fail\n";
     const std::string text = printed([&] {
-        calibration = CaliParReadIn(rig.left.vector(), rig.right.vector(), {1, 2}, SIZE, {64, 48});
+        calibration = CaliParReadIn(rig.left.vector(), rig.right.vector(), {1, 2}, RIG_SIZE, {64, 48});
     });
     EXPECT_EQ(text.find("fxRect : "), 0U) << text;
     EXPECT_NE(text.find("\ncxRect : "), std::string::npos) << text;
@@ -143,7 +142,7 @@ TEST(Remap, EqualsItsDefinitionAndKeepsItsMargin) {
     for (Camera* camera : {&parallel.left, &parallel.right}) *camera = {500, 500, 12, 9, 0, {}, RigidMatrix()};
     parallel.right.worldToCamera = RigidMatrix(Matrix3d::Identity(), {-30, 0, 0});
     const std::pair<Rig, Vector2i> cases[] = {
-        {rig, SIZE}, {parallel, {25, 19}}, {parallel, {64, 6}}, {parallel, {5, 40}}, {parallel, {1, 1}}};
+        {rig, RIG_SIZE}, {parallel, {25, 19}}, {parallel, {64, 6}}, {parallel, {5, 40}}, {parallel, {1, 1}}};
     for (const auto& [someRig, size] : cases) {
         const CaliParReadIn calibration = loaded(someRig, size);
         ASSERT_TRUE(calibration.is_ini_success()) << size.transpose();
@@ -224,7 +223,7 @@ TEST(CaliParReadIn, CopiesAreDeepAndAReadThatFailsHalfWayChangesNothing) {
     CaliParReadIn assigned;
     assigned = original;
     const Vector2d expected = map_at(original.get_left_map(), 100, 100);
-    original.ini("nowhere", "nowhere", SIZE);
+    original.ini("nowhere", "nowhere", RIG_SIZE);
     EXPECT_FALSE(original.is_ini_success());
     EXPECT_EQ(original.get_left_map(), nullptr);
     for (const CaliParReadIn* kept : {&copy, &std::as_const(assigned)}) {
@@ -270,7 +269,7 @@ TEST(CaliParReadIn, RefusesWhatCannotBeRectified) {
         Rig rig;
         std::vector<float> left = rig.left.vector();
         left[random() % 13] *= std::pow(10.0F, static_cast<float>(random() % 36));
-        const CaliParReadIn calibration(left, rig.right.vector(), left, SIZE, {16, 16});
+        const CaliParReadIn calibration(left, rig.right.vector(), left, RIG_SIZE, {16, 16});
         EXPECT_EQ(calibration.remap_image_LR(raw.data(), raw.data(), out.data(), out.data()),
                   calibration.is_ini_success());
     }

@@ -49,6 +49,7 @@ struct Camera {
 
 constexpr int RIG_WIDTH = 331;  // no multiple of any vector length
 constexpr int RIG_HEIGHT = 203;
+const Vector2i RIG_SIZE(RIG_WIDTH, RIG_HEIGHT);
 
 /// Converging cameras of different focal length, with distortion, in a world that is neither camera's.
 struct Rig {

@@ -1,5 +1,4 @@
 // vexel-scan accuracy: the virtual rig measures spheres, ball bars and planes, as in acceptance tests.
-#include <CLI/CLI.hpp>
 #include <algorithm>
 #include <cmath>
 #include <memory>
@@ -197,8 +196,8 @@ int run_accuracy(const AccuracyOptions& options) {
     return EXIT_OK;
 }
 
-CLI::Validator odd_number() {
-    return CLI::Validator(
+ArgumentCheck odd_number() {
+    return ArgumentCheck(
         [](const std::string& text) {
             return !text.empty() && (text.back() - '0') % 2 == 1 ? std::string() : "'" + text + "' is not odd";
         },
@@ -207,44 +206,40 @@ CLI::Validator odd_number() {
 
 }  // namespace
 
-void add_accuracy_command(CLI::App& app, Command& chosen) {
-    CLI::App* command = app.add_subcommand(
+void add_accuracy_command(const CommandLine& app, Command& chosen) {
+    const CommandLine command = app.add_command(
         "accuracy",
         "Measures spheres, ball bars and planes with the virtual stereo rig, as acceptance tests of optical\n"
         "measuring systems do (VDI/VDE 2634 part 2), and prints form error, spacing error and flatness.");
     const auto options = std::make_shared<AccuracyOptions>();
-    command->add_option("--seed", options->seed, "Seed of the images' noise")->capture_default_str();
+    command.add_option("--seed", options->seed, "Seed of the images' noise").show_default();
     command
-        ->add_option(
+        .add_option(
             "--distance", options->distances,
             "Distances from the rig in mm, at each of which there are five spheres, three bars and three planes")
-        ->check(number_between(330, 490))
-        ->expected(1, 20)
-        ->capture_default_str();
-    command->add_option("--match-window", options->matchWindow, "Window of the search for partners, sampled pixels")
-        ->check(number_between(3, 63) & odd_number())
-        ->capture_default_str();
-    command->add_option("--window", options->subPixelWindow, "Window of the sub-pixel matching, full-size pixels")
-        ->check(number_between(3, 63) & odd_number())
-        ->capture_default_str();
-    command->add_option("--sample", options->sample, "One point per so many columns and rows")
-        ->check(number_between(1, 16))
-        ->capture_default_str();
-    command->add_option("--width", options->width, "Pixels of a row")
-        ->check(number_between(160, 4096))
-        ->capture_default_str();
-    command->add_option("--height", options->height, "Pixel rows")
-        ->check(number_between(128, 4096))
-        ->capture_default_str();
+        .check(number_between(330, 490))
+        .expected(1, 20)
+        .show_default();
+    command.add_option("--match-window", options->matchWindow, "Window of the search for partners, sampled pixels")
+        .check(number_between(3, 63) & odd_number())
+        .show_default();
+    command.add_option("--window", options->subPixelWindow, "Window of the sub-pixel matching, full-size pixels")
+        .check(number_between(3, 63) & odd_number())
+        .show_default();
+    command.add_option("--sample", options->sample, "One point per so many columns and rows")
+        .check(number_between(1, 16))
+        .show_default();
+    command.add_option("--width", options->width, "Pixels of a row").check(number_between(160, 4096)).show_default();
+    command.add_option("--height", options->height, "Pixel rows").check(number_between(128, 4096)).show_default();
     command
-        ->add_option("--leave-out", options->leftOut,
-                     "Percent of each surface's points, the farthest from the fit to all, that are left out")
-        ->check(number_between(0, 10))
-        ->capture_default_str();
-    command->add_flag("--no-noise", options->isNoiseless, "Images without shot and read noise");
-    command->add_option("--csv", options->csv, "File for the figures of all positions");
-    command->add_option("--out", options->out, "Folder for maps of the deviations");
-    command->callback([options, &chosen] { chosen = [options] { return run_accuracy(*options); }; });
+        .add_option("--leave-out", options->leftOut,
+                    "Percent of each surface's points, the farthest from the fit to all, that are left out")
+        .check(number_between(0, 10))
+        .show_default();
+    command.add_flag("--no-noise", options->isNoiseless, "Images without shot and read noise");
+    command.add_option("--csv", options->csv, "File for the figures of all positions");
+    command.add_option("--out", options->out, "Folder for maps of the deviations");
+    command.when_given([options, &chosen] { chosen = [options] { return run_accuracy(*options); }; });
 }
 
 }  // namespace VexelAlgorithm::Apps

@@ -1,5 +1,4 @@
 // vexel-scan check-calibration: a calibration against a pair that its cameras took.
-#include <CLI/CLI.hpp>
 #include <algorithm>
 #include <cmath>
 #include <memory>
@@ -139,14 +138,14 @@ int run_check(const CheckOptions& options) {
 
 }  // namespace
 
-void add_check_calibration_command(CLI::App& app, Command& chosen) {
-    CLI::App* command = app.add_subcommand(
+void add_check_calibration_command(const CommandLine& app, Command& chosen) {
+    const CommandLine command = app.add_command(
         "check-calibration", "Judges the calibration of a stereo scanner against the first of the chosen pairs.");
     const auto options = std::make_shared<CheckOptions>();
-    add_stereo_options(*command, options->stereo);
-    command->add_option("--picture", options->picture,
-                        "Draws the rectified pair with lines along its rows into this PNG file");
-    command->callback([options, &chosen] { chosen = [options] { return run_check(*options); }; });
+    add_stereo_options(command, options->stereo);
+    command.add_option("--picture", options->picture,
+                       "Draws the rectified pair with lines along its rows into this PNG file");
+    command.when_given([options, &chosen] { chosen = [options] { return run_check(*options); }; });
 }
 
 }  // namespace VexelAlgorithm::Apps

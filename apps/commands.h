@@ -3,11 +3,8 @@
 
 #include <functional>
 
+#include "apps/CommandLine.h"
 #include "recording/Outcome.h"
-
-namespace CLI {
-class App;
-}
 
 namespace VexelAlgorithm::Apps {
 
@@ -23,17 +20,17 @@ enum ExitCode : int {
 using Command = std::function<int()>;
 
 /// Each adds one subcommand with its options; when it is given on the command line, `chosen` is set.
-void add_accuracy_command(CLI::App& app, Command& chosen);
-void add_check_calibration_command(CLI::App& app, Command& chosen);
-void add_expose_command(CLI::App& app, Command& chosen);
-void add_fuse_command(CLI::App& app, Command& chosen);
-void add_info_command(CLI::App& app, Command& chosen);
-void add_mesh_command(CLI::App& app, Command& chosen);
-void add_replay_command(CLI::App& app, Command& chosen);
-void add_scan_command(CLI::App& app, Command& chosen);
-void add_settings_command(CLI::App& app, Command& chosen);
-void add_simulate_command(CLI::App& app, Command& chosen);
-void add_track_command(CLI::App& app, Command& chosen);
+void add_accuracy_command(const CommandLine& app, Command& chosen);
+void add_check_calibration_command(const CommandLine& app, Command& chosen);
+void add_expose_command(const CommandLine& app, Command& chosen);
+void add_fuse_command(const CommandLine& app, Command& chosen);
+void add_info_command(const CommandLine& app, Command& chosen);
+void add_mesh_command(const CommandLine& app, Command& chosen);
+void add_replay_command(const CommandLine& app, Command& chosen);
+void add_scan_command(const CommandLine& app, Command& chosen);
+void add_settings_command(const CommandLine& app, Command& chosen);
+void add_simulate_command(const CommandLine& app, Command& chosen);
+void add_track_command(const CommandLine& app, Command& chosen);
 
 /// Prints "vexel-scan: " and the reason on standard error; returns EXIT_FAILED.
 int report_failure(const Failure& failure);

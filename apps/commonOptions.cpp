@@ -4,16 +4,14 @@
 
 namespace VexelAlgorithm::Apps {
 
-void add_mesh_format_option(CLI::App& command, std::string& format) {
-    command.add_option("--format", format, "Mesh format")
-        ->check(CLI::IsMember({"ply", "obj", "stl"}))
-        ->capture_default_str();
+void add_mesh_format_option(const CommandLine& command, std::string& format) {
+    command.add_option("--format", format, "Mesh format").check(one_of({"ply", "obj", "stl"})).show_default();
 }
 
-void add_session_threads_option(CLI::App& command, int& threads) {
+void add_session_threads_option(const CommandLine& command, int& threads) {
     command.add_option("--threads", threads, "Worker threads; 0 leaves it to fusion.codeNumSet")
-        ->check(number_between(0, 256))
-        ->capture_default_str();
+        .check(number_between(0, 256))
+        .show_default();
 }
 
 }  // namespace VexelAlgorithm::Apps

@@ -1,5 +1,4 @@
 // vexel-scan expose: the best exposed image of a folder.
-#include <CLI/CLI.hpp>
 #include <algorithm>
 #include <cctype>
 #include <memory>
@@ -132,20 +131,20 @@ int run_expose(const ExposeOptions& options) {
 
 }  // namespace
 
-void add_expose_command(CLI::App& app, Command& chosen) {
-    CLI::App* command = app.add_subcommand("expose", "Picks the best exposed image of a projected pattern.");
+void add_expose_command(const CommandLine& app, Command& chosen) {
+    const CommandLine command = app.add_command("expose", "Picks the best exposed image of a projected pattern.");
     const auto options = std::make_shared<ExposeOptions>();
-    command->add_option("FOLDER", options->folder, "Images of one scene and size at different exposures")->required();
-    command->add_option("--match", options->match, "Only files whose names hold this text, such as left");
-    command->add_option("--reference", options->reference, "Image of the scene whose exposure is to be met");
+    command.add_option("FOLDER", options->folder, "Images of one scene and size at different exposures").required();
+    command.add_option("--match", options->match, "Only files whose names hold this text, such as left");
+    command.add_option("--reference", options->reference, "Image of the scene whose exposure is to be met");
     command
-        ->add_option("--region", options->region,
-                     "xBegin xEnd yBegin yEnd in pixels; as in the library, an xEnd in the last ten\n"
-                     "columns leaves nothing. All but a margin of ten pixels when not given")
-        ->expected(4);
-    command->add_option("--out", options->picture, "Where to draw what was seen, a PNG file")
-        ->default_val("exposures.png");
-    command->callback([options, &chosen] { chosen = [options] { return run_expose(*options); }; });
+        .add_option("--region", options->region,
+                    "xBegin xEnd yBegin yEnd in pixels; as in the library, an xEnd in the last ten\n"
+                    "columns leaves nothing. All but a margin of ten pixels when not given")
+        .expected(4);
+    command.add_option("--out", options->picture, "Where to draw what was seen, a PNG file")
+        .default_value("exposures.png");
+    command.when_given([options, &chosen] { chosen = [options] { return run_expose(*options); }; });
 }
 
 }  // namespace VexelAlgorithm::Apps

@@ -17,13 +17,13 @@ Outcome<std::vector<Recorded>> selected_of(const std::vector<Recorded>& all, con
 
 }  // namespace
 
-CLI::Option* add_selection_options(CLI::App& command, FrameSelection& selection, const std::string& content) {
-    CLI::Option* recording = command.add_option("RECORDING", selection.recording, "Folder with " + content);
-    command.add_option("--first", selection.first, "Number of the first frame")->check(number_between(0, 999999999));
-    command.add_option("--last", selection.last, "Number of the last frame")->check(number_between(0, 999999999));
+CommandOption add_selection_options(const CommandLine& command, FrameSelection& selection, const std::string& content) {
+    const CommandOption recording = command.add_option("RECORDING", selection.recording, "Folder with " + content);
+    command.add_option("--first", selection.first, "Number of the first frame").check(number_between(0, 999999999));
+    command.add_option("--last", selection.last, "Number of the last frame").check(number_between(0, 999999999));
     command.add_option("--step", selection.step, "Take every so-many-th frame")
-        ->check(number_between(1, 999999999))
-        ->capture_default_str();
+        .check(number_between(1, 999999999))
+        .show_default();
     return recording;
 }
 

@@ -1,10 +1,10 @@
 // Which frames of a recording a command works on.
 #pragma once
 
-#include <CLI/CLI.hpp>
 #include <string>
 #include <vector>
 
+#include "apps/CommandLine.h"
 #include "recording/Recording.h"
 #include "recording/StereoRecording.h"
 
@@ -18,7 +18,7 @@ struct FrameSelection {
 };
 
 /// Adds RECORDING, --first, --last and --step. `content` tells what the folder must hold. Returns RECORDING.
-CLI::Option* add_selection_options(CLI::App& command, FrameSelection& selection, const std::string& content);
+CommandOption add_selection_options(const CommandLine& command, FrameSelection& selection, const std::string& content);
 
 /// The selected frames; a range without frames fails with the numbers that there are.
 Outcome<std::vector<RecordedFrame>> selected_frames(const Recording& recording, const FrameSelection& selection);

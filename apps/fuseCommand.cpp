@@ -1,5 +1,4 @@
 // vexel-scan fuse: a recording of known poses becomes a mesh.
-#include <CLI/CLI.hpp>
 #include <algorithm>
 #include <memory>
 
@@ -202,40 +201,40 @@ int run_fuse(const FuseOptions& options) {
 
 }  // namespace
 
-void add_fuse_command(CLI::App& app, Command& chosen) {
-    CLI::App* command = app.add_subcommand("fuse", "Fuses depth frames of known poses into a mesh.");
+void add_fuse_command(const CommandLine& app, Command& chosen) {
+    const CommandLine command = app.add_command("fuse", "Fuses depth frames of known poses into a mesh.");
     const auto options = std::make_shared<FuseOptions>();
-    add_selection_options(*command, options->selection,
+    add_selection_options(command, options->selection,
                           "frame-NNNNNN.depth.png (16 bit, mm), frame-NNNNNN.pose.txt (camera to world, m) and "
                           "camera-intrinsics.txt")
-        ->required();
-    command->add_option("--out", options->out, "Folder for mesh, preview.png, report.txt and report.json")->required();
-    command->add_option("--voxel", options->voxel, "Edge of a voxel in mm")
-        ->check(number_between(0.01, 1000))
-        ->capture_default_str();
-    command->add_option("--threads", options->threads, "Worker threads; 0 takes all processors")
-        ->check(number_between(0, 1024))
-        ->capture_default_str();
-    command->add_option("--depth", options->depth, "Bits of the volume along each axis; without it as the scene needs")
-        ->check(number_between(SpeckleVolume::Octree::MinTreeDepth, SpeckleVolume::Octree::MaxTreeDepth));
+        .required();
+    command.add_option("--out", options->out, "Folder for mesh, preview.png, report.txt and report.json").required();
+    command.add_option("--voxel", options->voxel, "Edge of a voxel in mm")
+        .check(number_between(0.01, 1000))
+        .show_default();
+    command.add_option("--threads", options->threads, "Worker threads; 0 takes all processors")
+        .check(number_between(0, 1024))
+        .show_default();
+    command.add_option("--depth", options->depth, "Bits of the volume along each axis; without it as the scene needs")
+        .check(number_between(SpeckleVolume::Octree::MinTreeDepth, SpeckleVolume::Octree::MaxTreeDepth));
     command
-        ->add_option(
+        .add_option(
             "--range", options->range,
             "Voxels along each axis that a point contributes to, an odd number; without it as the depth error needs")
-        ->check(number_between(1, SpeckleVolume::MaxFusionRange));
-    command->add_option("--min-weight", options->minWeight, "Contributions that a voxel needs to make surface")
-        ->check(number_between(0, 1e9))
-        ->capture_default_str();
-    command->add_option("--max-range", options->frame.farthest, "Farthest depth in mm that is used")
-        ->check(number_between(1, 65534))
-        ->capture_default_str();
+        .check(number_between(1, SpeckleVolume::MaxFusionRange));
+    command.add_option("--min-weight", options->minWeight, "Contributions that a voxel needs to make surface")
+        .check(number_between(0, 1e9))
+        .show_default();
+    command.add_option("--max-range", options->frame.farthest, "Farthest depth in mm that is used")
+        .check(number_between(1, 65534))
+        .show_default();
     command
-        ->add_option("--smoothing", options->frame.smoothingRadius,
-                     "Pixels of the edge-preserving smoothing of each depth image, 0 for none")
-        ->check(number_between(0, 16))
-        ->capture_default_str();
-    add_mesh_format_option(*command, options->format);
-    command->callback([options, &chosen] { chosen = [options] { return run_fuse(*options); }; });
+        .add_option("--smoothing", options->frame.smoothingRadius,
+                    "Pixels of the edge-preserving smoothing of each depth image, 0 for none")
+        .check(number_between(0, 16))
+        .show_default();
+    add_mesh_format_option(command, options->format);
+    command.when_given([options, &chosen] { chosen = [options] { return run_fuse(*options); }; });
 }
 
 }  // namespace VexelAlgorithm::Apps

@@ -60,7 +60,7 @@ std::vector<FrameRange> ranges_to_compare(const TruthOptions& options, const std
 
 }  // namespace
 
-void add_truth_options(CLI::App& command, TruthOptions& options) {
+void add_truth_options(const CommandLine& command, TruthOptions& options) {
     command.add_flag("--truth", options.isCompared, "Compares the trajectory with the recording's own poses");
     command.add_option("--truth-file", options.file,
                        "Compares the trajectory with this one: lines of time (s), translation (m), quaternion x y z w");
@@ -68,13 +68,13 @@ void add_truth_options(CLI::App& command, TruthOptions& options) {
         .add_option("--truth-range", options.ranges,
                     "Frames FIRST:LAST to give the figures for beside those of all; may be repeated. Without it the "
                     "frames are cut where the poses jump against each other")
-        ->check([](const std::string& text) {
+        .check(ArgumentCheck([](const std::string& text) {
             const Outcome<FrameRange> range = range_of(text);
             return range ? std::string() : range.failure().reason;
-        });
+        }));
     command.add_option("--rate", options.rate, "Frames a second: frame number / rate is the time in trajectories")
-        ->check(number_between(0.001, 1e6))
-        ->capture_default_str();
+        .check(number_between(0.001, 1e6))
+        .show_default();
 }
 
 Outcome<GivenPoses> given_poses(const TruthOptions& options, const std::string& recording,

@@ -1,11 +1,11 @@
 // Comparing a trajectory with poses that are known.
 #pragma once
 
-#include <CLI/CLI.hpp>
 #include <optional>
 #include <string>
 #include <vector>
 
+#include "apps/CommandLine.h"
 #include "apps/TrackReport.h"
 #include "recording/Outcome.h"
 #include "recording/trajectoryEvaluation.h"
@@ -20,7 +20,7 @@ struct TruthOptions {
     std::vector<std::string> ranges;
 };
 /// Adds --truth, --truth-file, --truth-range and --rate.
-void add_truth_options(CLI::App& command, TruthOptions& options);
+void add_truth_options(const CommandLine& command, TruthOptions& options);
 
 /// A frame's number and the pose that its recording gives (camera to world, mm).
 struct PosedFrame {

@@ -1,5 +1,4 @@
 // vexel-scan info: what a recording holds.
-#include <CLI/CLI.hpp>
 #include <algorithm>
 #include <memory>
 
@@ -73,12 +72,12 @@ int run_info(const std::string& folder) {
 
 }  // namespace
 
-void add_info_command(CLI::App& app, Command& chosen) {
-    CLI::App* command = app.add_subcommand("info", "Tells what a recording of depth frames holds.");
+void add_info_command(const CommandLine& app, Command& chosen) {
+    const CommandLine command = app.add_command("info", "Tells what a recording of depth frames holds.");
     const auto folder = std::make_shared<std::string>();
-    command->add_option("RECORDING", *folder, "Folder with frame-NNNNNN.depth.png, .pose.txt and camera-intrinsics.txt")
-        ->required();
-    command->callback([folder, &chosen] { chosen = [folder] { return run_info(*folder); }; });
+    command.add_option("RECORDING", *folder, "Folder with frame-NNNNNN.depth.png, .pose.txt and camera-intrinsics.txt")
+        .required();
+    command.when_given([folder, &chosen] { chosen = [folder] { return run_info(*folder); }; });
 }
 
 }  // namespace VexelAlgorithm::Apps

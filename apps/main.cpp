@@ -4,6 +4,7 @@
 #include <iostream>
 #include <new>
 
+#include "apps/CommandLine.h"
 #include "apps/commands.h"
 
 namespace VexelAlgorithm::Apps {
@@ -27,18 +28,19 @@ int run(int argc, char** argv) {
     CLI::App app("Turns recordings of stereo pairs or depth frames into models.", "vexel-scan");
     app.set_version_flag("--version", VEXEL_VERSION);
     app.require_subcommand(0, 1);
+    const CommandLine commands(app);
     Command chosen;
-    add_accuracy_command(app, chosen);
-    add_check_calibration_command(app, chosen);
-    add_expose_command(app, chosen);
-    add_fuse_command(app, chosen);
-    add_info_command(app, chosen);
-    add_mesh_command(app, chosen);
-    add_replay_command(app, chosen);
-    add_scan_command(app, chosen);
-    add_settings_command(app, chosen);
-    add_simulate_command(app, chosen);
-    add_track_command(app, chosen);
+    add_accuracy_command(commands, chosen);
+    add_check_calibration_command(commands, chosen);
+    add_expose_command(commands, chosen);
+    add_fuse_command(commands, chosen);
+    add_info_command(commands, chosen);
+    add_mesh_command(commands, chosen);
+    add_replay_command(commands, chosen);
+    add_scan_command(commands, chosen);
+    add_settings_command(commands, chosen);
+    add_simulate_command(commands, chosen);
+    add_track_command(commands, chosen);
     try {
         app.parse(argc, argv);
     } catch (const CLI::ParseError& error) {

@@ -1,5 +1,4 @@
 // vexel-scan mesh: a project becomes a mesh.
-#include <CLI/CLI.hpp>
 #include <memory>
 
 #include "algorithmQorInclude.h"
@@ -116,16 +115,16 @@ int run_mesh(const MeshOptions& options) {
 
 }  // namespace
 
-void add_mesh_command(CLI::App& app, Command& chosen) {
-    CLI::App* command = app.add_subcommand("mesh", "Makes a mesh of a project that scan or track has saved.");
+void add_mesh_command(const CommandLine& app, Command& chosen) {
+    const CommandLine command = app.add_command("mesh", "Makes a mesh of a project that scan or track has saved.");
     const auto options = std::make_shared<MeshOptions>();
-    command->add_option("PROJECT", options->project, "File of --save-project")->required();
-    command->add_option("--out", options->out, "Folder for mesh and preview.png; the project's without it");
-    command->add_option("--settings", options->settingsFile,
-                        "YAML file with the settings of the project; PROJECT.yml without it");
-    add_session_threads_option(*command, options->threads);
-    add_mesh_format_option(*command, options->format);
-    command->callback([options, &chosen] { chosen = [options] { return run_mesh(*options); }; });
+    command.add_option("PROJECT", options->project, "File of --save-project").required();
+    command.add_option("--out", options->out, "Folder for mesh and preview.png; the project's without it");
+    command.add_option("--settings", options->settingsFile,
+                       "YAML file with the settings of the project; PROJECT.yml without it");
+    add_session_threads_option(command, options->threads);
+    add_mesh_format_option(command, options->format);
+    command.when_given([options, &chosen] { chosen = [options] { return run_mesh(*options); }; });
 }
 
 }  // namespace VexelAlgorithm::Apps

@@ -4,14 +4,14 @@
 
 namespace VexelAlgorithm::Apps {
 
-CLI::Validator number_between(double low, double high) {
+ArgumentCheck number_between(double low, double high) {
     const std::string range = "between " + number_text(low) + " and " + number_text(high);
     const auto check = [low, high, range](const std::string& text) {
         const Outcome<std::vector<double>> number = parse_numbers(text, 1);
         const bool isInRange = number && number->front() >= low && number->front() <= high;
         return isInRange ? std::string() : "'" + text + "' is not a number " + range;
     };
-    return CLI::Validator(check, range);
+    return ArgumentCheck(check, range);
 }
 
 }  // namespace VexelAlgorithm::Apps

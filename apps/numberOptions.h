@@ -1,11 +1,11 @@
 // Ranges of numbers on the command line.
 #pragma once
 
-#include <CLI/CLI.hpp>
+#include "apps/CommandLine.h"
 
 namespace VexelAlgorithm::Apps {
 
-/// Accepts a number in [low, high]; unlike CLI::Range it refuses NaN.
-CLI::Validator number_between(double low, double high);
+/// Accepts a number in [low, high]; NaN is none.
+ArgumentCheck number_between(double low, double high);
 
 }  // namespace VexelAlgorithm::Apps

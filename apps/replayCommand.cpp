@@ -1,5 +1,4 @@
 // vexel-scan replay: what a session recorded for debugging is listed, or done once more and compared.
-#include <CLI/CLI.hpp>
 #include <algorithm>
 #include <filesystem>
 #include <fstream>
@@ -228,22 +227,22 @@ int run_replay(const ReplayOptions& options) {
 
 }  // namespace
 
-void add_replay_command(CLI::App& app, Command& chosen) {
-    CLI::App* command = app.add_subcommand(
+void add_replay_command(const CommandLine& app, Command& chosen) {
+    const CommandLine command = app.add_command(
         "replay", "Does once more what a session recorded for debugging, and compares states and poses.");
     const auto options = std::make_shared<ReplayOptions>();
-    command->add_option("FILE", options->file, "Debug recording, .tb")->required();
-    command->add_flag("--list", options->onlyList, "Only lists the records: number, name, bytes, content (entries)");
-    command->add_option("--out", options->out, "Folder for mesh.ply and preview.png of the replayed scan");
-    command->add_option("--threads", options->threads, "Worker threads; 0 takes as many as recorded")
-        ->check(number_between(0, 256))
-        ->capture_default_str();
+    command.add_option("FILE", options->file, "Debug recording, .tb").required();
+    command.add_flag("--list", options->onlyList, "Only lists the records: number, name, bytes, content (entries)");
+    command.add_option("--out", options->out, "Folder for mesh.ply and preview.png of the replayed scan");
+    command.add_option("--threads", options->threads, "Worker threads; 0 takes as many as recorded")
+        .check(number_between(0, 256))
+        .show_default();
     command
-        ->add_option("--tolerance", options->tolerance,
-                     "How far (mm, 500 mm from the camera) poses may part; 0 compares every bit, the default with one "
-                     "thread, with several it is 0.01")
-        ->check(number_between(0.0, 1e9));
-    command->callback([options, &chosen] { chosen = [options] { return run_replay(*options); }; });
+        .add_option("--tolerance", options->tolerance,
+                    "How far (mm, 500 mm from the camera) poses may part; 0 compares every bit, the default with one "
+                    "thread, with several it is 0.01")
+        .check(number_between(0.0, 1e9));
+    command.when_given([options, &chosen] { chosen = [options] { return run_replay(*options); }; });
 }
 
 }  // namespace VexelAlgorithm::Apps

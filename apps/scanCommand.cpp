@@ -1,5 +1,4 @@
 // vexel-scan scan: raw stereo pairs become a model.
-#include <CLI/CLI.hpp>
 #include <memory>
 #include <utility>
 
@@ -149,21 +148,21 @@ int scan_pairs(const StereoScanOptions& options) {
 
 }  // namespace
 
-void add_scan_command(CLI::App& app, Command& chosen) {
-    CLI::App* command = app.add_subcommand("scan", "Turns raw stereo pairs of a speckle scanner into a model.");
+void add_scan_command(const CommandLine& app, Command& chosen) {
+    const CommandLine command = app.add_command("scan", "Turns raw stereo pairs of a speckle scanner into a model.");
     const auto options = std::make_shared<StereoScanOptions>();
     options->scan.preset = "desk";
-    add_stereo_options(*command, options->stereo);
-    add_scan_options(*command, options->scan,
+    add_stereo_options(command, options->stereo);
+    add_scan_options(command, options->scan,
                      "Folder for mesh, preview.png, trajectory.txt, plot.png, report.txt, report.json and the pictures "
                      "of the first pairs");
-    command->add_flag("--save-frames", options->hasFrames,
-                      "Writes each frame's points and normals to frames/frame-NNNNNN.ply (mm, raw left camera "
-                      "coordinates); a single pair is always written");
-    command->add_option("--pictures", options->pictures, "Number of pairs to draw: rectified, parallax, depth")
-        ->check(number_between(0, 999999999))
-        ->capture_default_str();
-    command->callback([options, &chosen] { chosen = [options] { return scan_pairs(*options); }; });
+    command.add_flag("--save-frames", options->hasFrames,
+                     "Writes each frame's points and normals to frames/frame-NNNNNN.ply (mm, raw left camera "
+                     "coordinates); a single pair is always written");
+    command.add_option("--pictures", options->pictures, "Number of pairs to draw: rectified, parallax, depth")
+        .check(number_between(0, 999999999))
+        .show_default();
+    command.when_given([options, &chosen] { chosen = [options] { return scan_pairs(*options); }; });
 }
 
 }  // namespace VexelAlgorithm::Apps

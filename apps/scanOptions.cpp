@@ -10,14 +10,14 @@ namespace VexelAlgorithm::Apps {
 
 namespace fs = std::filesystem;
 
-void add_scan_options(CLI::App& command, ScanOptions& options, const std::string& outContent) {
-    command.add_option("--out", options.out, outContent)->required();
+void add_scan_options(const CommandLine& command, ScanOptions& options, const std::string& outContent) {
+    command.add_option("--out", options.out, outContent).required();
     command
         .add_option(
             "--preset", options.preset,
             "Settings for a depth camera in a room, for one before a small object, or for a stereo scanner of such")
-        ->check(CLI::IsMember(preset_names()))
-        ->capture_default_str();
+        .check(one_of(preset_names()))
+        .show_default();
     command.add_option("--settings", options.settingsFile,
                        "YAML file with settings that replace the preset's; vexel-scan settings writes one");
     command.add_option("--dump-settings", options.dumpFile, "Writes the settings used, with their documentation");

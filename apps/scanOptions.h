@@ -1,11 +1,11 @@
 // What the commands that run a session have in common: options and settings.
 #pragma once
 
-#include <CLI/CLI.hpp>
 #include <filesystem>
 #include <optional>
 #include <string>
 
+#include "apps/CommandLine.h"
 #include "apps/ScanSettings.h"
 #include "apps/TrackReport.h"
 #include "apps/givenPoses.h"
@@ -26,9 +26,10 @@ struct ScanOptions {
     std::string resumedProject;  ///< which scan goes on; empty for a new one
     TruthOptions truth;
 };
-/// Adds --out, --preset, --settings, --dump-settings, --threads, --recover, --format, --debug-recording, --save-project,
+/// Adds --out, --preset, --settings, --dump-settings, --threads, --recover, --format, --debug-recording,
+/// --save-project,
 /// --resume and those of the comparison. The preset is what `options` says until another is given.
-void add_scan_options(CLI::App& command, ScanOptions& options, const std::string& outContent);
+void add_scan_options(const CommandLine& command, ScanOptions& options, const std::string& outContent);
 
 /// The preset, changed by the recording's file, if there is one, and then by that of the options, or else by what was
 /// saved with a resumed project.

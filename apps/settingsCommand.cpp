@@ -1,5 +1,4 @@
 // vexel-scan settings: what can be set, with its documentation.
-#include <CLI/CLI.hpp>
 #include <memory>
 
 #include "apps/ScanSettings.h"
@@ -9,14 +8,12 @@
 
 namespace VexelAlgorithm::Apps {
 
-void add_settings_command(CLI::App& app, Command& chosen) {
-    CLI::App* command = app.add_subcommand(
+void add_settings_command(const CommandLine& app, Command& chosen) {
+    const CommandLine command = app.add_command(
         "settings", "Prints the settings of a preset as YAML, to be edited for track and scan --settings.");
     const auto preset = std::make_shared<std::string>("room");
-    command->add_option("--preset", *preset, "Which settings")
-        ->check(CLI::IsMember(preset_names()))
-        ->capture_default_str();
-    command->callback([preset, &chosen] {
+    command.add_option("--preset", *preset, "Which settings").check(one_of(preset_names())).show_default();
+    command.when_given([preset, &chosen] {
         chosen = [preset] {
             print_text(settings_text(preset_settings(*preset), "Settings of vexel-scan, preset " + *preset));
             return EXIT_OK;

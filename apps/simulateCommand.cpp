@@ -1,5 +1,4 @@
 // vexel-scan simulate: the virtual world writes a recording.
-#include <CLI/CLI.hpp>
 #include <cmath>
 #include <memory>
 
@@ -209,64 +208,66 @@ int run_simulate(const SimulateOptions& options) {
     return EXIT_OK;
 }
 
-void add_mesh_options(CLI::App& command, SimulateOptions& options, CLI::Option* scene) {
-    CLI::Option* mesh = command
-                            .add_option("--mesh", options.meshFile,
-                                        "What is scanned: a mesh file (.ply, .obj, .stl), stood on z = 0; taken for\n"
-                                        "millimetres when it is 40 to 220 of them large, else scaled to 150 mm")
-                            ->excludes(scene);
-    CLI::Option* unit =
+void add_mesh_options(const CommandLine& command, SimulateOptions& options, const CommandOption& scene) {
+    const CommandOption mesh =
+        command
+            .add_option("--mesh", options.meshFile,
+                        "What is scanned: a mesh file (.ply, .obj, .stl), stood on z = 0; taken for\n"
+                        "millimetres when it is 40 to 220 of them large, else scaled to 150 mm")
+            .excludes(scene);
+    const CommandOption unit =
         command.add_option("--mesh-unit", options.placement.unit, "Unit of the mesh file, which is then not scaled")
-            ->check(CLI::IsMember({"mm", "cm", "m", "inch"}))
-            ->needs(mesh);
+            .check(one_of({"mm", "cm", "m", "inch"}))
+            .needs(mesh);
     command.add_option("--mesh-size", options.placement.size, "Scales the mesh to this largest side in mm")
-        ->check(number_between(1, 2000))
-        ->needs(mesh)
-        ->excludes(unit);
+        .check(number_between(1, 2000))
+        .needs(mesh)
+        .excludes(unit);
     command.add_option("--mesh-up", options.placement.up, "Axis of the mesh file that points upwards")
-        ->check(CLI::IsMember({"x", "y", "z", "-x", "-y", "-z"}))
-        ->capture_default_str()
-        ->needs(mesh);
-    command.add_flag("--on-table", options.placement.isOnTable, "Puts a table under the mesh")->needs(mesh);
+        .check(one_of({"x", "y", "z", "-x", "-y", "-z"}))
+        .show_default()
+        .needs(mesh);
+    command.add_flag("--on-table", options.placement.isOnTable, "Puts a table under the mesh").needs(mesh);
 }
 
 }  // namespace
 
-void add_simulate_command(CLI::App& app, Command& chosen) {
-    CLI::App* command = app.add_subcommand("simulate", "Writes a recording of a virtual scene with its true poses.");
+void add_simulate_command(const CommandLine& app, Command& chosen) {
+    const CommandLine command =
+        app.add_command("simulate", "Writes a recording of a virtual scene with its true poses.");
     const auto options = std::make_shared<SimulateOptions>();
-    command->add_option("DIR", options->folder, "Folder for the recording; it must hold none yet")->required();
-    CLI::Option* sequence = command->add_option("--sequence", options->sequence, described_sequences())
-                                ->check(CLI::IsMember(sequence_names()));
-    CLI::Option* stereo = command->add_flag(
+    command.add_option("DIR", options->folder, "Folder for the recording; it must hold none yet").required();
+    const CommandOption sequence =
+        command.add_option("--sequence", options->sequence, described_sequences()).check(one_of(sequence_names()));
+    const CommandOption stereo = command.add_flag(
         "--stereo", options->isStereo,
         "Writes raw pairs of a speckle scanner, its calibration, true depths and poses; the sequence 'arc' and\n"
         "1280 x 1024 pixels if nothing else is said");
-    CLI::Option* scene = command->add_option("--scene", options->scene, "What is scanned on two turns around it")
-                             ->check(CLI::IsMember(Simulation::scene_names()))
-                             ->capture_default_str()
-                             ->excludes(sequence)
-                             ->excludes(stereo);
-    add_mesh_options(*command, *options, scene);
-    command->add_option("--frames", options->frames, "Number of frames; on two turns 40")
-        ->check(number_between(1, 100000));
-    command->add_option("--distance", options->distance, "Distance of the camera from the object in mm, on two turns")
-        ->check(number_between(50, 5000))
-        ->capture_default_str()
-        ->excludes(sequence)
-        ->excludes(stereo);
-    command->add_option("--width", options->width, "Pixels of a row; 640")->check(number_between(16, 8192));
-    command->add_option("--height", options->height, "Pixel rows; 480 on two turns, 512 in a sequence")
-        ->check(number_between(16, 8192));
+    const CommandOption scene = command.add_option("--scene", options->scene, "What is scanned on two turns around it")
+                                    .check(one_of(Simulation::scene_names()))
+                                    .show_default()
+                                    .excludes(sequence)
+                                    .excludes(stereo);
+    add_mesh_options(command, *options, scene);
+    command.add_option("--frames", options->frames, "Number of frames; on two turns 40")
+        .check(number_between(1, 100000));
+    command.add_option("--distance", options->distance, "Distance of the camera from the object in mm, on two turns")
+        .check(number_between(50, 5000))
+        .show_default()
+        .excludes(sequence)
+        .excludes(stereo);
+    command.add_option("--width", options->width, "Pixels of a row; 640").check(number_between(16, 8192));
+    command.add_option("--height", options->height, "Pixel rows; 480 on two turns, 512 in a sequence")
+        .check(number_between(16, 8192));
     command
-        ->add_option("--depth-step", options->depthStep,
-                     "Millimetres between the depths that the images can hold; 1 on two turns, 0.01 in a sequence")
-        ->check(number_between(0.001, 1))
-        ->excludes(stereo);
-    command->add_flag("--noise", options->hasNoise,
-                      "Adds the measurement errors of a good scanner; in a sequence 0.1 mm everywhere");
-    command->add_option("--seed", options->seed, "Seed of noise and tremor")->capture_default_str();
-    command->callback([options, &chosen] { chosen = [options] { return run_simulate(*options); }; });
+        .add_option("--depth-step", options->depthStep,
+                    "Millimetres between the depths that the images can hold; 1 on two turns, 0.01 in a sequence")
+        .check(number_between(0.001, 1))
+        .excludes(stereo);
+    command.add_flag("--noise", options->hasNoise,
+                     "Adds the measurement errors of a good scanner; in a sequence 0.1 mm everywhere");
+    command.add_option("--seed", options->seed, "Seed of noise and tremor").show_default();
+    command.when_given([options, &chosen] { chosen = [options] { return run_simulate(*options); }; });
 }
 
 }  // namespace VexelAlgorithm::Apps

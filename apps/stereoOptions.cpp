@@ -4,16 +4,16 @@
 
 namespace VexelAlgorithm::Apps {
 
-void add_stereo_options(CLI::App& command, StereoOptions& options) {
-    CLI::Option* recording = add_selection_options(
+void add_stereo_options(const CommandLine& command, StereoOptions& options) {
+    const CommandOption recording = add_selection_options(
         command, options.selection,
         "frame-NNNNNN.left.png and .right.png (8-bit grey), or left.png and right.png, or folders with these; "
         "calib_left.txt, calib_right.txt and, if you like, settings.yml");
-    CLI::Option* left =
+    const CommandOption left =
         command.add_option("--left", options.left, "Left image of a single pair, in place of RECORDING");
-    CLI::Option* right = command.add_option("--right", options.right, "Right image of a single pair");
-    left->needs(right)->excludes(recording);
-    right->needs(left);
+    const CommandOption right = command.add_option("--right", options.right, "Right image of a single pair");
+    left.needs(right).excludes(recording);
+    right.needs(left);
     command.add_option("--calib-left", options.leftCalibration,
                        "Calibration of the left camera, if not the recording's");
     command.add_option("--calib-right", options.rightCalibration, "Calibration of the right camera");
@@ -22,8 +22,8 @@ void add_stereo_options(CLI::App& command, StereoOptions& options) {
             "--depth-range", options.depthRange,
             "Nearest and farthest depth in mm, perpendicular to the line from camera to camera, from which the search "
             "range follows")
-        ->expected(2)
-        ->check(number_between(1, 65534));
+        .expected(2)
+        .check(number_between(1, 65534));
 }
 
 Outcome<StereoRecording> open_stereo(const StereoOptions& options) {

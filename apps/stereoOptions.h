@@ -1,10 +1,10 @@
 // Which stereo pairs a command works on, and their scanner.
 #pragma once
 
-#include <CLI/CLI.hpp>
 #include <string>
 #include <vector>
 
+#include "apps/CommandLine.h"
 #include "apps/Rig.h"
 #include "apps/frameSelection.h"
 #include "recording/StereoRecording.h"
@@ -20,7 +20,7 @@ struct StereoOptions {
     std::vector<float> depthRange;  ///< two values, mm, or empty
 };
 /// Adds RECORDING, --first, --last, --step, --left, --right, --calib-left, --calib-right and --depth-range.
-void add_stereo_options(CLI::App& command, StereoOptions& options);
+void add_stereo_options(const CommandLine& command, StereoOptions& options);
 
 Outcome<StereoRecording> open_stereo(const StereoOptions& options);
 /// The recording's folder or the left image, for messages and reports.

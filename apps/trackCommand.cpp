@@ -1,5 +1,4 @@
 // vexel-scan track: a recording without poses becomes a mesh and a trajectory, through the session's handle.
-#include <CLI/CLI.hpp>
 #include <memory>
 
 #include "apps/commands.h"
@@ -106,16 +105,16 @@ int run_track(const TrackOptions& options) {
 
 }  // namespace
 
-void add_track_command(CLI::App& app, Command& chosen) {
-    CLI::App* command = app.add_subcommand("track", "Tracks and fuses depth frames of unknown poses.");
+void add_track_command(const CommandLine& app, Command& chosen) {
+    const CommandLine command = app.add_command("track", "Tracks and fuses depth frames of unknown poses.");
     const auto options = std::make_shared<TrackOptions>();
     options->scan.preset = "room";
-    add_selection_options(*command, options->selection,
+    add_selection_options(command, options->selection,
                           "frame-NNNNNN.depth.png (16 bit, mm) and camera-intrinsics.txt; poses are only compared with")
-        ->required();
-    add_scan_options(*command, options->scan,
+        .required();
+    add_scan_options(command, options->scan,
                      "Folder for mesh, preview.png, trajectory.txt, plot.png, report.txt and report.json");
-    command->callback([options, &chosen] { chosen = [options] { return run_track(*options); }; });
+    command.when_given([options, &chosen] { chosen = [options] { return run_track(*options); }; });
 }
 
 }  // namespace VexelAlgorithm::Apps

@@ -4,8 +4,7 @@ set(VEXEL_SANITIZE "" CACHE STRING "Sanitizers for every target: address,undefin
 set(VEXEL_SANITIZE_WITHOUT "" CACHE STRING "Checks of these sanitizers that are left out: alignment,null,object-size")
 
 function(vexel_compiler_options target)
-    set_target_properties(${target} PROPERTIES CXX_STANDARD 17 CXX_STANDARD_REQUIRED ON CXX_EXTENSIONS OFF
-                                               POSITION_INDEPENDENT_CODE ON)
+    set_target_properties(${target} PROPERTIES CXX_STANDARD 17 CXX_STANDARD_REQUIRED ON CXX_EXTENSIONS OFF)
     # Products of matrices stand inside loops that run on the configured threads already.
     target_compile_definitions(${target} PRIVATE EIGEN_DONT_PARALLELIZE)
     if(MSVC)
@@ -15,6 +14,10 @@ function(vexel_compiler_options target)
     else()
         # No contraction: the same source gives the same numbers on every x86-64 processor.
         target_compile_options(${target} PRIVATE -Wall -Wextra -Wpedantic -Wshadow -Wnon-virtual-dtor -ffp-contract=off)
+        if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU")
+            # Half a gigabyte before it looks for garbage: that search is a sixth of the time of compiling with Eigen.
+            target_compile_options(${target} PRIVATE "SHELL:--param ggc-min-heapsize=500000")
+        endif()
         if(VEXEL_SANITIZE)
             # Little optimisation and line tables only: half the compile time of -O2 -g.
             target_compile_options(${target} PRIVATE -fsanitize=${VEXEL_SANITIZE} -fno-omit-frame-pointer

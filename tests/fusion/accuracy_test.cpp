@@ -9,7 +9,7 @@ namespace {
 constexpr float kVoxel = 0.5f;  // mm
 constexpr int kSide = 200;      // pixels
 const Vector3d kCentre(0.13, -0.21, 0.17);
-const CameraInParam kCamera(300.0, 300.0, 99.6, 99.3);
+const CameraInParam kScanner(300.0, 300.0, 99.6, 99.3);
 
 struct Truth {
     const char* name;
@@ -43,8 +43,8 @@ bool is_covered(const Simulation::Shape& shape, const std::vector<RigidMatrix>& 
         if (toCamera.normalized().dot(foot.normal) <= 0.5) continue;
         const Vector3d point_C = pose.inverse() * foot.point;
         Vector2d pixel;
-        kCamera.point_to_image(point_C, pixel);
-        if (point_C.z() / kCamera.get_fx() >= kVoxel || pixel.minCoeff() < 0.0 || pixel.maxCoeff() > kSide - 1.0)
+        kScanner.point_to_image(point_C, pixel);
+        if (point_C.z() / kScanner.get_fx() >= kVoxel || pixel.minCoeff() < 0.0 || pixel.maxCoeff() > kSide - 1.0)
             continue;
         const Simulation::Ray ray{pose.get_translation(), -toCamera.normalized()};
         const auto hit = shape.hit(ray);
@@ -60,7 +60,7 @@ TEST_P(Accuracy, MeshFollowsTheTruth) {
     const std::vector<RigidMatrix> poses = Simulation::sphere_poses(kCentre, truth.distance, truth.views);
     FusionTsdf<LeafTSDFSpeckle> volume(10, kVoxel, 0.5f, truth.range, 2, "");
     for (const RigidMatrix& pose : poses)
-        ASSERT_TRUE(fuse(volume, Simulation::render(*truth.shape, kCamera, kSide, kSide, pose), pose));
+        ASSERT_TRUE(fuse(volume, Simulation::render(*truth.shape, kScanner, kSide, kSide, pose), pose));
     const BaseTriMesh mesh = extract(volume);
 
     std::vector<char> covered(mesh.get_vn(), 0);

@@ -25,10 +25,10 @@ TEST_F(VexelScan, FusesARecordingToTheSameBytesTwice) {
     EXPECT_EQ(fused.output.find('\r'), std::string::npos);
     run_well(call + "@/b/deeper");
     EXPECT_EQ(bytes_of(path("a/mesh.ply")), bytes_of(path("b/deeper/mesh.ply")));
-    const std::string json = bytes_of(path("a/report.json")), text = bytes_of(path("a/report.txt"));
-    EXPECT_EQ(before(json, "\"timing\""), before(bytes_of(path("b/deeper/report.json")), "\"timing\""));
+    const std::string figures = bytes_of(path("a/report.json")), text = bytes_of(path("a/report.txt"));
+    EXPECT_EQ(before(figures, "\"timing\""), before(bytes_of(path("b/deeper/report.json")), "\"timing\""));
     EXPECT_EQ(before(text, "This run"), before(bytes_of(path("b/deeper/report.txt")), "This run"));
-    EXPECT_TRUE(holds(json, "\"frames_fused\": 5") && holds(json, "\"points_outside_volume\": 0")) << json;
+    EXPECT_TRUE(holds(figures, "\"frames_fused\": 5") && holds(figures, "\"points_outside_volume\": 0")) << figures;
     EXPECT_EQ(std::distance(fs::directory_iterator(path("a")), {}), 4) << "mesh, preview and two reports";
     const cv::Mat preview = cv::imread(path("a/preview.png").string());
     ASSERT_FALSE(preview.empty());

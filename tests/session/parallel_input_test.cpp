@@ -137,9 +137,9 @@ Ids ids_up_to(std::size_t count) {
 TEST(ParallelInput, DoesWhatDirectFrameStepsDoAndTellsIt) {
     ParallelScan parallel;
     Session direct(parallel.scan.records);
-    constexpr int kFrames = 6;
+    constexpr int kDirect = 6;
     std::vector<RigidMatrix> poses;
-    for (int i = 0; i < kFrames; ++i) {
+    for (int i = 0; i < kDirect; ++i) {
         PointImage frame = parallel.scan.frame(i);
         frame.rigid_transformation(RigidMatrix(Matrix3d::Identity(), Vector3d(10.0 * i, 0, 0)));
         ASSERT_TRUE(direct.step(frame));
@@ -147,17 +147,17 @@ TEST(ParallelInput, DoesWhatDirectFrameStepsDoAndTellsIt) {
         ASSERT_EQ(fusion_and_track_parallel(parallel.session, frame, parallel.data(i)), RET_SUCCESS);
     }
     PointImage moved = parallel.scan.frame(0);
-    ASSERT_EQ(fusion_and_track_parallel(parallel.session, std::move(moved), parallel.data(kFrames)), RET_SUCCESS);
+    ASSERT_EQ(fusion_and_track_parallel(parallel.session, std::move(moved), parallel.data(kDirect)), RET_SUCCESS);
     EXPECT_EQ(moved.get_vn(), 0U) << "taken over";
     PointImage plain = parallel.scan.frame(0), empty = plain;
     plain.disable_vWeight();
     empty.setZero();
-    ASSERT_EQ(fusion_and_track_parallel(parallel.session, plain, parallel.data(kFrames + 1)), RET_SUCCESS);
-    ASSERT_EQ(fusion_and_track_parallel(parallel.session, empty, parallel.data(kFrames + 2)), RET_SUCCESS);
+    ASSERT_EQ(fusion_and_track_parallel(parallel.session, plain, parallel.data(kDirect + 1)), RET_SUCCESS);
+    ASSERT_EQ(fusion_and_track_parallel(parallel.session, empty, parallel.data(kDirect + 2)), RET_SUCCESS);
 
-    const std::vector<Event> events = parallel.reports->wait_for(kFrames + 3);
-    ASSERT_EQ(parallel.reports->ids(), ids_up_to(kFrames + 3));
-    for (std::size_t i = 0; i < kFrames; ++i) {
+    const std::vector<Event> events = parallel.reports->wait_for(kDirect + 3);
+    ASSERT_EQ(parallel.reports->ids(), ids_up_to(kDirect + 3));
+    for (std::size_t i = 0; i < kDirect; ++i) {
         SCOPED_TRACE(i);
         const Event& event = events[i];
         EXPECT_EQ(event.by, Reported::Success);
@@ -174,7 +174,7 @@ TEST(ParallelInput, DoesWhatDirectFrameStepsDoAndTellsIt) {
         EXPECT_LT(pose_error(events[i - 1].pose * event.relative, event.pose).norm(), 1e-6);
         EXPECT_GT(event.data.elapsedMicroseconds, 0);
     }
-    const Event &illegal = events[kFrames + 1], &failed = events[kFrames + 2];
+    const Event &illegal = events[kDirect + 1], &failed = events[kDirect + 2];
     EXPECT_EQ(illegal.by, Reported::Illegal);
     EXPECT_EQ(illegal.data.outcome, FrameOutcome::MissingAttributes);
     EXPECT_EQ(failed.by, Reported::Fail);

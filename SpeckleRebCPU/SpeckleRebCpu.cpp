@@ -39,13 +39,23 @@ constexpr float RANGE_MARGIN = 1.5F;
 
 // ---- sub-pixel stage, full-size pixels ----
 constexpr int FIRST_STEPS = 1;
-constexpr int STEPS = 4;
+constexpr int STEPS = 2;
 constexpr float LARGEST_FIRST_STEP = 1.0F;
 constexpr float LARGEST_STEP = 0.5F;
 constexpr float FACET_SIGMA = 0.5F;  // windows
 constexpr int LARGEST_SHARP_WINDOW = 13;
 constexpr float FACET_TOLERANCE = 0.5F;
 constexpr float FACET_SLOPE_TOLERANCE = 0.1F;
+// The whole surface: squares of 2 x 2 pixels, windows of 13.
+constexpr float FIT_OUTLIERS[] = {20.0F, 8.0F};  // grey values, of one fit after the other
+constexpr float FIT_NOISE = 3.0F;                // grey values: of the sensor, and what no model explains
+constexpr float FIT_BEND = 0.065F;               // pixels, from slot to slot to slot
+constexpr float FIT_CREASE = 0.015F;
+constexpr float FIT_GAIN_STEP = 0.02F;
+constexpr int FIT_ROUNDS = 2;
+constexpr int FIT_ITERATIONS = 15;
+constexpr float LARGEST_KINK = 0.75F;  // pixels a pixel
+constexpr int FIT_CLIPPED_GREY = 240;
 // What a score may lie below the median of the frame. How well images can agree differs from device to device; within a
 // frame a lower one tells that the window does not lie on one surface.
 constexpr float SCORE_LOSS = 0.12F;
@@ -68,10 +78,10 @@ constexpr int RETURN_TOLERANCE = 2;
 // What a score may lack, in terms of what the frame's median lacks: at all, where neighbours disagree, and at gaps.
 constexpr float LEAST_MEDIAN_LOSS = 0.005F;
 constexpr float LARGEST_LOSS = 8.5F;
-constexpr float DOUBTFUL_LOSS = 4.0F;
-constexpr float EDGE_LOSS = 1.5F;
-constexpr float LARGEST_DISAGREEMENT = 0.4F;  // pixels a slot
-constexpr float EDGE_DISAGREEMENT = 0.2F;
+constexpr float DOUBTFUL_LOSS = 3.0F;
+constexpr float EDGE_LOSS = 1.0F;
+constexpr float LARGEST_DISAGREEMENT = 0.3F;  // pixels a slot
+constexpr float EDGE_DISAGREEMENT = 0.1F;
 constexpr int CELL_SIZE = 16;
 constexpr int EDGE_TRIM = 4;             // pixels
 constexpr float LEAST_EDGE_STEP = 3.0F;  // grey values
@@ -80,7 +90,7 @@ constexpr RimLimits RIM{3, 12, 5.0F, 0.25F, 0.1F};
 // Of the facets whose slopes are the normals, pixels: what curvature must explain, and what wide ones may leave.
 constexpr float WIDE_FACET_NOISE = 0.03F;
 constexpr float NARROW_FACET_NOISE = 0.057F;
-constexpr float NORMAL_NOISE = 0.05F;
+constexpr float NORMAL_NOISE = 0.035F;
 
 /// The parallax search range in sampled pixels, no wider than the image is.
 std::pair<int, int> sampled_range(const Vector2i& range, int sample, int width) {
@@ -340,9 +350,8 @@ EdgeTask SpeckleRebCpu::edge_task() const {
     return {_remap.left, _remap.right, _cover.left, _cover.right, _param.sampleRatio};
 }
 
-/// Facets smooth the field and give the slants; the step under these facets brings back what the smoothing took. The
-/// field thus follows the surface closer than one window could: what a window takes away from a wave of the surface is
-/// taken away twice over after two steps, and comes near to nothing.
+/// A few steps of windows come near enough to the surface; the fit of all slots together then follows it closer than
+/// any window does. A last look through the windows tells how well they correlate.
 void SpeckleRebCpu::iterate_subpixel_match() {
     settle_edges(edge_task(),
                  {EDGE_WINDOW, EDGE_ROUNDS, SMALLEST_EDGE_SCORE, static_cast<float>(_param.findRange(0)),
@@ -357,6 +366,8 @@ void SpeckleRebCpu::iterate_subpixel_match() {
                                                  FACET_SLOPE_TOLERANCE, _threads);
         take_sub_pixel_step(LARGEST_STEP);
     }
+    fit_surface();
+    measure_scores();
     drop_uncorrelated();
     if (window > LARGEST_SHARP_WINDOW) {
         const auto excess = static_cast<float>(window * window - LARGEST_SHARP_WINDOW * LARGEST_SHARP_WINDOW);
@@ -366,19 +377,56 @@ void SpeckleRebCpu::iterate_subpixel_match() {
 }
 
 void SpeckleRebCpu::take_sub_pixel_step(float largestStep) {
-    const SubPixelTask task{_remap.left,
-                            _remap.right,
-                            _subPixelCover,
-                            _secondDifferences,
-                            _param.sampleRatio,
-                            _param.subPixMatchWin.x(),
-                            _param.subPixMatchWin.y()};
-    find_sub_pixel_steps(task, _objDepthRange.field(), _threads, _step, _score);
+    measure_scores();
+    move_parallaxes(largestStep);
+}
+
+/// The step that the windows would take next, too.
+void SpeckleRebCpu::measure_scores() {
+    find_sub_pixel_steps(sub_pixel_task(_subPixelCover), _objDepthRange.field(), _threads, _step, _score);
     ParallaxField& field = _objDepthRange.field();
-    for (std::size_t i = 0; i < _step.size(); ++i) {
-        if (!has_parallax(field.parallax[i])) continue;
-        field.score[i] = _score[i];
-        if (has_parallax(_step[i])) _objDepthRange.move_parallax(i, std::clamp(_step[i], -largestStep, largestStep));
+    for (std::size_t i = 0; i < _score.size(); ++i)
+        if (has_parallax(field.parallax[i])) field.score[i] = _score[i];
+}
+
+void SpeckleRebCpu::move_parallaxes(float largestStep) {
+    for (std::size_t i = 0; i < _step.size(); ++i)
+        if (has_parallax(_step[i]) && has_parallax(_objDepthRange.field().parallax[i]))
+            _objDepthRange.move_parallax(i, std::clamp(_step[i], -largestStep, largestStep));
+}
+
+SubPixelTask SpeckleRebCpu::sub_pixel_task(const Mask& cover) const {
+    return {_remap.left,
+            _remap.right,
+            cover,
+            _secondDifferences,
+            _param.sampleRatio,
+            _param.subPixMatchWin.x(),
+            _param.subPixMatchWin.y()};
+}
+
+/// A larger window asks for a smoother surface; bends of it weigh as the smoothing of a plate that reaches as far.
+void SpeckleRebCpu::fit_surface() {
+    const auto slot = 0.5F * static_cast<float>(_param.sampleRatio);
+    const auto window = static_cast<float>(sub_pixel_window()) / static_cast<float>(LARGEST_SHARP_WINDOW);
+    const float jump = region_step();
+    const SurfacePrior prior{FIT_NOISE,
+                             FIT_BEND * slot / (window * window),
+                             FIT_CREASE * slot * slot,
+                             jump,
+                             LARGEST_KINK * static_cast<float>(_param.sampleRatio),
+                             FIT_GAIN_STEP * slot,
+                             FIT_ROUNDS,
+                             FIT_ITERATIONS};
+    const Mask cover = without_clipped(_remap.left, _cover.left, FIT_CLIPPED_GREY, _threads);
+    SubPixelTask task = sub_pixel_task(cover);
+    task.clippedGrey = FIT_CLIPPED_GREY;
+    ParallaxField& field = _objDepthRange.field();
+    _surfaceFit.begin(task, field, _threads);
+    for (const float outlier : FIT_OUTLIERS) {
+        _surfaceFit.find_steps(task, prior, outlier, field, _threads, _step);
+        move_parallaxes(LARGEST_STEP);
+        take_slopes(jump, _param.sampleRatio, _threads, field);
     }
 }
 
@@ -420,7 +468,7 @@ float SpeckleRebCpu::median_score() const {
 void SpeckleRebCpu::remove_noise(const StageNames& names) {
     ParallaxField& field = _objDepthRange.field();
     const int sample = _param.sampleRatio;
-    const float regionStep = 0.5F + 0.8F * static_cast<float>(sample);
+    const float regionStep = region_step();
     const auto dump = [&](std::string_view name) {
         if (!names.isEndShown || !_debug.is_on()) return;
         _objDepthRange.update_points(_threads);
@@ -469,6 +517,10 @@ void SpeckleRebCpu::smooth_normals(float noise) {
                   _threads, _objDepthRange.field());
     _objDepthRange.update_points(_threads);
     _objDepthRange.update_normals(_threads);
+}
+
+float SpeckleRebCpu::region_step() const {
+    return 0.5F + 0.8F * static_cast<float>(_param.sampleRatio);
 }
 
 int SpeckleRebCpu::sub_pixel_window() const {

@@ -7,6 +7,7 @@
 #include "SpeckleRebCPU/DepthRange.h"
 #include "SpeckleRebCPU/subPixelStep.h"
 #include "SpeckleRebCPU/surfaceEdges.h"
+#include "SpeckleRebCPU/surfaceFit.h"
 #include "foundation/PointImage.h"
 #include "foundation/RetVal.h"
 
@@ -49,11 +50,16 @@ private:
     void save_invalid_points();
     void pre_subpixel_match();
     void iterate_subpixel_match();
+    void fit_surface();
+    SubPixelTask sub_pixel_task(const Mask& cover) const;
     void take_sub_pixel_step(float largestStep);
+    void measure_scores();
+    void move_parallaxes(float largestStep);
     void drop_uncorrelated();
     float median_score() const;
     void smooth_normals(float noise);
     EdgeTask edge_task() const;
+    float region_step() const;  ///< pixels between neighbours of one surface
     int sub_pixel_window() const;
     std::size_t island_limit(std::size_t share) const;
 
@@ -65,6 +71,7 @@ private:
     DepthRange _objDepthRange;
     SecondDifferences _secondDifferences;  ///< of the rectified left image
     Mask _subPixelCover;                   ///< left pixels, as `SubPixelTask` has it
+    SurfaceFit _surfaceFit;
     Raster<float> _step, _score;
     float _medianScore = 1.0F;  ///< of the frame's slots after the last sub-pixel step
     int _frame = 0;

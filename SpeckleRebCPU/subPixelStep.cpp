@@ -13,6 +13,7 @@
 #include <vector>
 
 #include "SpeckleRebCPU/boxSums.h"
+#include "SpeckleRebCPU/pixelPairs-inl.h"
 #include "foundation/parallel.h"
 
 #ifndef VEXEL_SUB_PIXEL_BAND_DEFINED
@@ -25,8 +26,6 @@ struct SubPixelBand {
     Raster<float>& step;
     Raster<float>& score;
 };
-
-constexpr std::size_t SUB_PIXEL_BLOCK = 64;  ///< pixels between two stages of resampling
 
 }  // namespace VexelAlgorithm
 #endif
@@ -45,47 +44,26 @@ using FloatVec = hn::Vec<FloatTag>;
 
 constexpr std::size_t BLOCK = SUB_PIXEL_BLOCK;
 
-// Fixed point: grey values around 128 in quarters, derivatives in halves, second differences in sixteenths. The sums of
-// the largest window of the strongest contrast stay below 2^31, and integers that enter and leave a sliding sum cancel
-// exactly.
-constexpr float GREY_SCALE = 4.0F;
-constexpr float SLOPE_SCALE = 2.0F;
-constexpr std::int32_t COUNTS_UNLESS_CLIPPED = 2;
-
-/// What is known of a pair of pixels: the left grey value f, its second differences u and v, the derivative d of the
-/// right image and its grey value g.
-constexpr std::size_t QUANTITIES = 5;
-enum Quantity : std::size_t { F, U, V, D, G };
+// The sums of the largest window of the strongest contrast stay below 2^31, and integers that enter and leave a sliding
+// sum cancel exactly.
 /// The sums of a window: number of pairs, the quantities, their products (of each with itself and those behind it).
 constexpr std::size_t PRODUCTS = QUANTITIES * (QUANTITIES + 1) / 2;
 constexpr std::size_t SUMS = 1 + QUANTITIES + PRODUCTS;
-
-/// A row of pixel pairs; all zero where there is none.
-struct PairRow {
-    std::vector<std::int16_t> count;
-    std::array<std::vector<std::int16_t>, QUANTITIES> values;
-
-    void assign(std::size_t size) {
-        count.assign(size, 0);
-        for (auto& quantity : values) quantity.assign(size, 0);
-    }
-};
 
 class BandSearch {
 public:
     explicit BandSearch(const SubPixelBand& band)
         : _band(band),
-          _width(band.task.left.width()),
+          _pairing(band.task, band.field),
           _height(band.task.left.height()),
           _slots(band.field.parallax.width()),
           _weights(sub_pixel_weights(band.task)),
           _halfWidth(_weights.boxWidth / 2),
           _halfHeight(_weights.boxHeight / 2),
-          _stride((static_cast<std::size_t>(_width) + BLOCK - 1) / BLOCK * BLOCK),
+          _stride(_pairing.stride()),
           _slotMargin(static_cast<std::size_t>(_weights.spacing)),
           _slotStride(static_cast<std::size_t>(_slots) + 2 * _slotMargin + BLOCK),
           _ring(static_cast<std::size_t>(_weights.boxHeight)),
-          _predicted(_stride),
           _boxes(2 * _slotMargin + 1, std::vector<float>(SUMS * _slotStride, 0.0F)),
           _columnBoxes(SUMS * _slotStride, 0.0F) {
         for (PairRow& row : _ring) row.assign(_stride);
@@ -105,113 +83,6 @@ public:
     }
 
 private:
-    // ---- pixel pairs ---------------------------------------------------------------------------------------
-
-    /// What the facets of the row's slots predict for each pixel; NaN for none.
-    void predict_row(int y) {
-        const ParallaxField& field = _band.field;
-        const int sample = _band.task.sample;
-        const int slotRow = std::min((y + sample / 2) / sample, field.parallax.height() - 1);
-        const auto dy = static_cast<float>(y - slotRow * sample);
-        const float* parallax = field.parallax.row(slotRow);
-        const float* slopeX = field.slopeX.row(slotRow);
-        const float* slopeY = field.slopeY.row(slotRow);
-        std::fill(_predicted.begin(), _predicted.end(), NO_PARALLAX);
-        for (int slot = 0; slot < _slots; ++slot) {
-            const float centre = parallax[slot] + slopeY[slot] * dy;
-            for (int dx = -(sample / 2); dx < sample - sample / 2; ++dx) {
-                const int x = slot * sample + dx;
-                if (x >= 0 && x < _width)
-                    _predicted[static_cast<std::size_t>(x)] = centre + slopeX[slot] * static_cast<float>(dx);
-            }
-        }
-    }
-
-    void resample_row(int y, PairRow& row) {
-        predict_row(y);
-        for (std::size_t x = 0; x < _stride; x += BLOCK) resample_block(y, x, row);
-    }
-
-    /// Positions first, then the four pixels around each, then the interpolation: the second is scalar work.
-    void resample_block(int y, std::size_t first, PairRow& row) {
-        const FloatTag d;
-        const IntTag di;
-        const std::size_t lanes = hn::Lanes(d);
-        HWY_ALIGN float fraction[BLOCK];
-        HWY_ALIGN std::int32_t offset[BLOCK], counts[BLOCK], pixels[BLOCK], grey[BLOCK] = {}, cover[BLOCK] = {};
-        const std::size_t inside = std::min(BLOCK, static_cast<std::size_t>(_width) - first);
-        const std::uint8_t* left = _band.task.left.row(y) + first;
-        const std::uint8_t* leftCover = _band.task.leftCover.row(y) + first;
-        for (std::size_t i = 0; i < inside; ++i) grey[i] = left[i];
-        for (std::size_t i = 0; i < inside; ++i) cover[i] = leftCover[i];
-
-        const auto one = hn::Set(d, 1.0F);
-        const auto end = hn::Set(d, static_cast<float>(_width - 2));
-        for (std::size_t i = 0; i < BLOCK; i += lanes) {
-            const auto x =
-                hn::Add(hn::LoadU(d, _predicted.data() + first + i), hn::Iota(d, static_cast<float>(first + i)));
-            const auto covered = hn::Ne(hn::Load(di, cover + i), hn::Zero(di));
-            const auto counted = hn::And(hn::And(hn::Ge(x, one), hn::Lt(x, end)), hn::RebindMask(d, covered));
-            const auto position = hn::IfThenElse(counted, x, one);
-            const auto column = hn::ConvertTo(di, position);
-            hn::Store(hn::Sub(position, hn::ConvertTo(d, column)), d, fraction + i);
-            hn::Store(hn::Sub(column, hn::Set(di, 1)), di, offset + i);
-            hn::Store(hn::IfThenElseZero(hn::RebindMask(di, counted), hn::Set(di, 1)), di, counts + i);
-        }
-        const std::uint8_t* right = _band.task.right.row(y);
-        for (std::size_t i = 0; i < BLOCK; ++i) std::memcpy(&pixels[i], right + offset[i], sizeof pixels[i]);
-        const std::int16_t* alongX = _band.task.leftDifferences.alongX.row(y) + first;
-        const std::int16_t* alongY = _band.task.leftDifferences.alongY.row(y) + first;
-        for (std::size_t i = 0; i < BLOCK; i += lanes) {
-            const auto own = hn::Load(di, grey + i), pair = hn::Load(di, pixels + i);
-            const auto isOut = hn::And(hn::Eq(hn::Load(di, cover + i), hn::Set(di, COUNTS_UNLESS_CLIPPED)),
-                                       hn::Gt(brightest(own, pair), hn::Set(di, CLIPPED_GREY - 1)));
-            const auto counted = hn::IfThenZeroElse(isOut, hn::Load(di, counts + i));
-            const auto is_counted = hn::Ne(counted, hn::Zero(di));
-            const auto store = [&](std::vector<std::int16_t>& values, IntVec value) {
-                hn::StoreU(hn::DemoteTo(ShortTag(), hn::IfThenElseZero(is_counted, value)), ShortTag(),
-                           values.data() + first + i);
-            };
-            store(row.count, counted);
-            store(row.values[F], hn::ShiftLeft<2>(hn::Sub(own, hn::Set(di, 128))));
-            store(row.values[U], hn::PromoteTo(di, hn::LoadU(ShortTag(), alongX + i)));
-            store(row.values[V], hn::PromoteTo(di, hn::LoadU(ShortTag(), alongY + i)));
-            const auto [value, slope] = interpolated(pair, hn::Load(d, fraction + i));
-            store(row.values[D], hn::NearestInt(hn::Mul(slope, hn::Set(d, SLOPE_SCALE))));
-            store(row.values[G], hn::NearestInt(hn::Mul(hn::Sub(value, hn::Set(d, 128.0F)), hn::Set(d, GREY_SCALE))));
-        }
-    }
-
-    /// Of the left pixel and the two right ones beside the position.
-    static IntVec brightest(IntVec left, IntVec right) {
-        const IntTag di;
-        const auto byte = hn::Set(di, 255);
-        return hn::Max(left,
-                       hn::Max(hn::And(hn::ShiftRight<8>(right), byte), hn::And(hn::ShiftRight<16>(right), byte)));
-    }
-
-    struct Interpolated {
-        FloatVec value, slope;
-    };
-
-    /// Four neighbouring pixels a lane; t from the second towards the third.
-    static Interpolated interpolated(IntVec pixels, FloatVec t) {
-        const FloatTag d;
-        const IntTag di;
-        const auto byte = hn::Set(di, 255);
-        const auto p0 = hn::ConvertTo(d, hn::And(pixels, byte));
-        const auto p1 = hn::ConvertTo(d, hn::And(hn::ShiftRight<8>(pixels), byte));
-        const auto p2 = hn::ConvertTo(d, hn::And(hn::ShiftRight<16>(pixels), byte));
-        const auto p3 = hn::ConvertTo(d, hn::And(hn::ShiftRight<24>(pixels), byte));
-        const auto half = hn::Set(d, 0.5F);
-        // p1 + c1 t + c2 t^2 + c3 t^3
-        const auto c1 = hn::Mul(half, hn::Sub(p2, p0));
-        const auto c3 = hn::Add(hn::Mul(hn::Set(d, 1.5F), hn::Sub(p1, p2)), hn::Mul(half, hn::Sub(p3, p0)));
-        const auto c2 = hn::Sub(hn::Sub(hn::Sub(p2, p1), c1), c3);
-        return {hn::Add(p1, hn::Mul(t, hn::Add(c1, hn::Mul(t, hn::Add(c2, hn::Mul(t, c3)))))),
-                hn::Add(c1, hn::Mul(t, hn::Add(hn::Add(c2, c2), hn::Mul(hn::Mul(hn::Set(d, 3.0F), t), c3))))};
-    }
-
     // ---- sums over boxes -----------------------------------------------------------------------------------
 
     /// Sums of the boxes around the slots of one row.
@@ -231,7 +102,7 @@ private:
         if (y < 0 || y >= _height) {
             slot = _none;
         } else {
-            resample_row(y, slot);
+            _pairing.pair_row(y, slot);
         }
         exchange(slot, _leaving);
     }
@@ -358,14 +229,14 @@ private:
     }
 
     const SubPixelBand& _band;
-    const int _width, _height, _slots;
+    RowPairing _pairing;
+    const int _height, _slots;
     const SubPixelWeights _weights;
     const int _halfWidth, _halfHeight;
     const std::size_t _stride;
     const std::size_t _slotMargin, _slotStride;
     std::vector<PairRow> _ring;  ///< the rows inside the box
     PairRow _none, _leaving;
-    std::vector<float> _predicted;
     std::array<std::vector<std::int32_t>, SUMS> _columns;  ///< sums over the rows of the box, zeros on both sides
     std::size_t _before = 0;
     std::vector<std::vector<float>> _boxes;  ///< sums of the boxes of some rows of slots
@@ -459,6 +330,25 @@ void spare_clipped_pixels(const GreyImage& image, int window, float share, int t
         if (cover.at(x, y) != 0 && static_cast<float>(sum) >= share * static_cast<float>(all.at(x, y)))
             cover.at(x, y) = 2;
     });
+}
+
+Mask without_clipped(const GreyImage& image, const Mask& cover, int clipped, int threads) {
+    const int width = image.width(), height = image.height();
+    Mask counted(width, height);
+    parallel_ranges(threads, static_cast<std::size_t>(height), ROW_GRAIN, [&](std::size_t begin, std::size_t end) {
+        std::vector<std::uint8_t> brightest(static_cast<std::size_t>(width) + 2, 0);  // of three rows, from column -1
+        for (int y = static_cast<int>(begin); y < static_cast<int>(end); ++y) {
+            const std::uint8_t *above = image.row(std::max(0, y - 1)), *own = image.row(y);
+            const std::uint8_t *below = image.row(std::min(height - 1, y + 1)), *covered = cover.row(y);
+            std::uint8_t *column = brightest.data(), *result = counted.row(y);
+            for (int x = 0; x < width; ++x) column[x + 1] = std::max(std::max(above[x], own[x]), below[x]);
+            for (int x = 0; x < width; ++x) {
+                const int grey = std::max(std::max(column[x], column[x + 1]), column[x + 2]);
+                result[x] = covered[x] != 0 && grey < clipped ? 2 : 0;
+            }
+        }
+    });
+    return counted;
 }
 
 SubPixelWeights sub_pixel_weights(const SubPixelTask& task) {

@@ -20,14 +20,21 @@ constexpr int CLIPPED_GREY = 252;  ///< from here on grey values may be clipped,
 /// too bright as a whole, its clipped pixels count, as little else would be left.
 void spare_clipped_pixels(const GreyImage& image, int window, float share, int threads, Mask& cover);
 
+constexpr std::size_t SUB_PIXEL_BLOCK = 64;  ///< pixels between two stages of resampling
+
+/// Pixels of `cover` that count wherever they are not clipped: 2, but 0 where the image reaches `clipped` within the
+/// next pixel to each side.
+Mask without_clipped(const GreyImage& image, const Mask& cover, int clipped, int threads);
+
 struct SubPixelTask {
     const GreyImage& left;   ///< rectified, full size
     const GreyImage& right;  ///< of the same size
     const Mask& leftCover;   ///< left pixels that count: 0 not, 1 yes, 2 unless clipped
     const SecondDifferences& leftDifferences;
-    int sample;        ///< pixels per slot
-    int windowWidth;   ///< odd, pixels
-    int windowHeight;  ///< odd, pixels
+    int sample;                      ///< pixels per slot
+    int windowWidth;                 ///< odd, pixels
+    int windowHeight;                ///< odd, pixels
+    int clippedGrey = CLIPPED_GREY;  ///< what clipped pixels have at least, or those interpolated from them
 };
 
 /// The weights of a window: those of a box, and where the window leaves room those of boxes around the neighbouring

@@ -1,0 +1,184 @@
+// A row of the left image, paired pixel by pixel with what the right image shows under a parallax field.
+#if defined(VEXEL_PIXEL_PAIRS_INL) == defined(HWY_TARGET_TOGGLE)
+#    ifdef VEXEL_PIXEL_PAIRS_INL
+#        undef VEXEL_PIXEL_PAIRS_INL
+#    else
+#        define VEXEL_PIXEL_PAIRS_INL
+#    endif
+
+#    include <hwy/highway.h>
+
+#    include <algorithm>
+#    include <array>
+#    include <cstddef>
+#    include <cstring>
+#    include <vector>
+
+#    include "SpeckleRebCPU/subPixelStep.h"
+
+HWY_BEFORE_NAMESPACE();
+namespace VexelAlgorithm {
+namespace HWY_NAMESPACE {
+namespace {
+
+namespace hn = hwy::HWY_NAMESPACE;
+
+// Fixed point: grey values around 128 in quarters, derivatives in halves, second differences in sixteenths.
+constexpr float GREY_SCALE = 4.0F;
+constexpr float SLOPE_SCALE = 2.0F;
+constexpr std::int32_t COUNTS_UNLESS_CLIPPED = 2;
+
+/// What is known of a pair of pixels: the left grey value f, its second differences u and v, the derivative d of the
+/// right image and its grey value g.
+constexpr std::size_t QUANTITIES = 5;
+enum Quantity : std::size_t { F, U, V, D, G };
+
+/// A row of pixel pairs; all zero where there is none.
+struct PairRow {
+    std::vector<std::int16_t> count;
+    std::array<std::vector<std::int16_t>, QUANTITIES> values;
+
+    void assign(std::size_t size) {
+        count.assign(size, 0);
+        for (auto& quantity : values) quantity.assign(size, 0);
+    }
+};
+
+class RowPairing {
+    using FloatTag = hn::ScalableTag<float>;
+    using IntTag = hn::RebindToSigned<FloatTag>;
+    using ShortTag = hn::Rebind<std::int16_t, FloatTag>;
+    using IntVec = hn::Vec<IntTag>;
+    using FloatVec = hn::Vec<FloatTag>;
+    static constexpr std::size_t BLOCK = SUB_PIXEL_BLOCK;
+
+public:
+    RowPairing(const SubPixelTask& task, const ParallaxField& field)
+        : _task(task),
+          _field(field),
+          _width(task.left.width()),
+          _stride((static_cast<std::size_t>(_width) + BLOCK - 1) / BLOCK * BLOCK),
+          _predicted(_stride) {}
+
+    /// Pixels of a row, rounded up to whole blocks.
+    std::size_t stride() const { return _stride; }
+
+    void pair_row(int y, PairRow& row) {
+        predict_row(y);
+        for (std::size_t x = 0; x < _stride; x += BLOCK) resample_block(y, x, row);
+    }
+
+private:
+    /// What the facets of the row's slots predict for each pixel; NaN for none.
+    void predict_row(int y) {
+        const int sample = _task.sample;
+        const int slotRow = std::min((y + sample / 2) / sample, _field.parallax.height() - 1);
+        const auto dy = static_cast<float>(y - slotRow * sample);
+        const float* parallax = _field.parallax.row(slotRow);
+        const float* slopeX = _field.slopeX.row(slotRow);
+        const float* slopeY = _field.slopeY.row(slotRow);
+        std::fill(_predicted.begin(), _predicted.end(), NO_PARALLAX);
+        for (int slot = 0; slot < _field.parallax.width(); ++slot) {
+            const float centre = parallax[slot] + slopeY[slot] * dy;
+            for (int dx = -(sample / 2); dx < sample - sample / 2; ++dx) {
+                const int x = slot * sample + dx;
+                if (x >= 0 && x < _width)
+                    _predicted[static_cast<std::size_t>(x)] = centre + slopeX[slot] * static_cast<float>(dx);
+            }
+        }
+    }
+
+    /// Positions first, then the four pixels around each, then the interpolation: the second is scalar work.
+    void resample_block(int y, std::size_t first, PairRow& row) {
+        const FloatTag d;
+        const IntTag di;
+        const std::size_t lanes = hn::Lanes(d);
+        HWY_ALIGN float fraction[BLOCK];
+        HWY_ALIGN std::int32_t offset[BLOCK], counts[BLOCK], pixels[BLOCK], grey[BLOCK] = {}, cover[BLOCK] = {};
+        const std::size_t inside = std::min(BLOCK, static_cast<std::size_t>(_width) - first);
+        const std::uint8_t* left = _task.left.row(y) + first;
+        const std::uint8_t* leftCover = _task.leftCover.row(y) + first;
+        for (std::size_t i = 0; i < inside; ++i) grey[i] = left[i];
+        for (std::size_t i = 0; i < inside; ++i) cover[i] = leftCover[i];
+
+        const auto one = hn::Set(d, 1.0F);
+        const auto end = hn::Set(d, static_cast<float>(_width - 2));
+        for (std::size_t i = 0; i < BLOCK; i += lanes) {
+            const auto x =
+                hn::Add(hn::LoadU(d, _predicted.data() + first + i), hn::Iota(d, static_cast<float>(first + i)));
+            const auto covered = hn::Ne(hn::Load(di, cover + i), hn::Zero(di));
+            const auto counted = hn::And(hn::And(hn::Ge(x, one), hn::Lt(x, end)), hn::RebindMask(d, covered));
+            const auto position = hn::IfThenElse(counted, x, one);
+            const auto column = hn::ConvertTo(di, position);
+            hn::Store(hn::Sub(position, hn::ConvertTo(d, column)), d, fraction + i);
+            hn::Store(hn::Sub(column, hn::Set(di, 1)), di, offset + i);
+            hn::Store(hn::IfThenElseZero(hn::RebindMask(di, counted), hn::Set(di, 1)), di, counts + i);
+        }
+        const std::uint8_t* right = _task.right.row(y);
+        for (std::size_t i = 0; i < BLOCK; ++i) std::memcpy(&pixels[i], right + offset[i], sizeof pixels[i]);
+        const std::int16_t* alongX = _task.leftDifferences.alongX.row(y) + first;
+        const std::int16_t* alongY = _task.leftDifferences.alongY.row(y) + first;
+        for (std::size_t i = 0; i < BLOCK; i += lanes) {
+            const auto own = hn::Load(di, grey + i), pair = hn::Load(di, pixels + i);
+            const auto isOut = hn::And(hn::Eq(hn::Load(di, cover + i), hn::Set(di, COUNTS_UNLESS_CLIPPED)),
+                                       hn::Gt(brightest(own, pair), hn::Set(di, _task.clippedGrey - 1)));
+            const auto counted = hn::IfThenZeroElse(isOut, hn::Load(di, counts + i));
+            const auto is_counted = hn::Ne(counted, hn::Zero(di));
+            const auto store = [&](std::vector<std::int16_t>& values, IntVec value) {
+                hn::StoreU(hn::DemoteTo(ShortTag(), hn::IfThenElseZero(is_counted, value)), ShortTag(),
+                           values.data() + first + i);
+            };
+            store(row.count, counted);
+            store(row.values[F], hn::ShiftLeft<2>(hn::Sub(own, hn::Set(di, 128))));
+            store(row.values[U], hn::PromoteTo(di, hn::LoadU(ShortTag(), alongX + i)));
+            store(row.values[V], hn::PromoteTo(di, hn::LoadU(ShortTag(), alongY + i)));
+            const auto [value, slope] = interpolated(pair, hn::Load(d, fraction + i));
+            store(row.values[D], hn::NearestInt(hn::Mul(slope, hn::Set(d, SLOPE_SCALE))));
+            store(row.values[G], hn::NearestInt(hn::Mul(hn::Sub(value, hn::Set(d, 128.0F)), hn::Set(d, GREY_SCALE))));
+        }
+    }
+
+    /// Of the left pixel and the four right ones.
+    static IntVec brightest(IntVec left, IntVec right) {
+        const IntTag di;
+        const auto byte = hn::Set(di, 255);
+        const auto inner = hn::Max(hn::And(hn::ShiftRight<8>(right), byte), hn::And(hn::ShiftRight<16>(right), byte));
+        const auto outer = hn::Max(hn::And(right, byte), hn::And(hn::ShiftRight<24>(right), byte));
+        return hn::Max(left, hn::Max(inner, outer));
+    }
+
+    struct Interpolated {
+        FloatVec value, slope;
+    };
+
+    /// Four neighbouring pixels a lane; t from the second towards the third.
+    static Interpolated interpolated(IntVec pixels, FloatVec t) {
+        const FloatTag d;
+        const IntTag di;
+        const auto byte = hn::Set(di, 255);
+        const auto p0 = hn::ConvertTo(d, hn::And(pixels, byte));
+        const auto p1 = hn::ConvertTo(d, hn::And(hn::ShiftRight<8>(pixels), byte));
+        const auto p2 = hn::ConvertTo(d, hn::And(hn::ShiftRight<16>(pixels), byte));
+        const auto p3 = hn::ConvertTo(d, hn::And(hn::ShiftRight<24>(pixels), byte));
+        const auto half = hn::Set(d, 0.5F);
+        // p1 + c1 t + c2 t^2 + c3 t^3
+        const auto c1 = hn::Mul(half, hn::Sub(p2, p0));
+        const auto c3 = hn::Add(hn::Mul(hn::Set(d, 1.5F), hn::Sub(p1, p2)), hn::Mul(half, hn::Sub(p3, p0)));
+        const auto c2 = hn::Sub(hn::Sub(hn::Sub(p2, p1), c1), c3);
+        return {hn::Add(p1, hn::Mul(t, hn::Add(c1, hn::Mul(t, hn::Add(c2, hn::Mul(t, c3)))))),
+                hn::Add(c1, hn::Mul(t, hn::Add(hn::Add(c2, c2), hn::Mul(hn::Mul(hn::Set(d, 3.0F), t), c3))))};
+    }
+
+    const SubPixelTask& _task;
+    const ParallaxField& _field;
+    const int _width;
+    const std::size_t _stride;
+    std::vector<float> _predicted;
+};
+
+}  // namespace
+}  // namespace HWY_NAMESPACE
+}  // namespace VexelAlgorithm
+HWY_AFTER_NAMESPACE();
+
+#endif

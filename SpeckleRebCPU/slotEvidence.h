@@ -1,0 +1,53 @@
+// What the pixels of both images say about the parallax and the gain of every slot.
+#pragma once
+
+#include <cstdint>
+
+#include "SpeckleRebCPU/subPixelStep.h"
+
+namespace VexelAlgorithm {
+
+/// A left image as the right one shows it through a parallax field, pixel by pixel. All zero where there is no pair.
+struct PairedImage {
+    Raster<std::int16_t> left;   ///< grey value
+    Raster<std::int16_t> right;  ///< interpolated, quarters of grey values
+    Raster<std::int16_t> slope;  ///< derivative of the right image along the row, halves of grey values a pixel
+};
+
+/// What changes slowly over the image, in cells of `CELL` x `CELL` pixels: how much more the right image is blurred
+/// than the left one (see `find_sub_pixel_steps`), and its gain.
+struct ImageRelation {
+    static constexpr int CELL = 8;
+    Raster<float> blurX, blurY;  ///< of second differences in grey values
+    Raster<float> gain;
+    float offset = 0.0F;  ///< grey values, one for the whole image: what the sensors' dark levels differ by
+};
+
+/// The least squares of gain * left - slope * step - (right - offset - blur) over the pixels around each slot: half the
+/// second and the first derivatives by step and gain. The pixels weigh 1 at the slot and fall to 0 at its neighbours.
+struct SlotEvidence {
+    Raster<float> stepStep, stepGain, gainGain;
+    Raster<float> step, gain;
+
+    void assign(int width, int height);
+};
+
+void pair_images(const SubPixelTask& task, const ParallaxField& field, int threads, PairedImage& paired);
+
+/// From the pairs, over 3 x 3 cells. Blur is shrunk towards none by `ridge` (squared grey values of second difference).
+ImageRelation relate_images(const PairedImage& paired, const SecondDifferences& leftDifferences, float ridge,
+                            int threads);
+
+struct EvidenceTask {
+    const PairedImage& paired;
+    const SecondDifferences& leftDifferences;
+    const ImageRelation& relation;
+    const Raster<float>& gain;  ///< present one of every slot
+    int sample;                 ///< pixels per slot
+    float outlier;              ///< grey values
+};
+/// Pixels that deviate by `outlier` or more from what the gain of the slot predicts lose weight (Cauchy's function):
+/// highlights that only one camera sees, and what belongs to another surface.
+void gather_evidence(const EvidenceTask& task, int threads, SlotEvidence& evidence);
+
+}  // namespace VexelAlgorithm

@@ -1,0 +1,32 @@
+// The surface that explains a whole pair of images.
+#pragma once
+
+#include "SpeckleRebCPU/slotEvidence.h"
+#include "SpeckleRebCPU/surfaceSolver.h"
+
+namespace VexelAlgorithm {
+
+/// Gauss-Newton steps of all parallaxes together, each with the gain of its surroundings. One object at a time fits one
+/// frame; it keeps its memory from frame to frame.
+class SurfaceFit {
+public:
+    /// Forgets the frame before: blur, offset and the first gains are taken from the pairs of cells (`relate_images`).
+    void begin(const SubPixelTask& task, const ParallaxField& field, int threads);
+
+    /// `step`: pixels, to be added to the parallaxes, 0 for empty slots. Pixels that deviate from the fit lose weight
+    /// from `outlier` grey values on.
+    void find_steps(const SubPixelTask& task, const SurfacePrior& prior, float outlier, const ParallaxField& field,
+                    int threads, Raster<float>& step);
+
+private:
+    PairedImage _paired;
+    ImageRelation _relation;
+    SlotEvidence _evidence;
+    Raster<float> _gain;
+    bool _isPaired = false;  ///< `_paired` is of the field as it is
+};
+
+/// Slopes from the neighbours that are within `jump` pixels; where there are none, the slope stays.
+void take_slopes(float jump, int sample, int threads, ParallaxField& field);
+
+}  // namespace VexelAlgorithm

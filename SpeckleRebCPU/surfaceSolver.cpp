@@ -1,0 +1,363 @@
+#include "SpeckleRebCPU/surfaceSolver.h"
+
+#undef HWY_TARGET_INCLUDE
+#define HWY_TARGET_INCLUDE "SpeckleRebCPU/surfaceSolver.cpp"
+#include <hwy/foreach_target.h>
+#include <hwy/highway.h>
+
+#include <algorithm>
+#include <cmath>
+#include <cstddef>
+#include <utility>
+#include <vector>
+
+#include "foundation/parallel.h"
+
+#ifndef VEXEL_SURFACE_TILES_DEFINED
+#    define VEXEL_SURFACE_TILES_DEFINED
+namespace VexelAlgorithm {
+
+struct SurfaceTask {
+    const SlotEvidence& evidence;
+    const SurfacePrior& prior;
+    const Raster<float>& parallax;
+    const Raster<float>& gain;
+    Raster<float>& step;
+    Raster<float>& newGain;
+};
+
+struct Tile {
+    int x, y;  ///< its first slot
+};
+// With what belongs to it, a tile takes some 700 KB.
+constexpr int TILE_WIDTH = 112, TILE_HEIGHT = 32;  // slots
+constexpr int TILE_OVERLAP = 8;                    // to each side
+
+}  // namespace VexelAlgorithm
+#endif
+
+HWY_BEFORE_NAMESPACE();
+namespace VexelAlgorithm {
+namespace HWY_NAMESPACE {
+namespace {
+
+namespace hn = hwy::HWY_NAMESPACE;
+using FloatTag = hn::ScalableTag<float>;
+using FloatVec = hn::Vec<FloatTag>;
+
+FloatVec load(const float* values) {
+    return hn::LoadU(FloatTag(), values);
+}
+void store(FloatVec value, float* values) {
+    hn::StoreU(value, FloatTag(), values);
+}
+FloatVec second_difference(const float* values, std::ptrdiff_t stride) {
+    const auto middle = load(values);
+    return hn::Sub(hn::Add(load(values - stride), load(values + stride)), hn::Add(middle, middle));
+}
+
+/// Values of the tile's slots with empty ones around, so that neighbours need no bounds.
+class TileRows {
+public:
+    void assign(std::size_t stride, std::size_t rows) {
+        _stride = stride;
+        _values.assign(stride * rows, 0.0F);
+    }
+    float* row(int y) { return _values.data() + static_cast<std::size_t>(y + 1) * _stride + MARGIN; }
+    const float* row(int y) const { return _values.data() + static_cast<std::size_t>(y + 1) * _stride + MARGIN; }
+    void clear() { std::fill(_values.begin(), _values.end(), 0.0F); }
+
+    static constexpr std::size_t MARGIN = 16;
+
+private:
+    std::size_t _stride = 0;
+    std::vector<float> _values;
+};
+
+/// A parallax and a gain, or what belongs to them, for every slot of a tile.
+struct Unknowns {
+    TileRows step, gain;
+};
+
+class TileSolver {
+public:
+    explicit TileSolver(const SurfaceTask& task) : _task(task) {
+        const std::size_t lanes = hn::Lanes(FloatTag()), width = TILE_WIDTH + 2 * TILE_OVERLAP;
+        _stride = static_cast<std::ptrdiff_t>((width + lanes - 1) / lanes * lanes + 2 * TileRows::MARGIN);
+        for_all_rows([&](TileRows& rows) {
+            rows.assign(static_cast<std::size_t>(_stride), TILE_HEIGHT + 2 * TILE_OVERLAP + 2);
+        });
+    }
+
+    /// Leaves the result for the slots of the tile, from the tile and what it overlaps with.
+    void solve(int tileX, int tileY) {
+        const Raster<float>& parallax = _task.parallax;
+        _left = std::max(0, tileX - TILE_OVERLAP), _top = std::max(0, tileY - TILE_OVERLAP);
+        _width = std::min(parallax.width(), tileX + TILE_WIDTH + TILE_OVERLAP) - _left;
+        _height = std::min(parallax.height(), tileY + TILE_HEIGHT + TILE_OVERLAP) - _top;
+        if (!load_slots()) return;
+        for (int round = 0; round < _task.prior.rounds; ++round) {
+            weigh_bends();
+            start();
+            for (int i = 0; i < _task.prior.iterations; ++i) advance();
+        }
+        const int right = std::min(tileX + TILE_WIDTH, parallax.width());
+        for (int y = tileY; y < std::min(tileY + TILE_HEIGHT, parallax.height()); ++y) {
+            std::copy_n(_found.step.row(y - _top) + tileX - _left, right - tileX, _task.step.row(y) + tileX);
+            std::copy_n(_found.gain.row(y - _top) + tileX - _left, right - tileX, _task.newGain.row(y) + tileX);
+        }
+    }
+
+private:
+    template <class Action>
+    void for_all_rows(const Action& action) {
+        for (TileRows* rows :
+             {&_base, &_surface, &_stepStep, &_stepGain, &_gainGain, &_alongX, &_alongY, &_mixed, &_weightX, &_weightY,
+              &_weightMixed, &_gainX, &_gainY, &_bendX, &_bendY, &_bendMixed, &_riseX, &_riseY})
+            action(*rows);
+        for (Unknowns* unknowns : {&_evidence, &_found, &_rest, &_direction, &_product, &_inverse})
+            action(unknowns->step), action(unknowns->gain);
+    }
+
+    template <class Body>
+    void for_each_vector(const Body& body) const {
+        for (int y = 0; y < _height; ++y)
+            for (int x = 0; x < _width; x += static_cast<int>(hn::Lanes(FloatTag()))) body(y, x);
+    }
+
+    float parallax(int x, int y) const {
+        return x >= 0 && y >= 0 && x < _width && y < _height ? _task.parallax.at(_left + x, _top + y) : NO_PARALLAX;
+    }
+    bool is_near(float one, float other) const { return std::abs(one - other) <= _task.prior.jump; }
+    bool is_bend(float before, float own, float behind) const {
+        return is_near(before, own) && is_near(own, behind) &&
+               std::abs(before + behind - 2.0F * own) <= _task.prior.kink;
+    }
+
+    /// What stays, and where the search begins; false when the tile is empty.
+    bool load_slots() {
+        for_all_rows([](TileRows& rows) { rows.clear(); });
+        const SurfacePrior& prior = _task.prior;
+        const SlotEvidence& evidence = _task.evidence;
+        const float certainty = 1.0F / (prior.noise * prior.noise), evenness = 1.0F / (prior.gainStep * prior.gainStep);
+        bool isEmpty = true;
+        for (int y = 0; y < _height; ++y)
+            for (int x = 0; x < _width; ++x) {
+                const float own = parallax(x, y);
+                if (!has_parallax(own)) continue;
+                isEmpty = false;
+                const int u = _left + x, v = _top + y;
+                _stepStep.row(y)[x] = certainty * evidence.stepStep.at(u, v);
+                _stepGain.row(y)[x] = certainty * evidence.stepGain.at(u, v);
+                _gainGain.row(y)[x] = certainty * evidence.gainGain.at(u, v);
+                _evidence.step.row(y)[x] = certainty * evidence.step.at(u, v);
+                _evidence.gain.row(y)[x] = certainty * evidence.gain.at(u, v);
+                _base.row(y)[x] = own;
+                _found.gain.row(y)[x] = _task.gain.at(u, v);
+                const float behind = parallax(x + 1, y), below = parallax(x, y + 1), corner = parallax(x + 1, y + 1);
+                _alongX.row(y)[x] = is_bend(parallax(x - 1, y), own, behind) ? 1.0F : 0.0F;
+                _alongY.row(y)[x] = is_bend(parallax(x, y - 1), own, below) ? 1.0F : 0.0F;
+                const bool isRightNear = is_near(own, behind), isLowerNear = is_near(own, below);
+                const bool isWhole = isRightNear && isLowerNear && is_near(corner, behind) && is_near(corner, below) &&
+                                     std::abs(own + corner - behind - below) <= prior.kink;
+                _mixed.row(y)[x] = isWhole ? 2.0F : 0.0F;
+                _gainX.row(y)[x] = isRightNear ? evenness : 0.0F;
+                _gainY.row(y)[x] = isLowerNear ? evenness : 0.0F;
+            }
+        return !isEmpty;
+    }
+
+    // ---- bends ---------------------------------------------------------------------------------------------
+
+    FloatVec bend_along_x(const float* at) const { return second_difference(at, 1); }
+    FloatVec bend_along_y(const float* at) const { return second_difference(at, _stride); }
+    FloatVec mixed_bend(const float* at) const {
+        return hn::Sub(hn::Add(load(at), load(at + _stride + 1)), hn::Add(load(at + 1), load(at + _stride)));
+    }
+
+    /// Large bends weigh less.
+    void weigh_bends() {
+        const SurfacePrior& prior = _task.prior;
+        const FloatTag d;
+        const auto stiffness = hn::Set(d, 1.0F / (prior.bend * prior.bend)), one = hn::Set(d, 1.0F);
+        const auto crease = hn::Set(d, 1.0F / (prior.crease * prior.crease));
+        const auto weigh = [&](const float* share, FloatVec bend, float* weight) {
+            const auto creased = hn::Sqrt(hn::Add(one, hn::Mul(crease, hn::Mul(bend, bend))));
+            store(hn::Div(hn::Mul(load(share), stiffness), creased), weight);
+        };
+        bend_surface();
+        for_each_vector([&](int y, int x) {
+            const float* at = _surface.row(y) + x;
+            weigh(_alongX.row(y) + x, bend_along_x(at), _weightX.row(y) + x);
+            weigh(_alongY.row(y) + x, bend_along_y(at), _weightY.row(y) + x);
+            weigh(_mixed.row(y) + x, mixed_bend(at), _weightMixed.row(y) + x);
+        });
+    }
+
+    void bend_surface() {
+        for_each_vector([&](int y, int x) {
+            store(hn::Add(load(_base.row(y) + x), load(_found.step.row(y) + x)), _surface.row(y) + x);
+        });
+    }
+
+    // ---- conjugate gradients -------------------------------------------------------------------------------
+
+    /// The system times the unknowns, where `bent` is what bends: the steps, or the surface with them.
+    void multiply(const Unknowns& unknowns, const TileRows& bent, Unknowns& product) {
+        for_each_vector([&](int y, int x) {
+            const float *at = bent.row(y) + x, *gain = unknowns.gain.row(y) + x;
+            store(hn::Mul(load(_weightX.row(y) + x), bend_along_x(at)), _bendX.row(y) + x);
+            store(hn::Mul(load(_weightY.row(y) + x), bend_along_y(at)), _bendY.row(y) + x);
+            store(hn::Mul(load(_weightMixed.row(y) + x), mixed_bend(at)), _bendMixed.row(y) + x);
+            const auto own = load(gain);
+            store(hn::Mul(load(_gainX.row(y) + x), hn::Sub(load(gain + 1), own)), _riseX.row(y) + x);
+            store(hn::Mul(load(_gainY.row(y) + x), hn::Sub(load(gain + _stride), own)), _riseY.row(y) + x);
+        });
+        for_each_vector([&](int y, int x) {
+            const float* mixed = _bendMixed.row(y) + x;
+            const auto bends = hn::Add(bend_along_x(_bendX.row(y) + x), bend_along_y(_bendY.row(y) + x));
+            const auto twists = hn::Sub(hn::Add(load(mixed), load(mixed - _stride - 1)),
+                                        hn::Add(load(mixed - 1), load(mixed - _stride)));
+            const float *riseX = _riseX.row(y) + x, *riseY = _riseY.row(y) + x;
+            const auto rises =
+                hn::Add(hn::Sub(load(riseX - 1), load(riseX)), hn::Sub(load(riseY - _stride), load(riseY)));
+            const auto step = load(unknowns.step.row(y) + x), gain = load(unknowns.gain.row(y) + x);
+            const auto coupling = load(_stepGain.row(y) + x);
+            store(hn::Add(hn::Add(bends, twists),
+                          hn::Add(hn::Mul(load(_stepStep.row(y) + x), step), hn::Mul(coupling, gain))),
+                  product.step.row(y) + x);
+            store(hn::Add(rises, hn::Add(hn::Mul(coupling, step), hn::Mul(load(_gainGain.row(y) + x), gain))),
+                  product.gain.row(y) + x);
+        });
+    }
+
+    void start() {
+        const FloatTag d;
+        const auto one = hn::Set(d, 1.0F), zero = hn::Zero(d);
+        bend_surface();
+        multiply(_found, _surface, _product);
+        const auto inverse = [&](FloatVec diagonal, float* inverted) {
+            const auto isKnown = hn::Gt(diagonal, zero);
+            store(hn::IfThenElseZero(isKnown, hn::Div(one, hn::IfThenElse(isKnown, diagonal, one))), inverted);
+        };
+        const auto around = [&](const float* weights, std::ptrdiff_t stride) {
+            const auto four = hn::Set(d, 4.0F);
+            return hn::Add(hn::Add(load(weights - stride), load(weights + stride)), hn::Mul(four, load(weights)));
+        };
+        auto squares = zero;
+        for_each_vector([&](int y, int x) {
+            const float *mixed = _weightMixed.row(y) + x, *gainX = _gainX.row(y) + x, *gainY = _gainY.row(y) + x;
+            const auto twists = hn::Add(hn::Add(load(mixed), load(mixed - 1)),
+                                        hn::Add(load(mixed - _stride), load(mixed - _stride - 1)));
+            const auto bends = hn::Add(around(_weightX.row(y) + x, 1), around(_weightY.row(y) + x, _stride));
+            inverse(hn::Add(load(_stepStep.row(y) + x), hn::Add(bends, twists)), _inverse.step.row(y) + x);
+            const auto rises =
+                hn::Add(hn::Add(load(gainX), load(gainX - 1)), hn::Add(load(gainY), load(gainY - _stride)));
+            inverse(hn::Add(load(_gainGain.row(y) + x), rises), _inverse.gain.row(y) + x);
+            const auto begin = [&](const TileRows& evidence, const TileRows& product, const TileRows& inverted,
+                                   TileRows& rest, TileRows& direction) {
+                const auto left = hn::Sub(load(evidence.row(y) + x), load(product.row(y) + x));
+                const auto towards = hn::Mul(load(inverted.row(y) + x), left);
+                store(left, rest.row(y) + x);
+                store(towards, direction.row(y) + x);
+                squares = hn::Add(squares, hn::Mul(left, towards));
+            };
+            begin(_evidence.step, _product.step, _inverse.step, _rest.step, _direction.step);
+            begin(_evidence.gain, _product.gain, _inverse.gain, _rest.gain, _direction.gain);
+        });
+        _squares = sum_of(squares);
+    }
+
+    void advance() {
+        const FloatTag d;
+        if (!(_squares > 0.0F)) return;
+        multiply(_direction, _direction.step, _product);
+        auto curvature = hn::Zero(d);
+        for_each_vector([&](int y, int x) {
+            const auto add = [&](const TileRows& direction, const TileRows& product) {
+                curvature = hn::Add(curvature, hn::Mul(load(direction.row(y) + x), load(product.row(y) + x)));
+            };
+            add(_direction.step, _product.step);
+            add(_direction.gain, _product.gain);
+        });
+        const float curved = sum_of(curvature);
+        if (!(curved > 0.0F)) return;
+        const auto length = hn::Set(d, _squares / curved);
+        auto squares = hn::Zero(d);
+        for_each_vector([&](int y, int x) {
+            const auto move = [&](const TileRows& direction, const TileRows& product, const TileRows& inverse,
+                                  TileRows& rest, TileRows& found) {
+                store(hn::Add(load(found.row(y) + x), hn::Mul(length, load(direction.row(y) + x))), found.row(y) + x);
+                const auto left = hn::Sub(load(rest.row(y) + x), hn::Mul(length, load(product.row(y) + x)));
+                store(left, rest.row(y) + x);
+                squares = hn::Add(squares, hn::Mul(load(inverse.row(y) + x), hn::Mul(left, left)));
+            };
+            move(_direction.step, _product.step, _inverse.step, _rest.step, _found.step);
+            move(_direction.gain, _product.gain, _inverse.gain, _rest.gain, _found.gain);
+        });
+        const float before = _squares;
+        _squares = sum_of(squares);
+        const auto share = hn::Set(d, _squares / before);
+        for_each_vector([&](int y, int x) {
+            const auto turn = [&](const TileRows& rest, const TileRows& inverse, TileRows& direction) {
+                store(hn::Add(hn::Mul(load(inverse.row(y) + x), load(rest.row(y) + x)),
+                              hn::Mul(share, load(direction.row(y) + x))),
+                      direction.row(y) + x);
+            };
+            turn(_rest.step, _inverse.step, _direction.step);
+            turn(_rest.gain, _inverse.gain, _direction.gain);
+        });
+    }
+
+    static float sum_of(FloatVec values) { return hn::GetLane(hn::SumOfLanes(FloatTag(), values)); }
+
+    const SurfaceTask& _task;
+    int _left = 0, _top = 0, _width = 0, _height = 0;
+    std::ptrdiff_t _stride = 0;
+    TileRows _base, _surface;  ///< parallaxes before, and with the steps
+    TileRows _stepStep, _stepGain, _gainGain;
+    TileRows _alongX, _alongY, _mixed;          ///< 1 or 2 where the slots of a bend lie on one surface, else 0
+    TileRows _weightX, _weightY, _weightMixed;  ///< of the bends
+    TileRows _gainX, _gainY;                    ///< of the differences of the gain
+    TileRows _bendX, _bendY, _bendMixed, _riseX, _riseY;  ///< weighted, of what was multiplied last
+    Unknowns _evidence, _found, _rest, _direction, _product, _inverse;
+    float _squares = 0.0F;  ///< of the rest, by the preconditioner
+};
+
+}  // namespace
+
+void solve_tiles(const SurfaceTask& task, const Tile* begin, const Tile* end) {
+    TileSolver solver(task);
+    for (const Tile* tile = begin; tile != end; ++tile) solver.solve(tile->x, tile->y);
+}
+
+}  // namespace HWY_NAMESPACE
+}  // namespace VexelAlgorithm
+HWY_AFTER_NAMESPACE();
+
+#if HWY_ONCE
+namespace VexelAlgorithm {
+namespace {
+
+constexpr std::size_t TILE_GRAIN = 4;
+
+HWY_EXPORT(solve_tiles);
+
+}  // namespace
+
+void solve_surface(const SlotEvidence& evidence, const SurfacePrior& prior, const Raster<float>& parallax, int threads,
+                   Raster<float>& step, Raster<float>& gain) {
+    step.assign(parallax.width(), parallax.height());
+    Raster<float> newGain = gain;
+    std::vector<Tile> tiles;
+    for (int y = 0; y < parallax.height(); y += TILE_HEIGHT)
+        for (int x = 0; x < parallax.width(); x += TILE_WIDTH) tiles.push_back({x, y});
+    const SurfaceTask task{evidence, prior, parallax, gain, step, newGain};
+    parallel_ranges(threads, tiles.size(), TILE_GRAIN, [&](std::size_t begin, std::size_t end) {
+        HWY_DYNAMIC_DISPATCH(solve_tiles)(task, tiles.data() + begin, tiles.data() + end);
+    });
+    gain = std::move(newGain);
+}
+
+}  // namespace VexelAlgorithm
+#endif

@@ -337,7 +337,6 @@ void SpeckleRebCpu::refine(const StageNames& names) {
 void SpeckleRebCpu::pre_subpixel_match() {
     _objDepthRange = _pixDepthRange;
     _objDepthRange.facets_from_range();
-    find_second_differences(_remap.left, _threads, _secondDifferences);
     _subPixelCover = _cover.left;
     spare_clipped_pixels(_remap.left, sub_pixel_window(), LEAST_UNCLIPPED_SHARE, _threads, _subPixelCover);
     for (int step = 0; step < FIRST_STEPS; ++step) {
@@ -396,13 +395,7 @@ void SpeckleRebCpu::move_parallaxes(float largestStep) {
 }
 
 SubPixelTask SpeckleRebCpu::sub_pixel_task(const Mask& cover) const {
-    return {_remap.left,
-            _remap.right,
-            cover,
-            _secondDifferences,
-            _param.sampleRatio,
-            _param.subPixMatchWin.x(),
-            _param.subPixMatchWin.y()};
+    return {_remap.left, _remap.right, cover, _param.sampleRatio, _param.subPixMatchWin.x(), _param.subPixMatchWin.y()};
 }
 
 /// A larger window asks for a smoother surface; bends of it weigh as the smoothing of a plate that reaches as far.

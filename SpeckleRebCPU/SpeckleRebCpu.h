@@ -69,8 +69,7 @@ private:
     Mask _invalid;              ///< pixels that the pixel stage could not match
     DepthRange _pixDepthRange;  ///< kept between the stages
     DepthRange _objDepthRange;
-    SecondDifferences _secondDifferences;  ///< of the rectified left image
-    Mask _subPixelCover;                   ///< left pixels, as `SubPixelTask` has it
+    Mask _subPixelCover;  ///< left pixels, as `SubPixelTask` has it
     SurfaceFit _surfaceFit;
     Raster<float> _step, _score;
     float _medianScore = 1.0F;  ///< of the frame's slots after the last sub-pixel step

@@ -23,15 +23,15 @@ namespace {
 
 namespace hn = hwy::HWY_NAMESPACE;
 
-// Fixed point: grey values around 128 in quarters, derivatives in halves, second differences in sixteenths.
+// Fixed point: grey values around 128 in quarters, derivatives in halves.
 constexpr float GREY_SCALE = 4.0F;
 constexpr float SLOPE_SCALE = 2.0F;
 constexpr std::int32_t COUNTS_UNLESS_CLIPPED = 2;
 
-/// What is known of a pair of pixels: the left grey value f, its second differences u and v, the derivative d of the
-/// right image and its grey value g.
-constexpr std::size_t QUANTITIES = 5;
-enum Quantity : std::size_t { F, U, V, D, G };
+/// What is known of a pair of pixels: the left grey value f, the derivative d of the right image and its grey value
+/// g.
+constexpr std::size_t QUANTITIES = 3;
+enum Quantity : std::size_t { F, D, G };
 
 /// A row of pixel pairs; all zero where there is none.
 struct PairRow {
@@ -54,11 +54,7 @@ class RowPairing {
 
 public:
     RowPairing(const SubPixelTask& task, const ParallaxField& field)
-        : _task(task),
-          _field(field),
-          _width(task.left.width()),
-          _stride((static_cast<std::size_t>(_width) + BLOCK - 1) / BLOCK * BLOCK),
-          _predicted(_stride) {}
+        : _task(task), _field(field), _width(task.left.width()), _stride(pair_stride(_width)), _predicted(_stride) {}
 
     /// Pixels of a row, rounded up to whole blocks.
     std::size_t stride() const { return _stride; }
@@ -116,8 +112,6 @@ private:
         }
         const std::uint8_t* right = _task.right.row(y);
         for (std::size_t i = 0; i < BLOCK; ++i) std::memcpy(&pixels[i], right + offset[i], sizeof pixels[i]);
-        const std::int16_t* alongX = _task.leftDifferences.alongX.row(y) + first;
-        const std::int16_t* alongY = _task.leftDifferences.alongY.row(y) + first;
         for (std::size_t i = 0; i < BLOCK; i += lanes) {
             const auto own = hn::Load(di, grey + i), pair = hn::Load(di, pixels + i);
             const auto isOut = hn::And(hn::Eq(hn::Load(di, cover + i), hn::Set(di, COUNTS_UNLESS_CLIPPED)),
@@ -130,8 +124,6 @@ private:
             };
             store(row.count, counted);
             store(row.values[F], hn::ShiftLeft<2>(hn::Sub(own, hn::Set(di, 128))));
-            store(row.values[U], hn::PromoteTo(di, hn::LoadU(ShortTag(), alongX + i)));
-            store(row.values[V], hn::PromoteTo(di, hn::LoadU(ShortTag(), alongY + i)));
             const auto [value, slope] = interpolated(pair, hn::Load(d, fraction + i));
             store(row.values[D], hn::NearestInt(hn::Mul(slope, hn::Set(d, SLOPE_SCALE))));
             store(row.values[G], hn::NearestInt(hn::Mul(hn::Sub(value, hn::Set(d, 128.0F)), hn::Set(d, GREY_SCALE))));

@@ -251,7 +251,8 @@ void SlotEvidence::assign(int width, int height) {
 }
 
 void pair_images(const SubPixelTask& task, const ParallaxField& field, int threads, PairedImage& paired) {
-    const int stride = task.leftDifferences.alongX.width(), height = task.left.height();
+    const auto stride = static_cast<int>(pair_stride(task.left.width()));
+    const int height = task.left.height();
     for (auto* image : {&paired.left, &paired.right, &paired.slope})
         if (image->width() != stride || image->height() != height) image->assign(stride, height);
     parallel_ranges(threads, static_cast<std::size_t>(height), ROW_GRAIN, [&](std::size_t begin, std::size_t end) {

@@ -3,6 +3,7 @@
 
 #include <cstdint>
 
+#include "SpeckleRebCPU/secondDifferences.h"
 #include "SpeckleRebCPU/subPixelStep.h"
 
 namespace VexelAlgorithm {

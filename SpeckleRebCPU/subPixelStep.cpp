@@ -122,10 +122,9 @@ private:
                 hn::StoreU(hn::Add(hn::LoadU(di, sums), difference), di, sums);
             };
             add(hn::Sub(load(entering.count), load(leaving.count)));
-            const IntVec in[QUANTITIES] = {load(entering.values[F]), load(entering.values[U]), load(entering.values[V]),
-                                           load(entering.values[D]), load(entering.values[G])};
-            const IntVec out[QUANTITIES] = {load(leaving.values[F]), load(leaving.values[U]), load(leaving.values[V]),
-                                            load(leaving.values[D]), load(leaving.values[G])};
+            const IntVec in[QUANTITIES] = {load(entering.values[F]), load(entering.values[D]),
+                                           load(entering.values[G])};
+            const IntVec out[QUANTITIES] = {load(leaving.values[F]), load(leaving.values[D]), load(leaving.values[G])};
             for (std::size_t a = 0; a < QUANTITIES; ++a) add(hn::Sub(in[a], out[a]));
             for (std::size_t a = 0; a < QUANTITIES; ++a)
                 for (std::size_t b = a; b < QUANTITIES; ++b)
@@ -198,8 +197,8 @@ private:
         FloatVec step, score;
     };
 
-    /// Least squares of g + step d = gain f + blurX u + blurY v + offset: the unknowns are eliminated one after the
-    /// other, the step last. Unknowns that the window says nothing about are left out.
+    /// Least squares of g + step d = gain f + offset; the gain is eliminated first, or left out where the window says
+    /// nothing about it.
     Solution solve(const FloatVec (&sums)[SUMS]) const {
         const FloatTag d;
         const auto zero = hn::Zero(d), tiny = hn::Set(d, 1e-3F);
@@ -264,47 +263,7 @@ constexpr int SMALLEST_WIDTH = 4;  // pixels of one interpolation
 
 HWY_EXPORT(search_band);
 
-/// Two columns to the left of the row and two to the right repeat its border.
-void fine_and_coarse_row(const GreyImage& image, int y, std::vector<std::int32_t>& fine,
-                         std::vector<std::int32_t>& coarse) {
-    const auto row = [&](int dy) { return image.row(std::clamp(y + dy, 0, image.height() - 1)); };
-    const std::uint8_t *a = row(-2), *b = row(-1), *c = row(0), *d = row(1), *e = row(2);
-    const auto width = static_cast<std::size_t>(image.width());
-    for (std::size_t x = 0; x < width; ++x) {
-        fine[x + 2] = 4 * (b[x] + 2 * c[x] + d[x]);
-        coarse[x + 2] = a[x] + 4 * (b[x] + d[x]) + 6 * c[x] + e[x];
-    }
-    for (auto* sums : {&fine, &coarse}) {
-        (*sums)[0] = (*sums)[1] = (*sums)[2];
-        (*sums)[width + 2] = (*sums)[width + 3] = (*sums)[width + 1];
-    }
-}
-
 }  // namespace
-
-void find_second_differences(const GreyImage& image, int threads, SecondDifferences& differences) {
-    const int width = image.width(), height = image.height();
-    constexpr int WHOLE = static_cast<int>(SUB_PIXEL_BLOCK);
-    const int stride = (width + WHOLE - 1) / WHOLE * WHOLE;
-    differences.alongX.assign(stride, height);
-    differences.alongY.assign(stride, height);
-    parallel_ranges(threads, static_cast<std::size_t>(height), ROW_GRAIN, [&](std::size_t begin, std::size_t end) {
-        std::vector<std::int32_t> fine(static_cast<std::size_t>(width) + 4), coarse(fine.size());
-        for (int y = static_cast<int>(begin); y < static_cast<int>(end); ++y) {
-            fine_and_coarse_row(image, y, fine, coarse);
-            std::int16_t* alongX = differences.alongX.row(y);
-            std::int16_t* alongY = differences.alongY.row(y);
-            for (int x = 0; x < width; ++x) {
-                const std::int32_t *s = fine.data() + x + 2, *t = coarse.data() + x + 2;
-                const std::int32_t both = t[-2] + 4 * (t[-1] + t[1]) + 6 * t[0] + t[2];  // of 256
-                const std::int32_t fineX = 4 * (t[-1] + 2 * t[0] + t[1]);
-                const std::int32_t fineY = s[-2] + 4 * (s[-1] + s[1]) + 6 * s[0] + s[2];
-                alongX[x] = static_cast<std::int16_t>((both - fineX + 8) >> 4);
-                alongY[x] = static_cast<std::int16_t>((both - fineY + 8) >> 4);
-            }
-        }
-    });
-}
 
 void spare_clipped_pixels(const GreyImage& image, int window, float share, int threads, Mask& cover) {
     const int width = image.width(), height = image.height(), radius = window / 2;

@@ -5,15 +5,6 @@
 
 namespace VexelAlgorithm {
 
-/// Second differences of an image in both directions, each the difference of two binomial filters, 1 4 6 4 1 less
-/// 1 2 1, smoothed by 1 4 6 4 1 in the other direction: a quarter of the second derivative. Sixteenths of grey values;
-/// the border of the image is repeated; rows are padded to whole blocks of vectors.
-struct SecondDifferences {
-    Raster<std::int16_t> alongX;
-    Raster<std::int16_t> alongY;
-};
-void find_second_differences(const GreyImage& image, int threads, SecondDifferences& differences);
-
 constexpr int CLIPPED_GREY = 252;  ///< from here on grey values may be clipped, or interpolated from clipped ones
 /// Turns 1 into 2 (unless clipped) where enough is left without the clipped pixels: of the squared horizontal steps
 /// I(x + 1) - I(x - 1) in the window around the pixel, at least `share` has no clipped pixel in it. Where an image is
@@ -21,16 +12,19 @@ constexpr int CLIPPED_GREY = 252;  ///< from here on grey values may be clipped,
 void spare_clipped_pixels(const GreyImage& image, int window, float share, int threads, Mask& cover);
 
 constexpr std::size_t SUB_PIXEL_BLOCK = 64;  ///< pixels between two stages of resampling
+/// Columns rounded up to whole blocks.
+constexpr std::size_t pair_stride(int width) {
+    return (static_cast<std::size_t>(width) + SUB_PIXEL_BLOCK - 1) / SUB_PIXEL_BLOCK * SUB_PIXEL_BLOCK;
+}
 
 /// Pixels of `cover` that count wherever they are not clipped: 2, but 0 where the image reaches `clipped` within the
 /// next pixel to each side.
 Mask without_clipped(const GreyImage& image, const Mask& cover, int clipped, int threads);
 
 struct SubPixelTask {
-    const GreyImage& left;   ///< rectified, full size
-    const GreyImage& right;  ///< of the same size
-    const Mask& leftCover;   ///< left pixels that count: 0 not, 1 yes, 2 unless clipped
-    const SecondDifferences& leftDifferences;
+    const GreyImage& left;           ///< rectified, full size
+    const GreyImage& right;          ///< of the same size
+    const Mask& leftCover;           ///< left pixels that count: 0 not, 1 yes, 2 unless clipped
     int sample;                      ///< pixels per slot
     int windowWidth;                 ///< odd, pixels
     int windowHeight;                ///< odd, pixels
@@ -57,11 +51,8 @@ SubPixelWeights sub_pixel_weights(const SubPixelTask& task);
 /// "Fast, robust and accurate digital image correlation calculation without redundant computations", 2013). The right
 /// image is interpolated by cubic convolution along the row (R. Keys, 1981).
 ///
-/// With the step each window determines gain and offset of the grey values and how much more one image is blurred than
-/// the other, along rows and along columns: cameras at different distances are out of focus differently, and where they
-/// see a surface under different angles one and the same blur covers different parts of it. To first order a
-/// difference of blur adds the second derivatives of the image (M. Subbarao and G. Surya, "Depth from defocus: a
-/// spatial domain approach", 1994). Left out, it costs more than the noise of the cameras does.
+/// With the step each window determines gain and offset of the grey values. What one image is blurred more than the
+/// other is left out: it moves the result by a few hundredths of a pixel at most.
 ///
 /// Pixels without a facet, outside the cover or the right image do not count, nor, where the cover says so, those that
 /// are clipped or interpolated from clipped ones on either side (252 and more): a clipped pixel says nothing of the

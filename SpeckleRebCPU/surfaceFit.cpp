@@ -14,9 +14,10 @@ constexpr float BLUR_RIDGE = 0.3F;  // squared grey values of second difference
 }  // namespace
 
 void SurfaceFit::begin(const SubPixelTask& task, const ParallaxField& field, int threads) {
+    find_second_differences(task.left, static_cast<int>(SUB_PIXEL_BLOCK), threads, _differences);
     pair_images(task, field, threads, _paired);
     _isPaired = true;
-    _relation = relate_images(_paired, task.leftDifferences, BLUR_RIDGE, threads);
+    _relation = relate_images(_paired, _differences, BLUR_RIDGE, threads);
     _gain.assign(field.parallax.width(), field.parallax.height());
     for (int y = 0; y < _gain.height(); ++y)
         for (int x = 0; x < _gain.width(); ++x)
@@ -28,7 +29,7 @@ void SurfaceFit::find_steps(const SubPixelTask& task, const SurfacePrior& prior,
                             const ParallaxField& field, int threads, Raster<float>& step) {
     if (!_isPaired) pair_images(task, field, threads, _paired);
     _isPaired = false;
-    gather_evidence({_paired, task.leftDifferences, _relation, _gain, task.sample, outlier}, threads, _evidence);
+    gather_evidence({_paired, _differences, _relation, _gain, task.sample, outlier}, threads, _evidence);
     solve_surface(_evidence, prior, field.parallax, threads, step, _gain);
 }
 

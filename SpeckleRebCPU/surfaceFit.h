@@ -19,6 +19,7 @@ public:
                     int threads, Raster<float>& step);
 
 private:
+    SecondDifferences _differences;  ///< of the left image
     PairedImage _paired;
     ImageRelation _relation;
     SlotEvidence _evidence;

@@ -202,8 +202,9 @@ private:
 
     // ---- conjugate gradients -------------------------------------------------------------------------------
 
-    /// The system times the unknowns, where `bent` is what bends: the steps, or the surface with them.
-    void multiply(const Unknowns& unknowns, const TileRows& bent, Unknowns& product) {
+    /// The system times the unknowns, where `bent` is what bends: the steps, or the surface with them. Returns the
+    /// product of both.
+    float multiply(const Unknowns& unknowns, const TileRows& bent, Unknowns& product) {
         for_each_vector([&](int y, int x) {
             const float *at = bent.row(y) + x, *gain = unknowns.gain.row(y) + x;
             store(hn::Mul(load(_weightX.row(y) + x), bend_along_x(at)), _bendX.row(y) + x);
@@ -213,6 +214,7 @@ private:
             store(hn::Mul(load(_gainX.row(y) + x), hn::Sub(load(gain + 1), own)), _riseX.row(y) + x);
             store(hn::Mul(load(_gainY.row(y) + x), hn::Sub(load(gain + _stride), own)), _riseY.row(y) + x);
         });
+        auto curvature = hn::Zero(FloatTag());
         for_each_vector([&](int y, int x) {
             const float* mixed = _bendMixed.row(y) + x;
             const auto bends = hn::Add(bend_along_x(_bendX.row(y) + x), bend_along_y(_bendY.row(y) + x));
@@ -223,12 +225,15 @@ private:
                 hn::Add(hn::Sub(load(riseX - 1), load(riseX)), hn::Sub(load(riseY - _stride), load(riseY)));
             const auto step = load(unknowns.step.row(y) + x), gain = load(unknowns.gain.row(y) + x);
             const auto coupling = load(_stepGain.row(y) + x);
-            store(hn::Add(hn::Add(bends, twists),
-                          hn::Add(hn::Mul(load(_stepStep.row(y) + x), step), hn::Mul(coupling, gain))),
-                  product.step.row(y) + x);
-            store(hn::Add(rises, hn::Add(hn::Mul(coupling, step), hn::Mul(load(_gainGain.row(y) + x), gain))),
-                  product.gain.row(y) + x);
+            const auto stepProduct = hn::Add(
+                hn::Add(bends, twists), hn::Add(hn::Mul(load(_stepStep.row(y) + x), step), hn::Mul(coupling, gain)));
+            const auto gainProduct =
+                hn::Add(rises, hn::Add(hn::Mul(coupling, step), hn::Mul(load(_gainGain.row(y) + x), gain)));
+            store(stepProduct, product.step.row(y) + x);
+            store(gainProduct, product.gain.row(y) + x);
+            curvature = hn::Add(curvature, hn::Add(hn::Mul(step, stepProduct), hn::Mul(gain, gainProduct)));
         });
+        return sum_of(curvature);
     }
 
     void start() {
@@ -271,16 +276,7 @@ private:
     void advance() {
         const FloatTag d;
         if (!(_squares > 0.0F)) return;
-        multiply(_direction, _direction.step, _product);
-        auto curvature = hn::Zero(d);
-        for_each_vector([&](int y, int x) {
-            const auto add = [&](const TileRows& direction, const TileRows& product) {
-                curvature = hn::Add(curvature, hn::Mul(load(direction.row(y) + x), load(product.row(y) + x)));
-            };
-            add(_direction.step, _product.step);
-            add(_direction.gain, _product.gain);
-        });
-        const float curved = sum_of(curvature);
+        const float curved = multiply(_direction, _direction.step, _product);
         if (!(curved > 0.0F)) return;
         const auto length = hn::Set(d, _squares / curved);
         auto squares = hn::Zero(d);

@@ -123,9 +123,7 @@ void sub_pixel_matching(benchmark::State& state) {
             field.parallax.at(x, y) = true_parallax(2.0F * static_cast<float>(x), 2.0F * static_cast<float>(y)) + 0.2F;
     fit_facets({2, 1, 1.2F, 0.5F, 0.5F, 0.057F}, 2, default_thread_number(), field);
     const auto window = static_cast<int>(state.range(0));
-    SecondDifferences differences;
-    find_second_differences(speckle_pair().left, default_thread_number(), differences);
-    const SubPixelTask task{speckle_pair().left, speckle_pair().right, all, differences, 2, window, window};
+    const SubPixelTask task{speckle_pair().left, speckle_pair().right, all, 2, window, window};
     Raster<float> step, score;
     for (auto _ : state) find_sub_pixel_steps(task, field, default_thread_number(), step, score);
     state.SetItemsProcessed(state.iterations() * static_cast<std::int64_t>(step.size()));

@@ -1,0 +1,19 @@
+// The curvature of grey values.
+#pragma once
+
+#include <cstdint>
+
+#include "SpeckleRebCPU/Raster.h"
+
+namespace VexelAlgorithm {
+
+/// Second differences of an image in both directions, each the difference of two binomial filters, 1 4 6 4 1 less
+/// 1 2 1, smoothed by 1 4 6 4 1 in the other direction: a quarter of the second derivative. Sixteenths of grey values;
+/// the border of the image is repeated; rows are padded to multiples of `multiple`.
+struct SecondDifferences {
+    Raster<std::int16_t> alongX;
+    Raster<std::int16_t> alongY;
+};
+void find_second_differences(const GreyImage& image, int multiple, int threads, SecondDifferences& differences);
+
+}  // namespace VexelAlgorithm

@@ -52,8 +52,7 @@ constexpr float FIT_NOISE = 3.0F;                // grey values: of the sensor, 
 constexpr float FIT_BEND = 0.065F;               // pixels, from slot to slot to slot
 constexpr float FIT_CREASE = 0.015F;
 constexpr float FIT_GAIN_STEP = 0.02F;
-constexpr int FIT_ROUNDS = 2;
-constexpr int FIT_ITERATIONS = 15;
+constexpr int FIT_ITERATIONS = 20;
 constexpr float LARGEST_KINK = 0.75F;  // pixels a pixel
 constexpr int FIT_CLIPPED_GREY = 240;
 // What a score may lie below the median of the frame. How well images can agree differs from device to device; within a
@@ -409,7 +408,6 @@ void SpeckleRebCpu::fit_surface() {
                              jump,
                              LARGEST_KINK * static_cast<float>(_param.sampleRatio),
                              FIT_GAIN_STEP * slot,
-                             FIT_ROUNDS,
                              FIT_ITERATIONS};
     const Mask cover = without_clipped(_remap.left, _cover.left, FIT_CLIPPED_GREY, _threads);
     SubPixelTask task = sub_pixel_task(cover);

@@ -29,8 +29,8 @@ struct SurfaceTask {
 struct Tile {
     int x, y;  ///< its first slot
 };
-// With what belongs to it, a tile takes some 700 KB.
-constexpr int TILE_WIDTH = 112, TILE_HEIGHT = 32;  // slots
+// With what belongs to it, a tile takes some 900 KB, of which the gradients need two thirds.
+constexpr int TILE_WIDTH = 112, TILE_HEIGHT = 48;  // slots
 constexpr int TILE_OVERLAP = 8;                    // to each side
 
 }  // namespace VexelAlgorithm
@@ -59,13 +59,12 @@ FloatVec second_difference(const float* values, std::ptrdiff_t stride) {
 /// Values of the tile's slots with empty ones around, so that neighbours need no bounds.
 class TileRows {
 public:
-    void assign(std::size_t stride, std::size_t rows) {
+    void assign(std::size_t stride, std::size_t rows, float value) {
         _stride = stride;
-        _values.assign(stride * rows, 0.0F);
+        _values.assign(stride * rows, value);
     }
     float* row(int y) { return _values.data() + static_cast<std::size_t>(y + 1) * _stride + MARGIN; }
     const float* row(int y) const { return _values.data() + static_cast<std::size_t>(y + 1) * _stride + MARGIN; }
-    void clear() { std::fill(_values.begin(), _values.end(), 0.0F); }
 
     static constexpr std::size_t MARGIN = 16;
 
@@ -84,23 +83,19 @@ public:
     explicit TileSolver(const SurfaceTask& task) : _task(task) {
         const std::size_t lanes = hn::Lanes(FloatTag()), width = TILE_WIDTH + 2 * TILE_OVERLAP;
         _stride = static_cast<std::ptrdiff_t>((width + lanes - 1) / lanes * lanes + 2 * TileRows::MARGIN);
-        for_all_rows([&](TileRows& rows) {
-            rows.assign(static_cast<std::size_t>(_stride), TILE_HEIGHT + 2 * TILE_OVERLAP + 2);
-        });
     }
 
     /// Leaves the result for the slots of the tile, from the tile and what it overlaps with.
     void solve(int tileX, int tileY) {
         const Raster<float>& parallax = _task.parallax;
         _left = std::max(0, tileX - TILE_OVERLAP), _top = std::max(0, tileY - TILE_OVERLAP);
-        _width = std::min(parallax.width(), tileX + TILE_WIDTH + TILE_OVERLAP) - _left;
-        _height = std::min(parallax.height(), tileY + TILE_HEIGHT + TILE_OVERLAP) - _top;
+        resize(std::min(parallax.width(), tileX + TILE_WIDTH + TILE_OVERLAP) - _left,
+               std::min(parallax.height(), tileY + TILE_HEIGHT + TILE_OVERLAP) - _top);
         if (!load_slots()) return;
-        for (int round = 0; round < _task.prior.rounds; ++round) {
-            weigh_bends();
-            start();
-            for (int i = 0; i < _task.prior.iterations; ++i) advance();
-        }
+        join_slots();
+        weigh_bends();
+        start();
+        for (int i = 0; i < _task.prior.iterations; ++i) advance();
         const int right = std::min(tileX + TILE_WIDTH, parallax.width());
         for (int y = tileY; y < std::min(tileY + TILE_HEIGHT, parallax.height()); ++y) {
             std::copy_n(_found.step.row(y - _top) + tileX - _left, right - tileX, _task.step.row(y) + tileX);
@@ -109,14 +104,20 @@ public:
     }
 
 private:
-    template <class Action>
-    void for_all_rows(const Action& action) {
+    /// All rows are zero or empty beyond the slots.
+    void resize(int width, int height) {
+        if (width == _width && height == _height) return;
+        _width = width, _height = height;
+        const auto assign = [&](TileRows& rows, float value) {
+            rows.assign(static_cast<std::size_t>(_stride), TILE_HEIGHT + 2 * TILE_OVERLAP + 2, value);
+        };
         for (TileRows* rows :
              {&_base, &_surface, &_stepStep, &_stepGain, &_gainGain, &_alongX, &_alongY, &_mixed, &_weightX, &_weightY,
               &_weightMixed, &_gainX, &_gainY, &_bendX, &_bendY, &_bendMixed, &_riseX, &_riseY})
-            action(*rows);
+            assign(*rows, 0.0F);
         for (Unknowns* unknowns : {&_evidence, &_found, &_rest, &_direction, &_product, &_inverse})
-            action(unknowns->step), action(unknowns->gain);
+            assign(unknowns->step, 0.0F), assign(unknowns->gain, 0.0F);
+        assign(_parallax, NO_PARALLAX);
     }
 
     template <class Body>
@@ -125,46 +126,55 @@ private:
             for (int x = 0; x < _width; x += static_cast<int>(hn::Lanes(FloatTag()))) body(y, x);
     }
 
-    float parallax(int x, int y) const {
-        return x >= 0 && y >= 0 && x < _width && y < _height ? _task.parallax.at(_left + x, _top + y) : NO_PARALLAX;
-    }
-    bool is_near(float one, float other) const { return std::abs(one - other) <= _task.prior.jump; }
-    bool is_bend(float before, float own, float behind) const {
-        return is_near(before, own) && is_near(own, behind) &&
-               std::abs(before + behind - 2.0F * own) <= _task.prior.kink;
+    /// What the tile's slots bring with them; false when it is empty.
+    bool load_slots() {
+        const SlotEvidence& evidence = _task.evidence;
+        const std::pair<const Raster<float>*, TileRows*> loaded[] = {
+            {&_task.parallax, &_parallax},    {&evidence.stepStep, &_stepStep},  {&evidence.stepGain, &_stepGain},
+            {&evidence.gainGain, &_gainGain}, {&evidence.step, &_evidence.step}, {&evidence.gain, &_evidence.gain},
+            {&_task.gain, &_found.gain}};
+        for (const auto& [source, rows] : loaded)
+            for (int y = 0; y < _height; ++y) std::copy_n(source->row(_top + y) + _left, _width, rows->row(y));
+        for (int y = 0; y < _height; ++y)
+            if (std::any_of(_parallax.row(y), _parallax.row(y) + _width, has_parallax)) return true;
+        return false;
     }
 
-    /// What stays, and where the search begins; false when the tile is empty.
-    bool load_slots() {
-        for_all_rows([](TileRows& rows) { rows.clear(); });
+    /// Empty slots take no part; neighbours on one surface bend together. NaN is near nothing.
+    void join_slots() {
         const SurfacePrior& prior = _task.prior;
-        const SlotEvidence& evidence = _task.evidence;
-        const float certainty = 1.0F / (prior.noise * prior.noise), evenness = 1.0F / (prior.gainStep * prior.gainStep);
-        bool isEmpty = true;
-        for (int y = 0; y < _height; ++y)
-            for (int x = 0; x < _width; ++x) {
-                const float own = parallax(x, y);
-                if (!has_parallax(own)) continue;
-                isEmpty = false;
-                const int u = _left + x, v = _top + y;
-                _stepStep.row(y)[x] = certainty * evidence.stepStep.at(u, v);
-                _stepGain.row(y)[x] = certainty * evidence.stepGain.at(u, v);
-                _gainGain.row(y)[x] = certainty * evidence.gainGain.at(u, v);
-                _evidence.step.row(y)[x] = certainty * evidence.step.at(u, v);
-                _evidence.gain.row(y)[x] = certainty * evidence.gain.at(u, v);
-                _base.row(y)[x] = own;
-                _found.gain.row(y)[x] = _task.gain.at(u, v);
-                const float behind = parallax(x + 1, y), below = parallax(x, y + 1), corner = parallax(x + 1, y + 1);
-                _alongX.row(y)[x] = is_bend(parallax(x - 1, y), own, behind) ? 1.0F : 0.0F;
-                _alongY.row(y)[x] = is_bend(parallax(x, y - 1), own, below) ? 1.0F : 0.0F;
-                const bool isRightNear = is_near(own, behind), isLowerNear = is_near(own, below);
-                const bool isWhole = isRightNear && isLowerNear && is_near(corner, behind) && is_near(corner, below) &&
-                                     std::abs(own + corner - behind - below) <= prior.kink;
-                _mixed.row(y)[x] = isWhole ? 2.0F : 0.0F;
-                _gainX.row(y)[x] = isRightNear ? evenness : 0.0F;
-                _gainY.row(y)[x] = isLowerNear ? evenness : 0.0F;
-            }
-        return !isEmpty;
+        const FloatTag d;
+        const auto jump = hn::Set(d, prior.jump), kink = hn::Set(d, prior.kink), zero = hn::Zero(d);
+        const auto one = hn::Set(d, 1.0F), two = hn::Set(d, 2.0F);
+        const auto evenness = hn::Set(d, prior.noise * prior.noise / (prior.gainStep * prior.gainStep));
+        const auto is_within = [](FloatVec difference, FloatVec limit) { return hn::Le(hn::Abs(difference), limit); };
+        for_each_vector([&](int y, int x) {
+            const float* at = _parallax.row(y) + x;
+            const auto own = load(at), behind = load(at + 1), below = load(at + _stride);
+            const auto corner = load(at + _stride + 1);
+            const auto isFull = hn::Eq(own, own);
+            const auto keep = [&](TileRows& rows) {
+                store(hn::IfThenElseZero(isFull, load(rows.row(y) + x)), rows.row(y) + x);
+            };
+            for (TileRows* rows : {&_stepStep, &_stepGain, &_gainGain, &_evidence.step, &_evidence.gain, &_found.gain})
+                keep(*rows);
+            store(zero, _found.step.row(y) + x);
+            store(hn::IfThenElseZero(isFull, own), _base.row(y) + x);
+            const auto isRightNear = is_within(hn::Sub(behind, own), jump);
+            const auto isLowerNear = is_within(hn::Sub(below, own), jump);
+            const auto bends = [&](const float* before, hn::Mask<FloatTag> isBehindNear, FloatVec bend) {
+                const auto isNear = hn::And(is_within(hn::Sub(load(before), own), jump), isBehindNear);
+                return hn::IfThenElseZero(hn::And(isNear, is_within(bend, kink)), one);
+            };
+            store(bends(at - 1, isRightNear, bend_along_x(at)), _alongX.row(y) + x);
+            store(bends(at - _stride, isLowerNear, bend_along_y(at)), _alongY.row(y) + x);
+            const auto isCornerNear =
+                hn::And(is_within(hn::Sub(corner, behind), jump), is_within(hn::Sub(corner, below), jump));
+            const auto isWhole = hn::And(hn::And(isRightNear, isLowerNear), isCornerNear);
+            store(hn::IfThenElseZero(hn::And(isWhole, is_within(mixed_bend(at), kink)), two), _mixed.row(y) + x);
+            store(hn::IfThenElseZero(isRightNear, evenness), _gainX.row(y) + x);
+            store(hn::IfThenElseZero(isLowerNear, evenness), _gainY.row(y) + x);
+        });
     }
 
     // ---- bends ---------------------------------------------------------------------------------------------
@@ -179,7 +189,8 @@ private:
     void weigh_bends() {
         const SurfacePrior& prior = _task.prior;
         const FloatTag d;
-        const auto stiffness = hn::Set(d, 1.0F / (prior.bend * prior.bend)), one = hn::Set(d, 1.0F);
+        const auto stiffness = hn::Set(d, prior.noise * prior.noise / (prior.bend * prior.bend)),
+                   one = hn::Set(d, 1.0F);
         const auto crease = hn::Set(d, 1.0F / (prior.crease * prior.crease));
         const auto weigh = [&](const float* share, FloatVec bend, float* weight) {
             const auto creased = hn::Sqrt(hn::Add(one, hn::Mul(crease, hn::Mul(bend, bend))));
@@ -310,6 +321,7 @@ private:
     const SurfaceTask& _task;
     int _left = 0, _top = 0, _width = 0, _height = 0;
     std::ptrdiff_t _stride = 0;
+    TileRows _parallax;        ///< NaN for empty slots
     TileRows _base, _surface;  ///< parallaxes before, and with the steps
     TileRows _stepStep, _stepGain, _gainGain;
     TileRows _alongX, _alongY, _mixed;          ///< 1 or 2 where the slots of a bend lie on one surface, else 0

@@ -13,8 +13,7 @@ struct SurfacePrior {
     float jump;      ///< pixels between neighbours beyond which they belong to different surfaces
     float kink;      ///< pixels: no second difference of one surface is larger
     float gainStep;  ///< difference of the gain from slot to slot, root mean square
-    int rounds;      ///< new weights of bends, ...
-    int iterations;  ///< ... and conjugate gradients with each of them
+    int iterations;  ///< conjugate gradients
 };
 
 /// The parallaxes and gains that are most likely in the light of the evidence when the surface bends little, mostly,
@@ -24,11 +23,12 @@ struct SurfacePrior {
 ///         + sum (differences of the gain)^2 / gainStep^2
 ///
 /// with second differences along rows, columns and, doubly, mixed ones (the bent plate of B. Horn and W. Grimson), and
-/// creased(b) = 2 crease (sqrt(crease^2 + b^2) - crease), by iteratively re-weighted least squares (P. Charbonnier et
-/// al., "Deterministic edge-preserving regularization in computed imaging", 1997). Determining all of a neighbourhood
-/// at once, instead of moving a window over it, keeps a window's confusion of shape and pattern out (global image
-/// correlation: G. Besnard, F. Hild and S. Roux, 2006). Solved by conjugate gradients with the diagonal as
-/// preconditioner, in overlapping tiles that fit into the cache.
+/// creased(b) = 2 crease (sqrt(crease^2 + b^2) - crease), whose weights are those of the present
+/// parallaxes: iteratively re-weighted least squares over several calls (P. Charbonnier et al., "Deterministic
+/// edge-preserving regularization in computed imaging", 1997). Determining all of a neighbourhood at once, instead of
+/// moving a window over it, keeps a window's confusion of shape and pattern out (global image correlation: G. Besnard,
+/// F. Hild and S. Roux, 2006). Solved by conjugate gradients with the diagonal as preconditioner, in overlapping tiles
+/// that fit into the cache.
 ///
 /// `step`: what is to be added to the parallaxes, pixels, 0 for empty slots. `gain`: those that the evidence was
 /// gathered with, and the new ones.

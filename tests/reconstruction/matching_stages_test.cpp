@@ -8,38 +8,10 @@
 #include "SpeckleRebCPU/windowPairs.h"
 #include "tests/common.h"
 #include "tests/reconstruction/plainStages.h"
+#include "tests/reconstruction/testImages.h"
 
 namespace VexelAlgorithm {
 namespace {
-
-GreyImage noise_image(int width, int height, unsigned seed, int smoothing = 1) {
-    std::mt19937 random(seed);
-    Raster<int> raw(width + 8, height + 8);
-    for (std::size_t i = 0; i < raw.size(); ++i) raw[i] = static_cast<int>(random() % 256);
-    GreyImage image(width, height);
-    for (int y = 0; y < height; ++y)
-        for (int x = 0; x < width; ++x) {
-            int sum = 0;
-            for (int dy = 0; dy < smoothing; ++dy)
-                for (int dx = 0; dx < smoothing; ++dx) sum += raw.at(x + dx, y + dy);
-            image.at(x, y) = static_cast<std::uint8_t>(sum / (smoothing * smoothing));
-        }
-    return image;
-}
-
-GreyImage shifted(const GreyImage& image, int by) {
-    GreyImage result(image.width(), image.height());
-    for (int y = 0; y < image.height(); ++y)
-        for (int x = 0; x < image.width(); ++x) result.at(x, y) = image.at(std::clamp(x - by, 0, image.width() - 1), y);
-    return result;
-}
-
-Mask random_mask(int width, int height, unsigned seed, int percent) {
-    std::mt19937 random(seed);
-    Mask mask(width, height);
-    for (std::size_t i = 0; i < mask.size(); ++i) mask[i] = static_cast<int>(random() % 100) < percent ? 1 : 0;
-    return mask;
-}
 
 TEST(MatchingStages, SampledImageIsTheSmoothedOne) {
     for (const int ratio : {1, 2, 3, 5}) {
@@ -164,22 +136,6 @@ TEST(MatchingStages, BestAtTheEndsOfTheListIsNoMatch) {
     EXPECT_FALSE(match_pixels({left, right, all, all, 4, 5, 0, 9, {0, 60, 0, 15}}, 1, position, score));
 }
 
-ParallaxField slanted_field(int width, int height, int sample, double noise) {
-    std::mt19937 random(8);
-    std::normal_distribution<double> error(0.0, 1.0);
-    ParallaxField field;
-    field.assign(width, height);
-    for (int y = 0; y < height; ++y)
-        for (int x = 0; x < width; ++x) {
-            if (random() % 20 == 0) continue;
-            field.parallax.at(x, y) =
-                static_cast<float>(4.0 + 0.15 * x * sample - 0.05 * y * sample + noise * error(random));
-            field.slopeX.at(x, y) = 0.15F;
-            field.slopeY.at(x, y) = -0.05F;
-        }
-    return field;
-}
-
 using Slots = std::set<std::pair<int, int>>;
 
 Slots removed_by(const std::function<void(ParallaxField&)>& filter, ParallaxField field) {
@@ -213,9 +169,7 @@ TEST(MatchingStages, SubPixelStepsAreThoseOfSingleWindows) {
                 ASSERT_EQ(cover.at(x, y), unclipped >= 0.6 * all ? 2 : 1) << x << ' ' << y;
             }
         const ParallaxField field = slanted_field(95 / sample, 53 / sample, sample, 0.4);
-        SecondDifferences differences;
-        find_second_differences(left, 2, differences);
-        const SubPixelTask task{left, right, cover, differences, sample, 11, 7};
+        const SubPixelTask task{left, right, cover, sample, 11, 7};
         Raster<float> step, score, other;
         find_sub_pixel_steps(task, field, 1, step, score);
         find_sub_pixel_steps(task, field, 3, other, score);

@@ -128,9 +128,35 @@ inline double second_difference(const GreyImage& image, int x, int y, bool along
     return sum;
 }
 
-/// The least-squares step of one slot: g + step d = gain f + blurX u + blurY v + offset over the weighted window.
+struct Pair {
+    double f, d, g;
+};
+/// A left pixel, and the right image where the facet of its slot predicts it: derivative and grey value.
+inline std::optional<Pair> pair_at(const SubPixelTask& task, const ParallaxField& field, int x, int y) {
+    const int s = task.sample;
+    if (!task.left.contains(x, y) || task.leftCover.at(x, y) == 0) return std::nullopt;
+    const int sx = (x + s / 2) / s, sy = std::min((y + s / 2) / s, field.parallax.height() - 1);
+    if (sx >= field.parallax.width() || !has_parallax(field.parallax.at(sx, sy))) return std::nullopt;
+    const double position =
+        x + field.parallax.at(sx, sy) + field.slopeX.at(sx, sy) * (x - sx * s) + field.slopeY.at(sx, sy) * (y - sy * s);
+    if (position < 1 || position >= task.left.width() - 2) return std::nullopt;
+    const int column = static_cast<int>(position);
+    const double t = position - column;
+    const auto p = [&](int k) -> double { return task.right.at(column + k, y); };
+    const double own = task.left.at(x, y);
+    if (task.leftCover.at(x, y) == 2 && std::max({own, p(-1), p(0), p(1), p(2)}) >= task.clippedGrey)
+        return std::nullopt;
+    // Catmull and Rom's spline, from its basis functions.
+    return Pair{own,
+                0.5 * (p(-1) * (-1 + 4 * t - 3 * t * t) + p(0) * (-10 * t + 9 * t * t) +
+                       p(1) * (1 + 8 * t - 9 * t * t) + p(2) * (-2 * t + 3 * t * t)),
+                0.5 * (p(-1) * (-t + 2 * t * t - t * t * t) + p(0) * (2 - 5 * t * t + 3 * t * t * t) +
+                       p(1) * (t + 4 * t * t - 3 * t * t * t) + p(2) * (-t * t + t * t * t))};
+}
+
+/// The least-squares step of one slot: g + step d = gain f + offset over the weighted window.
 inline std::optional<Step> sub_pixel_step(const SubPixelTask& task, const ParallaxField& field, int slotX, int slotY) {
-    const int s = task.sample, width = task.left.width();
+    const int s = task.sample;
     const SubPixelWeights shape = sub_pixel_weights(task);
     const auto weight_of = [&](int x, int y) {
         double weight = 0;
@@ -144,37 +170,19 @@ inline std::optional<Step> sub_pixel_step(const SubPixelTask& task, const Parall
             }
         return weight;
     };
-    Eigen::Matrix<double, 6, 6> normal = Eigen::Matrix<double, 6, 6>::Zero();  // of 1, f, u, v, d, g
-    for (int y = slotY * s - task.windowHeight / 2; y <= slotY * s + task.windowHeight / 2; ++y) {
+    Eigen::Matrix4d normal = Eigen::Matrix4d::Zero();  // of 1, f, d, g
+    for (int y = slotY * s - task.windowHeight / 2; y <= slotY * s + task.windowHeight / 2; ++y)
         for (int x = slotX * s - task.windowWidth / 2; x <= slotX * s + task.windowWidth / 2; ++x) {
-            if (!task.left.contains(x, y) || task.leftCover.at(x, y) == 0) continue;
-            const int sx = (x + s / 2) / s, sy = std::min((y + s / 2) / s, field.parallax.height() - 1);
-            if (sx >= field.parallax.width() || !has_parallax(field.parallax.at(sx, sy))) continue;
-            const double position = x + field.parallax.at(sx, sy) + field.slopeX.at(sx, sy) * (x - sx * s) +
-                                    field.slopeY.at(sx, sy) * (y - sy * s);
-            if (position < 1 || position >= width - 2) continue;
-            const int column = static_cast<int>(position);
-            const double t = position - column;
-            const auto p = [&](int k) -> double { return task.right.at(column + k, y); };
-            if (task.leftCover.at(x, y) == 2 && std::max({double(task.left.at(x, y)), p(0), p(1)}) >= CLIPPED_GREY)
-                continue;
-            // Catmull and Rom's spline, from its basis functions.
-            const double g = 0.5 * (p(-1) * (-t + 2 * t * t - t * t * t) + p(0) * (2 - 5 * t * t + 3 * t * t * t) +
-                                    p(1) * (t + 4 * t * t - 3 * t * t * t) + p(2) * (-t * t + t * t * t));
-            const double d = 0.5 * (p(-1) * (-1 + 4 * t - 3 * t * t) + p(0) * (-10 * t + 9 * t * t) +
-                                    p(1) * (1 + 8 * t - 9 * t * t) + p(2) * (-2 * t + 3 * t * t));
-            Eigen::Matrix<double, 6, 1> row;
-            row << 1.0, task.left.at(x, y), second_difference(task.left, x, y, true),
-                second_difference(task.left, x, y, false), d, g;
+            const std::optional<Pair> pair = pair_at(task, field, x, y);
+            if (!pair) continue;
+            const Eigen::Vector4d row(1.0, pair->f, pair->d, pair->g);
             normal += weight_of(x, y) * row * row.transpose();
         }
-    }
     if (normal(0, 0) < shape.fewest) return std::nullopt;
     const auto covariance = [&](int a, int b) { return normal(a, b) - normal(0, a) * normal(0, b) / normal(0, 0); };
-    if (covariance(1, 1) < 1e-9 || covariance(5, 5) < 1e-9 || covariance(4, 4) < 1e-9) return std::nullopt;
-    const Eigen::Matrix<double, 5, 1> solution =
-        normal.topLeftCorner<5, 5>().ldlt().solve(normal.topRightCorner<5, 1>());
-    return Step{-solution[4], covariance(1, 5) / std::sqrt(covariance(1, 1) * covariance(5, 5))};
+    if (covariance(1, 1) < 1e-9 || covariance(3, 3) < 1e-9 || covariance(2, 2) < 1e-9) return std::nullopt;
+    const Eigen::Vector3d solution = normal.topLeftCorner<3, 3>().ldlt().solve(normal.topRightCorner<3, 1>());
+    return Step{-solution[2], covariance(1, 3) / std::sqrt(covariance(1, 1) * covariance(3, 3))};
 }
 
 /// The facet of one slot: a weighted quadric whose curvature is shrunk. Parallax and slopes.

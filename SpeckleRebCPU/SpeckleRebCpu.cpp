@@ -91,6 +91,9 @@ constexpr float WIDE_FACET_NOISE = 0.03F;
 constexpr float NARROW_FACET_NOISE = 0.057F;
 constexpr float NORMAL_NOISE = 0.035F;
 
+constexpr std::size_t SLOT_GRAIN = 8192;
+constexpr std::size_t ROW_GRAIN = 16;
+
 /// The parallax search range in sampled pixels, no wider than the image is.
 std::pair<int, int> sampled_range(const Vector2i& range, int sample, int width) {
     const int begin = static_cast<int>(std::floor(static_cast<double>(range(0)) / sample));
@@ -388,9 +391,11 @@ void SpeckleRebCpu::measure_scores() {
 }
 
 void SpeckleRebCpu::move_parallaxes(float largestStep) {
-    for (std::size_t i = 0; i < _step.size(); ++i)
-        if (has_parallax(_step[i]) && has_parallax(_objDepthRange.field().parallax[i]))
-            _objDepthRange.move_parallax(i, std::clamp(_step[i], -largestStep, largestStep));
+    parallel_ranges(_threads, _step.size(), SLOT_GRAIN, [&](std::size_t begin, std::size_t end) {
+        for (std::size_t i = begin; i < end; ++i)
+            if (has_parallax(_step[i]) && has_parallax(_objDepthRange.field().parallax[i]))
+                _objDepthRange.move_parallax(i, std::clamp(_step[i], -largestStep, largestStep));
+    });
 }
 
 SubPixelTask SpeckleRebCpu::sub_pixel_task(const Mask& cover) const {
@@ -434,14 +439,17 @@ void SpeckleRebCpu::drop_uncorrelated() {
         const float ends = parallax.at(x - dx, y - dy) + parallax.at(x + dx, y + dy);
         return std::abs(ends - 2.0F * parallax.at(x, y)) <= LARGEST_BEND;
     };
-    for (int y = 0; y < parallax.height(); ++y) {
-        for (int x = 0; x < parallax.width(); ++x) {
-            const float score = field.score.at(x, y);
-            const bool isGood =
-                score >= limit || (score >= SMALLEST_SCORE && is_even(x, y, reach, 0) && is_even(x, y, 0, reach));
-            if (!isGood || !(std::abs(_step.at(x, y)) <= LARGEST_STEP)) field.parallax.at(x, y) = NO_PARALLAX;
-        }
-    }
+    const auto is_good = [&](int x, int y) {
+        const float score = field.score.at(x, y);
+        return std::abs(_step.at(x, y)) <= LARGEST_STEP &&
+               (score >= limit || (score >= SMALLEST_SCORE && is_even(x, y, reach, 0) && is_even(x, y, 0, reach)));
+    };
+    parallel_ranges(_threads, static_cast<std::size_t>(parallax.height()), ROW_GRAIN,
+                    [&](std::size_t begin, std::size_t end) {
+                        for (int y = static_cast<int>(begin); y < static_cast<int>(end); ++y)
+                            for (int x = 0; x < parallax.width(); ++x)
+                                if (!is_good(x, y)) field.parallax.at(x, y) = NO_PARALLAX;
+                    });
 }
 
 float SpeckleRebCpu::median_score() const {

@@ -246,8 +246,9 @@ Relation solved(const Eigen::Matrix<double, RELATION_PRODUCTS, 1>& sums, double 
 
 }  // namespace
 
-void SlotEvidence::assign(int width, int height) {
-    for (Raster<float>* sums : {&stepStep, &stepGain, &gainGain, &step, &gain}) sums->assign(width, height);
+void SlotEvidence::resize(int width, int height) {
+    for (Raster<float>* sums : {&stepStep, &stepGain, &gainGain, &step, &gain})
+        if (sums->width() != width || sums->height() != height) sums->assign(width, height);
 }
 
 void pair_images(const SubPixelTask& task, const ParallaxField& field, int threads, PairedImage& paired) {
@@ -301,7 +302,7 @@ ImageRelation relate_images(const PairedImage& paired, const SecondDifferences& 
 }
 
 void gather_evidence(const EvidenceTask& task, int threads, SlotEvidence& evidence) {
-    evidence.assign(task.gain.width(), task.gain.height());
+    evidence.resize(task.gain.width(), task.gain.height());
     parallel_ranges(threads, static_cast<std::size_t>(task.gain.height()), ROW_GRAIN,
                     [&](std::size_t begin, std::size_t end) {
                         HWY_DYNAMIC_DISPATCH(gather_rows)

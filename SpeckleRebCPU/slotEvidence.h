@@ -30,7 +30,8 @@ struct SlotEvidence {
     Raster<float> stepStep, stepGain, gainGain;
     Raster<float> step, gain;
 
-    void assign(int width, int height);
+    /// Values of the same size stay as they are.
+    void resize(int width, int height);
 };
 
 void pair_images(const SubPixelTask& task, const ParallaxField& field, int threads, PairedImage& paired);

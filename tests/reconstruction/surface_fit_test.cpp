@@ -162,7 +162,7 @@ TEST(SurfaceFit, SolvedSurfaceIsTheMinimum) {
     std::normal_distribution<float> noise(0.0F, 1.0F);
     Raster<float> parallax(width, height), gain(width, height);
     SlotEvidence evidence;
-    evidence.assign(width, height);
+    evidence.resize(width, height);
     for (int y = 0; y < height; ++y)
         for (int x = 0; x < width; ++x) {
             const auto u = static_cast<float>(x), v = static_cast<float>(y);

@@ -74,7 +74,11 @@ void DepthRange::move_intervals(float margin) {
         const float parallax = _vecParallax.parallax[i];
         if (!has_parallax(parallax)) continue;
         const double depth = _geometry.depth_of(parallax);
-        if (!(depth > _near[i] && depth < _far[i])) set_interval(i, parallax, margin);
+        if (!is_in_front(depth)) {
+            _vecParallax.clear_slot(i);
+        } else if (!(depth > _near[i] && depth < _far[i])) {
+            set_interval(i, parallax, margin);
+        }
     }
 }
 

@@ -22,10 +22,11 @@ struct RebParam {
     /// column x is looked for at right columns c from x + first on, below x + last.
     Vector2i findRange{-128, 128};
     Vector2i pixMatchWin{11, 11};  ///< width, height, odd, 3 to 63; pixels of the sampled image
-    /// Width, height, odd, 3 to 63; pixels of the full-size image. Noise falls with the window. Up to 13 pixels its
-    /// smoothing of the surface is undone as far as the noise allows. A larger window means smooth surfaces: the result
-    /// is then the mean over what it is larger, which is off by q w^2 / 24 over w columns where the parallax curves by
-    /// q pixels per squared pixel.
+    /// Width, height, odd, 3 to 63; pixels of the full-size image. Noise falls with the window, detail too: the smaller
+    /// side says how stiff the fitted surface is (a plate that smooths over as much has a stiffness that grows with the
+    /// fourth power). Larger than 13 pixels stands for smooth surfaces: the result is then also averaged over what the
+    /// window is larger, which is off by q w^2 / 24 over w columns where the parallax curves by q pixels per squared
+    /// pixel.
     Vector2i subPixMatchWin{13, 13};
     Vector4i imageRange{0, 1280, 0, 1024};  ///< xBegin, xEnd, yBegin, yEnd: processed rectangle, full-size pixels
     /// Camera vectors of 22 values: fx, fy, cx, cy, alpha, k1, k2, p1, p2, k3, translation, rotation row by row.

@@ -46,12 +46,12 @@ constexpr float FACET_SIGMA = 0.5F;  // windows
 constexpr int LARGEST_SHARP_WINDOW = 13;
 constexpr float FACET_TOLERANCE = 0.5F;
 constexpr float FACET_SLOPE_TOLERANCE = 0.1F;
-// The whole surface: squares of 2 x 2 pixels, windows of 13.
+// The fit of the whole surface, for slots of 2 x 2 pixels and windows of 13; others are scaled from there.
 constexpr float FIT_OUTLIERS[] = {20.0F, 8.0F};  // grey values, of one fit after the other
 constexpr float FIT_NOISE = 3.0F;                // grey values: of the sensor, and what no model explains
 constexpr float FIT_BEND = 0.065F;               // pixels, from slot to slot to slot
-constexpr float FIT_CREASE = 0.015F;
-constexpr float FIT_GAIN_STEP = 0.02F;
+constexpr float FIT_CREASE = 0.015F;             // pixels, likewise
+constexpr float FIT_GAIN_STEP = 0.02F;           // from slot to slot
 constexpr int FIT_ITERATIONS = 20;
 constexpr float LARGEST_KINK = 0.75F;  // pixels a pixel
 constexpr int FIT_CLIPPED_GREY = 240;
@@ -77,10 +77,10 @@ constexpr int RETURN_TOLERANCE = 2;
 // What a score may lack, in terms of what the frame's median lacks: at all, where neighbours disagree, and at gaps.
 constexpr float LEAST_MEDIAN_LOSS = 0.005F;
 constexpr float LARGEST_LOSS = 8.5F;
-constexpr float DOUBTFUL_LOSS = 3.0F;
-constexpr float EDGE_LOSS = 1.0F;
+constexpr float DOUBTFUL_LOSS = 4.0F;
+constexpr float EDGE_LOSS = 0.9F;
 constexpr float LARGEST_DISAGREEMENT = 0.3F;  // pixels a slot
-constexpr float EDGE_DISAGREEMENT = 0.1F;
+constexpr float EDGE_DISAGREEMENT = 0.08F;
 constexpr int CELL_SIZE = 16;
 constexpr int EDGE_TRIM = 4;             // pixels
 constexpr float LEAST_EDGE_STEP = 3.0F;  // grey values
@@ -412,9 +412,9 @@ void SpeckleRebCpu::fit_surface() {
                              FIT_CREASE * slot * slot,
                              jump,
                              LARGEST_KINK * static_cast<float>(_param.sampleRatio),
-                             FIT_GAIN_STEP * slot,
+                             FIT_GAIN_STEP,
                              FIT_ITERATIONS};
-    const Mask cover = without_clipped(_remap.left, _cover.left, FIT_CLIPPED_GREY, _threads);
+    const Mask cover = without_clipped(_remap.left, _subPixelCover, FIT_CLIPPED_GREY, _threads);
     SubPixelTask task = sub_pixel_task(cover);
     task.clippedGrey = FIT_CLIPPED_GREY;
     ParallaxField& field = _objDepthRange.field();

@@ -7,7 +7,7 @@
 #include "SpeckleRebCPU/DepthRange.h"
 #include "SpeckleRebCPU/subPixelStep.h"
 #include "SpeckleRebCPU/surfaceEdges.h"
-#include "SpeckleRebCPU/surfaceFit.h"
+#include "SpeckleRebCPU/wholeSurfaceFit.h"
 #include "foundation/PointImage.h"
 #include "foundation/RetVal.h"
 
@@ -70,9 +70,9 @@ private:
     DepthRange _pixDepthRange;  ///< kept between the stages
     DepthRange _objDepthRange;
     Mask _subPixelCover;  ///< left pixels, as `SubPixelTask` has it
-    SurfaceFit _surfaceFit;
+    WholeSurfaceFit _surfaceFit;
     Raster<float> _step, _score;
-    float _medianScore = 1.0F;  ///< of the frame's slots after the last sub-pixel step
+    float _medianScore = 1.0F;  ///< of the frame's slots under the fitted surface
     int _frame = 0;
 };
 

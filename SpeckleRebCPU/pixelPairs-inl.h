@@ -11,6 +11,7 @@
 #    include <algorithm>
 #    include <array>
 #    include <cstddef>
+#    include <cstdint>
 #    include <cstring>
 #    include <vector>
 

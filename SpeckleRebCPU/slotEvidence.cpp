@@ -5,11 +5,13 @@
 #include <hwy/foreach_target.h>
 #include <hwy/highway.h>
 
-#include <Eigen/Dense>
+#include <Eigen/Cholesky>
 #include <algorithm>
 #include <array>
 #include <cmath>
+#include <cstddef>
 #include <cstdlib>
+#include <optional>
 #include <vector>
 
 #include "SpeckleRebCPU/pixelPairs-inl.h"
@@ -79,10 +81,13 @@ public:
 
 private:
     void spread_gain(int slotRow) {
-        const Raster<float>& gain = _task.gain;
-        const int sample = _task.sample;
-        for (std::size_t x = 0; x < _stride; ++x)
-            _gain[x] = gain.at(std::min((static_cast<int>(x) + sample / 2) / sample, gain.width() - 1), slotRow);
+        const float* gain = _task.gain.row(slotRow);
+        const int sample = _task.sample, width = _task.gain.width(), end = static_cast<int>(_stride);
+        for (int slot = 0; slot < width; ++slot) {
+            const int first = std::max(0, slot * sample - sample / 2);
+            const int last = slot + 1 < width ? (slot + 1) * sample - sample / 2 : end;
+            std::fill(_gain.begin() + first, _gain.begin() + last, gain[slot]);
+        }
     }
 
     void spread_blur(int y) {
@@ -168,10 +173,11 @@ void pair_rows(const SubPixelTask& task, const ParallaxField& field, int begin, 
 }
 
 /// Every other row is enough.
-void sum_cell_row(const RelationTask& task, int cellRow) {
+void sum_cell_row(const RelationTask& task, int cellRow, std::vector<std::int32_t>& columns,
+                  std::vector<std::int32_t>& present) {
     constexpr int CELL = ImageRelation::CELL;
-    const auto width = static_cast<std::size_t>(task.paired.left.width());
-    std::vector<std::int32_t> columns(RELATION_PRODUCTS * width, 0), present(width);
+    const std::size_t width = present.size();
+    std::fill(columns.begin(), columns.end(), 0);
     for (int y = cellRow * CELL; y < std::min((cellRow + 1) * CELL, task.paired.left.height()); y += 2) {
         const std::int16_t *left = task.paired.left.row(y), *right = task.paired.right.row(y);
         for (std::size_t x = 0; x < width; ++x) present[x] = left[x] != 0 || right[x] != 0 ? -1 : 0;
@@ -195,6 +201,12 @@ void sum_cell_row(const RelationTask& task, int cellRow) {
         for (std::size_t x = 0; x < width; ++x) cells[x / CELL][q] += columns[q * width + x];
 }
 
+void sum_cell_rows(const RelationTask& task, int begin, int end) {
+    const auto width = static_cast<std::size_t>(task.paired.left.width());
+    std::vector<std::int32_t> columns(RELATION_PRODUCTS * width), present(width);
+    for (int row = begin; row < end; ++row) sum_cell_row(task, row, columns, present);
+}
+
 void gather_rows(const EvidenceTask& task, int begin, int end, SlotEvidence& evidence) {
     EvidenceRows rows(task, evidence);
     for (int row = begin; row < end; ++row) rows.gather(row);
@@ -211,37 +223,65 @@ namespace {
 constexpr std::size_t ROW_GRAIN = 16;
 
 HWY_EXPORT(pair_rows);
-HWY_EXPORT(sum_cell_row);
+HWY_EXPORT(sum_cell_rows);
 HWY_EXPORT(gather_rows);
 
+constexpr double GAIN_RIDGE = 4.0;    // squared grey values
+constexpr double LEAST_SHARE = 0.25;  // of the pixels that were summed
+constexpr std::size_t CELL_GRAIN = 8;
+
+using RelationSums = Eigen::Matrix<double, RELATED, RELATED>;  // of products, grey values
+
+/// Over 3 x 3 cells.
+RelationSums sums_around(const Raster<CellSums>& cells, int x, int y) {
+    static constexpr double SCALE[RELATED] = {1.0, 1.0, 1.0 / 16.0, 1.0 / 16.0, 0.5, 0.25};
+    std::array<std::int64_t, RELATION_PRODUCTS> sums{};
+    for (int v = std::max(0, y - 1); v <= std::min(cells.height() - 1, y + 1); ++v)
+        for (int u = std::max(0, x - 1); u <= std::min(cells.width() - 1, x + 1); ++u)
+            for (std::size_t q = 0; q < RELATION_PRODUCTS; ++q) sums[q] += cells.at(u, v)[q];
+    RelationSums products;
+    std::size_t q = 0;
+    for (int a = 0; a < static_cast<int>(RELATED); ++a)
+        for (int b = a; b < static_cast<int>(RELATED); ++b, ++q)
+            products(a, b) = products(b, a) = static_cast<double>(sums[q]) * SCALE[a] * SCALE[b];
+    return products;
+}
+
 struct Relation {
-    bool isKnown = false;
     double offset = 0.0, gain = 1.0, blurX = 0.0, blurY = 0.0;
 };
 
-/// Least squares of right = offset + gain left + blurX u + blurY v - step slope, in grey values.
-Relation solved(const Eigen::Matrix<double, RELATION_PRODUCTS, 1>& sums, double ridge, double fewest) {
-    static const double SCALE[RELATED] = {1.0, 1.0, 1.0 / 16.0, 1.0 / 16.0, 0.5, 0.25};
-    if (sums[0] < fewest) return {};
-    Eigen::Matrix<double, 5, 5> m;
-    Eigen::Matrix<double, 5, 1> right;
-    Eigen::Index q = 0;
-    for (int a = 0; a < 6; ++a)
-        for (int b = a; b < 6; ++b, ++q) {
-            const double value = sums[q] * SCALE[a] * SCALE[b];
-            if (a == 5) continue;
-            if (b == 5)
-                right[a] = value;
-            else
-                m(a, b) = m(b, a) = value;
-        }
-    m(2, 2) += ridge * sums[0];
-    m(3, 3) += ridge * sums[0];
-    const Eigen::LDLT<Eigen::Matrix<double, 5, 5>> factors(m);
-    if (factors.info() != Eigen::Success || !(factors.vectorD().minCoeff() > 1e-3)) return {};
-    const Eigen::Matrix<double, 5, 1> x = factors.solve(right);
-    if (!x.allFinite()) return {};
-    return {true, x[0], x[1], x[2], x[3]};
+/// Least squares of right = offset + gain left + blurX u + blurY v - step slope with a free offset.
+std::optional<Relation> free_relation(RelationSums products, double ridge) {
+    constexpr double LEAST_VARIANCE = 4.0;  // squared grey values
+    const double count = products(0, 0);
+    if (!(products(1, 1) - products(0, 1) * products(0, 1) / count > LEAST_VARIANCE * count)) return std::nullopt;
+    products(2, 2) += ridge * count;
+    products(3, 3) += ridge * count;
+    products(4, 4) += count;  // even images have no slopes
+    const Eigen::Matrix<double, 5, 1> x = products.topLeftCorner<5, 5>().ldlt().solve(products.topRightCorner<5, 1>());
+    if (!x.allFinite()) return std::nullopt;
+    return Relation{x[0], x[1], x[2], x[3]};
+}
+
+/// The same with an offset that is known.
+Relation relation_with(double offset, double medianGain, RelationSums products, double ridge) {
+    const double count = products(0, 0);
+    Eigen::Vector4d right = products.block<4, 1>(1, 5) - offset * products.block<4, 1>(1, 0);
+    right[0] += GAIN_RIDGE * count * medianGain;
+    products(1, 1) += GAIN_RIDGE * count;
+    products(2, 2) += ridge * count;
+    products(3, 3) += ridge * count;
+    products(4, 4) += count;
+    const Eigen::Vector4d x = products.block<4, 4>(1, 1).ldlt().solve(right);
+    if (!x.allFinite()) return {offset, medianGain, 0.0, 0.0};
+    return {offset, x[0], x[1], x[2]};
+}
+
+float median_of(std::vector<float> values) {
+    const auto middle = values.begin() + static_cast<std::ptrdiff_t>(values.size() / 2);
+    std::nth_element(values.begin(), middle, values.end());
+    return *middle;
 }
 
 }  // namespace
@@ -254,8 +294,10 @@ void SlotEvidence::resize(int width, int height) {
 void pair_images(const SubPixelTask& task, const ParallaxField& field, int threads, PairedImage& paired) {
     const auto stride = static_cast<int>(pair_stride(task.left.width()));
     const int height = task.left.height();
+    const bool isTooNarrow = task.left.width() < INTERPOLATED_PIXELS;
     for (auto* image : {&paired.left, &paired.right, &paired.slope})
-        if (image->width() != stride || image->height() != height) image->assign(stride, height);
+        if (isTooNarrow || image->width() != stride || image->height() != height) image->assign(stride, height);
+    if (isTooNarrow) return;
     parallel_ranges(threads, static_cast<std::size_t>(height), ROW_GRAIN, [&](std::size_t begin, std::size_t end) {
         HWY_DYNAMIC_DISPATCH(pair_rows)(task, field, static_cast<int>(begin), static_cast<int>(end), paired);
     });
@@ -267,37 +309,51 @@ ImageRelation relate_images(const PairedImage& paired, const SecondDifferences& 
     const int width = (paired.left.width() + CELL - 1) / CELL, height = (paired.left.height() + CELL - 1) / CELL;
     Raster<CellSums> cells(width, height, CellSums{});
     const RelationTask task{paired, leftDifferences, cells};
+    const auto for_rows = [&](const auto& body) {
+        parallel_ranges(threads, static_cast<std::size_t>(height), CELL_GRAIN, [&](std::size_t begin, std::size_t end) {
+            body(static_cast<int>(begin), static_cast<int>(end));
+        });
+    };
+    for_rows([&](int begin, int end) { HWY_DYNAMIC_DISPATCH(sum_cell_rows)(task, begin, end); });
+    const auto is_seen = [](const RelationSums& products) {
+        return products(0, 0) >= LEAST_SHARE * 0.5 * 9 * CELL * CELL;
+    };
+
+    Raster<float> offset(width, height, NO_PARALLAX), gain = offset;
+    for_rows([&](int begin, int end) {
+        for (int y = begin; y < end; ++y)
+            for (int x = 0; x < width; ++x) {
+                const RelationSums products = sums_around(cells, x, y);
+                const std::optional<Relation> found = is_seen(products) ? free_relation(products, ridge) : std::nullopt;
+                if (!found) continue;
+                offset.at(x, y) = static_cast<float>(found->offset);
+                gain.at(x, y) = static_cast<float>(found->gain);
+            }
+    });
     ImageRelation relation;
     relation.blurX.assign(width, height);
     relation.blurY.assign(width, height);
     relation.gain.assign(width, height, 1.0F);
-    Raster<float> offsets(width, height, NO_PARALLAX);
-    const auto rows = static_cast<std::size_t>(height);
-    parallel_ranges(threads, rows, 1, [&](std::size_t begin, std::size_t end) {
-        for (std::size_t y = begin; y < end; ++y) HWY_DYNAMIC_DISPATCH(sum_cell_row)(task, static_cast<int>(y));
-    });
-    parallel_ranges(threads, rows, 1, [&](std::size_t begin, std::size_t end) {
-        for (int y = static_cast<int>(begin); y < static_cast<int>(end); ++y)
+    std::vector<float> offsets, gains;
+    for (std::size_t i = 0; i < offset.size(); ++i) {
+        if (std::isnan(offset[i])) continue;
+        offsets.push_back(offset[i]);
+        gains.push_back(gain[i]);
+    }
+    if (offsets.empty()) return relation;
+    relation.offset = median_of(offsets);
+    const float medianGain = median_of(gains);
+    for_rows([&](int begin, int end) {
+        for (int y = begin; y < end; ++y)
             for (int x = 0; x < width; ++x) {
-                Eigen::Matrix<double, RELATION_PRODUCTS, 1> sums = Eigen::Matrix<double, RELATION_PRODUCTS, 1>::Zero();
-                for (int v = std::max(0, y - 1); v <= std::min(height - 1, y + 1); ++v)
-                    for (int u = std::max(0, x - 1); u <= std::min(width - 1, x + 1); ++u)
-                        for (std::size_t q = 0; q < RELATION_PRODUCTS; ++q)
-                            sums[static_cast<Eigen::Index>(q)] += cells.at(u, v)[q];
-                const Relation found = solved(sums, ridge, 0.125 * 9 * CELL * CELL);
-                if (!found.isKnown) continue;
+                const RelationSums products = sums_around(cells, x, y);
+                const Relation found = is_seen(products) ? relation_with(relation.offset, medianGain, products, ridge)
+                                                         : Relation{relation.offset, medianGain, 0.0, 0.0};
                 relation.blurX.at(x, y) = static_cast<float>(found.blurX);
                 relation.blurY.at(x, y) = static_cast<float>(found.blurY);
                 relation.gain.at(x, y) = static_cast<float>(found.gain);
-                offsets.at(x, y) = static_cast<float>(found.offset);
             }
     });
-    std::vector<float> known;
-    std::copy_if(offsets.data(), offsets.data() + offsets.size(), std::back_inserter(known), has_parallax);
-    if (known.empty()) return relation;
-    const auto middle = known.begin() + static_cast<std::ptrdiff_t>(known.size() / 2);
-    std::nth_element(known.begin(), middle, known.end());
-    relation.offset = *middle;
     return relation;
 }
 

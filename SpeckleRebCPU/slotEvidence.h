@@ -8,15 +8,17 @@
 
 namespace VexelAlgorithm {
 
-/// A left image as the right one shows it through a parallax field, pixel by pixel. All zero where there is no pair.
+/// A left image as the right one shows it through a parallax field, pixel by pixel; rows are padded to whole blocks.
+/// All zero where there is no pair (nor, which does no harm, where both are black).
 struct PairedImage {
     Raster<std::int16_t> left;   ///< grey value
     Raster<std::int16_t> right;  ///< interpolated, quarters of grey values
     Raster<std::int16_t> slope;  ///< derivative of the right image along the row, halves of grey values a pixel
 };
 
-/// What changes slowly over the image, in cells of `CELL` x `CELL` pixels: how much more the right image is blurred
-/// than the left one (see `find_sub_pixel_steps`), and its gain.
+/// What changes slowly over the image, in cells of `CELL` x `CELL` pixels that cover the rows of `PairedImage`, padding
+/// included: how much more the right image is blurred
+/// than the left one, and its gain.
 struct ImageRelation {
     static constexpr int CELL = 8;
     Raster<float> blurX, blurY;  ///< of second differences in grey values
@@ -24,8 +26,9 @@ struct ImageRelation {
     float offset = 0.0F;  ///< grey values, one for the whole image: what the sensors' dark levels differ by
 };
 
-/// The least squares of gain * left - slope * step - (right - offset - blur) over the pixels around each slot: half the
-/// second and the first derivatives by step and gain. The pixels weigh 1 at the slot and fall to 0 at its neighbours.
+/// The least squares of gain * left - slope * step - (right - offset - blur) over the pixels around each slot, squared
+/// grey values: half the second derivatives by step (pixels) and gain, and minus half the first ones. The pixels weigh
+/// 1 at the slot and fall to 0 at its neighbours.
 struct SlotEvidence {
     Raster<float> stepStep, stepGain, gainGain;
     Raster<float> step, gain;
@@ -36,7 +39,9 @@ struct SlotEvidence {
 
 void pair_images(const SubPixelTask& task, const ParallaxField& field, int threads, PairedImage& paired);
 
-/// From the pairs, over 3 x 3 cells. Blur is shrunk towards none by `ridge` (squared grey values of second difference).
+/// From the pairs, over 3 x 3 cells: the offset is the median of the cells', then come blur and gain. Blur is shrunk
+/// towards none by `ridge` (squared grey values of second difference), the gain a little towards the median, which
+/// cells that see nothing get.
 ImageRelation relate_images(const PairedImage& paired, const SecondDifferences& leftDifferences, float ridge,
                             int threads);
 
@@ -46,9 +51,9 @@ struct EvidenceTask {
     const ImageRelation& relation;
     const Raster<float>& gain;  ///< present one of every slot
     int sample;                 ///< pixels per slot
-    float outlier;              ///< grey values
+    float outlier;              ///< deviation at which a pixel has half its weight, grey values
 };
-/// Pixels that deviate by `outlier` or more from what the gain of the slot predicts lose weight (Cauchy's function):
+/// Pixels lose weight as they deviate from what the gain of the slot predicts (Cauchy's function):
 /// highlights that only one camera sees, and what belongs to another surface.
 void gather_evidence(const EvidenceTask& task, int threads, SlotEvidence& evidence);
 

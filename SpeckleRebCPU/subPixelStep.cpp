@@ -9,7 +9,8 @@
 #include <array>
 #include <cmath>
 #include <cstddef>
-#include <cstring>
+#include <cstdint>
+#include <utility>
 #include <vector>
 
 #include "SpeckleRebCPU/boxSums.h"
@@ -44,9 +45,8 @@ using FloatVec = hn::Vec<FloatTag>;
 
 constexpr std::size_t BLOCK = SUB_PIXEL_BLOCK;
 
-// The sums of the largest window of the strongest contrast stay below 2^31, and integers that enter and leave a sliding
-// sum cancel exactly.
 /// The sums of a window: number of pairs, the quantities, their products (of each with itself and those behind it).
+/// Integers, as what enters and leaves a sliding sum then cancels exactly; those of a column stay below 2^31.
 constexpr std::size_t PRODUCTS = QUANTITIES * (QUANTITIES + 1) / 2;
 constexpr std::size_t SUMS = 1 + QUANTITIES + PRODUCTS;
 
@@ -134,7 +134,7 @@ private:
 
     void sum_columns(const std::int32_t* columns, float* boxes) const {
         const int sample = _band.task.sample;
-        std::int32_t sum = 0;
+        std::int64_t sum = 0;  // of windows of 63 x 63 pixels
         for (int x = -_halfWidth; x <= _halfWidth; ++x) sum += columns[x];
         const std::int32_t* entering = columns + _halfWidth;
         const std::int32_t* leaving = columns - _halfWidth - 1;
@@ -204,12 +204,12 @@ private:
         const auto zero = hn::Zero(d), tiny = hn::Set(d, 1e-3F);
         const auto enough = hn::Ge(sums[0], hn::Set(d, _weights.fewest));
         const auto inverse = hn::Div(hn::Set(d, 1.0F), hn::Max(sums[0], hn::Set(d, 1.0F)));
-        FloatVec m[QUANTITIES][QUANTITIES], limits[QUANTITIES];
+        FloatVec m[QUANTITIES][QUANTITIES], limits[G];
         std::size_t q = 1 + QUANTITIES;
         for (std::size_t a = 0; a < QUANTITIES; ++a)
             for (std::size_t b = a; b < QUANTITIES; ++b, ++q)
                 m[a][b] = hn::Sub(sums[q], hn::Mul(hn::Mul(sums[1 + a], sums[1 + b]), inverse));
-        for (std::size_t a = 0; a < QUANTITIES; ++a) limits[a] = hn::Mul(m[a][a], tiny);
+        for (std::size_t a = 0; a < G; ++a) limits[a] = hn::Mul(m[a][a], tiny);
         auto usable = hn::And(enough, hn::And(hn::Gt(m[F][F], sums[0]), hn::Gt(m[G][G], sums[0])));
         const auto score = hn::Div(m[F][G], hn::Sqrt(hn::Max(hn::Mul(m[F][F], m[G][G]), tiny)));
         for (std::size_t k = F; k < D; ++k) {
@@ -259,7 +259,6 @@ namespace {
 
 constexpr std::size_t FEWEST_ROWS = 64;  // of a task, pixels; it begins with a window of rows that yield nothing
 constexpr std::size_t ROW_GRAIN = 32;
-constexpr int SMALLEST_WIDTH = 4;  // pixels of one interpolation
 
 HWY_EXPORT(search_band);
 
@@ -303,7 +302,7 @@ Mask without_clipped(const GreyImage& image, const Mask& cover, int clipped, int
             for (int x = 0; x < width; ++x) column[x + 1] = std::max(std::max(above[x], own[x]), below[x]);
             for (int x = 0; x < width; ++x) {
                 const int grey = std::max(std::max(column[x], column[x + 1]), column[x + 2]);
-                result[x] = covered[x] != 0 && grey < clipped ? 2 : 0;
+                result[x] = covered[x] == 2 && grey >= clipped ? 0 : covered[x];
             }
         }
     });
@@ -325,7 +324,7 @@ void find_sub_pixel_steps(const SubPixelTask& task, const ParallaxField& field, 
                           Raster<float>& score) {
     step.assign(field.parallax.width(), field.parallax.height(), NO_PARALLAX);
     score.assign(field.parallax.width(), field.parallax.height(), 0.0F);
-    if (task.left.width() < SMALLEST_WIDTH) return;
+    if (task.left.width() < INTERPOLATED_PIXELS) return;
     const SubPixelBand band{task, field, step, score};
     const auto rows = static_cast<std::size_t>(field.parallax.height());
     const std::size_t share = rows / (2 * static_cast<std::size_t>(usable_threads(threads)));

@@ -1,6 +1,8 @@
 // One step of sub-pixel matching for all slots at once.
 #pragma once
 
+#include <cstddef>
+
 #include "SpeckleRebCPU/ParallaxField.h"
 
 namespace VexelAlgorithm {
@@ -11,14 +13,15 @@ constexpr int CLIPPED_GREY = 252;  ///< from here on grey values may be clipped,
 /// too bright as a whole, its clipped pixels count, as little else would be left.
 void spare_clipped_pixels(const GreyImage& image, int window, float share, int threads, Mask& cover);
 
+constexpr int INTERPOLATED_PIXELS = 4;       ///< that a row must have
 constexpr std::size_t SUB_PIXEL_BLOCK = 64;  ///< pixels between two stages of resampling
 /// Columns rounded up to whole blocks.
 constexpr std::size_t pair_stride(int width) {
     return (static_cast<std::size_t>(width) + SUB_PIXEL_BLOCK - 1) / SUB_PIXEL_BLOCK * SUB_PIXEL_BLOCK;
 }
 
-/// Pixels of `cover` that count wherever they are not clipped: 2, but 0 where the image reaches `clipped` within the
-/// next pixel to each side.
+/// The cover without the pixels that count unless clipped (2) where the image reaches `clipped` within the next pixel
+/// to each side.
 Mask without_clipped(const GreyImage& image, const Mask& cover, int clipped, int threads);
 
 struct SubPixelTask {
@@ -55,10 +58,10 @@ SubPixelWeights sub_pixel_weights(const SubPixelTask& task);
 /// other is left out: it moves the result by a few hundredths of a pixel at most.
 ///
 /// Pixels without a facet, outside the cover or the right image do not count, nor, where the cover says so, those that
-/// are clipped or interpolated from clipped ones on either side (252 and more): a clipped pixel says nothing of the
-/// place, and where highlights move over the surface it is clipped in one image only. `step` (pixels, to be added to
-/// the parallax) and `score` (correlation at the present parallax) are written for every slot: NaN and 0 where less
-/// than a quarter of the window counts or its grey values are all but equal.
+/// are clipped or interpolated from clipped ones on either side (`clippedGrey` and more): a clipped pixel says nothing
+/// of the place, and where highlights move over the surface it is clipped in one image only. `step` (pixels, to be
+/// added to the parallax) and `score` (correlation at the present parallax) are written for every slot: NaN and 0 where
+/// less than a quarter of the window counts or its grey values are all but equal.
 void find_sub_pixel_steps(const SubPixelTask& task, const ParallaxField& field, int threads, Raster<float>& step,
                           Raster<float>& score);
 

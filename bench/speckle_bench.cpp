@@ -9,6 +9,7 @@
 #include "SpeckleRebCPU/pixelMatch.h"
 #include "SpeckleRebCPU/speckleRebuild.h"
 #include "SpeckleRebCPU/subPixelStep.h"
+#include "SpeckleRebCPU/wholeSurfaceFit.h"
 #include "bench/runBenchmarks.h"
 #include "foundation/parallel.h"
 #include "readCaliData/CaliParReadIn.h"
@@ -113,19 +114,41 @@ void pixel_matching(benchmark::State& state) {
     state.SetLabel("candidates");
 }
 
-/// Points refined once, with sampling 2.
-void sub_pixel_matching(benchmark::State& state) {
-    const Mask all(Width, Height, 1);
+/// Sampling 2, the truth moved by a fifth of a pixel.
+ParallaxField shifted_field() {
     ParallaxField field;
     field.assign(Width / 2, Height / 2);
     for (int y = 0; y < Height / 2; ++y)
         for (int x = 0; x < Width / 2; ++x)
             field.parallax.at(x, y) = true_parallax(2.0F * static_cast<float>(x), 2.0F * static_cast<float>(y)) + 0.2F;
     fit_facets({2, 1, 1.2F, 0.5F, 0.5F, 0.057F}, 2, default_thread_number(), field);
+    return field;
+}
+
+/// Points refined once.
+void sub_pixel_matching(benchmark::State& state) {
+    const Mask all(Width, Height, 1);
+    const ParallaxField field = shifted_field();
     const auto window = static_cast<int>(state.range(0));
     const SubPixelTask task{speckle_pair().left, speckle_pair().right, all, 2, window, window};
     Raster<float> step, score;
     for (auto _ : state) find_sub_pixel_steps(task, field, default_thread_number(), step, score);
+    state.SetItemsProcessed(state.iterations() * static_cast<std::int64_t>(step.size()));
+    state.SetLabel("points");
+}
+
+/// Points fitted together, as once in a frame's two fits.
+void whole_surface_fit(benchmark::State& state) {
+    const Mask all(Width, Height, 1);
+    const ParallaxField field = shifted_field();
+    const SubPixelTask task{speckle_pair().left, speckle_pair().right, all, 2, 13, 13};
+    const SurfacePrior prior{3.0F, 0.065F, 0.015F, 2.1F, 1.5F, 0.02F, 20};
+    WholeSurfaceFit fit;
+    Raster<float> step;
+    for (auto _ : state) {
+        fit.begin(task, field, default_thread_number());
+        fit.find_steps(task, prior, 8.0F, field, default_thread_number(), step);
+    }
     state.SetItemsProcessed(state.iterations() * static_cast<std::int64_t>(step.size()));
     state.SetLabel("points");
 }
@@ -174,6 +197,7 @@ BENCHMARK(rectification)->Apply(timed_as_a_whole);
 BENCHMARK(opencv_remap)->Apply(timed_as_a_whole);
 BENCHMARK(pixel_matching)->Apply(timed_as_a_whole);
 BENCHMARK(sub_pixel_matching)->ArgName("window")->Arg(25)->Arg(13)->Apply(timed_as_a_whole);
+BENCHMARK(whole_surface_fit)->Apply(timed_as_a_whole);
 BENCHMARK(whole_frame)->ArgNames({"sample", "candidates"})->Args({2, 128})->Args({1, 128})->Apply(timed_as_a_whole);
 BENCHMARK(opencv_block_matching)->Apply(timed_as_a_whole);
 BENCHMARK(opencv_semi_global_3way)->Apply(timed_as_a_whole);

@@ -7,14 +7,14 @@
 namespace VexelAlgorithm {
 
 /// Gauss-Newton steps of all parallaxes together, each with the gain of its surroundings. One object at a time fits one
-/// frame; it keeps its memory from frame to frame.
-class SurfaceFit {
+/// frame; the larger buffers stay from frame to frame.
+class WholeSurfaceFit {
 public:
     /// Forgets the frame before: blur, offset and the first gains are taken from the pairs of cells (`relate_images`).
     void begin(const SubPixelTask& task, const ParallaxField& field, int threads);
 
-    /// `step`: pixels, to be added to the parallaxes, 0 for empty slots. Pixels that deviate from the fit lose weight
-    /// from `outlier` grey values on.
+    /// `step`: pixels, to be added to the parallaxes, 0 for empty slots. Pixels weigh half when they deviate from the
+    /// fit by `outlier` grey values.
     void find_steps(const SubPixelTask& task, const SurfacePrior& prior, float outlier, const ParallaxField& field,
                     int threads, Raster<float>& step);
 

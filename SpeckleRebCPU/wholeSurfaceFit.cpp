@@ -1,4 +1,4 @@
-#include "SpeckleRebCPU/surfaceFit.h"
+#include "SpeckleRebCPU/wholeSurfaceFit.h"
 
 #include <algorithm>
 #include <cmath>
@@ -13,7 +13,7 @@ constexpr float BLUR_RIDGE = 0.3F;  // squared grey values of second difference
 
 }  // namespace
 
-void SurfaceFit::begin(const SubPixelTask& task, const ParallaxField& field, int threads) {
+void WholeSurfaceFit::begin(const SubPixelTask& task, const ParallaxField& field, int threads) {
     find_second_differences(task.left, static_cast<int>(SUB_PIXEL_BLOCK), threads, _differences);
     pair_images(task, field, threads, _paired);
     _isPaired = true;
@@ -25,8 +25,8 @@ void SurfaceFit::begin(const SubPixelTask& task, const ParallaxField& field, int
                 _relation.gain.at(x * task.sample / ImageRelation::CELL, y * task.sample / ImageRelation::CELL);
 }
 
-void SurfaceFit::find_steps(const SubPixelTask& task, const SurfacePrior& prior, float outlier,
-                            const ParallaxField& field, int threads, Raster<float>& step) {
+void WholeSurfaceFit::find_steps(const SubPixelTask& task, const SurfacePrior& prior, float outlier,
+                                 const ParallaxField& field, int threads, Raster<float>& step) {
     if (!_isPaired) pair_images(task, field, threads, _paired);
     _isPaired = false;
     gather_evidence({_paired, _differences, _relation, _gain, task.sample, outlier}, threads, _evidence);

@@ -55,6 +55,7 @@ constexpr float FIT_GAIN_STEP = 0.02F;           // from slot to slot
 constexpr int FIT_ITERATIONS = 20;
 constexpr float LARGEST_KINK = 0.75F;  // pixels a pixel
 constexpr int FIT_CLIPPED_GREY = 240;
+constexpr float FIT_LEAST_UNCLIPPED_SHARE = 0.3F;  // the prior bridges more than a window can
 // What a score may lie below the median of the frame. How well images can agree differs from device to device; within a
 // frame a lower one tells that the window does not lie on one surface.
 constexpr float SCORE_LOSS = 0.12F;
@@ -339,8 +340,8 @@ void SpeckleRebCpu::refine(const StageNames& names) {
 void SpeckleRebCpu::pre_subpixel_match() {
     _objDepthRange = _pixDepthRange;
     _objDepthRange.facets_from_range();
-    _subPixelCover = _cover.left;
-    spare_clipped_pixels(_remap.left, sub_pixel_window(), LEAST_UNCLIPPED_SHARE, _threads, _subPixelCover);
+    _unclippedShares = unclipped_shares(_remap.left, sub_pixel_window(), _threads);
+    _subPixelCover = spare_clipped_pixels(_unclippedShares, LEAST_UNCLIPPED_SHARE, _cover.left);
     for (int step = 0; step < FIRST_STEPS; ++step) {
         _objDepthRange.depth_gaussian_smooth(6, 3.0F, 0.7F, 0.8F, _threads);
         take_sub_pixel_step(LARGEST_FIRST_STEP);
@@ -414,7 +415,9 @@ void SpeckleRebCpu::fit_surface() {
                              LARGEST_KINK * static_cast<float>(_param.sampleRatio),
                              FIT_GAIN_STEP,
                              FIT_ITERATIONS};
-    const Mask cover = without_clipped(_remap.left, _subPixelCover, FIT_CLIPPED_GREY, _threads);
+    const Mask cover =
+        without_clipped(_remap.left, spare_clipped_pixels(_unclippedShares, FIT_LEAST_UNCLIPPED_SHARE, _cover.left),
+                        FIT_CLIPPED_GREY, _threads);
     SubPixelTask task = sub_pixel_task(cover);
     task.clippedGrey = FIT_CLIPPED_GREY;
     ParallaxField& field = _objDepthRange.field();

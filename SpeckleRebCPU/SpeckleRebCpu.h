@@ -69,7 +69,8 @@ private:
     Mask _invalid;              ///< pixels that the pixel stage could not match
     DepthRange _pixDepthRange;  ///< kept between the stages
     DepthRange _objDepthRange;
-    Mask _subPixelCover;  ///< left pixels, as `SubPixelTask` has it
+    Raster<float> _unclippedShares;  ///< of the rectified left image
+    Mask _subPixelCover;             ///< left pixels, as `SubPixelTask` has it
     WholeSurfaceFit _surfaceFit;
     Raster<float> _step, _score;
     float _medianScore = 1.0F;  ///< of the frame's slots under the fitted surface

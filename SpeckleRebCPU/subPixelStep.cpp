@@ -264,9 +264,10 @@ HWY_EXPORT(search_band);
 
 }  // namespace
 
-void spare_clipped_pixels(const GreyImage& image, int window, float share, int threads, Mask& cover) {
+Raster<float> unclipped_shares(const GreyImage& image, int window, int threads) {
     const int width = image.width(), height = image.height(), radius = window / 2;
-    if (image.empty()) return;
+    Raster<float> shares;
+    if (image.empty() || *std::max_element(image.data(), image.data() + image.size()) < CLIPPED_GREY) return shares;
     const auto squared_step = [&](int x, int y) -> std::int32_t {
         if (x < 1 || x + 1 >= width) return 0;
         const int step = image.at(x + 1, y) - image.at(x - 1, y);
@@ -277,17 +278,23 @@ void spare_clipped_pixels(const GreyImage& image, int window, float share, int t
         const std::uint8_t* grey = image.row(y) + x;
         return std::max({grey[-1], grey[0], grey[1]}) >= CLIPPED_GREY ? 0 : squared_step(x, y);
     };
-    if (*std::max_element(image.data(), image.data() + image.size()) < CLIPPED_GREY) {
-        for (std::size_t i = 0; i < cover.size(); ++i) cover[i] = cover[i] != 0 ? 2 : 0;
-        return;
-    }
-    Raster<std::int32_t> all(width, height);
+    shares.assign(width, height);
     for_each_box_sum(width, height, radius, radius, threads, squared_step,
-                     [&](int x, int y, std::int32_t sum) { all.at(x, y) = sum; });
+                     [&](int x, int y, std::int32_t sum) { shares.at(x, y) = static_cast<float>(sum); });
     for_each_box_sum(width, height, radius, radius, threads, unclipped, [&](int x, int y, std::int32_t sum) {
-        if (cover.at(x, y) != 0 && static_cast<float>(sum) >= share * static_cast<float>(all.at(x, y)))
-            cover.at(x, y) = 2;
+        float& share = shares.at(x, y);
+        share = share > 0.0F ? static_cast<float>(sum) / share : 1.0F;
     });
+    return shares;
+}
+
+Mask spare_clipped_pixels(const Raster<float>& shares, float least, const Mask& cover) {
+    Mask counted(cover.width(), cover.height());
+    for (std::size_t i = 0; i < cover.size(); ++i) {
+        const bool isSpared = shares.empty() || shares[i] >= least;
+        counted[i] = static_cast<std::uint8_t>(cover[i] == 0 ? 0 : isSpared ? 2 : 1);
+    }
+    return counted;
 }
 
 Mask without_clipped(const GreyImage& image, const Mask& cover, int clipped, int threads) {

@@ -8,10 +8,16 @@
 namespace VexelAlgorithm {
 
 constexpr int CLIPPED_GREY = 252;  ///< from here on grey values may be clipped, or interpolated from clipped ones
-/// Turns 1 into 2 (unless clipped) where enough is left without the clipped pixels: of the squared horizontal steps
-/// I(x + 1) - I(x - 1) in the window around the pixel, at least `share` has no clipped pixel in it. Where an image is
-/// too bright as a whole, its clipped pixels count, as little else would be left.
-void spare_clipped_pixels(const GreyImage& image, int window, float share, int threads, Mask& cover);
+/// What is left without the clipped pixels: the share of the squared horizontal steps I(x + 1) - I(x - 1) in the window
+/// around each pixel that have no clipped pixel in them. Empty where nothing is clipped at all.
+Raster<float> unclipped_shares(const GreyImage& image, int window, int threads);
+/// Covered pixels become 2 (count unless clipped) where at least `least` is left, else 1. Where an image is too bright
+/// as a whole, its clipped pixels count, as little else would be left.
+Mask spare_clipped_pixels(const Raster<float>& shares, float least, const Mask& cover);
+
+/// The cover without the pixels that count unless clipped (2) where the image reaches `clipped` within the next pixel
+/// to each side.
+Mask without_clipped(const GreyImage& image, const Mask& cover, int clipped, int threads);
 
 constexpr int INTERPOLATED_PIXELS = 4;       ///< that a row must have
 constexpr std::size_t SUB_PIXEL_BLOCK = 64;  ///< pixels between two stages of resampling

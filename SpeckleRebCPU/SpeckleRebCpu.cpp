@@ -77,7 +77,7 @@ constexpr int RETURN_RADIUS = 16;
 constexpr int RETURN_TOLERANCE = 2;
 // What a score may lack, in terms of what the frame's median lacks: at all, where neighbours disagree, and at gaps.
 constexpr float LEAST_MEDIAN_LOSS = 0.005F;
-constexpr float LARGEST_LOSS = 8.5F;
+constexpr float LARGEST_LOSS = 16.0F;
 constexpr float DOUBTFUL_LOSS = 4.0F;
 constexpr float EDGE_LOSS = 0.9F;
 constexpr float LARGEST_DISAGREEMENT = 0.3F;  // pixels a slot

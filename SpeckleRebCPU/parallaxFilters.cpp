@@ -4,6 +4,7 @@
 #include <cmath>
 #include <vector>
 
+#include "SpeckleRebCPU/median.h"
 #include "foundation/parallel.h"
 #include "foundation/types.h"
 
@@ -178,9 +179,7 @@ Vector3d refit(const std::vector<CellSlot>& slots, const Vector3d& plane, double
 double robust_deviation(const std::vector<CellSlot>& slots, const Vector3d& plane) {
     std::vector<double> residuals;
     for (const CellSlot& slot : slots) residuals.push_back(std::abs(slot.row.dot(plane) - slot.parallax));
-    const auto middle = residuals.begin() + static_cast<std::ptrdiff_t>(residuals.size() / 2);
-    std::nth_element(residuals.begin(), middle, residuals.end());
-    return 1.4826 * *middle;
+    return 1.4826 * take_median(residuals);
 }
 
 struct CellPlane {

@@ -14,6 +14,7 @@
 #include <optional>
 #include <vector>
 
+#include "SpeckleRebCPU/median.h"
 #include "SpeckleRebCPU/pixelPairs-inl.h"
 #include "foundation/parallel.h"
 
@@ -21,7 +22,8 @@
 #    define VEXEL_SLOT_EVIDENCE_DEFINED
 namespace VexelAlgorithm {
 
-constexpr std::size_t RELATED = 6;  // 1, left, its second differences along x and y, slope, right
+/// What is related: the left image, its second differences, the slope, 1 and the right image.
+enum Related : int { LEFT, BLUR_X, BLUR_Y, SLOPE, OFFSET, RIGHT, RELATED };
 constexpr std::size_t RELATION_PRODUCTS = RELATED * (RELATED + 1) / 2;
 using CellSums = std::array<std::int32_t, RELATION_PRODUCTS>;
 
@@ -174,27 +176,23 @@ void pair_rows(const SubPixelTask& task, const ParallaxField& field, int begin, 
 
 /// Every other row is enough.
 void sum_cell_row(const RelationTask& task, int cellRow, std::vector<std::int32_t>& columns,
-                  std::vector<std::int32_t>& present) {
+                  std::vector<std::int16_t>& present) {
     constexpr int CELL = ImageRelation::CELL;
     const std::size_t width = present.size();
     std::fill(columns.begin(), columns.end(), 0);
     for (int y = cellRow * CELL; y < std::min((cellRow + 1) * CELL, task.paired.left.height()); y += 2) {
         const std::int16_t *left = task.paired.left.row(y), *right = task.paired.right.row(y);
-        for (std::size_t x = 0; x < width; ++x) present[x] = left[x] != 0 || right[x] != 0 ? -1 : 0;
-        const std::int16_t* values[RELATED] = {
-            nullptr, left, task.differences.alongX.row(y), task.differences.alongY.row(y), task.paired.slope.row(y),
-            right};
+        for (std::size_t x = 0; x < width; ++x) present[x] = left[x] != 0 || right[x] != 0 ? 1 : 0;
+        const std::int16_t* values[RELATED] = {left,
+                                               task.differences.alongX.row(y),
+                                               task.differences.alongY.row(y),
+                                               task.paired.slope.row(y),
+                                               present.data(),
+                                               right};
         std::int32_t* sums = columns.data();
-        for (std::size_t x = 0; x < width; ++x) sums[x] -= present[x];
-        for (std::size_t b = 1; b < RELATED; ++b) {
-            sums += width;
-            for (std::size_t x = 0; x < width; ++x) sums[x] += values[b][x] & present[x];
-        }
-        for (std::size_t a = 1; a < RELATED; ++a)
-            for (std::size_t b = a; b < RELATED; ++b) {
-                sums += width;
-                for (std::size_t x = 0; x < width; ++x) sums[x] += (values[a][x] * values[b][x]) & present[x];
-            }
+        for (int a = 0; a < RELATED; ++a)
+            for (int b = a; b < RELATED; ++b, sums += width)
+                for (std::size_t x = 0; x < width; ++x) sums[x] += values[a][x] * values[b][x] * present[x];
     }
     CellSums* cells = task.cells.row(cellRow);
     for (std::size_t q = 0; q < RELATION_PRODUCTS; ++q)
@@ -203,7 +201,8 @@ void sum_cell_row(const RelationTask& task, int cellRow, std::vector<std::int32_
 
 void sum_cell_rows(const RelationTask& task, int begin, int end) {
     const auto width = static_cast<std::size_t>(task.paired.left.width());
-    std::vector<std::int32_t> columns(RELATION_PRODUCTS * width), present(width);
+    std::vector<std::int32_t> columns(RELATION_PRODUCTS * width);
+    std::vector<std::int16_t> present(width);
     for (int row = begin; row < end; ++row) sum_cell_row(task, row, columns, present);
 }
 
@@ -232,56 +231,67 @@ constexpr std::size_t CELL_GRAIN = 8;
 
 using RelationSums = Eigen::Matrix<double, RELATED, RELATED>;  // of products, grey values
 
-/// Over 3 x 3 cells.
-RelationSums sums_around(const Raster<CellSums>& cells, int x, int y) {
-    static constexpr double SCALE[RELATED] = {1.0, 1.0, 1.0 / 16.0, 1.0 / 16.0, 0.5, 0.25};
+/// Over 3 x 3 cells; blur is shrunk by the ridge, and even images have no slopes.
+RelationSums sums_around(const Raster<CellSums>& cells, int x, int y, float ridge) {
+    static constexpr double SCALE[RELATED] = {1.0, 1.0 / 16.0, 1.0 / 16.0, 0.5, 1.0, 0.25};
     std::array<std::int64_t, RELATION_PRODUCTS> sums{};
     for (int v = std::max(0, y - 1); v <= std::min(cells.height() - 1, y + 1); ++v)
         for (int u = std::max(0, x - 1); u <= std::min(cells.width() - 1, x + 1); ++u)
             for (std::size_t q = 0; q < RELATION_PRODUCTS; ++q) sums[q] += cells.at(u, v)[q];
     RelationSums products;
     std::size_t q = 0;
-    for (int a = 0; a < static_cast<int>(RELATED); ++a)
-        for (int b = a; b < static_cast<int>(RELATED); ++b, ++q)
+    for (int a = 0; a < RELATED; ++a)
+        for (int b = a; b < RELATED; ++b, ++q)
             products(a, b) = products(b, a) = static_cast<double>(sums[q]) * SCALE[a] * SCALE[b];
+    const double count = products(OFFSET, OFFSET);
+    products(BLUR_X, BLUR_X) += ridge * count;
+    products(BLUR_Y, BLUR_Y) += ridge * count;
+    products(SLOPE, SLOPE) += count;
     return products;
 }
 
+bool is_seen(const RelationSums& products) {
+    return products(OFFSET, OFFSET) >= LEAST_SHARE * 0.5 * 9 * ImageRelation::CELL * ImageRelation::CELL;
+}
+
 struct Relation {
-    double offset = 0.0, gain = 1.0, blurX = 0.0, blurY = 0.0;
+    double gain = 1.0, blurX = 0.0, blurY = 0.0, offset = 0.0;
 };
 
-/// Least squares of right = offset + gain left + blurX u + blurY v - step slope with a free offset.
-std::optional<Relation> free_relation(RelationSums products, double ridge) {
+/// Least squares of right = gain left + blurX u + blurY v - step slope + offset.
+std::optional<Relation> free_relation(const RelationSums& products) {
     constexpr double LEAST_VARIANCE = 4.0;  // squared grey values
-    const double count = products(0, 0);
-    if (!(products(1, 1) - products(0, 1) * products(0, 1) / count > LEAST_VARIANCE * count)) return std::nullopt;
-    products(2, 2) += ridge * count;
-    products(3, 3) += ridge * count;
-    products(4, 4) += count;  // even images have no slopes
+    const double count = products(OFFSET, OFFSET), sum = products(LEFT, OFFSET);
+    if (!(products(LEFT, LEFT) - sum * sum / count > LEAST_VARIANCE * count)) return std::nullopt;
     const Eigen::Matrix<double, 5, 1> x = products.topLeftCorner<5, 5>().ldlt().solve(products.topRightCorner<5, 1>());
     if (!x.allFinite()) return std::nullopt;
-    return Relation{x[0], x[1], x[2], x[3]};
+    return Relation{x[LEFT], x[BLUR_X], x[BLUR_Y], x[OFFSET]};
 }
 
-/// The same with an offset that is known.
-Relation relation_with(double offset, double medianGain, RelationSums products, double ridge) {
-    const double count = products(0, 0);
-    Eigen::Vector4d right = products.block<4, 1>(1, 5) - offset * products.block<4, 1>(1, 0);
-    right[0] += GAIN_RIDGE * count * medianGain;
-    products(1, 1) += GAIN_RIDGE * count;
-    products(2, 2) += ridge * count;
-    products(3, 3) += ridge * count;
-    products(4, 4) += count;
-    const Eigen::Vector4d x = products.block<4, 4>(1, 1).ldlt().solve(right);
-    if (!x.allFinite()) return {offset, medianGain, 0.0, 0.0};
-    return {offset, x[0], x[1], x[2]};
+/// The same with the offset of the whole image, and a gain near its median.
+Relation relation_near(const Relation& whole, const RelationSums& products) {
+    const double pull = GAIN_RIDGE * products(OFFSET, OFFSET);
+    Eigen::Matrix4d matrix = products.topLeftCorner<4, 4>();
+    Eigen::Vector4d right = products.topRightCorner<4, 1>() - whole.offset * products.block<4, 1>(0, OFFSET);
+    matrix(LEFT, LEFT) += pull;
+    right[LEFT] += pull * whole.gain;
+    const Eigen::Vector4d x = matrix.ldlt().solve(right);
+    return x.allFinite() ? Relation{x[LEFT], x[BLUR_X], x[BLUR_Y], whole.offset} : whole;
 }
 
-float median_of(std::vector<float> values) {
-    const auto middle = values.begin() + static_cast<std::ptrdiff_t>(values.size() / 2);
-    std::nth_element(values.begin(), middle, values.end());
-    return *middle;
+/// Of the relations of cells whose neighbourhoods do not overlap.
+std::optional<Relation> median_relation(const Raster<CellSums>& cells, float ridge) {
+    std::vector<float> gains, offsets;
+    for (int y = 1; y < cells.height() + 1; y += 3)
+        for (int x = 1; x < cells.width() + 1; x += 3) {
+            const RelationSums products = sums_around(cells, x, y, ridge);
+            const std::optional<Relation> found = is_seen(products) ? free_relation(products) : std::nullopt;
+            if (!found) continue;
+            gains.push_back(static_cast<float>(found->gain));
+            offsets.push_back(static_cast<float>(found->offset));
+        }
+    if (gains.empty()) return std::nullopt;
+    return Relation{take_median(gains), 0.0, 0.0, take_median(offsets)};
 }
 
 }  // namespace
@@ -315,43 +325,18 @@ ImageRelation relate_images(const PairedImage& paired, const SecondDifferences& 
         });
     };
     for_rows([&](int begin, int end) { HWY_DYNAMIC_DISPATCH(sum_cell_rows)(task, begin, end); });
-    const auto is_seen = [](const RelationSums& products) {
-        return products(0, 0) >= LEAST_SHARE * 0.5 * 9 * CELL * CELL;
-    };
-
-    Raster<float> offset(width, height, NO_PARALLAX), gain = offset;
-    for_rows([&](int begin, int end) {
-        for (int y = begin; y < end; ++y)
-            for (int x = 0; x < width; ++x) {
-                const RelationSums products = sums_around(cells, x, y);
-                const std::optional<Relation> found = is_seen(products) ? free_relation(products, ridge) : std::nullopt;
-                if (!found) continue;
-                offset.at(x, y) = static_cast<float>(found->offset);
-                gain.at(x, y) = static_cast<float>(found->gain);
-            }
-    });
+    const Relation whole = median_relation(cells, ridge).value_or(Relation{});
     ImageRelation relation;
-    relation.blurX.assign(width, height);
-    relation.blurY.assign(width, height);
-    relation.gain.assign(width, height, 1.0F);
-    std::vector<float> offsets, gains;
-    for (std::size_t i = 0; i < offset.size(); ++i) {
-        if (std::isnan(offset[i])) continue;
-        offsets.push_back(offset[i]);
-        gains.push_back(gain[i]);
-    }
-    if (offsets.empty()) return relation;
-    relation.offset = median_of(offsets);
-    const float medianGain = median_of(gains);
+    relation.offset = static_cast<float>(whole.offset);
+    for (Raster<float>* values : {&relation.gain, &relation.blurX, &relation.blurY}) values->assign(width, height);
     for_rows([&](int begin, int end) {
         for (int y = begin; y < end; ++y)
             for (int x = 0; x < width; ++x) {
-                const RelationSums products = sums_around(cells, x, y);
-                const Relation found = is_seen(products) ? relation_with(relation.offset, medianGain, products, ridge)
-                                                         : Relation{relation.offset, medianGain, 0.0, 0.0};
+                const RelationSums products = sums_around(cells, x, y, ridge);
+                const Relation found = is_seen(products) ? relation_near(whole, products) : whole;
+                relation.gain.at(x, y) = static_cast<float>(found.gain);
                 relation.blurX.at(x, y) = static_cast<float>(found.blurX);
                 relation.blurY.at(x, y) = static_cast<float>(found.blurY);
-                relation.gain.at(x, y) = static_cast<float>(found.gain);
             }
     });
     return relation;

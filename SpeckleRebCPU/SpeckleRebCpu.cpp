@@ -7,6 +7,7 @@
 #include <utility>
 
 #include "SpeckleRebCPU/growMatches.h"
+#include "SpeckleRebCPU/median.h"
 #include "SpeckleRebCPU/parallaxFacets.h"
 #include "SpeckleRebCPU/parallaxFilters.h"
 #include "SpeckleRebCPU/pixelMatch.h"
@@ -341,7 +342,7 @@ void SpeckleRebCpu::pre_subpixel_match() {
     _objDepthRange = _pixDepthRange;
     _objDepthRange.facets_from_range();
     _unclippedShares = unclipped_shares(_remap.left, sub_pixel_window(), _threads);
-    _subPixelCover = spare_clipped_pixels(_unclippedShares, LEAST_UNCLIPPED_SHARE, _cover.left);
+    _subPixelCover = spare_clipped_pixels(_unclippedShares, LEAST_UNCLIPPED_SHARE, _cover.left, _threads);
     for (int step = 0; step < FIRST_STEPS; ++step) {
         _objDepthRange.depth_gaussian_smooth(6, 3.0F, 0.7F, 0.8F, _threads);
         take_sub_pixel_step(LARGEST_FIRST_STEP);
@@ -386,9 +387,7 @@ void SpeckleRebCpu::take_sub_pixel_step(float largestStep) {
 /// The step that the windows would take next, too.
 void SpeckleRebCpu::measure_scores() {
     find_sub_pixel_steps(sub_pixel_task(_subPixelCover), _objDepthRange.field(), _threads, _step, _score);
-    ParallaxField& field = _objDepthRange.field();
-    for (std::size_t i = 0; i < _score.size(); ++i)
-        if (has_parallax(field.parallax[i])) field.score[i] = _score[i];
+    std::swap(_objDepthRange.field().score, _score);
 }
 
 void SpeckleRebCpu::move_parallaxes(float largestStep) {
@@ -415,13 +414,12 @@ void SpeckleRebCpu::fit_surface() {
                              LARGEST_KINK * static_cast<float>(_param.sampleRatio),
                              FIT_GAIN_STEP,
                              FIT_ITERATIONS};
-    const Mask cover =
-        without_clipped(_remap.left, spare_clipped_pixels(_unclippedShares, FIT_LEAST_UNCLIPPED_SHARE, _cover.left),
-                        FIT_CLIPPED_GREY, _threads);
+    const Mask spared = spare_clipped_pixels(_unclippedShares, FIT_LEAST_UNCLIPPED_SHARE, _cover.left, _threads);
+    const Mask cover = without_clipped(_remap.left, spared, FIT_CLIPPED_GREY, _threads);
     SubPixelTask task = sub_pixel_task(cover);
     task.clippedGrey = FIT_CLIPPED_GREY;
     ParallaxField& field = _objDepthRange.field();
-    _surfaceFit.begin(task, field, _threads);
+    _surfaceFit.begin(_remap.left, _threads);
     for (const float outlier : FIT_OUTLIERS) {
         _surfaceFit.find_steps(task, prior, outlier, field, _threads, _step);
         move_parallaxes(LARGEST_STEP);
@@ -462,9 +460,7 @@ float SpeckleRebCpu::median_score() const {
     for (std::size_t i = 0; i < field.score.size(); ++i)
         if (has_parallax(field.parallax[i]) && has_parallax(_step[i])) scores.push_back(field.score[i]);
     if (scores.empty()) return 1.0F;
-    const auto middle = scores.begin() + static_cast<std::ptrdiff_t>(scores.size() / 2);
-    std::nth_element(scores.begin(), middle, scores.end());
-    return *middle;
+    return take_median(scores);
 }
 
 void SpeckleRebCpu::remove_noise(const StageNames& names) {

@@ -72,7 +72,8 @@ private:
     Raster<float> _unclippedShares;  ///< of the rectified left image
     Mask _subPixelCover;             ///< left pixels, as `SubPixelTask` has it
     WholeSurfaceFit _surfaceFit;
-    Raster<float> _step, _score;
+    Raster<float> _step;
+    Raster<float> _score;       ///< scratch: those of the step before
     float _medianScore = 1.0F;  ///< of the frame's slots under the fitted surface
     int _frame = 0;
 };

@@ -288,12 +288,15 @@ Raster<float> unclipped_shares(const GreyImage& image, int window, int threads) 
     return shares;
 }
 
-Mask spare_clipped_pixels(const Raster<float>& shares, float least, const Mask& cover) {
+Mask spare_clipped_pixels(const Raster<float>& shares, float least, const Mask& cover, int threads) {
     Mask counted(cover.width(), cover.height());
-    for (std::size_t i = 0; i < cover.size(); ++i) {
-        const bool isSpared = shares.empty() || shares[i] >= least;
-        counted[i] = static_cast<std::uint8_t>(cover[i] == 0 ? 0 : isSpared ? 2 : 1);
-    }
+    parallel_ranges(threads, cover.size(), ROW_GRAIN * static_cast<std::size_t>(cover.width()),
+                    [&](std::size_t begin, std::size_t end) {
+                        for (std::size_t i = begin; i < end; ++i) {
+                            const bool isSpared = shares.empty() || shares[i] >= least;
+                            counted[i] = static_cast<std::uint8_t>(cover[i] == 0 ? 0 : isSpared ? 2 : 1);
+                        }
+                    });
     return counted;
 }
 

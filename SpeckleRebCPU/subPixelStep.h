@@ -13,8 +13,7 @@ constexpr int CLIPPED_GREY = 252;  ///< from here on grey values may be clipped,
 Raster<float> unclipped_shares(const GreyImage& image, int window, int threads);
 /// Covered pixels become 2 (count unless clipped) where at least `least` is left, else 1. Where an image is too bright
 /// as a whole, its clipped pixels count, as little else would be left.
-Mask spare_clipped_pixels(const Raster<float>& shares, float least, const Mask& cover);
-
+Mask spare_clipped_pixels(const Raster<float>& shares, float least, const Mask& cover, int threads);
 /// The cover without the pixels that count unless clipped (2) where the image reaches `clipped` within the next pixel
 /// to each side.
 Mask without_clipped(const GreyImage& image, const Mask& cover, int clipped, int threads);
@@ -25,10 +24,6 @@ constexpr std::size_t SUB_PIXEL_BLOCK = 64;  ///< pixels between two stages of r
 constexpr std::size_t pair_stride(int width) {
     return (static_cast<std::size_t>(width) + SUB_PIXEL_BLOCK - 1) / SUB_PIXEL_BLOCK * SUB_PIXEL_BLOCK;
 }
-
-/// The cover without the pixels that count unless clipped (2) where the image reaches `clipped` within the next pixel
-/// to each side.
-Mask without_clipped(const GreyImage& image, const Mask& cover, int clipped, int threads);
 
 struct SubPixelTask {
     const GreyImage& left;           ///< rectified, full size

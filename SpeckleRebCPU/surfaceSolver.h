@@ -30,8 +30,9 @@ struct SurfacePrior {
 /// F. Hild and S. Roux, 2006). Solved by conjugate gradients with the diagonal as preconditioner, in overlapping tiles
 /// that fit into the cache.
 ///
-/// `step`: what is to be added to the parallaxes, pixels, 0 for empty slots. `gain`: those that the evidence was
-/// gathered with, and the new ones.
+/// `step`: what is to be added to the parallaxes, pixels, 0 for empty slots. `gain` (right grey values per
+/// left one): those that the evidence was gathered with, and the new ones; they stay where slots are empty. All rasters
+/// have one size. The result does not depend on the number of threads.
 void solve_surface(const SlotEvidence& evidence, const SurfacePrior& prior, const Raster<float>& parallax, int threads,
                    Raster<float>& step, Raster<float>& gain);
 

@@ -11,25 +11,28 @@ namespace {
 constexpr std::size_t ROW_GRAIN = 16;
 constexpr float BLUR_RIDGE = 0.3F;  // squared grey values of second difference
 
+void spread_gain(const Raster<float>& cells, int sample, Raster<float>& slots) {
+    for (int y = 0; y < slots.height(); ++y)
+        for (int x = 0; x < slots.width(); ++x)
+            slots.at(x, y) = cells.at(x * sample / ImageRelation::CELL, y * sample / ImageRelation::CELL);
+}
+
 }  // namespace
 
-void WholeSurfaceFit::begin(const SubPixelTask& task, const ParallaxField& field, int threads) {
-    find_second_differences(task.left, static_cast<int>(SUB_PIXEL_BLOCK), threads, _differences);
-    pair_images(task, field, threads, _paired);
-    _isPaired = true;
-    _relation = relate_images(_paired, _differences, BLUR_RIDGE, threads);
-    _gain.assign(field.parallax.width(), field.parallax.height());
-    for (int y = 0; y < _gain.height(); ++y)
-        for (int x = 0; x < _gain.width(); ++x)
-            _gain.at(x, y) =
-                _relation.gain.at(x * task.sample / ImageRelation::CELL, y * task.sample / ImageRelation::CELL);
+void WholeSurfaceFit::begin(const GreyImage& left, int threads) {
+    find_second_differences(left, static_cast<int>(SUB_PIXEL_BLOCK), threads, _differences);
+    _relation.reset();
 }
 
 void WholeSurfaceFit::find_steps(const SubPixelTask& task, const SurfacePrior& prior, float outlier,
                                  const ParallaxField& field, int threads, Raster<float>& step) {
-    if (!_isPaired) pair_images(task, field, threads, _paired);
-    _isPaired = false;
-    gather_evidence({_paired, _differences, _relation, _gain, task.sample, outlier}, threads, _evidence);
+    pair_images(task, field, threads, _paired);
+    if (!_relation) {
+        _relation = relate_images(_paired, _differences, BLUR_RIDGE, threads);
+        _gain.assign(field.parallax.width(), field.parallax.height());
+        spread_gain(_relation->gain, task.sample, _gain);
+    }
+    gather_evidence({_paired, _differences, *_relation, _gain, task.sample, outlier}, threads, _evidence);
     solve_surface(_evidence, prior, field.parallax, threads, step, _gain);
 }
 

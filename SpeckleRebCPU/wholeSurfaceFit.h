@@ -1,6 +1,8 @@
 // The surface that explains a whole pair of images.
 #pragma once
 
+#include <optional>
+
 #include "SpeckleRebCPU/slotEvidence.h"
 #include "SpeckleRebCPU/surfaceSolver.h"
 
@@ -10,8 +12,9 @@ namespace VexelAlgorithm {
 /// frame; the larger buffers stay from frame to frame.
 class WholeSurfaceFit {
 public:
-    /// Forgets the frame before: blur, offset and the first gains are taken from the pairs of cells (`relate_images`).
-    void begin(const SubPixelTask& task, const ParallaxField& field, int threads);
+    /// Forgets the frame before. Blur, offset and the first gains will be taken from the pairs of cells
+    /// (`relate_images`) under the first field.
+    void begin(const GreyImage& left, int threads);
 
     /// `step`: pixels, to be added to the parallaxes, 0 for empty slots. Pixels weigh half when they deviate from the
     /// fit by `outlier` grey values.
@@ -21,10 +24,9 @@ public:
 private:
     SecondDifferences _differences;  ///< of the left image
     PairedImage _paired;
-    ImageRelation _relation;
+    std::optional<ImageRelation> _relation;
     SlotEvidence _evidence;
     Raster<float> _gain;
-    bool _isPaired = false;  ///< `_paired` is of the field as it is
 };
 
 /// Slopes from the neighbours that are within `jump` pixels; where there are none, the slope stays.

@@ -146,7 +146,7 @@ void whole_surface_fit(benchmark::State& state) {
     WholeSurfaceFit fit;
     Raster<float> step;
     for (auto _ : state) {
-        fit.begin(task, field, default_thread_number());
+        fit.begin(task.left, default_thread_number());
         fit.find_steps(task, prior, 8.0F, field, default_thread_number(), step);
     }
     state.SetItemsProcessed(state.iterations() * static_cast<std::int64_t>(step.size()));

@@ -153,7 +153,7 @@ TEST(MatchingStages, SubPixelStepsAreThoseOfSingleWindows) {
         GreyImage left = noise_image(95, 53, 9, 3), right = shifted(left, 6);
         for (GreyImage* image : {&left, &right})  // clipped patches, not the same in both
             for (int y = 10; y < 30; ++y) std::fill_n(image->row(y) + (image == &left ? 50 : 60), 5, std::uint8_t{255});
-        const Mask cover = spare_clipped_pixels(unclipped_shares(left, 11, 2), 0.6F, random_mask(95, 53, 10, 95));
+        const Mask cover = spare_clipped_pixels(unclipped_shares(left, 11, 2), 0.6F, random_mask(95, 53, 10, 95), 2);
         for (int y = 0; y < 53; ++y)
             for (int x = 0; x < 95; ++x) {
                 if (cover.at(x, y) == 0) continue;

@@ -249,7 +249,7 @@ TEST(WholeSurface, FollowsARidgeAndAStepBetweenSurfaces) {
     EXPECT_GT(error(), 0.1);
     WholeSurfaceFit fit;
     Raster<float> step;
-    fit.begin(task, field, 2);
+    fit.begin(left, 2);
     for (int round = 0; round < 4; ++round) {
         fit.find_steps(task, prior, 12.0F, field, 2, step);
         for (std::size_t i = 0; i < step.size(); ++i) field.parallax[i] += step[i];
@@ -259,7 +259,7 @@ TEST(WholeSurface, FollowsARidgeAndAStepBetweenSurfaces) {
 
     const Mask nothing(width, height, 0);
     const SubPixelTask blind{left, right, nothing, sample, 13, 13, 240};
-    fit.begin(blind, field, 2);
+    fit.begin(left, 2);
     fit.find_steps(blind, prior, 12.0F, field, 2, step);
     for (std::size_t i = 0; i < step.size(); ++i) {
         ASSERT_TRUE(std::isfinite(step[i]));

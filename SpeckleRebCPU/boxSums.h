@@ -12,11 +12,11 @@ namespace VexelAlgorithm {
 constexpr std::size_t BOX_GRAIN = 32;  ///< rows; building up the first window costs as much as a window of rows
 
 /// Calls `emit(x, y, sum)` with the sum of value(x', y') over the window of half-widths (rx, ry) around every pixel;
-/// what lies outside the image counts as zero. Values are integers; the sum must fit into 32 bits.
-template <class ValueAt, class Emit>
+/// what lies outside the image counts as zero. Values are integers; the sum must fit into `Sum`.
+template <class Sum = std::int32_t, class ValueAt, class Emit>
 void for_each_box_sum(int width, int height, int rx, int ry, int threads, const ValueAt& value, const Emit& emit) {
     parallel_ranges(threads, static_cast<std::size_t>(height), BOX_GRAIN, [&](std::size_t begin, std::size_t end) {
-        std::vector<std::int32_t> columns(static_cast<std::size_t>(width), 0);
+        std::vector<Sum> columns(static_cast<std::size_t>(width), 0);
         const auto add_row = [&](int y) {
             if (y < 0 || y >= height) return;
             for (int x = 0; x < width; ++x) columns[static_cast<std::size_t>(x)] += value(x, y);
@@ -29,7 +29,7 @@ void for_each_box_sum(int width, int height, int rx, int ry, int threads, const 
         for (int y = first - ry; y < first + ry; ++y) add_row(y);
         for (int y = first; y < static_cast<int>(end); ++y) {
             add_row(y + ry);
-            std::int32_t sum = 0;
+            Sum sum = 0;
             for (int x = 0; x < std::min(rx, width); ++x) sum += columns[static_cast<std::size_t>(x)];
             for (int x = 0; x < width; ++x) {
                 if (x + rx < width) sum += columns[static_cast<std::size_t>(x + rx)];

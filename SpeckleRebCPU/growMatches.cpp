@@ -14,6 +14,7 @@ namespace VexelAlgorithm {
 namespace {
 
 constexpr std::size_t PIXEL_GRAIN = 64;
+constexpr std::size_t ROW_GRAIN = 16;
 constexpr int PLANE_RADIUS = 4;        // pixels
 constexpr int FEWEST_NEIGHBOURS = 6;   // of a plane
 constexpr float LARGEST_SLOPE = 0.9F;  // pixel per pixel; a surface seen nearly edge-on
@@ -115,11 +116,31 @@ std::vector<std::size_t> ring_around(const std::vector<std::size_t>& matched, co
     return ring;
 }
 
-std::vector<std::size_t> matched_pixels(const Raster<float>& parallax) {
-    std::vector<std::size_t> matched;
-    for (std::size_t i = 0; i < parallax.size(); ++i)
-        if (has_parallax(parallax[i])) matched.push_back(i);
-    return matched;
+/// The same of all matched pixels.
+std::vector<std::size_t> first_ring(const GrowTask& task, const Raster<float>& parallax, int threads,
+                                    Raster<std::uint8_t>& tries) {
+    const auto width = static_cast<std::size_t>(parallax.width());
+    const auto is_beside_match = [&](int x, int y) {
+        for (int v = std::max(0, y - 1); v <= std::min(parallax.height() - 1, y + 1); ++v)
+            for (int u = std::max(0, x - 1); u <= std::min(parallax.width() - 1, x + 1); ++u)
+                if (has_parallax(parallax.at(u, v))) return true;
+        return false;
+    };
+    std::vector<std::vector<std::size_t>> rows(static_cast<std::size_t>(parallax.height()));
+    parallel_ranges(threads, rows.size(), ROW_GRAIN, [&](std::size_t begin, std::size_t end) {
+        for (std::size_t y = begin; y < end; ++y)
+            for (std::size_t x = 0; x < width; ++x) {
+                const std::size_t i = y * width + x;
+                if (has_parallax(parallax[i]) || task.leftMask[i] == 0 ||
+                    !is_beside_match(static_cast<int>(x), static_cast<int>(y)))
+                    continue;
+                tries[i] = 1;
+                rows[y].push_back(i);
+            }
+    });
+    std::vector<std::size_t> ring;
+    for (const auto& row : rows) ring.insert(ring.end(), row.begin(), row.end());
+    return ring;
 }
 
 }  // namespace
@@ -127,9 +148,8 @@ std::vector<std::size_t> matched_pixels(const Raster<float>& parallax) {
 void grow_matches(const GrowTask& task, int threads, Raster<float>& parallax, Raster<float>& score) {
     const auto width = static_cast<std::size_t>(parallax.width());
     Raster<std::uint8_t> tries(parallax.width(), parallax.height());
-    std::vector<std::size_t> matched = matched_pixels(parallax);
-    while (!matched.empty()) {
-        const std::vector<std::size_t> ring = ring_around(matched, task, parallax, tries);
+    std::vector<std::size_t> ring = first_ring(task, parallax, threads, tries), matched;
+    while (!ring.empty()) {
         std::vector<Match> found(ring.size());
         parallel_ranges(threads, ring.size(), PIXEL_GRAIN, [&](std::size_t begin, std::size_t end) {
             for (std::size_t k = begin; k < end; ++k)
@@ -143,6 +163,7 @@ void grow_matches(const GrowTask& task, int threads, Raster<float>& parallax, Ra
             score[ring[k]] = found[k].score;
             matched.push_back(ring[k]);
         }
+        ring = ring_around(matched, task, parallax, tries);
     }
 }
 

@@ -12,6 +12,7 @@ namespace VexelAlgorithm {
 namespace {
 
 constexpr std::size_t ROW_GRAIN = 16;
+constexpr std::size_t SLOT_GRAIN = 8192;
 constexpr std::size_t FEWEST_OF_SURROUND = 64;
 
 /// Labels of regions that turned out to be one point to each other; the smallest is the root.
@@ -118,8 +119,10 @@ void clear_marked(int threads, ParallaxField& field, const MarkRow& mark_row) {
                         MarkRow markRow = mark_row;
                         for (int y = static_cast<int>(begin); y < static_cast<int>(end); ++y) markRow(y, wrong.row(y));
                     });
-    for (std::size_t i = 0; i < wrong.size(); ++i)
-        if (wrong[i] != 0) field.clear_slot(i);
+    parallel_ranges(threads, wrong.size(), SLOT_GRAIN, [&](std::size_t begin, std::size_t end) {
+        for (std::size_t i = begin; i < end; ++i)
+            if (wrong[i] != 0) field.clear_slot(i);
+    });
 }
 
 /// Slots within `reach` of an empty one, in both directions.
@@ -153,6 +156,7 @@ struct CellSlot {
 template <class Counts>
 std::vector<CellSlot> slots_of_cell(const Raster<float>& parallax, int x0, int y0, int cellSize, const Counts& counts) {
     std::vector<CellSlot> slots;
+    slots.reserve(static_cast<std::size_t>(cellSize * cellSize));
     for (int y = std::max(0, y0); y < std::min(y0 + cellSize, parallax.height()); ++y) {
         for (int x = std::max(0, x0); x < std::min(x0 + cellSize, parallax.width()); ++x) {
             const float* slot = &parallax.at(x, y);
@@ -178,6 +182,7 @@ Vector3d refit(const std::vector<CellSlot>& slots, const Vector3d& plane, double
 
 double robust_deviation(const std::vector<CellSlot>& slots, const Vector3d& plane) {
     std::vector<double> residuals;
+    residuals.reserve(slots.size());
     for (const CellSlot& slot : slots) residuals.push_back(std::abs(slot.row.dot(plane) - slot.parallax));
     return 1.4826 * take_median(residuals);
 }

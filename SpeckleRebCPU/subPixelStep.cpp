@@ -267,24 +267,22 @@ HWY_EXPORT(search_band);
 Raster<float> unclipped_shares(const GreyImage& image, int window, int threads) {
     const int width = image.width(), height = image.height(), radius = window / 2;
     Raster<float> shares;
-    if (image.empty() || *std::max_element(image.data(), image.data() + image.size()) < CLIPPED_GREY) return shares;
-    const auto squared_step = [&](int x, int y) -> std::int32_t {
-        if (x < 1 || x + 1 >= width) return 0;
-        const int step = image.at(x + 1, y) - image.at(x - 1, y);
-        return step * step;
-    };
-    const auto unclipped = [&](int x, int y) -> std::int32_t {
+    std::uint8_t brightest = 0;
+    for (std::size_t i = 0; i < image.size(); ++i) brightest = std::max(brightest, image[i]);
+    if (brightest < CLIPPED_GREY) return shares;
+    // All squares in the upper half of a number, those without clipped pixels in the lower one.
+    const auto squares = [&](int x, int y) -> std::int64_t {
         if (x < 1 || x + 1 >= width) return 0;
         const std::uint8_t* grey = image.row(y) + x;
-        return std::max({grey[-1], grey[0], grey[1]}) >= CLIPPED_GREY ? 0 : squared_step(x, y);
+        const std::int64_t step = grey[1] - grey[-1], square = step * step;
+        return square << 32 | (std::max({grey[-1], grey[0], grey[1]}) < CLIPPED_GREY ? square : 0);
     };
     shares.assign(width, height);
-    for_each_box_sum(width, height, radius, radius, threads, squared_step,
-                     [&](int x, int y, std::int32_t sum) { shares.at(x, y) = static_cast<float>(sum); });
-    for_each_box_sum(width, height, radius, radius, threads, unclipped, [&](int x, int y, std::int32_t sum) {
-        float& share = shares.at(x, y);
-        share = share > 0.0F ? static_cast<float>(sum) / share : 1.0F;
-    });
+    const auto emit = [&](int x, int y, std::int64_t sums) {
+        const std::int64_t all = sums >> 32, unclipped = sums & 0xFFFFFFFF;
+        shares.at(x, y) = all > 0 ? static_cast<float>(unclipped) / static_cast<float>(all) : 1.0F;
+    };
+    for_each_box_sum<std::int64_t>(width, height, radius, radius, threads, squares, emit);
     return shares;
 }
 

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <array>
+#include <atomic>
 #include <cmath>
 #include <optional>
 #include <vector>
@@ -156,16 +157,6 @@ private:
     const float _sample;
 };
 
-template <class Body>
-void for_each_slot(const Raster<float>& parallax, int threads, const Body& body) {
-    parallel_ranges(threads, static_cast<std::size_t>(parallax.height()), ROW_GRAIN,
-                    [&](std::size_t begin, std::size_t end) {
-                        for (int y = static_cast<int>(begin); y < static_cast<int>(end); ++y)
-                            for (int x = 0; x < parallax.width(); ++x)
-                                if (has_parallax(parallax.at(x, y))) body(x, y);
-                    });
-}
-
 /// Whether `holds(u, v)` for any slot within `reach` of (x, y).
 template <class Holds>
 bool any_around(const Raster<float>& parallax, int x, int y, int reach, const Holds& holds) {
@@ -188,16 +179,39 @@ bool is_even(const GreyImage& image, int x, int y, float leastStep) {
     return static_cast<float>(squares) < leastStep * leastStep * static_cast<float>(count);
 }
 
+/// For the slots of a row: whether they, or any of the eight around, are empty.
+void find_beside_empty(const Raster<float>& parallax, int y, std::vector<std::uint8_t>& besideEmpty) {
+    const int width = parallax.width();
+    besideEmpty.assign(static_cast<std::size_t>(width), 0);
+    std::uint8_t* beside = besideEmpty.data();
+    for (int v = std::max(0, y - 1); v <= std::min(parallax.height() - 1, y + 1); ++v) {
+        const float* other = parallax.row(v);
+        for (int dx = -1; dx <= 1; ++dx)
+            for (int x = std::max(0, -dx); x < width - std::max(0, dx); ++x)
+                beside[x] |= other[x + dx] == other[x + dx] ? 0 : 1;  // not where it is NaN
+    }
+}
+
 /// From the gaps inwards.
 void peel_even_slots(const EdgeTask& task, float leastStep, int threads, Raster<float>& parallax) {
-    for (int round = 0; round < EVEN_ROUNDS; ++round) {
+    std::atomic<bool> isDone = false;
+    for (int round = 0; round < EVEN_ROUNDS && !isDone; ++round) {
         const Raster<float> before = parallax;
-        for_each_slot(before, threads, [&](int x, int y) {
-            const auto is_empty = [&](int u, int v) { return !has_parallax(before.at(u, v)); };
-            if (any_around(before, x, y, 1, is_empty) &&
-                is_even(task.left, x * task.sample, y * task.sample, leastStep))
-                parallax.at(x, y) = NO_PARALLAX;
-        });
+        isDone = true;
+        parallel_ranges(
+            threads, static_cast<std::size_t>(before.height()), ROW_GRAIN, [&](std::size_t begin, std::size_t end) {
+                std::vector<std::uint8_t> besideEmpty;
+                for (int y = static_cast<int>(begin); y < static_cast<int>(end); ++y) {
+                    find_beside_empty(before, y, besideEmpty);
+                    for (int x = 0; x < before.width(); ++x) {
+                        if (besideEmpty[static_cast<std::size_t>(x)] == 0 || !has_parallax(before.at(x, y)) ||
+                            !is_even(task.left, x * task.sample, y * task.sample, leastStep))
+                            continue;
+                        parallax.at(x, y) = NO_PARALLAX;
+                        isDone = false;
+                    }
+                }
+            });
     }
 }
 

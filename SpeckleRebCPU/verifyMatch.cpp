@@ -88,9 +88,18 @@ void find_owners(const std::vector<int>& claims, std::vector<int>& owners, const
     }
 }
 
-void remove_contradicted_regions(const VerifyTask& task, int tolerance, ParallaxField& field) {
+void clear_regions(const ParallaxRegions& regions, const std::vector<std::uint8_t>& isWrong, ParallaxField& field) {
+    if (std::find(isWrong.begin(), isWrong.end(), 1) == isWrong.end()) return;
+    for (std::size_t i = 0; i < regions.label.size(); ++i) {
+        const std::int32_t label = regions.label[i];
+        if (label >= 0 && isWrong[static_cast<std::size_t>(label)] != 0) field.clear_slot(i);
+    }
+}
+
+/// Regions that lose all their slots have the size 0 afterwards.
+void remove_contradicted_regions(const VerifyTask& task, int tolerance, ParallaxRegions& regions,
+                                 ParallaxField& field) {
     const int width = field.parallax.width();
-    const ParallaxRegions regions = find_regions(task.regionStep, field.parallax);
     std::vector<std::size_t> contradicted(regions.sizes.size(), 0);
     std::vector<int> claims, owners;
     for (int y = 0; y < field.parallax.height(); ++y) {
@@ -107,12 +116,11 @@ void remove_contradicted_regions(const VerifyTask& task, int tolerance, Parallax
                 ++contradicted[static_cast<std::size_t>(label[x])];
         }
     }
-    for (std::size_t i = 0; i < regions.label.size(); ++i) {
-        const std::int32_t label = regions.label[i];
-        if (label >= 0 &&
-            3 * contradicted[static_cast<std::size_t>(label)] > regions.sizes[static_cast<std::size_t>(label)])
-            field.clear_slot(i);
-    }
+    std::vector<std::uint8_t> isWrong(regions.sizes.size(), 0);
+    for (std::size_t k = 0; k < isWrong.size(); ++k) isWrong[k] = 3 * contradicted[k] > regions.sizes[k] ? 1 : 0;
+    clear_regions(regions, isWrong, field);
+    for (std::size_t k = 0; k < isWrong.size(); ++k)
+        if (isWrong[k] != 0) regions.sizes[k] = 0;
 }
 
 /// First and one past last column that can be a candidate.
@@ -126,8 +134,7 @@ std::pair<int, int> candidate_columns(const Mask& cover, int y) {
     return {static_cast<int>(first - row), static_cast<int>(last - row)};
 }
 
-void remove_cut_off_regions(const VerifyTask& task, ParallaxField& field) {
-    const ParallaxRegions regions = find_regions(task.regionStep, field.parallax);
+void remove_cut_off_regions(const VerifyTask& task, const ParallaxRegions& regions, ParallaxField& field) {
     if (regions.sizes.empty()) return;
     std::vector<std::size_t> cutOff(regions.sizes.size(), 0);
     for (int y = 0; y < field.parallax.height(); ++y) {
@@ -138,13 +145,12 @@ void remove_cut_off_regions(const VerifyTask& task, ParallaxField& field) {
                 ++cutOff[static_cast<std::size_t>(label)];
         }
     }
-    const auto largest = std::max_element(regions.sizes.begin(), regions.sizes.end()) - regions.sizes.begin();
-    for (std::size_t i = 0; i < regions.label.size(); ++i) {
-        const std::int32_t label = regions.label[i];
-        if (label < 0 || label == largest) continue;
-        const auto region = static_cast<std::size_t>(label);
-        if (10 * cutOff[region] >= 9 * regions.sizes[region]) field.clear_slot(i);
-    }
+    const auto largest =
+        static_cast<std::size_t>(std::max_element(regions.sizes.begin(), regions.sizes.end()) - regions.sizes.begin());
+    std::vector<std::uint8_t> isWrong(regions.sizes.size(), 0);
+    for (std::size_t k = 0; k < isWrong.size(); ++k)
+        isWrong[k] = k != largest && 10 * cutOff[k] >= 9 * regions.sizes[k] && cutOff[k] > 0 ? 1 : 0;
+    clear_regions(regions, isWrong, field);
 }
 
 void keep_best_claims(const VerifyTask& task, int tolerance, int threads, ParallaxField& field) {
@@ -171,8 +177,9 @@ void keep_best_claims(const VerifyTask& task, int tolerance, int threads, Parall
 
 void right_to_left_to_vertify_match(const VerifyTask& task, int searchRadius, int tolerance, int threads,
                                     ParallaxField& field) {
-    remove_contradicted_regions(task, tolerance, field);
-    remove_cut_off_regions(task, field);
+    ParallaxRegions regions = find_regions(task.regionStep, field.parallax);
+    remove_contradicted_regions(task, tolerance, regions, field);
+    remove_cut_off_regions(task, regions, field);
     keep_best_claims(task, tolerance, threads, field);
     verify_locally(task, searchRadius, tolerance, threads, field);
 }

@@ -138,6 +138,7 @@ bool CommonSpeReb::ini_common() {
     _sampledRange = {range(0) / sample, (std::min(range(1), _param.imgSize.x()) + sample - 1) / sample,
                      range(2) / sample, (std::min(range(3), _param.imgSize.y()) + sample - 1) / sample};
     for (GreyImage* image : {&_remap.left, &_remap.right}) image->assign(_param.imgSize.x(), _param.imgSize.y());
+    for (FineImage* image : {&_fine.left, &_fineRight}) image->assign(_param.imgSize.x(), _param.imgSize.y());
     find_cover();
     _debug.set_path(_param.debugPath);
     _debug.enable(_param.isDebug2OutPut);
@@ -196,6 +197,12 @@ void CommonSpeReb::copy_raw(const unsigned char* left, const unsigned char* righ
 
 bool CommonSpeReb::remap(const unsigned char* left, const unsigned char* right) {
     return _calibration.remap_image_LR(left, right, _remap.left.data(), _remap.right.data());
+}
+
+void CommonSpeReb::remap_fine(const unsigned char* left, const unsigned char* right) {
+    _fineRectification.rectify(left, _calibration.get_left_map(), _threads, _fine.left);
+    _fineRectification.rectify(right, _calibration.get_right_map(), _threads, _fineRight);
+    spline_rows(_fineRight, _threads, _fine.right);
 }
 
 void CommonSpeReb::build_pyramid() {

@@ -7,6 +7,7 @@
 #include "SpeckleRebCPU/Raster.h"
 #include "SpeckleRebCPU/RebParam.h"
 #include "SpeckleRebCPU/StereoGeometry.h"
+#include "SpeckleRebCPU/fineImages.h"
 #include "readCaliData/CaliParReadIn.h"
 
 namespace VexelAlgorithm {
@@ -39,6 +40,8 @@ protected:
     // ---- stages; each returns false, with a line, when it fails -----------------------------------------
 
     bool remap(const unsigned char* left, const unsigned char* right);
+    /// For sub-pixel matching. Cannot fail where `remap` did not.
+    void remap_fine(const unsigned char* left, const unsigned char* right);
     void build_pyramid();
     bool compute_valid_mask();
 
@@ -56,6 +59,7 @@ protected:
 
     Both<GreyImage> _raw;    ///< filled for dumps only
     Both<GreyImage> _remap;  ///< rectified, full size
+    FinePair _fine;          ///< the same, for sub-pixel matching
     Both<GreyImage> _pyramid;
     Both<GreyImage> _gradient;
     Both<Mask> _mask;         ///< sampled pixels that can be matched
@@ -64,6 +68,9 @@ protected:
 
 private:
     void find_cover();
+
+    FineRectification _fineRectification;
+    FineImage _fineRight;  ///< rectified, before it becomes a spline
 };
 
 }  // namespace VexelAlgorithm

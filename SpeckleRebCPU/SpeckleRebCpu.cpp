@@ -48,12 +48,13 @@ constexpr int LARGEST_SHARP_WINDOW = 13;
 constexpr float FACET_TOLERANCE = 0.5F;
 constexpr float FACET_SLOPE_TOLERANCE = 0.1F;
 // The fit of the whole surface, for slots of 2 x 2 pixels and windows of 13; others are scaled from there.
-constexpr float FIT_OUTLIERS[] = {20.0F, 8.0F};  // grey values, of one fit after the other
-constexpr float FIT_NOISE = 3.0F;                // grey values: of the sensor, and what no model explains
-constexpr float FIT_BEND = 0.065F;               // pixels, from slot to slot to slot
-constexpr float FIT_CREASE = 0.015F;             // pixels, likewise
-constexpr float FIT_GAIN_STEP = 0.02F;           // from slot to slot
+constexpr float FIT_OUTLIERS[] = {20.0F, 8.0F, 8.0F};  // grey values, of one fit after the other
+constexpr float FIT_NOISE = 2.8F;                      // grey values: of the sensor, and what no model explains
+constexpr float FIT_BEND = 0.065F;                     // pixels, from slot to slot to slot
+constexpr float FIT_CREASE = 0.015F;                   // pixels, likewise
+constexpr float FIT_GAIN_STEP = 0.03F;                 // from slot to slot
 constexpr int FIT_ITERATIONS = 20;
+constexpr float FIT_REST = 0.001F;     // squared grey values a slot
 constexpr float LARGEST_KINK = 0.75F;  // pixels a pixel
 constexpr int FIT_CLIPPED_GREY = 240;
 constexpr float FIT_LEAST_UNCLIPPED_SHARE = 0.3F;  // the prior bridges more than a window can
@@ -79,7 +80,7 @@ constexpr int RETURN_TOLERANCE = 2;
 // What a score may lack, in terms of what the frame's median lacks: at all, where neighbours disagree, and at gaps.
 constexpr float LEAST_MEDIAN_LOSS = 0.005F;
 constexpr float LARGEST_LOSS = 16.0F;
-constexpr float DOUBTFUL_LOSS = 4.0F;
+constexpr float DOUBTFUL_LOSS = 2.5F;
 constexpr float EDGE_LOSS = 0.9F;
 constexpr float LARGEST_DISAGREEMENT = 0.3F;  // pixels a slot
 constexpr float EDGE_DISAGREEMENT = 0.08F;
@@ -162,7 +163,7 @@ RetVal SpeckleRebCpu::run(const unsigned char* left, const unsigned char* right,
     result.setZero();
     _debug.set_frame(_frame++);
     if (!prepare_images(left, right, NAMES) || !match_to_depth_range(NAMES)) return RET_RUN_FAIL;
-    refine(NAMES);
+    refine(left, right, NAMES);
     remove_noise(NAMES);
     write_result(NAMES, result);
     timeMs = static_cast<int>(watch.milliseconds());
@@ -218,7 +219,7 @@ RetVal SpeckleRebCpu::run_subPix(const unsigned char* left, const unsigned char*
     result.setZero();
     _debug.set_frame(_frame++);
     if (!prepare_images(left, right, NAMES)) return RET_RUN_FAIL;
-    refine(NAMES);
+    refine(left, right, NAMES);
     remove_noise(NAMES);
     write_result(NAMES, result);
     timeMs = static_cast<int>(watch.milliseconds());
@@ -321,21 +322,25 @@ void SpeckleRebCpu::save_invalid_points() {
     for (std::size_t i = 0; i < _match.size(); ++i) _invalid[i] = has_parallax(_match[i]) ? 0 : 1;
 }
 
-void SpeckleRebCpu::refine(const StageNames& names) {
+void SpeckleRebCpu::refine(const unsigned char* left, const unsigned char* right, const StageNames& names) {
+    remap_fine(left, right);
     pre_subpixel_match();
-    if (_debug.is_on()) _objDepthRange.update_points(_threads);
-    _debug.points(names.preSubPixel, _objDepthRange);
+    dump_stage(names.preSubPixel, false);
 
     _objDepthRange.depth_gaussian_smooth(4, 2.4F, 0.7F, 0.2F, _threads);
-    if (_debug.is_on()) _objDepthRange.update_points(_threads);
-    _debug.points(names.smoothRange, _objDepthRange);
-    _objDepthRange.update_normals(_threads);
-    _debug.points(names.normals, _objDepthRange);
+    dump_stage(names.smoothRange, false);
+    dump_stage(names.normals, true);
 
     iterate_subpixel_match();
+    dump_stage(names.iterated, true);
+}
+
+/// Without dumps points and normals are found once, at the end.
+void SpeckleRebCpu::dump_stage(std::string_view name, bool hasNormals) {
+    if (!_debug.is_on()) return;
     _objDepthRange.update_points(_threads);
-    _objDepthRange.update_normals(_threads);
-    _debug.points(names.iterated, _objDepthRange);
+    if (hasNormals) _objDepthRange.update_normals(_threads);
+    _debug.points(name, _objDepthRange);
 }
 
 void SpeckleRebCpu::pre_subpixel_match() {
@@ -399,7 +404,13 @@ void SpeckleRebCpu::move_parallaxes(float largestStep) {
 }
 
 SubPixelTask SpeckleRebCpu::sub_pixel_task(const Mask& cover) const {
-    return {_remap.left, _remap.right, cover, _param.sampleRatio, _param.subPixMatchWin.x(), _param.subPixMatchWin.y()};
+    return {_remap.left,
+            _remap.right,
+            _fine,
+            cover,
+            _param.sampleRatio,
+            _param.subPixMatchWin.x(),
+            _param.subPixMatchWin.y()};
 }
 
 /// A larger window asks for a smoother surface; bends of it weigh as the smoothing of a plate that reaches as far.
@@ -413,7 +424,8 @@ void SpeckleRebCpu::fit_surface() {
                              jump,
                              LARGEST_KINK * static_cast<float>(_param.sampleRatio),
                              FIT_GAIN_STEP,
-                             FIT_ITERATIONS};
+                             FIT_ITERATIONS,
+                             FIT_REST};
     const Mask spared = spare_clipped_pixels(_unclippedShares, FIT_LEAST_UNCLIPPED_SHARE, _cover.left, _threads);
     const Mask cover = without_clipped(_remap.left, spared, FIT_CLIPPED_GREY, _threads);
     SubPixelTask task = sub_pixel_task(cover);
@@ -468,9 +480,7 @@ void SpeckleRebCpu::remove_noise(const StageNames& names) {
     const int sample = _param.sampleRatio;
     const float regionStep = region_step();
     const auto dump = [&](std::string_view name) {
-        if (!names.isEndShown || !_debug.is_on()) return;
-        _objDepthRange.update_points(_threads);
-        _debug.points(name, _objDepthRange);
+        if (names.isEndShown) dump_stage(name, false);
     };
     remove_small_regions(island_limit(FIRST_ISLAND_SHARE), regionStep, field.parallax);
     dump("remove_nosie");

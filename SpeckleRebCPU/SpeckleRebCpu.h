@@ -2,6 +2,7 @@
 #pragma once
 
 #include <memory>
+#include <string_view>
 
 #include "SpeckleRebCPU/CommonSpeReb.h"
 #include "SpeckleRebCPU/DepthRange.h"
@@ -40,8 +41,9 @@ private:
     bool can_take(const unsigned char* left, const unsigned char* right, const PointImage& result) const;
     bool prepare_images(const unsigned char* left, const unsigned char* right, const StageNames& names);
     bool match_to_depth_range(const StageNames& names);
-    void refine(const StageNames& names);
+    void refine(const unsigned char* left, const unsigned char* right, const StageNames& names);
     void remove_noise(const StageNames& names);
+    void dump_stage(std::string_view name, bool hasNormals);
     void write_result(const StageNames& names, PointImage& result);
 
     bool match_pixels_by_zncc();

@@ -15,14 +15,13 @@
 #    include <cstring>
 #    include <vector>
 
+#    include "SpeckleRebCPU/splineWeights-inl.h"
 #    include "SpeckleRebCPU/subPixelStep.h"
 
 HWY_BEFORE_NAMESPACE();
 namespace VexelAlgorithm {
 namespace HWY_NAMESPACE {
 namespace {
-
-namespace hn = hwy::HWY_NAMESPACE;
 
 // Fixed point: grey values around 128 in quarters, derivatives in halves.
 constexpr float GREY_SCALE = 4.0F;
@@ -90,13 +89,15 @@ private:
         const FloatTag d;
         const IntTag di;
         const std::size_t lanes = hn::Lanes(d);
-        HWY_ALIGN float fraction[BLOCK];
+        HWY_ALIGN float fractions[BLOCK];
         HWY_ALIGN std::int32_t offset[BLOCK], counts[BLOCK], pixels[BLOCK], grey[BLOCK] = {}, cover[BLOCK] = {};
+        HWY_ALIGN std::int16_t taps[4 * BLOCK], fine[BLOCK] = {};
         const std::size_t inside = std::min(BLOCK, static_cast<std::size_t>(_width) - first);
         const std::uint8_t* left = _task.left.row(y) + first;
         const std::uint8_t* leftCover = _task.leftCover.row(y) + first;
         for (std::size_t i = 0; i < inside; ++i) grey[i] = left[i];
         for (std::size_t i = 0; i < inside; ++i) cover[i] = leftCover[i];
+        std::copy_n(_task.fine.left.row(y) + first, inside, fine);
 
         const auto one = hn::Set(d, 1.0F);
         const auto end = hn::Set(d, static_cast<float>(_width - 2));
@@ -107,12 +108,16 @@ private:
             const auto counted = hn::And(hn::And(hn::Ge(x, one), hn::Lt(x, end)), hn::RebindMask(d, covered));
             const auto position = hn::IfThenElse(counted, x, one);
             const auto column = hn::ConvertTo(di, position);
-            hn::Store(hn::Sub(position, hn::ConvertTo(d, column)), d, fraction + i);
+            hn::Store(hn::Sub(position, hn::ConvertTo(d, column)), d, fractions + i);
             hn::Store(hn::Sub(column, hn::Set(di, 1)), di, offset + i);
             hn::Store(hn::IfThenElseZero(hn::RebindMask(di, counted), hn::Set(di, 1)), di, counts + i);
         }
         const std::uint8_t* right = _task.right.row(y);
-        for (std::size_t i = 0; i < BLOCK; ++i) std::memcpy(&pixels[i], right + offset[i], sizeof pixels[i]);
+        const std::int16_t* spline = _task.fine.right.row(y);
+        for (std::size_t i = 0; i < BLOCK; ++i) {
+            std::memcpy(&pixels[i], right + offset[i], sizeof pixels[i]);
+            std::memcpy(taps + 4 * i, spline + offset[i], 4 * sizeof *taps);
+        }
         for (std::size_t i = 0; i < BLOCK; i += lanes) {
             const auto own = hn::Load(di, grey + i), pair = hn::Load(di, pixels + i);
             const auto isOut = hn::And(hn::Eq(hn::Load(di, cover + i), hn::Set(di, COUNTS_UNLESS_CLIPPED)),
@@ -124,10 +129,13 @@ private:
                            values.data() + first + i);
             };
             store(row.count, counted);
-            store(row.values[F], hn::ShiftLeft<2>(hn::Sub(own, hn::Set(di, 128))));
-            const auto [value, slope] = interpolated(pair, hn::Load(d, fraction + i));
-            store(row.values[D], hn::NearestInt(hn::Mul(slope, hn::Set(d, SLOPE_SCALE))));
-            store(row.values[G], hn::NearestInt(hn::Mul(hn::Sub(value, hn::Set(d, 128.0F)), hn::Set(d, GREY_SCALE))));
+            const auto own16 = hn::PromoteTo(di, hn::Load(ShortTag(), fine + i));
+            store(row.values[F], hn::ShiftRight<2>(hn::Add(own16, hn::Set(di, 2))));
+            const auto fraction = hn::Load(d, fractions + i);
+            const SplineTaps around = load_taps(taps + 4 * i);
+            const auto quarter = hn::Set(d, GREY_SCALE / FINE_SCALE), half = hn::Set(d, SLOPE_SCALE / FINE_SCALE);
+            store(row.values[D], hn::NearestInt(hn::Mul(half, weighted(around, spline_slopes(fraction)))));
+            store(row.values[G], hn::NearestInt(hn::Mul(quarter, weighted(around, spline_weights(fraction)))));
         }
     }
 
@@ -138,28 +146,6 @@ private:
         const auto inner = hn::Max(hn::And(hn::ShiftRight<8>(right), byte), hn::And(hn::ShiftRight<16>(right), byte));
         const auto outer = hn::Max(hn::And(right, byte), hn::And(hn::ShiftRight<24>(right), byte));
         return hn::Max(left, hn::Max(inner, outer));
-    }
-
-    struct Interpolated {
-        FloatVec value, slope;
-    };
-
-    /// Four neighbouring pixels a lane; t from the second towards the third.
-    static Interpolated interpolated(IntVec pixels, FloatVec t) {
-        const FloatTag d;
-        const IntTag di;
-        const auto byte = hn::Set(di, 255);
-        const auto p0 = hn::ConvertTo(d, hn::And(pixels, byte));
-        const auto p1 = hn::ConvertTo(d, hn::And(hn::ShiftRight<8>(pixels), byte));
-        const auto p2 = hn::ConvertTo(d, hn::And(hn::ShiftRight<16>(pixels), byte));
-        const auto p3 = hn::ConvertTo(d, hn::And(hn::ShiftRight<24>(pixels), byte));
-        const auto half = hn::Set(d, 0.5F);
-        // p1 + c1 t + c2 t^2 + c3 t^3
-        const auto c1 = hn::Mul(half, hn::Sub(p2, p0));
-        const auto c3 = hn::Add(hn::Mul(hn::Set(d, 1.5F), hn::Sub(p1, p2)), hn::Mul(half, hn::Sub(p3, p0)));
-        const auto c2 = hn::Sub(hn::Sub(hn::Sub(p2, p1), c1), c3);
-        return {hn::Add(p1, hn::Mul(t, hn::Add(c1, hn::Mul(t, hn::Add(c2, hn::Mul(t, c3)))))),
-                hn::Add(c1, hn::Mul(t, hn::Add(hn::Add(c2, c2), hn::Mul(hn::Mul(hn::Set(d, 3.0F), t), c3))))};
     }
 
     const SubPixelTask& _task;

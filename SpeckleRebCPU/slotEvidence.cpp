@@ -33,6 +33,15 @@ struct RelationTask {
     Raster<CellSums>& cells;
 };
 
+/// Of a row of cells: the sums of its columns, and what is related without what is not seen.
+struct RelationRows {
+    explicit RelationRows(std::size_t width)
+        : sums(RELATION_PRODUCTS * width), present(width), blurX(width), blurY(width) {}
+
+    std::vector<std::int32_t> sums;
+    std::vector<std::int16_t> present, blurX, blurY;
+};
+
 }  // namespace VexelAlgorithm
 #endif
 
@@ -113,7 +122,7 @@ private:
         const auto sixteenth = hn::Set(d, 1.0F / 16.0F), one = hn::Set(d, 1.0F);
         const auto outlier = hn::Set(d, 1.0F / (_task.outlier * _task.outlier));
         for (std::size_t x = 0; x < _stride; x += hn::Lanes(d)) {
-            const auto f = load_short(left + x);
+            const auto f = hn::Mul(load_short(left + x), hn::Set(d, 1.0F / GREY_SCALE));
             const auto slope = hn::Mul(load_short(slopes + x), hn::Set(d, -1.0F / SLOPE_SCALE));
             const auto blur = hn::Add(hn::Mul(hn::LoadU(d, _blurX.data() + x), load_short(alongX + x)),
                                       hn::Mul(hn::LoadU(d, _blurY.data() + x), load_short(alongY + x)));
@@ -163,47 +172,44 @@ void pair_rows(const SubPixelTask& task, const ParallaxField& field, int begin, 
         pairing.pair_row(y, row);
         const std::int16_t* count = row.count.data();
         std::int16_t *left = paired.left.row(y), *right = paired.right.row(y), *slope = paired.slope.row(y);
-        constexpr std::int16_t MIDDLE = 128;
+        constexpr auto MIDDLE = static_cast<std::int16_t>(GREY_SCALE * FINE_ZERO);
         for (std::size_t x = 0; x < pairing.stride(); ++x) {
-            left[x] =
-                static_cast<std::int16_t>(row.values[F][x] / static_cast<std::int16_t>(GREY_SCALE) + MIDDLE * count[x]);
-            right[x] =
-                static_cast<std::int16_t>(row.values[G][x] + static_cast<std::int16_t>(GREY_SCALE) * MIDDLE * count[x]);
+            left[x] = static_cast<std::int16_t>(row.values[F][x] + MIDDLE * count[x]);
+            right[x] = static_cast<std::int16_t>(row.values[G][x] + MIDDLE * count[x]);
             slope[x] = row.values[D][x];
         }
     }
 }
 
 /// Every other row is enough.
-void sum_cell_row(const RelationTask& task, int cellRow, std::vector<std::int32_t>& columns,
-                  std::vector<std::int16_t>& present) {
+void sum_cell_row(const RelationTask& task, int cellRow, RelationRows& rows) {
     constexpr int CELL = ImageRelation::CELL;
-    const std::size_t width = present.size();
-    std::fill(columns.begin(), columns.end(), 0);
+    const std::size_t width = rows.present.size();
+    std::fill(rows.sums.begin(), rows.sums.end(), 0);
     for (int y = cellRow * CELL; y < std::min((cellRow + 1) * CELL, task.paired.left.height()); y += 2) {
         const std::int16_t *left = task.paired.left.row(y), *right = task.paired.right.row(y);
-        for (std::size_t x = 0; x < width; ++x) present[x] = left[x] != 0 || right[x] != 0 ? 1 : 0;
-        const std::int16_t* values[RELATED] = {left,
-                                               task.differences.alongX.row(y),
-                                               task.differences.alongY.row(y),
-                                               task.paired.slope.row(y),
-                                               present.data(),
-                                               right};
-        std::int32_t* sums = columns.data();
+        const std::int16_t *alongX = task.differences.alongX.row(y), *alongY = task.differences.alongY.row(y);
+        for (std::size_t x = 0; x < width; ++x) {
+            const bool isPresent = left[x] != 0 || right[x] != 0;
+            rows.present[x] = isPresent ? 1 : 0;
+            rows.blurX[x] = isPresent ? alongX[x] : 0;
+            rows.blurY[x] = isPresent ? alongY[x] : 0;
+        }
+        const std::int16_t* values[RELATED] = {
+            left, rows.blurX.data(), rows.blurY.data(), task.paired.slope.row(y), rows.present.data(), right};
+        std::int32_t* sums = rows.sums.data();
         for (int a = 0; a < RELATED; ++a)
             for (int b = a; b < RELATED; ++b, sums += width)
-                for (std::size_t x = 0; x < width; ++x) sums[x] += values[a][x] * values[b][x] * present[x];
+                for (std::size_t x = 0; x < width; ++x) sums[x] += values[a][x] * values[b][x];
     }
     CellSums* cells = task.cells.row(cellRow);
     for (std::size_t q = 0; q < RELATION_PRODUCTS; ++q)
-        for (std::size_t x = 0; x < width; ++x) cells[x / CELL][q] += columns[q * width + x];
+        for (std::size_t x = 0; x < width; ++x) cells[x / CELL][q] += rows.sums[q * width + x];
 }
 
 void sum_cell_rows(const RelationTask& task, int begin, int end) {
-    const auto width = static_cast<std::size_t>(task.paired.left.width());
-    std::vector<std::int32_t> columns(RELATION_PRODUCTS * width);
-    std::vector<std::int16_t> present(width);
-    for (int row = begin; row < end; ++row) sum_cell_row(task, row, columns, present);
+    RelationRows rows(static_cast<std::size_t>(task.paired.left.width()));
+    for (int row = begin; row < end; ++row) sum_cell_row(task, row, rows);
 }
 
 void gather_rows(const EvidenceTask& task, int begin, int end, SlotEvidence& evidence) {
@@ -233,7 +239,7 @@ using RelationSums = Eigen::Matrix<double, RELATED, RELATED>;  // of products, g
 
 /// Over 3 x 3 cells; blur is shrunk by the ridge, and even images have no slopes.
 RelationSums sums_around(const Raster<CellSums>& cells, int x, int y, float ridge) {
-    static constexpr double SCALE[RELATED] = {1.0, 1.0 / 16.0, 1.0 / 16.0, 0.5, 1.0, 0.25};
+    static constexpr double SCALE[RELATED] = {0.25, 1.0 / 16.0, 1.0 / 16.0, 0.5, 1.0, 0.25};
     std::array<std::int64_t, RELATION_PRODUCTS> sums{};
     for (int v = std::max(0, y - 1); v <= std::min(cells.height() - 1, y + 1); ++v)
         for (int u = std::max(0, x - 1); u <= std::min(cells.width() - 1, x + 1); ++u)

@@ -11,7 +11,7 @@ namespace VexelAlgorithm {
 /// A left image as the right one shows it through a parallax field, pixel by pixel; rows are padded to whole blocks.
 /// All zero where there is no pair (nor, which does no harm, where both are black).
 struct PairedImage {
-    Raster<std::int16_t> left;   ///< grey value
+    Raster<std::int16_t> left;   ///< quarters of grey values
     Raster<std::int16_t> right;  ///< interpolated, quarters of grey values
     Raster<std::int16_t> slope;  ///< derivative of the right image along the row, halves of grey values a pixel
 };

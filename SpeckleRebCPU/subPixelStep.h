@@ -4,6 +4,7 @@
 #include <cstddef>
 
 #include "SpeckleRebCPU/ParallaxField.h"
+#include "SpeckleRebCPU/fineImages.h"
 
 namespace VexelAlgorithm {
 
@@ -28,6 +29,7 @@ constexpr std::size_t pair_stride(int width) {
 struct SubPixelTask {
     const GreyImage& left;           ///< rectified, full size
     const GreyImage& right;          ///< of the same size
+    const FinePair& fine;            ///< both, for everything but clipped grey values
     const Mask& leftCover;           ///< left pixels that count: 0 not, 1 yes, 2 unless clipped
     int sample;                      ///< pixels per slot
     int windowWidth;                 ///< odd, pixels
@@ -53,7 +55,7 @@ SubPixelWeights sub_pixel_weights(const SubPixelTask& task);
 /// that their sums slide (iterative window registration on a warped image: G. Le Besnerais and F. Champagnat, "Dense
 /// optical flow by iterative local window registration", 2005; the criterion and its step: B. Pan, K. Li and W. Tong,
 /// "Fast, robust and accurate digital image correlation calculation without redundant computations", 2013). The right
-/// image is interpolated by cubic convolution along the row (R. Keys, 1981).
+/// image is interpolated by the cubic spline along the row.
 ///
 /// With the step each window determines gain and offset of the grey values. What one image is blurred more than the
 /// other is left out: it moves the result by a few hundredths of a pixel at most.

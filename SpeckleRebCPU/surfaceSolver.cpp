@@ -113,7 +113,7 @@ private:
             rows.assign(static_cast<std::size_t>(_stride), TILE_HEIGHT + 2 * TILE_OVERLAP + 2, value);
         };
         for (TileRows* rows :
-             {&_base, &_surface, &_stepStep, &_stepGain, &_gainGain, &_alongX, &_alongY, &_mixed, &_weightX, &_weightY,
+             {&_base, &_stepStep, &_stepGain, &_gainGain, &_alongX, &_alongY, &_mixed, &_weightX, &_weightY,
               &_weightMixed, &_gainX, &_gainY, &_bendX, &_bendY, &_bendMixed, &_riseX, &_riseY})
             assign(*rows, 0.0F);
         for (Unknowns* unknowns : {&_evidence, &_found, &_rest, &_direction, &_product, &_inverse})
@@ -123,8 +123,11 @@ private:
 
     template <class Body>
     void for_each_vector(const Body& body) const {
-        for (int y = 0; y < _height; ++y)
-            for (int x = 0; x < _width; x += static_cast<int>(hn::Lanes(FloatTag()))) body(y, x);
+        for (int y = 0; y < _height; ++y) for_each_vector_of_row([&](int x) { body(y, x); });
+    }
+    template <class Body>
+    void for_each_vector_of_row(const Body& body) const {
+        for (int x = 0; x < _width; x += static_cast<int>(hn::Lanes(FloatTag()))) body(x);
     }
 
     /// What the tile's slots bring with them; false when it is empty.
@@ -196,27 +199,31 @@ private:
             const auto creased = hn::Sqrt(hn::Add(one, hn::Mul(crease, hn::Mul(bend, bend))));
             store(hn::Div(hn::Mul(load(share), stiffness), creased), weight);
         };
-        bend_surface();
         for_each_vector([&](int y, int x) {
-            const float* at = _surface.row(y) + x;
+            const float* at = _base.row(y) + x;
             weigh(_alongX.row(y) + x, bend_along_x(at), _weightX.row(y) + x);
             weigh(_alongY.row(y) + x, bend_along_y(at), _weightY.row(y) + x);
             weigh(_mixed.row(y) + x, mixed_bend(at), _weightMixed.row(y) + x);
         });
     }
 
-    void bend_surface() {
-        for_each_vector([&](int y, int x) {
-            store(hn::Add(load(_base.row(y) + x), load(_found.step.row(y) + x)), _surface.row(y) + x);
-        });
-    }
-
     // ---- conjugate gradients -------------------------------------------------------------------------------
 
-    /// The system times the unknowns, where `bent` is what bends: the steps, or the surface with them. Returns the
-    /// product of both.
-    float multiply(const Unknowns& unknowns, const TileRows& bent, Unknowns& product) {
-        for_each_vector([&](int y, int x) {
+    /// The system times the unknowns, where `bent` is what bends: the steps, or the surface. Returns the product of
+    /// both. `prepare` makes a row of the unknowns; what a row of the product needs of them is then still in the cache.
+    template <class Prepare>
+    float multiply(const Prepare& prepare, const Unknowns& unknowns, const TileRows& bent, Unknowns& product) {
+        auto curvature = hn::Zero(FloatTag());
+        for (int y = 0; y < _height + 2; ++y) {
+            if (y < _height) prepare(y);
+            if (y >= 1 && y <= _height) bend_row(unknowns, bent, y - 1);
+            if (y >= 2) curvature = hn::Add(curvature, multiply_row(unknowns, y - 2, product));
+        }
+        return sum_of(curvature);
+    }
+
+    void bend_row(const Unknowns& unknowns, const TileRows& bent, int y) {
+        for_each_vector_of_row([&](int x) {
             const float *at = bent.row(y) + x, *gain = unknowns.gain.row(y) + x;
             store(hn::Mul(load(_weightX.row(y) + x), bend_along_x(at)), _bendX.row(y) + x);
             store(hn::Mul(load(_weightY.row(y) + x), bend_along_y(at)), _bendY.row(y) + x);
@@ -225,8 +232,11 @@ private:
             store(hn::Mul(load(_gainX.row(y) + x), hn::Sub(load(gain + 1), own)), _riseX.row(y) + x);
             store(hn::Mul(load(_gainY.row(y) + x), hn::Sub(load(gain + _stride), own)), _riseY.row(y) + x);
         });
+    }
+
+    FloatVec multiply_row(const Unknowns& unknowns, int y, Unknowns& product) {
         auto curvature = hn::Zero(FloatTag());
-        for_each_vector([&](int y, int x) {
+        for_each_vector_of_row([&](int x) {
             const float* mixed = _bendMixed.row(y) + x;
             const auto bends = hn::Add(bend_along_x(_bendX.row(y) + x), bend_along_y(_bendY.row(y) + x));
             const auto twists = hn::Sub(hn::Add(load(mixed), load(mixed - _stride - 1)),
@@ -244,14 +254,13 @@ private:
             store(gainProduct, product.gain.row(y) + x);
             curvature = hn::Add(curvature, hn::Add(hn::Mul(step, stepProduct), hn::Mul(gain, gainProduct)));
         });
-        return sum_of(curvature);
+        return curvature;
     }
 
     void start() {
         const FloatTag d;
         const auto one = hn::Set(d, 1.0F), zero = hn::Zero(d);
-        bend_surface();
-        multiply(_found, _surface, _product);
+        multiply([](int) {}, _found, _base, _product);
         const auto inverse = [&](FloatVec diagonal, float* inverted) {
             const auto isKnown = hn::Gt(diagonal, zero);
             store(hn::IfThenElseZero(isKnown, hn::Div(one, hn::IfThenElse(isKnown, diagonal, one))), inverted);
@@ -271,23 +280,22 @@ private:
                 hn::Add(hn::Add(load(gainX), load(gainX - 1)), hn::Add(load(gainY), load(gainY - _stride)));
             inverse(hn::Add(load(_gainGain.row(y) + x), rises), _inverse.gain.row(y) + x);
             const auto begin = [&](const TileRows& evidence, const TileRows& product, const TileRows& inverted,
-                                   TileRows& rest, TileRows& direction) {
+                                   TileRows& rest) {
                 const auto left = hn::Sub(load(evidence.row(y) + x), load(product.row(y) + x));
-                const auto towards = hn::Mul(load(inverted.row(y) + x), left);
                 store(left, rest.row(y) + x);
-                store(towards, direction.row(y) + x);
-                squares = hn::Add(squares, hn::Mul(left, towards));
+                squares = hn::Add(squares, hn::Mul(load(inverted.row(y) + x), hn::Mul(left, left)));
             };
-            begin(_evidence.step, _product.step, _inverse.step, _rest.step, _direction.step);
-            begin(_evidence.gain, _product.gain, _inverse.gain, _rest.gain, _direction.gain);
+            begin(_evidence.step, _product.step, _inverse.step, _rest.step);
+            begin(_evidence.gain, _product.gain, _inverse.gain, _rest.gain);
         });
+        _share = 0.0F;
         _squares = sum_of(squares);
     }
 
     void advance() {
         const FloatTag d;
-        if (!(_squares > 0.0F)) return;
-        const float curved = multiply(_direction, _direction.step, _product);
+        if (!(_squares > _task.prior.rest * static_cast<float>(_width * _height))) return;
+        const float curved = multiply([&](int y) { turn_row(y); }, _direction, _direction.step, _product);
         if (!(curved > 0.0F)) return;
         const auto length = hn::Set(d, _squares / curved);
         auto squares = hn::Zero(d);
@@ -302,10 +310,14 @@ private:
             move(_direction.step, _product.step, _inverse.step, _rest.step, _found.step);
             move(_direction.gain, _product.gain, _inverse.gain, _rest.gain, _found.gain);
         });
-        const float before = _squares;
-        _squares = sum_of(squares);
-        const auto share = hn::Set(d, _squares / before);
-        for_each_vector([&](int y, int x) {
+        const float before = std::exchange(_squares, sum_of(squares));
+        _share = _squares / before;
+    }
+
+    /// The direction: where the rest points, and a share of the one before.
+    void turn_row(int y) {
+        const auto share = hn::Set(FloatTag(), _share);
+        for_each_vector_of_row([&](int x) {
             const auto turn = [&](const TileRows& rest, const TileRows& inverse, TileRows& direction) {
                 store(hn::Add(hn::Mul(load(inverse.row(y) + x), load(rest.row(y) + x)),
                               hn::Mul(share, load(direction.row(y) + x))),
@@ -321,8 +333,8 @@ private:
     const SurfaceTask& _task;
     int _left = 0, _top = 0, _width = 0, _height = 0;
     std::ptrdiff_t _stride = 0;
-    TileRows _parallax;        ///< NaN for empty slots
-    TileRows _base, _surface;  ///< parallaxes before, and with the steps
+    TileRows _parallax;  ///< NaN for empty slots
+    TileRows _base;      ///< the same with 0 for them
     TileRows _stepStep, _stepGain, _gainGain;
     TileRows _alongX, _alongY, _mixed;          ///< 1 or 2 where the slots of a bend lie on one surface, else 0
     TileRows _weightX, _weightY, _weightMixed;  ///< of the bends
@@ -330,6 +342,7 @@ private:
     TileRows _bendX, _bendY, _bendMixed, _riseX, _riseY;  ///< weighted, of what was multiplied last
     Unknowns _evidence, _found, _rest, _direction, _product, _inverse;
     float _squares = 0.0F;  ///< of the rest, by the preconditioner
+    float _share = 0.0F;    ///< of the direction before
 };
 
 }  // namespace

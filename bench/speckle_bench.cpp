@@ -13,6 +13,7 @@
 #include "bench/runBenchmarks.h"
 #include "foundation/parallel.h"
 #include "readCaliData/CaliParReadIn.h"
+#include "trials/finePair.h"
 
 using namespace VexelAlgorithm;
 using VexelBench::timed_as_a_whole;
@@ -114,6 +115,25 @@ void pixel_matching(benchmark::State& state) {
     state.SetLabel("candidates");
 }
 
+const FinePair& speckle_fine() {
+    static const FinePair pair = VexelTrial::fine_pair(speckle_pair().left, speckle_pair().right);
+    return pair;
+}
+
+/// Both images, as sub-pixel matching takes them.
+void fine_rectification(benchmark::State& state) {
+    const Rebuild::CaliParReadIn calibration = distorted_rig();
+    FineRectification fine;
+    FineImage left(Width, Height), right(Width, Height), spline;
+    for (auto _ : state) {
+        fine.rectify(speckle_pair().left.data(), calibration.get_left_map(), default_thread_number(), left);
+        fine.rectify(speckle_pair().right.data(), calibration.get_right_map(), default_thread_number(), right);
+        spline_rows(right, default_thread_number(), spline);
+    }
+    state.SetItemsProcessed(state.iterations() * 2 * Width * Height);
+    state.SetLabel("pixels");
+}
+
 /// Sampling 2, the truth moved by a fifth of a pixel.
 ParallaxField shifted_field() {
     ParallaxField field;
@@ -130,7 +150,7 @@ void sub_pixel_matching(benchmark::State& state) {
     const Mask all(Width, Height, 1);
     const ParallaxField field = shifted_field();
     const auto window = static_cast<int>(state.range(0));
-    const SubPixelTask task{speckle_pair().left, speckle_pair().right, all, 2, window, window};
+    const SubPixelTask task{speckle_pair().left, speckle_pair().right, speckle_fine(), all, 2, window, window};
     Raster<float> step, score;
     for (auto _ : state) find_sub_pixel_steps(task, field, default_thread_number(), step, score);
     state.SetItemsProcessed(state.iterations() * static_cast<std::int64_t>(step.size()));
@@ -141,8 +161,8 @@ void sub_pixel_matching(benchmark::State& state) {
 void whole_surface_fit(benchmark::State& state) {
     const Mask all(Width, Height, 1);
     const ParallaxField field = shifted_field();
-    const SubPixelTask task{speckle_pair().left, speckle_pair().right, all, 2, 13, 13};
-    const SurfacePrior prior{3.0F, 0.065F, 0.015F, 2.1F, 1.5F, 0.02F, 20};
+    const SubPixelTask task{speckle_pair().left, speckle_pair().right, speckle_fine(), all, 2, 13, 13};
+    const SurfacePrior prior{3.0F, 0.065F, 0.015F, 2.1F, 1.5F, 0.02F, 20, 0.001F};
     WholeSurfaceFit fit;
     Raster<float> step;
     for (auto _ : state) {
@@ -194,6 +214,7 @@ void opencv_semi_global_3way(benchmark::State& state) {
 }
 
 BENCHMARK(rectification)->Apply(timed_as_a_whole);
+BENCHMARK(fine_rectification)->Apply(timed_as_a_whole);
 BENCHMARK(opencv_remap)->Apply(timed_as_a_whole);
 BENCHMARK(pixel_matching)->Apply(timed_as_a_whole);
 BENCHMARK(sub_pixel_matching)->ArgName("window")->Arg(25)->Arg(13)->Apply(timed_as_a_whole);

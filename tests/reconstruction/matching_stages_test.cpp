@@ -9,6 +9,7 @@
 #include "tests/common.h"
 #include "tests/reconstruction/plainStages.h"
 #include "tests/reconstruction/testImages.h"
+#include "trials/finePair.h"
 
 namespace VexelAlgorithm {
 namespace {
@@ -168,7 +169,8 @@ TEST(MatchingStages, SubPixelStepsAreThoseOfSingleWindows) {
                 ASSERT_EQ(cover.at(x, y), unclipped >= 0.6 * all ? 2 : 1) << x << ' ' << y;
             }
         const ParallaxField field = slanted_field(95 / sample, 53 / sample, sample, 0.4);
-        const SubPixelTask task{left, right, cover, sample, 11, 7};
+        const FinePair fine = VexelTrial::fine_pair(left, right);
+        const SubPixelTask task{left, right, fine, cover, sample, 11, 7};
         Raster<float> step, score, other;
         find_sub_pixel_steps(task, field, 1, step, score);
         find_sub_pixel_steps(task, field, 3, other, score);

@@ -128,6 +128,17 @@ inline double second_difference(const GreyImage& image, int x, int y, bool along
     return sum;
 }
 
+/// Of the cubic spline through a row, mirrored at its ends: the whole of its filter.
+inline double spline_coefficient(const GreyImage& image, int x, int y) {
+    const int last = image.width() - 1;
+    double sum = 0;
+    for (int k = -30; k <= 30; ++k) {
+        const int mirrored = last - std::abs(last - std::abs(x + k));
+        sum += std::sqrt(3.0) * std::pow(std::sqrt(3.0) - 2.0, std::abs(k)) * image.at(mirrored, y);
+    }
+    return sum;
+}
+
 struct Pair {
     double f, d, g;
 };
@@ -146,12 +157,13 @@ inline std::optional<Pair> pair_at(const SubPixelTask& task, const ParallaxField
     const double own = task.left.at(x, y);
     if (task.leftCover.at(x, y) == 2 && std::max({own, p(-1), p(0), p(1), p(2)}) >= task.clippedGrey)
         return std::nullopt;
-    // Catmull and Rom's spline, from its basis functions.
+    const auto c = [&](int k) { return spline_coefficient(task.right, column + k, y); };
+    const double before = c(-1), here = c(0), next = c(1), after = c(2), u = 1 - t;
     return Pair{own,
-                0.5 * (p(-1) * (-1 + 4 * t - 3 * t * t) + p(0) * (-10 * t + 9 * t * t) +
-                       p(1) * (1 + 8 * t - 9 * t * t) + p(2) * (-2 * t + 3 * t * t)),
-                0.5 * (p(-1) * (-t + 2 * t * t - t * t * t) + p(0) * (2 - 5 * t * t + 3 * t * t * t) +
-                       p(1) * (t + 4 * t * t - 3 * t * t * t) + p(2) * (-t * t + t * t * t))};
+                (-before * u * u + here * (3 * t * t - 4 * t) + next * (1 + 2 * t - 3 * t * t) + after * t * t) / 2,
+                (before * u * u * u + here * (4 - 6 * t * t + 3 * t * t * t) +
+                 next * (1 + 3 * t + 3 * t * t - 3 * t * t * t) + after * t * t * t) /
+                    6};
 }
 
 /// The least-squares step of one slot: g + step d = gain f + offset over the weighted window.

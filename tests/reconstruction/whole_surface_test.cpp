@@ -5,6 +5,7 @@
 #include "tests/common.h"
 #include "tests/reconstruction/plainStages.h"
 #include "tests/reconstruction/testImages.h"
+#include "trials/finePair.h"
 
 namespace VexelAlgorithm {
 namespace {
@@ -32,7 +33,8 @@ TEST(WholeSurface, EvidenceIsThatOfThePairsAroundEachSlot) {
                 ASSERT_EQ(cover.at(x, y), own == 2 && brightest >= 240 ? 0 : own) << x << ' ' << y;
             }
         const ParallaxField field = slanted_field(width / sample, height / sample, sample, 0.4);
-        const SubPixelTask task{left, right, cover, sample, 11, 7, 240};
+        const FinePair fine = VexelTrial::fine_pair(left, right);
+        const SubPixelTask task{left, right, fine, cover, sample, 11, 7, 240};
         SecondDifferences differences;
         find_second_differences(left, STRIDE, 2, differences);
         ImageRelation relation;
@@ -91,7 +93,7 @@ TEST(WholeSurface, RelationOfImagesThatDifferByGainOffsetAndBlur) {
             if (x >= 64 && x < 96) continue;  // nothing seen
             const double u = Plain::second_difference(left, x, y, true);
             const double grey = 5.0 + 0.7 * left.at(x, y) + 0.4 * u;
-            paired.left.at(x, y) = left.at(x, y);
+            paired.left.at(x, y) = static_cast<std::int16_t>(4 * left.at(x, y));
             paired.right.at(x, y) = static_cast<std::int16_t>(std::lround(4.0 * grey));
             paired.slope.at(x, y) = static_cast<std::int16_t>((x * 37 + y * 11) % 41 - 20);
         }
@@ -179,7 +181,7 @@ TEST(WholeSurface, SolvedSurfaceIsTheMinimum) {
             evidence.step.at(x, y) = slope * target, evidence.gain.at(x, y) = 4.0F * left * target;
             if (random() % 20 == 0 || (x > 20 && x < 30)) parallax.at(x, y) = NO_PARALLAX, gain.at(x, y) = 0.5F;
         }
-    SurfacePrior prior{3.0F, 0.065F, 0.015F, 2.1F, 1.5F, 0.02F, 300};
+    SurfacePrior prior{3.0F, 0.065F, 0.015F, 2.1F, 1.5F, 0.02F, 300, 0.0F};
     const PlainSurface expected = minimum(evidence, prior, parallax);
     ASSERT_GT(expected.step.cwiseAbs().maxCoeff(), 0.1);
     parallax.at(100, 60) = VexelTest::kInfinity;  // counts as empty
@@ -234,8 +236,9 @@ TEST(WholeSurface, FollowsARidgeAndAStepBetweenSurfaces) {
             field.parallax.at(x, y) =
                 static_cast<float>(true_parallax(sample * x, sample * y) + 0.2 * std::sin(0.4 * x + 0.2 * y));
     const Mask cover(width, height, 2);
-    const SubPixelTask task{left, right, cover, sample, 13, 13, 240};
-    const SurfacePrior prior{3.0F, 0.065F, 0.015F, 2.1F, 1.5F, 0.02F, 20};
+    const FinePair fine = VexelTrial::fine_pair(left, right);
+    const SubPixelTask task{left, right, fine, cover, sample, 13, 13, 240};
+    const SurfacePrior prior{3.0F, 0.065F, 0.015F, 2.1F, 1.5F, 0.02F, 20, 0.001F};
     const auto error = [&] {
         double squares = 0, count = 0;
         for (int y = 4; y < height / sample - 4; ++y)
@@ -258,7 +261,7 @@ TEST(WholeSurface, FollowsARidgeAndAStepBetweenSurfaces) {
     EXPECT_LT(error(), 0.04);
 
     const Mask nothing(width, height, 0);
-    const SubPixelTask blind{left, right, nothing, sample, 13, 13, 240};
+    const SubPixelTask blind{left, right, fine, nothing, sample, 13, 13, 240};
     fit.begin(left, 2);
     fit.find_steps(blind, prior, 12.0F, field, 2, step);
     for (std::size_t i = 0; i < step.size(); ++i) {

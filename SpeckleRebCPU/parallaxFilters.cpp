@@ -180,6 +180,12 @@ Vector3d refit(const std::vector<CellSlot>& slots, const Vector3d& plane, double
     return normal.inverse() * right;
 }
 
+double farthest(const std::vector<CellSlot>& slots, const Vector3d& plane) {
+    double largest = 0.0;
+    for (const CellSlot& slot : slots) largest = std::max(largest, std::abs(slot.row.dot(plane) - slot.parallax));
+    return largest;
+}
+
 double robust_deviation(const std::vector<CellSlot>& slots, const Vector3d& plane) {
     std::vector<double> residuals;
     residuals.reserve(slots.size());
@@ -207,6 +213,8 @@ void clean_cell(ParallaxField& field, int x0, int y0, int cellSize, float factor
         for (const CellSlot& slot : slots) field.clear_slot(slot.index);
         return;
     }
+    const Vector3d even = refit(slots, Vector3d::Zero(), std::numeric_limits<double>::infinity());
+    if (farthest(slots, even) <= 0.125 * static_cast<double>(tolerance)) return;  // nothing is near an outlier
     const CellPlane plane = robust_plane(slots);
     const double limit = std::max(static_cast<double>(factor) * plane.deviation, static_cast<double>(tolerance));
     for (const CellSlot& slot : slots)

@@ -1,6 +1,7 @@
 #include "SpeckleRebCPU/verifyMatch.h"
 
 #include <algorithm>
+#include <atomic>
 #include <cmath>
 #include <cstdlib>
 #include <utility>
@@ -22,25 +23,31 @@ float left_tolerance(float slopeX, int tolerance) {
     return static_cast<float>(tolerance) / std::clamp(1.0F + slopeX, SMALLEST_STRETCH, 1.0F);
 }
 
+template <class Body>
+void for_each_row(const ParallaxField& field, int threads, const Body& body) {
+    parallel_ranges(threads, static_cast<std::size_t>(field.parallax.height()), ROW_GRAIN,
+                    [&](std::size_t begin, std::size_t end) {
+                        for (int y = static_cast<int>(begin); y < static_cast<int>(end); ++y) body(y);
+                    });
+}
+
 /// The right image in the geometry of the left one; 0 without a facet.
 GreyImage right_seen_from_left(const VerifyTask& task, const ParallaxField& field, int threads, Mask& seen) {
     const int width = field.parallax.width(), height = field.parallax.height();
     GreyImage warped(width, height);
     seen.assign(width, height);
-    parallel_ranges(threads, static_cast<std::size_t>(height), ROW_GRAIN, [&](std::size_t begin, std::size_t end) {
-        for (int y = static_cast<int>(begin); y < static_cast<int>(end); ++y) {
-            const float* parallax = field.parallax.row(y);
-            const std::uint8_t* right = task.right.row(y);
-            for (int x = 0; x < width; ++x) {
-                const float position = static_cast<float>(x) + parallax[x] / static_cast<float>(task.sample);
-                if (!(position >= 0.0F) || !(position < static_cast<float>(width - 1))) continue;
-                const int column = static_cast<int>(position);
-                const float fraction = position - static_cast<float>(column);
-                const float value = static_cast<float>(right[column]) * (1.0F - fraction) +
-                                    static_cast<float>(right[column + 1]) * fraction;
-                warped.at(x, y) = static_cast<std::uint8_t>(value + 0.5F);
-                seen.at(x, y) = 1;
-            }
+    for_each_row(field, threads, [&](int y) {
+        const float* parallax = field.parallax.row(y);
+        const std::uint8_t* right = task.right.row(y);
+        for (int x = 0; x < width; ++x) {
+            const float position = static_cast<float>(x) + parallax[x] / static_cast<float>(task.sample);
+            if (!(position >= 0.0F) || !(position < static_cast<float>(width - 1))) continue;
+            const int column = static_cast<int>(position);
+            const float fraction = position - static_cast<float>(column);
+            const float value = static_cast<float>(right[column]) * (1.0F - fraction) +
+                                static_cast<float>(right[column + 1]) * fraction;
+            warped.at(x, y) = static_cast<std::uint8_t>(value + 0.5F);
+            seen.at(x, y) = 1;
         }
     });
     return warped;
@@ -56,14 +63,14 @@ void verify_locally(const VerifyTask& task, int searchRadius, int tolerance, int
                                 everywhere,    task.windowWidth, task.windowHeight,
                                 -searchRadius, searchRadius + 1, {0, width, 0, height}};
     if (!match_pixels(search, threads, back, score)) return;
-    for (int y = 0; y < height; ++y) {
+    for_each_row(field, threads, [&](int y) {
         for (int x = 0; x < width; ++x) {
             const float position = back.at(x, y);
             if (position == NO_MATCH) continue;  // where windows leave the image nothing is said
             if (std::abs(position - static_cast<float>(x)) > left_tolerance(field.slopeX.at(x, y), tolerance))
                 field.parallax.at(x, y) = NO_PARALLAX;
         }
-    }
+    });
 }
 
 /// The right pixel of every slot, sampled; -1 for none.
@@ -97,12 +104,12 @@ void clear_regions(const ParallaxRegions& regions, const std::vector<std::uint8_
 }
 
 /// Regions that lose all their slots have the size 0 afterwards.
-void remove_contradicted_regions(const VerifyTask& task, int tolerance, ParallaxRegions& regions,
+void remove_contradicted_regions(const VerifyTask& task, int tolerance, int threads, ParallaxRegions& regions,
                                  ParallaxField& field) {
     const int width = field.parallax.width();
-    std::vector<std::size_t> contradicted(regions.sizes.size(), 0);
-    std::vector<int> claims, owners;
-    for (int y = 0; y < field.parallax.height(); ++y) {
+    std::vector<std::atomic<std::size_t>> contradicted(regions.sizes.size());
+    for_each_row(field, threads, [&](int y) {
+        std::vector<int> claims, owners;
         const std::int32_t* label = regions.label.row(y);
         const auto size = [&](int x) { return regions.sizes[static_cast<std::size_t>(label[x])]; };
         find_claims(task, field.parallax.row(y), width, claims);
@@ -115,7 +122,7 @@ void remove_contradicted_regions(const VerifyTask& task, int tolerance, Parallax
             if (static_cast<float>(std::abs(owner - x)) > limit && size(owner) > size(x))
                 ++contradicted[static_cast<std::size_t>(label[x])];
         }
-    }
+    });
     std::vector<std::uint8_t> isWrong(regions.sizes.size(), 0);
     for (std::size_t k = 0; k < isWrong.size(); ++k) isWrong[k] = 3 * contradicted[k] > regions.sizes[k] ? 1 : 0;
     clear_regions(regions, isWrong, field);
@@ -134,17 +141,17 @@ std::pair<int, int> candidate_columns(const Mask& cover, int y) {
     return {static_cast<int>(first - row), static_cast<int>(last - row)};
 }
 
-void remove_cut_off_regions(const VerifyTask& task, const ParallaxRegions& regions, ParallaxField& field) {
+void remove_cut_off_regions(const VerifyTask& task, int threads, const ParallaxRegions& regions, ParallaxField& field) {
     if (regions.sizes.empty()) return;
-    std::vector<std::size_t> cutOff(regions.sizes.size(), 0);
-    for (int y = 0; y < field.parallax.height(); ++y) {
+    std::vector<std::atomic<std::size_t>> cutOff(regions.sizes.size());
+    for_each_row(field, threads, [&](int y) {
         const auto [begin, end] = candidate_columns(task.rightCover, y);
         for (int x = 0; x < field.parallax.width(); ++x) {
             const std::int32_t label = regions.label.at(x, y);
             if (label >= 0 && (x + task.parallaxBegin < begin || x + task.parallaxEnd > end))
                 ++cutOff[static_cast<std::size_t>(label)];
         }
-    }
+    });
     const auto largest =
         static_cast<std::size_t>(std::max_element(regions.sizes.begin(), regions.sizes.end()) - regions.sizes.begin());
     std::vector<std::uint8_t> isWrong(regions.sizes.size(), 0);
@@ -155,22 +162,19 @@ void remove_cut_off_regions(const VerifyTask& task, const ParallaxRegions& regio
 
 void keep_best_claims(const VerifyTask& task, int tolerance, int threads, ParallaxField& field) {
     const int width = field.parallax.width();
-    parallel_ranges(
-        threads, static_cast<std::size_t>(field.parallax.height()), ROW_GRAIN, [&](std::size_t begin, std::size_t end) {
-            std::vector<int> claims, owners;
-            for (int y = static_cast<int>(begin); y < static_cast<int>(end); ++y) {
-                float* parallax = field.parallax.row(y);
-                const float* score = field.score.row(y);
-                find_claims(task, parallax, width, claims);
-                find_owners(claims, owners, [&](int one, int other) { return score[one] > score[other]; });
-                for (int x = 0; x < width; ++x) {
-                    const int column = claims[static_cast<std::size_t>(x)];
-                    if (column < 0) continue;
-                    const auto distance = static_cast<float>(std::abs(owners[static_cast<std::size_t>(column)] - x));
-                    if (distance > left_tolerance(field.slopeX.at(x, y), tolerance)) parallax[x] = NO_PARALLAX;
-                }
-            }
-        });
+    for_each_row(field, threads, [&](int y) {
+        std::vector<int> claims, owners;
+        float* parallax = field.parallax.row(y);
+        const float* score = field.score.row(y);
+        find_claims(task, parallax, width, claims);
+        find_owners(claims, owners, [&](int one, int other) { return score[one] > score[other]; });
+        for (int x = 0; x < width; ++x) {
+            const int column = claims[static_cast<std::size_t>(x)];
+            if (column < 0) continue;
+            const auto distance = static_cast<float>(std::abs(owners[static_cast<std::size_t>(column)] - x));
+            if (distance > left_tolerance(field.slopeX.at(x, y), tolerance)) parallax[x] = NO_PARALLAX;
+        }
+    });
 }
 
 }  // namespace
@@ -178,8 +182,8 @@ void keep_best_claims(const VerifyTask& task, int tolerance, int threads, Parall
 void right_to_left_to_vertify_match(const VerifyTask& task, int searchRadius, int tolerance, int threads,
                                     ParallaxField& field) {
     ParallaxRegions regions = find_regions(task.regionStep, field.parallax);
-    remove_contradicted_regions(task, tolerance, regions, field);
-    remove_cut_off_regions(task, regions, field);
+    remove_contradicted_regions(task, tolerance, threads, regions, field);
+    remove_cut_off_regions(task, threads, regions, field);
     keep_best_claims(task, tolerance, threads, field);
     verify_locally(task, searchRadius, tolerance, threads, field);
 }

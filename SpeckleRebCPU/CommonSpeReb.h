@@ -59,7 +59,7 @@ protected:
 
     Both<GreyImage> _raw;    ///< filled for dumps only
     Both<GreyImage> _remap;  ///< rectified, full size
-    FinePair _fine;          ///< the same, for sub-pixel matching
+    FinePair _fine;          ///< rectified for sub-pixel matching
     Both<GreyImage> _pyramid;
     Both<GreyImage> _gradient;
     Both<Mask> _mask;         ///< sampled pixels that can be matched

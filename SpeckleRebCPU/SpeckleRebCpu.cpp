@@ -54,13 +54,12 @@ constexpr float FIT_BEND = 0.065F;                     // pixels, from slot to s
 constexpr float FIT_CREASE = 0.015F;                   // pixels, likewise
 constexpr float FIT_GAIN_STEP = 0.03F;                 // from slot to slot
 constexpr int FIT_ITERATIONS = 20;
-constexpr float FIT_REST = 0.001F;     // squared grey values a slot
 constexpr float LARGEST_KINK = 0.75F;  // pixels a pixel
 constexpr int FIT_CLIPPED_GREY = 240;
 constexpr float FIT_LEAST_UNCLIPPED_SHARE = 0.3F;  // the prior bridges more than a window can
 // What a score may lie below the median of the frame. How well images can agree differs from device to device; within a
 // frame a lower one tells that the window does not lie on one surface.
-constexpr float SCORE_LOSS = 0.12F;
+constexpr float SCORE_LOSS = 0.16F;
 constexpr float LARGEST_SCORE_LIMIT = 0.86F;
 // What only a surface that does not bend may have.
 constexpr float SMALLEST_SCORE = 0.5F;
@@ -78,10 +77,11 @@ constexpr int CONSISTENCY_RADIUS = 3;
 constexpr int RETURN_RADIUS = 16;
 constexpr int RETURN_TOLERANCE = 2;
 // What a score may lack, in terms of what the frame's median lacks: at all, where neighbours disagree, and at gaps.
-constexpr float LEAST_MEDIAN_LOSS = 0.005F;
+constexpr float LEAST_MEDIAN_LOSS = 0.006F;
+constexpr float LARGEST_MEDIAN_LOSS = 0.03F;  // however noisy the frame is
 constexpr float LARGEST_LOSS = 16.0F;
-constexpr float DOUBTFUL_LOSS = 2.5F;
-constexpr float EDGE_LOSS = 0.9F;
+constexpr float DOUBTFUL_LOSS = 2.2F;
+constexpr float EDGE_LOSS = 0.8F;
 constexpr float LARGEST_DISAGREEMENT = 0.3F;  // pixels a slot
 constexpr float EDGE_DISAGREEMENT = 0.08F;
 constexpr int CELL_SIZE = 16;
@@ -325,21 +325,28 @@ void SpeckleRebCpu::save_invalid_points() {
 void SpeckleRebCpu::refine(const unsigned char* left, const unsigned char* right, const StageNames& names) {
     remap_fine(left, right);
     pre_subpixel_match();
-    dump_stage(names.preSubPixel, false);
+    dump_points(names.preSubPixel);
 
     _objDepthRange.depth_gaussian_smooth(4, 2.4F, 0.7F, 0.2F, _threads);
-    dump_stage(names.smoothRange, false);
-    dump_stage(names.normals, true);
+    dump_points(names.smoothRange);
+    dump_oriented_points(names.normals);
 
     iterate_subpixel_match();
-    dump_stage(names.iterated, true);
+    _objDepthRange.update_points(_threads);  // slots without a depth go
+    dump_oriented_points(names.iterated);
 }
 
-/// Without dumps points and normals are found once, at the end.
-void SpeckleRebCpu::dump_stage(std::string_view name, bool hasNormals) {
+/// Between the stages only dumps need points and normals.
+void SpeckleRebCpu::dump_points(std::string_view name) {
     if (!_debug.is_on()) return;
     _objDepthRange.update_points(_threads);
-    if (hasNormals) _objDepthRange.update_normals(_threads);
+    _debug.points(name, _objDepthRange);
+}
+
+void SpeckleRebCpu::dump_oriented_points(std::string_view name) {
+    if (!_debug.is_on()) return;
+    _objDepthRange.update_points(_threads);
+    _objDepthRange.update_normals(_threads);
     _debug.points(name, _objDepthRange);
 }
 
@@ -424,8 +431,7 @@ void SpeckleRebCpu::fit_surface() {
                              jump,
                              LARGEST_KINK * static_cast<float>(_param.sampleRatio),
                              FIT_GAIN_STEP,
-                             FIT_ITERATIONS,
-                             FIT_REST};
+                             FIT_ITERATIONS};
     const Mask spared = spare_clipped_pixels(_unclippedShares, FIT_LEAST_UNCLIPPED_SHARE, _cover.left, _threads);
     const Mask cover = without_clipped(_remap.left, spared, FIT_CLIPPED_GREY, _threads);
     SubPixelTask task = sub_pixel_task(cover);
@@ -480,7 +486,7 @@ void SpeckleRebCpu::remove_noise(const StageNames& names) {
     const int sample = _param.sampleRatio;
     const float regionStep = region_step();
     const auto dump = [&](std::string_view name) {
-        if (names.isEndShown) dump_stage(name, false);
+        if (names.isEndShown) dump_points(name);
     };
     remove_small_regions(island_limit(FIRST_ISLAND_SHARE), regionStep, field.parallax);
     dump("remove_nosie");
@@ -495,7 +501,7 @@ void SpeckleRebCpu::remove_noise(const StageNames& names) {
         end,           _windowCover.right, regionStep};
     right_to_left_to_vertify_match(task, RETURN_RADIUS, RETURN_TOLERANCE, _threads, field);
     trim_edges(edge_task(), (EDGE_TRIM + sample - 1) / sample, LEAST_EDGE_STEP, _threads, field);
-    const float loss = std::max(1.0F - _medianScore, LEAST_MEDIAN_LOSS);
+    const float loss = std::clamp(1.0F - _medianScore, LEAST_MEDIAN_LOSS, LARGEST_MEDIAN_LOSS);
     remove_doubtful({1.0F - LARGEST_LOSS * loss, 1.0F - DOUBTFUL_LOSS * loss, LARGEST_DISAGREEMENT,
                      1.0F - EDGE_LOSS * loss, EDGE_DISAGREEMENT},
                     sample, _threads, field);

@@ -43,7 +43,8 @@ private:
     bool match_to_depth_range(const StageNames& names);
     void refine(const unsigned char* left, const unsigned char* right, const StageNames& names);
     void remove_noise(const StageNames& names);
-    void dump_stage(std::string_view name, bool hasNormals);
+    void dump_points(std::string_view name);
+    void dump_oriented_points(std::string_view name);
     void write_result(const StageNames& names, PointImage& result);
 
     bool match_pixels_by_zncc();

@@ -20,7 +20,7 @@ namespace VexelAlgorithm {
 
 constexpr int SPLINE_REACH = 6;  // pixels to each side
 
-/// What makes coefficients of pixels: the square root of 3 times the powers of its difference from 2, their sum made 1.
+/// The direct filter of the cubic spline, sqrt(3) (sqrt(3) - 2)^|k|, cut, and its sum made 1.
 struct SplineFilter {
     float weights[SPLINE_REACH + 1];
 
@@ -49,7 +49,7 @@ void store_shorts(FloatVec value, std::int16_t* target) {
     hn::StoreU(hn::DemoteTo(ShortTag(), hn::NearestInt(value)), ShortTag(), target);
 }
 
-/// Of a row with its mirrored surroundings, which whole vectors may be read and written of.
+/// A row with mirrored ends, padded so that whole vectors fit.
 class SplineLine {
 public:
     explicit SplineLine(int width)

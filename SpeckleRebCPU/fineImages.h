@@ -18,8 +18,8 @@ using FineImage = Raster<std::int16_t>;
 class FineRectification {
 public:
     /// `raw`: as many pixels as the output has, at least 7 x 7. `map`: interleaved raw pixel coordinates (x, y) of
-    /// every output pixel; beyond the raw image, NaN included, its nearest pixels are repeated. The result does not
-    /// depend on the number of threads.
+    /// every output pixel, which are clamped to what has two pixels to each side: [1, width - 2) and [1, height - 2);
+    /// NaN becomes 1. The result does not depend on the number of threads.
     void rectify(const std::uint8_t* raw, const float* map, int threads, FineImage& rectified);
 
 private:
@@ -28,11 +28,11 @@ private:
 
 /// The coefficients of the cubic spline through the pixels of each row (at least 7), mirrored at its ends. They come
 /// from the pixels by a symmetric filter (M. Unser, A. Aldroubi and M. Eden, "B-spline signal processing", 1993), cut
-/// where it falls below a thousandth.
+/// after six pixels.
 void spline_rows(const FineImage& image, int threads, FineImage& coefficients);
 
 struct FinePair {
-    FineImage left;
+    FineImage left;   ///< grey values
     FineImage right;  ///< coefficients of its rows' splines
 };
 

@@ -84,7 +84,8 @@ private:
         }
     }
 
-    /// Positions first, then the four pixels around each, then the interpolation: the second is scalar work.
+    /// Positions first, then the four pixels and coefficients around each, then the interpolation: the second is scalar
+    /// work.
     void resample_block(int y, std::size_t first, PairRow& row) {
         const FloatTag d;
         const IntTag di;
@@ -129,11 +130,11 @@ private:
                            values.data() + first + i);
             };
             store(row.count, counted);
-            const auto own16 = hn::PromoteTo(di, hn::Load(ShortTag(), fine + i));
-            store(row.values[F], hn::ShiftRight<2>(hn::Add(own16, hn::Set(di, 2))));
+            const auto quarter = hn::Set(d, GREY_SCALE / FINE_SCALE), half = hn::Set(d, SLOPE_SCALE / FINE_SCALE);
+            const auto ownFine = hn::ConvertTo(d, hn::PromoteTo(di, hn::Load(ShortTag(), fine + i)));
+            store(row.values[F], hn::NearestInt(hn::Mul(quarter, ownFine)));
             const auto fraction = hn::Load(d, fractions + i);
             const SplineTaps around = load_taps(taps + 4 * i);
-            const auto quarter = hn::Set(d, GREY_SCALE / FINE_SCALE), half = hn::Set(d, SLOPE_SCALE / FINE_SCALE);
             store(row.values[D], hn::NearestInt(hn::Mul(half, weighted(around, spline_slopes(fraction)))));
             store(row.values[G], hn::NearestInt(hn::Mul(quarter, weighted(around, spline_weights(fraction)))));
         }

@@ -33,13 +33,13 @@ struct RelationTask {
     Raster<CellSums>& cells;
 };
 
-/// Of a row of cells: the sums of its columns, and what is related without what is not seen.
+/// Of a row of cells: the sums of its columns, and what is related, 0 where nothing is seen.
 struct RelationRows {
     explicit RelationRows(std::size_t width)
-        : sums(RELATION_PRODUCTS * width), present(width), blurX(width), blurY(width) {}
+        : sums(RELATION_PRODUCTS * width), present(width), blurX(width), blurY(width), slope(width) {}
 
     std::vector<std::int32_t> sums;
-    std::vector<std::int16_t> present, blurX, blurY;
+    std::vector<std::int16_t> present, blurX, blurY, slope;
 };
 
 }  // namespace VexelAlgorithm
@@ -189,14 +189,16 @@ void sum_cell_row(const RelationTask& task, int cellRow, RelationRows& rows) {
     for (int y = cellRow * CELL; y < std::min((cellRow + 1) * CELL, task.paired.left.height()); y += 2) {
         const std::int16_t *left = task.paired.left.row(y), *right = task.paired.right.row(y);
         const std::int16_t *alongX = task.differences.alongX.row(y), *alongY = task.differences.alongY.row(y);
+        const std::int16_t* slope = task.paired.slope.row(y);
         for (std::size_t x = 0; x < width; ++x) {
             const bool isPresent = left[x] != 0 || right[x] != 0;
             rows.present[x] = isPresent ? 1 : 0;
             rows.blurX[x] = isPresent ? alongX[x] : 0;
             rows.blurY[x] = isPresent ? alongY[x] : 0;
+            rows.slope[x] = isPresent ? slope[x] : 0;
         }
         const std::int16_t* values[RELATED] = {
-            left, rows.blurX.data(), rows.blurY.data(), task.paired.slope.row(y), rows.present.data(), right};
+            left, rows.blurX.data(), rows.blurY.data(), rows.slope.data(), rows.present.data(), right};
         std::int32_t* sums = rows.sums.data();
         for (int a = 0; a < RELATED; ++a)
             for (int b = a; b < RELATED; ++b, sums += width)

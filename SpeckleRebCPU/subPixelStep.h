@@ -61,7 +61,7 @@ SubPixelWeights sub_pixel_weights(const SubPixelTask& task);
 /// other is left out: it moves the result by a few hundredths of a pixel at most.
 ///
 /// Pixels without a facet, outside the cover or the right image do not count, nor, where the cover says so, those that
-/// are clipped or interpolated from clipped ones on either side (`clippedGrey` and more): a clipped pixel says nothing
+/// are clipped or beside clipped ones on either side (`clippedGrey` and more): a clipped pixel says nothing
 /// of the place, and where highlights move over the surface it is clipped in one image only. `step` (pixels, to be
 /// added to the parallax) and `score` (correlation at the present parallax) are written for every slot: NaN and 0 where
 /// less than a quarter of the window counts or its grey values are all but equal.

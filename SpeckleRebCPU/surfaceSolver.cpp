@@ -280,13 +280,14 @@ private:
                 hn::Add(hn::Add(load(gainX), load(gainX - 1)), hn::Add(load(gainY), load(gainY - _stride)));
             inverse(hn::Add(load(_gainGain.row(y) + x), rises), _inverse.gain.row(y) + x);
             const auto begin = [&](const TileRows& evidence, const TileRows& product, const TileRows& inverted,
-                                   TileRows& rest) {
+                                   TileRows& rest, TileRows& direction) {
                 const auto left = hn::Sub(load(evidence.row(y) + x), load(product.row(y) + x));
                 store(left, rest.row(y) + x);
+                store(zero, direction.row(y) + x);
                 squares = hn::Add(squares, hn::Mul(load(inverted.row(y) + x), hn::Mul(left, left)));
             };
-            begin(_evidence.step, _product.step, _inverse.step, _rest.step);
-            begin(_evidence.gain, _product.gain, _inverse.gain, _rest.gain);
+            begin(_evidence.step, _product.step, _inverse.step, _rest.step, _direction.step);
+            begin(_evidence.gain, _product.gain, _inverse.gain, _rest.gain, _direction.gain);
         });
         _share = 0.0F;
         _squares = sum_of(squares);
@@ -294,7 +295,7 @@ private:
 
     void advance() {
         const FloatTag d;
-        if (!(_squares > _task.prior.rest * static_cast<float>(_width * _height))) return;
+        if (!(_squares > 0.0F)) return;
         const float curved = multiply([&](int y) { turn_row(y); }, _direction, _direction.step, _product);
         if (!(curved > 0.0F)) return;
         const auto length = hn::Set(d, _squares / curved);
@@ -342,7 +343,7 @@ private:
     TileRows _bendX, _bendY, _bendMixed, _riseX, _riseY;  ///< weighted, of what was multiplied last
     Unknowns _evidence, _found, _rest, _direction, _product, _inverse;
     float _squares = 0.0F;  ///< of the rest, by the preconditioner
-    float _share = 0.0F;    ///< of the direction before
+    float _share = 0.0F;    ///< of the direction before, in the next one
 };
 
 }  // namespace

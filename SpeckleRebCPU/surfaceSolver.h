@@ -13,9 +13,7 @@ struct SurfacePrior {
     float jump;      ///< pixels between neighbours beyond which they belong to different surfaces
     float kink;      ///< pixels: no second difference of one surface is larger
     float gainStep;  ///< difference of the gain from slot to slot, root mean square
-    int iterations;  ///< of conjugate gradients, at most ...
-    float
-        rest;  ///< ... until a slot's mean share of what is left is this, squared grey values  ///< conjugate gradients
+    int iterations;  ///< conjugate gradients
 };
 
 /// The parallaxes and gains that are most likely in the light of the evidence when the surface bends little, mostly,

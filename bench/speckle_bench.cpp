@@ -157,12 +157,12 @@ void sub_pixel_matching(benchmark::State& state) {
     state.SetLabel("points");
 }
 
-/// Points fitted together, as once in a frame's two fits.
+/// Points fitted together, as once in a frame's three fits.
 void whole_surface_fit(benchmark::State& state) {
     const Mask all(Width, Height, 1);
     const ParallaxField field = shifted_field();
     const SubPixelTask task{speckle_pair().left, speckle_pair().right, speckle_fine(), all, 2, 13, 13};
-    const SurfacePrior prior{3.0F, 0.065F, 0.015F, 2.1F, 1.5F, 0.02F, 20, 0.001F};
+    const SurfacePrior prior{2.8F, 0.065F, 0.015F, 2.1F, 1.5F, 0.03F, 20};
     WholeSurfaceFit fit;
     Raster<float> step;
     for (auto _ : state) {

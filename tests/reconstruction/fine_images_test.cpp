@@ -54,14 +54,12 @@ TEST(FineImages, RectifiedPixelsAreThoseOfTheScene) {
         for (int y = 0; y < height; ++y)
             for (int x = 0; x < width; ++x) {
                 ASSERT_EQ(fine.at(x, y), other.at(x, y)) << "threads";
-                const double u = map[2 * static_cast<std::size_t>(y * width + x)];
-                const double v = map[2 * static_cast<std::size_t>(y * width + x) + 1];
+                const float* place = map.data() + 2 * (y * width + x);
+                const double u = std::isnan(place[0]) ? 1.0 : std::clamp<double>(place[0], 1, width - 2);
+                const double v = std::clamp<double>(place[1], 1, height - 2);
                 const double grey = fine.at(x, y) / FINE_SCALE + FINE_ZERO;
-                if (!(u > 4 && u < width - 5 && v > 4 && v < height - 5)) {
-                    ASSERT_GT(grey, 15.0) << x << ' ' << y;
-                    ASSERT_LT(grey, 235.0) << x << ' ' << y;
-                    continue;
-                }
+                ASSERT_NEAR(grey, scene(u, v), 15.0) << x << ' ' << y << ": " << u << ' ' << v;
+                if (!(u > 4 && u < width - 5 && v > 4 && v < height - 5)) continue;  // mirrored ends are not the scene
                 squares += std::pow(grey - scene(u, v), 2);
                 const int a = static_cast<int>(u), b = static_cast<int>(v);
                 const double s = u - a, t = v - b;
@@ -72,7 +70,7 @@ TEST(FineImages, RectifiedPixelsAreThoseOfTheScene) {
             }
         EXPECT_GT(count, 0.7 * width * height);
         EXPECT_LT(std::sqrt(squares / count), 0.5) << "grey values, 0.29 of them from 8 bits";
-        EXPECT_GT(std::sqrt(bilinear / count), 5.0);
+        EXPECT_GT(std::sqrt(bilinear / count), 5.0) << "the scene is no easy one";
     });
 }
 

@@ -159,7 +159,7 @@ inline std::optional<Pair> pair_at(const SubPixelTask& task, const ParallaxField
         return std::nullopt;
     const auto c = [&](int k) { return spline_coefficient(task.right, column + k, y); };
     const double before = c(-1), here = c(0), next = c(1), after = c(2), u = 1 - t;
-    return Pair{own,
+    return Pair{task.fine.left.at(x, y) / 16.0 + 128.0,
                 (-before * u * u + here * (3 * t * t - 4 * t) + next * (1 + 2 * t - 3 * t * t) + after * t * t) / 2,
                 (before * u * u * u + here * (4 - 6 * t * t + 3 * t * t * t) +
                  next * (1 + 3 * t + 3 * t * t - 3 * t * t * t) + after * t * t * t) /

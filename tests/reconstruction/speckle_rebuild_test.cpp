@@ -270,7 +270,10 @@ TEST(SpeckleRebuild, DumpsOnlyWhenAskedToAndUnderTheirNames) {
         is_debug_seq(handle.value, true, 2);
         EXPECT_EQ(run(), RET_SUCCESS);
         EXPECT_EQ(dumps_in(folder.path()), std::set<std::string>());
+        const PointImage undumped = frame;
         EXPECT_EQ(run(), RET_SUCCESS);  // frame 2
+        for (std::size_t i = 0; i < frame.get_vn(); ++i)
+            ASSERT_TRUE(frame.get_vCoord(i) == undumped.get_vCoord(i) && frame.get_vNrv(i) == undumped.get_vNrv(i));
         std::set<std::string> expected = files(whole, begin, 2);
         EXPECT_EQ(dumps_in(folder.path()), expected);
         EXPECT_EQ(bytes_of(folder.path() / (begin + "bmp_remap_image_L_2.bmp")).size(),

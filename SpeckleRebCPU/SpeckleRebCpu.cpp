@@ -78,7 +78,8 @@ constexpr int RETURN_RADIUS = 16;
 constexpr int RETURN_TOLERANCE = 2;
 // What a score may lack, in terms of what the frame's median lacks: at all, where neighbours disagree, and at gaps.
 constexpr float LEAST_MEDIAN_LOSS = 0.006F;
-constexpr float LARGEST_MEDIAN_LOSS = 0.03F;  // however noisy the frame is
+// In noisy frames scores scatter more, but less so than their median falls.
+constexpr float NOISY_MEDIAN_LOSS = 0.02F, NOISY_GROWTH = 0.7F;
 constexpr float LARGEST_LOSS = 16.0F;
 constexpr float DOUBTFUL_LOSS = 2.2F;
 constexpr float EDGE_LOSS = 0.8F;
@@ -102,6 +103,11 @@ std::pair<int, int> sampled_range(const Vector2i& range, int sample, int width) 
     const int begin = static_cast<int>(std::floor(static_cast<double>(range(0)) / sample));
     const int end = static_cast<int>(std::ceil(static_cast<double>(range(1)) / sample));
     return {std::max(begin, -width), std::min(end, width)};
+}
+
+float tolerable_loss(float medianLoss) {
+    const float loss = std::max(medianLoss, LEAST_MEDIAN_LOSS);
+    return loss <= NOISY_MEDIAN_LOSS ? loss : NOISY_MEDIAN_LOSS * std::pow(loss / NOISY_MEDIAN_LOSS, NOISY_GROWTH);
 }
 
 }  // namespace
@@ -501,7 +507,7 @@ void SpeckleRebCpu::remove_noise(const StageNames& names) {
         end,           _windowCover.right, regionStep};
     right_to_left_to_vertify_match(task, RETURN_RADIUS, RETURN_TOLERANCE, _threads, field);
     trim_edges(edge_task(), (EDGE_TRIM + sample - 1) / sample, LEAST_EDGE_STEP, _threads, field);
-    const float loss = std::clamp(1.0F - _medianScore, LEAST_MEDIAN_LOSS, LARGEST_MEDIAN_LOSS);
+    const float loss = tolerable_loss(1.0F - _medianScore);
     remove_doubtful({1.0F - LARGEST_LOSS * loss, 1.0F - DOUBTFUL_LOSS * loss, LARGEST_DISAGREEMENT,
                      1.0F - EDGE_LOSS * loss, EDGE_DISAGREEMENT},
                     sample, _threads, field);

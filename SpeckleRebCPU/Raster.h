@@ -20,6 +20,10 @@ public:
         _height = height;
         _values.assign(static_cast<std::size_t>(width) * static_cast<std::size_t>(height), value);
     }
+    /// Values of the same size stay as they are.
+    void resize(int width, int height) {
+        if (width != _width || height != _height) assign(width, height);
+    }
     void fill(Value value) { _values.assign(_values.size(), value); }
 
     int width() const { return _width; }

@@ -10,6 +10,7 @@
 #include "SpeckleRebCPU/median.h"
 #include "SpeckleRebCPU/parallaxFacets.h"
 #include "SpeckleRebCPU/parallaxFilters.h"
+#include "SpeckleRebCPU/parallelRows.h"
 #include "SpeckleRebCPU/pixelMatch.h"
 #include "SpeckleRebCPU/subPixelStep.h"
 #include "SpeckleRebCPU/surfaceEdges.h"
@@ -96,7 +97,6 @@ constexpr float NARROW_FACET_NOISE = 0.057F;
 constexpr float NORMAL_NOISE = 0.035F;
 
 constexpr std::size_t SLOT_GRAIN = 8192;
-constexpr std::size_t ROW_GRAIN = 16;
 
 /// The parallax search range in sampled pixels, no wider than the image is.
 std::pair<int, int> sampled_range(const Vector2i& range, int sample, int width) {
@@ -469,12 +469,10 @@ void SpeckleRebCpu::drop_uncorrelated() {
         return std::abs(_step.at(x, y)) <= LARGEST_STEP &&
                (score >= limit || (score >= SMALLEST_SCORE && is_even(x, y, reach, 0) && is_even(x, y, 0, reach)));
     };
-    parallel_ranges(_threads, static_cast<std::size_t>(parallax.height()), ROW_GRAIN,
-                    [&](std::size_t begin, std::size_t end) {
-                        for (int y = static_cast<int>(begin); y < static_cast<int>(end); ++y)
-                            for (int x = 0; x < parallax.width(); ++x)
-                                if (!is_good(x, y)) field.parallax.at(x, y) = NO_PARALLAX;
-                    });
+    for_each_row(parallax.height(), _threads, [&](int y) {
+        for (int x = 0; x < parallax.width(); ++x)
+            if (!is_good(x, y)) field.parallax.at(x, y) = NO_PARALLAX;
+    });
 }
 
 float SpeckleRebCpu::median_score() const {

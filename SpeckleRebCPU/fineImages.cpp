@@ -216,14 +216,10 @@ void for_rows(int threads, const FineImage& image, const Body& body) {
                     [&](std::size_t begin, std::size_t end) { body(static_cast<int>(begin), static_cast<int>(end)); });
 }
 
-void resize(FineImage& image, int width, int height) {
-    if (image.width() != width || image.height() != height) image.assign(width, height);
-}
-
 }  // namespace
 
 void FineRectification::rectify(const std::uint8_t* raw, const float* map, int threads, FineImage& rectified) {
-    resize(_coefficients, rectified.width(), rectified.height());
+    _coefficients.resize(rectified.width(), rectified.height());
     for_rows(threads, rectified, [&](int begin, int end) {
         HWY_DYNAMIC_DISPATCH(find_coefficients)(raw, begin, end, _coefficients);
     });
@@ -233,7 +229,7 @@ void FineRectification::rectify(const std::uint8_t* raw, const float* map, int t
 }
 
 void spline_rows(const FineImage& image, int threads, FineImage& coefficients) {
-    resize(coefficients, image.width(), image.height());
+    coefficients.resize(image.width(), image.height());
     for_rows(threads, image, [&](int begin, int end) {
         HWY_DYNAMIC_DISPATCH(find_row_coefficients)(image, begin, end, coefficients);
     });

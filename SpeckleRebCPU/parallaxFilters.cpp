@@ -5,6 +5,7 @@
 #include <vector>
 
 #include "SpeckleRebCPU/median.h"
+#include "SpeckleRebCPU/parallelRows.h"
 #include "foundation/parallel.h"
 #include "foundation/types.h"
 
@@ -129,17 +130,12 @@ void clear_marked(int threads, ParallaxField& field, const MarkRow& mark_row) {
 Mask rim_of(const Raster<float>& parallax, int reach, int threads) {
     const int width = parallax.width(), height = parallax.height();
     Mask inRow(width, height), rim(width, height);
-    const auto for_each_row = [&](const auto& fill_row) {
-        parallel_ranges(threads, static_cast<std::size_t>(height), ROW_GRAIN, [&](std::size_t begin, std::size_t end) {
-            for (int y = static_cast<int>(begin); y < static_cast<int>(end); ++y) fill_row(y);
-        });
-    };
-    for_each_row([&](int y) {
+    for_each_row(height, threads, [&](int y) {
         for (int x = 0; x < width; ++x)
             if (!has_parallax(parallax.at(x, y)))
                 std::fill(inRow.row(y) + std::max(0, x - reach), inRow.row(y) + std::min(width, x + reach + 1), 1);
     });
-    for_each_row([&](int y) {
+    for_each_row(height, threads, [&](int y) {
         for (int v = std::max(0, y - reach); v <= std::min(height - 1, y + reach); ++v)
             for (int x = 0; x < width; ++x) rim.at(x, y) |= inRow.at(x, v);
     });
@@ -200,9 +196,13 @@ struct CellPlane {
     double distance(const CellSlot& slot) const { return std::abs(slot.row.dot(plane) - slot.parallax); }
 };
 
-CellPlane robust_plane(const std::vector<CellSlot>& slots) {
-    Vector3d plane = refit(slots, Vector3d::Zero(), std::numeric_limits<double>::infinity());
-    plane = refit(slots, plane, std::max(3.0 * robust_deviation(slots, plane), 0.05));
+Vector3d plane_of_all(const std::vector<CellSlot>& slots) {
+    return refit(slots, Vector3d::Zero(), std::numeric_limits<double>::infinity());
+}
+
+/// From the plane of all slots.
+CellPlane robust_plane(const std::vector<CellSlot>& slots, const Vector3d& first) {
+    const Vector3d plane = refit(slots, first, std::max(3.0 * robust_deviation(slots, first), 0.05));
     return {plane, robust_deviation(slots, plane)};
 }
 
@@ -213,9 +213,9 @@ void clean_cell(ParallaxField& field, int x0, int y0, int cellSize, float factor
         for (const CellSlot& slot : slots) field.clear_slot(slot.index);
         return;
     }
-    const Vector3d even = refit(slots, Vector3d::Zero(), std::numeric_limits<double>::infinity());
-    if (farthest(slots, even) <= 0.125 * static_cast<double>(tolerance)) return;  // nothing is near an outlier
-    const CellPlane plane = robust_plane(slots);
+    const Vector3d first = plane_of_all(slots);
+    if (farthest(slots, first) <= 0.125 * static_cast<double>(tolerance)) return;  // nothing is near an outlier
+    const CellPlane plane = robust_plane(slots, first);
     const double limit = std::max(static_cast<double>(factor) * plane.deviation, static_cast<double>(tolerance));
     for (const CellSlot& slot : slots)
         if (plane.distance(slot) > limit) field.clear_slot(slot.index);
@@ -231,7 +231,7 @@ void clean_rim(const Raster<float>& before, const Mask& rim, const RimLimits& li
     const std::vector<CellSlot> surround =
         slots_of_cell(before, x0 - margin, y0 - margin, cellSize + 2 * margin, is_inside);
     if (surround.size() < FEWEST_OF_SURROUND) return;
-    const CellPlane plane = robust_plane(surround);
+    const CellPlane plane = robust_plane(surround, plane_of_all(surround));
     if (plane.deviation > static_cast<double>(limits.flatness)) return;
     const double limit =
         std::max(static_cast<double>(limits.factor) * plane.deviation, static_cast<double>(limits.tolerance));

@@ -305,16 +305,17 @@ std::optional<Relation> median_relation(const Raster<CellSums>& cells, float rid
 }  // namespace
 
 void SlotEvidence::resize(int width, int height) {
-    for (Raster<float>* sums : {&stepStep, &stepGain, &gainGain, &step, &gain})
-        if (sums->width() != width || sums->height() != height) sums->assign(width, height);
+    for (Raster<float>* sums : {&stepStep, &stepGain, &gainGain, &step, &gain}) sums->resize(width, height);
 }
 
 void pair_images(const SubPixelTask& task, const ParallaxField& field, int threads, PairedImage& paired) {
     const auto stride = static_cast<int>(pair_stride(task.left.width()));
     const int height = task.left.height();
     const bool isTooNarrow = task.left.width() < INTERPOLATED_PIXELS;
-    for (auto* image : {&paired.left, &paired.right, &paired.slope})
-        if (isTooNarrow || image->width() != stride || image->height() != height) image->assign(stride, height);
+    for (auto* image : {&paired.left, &paired.right, &paired.slope}) {
+        image->resize(stride, height);
+        if (isTooNarrow) image->fill(0);
+    }
     if (isTooNarrow) return;
     parallel_ranges(threads, static_cast<std::size_t>(height), ROW_GRAIN, [&](std::size_t begin, std::size_t end) {
         HWY_DYNAMIC_DISPATCH(pair_rows)(task, field, static_cast<int>(begin), static_cast<int>(end), paired);

@@ -7,6 +7,7 @@
 #include <optional>
 #include <vector>
 
+#include "SpeckleRebCPU/parallelRows.h"
 #include "SpeckleRebCPU/windowPairs.h"
 #include "foundation/parallel.h"
 
@@ -198,20 +199,17 @@ void peel_even_slots(const EdgeTask& task, float leastStep, int threads, Raster<
     for (int round = 0; round < EVEN_ROUNDS && !isDone; ++round) {
         const Raster<float> before = parallax;
         isDone = true;
-        parallel_ranges(
-            threads, static_cast<std::size_t>(before.height()), ROW_GRAIN, [&](std::size_t begin, std::size_t end) {
-                std::vector<std::uint8_t> besideEmpty;
-                for (int y = static_cast<int>(begin); y < static_cast<int>(end); ++y) {
-                    find_beside_empty(before, y, besideEmpty);
-                    for (int x = 0; x < before.width(); ++x) {
-                        if (besideEmpty[static_cast<std::size_t>(x)] == 0 || !has_parallax(before.at(x, y)) ||
-                            !is_even(task.left, x * task.sample, y * task.sample, leastStep))
-                            continue;
-                        parallax.at(x, y) = NO_PARALLAX;
-                        isDone = false;
-                    }
-                }
-            });
+        for_each_row(before.height(), threads, [&](int y) {
+            std::vector<std::uint8_t> besideEmpty;
+            find_beside_empty(before, y, besideEmpty);
+            for (int x = 0; x < before.width(); ++x) {
+                if (besideEmpty[static_cast<std::size_t>(x)] == 0 || !has_parallax(before.at(x, y)) ||
+                    !is_even(task.left, x * task.sample, y * task.sample, leastStep))
+                    continue;
+                parallax.at(x, y) = NO_PARALLAX;
+                isDone = false;
+            }
+        });
     }
 }
 

@@ -8,13 +8,11 @@
 #include <vector>
 
 #include "SpeckleRebCPU/parallaxFilters.h"
+#include "SpeckleRebCPU/parallelRows.h"
 #include "SpeckleRebCPU/pixelMatch.h"
-#include "foundation/parallel.h"
 
 namespace VexelAlgorithm {
 namespace {
-
-constexpr std::size_t ROW_GRAIN = 16;
 
 /// How far apart left pixels may be to which right pixels `tolerance` apart belong: more where the right camera sees
 /// the surface foreshortened.
@@ -23,20 +21,12 @@ float left_tolerance(float slopeX, int tolerance) {
     return static_cast<float>(tolerance) / std::clamp(1.0F + slopeX, SMALLEST_STRETCH, 1.0F);
 }
 
-template <class Body>
-void for_each_row(const ParallaxField& field, int threads, const Body& body) {
-    parallel_ranges(threads, static_cast<std::size_t>(field.parallax.height()), ROW_GRAIN,
-                    [&](std::size_t begin, std::size_t end) {
-                        for (int y = static_cast<int>(begin); y < static_cast<int>(end); ++y) body(y);
-                    });
-}
-
 /// The right image in the geometry of the left one; 0 without a facet.
 GreyImage right_seen_from_left(const VerifyTask& task, const ParallaxField& field, int threads, Mask& seen) {
     const int width = field.parallax.width(), height = field.parallax.height();
     GreyImage warped(width, height);
     seen.assign(width, height);
-    for_each_row(field, threads, [&](int y) {
+    for_each_row(field.parallax.height(), threads, [&](int y) {
         const float* parallax = field.parallax.row(y);
         const std::uint8_t* right = task.right.row(y);
         for (int x = 0; x < width; ++x) {
@@ -63,7 +53,7 @@ void verify_locally(const VerifyTask& task, int searchRadius, int tolerance, int
                                 everywhere,    task.windowWidth, task.windowHeight,
                                 -searchRadius, searchRadius + 1, {0, width, 0, height}};
     if (!match_pixels(search, threads, back, score)) return;
-    for_each_row(field, threads, [&](int y) {
+    for_each_row(field.parallax.height(), threads, [&](int y) {
         for (int x = 0; x < width; ++x) {
             const float position = back.at(x, y);
             if (position == NO_MATCH) continue;  // where windows leave the image nothing is said
@@ -108,7 +98,7 @@ void remove_contradicted_regions(const VerifyTask& task, int tolerance, int thre
                                  ParallaxField& field) {
     const int width = field.parallax.width();
     std::vector<std::atomic<std::size_t>> contradicted(regions.sizes.size());
-    for_each_row(field, threads, [&](int y) {
+    for_each_row(field.parallax.height(), threads, [&](int y) {
         std::vector<int> claims, owners;
         const std::int32_t* label = regions.label.row(y);
         const auto size = [&](int x) { return regions.sizes[static_cast<std::size_t>(label[x])]; };
@@ -144,7 +134,7 @@ std::pair<int, int> candidate_columns(const Mask& cover, int y) {
 void remove_cut_off_regions(const VerifyTask& task, int threads, const ParallaxRegions& regions, ParallaxField& field) {
     if (regions.sizes.empty()) return;
     std::vector<std::atomic<std::size_t>> cutOff(regions.sizes.size());
-    for_each_row(field, threads, [&](int y) {
+    for_each_row(field.parallax.height(), threads, [&](int y) {
         const auto [begin, end] = candidate_columns(task.rightCover, y);
         for (int x = 0; x < field.parallax.width(); ++x) {
             const std::int32_t label = regions.label.at(x, y);
@@ -162,7 +152,7 @@ void remove_cut_off_regions(const VerifyTask& task, int threads, const ParallaxR
 
 void keep_best_claims(const VerifyTask& task, int tolerance, int threads, ParallaxField& field) {
     const int width = field.parallax.width();
-    for_each_row(field, threads, [&](int y) {
+    for_each_row(field.parallax.height(), threads, [&](int y) {
         std::vector<int> claims, owners;
         float* parallax = field.parallax.row(y);
         const float* score = field.score.row(y);

@@ -49,11 +49,11 @@ constexpr int LARGEST_SHARP_WINDOW = 13;
 constexpr float FACET_TOLERANCE = 0.5F;
 constexpr float FACET_SLOPE_TOLERANCE = 0.1F;
 // The fit of the whole surface, for slots of 2 x 2 pixels and windows of 13; others are scaled from there.
-constexpr float FIT_OUTLIERS[] = {20.0F, 8.0F, 8.0F};  // grey values, of one fit after the other
-constexpr float FIT_NOISE = 2.8F;                      // grey values: of the sensor, and what no model explains
-constexpr float FIT_BEND = 0.065F;                     // pixels, from slot to slot to slot
-constexpr float FIT_CREASE = 0.015F;                   // pixels, likewise
-constexpr float FIT_GAIN_STEP = 0.03F;                 // from slot to slot
+constexpr float FIT_OUTLIERS[] = {20.0F, 8.0F, 8.0F, 8.0F};  // grey values, of one fit after the other
+constexpr float FIT_NOISE = 2.4F;                            // grey values: of the sensor, and what no model explains
+constexpr float FIT_BEND = 0.065F;                           // pixels, from slot to slot to slot
+constexpr float FIT_CREASE = 0.015F;                         // pixels, likewise
+constexpr float FIT_GAIN_STEP = 0.035F;                      // from slot to slot
 constexpr int FIT_ITERATIONS = 20;
 constexpr float LARGEST_KINK = 0.75F;  // pixels a pixel
 constexpr int FIT_CLIPPED_GREY = 240;
@@ -82,10 +82,11 @@ constexpr float LEAST_MEDIAN_LOSS = 0.006F;
 // In noisy frames scores scatter more, but less so than their median falls.
 constexpr float NOISY_MEDIAN_LOSS = 0.02F, NOISY_GROWTH = 0.7F;
 constexpr float LARGEST_LOSS = 16.0F;
-constexpr float DOUBTFUL_LOSS = 2.2F;
+constexpr float DOUBTFUL_LOSS = 2.6F;
 constexpr float EDGE_LOSS = 0.8F;
 constexpr float LARGEST_DISAGREEMENT = 0.3F;  // pixels a slot
-constexpr float EDGE_DISAGREEMENT = 0.08F;
+constexpr float EDGE_DISAGREEMENT = 0.05F;
+constexpr float LARGEST_SLOPE = 0.65F;  // pixels a pixel
 constexpr int CELL_SIZE = 16;
 constexpr int EDGE_TRIM = 4;             // pixels
 constexpr float LEAST_EDGE_STEP = 3.0F;  // grey values
@@ -423,7 +424,8 @@ SubPixelTask SpeckleRebCpu::sub_pixel_task(const Mask& cover) const {
             cover,
             _param.sampleRatio,
             _param.subPixMatchWin.x(),
-            _param.subPixMatchWin.y()};
+            _param.subPixMatchWin.y(),
+            region_step()};
 }
 
 /// A larger window asks for a smoother surface; bends of it weigh as the smoothing of a plate that reaches as far.
@@ -505,6 +507,7 @@ void SpeckleRebCpu::remove_noise(const StageNames& names) {
         end,           _windowCover.right, regionStep};
     right_to_left_to_vertify_match(task, RETURN_RADIUS, RETURN_TOLERANCE, _threads, field);
     trim_edges(edge_task(), (EDGE_TRIM + sample - 1) / sample, LEAST_EDGE_STEP, _threads, field);
+    remove_steep(LARGEST_SLOPE, sample, _threads, field);
     const float loss = tolerable_loss(1.0F - _medianScore);
     remove_doubtful({1.0F - LARGEST_LOSS * loss, 1.0F - DOUBTFUL_LOSS * loss, LARGEST_DISAGREEMENT,
                      1.0F - EDGE_LOSS * loss, EDGE_DISAGREEMENT},

@@ -286,6 +286,23 @@ void remove_inconsistent(int radius, float tolerance, float slopeTolerance, int 
                  });
 }
 
+void remove_steep(float slope, int sample, int threads, ParallaxField& field) {
+    const Raster<float>& parallax = field.parallax;
+    const int width = parallax.width(), height = parallax.height();
+    const float limit = slope * static_cast<float>(sample);
+    clear_marked(threads, field, [&](int y, std::uint8_t* wrong) {
+        const float* own = parallax.row(y);
+        const auto mark = [&](const float* other, int begin, int end) {
+            for (int x = begin; x < end; ++x) wrong[x] |= std::abs(other[x] - own[x]) > limit ? 1 : 0;  // not for NaN
+        };
+        std::fill_n(wrong, width, std::uint8_t{0});
+        mark(own - 1, 1, width);
+        mark(own + 1, 0, width - 1);
+        if (y > 0) mark(parallax.row(y - 1), 0, width);
+        if (y + 1 < height) mark(parallax.row(y + 1), 0, width);
+    });
+}
+
 void remove_doubtful(const DoubtLimits& limits, int sample, int threads, ParallaxField& field) {
     clear_marked(threads, field, [&](int y, std::uint8_t* wrong) {
         for (int x = 0; x < field.parallax.width(); ++x) {

@@ -23,6 +23,10 @@ ParallaxRegions find_regions(float largestStep, const Raster<float>& parallax);
 void remove_inconsistent(int radius, float tolerance, float slopeTolerance, int sample, int threads,
                          ParallaxField& field);
 
+/// Removes slots whose neighbour in the row or column is off by more than `slope` pixels a pixel: where a surface turns
+/// away from the cameras, little of it is left in a window, and what was found bridges the edge.
+void remove_steep(float slope, int sample, int threads, ParallaxField& field);
+
 struct DoubtLimits {
     float smallestScore;        ///< below it a slot is removed
     float doubtfulScore;        ///< below it a slot is removed where the slots around it disagree

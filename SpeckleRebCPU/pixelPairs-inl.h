@@ -15,6 +15,7 @@
 #    include <cstring>
 #    include <vector>
 
+#    include "SpeckleRebCPU/rowPrediction-inl.h"
 #    include "SpeckleRebCPU/splineWeights-inl.h"
 #    include "SpeckleRebCPU/subPixelStep.h"
 
@@ -54,39 +55,26 @@ class RowPairing {
 
 public:
     RowPairing(const SubPixelTask& task, const ParallaxField& field)
-        : _task(task), _field(field), _width(task.left.width()), _stride(pair_stride(_width)), _predicted(_stride) {}
+        : _task(task),
+          _width(task.left.width()),
+          _stride(pair_stride(_width)),
+          _prediction(field, task.sample, task.jump, _stride) {}
 
     /// Pixels of a row, rounded up to whole blocks.
     std::size_t stride() const { return _stride; }
 
     void pair_row(int y, PairRow& row) {
-        predict_row(y);
-        for (std::size_t x = 0; x < _stride; x += BLOCK) resample_block(y, x, row);
+        const float* predicted = _prediction.predict(y);
+        for (std::size_t x = 0; x < _stride; x += BLOCK) resample_block(y, x, predicted + x, row);
     }
+
+    /// Of the facets that the pixels of the row that was paired last lie on.
+    RowPrediction::Slopes slopes() { return _prediction.slopes(); }
 
 private:
-    /// What the facets of the row's slots predict for each pixel; NaN for none.
-    void predict_row(int y) {
-        const int sample = _task.sample;
-        const int slotRow = std::min((y + sample / 2) / sample, _field.parallax.height() - 1);
-        const auto dy = static_cast<float>(y - slotRow * sample);
-        const float* parallax = _field.parallax.row(slotRow);
-        const float* slopeX = _field.slopeX.row(slotRow);
-        const float* slopeY = _field.slopeY.row(slotRow);
-        std::fill(_predicted.begin(), _predicted.end(), NO_PARALLAX);
-        for (int slot = 0; slot < _field.parallax.width(); ++slot) {
-            const float centre = parallax[slot] + slopeY[slot] * dy;
-            for (int dx = -(sample / 2); dx < sample - sample / 2; ++dx) {
-                const int x = slot * sample + dx;
-                if (x >= 0 && x < _width)
-                    _predicted[static_cast<std::size_t>(x)] = centre + slopeX[slot] * static_cast<float>(dx);
-            }
-        }
-    }
-
     /// Positions first, then the four pixels and coefficients around each, then the interpolation: the second is scalar
     /// work.
-    void resample_block(int y, std::size_t first, PairRow& row) {
+    void resample_block(int y, std::size_t first, const float* predicted, PairRow& row) {
         const FloatTag d;
         const IntTag di;
         const std::size_t lanes = hn::Lanes(d);
@@ -103,8 +91,7 @@ private:
         const auto one = hn::Set(d, 1.0F);
         const auto end = hn::Set(d, static_cast<float>(_width - 2));
         for (std::size_t i = 0; i < BLOCK; i += lanes) {
-            const auto x =
-                hn::Add(hn::LoadU(d, _predicted.data() + first + i), hn::Iota(d, static_cast<float>(first + i)));
+            const auto x = hn::Add(hn::LoadU(d, predicted + i), hn::Iota(d, static_cast<float>(first + i)));
             const auto covered = hn::Ne(hn::Load(di, cover + i), hn::Zero(di));
             const auto counted = hn::And(hn::And(hn::Ge(x, one), hn::Lt(x, end)), hn::RebindMask(d, covered));
             const auto position = hn::IfThenElse(counted, x, one);
@@ -150,10 +137,9 @@ private:
     }
 
     const SubPixelTask& _task;
-    const ParallaxField& _field;
     const int _width;
     const std::size_t _stride;
-    std::vector<float> _predicted;
+    RowPrediction _prediction;
 };
 
 }  // namespace

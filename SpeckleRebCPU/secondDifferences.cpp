@@ -27,6 +27,15 @@ void fine_and_coarse_row(const GreyImage& image, int y, std::vector<std::int32_t
     }
 }
 
+void find_mixed_row(const GreyImage& image, int y, std::int16_t* mixed) {
+    const std::uint8_t *above = image.row(std::max(0, y - 1)), *below = image.row(std::min(image.height() - 1, y + 1));
+    const int last = image.width() - 1;
+    for (int x = 0; x <= last; ++x) {
+        const int before = std::max(0, x - 1), behind = std::min(last, x + 1);
+        mixed[x] = static_cast<std::int16_t>(below[behind] + above[before] - below[before] - above[behind]);
+    }
+}
+
 }  // namespace
 
 void find_second_differences(const GreyImage& image, int multiple, int threads, SecondDifferences& differences) {
@@ -34,10 +43,12 @@ void find_second_differences(const GreyImage& image, int multiple, int threads, 
     const int stride = (width + multiple - 1) / multiple * multiple;
     differences.alongX.assign(stride, height);
     differences.alongY.assign(stride, height);
+    differences.mixed.assign(stride, height);
     parallel_ranges(threads, static_cast<std::size_t>(height), ROW_GRAIN, [&](std::size_t begin, std::size_t end) {
         std::vector<std::int32_t> fine(static_cast<std::size_t>(width) + 4), coarse(fine.size());
         for (int y = static_cast<int>(begin); y < static_cast<int>(end); ++y) {
             fine_and_coarse_row(image, y, fine, coarse);
+            find_mixed_row(image, y, differences.mixed.row(y));
             std::int16_t* alongX = differences.alongX.row(y);
             std::int16_t* alongY = differences.alongY.row(y);
             for (int x = 0; x < width; ++x) {

@@ -24,6 +24,11 @@ namespace VexelAlgorithm {
 
 /// What is related: the left image, its second differences, the slope, 1 and the right image.
 enum Related : int { LEFT, BLUR_X, BLUR_Y, SLOPE, OFFSET, RIGHT, RELATED };
+constexpr float BRIGHT = 100.0F;  // grey value from which on variance grows in proportion
+// Squared pixels: variance of the spot that a pixel takes in, through lens and aperture.
+constexpr float SPOT = 0.45F;
+// Slopes of the parallax, pixel per pixel, beyond which the spot is not followed.
+constexpr float LEAST_SPOT_SLOPE = -0.5F, LARGEST_SPOT_SLOPE = 1.0F;
 constexpr std::size_t RELATION_PRODUCTS = RELATED * (RELATED + 1) / 2;
 using CellSums = std::array<std::int32_t, RELATION_PRODUCTS>;
 
@@ -129,7 +134,8 @@ private:
             const auto target = hn::Sub(hn::Sub(hn::Mul(load_short(right + x), hn::Set(d, 1.0F / GREY_SCALE)), offset),
                                         hn::Mul(blur, sixteenth));
             const auto misfit = hn::Sub(hn::Mul(hn::LoadU(d, _gain.data() + x), f), target);
-            const auto w = hn::Div(weight, hn::Add(one, hn::Mul(outlier, hn::Mul(misfit, misfit))));
+            const auto variance = hn::Max(one, hn::Mul(f, hn::Set(d, 1.0F / BRIGHT)));
+            const auto w = hn::Div(weight, hn::Add(variance, hn::Mul(outlier, hn::Mul(misfit, misfit))));
             const auto wslope = hn::Mul(w, slope), wf = hn::Mul(w, f);
             const auto add = [&](Product product, FloatVec value) {
                 float* sums = _columns[product].data() + _margin + x;
@@ -162,9 +168,34 @@ private:
     int _cellRow = -1;
 };
 
+/// The right image's spot as the left image sees it, through columns that are stretched by 1 + a and shifted by b a
+/// row: variances of (1 + b^2) / (1 + a)^2 along the row and of 1 along the column, and a covariance of -b / (1 + a).
+/// Half of what they differ from the left image's by, times the second derivatives.
+void sharpen_row(const RowPrediction::Slopes& slopes, int y, const SecondDifferences& differences,
+                 const std::int16_t* count, std::size_t width, std::int16_t* right) {
+    const FloatTag d;
+    const auto one = hn::Set(d, 1.0F), two = hn::Set(d, 2.0F);
+    const auto scale = hn::Set(d, 2.0F * SPOT * GREY_SCALE / 16.0F);
+    const std::int16_t *alongX = differences.alongX.row(y), *mixed = differences.mixed.row(y);
+    for (std::size_t x = 0; x < width; x += hn::Lanes(d)) {
+        const auto within = [&](const float* slope, float low) {
+            return hn::Min(hn::Max(hn::LoadU(d, slope + x), hn::Set(d, low)), hn::Set(d, LARGEST_SPOT_SLOPE));
+        };
+        const auto a = within(slopes.alongX, LEAST_SPOT_SLOPE), b = within(slopes.alongY, -LARGEST_SPOT_SLOPE);
+        const auto narrowing = hn::Div(one, hn::Add(one, a));
+        const auto wider = hn::Sub(hn::Mul(hn::Mul(narrowing, narrowing), hn::Add(one, hn::Mul(b, b))), one);
+        const auto blur = hn::Sub(hn::Mul(wider, load_short(alongX + x)),
+                                  hn::Mul(hn::Mul(two, hn::Mul(narrowing, b)), load_short(mixed + x)));
+        const auto present = hn::Mul(load_short(count + x), scale);
+        const auto sharper = hn::Sub(load_short(right + x), hn::Mul(present, blur));
+        hn::StoreU(hn::DemoteTo(ShortTag(), hn::NearestInt(sharper)), ShortTag(), right + x);
+    }
+}
+
 }  // namespace
 
-void pair_rows(const SubPixelTask& task, const ParallaxField& field, int begin, int end, PairedImage& paired) {
+void pair_rows(const SubPixelTask& task, const SecondDifferences& differences, const ParallaxField& field, int begin,
+               int end, PairedImage& paired) {
     RowPairing pairing(task, field);
     PairRow row;
     row.assign(pairing.stride());
@@ -178,6 +209,7 @@ void pair_rows(const SubPixelTask& task, const ParallaxField& field, int begin, 
             right[x] = static_cast<std::int16_t>(row.values[G][x] + MIDDLE * count[x]);
             slope[x] = row.values[D][x];
         }
+        sharpen_row(pairing.slopes(), y, differences, count, pairing.stride(), right);
     }
 }
 
@@ -264,6 +296,7 @@ bool is_seen(const RelationSums& products) {
 
 struct Relation {
     double gain = 1.0, blurX = 0.0, blurY = 0.0, offset = 0.0;
+    double misfit = 0.0;  ///< root mean square
 };
 
 /// Least squares of right = gain left + blurX u + blurY v - step slope + offset.
@@ -271,9 +304,11 @@ std::optional<Relation> free_relation(const RelationSums& products) {
     constexpr double LEAST_VARIANCE = 4.0;  // squared grey values
     const double count = products(OFFSET, OFFSET), sum = products(LEFT, OFFSET);
     if (!(products(LEFT, LEFT) - sum * sum / count > LEAST_VARIANCE * count)) return std::nullopt;
-    const Eigen::Matrix<double, 5, 1> x = products.topLeftCorner<5, 5>().ldlt().solve(products.topRightCorner<5, 1>());
+    const Eigen::Matrix<double, 5, 1> right = products.topRightCorner<5, 1>();
+    const Eigen::Matrix<double, 5, 1> x = products.topLeftCorner<5, 5>().ldlt().solve(right);
     if (!x.allFinite()) return std::nullopt;
-    return Relation{x[LEFT], x[BLUR_X], x[BLUR_Y], x[OFFSET]};
+    const double squares = std::max(0.0, products(RIGHT, RIGHT) - x.dot(right));
+    return Relation{x[LEFT], x[BLUR_X], x[BLUR_Y], x[OFFSET], std::sqrt(squares / count)};
 }
 
 /// The same with the offset of the whole image, and a gain near its median.
@@ -284,12 +319,12 @@ Relation relation_near(const Relation& whole, const RelationSums& products) {
     matrix(LEFT, LEFT) += pull;
     right[LEFT] += pull * whole.gain;
     const Eigen::Vector4d x = matrix.ldlt().solve(right);
-    return x.allFinite() ? Relation{x[LEFT], x[BLUR_X], x[BLUR_Y], whole.offset} : whole;
+    return x.allFinite() ? Relation{x[LEFT], x[BLUR_X], x[BLUR_Y], whole.offset, whole.misfit} : whole;
 }
 
 /// Of the relations of cells whose neighbourhoods do not overlap.
 std::optional<Relation> median_relation(const Raster<CellSums>& cells, float ridge) {
-    std::vector<float> gains, offsets;
+    std::vector<float> gains, offsets, misfits;
     for (int y = 1; y < cells.height() + 1; y += 3)
         for (int x = 1; x < cells.width() + 1; x += 3) {
             const RelationSums products = sums_around(cells, x, y, ridge);
@@ -297,9 +332,10 @@ std::optional<Relation> median_relation(const Raster<CellSums>& cells, float rid
             if (!found) continue;
             gains.push_back(static_cast<float>(found->gain));
             offsets.push_back(static_cast<float>(found->offset));
+            misfits.push_back(static_cast<float>(found->misfit));
         }
     if (gains.empty()) return std::nullopt;
-    return Relation{take_median(gains), 0.0, 0.0, take_median(offsets)};
+    return Relation{take_median(gains), 0.0, 0.0, take_median(offsets), take_median(misfits)};
 }
 
 }  // namespace
@@ -308,7 +344,8 @@ void SlotEvidence::resize(int width, int height) {
     for (Raster<float>* sums : {&stepStep, &stepGain, &gainGain, &step, &gain}) sums->resize(width, height);
 }
 
-void pair_images(const SubPixelTask& task, const ParallaxField& field, int threads, PairedImage& paired) {
+void pair_images(const SubPixelTask& task, const SecondDifferences& leftDifferences, const ParallaxField& field,
+                 int threads, PairedImage& paired) {
     const auto stride = static_cast<int>(pair_stride(task.left.width()));
     const int height = task.left.height();
     const bool isTooNarrow = task.left.width() < INTERPOLATED_PIXELS;
@@ -318,7 +355,8 @@ void pair_images(const SubPixelTask& task, const ParallaxField& field, int threa
     }
     if (isTooNarrow) return;
     parallel_ranges(threads, static_cast<std::size_t>(height), ROW_GRAIN, [&](std::size_t begin, std::size_t end) {
-        HWY_DYNAMIC_DISPATCH(pair_rows)(task, field, static_cast<int>(begin), static_cast<int>(end), paired);
+        HWY_DYNAMIC_DISPATCH(pair_rows)
+        (task, leftDifferences, field, static_cast<int>(begin), static_cast<int>(end), paired);
     });
 }
 
@@ -337,6 +375,7 @@ ImageRelation relate_images(const PairedImage& paired, const SecondDifferences& 
     const Relation whole = median_relation(cells, ridge).value_or(Relation{});
     ImageRelation relation;
     relation.offset = static_cast<float>(whole.offset);
+    relation.misfit = static_cast<float>(whole.misfit);
     for (Raster<float>* values : {&relation.gain, &relation.blurX, &relation.blurY}) values->assign(width, height);
     for_rows([&](int begin, int end) {
         for (int y = begin; y < end; ++y)

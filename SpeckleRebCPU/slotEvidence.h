@@ -12,7 +12,7 @@ namespace VexelAlgorithm {
 /// All zero where there is no pair (nor, which does no harm, where both are black).
 struct PairedImage {
     Raster<std::int16_t> left;   ///< quarters of grey values
-    Raster<std::int16_t> right;  ///< interpolated, quarters of grey values
+    Raster<std::int16_t> right;  ///< interpolated, as sharp as the left image, quarters of grey values
     Raster<std::int16_t> slope;  ///< derivative of the right image along the row, halves of grey values a pixel
 };
 
@@ -27,6 +27,7 @@ struct ImageRelation {
     Raster<float> blurX, blurY;  ///< of second differences in grey values
     Raster<float> gain;
     float offset = 0.0F;  ///< grey values, one for the whole image: what the sensors' dark levels differ by
+    float misfit = 0.0F;  ///< grey values, what is left: root mean square over 3 x 3 cells, median of these
 };
 
 /// The least squares of gain * left - slope * step - (right - offset - blur) over the pixels around each slot, squared
@@ -40,7 +41,11 @@ struct SlotEvidence {
     void resize(int width, int height);
 };
 
-void pair_images(const SubPixelTask& task, const ParallaxField& field, int threads, PairedImage& paired);
+/// A pixel of each camera takes in a spot of the same size. On a slanted surface the two spots differ, one camera's is
+/// narrower than the other's, and skewed against it; what that does to the right image is taken back, to first order
+/// (see `ImageRelation`).
+void pair_images(const SubPixelTask& task, const SecondDifferences& leftDifferences, const ParallaxField& field,
+                 int threads, PairedImage& paired);
 
 /// From the pairs, over 3 x 3 cells: the offset is the median of the cells', then come blur and gain. Blur is shrunk
 /// towards none by `ridge` (squared grey values of second difference), the gain a little towards the median, which
@@ -56,8 +61,9 @@ struct EvidenceTask {
     int sample;                 ///< pixels per slot
     float outlier;              ///< deviation at which a pixel has half its weight, grey values
 };
-/// Pixels lose weight as they deviate from what the gain of the slot predicts (Cauchy's function):
-/// highlights that only one camera sees, and what belongs to another surface.
+/// Pixels lose weight as they deviate from what the gain of the slot predicts (Cauchy's function): what belongs to
+/// another surface. Bright ones weigh less, as shot noise grows with the light, and in highlights the gain changes from
+/// pixel to pixel.
 void gather_evidence(const EvidenceTask& task, int threads, SlotEvidence& evidence);
 
 }  // namespace VexelAlgorithm

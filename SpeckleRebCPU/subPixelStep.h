@@ -34,6 +34,7 @@ struct SubPixelTask {
     int sample;                      ///< pixels per slot
     int windowWidth;                 ///< odd, pixels
     int windowHeight;                ///< odd, pixels
+    float jump;                      ///< pixels between neighbouring slots beyond which they are on different surfaces
     int clippedGrey = CLIPPED_GREY;  ///< what clipped pixels have at least, or those interpolated from them
 };
 

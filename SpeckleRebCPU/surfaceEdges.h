@@ -32,8 +32,8 @@ struct EdgeSearch {
 /// that they came from. The result does not depend on the thread number.
 void settle_edges(const EdgeTask& task, const EdgeSearch& search, int threads, ParallaxField& field);
 
-/// Removes what cannot be relied upon at the edges of surfaces: slots at a gap around which the image is even, over two
-/// pixels to each side (root mean square of I(x + 1) - I(x - 1) below `leastStep`), so that only the far part of their
+/// Removes what cannot be relied upon at the edges of surfaces: slots at a gap around which the image is even, over a
+/// pixel to each side (root mean square of I(x + 1) - I(x - 1) below `leastStep`), so that only the far part of their
 /// window was compared; then all slots within `width` of a gap or of a step in depth of more than two pixels a slot
 /// and pixel. Gaps are at least three slots wide, and end where both cameras could see the surface go on: where the
 /// image ends it loses nothing.

@@ -10,6 +10,8 @@ namespace {
 
 constexpr std::size_t ROW_GRAIN = 16;
 constexpr float BLUR_RIDGE = 0.3F;  // squared grey values of second difference
+// Of the misfit of cells, which holds what the slots' parallaxes still lack as well.
+constexpr float MISFIT_SHARE = 0.65F;
 
 void spread_gain(const Raster<float>& cells, int sample, Raster<float>& slots) {
     for (int y = 0; y < slots.height(); ++y)
@@ -26,14 +28,17 @@ void WholeSurfaceFit::begin(const GreyImage& left, int threads) {
 
 void WholeSurfaceFit::find_steps(const SubPixelTask& task, const SurfacePrior& prior, float outlier,
                                  const ParallaxField& field, int threads, Raster<float>& step) {
-    pair_images(task, field, threads, _paired);
+    pair_images(task, _differences, field, threads, _paired);
     if (!_relation) {
         _relation = relate_images(_paired, _differences, BLUR_RIDGE, threads);
         _gain.assign(field.parallax.width(), field.parallax.height());
         spread_gain(_relation->gain, task.sample, _gain);
     }
-    gather_evidence({_paired, _differences, *_relation, _gain, task.sample, outlier}, threads, _evidence);
-    solve_surface(_evidence, prior, field.parallax, threads, step, _gain);
+    SurfacePrior measured = prior;
+    measured.noise = std::max(prior.noise, MISFIT_SHARE * _relation->misfit);
+    const float tolerance = outlier * measured.noise / prior.noise;
+    gather_evidence({_paired, _differences, *_relation, _gain, task.sample, tolerance}, threads, _evidence);
+    solve_surface(_evidence, measured, field.parallax, threads, step, _gain);
 }
 
 void take_slopes(float jump, int sample, int threads, ParallaxField& field) {

@@ -17,7 +17,8 @@ public:
     void begin(const GreyImage& left, int threads);
 
     /// `step`: pixels, to be added to the parallaxes, 0 for empty slots. Pixels weigh half when they deviate from the
-    /// fit by `outlier` grey values.
+    /// fit by `outlier` grey values. In images that agree worse than with `prior.noise`, as with little light and much
+    /// gain, noise and `outlier` are larger.
     void find_steps(const SubPixelTask& task, const SurfacePrior& prior, float outlier, const ParallaxField& field,
                     int threads, Raster<float>& step);
 

@@ -150,19 +150,19 @@ void sub_pixel_matching(benchmark::State& state) {
     const Mask all(Width, Height, 1);
     const ParallaxField field = shifted_field();
     const auto window = static_cast<int>(state.range(0));
-    const SubPixelTask task{speckle_pair().left, speckle_pair().right, speckle_fine(), all, 2, window, window};
+    const SubPixelTask task{speckle_pair().left, speckle_pair().right, speckle_fine(), all, 2, window, window, 2.1F};
     Raster<float> step, score;
     for (auto _ : state) find_sub_pixel_steps(task, field, default_thread_number(), step, score);
     state.SetItemsProcessed(state.iterations() * static_cast<std::int64_t>(step.size()));
     state.SetLabel("points");
 }
 
-/// Points fitted together, as once in a frame's three fits.
+/// Points fitted together, as once in a frame's four fits.
 void whole_surface_fit(benchmark::State& state) {
     const Mask all(Width, Height, 1);
     const ParallaxField field = shifted_field();
-    const SubPixelTask task{speckle_pair().left, speckle_pair().right, speckle_fine(), all, 2, 13, 13};
-    const SurfacePrior prior{2.8F, 0.065F, 0.015F, 2.1F, 1.5F, 0.03F, 20};
+    const SubPixelTask task{speckle_pair().left, speckle_pair().right, speckle_fine(), all, 2, 13, 13, 2.1F};
+    const SurfacePrior prior{2.4F, 0.065F, 0.015F, 2.1F, 1.5F, 0.035F, 20};
     WholeSurfaceFit fit;
     Raster<float> step;
     for (auto _ : state) {

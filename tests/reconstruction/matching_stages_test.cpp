@@ -172,7 +172,7 @@ TEST(MatchingStages, SubPixelStepsAreThoseOfSingleWindows) {
         FinePair fine = VexelTrial::fine_pair(left, right);
         for (std::size_t i = 0; i < fine.left.size(); ++i)  // quarters, which bytes do not have
             fine.left[i] = static_cast<std::int16_t>(fine.left[i] + 4 * static_cast<int>(i % 11) - 20);
-        const SubPixelTask task{left, right, fine, cover, sample, 11, 7};
+        const SubPixelTask task{left, right, fine, cover, sample, 11, 7, 0.7F};
         Raster<float> step, score, other;
         find_sub_pixel_steps(task, field, 1, step, score);
         find_sub_pixel_steps(task, field, 3, other, score);
@@ -445,6 +445,15 @@ TEST(MatchingStages, FiltersRemoveWhatIsWrongAndNothingElse) {
     };
     EXPECT_EQ(removed_by([](auto& f) { remove_inconsistent(3, 0.5F, 0.1F, 2, 3, f); }, consistent),
               with_nine({{20, 20}, {12, 8}, {24, 8}}, 48, 24));
+
+    ParallaxField steep = field;  // 0.3 pixels a slot, and not more than 1
+    steep.parallax.at(10, 10) += 0.6F;
+    steep.parallax.at(20, 10) += 0.8F;
+    steep.parallax.at(20, 30) -= 1.2F;
+    steep.parallax.at(20, 29) = steep.parallax.at(21, 30) = NO_PARALLAX;
+    Slots slopes{{19, 10}, {20, 10}, {20, 30}, {20, 31}};
+    for (int y = 0; y < 48; ++y) slopes.emplace(31, y), slopes.emplace(32, y);
+    EXPECT_EQ(removed_by([](auto& f) { remove_steep(0.5F, 2, 3, f); }, steep), slopes);
 
     ParallaxField doubtful = field;
     for (int x = 31; x < 33; ++x)

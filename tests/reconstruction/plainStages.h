@@ -142,14 +142,42 @@ inline double spline_coefficient(const GreyImage& image, int x, int y) {
 struct Pair {
     double f, d, g;
 };
-/// A left pixel, and the right image where the facet of its slot predicts it: derivative and grey value.
+/// Parallax and slopes of what a pixel lies on.
+struct Seen {
+    double parallax;
+    double slope[2];  ///< along rows and along columns
+};
+/// `k` pixels behind one slot and `s - k` before the next, along axis 0 (row) or 1.
+inline std::optional<Seen> between(const std::optional<Seen>& first, const std::optional<Seen>& second, int k, int s,
+                                   double jump, int axis) {
+    const bool isSecond = second && 2 * k >= s;
+    if (!isSecond && (!first || (2 * k > s && !second))) return std::nullopt;
+    Seen seen = isSecond ? *second : *first;
+    if (first && second && std::abs(second->parallax - first->parallax) <= jump) {
+        seen.parallax = first->parallax + (second->parallax - first->parallax) * k / s;
+    } else {
+        seen.parallax += seen.slope[axis] * (isSecond ? k - s : k);
+    }
+    return seen;
+}
+inline std::optional<Seen> seen_at(const SubPixelTask& task, const ParallaxField& field, int x, int y) {
+    const int s = task.sample, slotX = x / s, slotY = std::min(y / s, field.parallax.height() - 1);
+    const auto slot = [&](int u, int v) -> std::optional<Seen> {
+        if (!field.parallax.contains(u, v) || !has_parallax(field.parallax.at(u, v))) return std::nullopt;
+        return Seen{field.parallax.at(u, v), {field.slopeX.at(u, v), field.slopeY.at(u, v)}};
+    };
+    const auto column = [&](int u) {
+        return between(slot(u, slotY), slot(u, slotY + 1), y - slotY * s, s, task.jump, 1);
+    };
+    return between(column(slotX), column(slotX + 1), x - slotX * s, s, task.jump, 0);
+}
+
+/// A left pixel, and the right image where the slots around it predict it: derivative and grey value.
 inline std::optional<Pair> pair_at(const SubPixelTask& task, const ParallaxField& field, int x, int y) {
-    const int s = task.sample;
     if (!task.left.contains(x, y) || task.leftCover.at(x, y) == 0) return std::nullopt;
-    const int sx = (x + s / 2) / s, sy = std::min((y + s / 2) / s, field.parallax.height() - 1);
-    if (sx >= field.parallax.width() || !has_parallax(field.parallax.at(sx, sy))) return std::nullopt;
-    const double position =
-        x + field.parallax.at(sx, sy) + field.slopeX.at(sx, sy) * (x - sx * s) + field.slopeY.at(sx, sy) * (y - sy * s);
+    const std::optional<Seen> seen = seen_at(task, field, x, y);
+    if (!seen) return std::nullopt;
+    const double position = x + seen->parallax;
     if (position < 1 || position >= task.left.width() - 2) return std::nullopt;
     const int column = static_cast<int>(position);
     const double t = position - column;

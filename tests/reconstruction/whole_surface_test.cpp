@@ -14,6 +14,21 @@ using VexelTest::with_every_instruction_set;
 
 constexpr int STRIDE = 64;
 
+/// What the right image is blurred more than the left one, as a spot that is round there is not here.
+double slant_blur(const SubPixelTask& task, const ParallaxField& field, int x, int y) {
+    const Plain::Seen seen = *Plain::seen_at(task, field, x, y);
+    Eigen::Matrix2d toRight;
+    toRight << 1 + seen.slope[0], seen.slope[1], 0, 1;
+    const Eigen::Matrix2d spot = 0.45 * (toRight.transpose() * toRight).inverse();
+    const auto grey = [&](int dx, int dy) -> double {
+        return task.left.at(std::clamp(x + dx, 0, task.left.width() - 1),
+                            std::clamp(y + dy, 0, task.left.height() - 1));
+    };
+    const double mixed = (grey(1, 1) + grey(-1, -1) - grey(1, -1) - grey(-1, 1)) / 4;
+    return 0.5 * (spot(0, 0) - 0.45) * 4 * Plain::second_difference(task.left, x, y, true) + spot(0, 1) * mixed +
+           0.5 * (spot(1, 1) - 0.45) * 4 * Plain::second_difference(task.left, x, y, false);
+}
+
 TEST(WholeSurface, EvidenceIsThatOfThePairsAroundEachSlot) {
     for (const int sample : {1, 2, 3}) {
         const int width = 93, height = 41;
@@ -36,7 +51,7 @@ TEST(WholeSurface, EvidenceIsThatOfThePairsAroundEachSlot) {
         FinePair fine = VexelTrial::fine_pair(left, right);
         for (std::size_t i = 0; i < fine.left.size(); ++i)  // quarters, which bytes do not have
             fine.left[i] = static_cast<std::int16_t>(fine.left[i] + 4 * static_cast<int>(i % 11) - 20);
-        const SubPixelTask task{left, right, fine, cover, sample, 11, 7, 240};
+        const SubPixelTask task{left, right, fine, cover, sample, 11, 7, 0.7F, 240};
         SecondDifferences differences;
         find_second_differences(left, STRIDE, 2, differences);
         ImageRelation relation;
@@ -51,7 +66,7 @@ TEST(WholeSurface, EvidenceIsThatOfThePairsAroundEachSlot) {
         with_every_instruction_set([&] {
             PairedImage paired;
             SlotEvidence evidence;
-            pair_images(task, field, 2, paired);
+            pair_images(task, differences, field, 2, paired);
             gather_evidence({paired, differences, relation, gain, sample, 12.0F}, 2, evidence);
             for (int y = 0; y < gain.height(); ++y)
                 for (int x = 0; x < gain.width(); ++x) {
@@ -62,18 +77,18 @@ TEST(WholeSurface, EvidenceIsThatOfThePairsAroundEachSlot) {
                             const std::optional<Plain::Pair> pair = Plain::pair_at(task, field, u, v);
                             if (!pair) continue;
                             const double target =
-                                pair->g - 2.5 -
+                                pair->g - slant_blur(task, field, u, v) - 2.5 -
                                 relation.blurX.at(u / 8, v / 8) * Plain::second_difference(left, u, v, true) -
                                 relation.blurY.at(u / 8, v / 8) * Plain::second_difference(left, u, v, false);
                             const double misfit = (gain.at(x, y) * pair->f - target) / 12.0;
                             const double weight = (1 - std::abs(u - x * sample) / double(sample)) *
                                                   (1 - std::abs(v - y * sample) / double(sample)) /
-                                                  (1 + misfit * misfit);
+                                                  (std::max(1.0, pair->f / 100) + misfit * misfit);
                             const Eigen::Vector2d row(-pair->d, pair->f);
                             normal += weight * row * row.transpose();
                             rest += weight * target * row;
                         }
-                    const double scale = 0.02 * (normal(1, 1) + 100.0);  // of rounded grey values
+                    const double scale = 0.03 * (normal(1, 1) + 100.0);  // of rounded grey values
                     ASSERT_NEAR(evidence.stepStep.at(x, y), normal(0, 0), scale) << sample << ": " << x << ' ' << y;
                     ASSERT_NEAR(evidence.stepGain.at(x, y), normal(0, 1), scale) << sample << ": " << x << ' ' << y;
                     ASSERT_NEAR(evidence.gainGain.at(x, y), normal(1, 1), scale);
@@ -96,12 +111,14 @@ TEST(WholeSurface, RelationOfImagesThatDifferByGainOffsetAndBlur) {
             const double u = Plain::second_difference(left, x, y, true);
             const double grey = 5.0 + 0.7 * left.at(x, y) + 0.4 * u;
             paired.left.at(x, y) = static_cast<std::int16_t>(4 * left.at(x, y));
-            paired.right.at(x, y) = static_cast<std::int16_t>(std::lround(4.0 * grey));
+            const double noise = (x * 53 + y * 29) % 2 == 0 ? 1.5 : -1.5;
+            paired.right.at(x, y) = static_cast<std::int16_t>(std::lround(4.0 * (grey + noise)));
             paired.slope.at(x, y) = static_cast<std::int16_t>((x * 37 + y * 11) % 41 - 20);
         }
     with_every_instruction_set([&] {
         const ImageRelation relation = relate_images(paired, differences, 0.0F, 2);
         EXPECT_NEAR(relation.offset, 5.0, 0.1);
+        EXPECT_NEAR(relation.misfit, 1.5, 0.1);
         EXPECT_NEAR(relation.gain.at(3, 3), 0.7, 0.002);
         EXPECT_NEAR(relation.blurX.at(3, 3), 0.4, 0.02);
         EXPECT_NEAR(relation.blurY.at(3, 3), 0.0, 0.02);
@@ -239,7 +256,7 @@ TEST(WholeSurface, FollowsARidgeAndAStepBetweenSurfaces) {
                 static_cast<float>(true_parallax(sample * x, sample * y) + 0.2 * std::sin(0.4 * x + 0.2 * y));
     const Mask cover(width, height, 2);
     const FinePair fine = VexelTrial::fine_pair(left, right);
-    const SubPixelTask task{left, right, fine, cover, sample, 13, 13, 240};
+    const SubPixelTask task{left, right, fine, cover, sample, 13, 13, 2.1F, 240};
     const SurfacePrior prior{3.0F, 0.065F, 0.015F, 2.1F, 1.5F, 0.02F, 20};
     const auto error = [&] {
         double squares = 0, count = 0;
@@ -263,7 +280,7 @@ TEST(WholeSurface, FollowsARidgeAndAStepBetweenSurfaces) {
     EXPECT_LT(error(), 0.04);
 
     const Mask nothing(width, height, 0);
-    const SubPixelTask blind{left, right, fine, nothing, sample, 13, 13, 240};
+    const SubPixelTask blind{left, right, fine, nothing, sample, 13, 13, 2.1F, 240};
     fit.begin(left, 2);
     fit.find_steps(blind, prior, 12.0F, field, 2, step);
     for (std::size_t i = 0; i < step.size(); ++i) {

@@ -286,14 +286,17 @@ void remove_inconsistent(int radius, float tolerance, float slopeTolerance, int 
                  });
 }
 
-void remove_steep(float slope, int sample, int threads, ParallaxField& field) {
+void remove_steep_rims(float slope, int rimWidth, int sample, int threads, ParallaxField& field) {
     const Raster<float>& parallax = field.parallax;
     const int width = parallax.width(), height = parallax.height();
     const float limit = slope * static_cast<float>(sample);
+    const Mask rim = rim_of(parallax, rimWidth, threads);
     clear_marked(threads, field, [&](int y, std::uint8_t* wrong) {
         const float* own = parallax.row(y);
+        const std::uint8_t* atRim = rim.row(y);
         const auto mark = [&](const float* other, int begin, int end) {
-            for (int x = begin; x < end; ++x) wrong[x] |= std::abs(other[x] - own[x]) > limit ? 1 : 0;  // not for NaN
+            for (int x = begin; x < end; ++x)
+                wrong[x] |= std::abs(other[x] - own[x]) > limit ? atRim[x] : 0;  // not for NaN
         };
         std::fill_n(wrong, width, std::uint8_t{0});
         mark(own - 1, 1, width);

@@ -23,9 +23,10 @@ ParallaxRegions find_regions(float largestStep, const Raster<float>& parallax);
 void remove_inconsistent(int radius, float tolerance, float slopeTolerance, int sample, int threads,
                          ParallaxField& field);
 
-/// Removes slots whose neighbour in the row or column is off by more than `slope` pixels a pixel: where a surface turns
-/// away from the cameras, little of it is left in a window, and what was found bridges the edge.
-void remove_steep(float slope, int sample, int threads, ParallaxField& field);
+/// Removes slots within `rimWidth` of an empty one that are off by more than `slope` pixels a pixel from a neighbour in
+/// the row or column: where a surface turns away from the cameras before it ends, little of it is left in a window, and
+/// what was found bridges the edge.
+void remove_steep_rims(float slope, int rimWidth, int sample, int threads, ParallaxField& field);
 
 struct DoubtLimits {
     float smallestScore;        ///< below it a slot is removed

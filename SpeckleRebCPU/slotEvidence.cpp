@@ -12,6 +12,7 @@
 #include <cstddef>
 #include <cstdlib>
 #include <optional>
+#include <utility>
 #include <vector>
 
 #include "SpeckleRebCPU/median.h"
@@ -64,9 +65,11 @@ FloatVec load_short(const std::int16_t* values) {
     return hn::ConvertTo(FloatTag(), hn::PromoteTo(IntTag(), hn::LoadU(ShortTag(), values)));
 }
 
-/// Grey-value products of the pixel pairs around the slots of a row, summed along columns.
+/// Grey-value products of the pixel pairs around the slots of a row, summed along columns. A row of pixels counts for
+/// the slots above and below it.
 class EvidenceRows {
     enum Product : std::size_t { STEP_STEP, STEP_GAIN, GAIN_GAIN, STEP, GAIN, PRODUCTS };
+    using Columns = std::array<std::vector<float>, PRODUCTS>;
 
 public:
     EvidenceRows(const EvidenceTask& task, SlotEvidence& evidence)
@@ -77,28 +80,34 @@ public:
           _gain(_stride),
           _blurX(_stride),
           _blurY(_stride) {
-        for (auto& column : _columns) column.resize(_stride + 2 * _margin);
+        for (Columns* columns : {&_own, &_next})
+            for (auto& column : *columns) column.resize(_stride + 2 * _margin);
     }
 
-    void gather(int slotRow) {
-        const int sample = _task.sample;
-        spread_gain(slotRow);
-        for (auto& column : _columns) std::fill(column.begin(), column.end(), 0.0F);
-        for (int dy = 1 - sample; dy < sample; ++dy) {
-            const int y = slotRow * sample + dy;
-            if (y >= 0 && y < _task.paired.left.height())
-                add_row(y, 1.0F - static_cast<float>(std::abs(dy)) / static_cast<float>(sample));
+    void gather(int begin, int end) {
+        const int sample = _task.sample, height = _task.paired.left.height();
+        for (int slotRow = std::max(0, begin - 1); slotRow < end; ++slotRow) {
+            const int first = slotRow * sample;
+            for (int y = slotRow < begin ? first + 1 : first; y < std::min(height, first + sample); ++y)
+                add_row(y, static_cast<float>(y - first) / static_cast<float>(sample));
+            if (slotRow >= begin) write(slotRow);
+            std::swap(_own, _next);
+            for (auto& column : _next) std::fill(column.begin(), column.end(), 0.0F);
         }
-        float* rows[PRODUCTS] = {_evidence.stepStep.row(slotRow), _evidence.stepGain.row(slotRow),
-                                 _evidence.gainGain.row(slotRow), _evidence.step.row(slotRow),
-                                 _evidence.gain.row(slotRow)};
-        for (std::size_t k = 0; k < PRODUCTS; ++k) sum_columns(_columns[k].data() + _margin, rows[k]);
     }
 
 private:
-    void spread_gain(int slotRow) {
-        const float* gain = _task.gain.row(slotRow);
+    void write(int slotRow) {
+        float* rows[PRODUCTS] = {_evidence.stepStep.row(slotRow), _evidence.stepGain.row(slotRow),
+                                 _evidence.gainGain.row(slotRow), _evidence.step.row(slotRow),
+                                 _evidence.gain.row(slotRow)};
+        for (std::size_t k = 0; k < PRODUCTS; ++k) sum_columns(_own[k].data() + _margin, rows[k]);
+    }
+
+    /// Each pixel has the gain of the slot next to it.
+    void spread_gain(int y) {
         const int sample = _task.sample, width = _task.gain.width(), end = static_cast<int>(_stride);
+        const float* gain = _task.gain.row(std::min((y + sample / 2) / sample, _task.gain.height() - 1));
         for (int slot = 0; slot < width; ++slot) {
             const int first = std::max(0, slot * sample - sample / 2);
             const int last = slot + 1 < width ? (slot + 1) * sample - sample / 2 : end;
@@ -117,13 +126,15 @@ private:
         }
     }
 
-    void add_row(int y, float rowWeight) {
+    /// `way`: how far on the way from the slots that are summed to the next ones, of 1.
+    void add_row(int y, float way) {
         const FloatTag d;
         spread_blur(y);
+        spread_gain(y);
         const std::int16_t *left = _task.paired.left.row(y), *right = _task.paired.right.row(y);
         const std::int16_t *slopes = _task.paired.slope.row(y), *alongX = _task.leftDifferences.alongX.row(y);
         const std::int16_t* alongY = _task.leftDifferences.alongY.row(y);
-        const auto offset = hn::Set(d, _task.relation.offset), weight = hn::Set(d, rowWeight);
+        const auto offset = hn::Set(d, _task.relation.offset), toNext = hn::Set(d, way);
         const auto sixteenth = hn::Set(d, 1.0F / 16.0F), one = hn::Set(d, 1.0F);
         const auto outlier = hn::Set(d, 1.0F / (_task.outlier * _task.outlier));
         for (std::size_t x = 0; x < _stride; x += hn::Lanes(d)) {
@@ -135,11 +146,13 @@ private:
                                         hn::Mul(blur, sixteenth));
             const auto misfit = hn::Sub(hn::Mul(hn::LoadU(d, _gain.data() + x), f), target);
             const auto variance = hn::Max(one, hn::Mul(f, hn::Set(d, 1.0F / BRIGHT)));
-            const auto w = hn::Div(weight, hn::Add(variance, hn::Mul(outlier, hn::Mul(misfit, misfit))));
+            const auto w = hn::Div(one, hn::Add(variance, hn::Mul(outlier, hn::Mul(misfit, misfit))));
             const auto wslope = hn::Mul(w, slope), wf = hn::Mul(w, f);
             const auto add = [&](Product product, FloatVec value) {
-                float* sums = _columns[product].data() + _margin + x;
-                hn::StoreU(hn::Add(hn::LoadU(d, sums), value), d, sums);
+                const auto later = hn::Mul(toNext, value);
+                float *own = _own[product].data() + _margin + x, *next = _next[product].data() + _margin + x;
+                hn::StoreU(hn::Add(hn::LoadU(d, own), hn::Sub(value, later)), d, own);
+                hn::StoreU(hn::Add(hn::LoadU(d, next), later), d, next);
             };
             add(STEP_STEP, hn::Mul(wslope, slope));
             add(STEP_GAIN, hn::Mul(wslope, f));
@@ -164,7 +177,7 @@ private:
     SlotEvidence& _evidence;
     const std::size_t _stride, _margin;
     std::vector<float> _gain, _blurX, _blurY;
-    std::array<std::vector<float>, PRODUCTS> _columns;
+    Columns _own, _next;  ///< sums for the slots of a row, and of the next one
     int _cellRow = -1;
 };
 
@@ -247,8 +260,7 @@ void sum_cell_rows(const RelationTask& task, int begin, int end) {
 }
 
 void gather_rows(const EvidenceTask& task, int begin, int end, SlotEvidence& evidence) {
-    EvidenceRows rows(task, evidence);
-    for (int row = begin; row < end; ++row) rows.gather(row);
+    EvidenceRows(task, evidence).gather(begin, end);
 }
 
 }  // namespace HWY_NAMESPACE

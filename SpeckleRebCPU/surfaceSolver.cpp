@@ -30,8 +30,8 @@ struct Tile {
     int x, y;  ///< its first slot
 };
 // With what belongs to it, a tile takes some 1.3 MB; the gradients go over some 900 KB.
-constexpr int TILE_WIDTH = 112, TILE_HEIGHT = 48;  // slots
-constexpr int TILE_OVERLAP = 8;                    // to each side
+constexpr int TILE_WIDTH = 116, TILE_HEIGHT = 48;  // slots
+constexpr int TILE_OVERLAP = 6;                    // to each side
 constexpr float FARTHEST = 1e6F;                   // pixels; what lies beyond is no parallax
 
 }  // namespace VexelAlgorithm

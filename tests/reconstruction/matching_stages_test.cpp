@@ -447,13 +447,14 @@ TEST(MatchingStages, FiltersRemoveWhatIsWrongAndNothingElse) {
               with_nine({{20, 20}, {12, 8}, {24, 8}}, 48, 24));
 
     ParallaxField steep = field;  // 0.3 pixels a slot, and not more than 1
-    steep.parallax.at(10, 10) += 0.6F;
-    steep.parallax.at(20, 10) += 0.8F;
+    steep.parallax.at(18, 31) += 0.6F;
     steep.parallax.at(20, 30) -= 1.2F;
     steep.parallax.at(20, 29) = steep.parallax.at(21, 30) = NO_PARALLAX;
-    Slots slopes{{19, 10}, {20, 10}, {20, 30}, {20, 31}};
-    for (int y = 0; y < 48; ++y) slopes.emplace(31, y), slopes.emplace(32, y);
-    EXPECT_EQ(removed_by([](auto& f) { remove_steep(0.5F, 2, 3, f); }, steep), slopes);
+    steep.parallax.at(45, 40) = NO_PARALLAX;
+    steep.parallax.at(47, 40) += 0.8F;
+    steep.parallax.at(43, 30) += 0.8F;  // far from all gaps
+    EXPECT_EQ(removed_by([](auto& f) { remove_steep_rims(0.5F, 2, 2, 3, f); }, steep),
+              (Slots{{20, 30}, {20, 31}, {46, 40}, {47, 40}}));
 
     ParallaxField doubtful = field;
     for (int x = 31; x < 33; ++x)

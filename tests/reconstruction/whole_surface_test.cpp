@@ -80,7 +80,9 @@ TEST(WholeSurface, EvidenceIsThatOfThePairsAroundEachSlot) {
                                 pair->g - slant_blur(task, field, u, v) - 2.5 -
                                 relation.blurX.at(u / 8, v / 8) * Plain::second_difference(left, u, v, true) -
                                 relation.blurY.at(u / 8, v / 8) * Plain::second_difference(left, u, v, false);
-                            const double misfit = (gain.at(x, y) * pair->f - target) / 12.0;
+                            const float near = gain.at(std::min((u + sample / 2) / sample, gain.width() - 1),
+                                                       std::min((v + sample / 2) / sample, gain.height() - 1));
+                            const double misfit = (near * pair->f - target) / 12.0;
                             const double weight = (1 - std::abs(u - x * sample) / double(sample)) *
                                                   (1 - std::abs(v - y * sample) / double(sample)) /
                                                   (std::max(1.0, pair->f / 100) + misfit * misfit);

@@ -25,7 +25,7 @@ namespace VexelAlgorithm {
 
 /// What is related: the left image, its second differences, the slope, 1 and the right image.
 enum Related : int { LEFT, BLUR_X, BLUR_Y, SLOPE, OFFSET, RIGHT, RELATED };
-constexpr float BRIGHT = 100.0F;  // grey value from which on variance grows in proportion
+constexpr float BRIGHT = 80.0F;  // grey value from which on variance grows in proportion
 // Squared pixels: variance of the spot that a pixel takes in, through lens and aperture.
 constexpr float SPOT = 0.45F;
 // Slopes of the parallax, pixel per pixel, beyond which the spot is not followed.

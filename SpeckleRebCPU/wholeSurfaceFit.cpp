@@ -12,6 +12,7 @@ constexpr std::size_t ROW_GRAIN = 16;
 constexpr float BLUR_RIDGE = 0.3F;  // squared grey values of second difference
 // Of the misfit of cells, which holds what the slots' parallaxes still lack as well.
 constexpr float MISFIT_SHARE = 0.65F;
+constexpr int RELATED_FITS = 2;  // then the parallaxes are good enough for the images' relation to stay
 
 void spread_gain(const Raster<float>& cells, int sample, Raster<float>& slots) {
     for (int y = 0; y < slots.height(); ++y)
@@ -23,21 +24,21 @@ void spread_gain(const Raster<float>& cells, int sample, Raster<float>& slots) {
 
 void WholeSurfaceFit::begin(const GreyImage& left, int threads) {
     find_second_differences(left, static_cast<int>(SUB_PIXEL_BLOCK), threads, _differences);
-    _relation.reset();
+    _relatedFits = 0;
 }
 
 void WholeSurfaceFit::find_steps(const SubPixelTask& task, const SurfacePrior& prior, float outlier,
                                  const ParallaxField& field, int threads, Raster<float>& step) {
     pair_images(task, _differences, field, threads, _paired);
-    if (!_relation) {
-        _relation = relate_images(_paired, _differences, BLUR_RIDGE, threads);
-        _gain.assign(field.parallax.width(), field.parallax.height());
-        spread_gain(_relation->gain, task.sample, _gain);
+    if (_relatedFits < RELATED_FITS) _relation = relate_images(_paired, _differences, BLUR_RIDGE, threads);
+    if (_relatedFits++ == 0) {
+        _gain.resize(field.parallax.width(), field.parallax.height());
+        spread_gain(_relation.gain, task.sample, _gain);
     }
     SurfacePrior measured = prior;
-    measured.noise = std::max(prior.noise, MISFIT_SHARE * _relation->misfit);
+    measured.noise = std::max(prior.noise, MISFIT_SHARE * _relation.misfit);
     const float tolerance = outlier * measured.noise / prior.noise;
-    gather_evidence({_paired, _differences, *_relation, _gain, task.sample, tolerance}, threads, _evidence);
+    gather_evidence({_paired, _differences, _relation, _gain, task.sample, tolerance}, threads, _evidence);
     solve_surface(_evidence, measured, field.parallax, threads, step, _gain);
 }
 

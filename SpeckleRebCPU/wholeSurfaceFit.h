@@ -1,8 +1,6 @@
 // The surface that explains a whole pair of images.
 #pragma once
 
-#include <optional>
-
 #include "SpeckleRebCPU/slotEvidence.h"
 #include "SpeckleRebCPU/surfaceSolver.h"
 
@@ -13,7 +11,7 @@ namespace VexelAlgorithm {
 class WholeSurfaceFit {
 public:
     /// Forgets the frame before. Blur, offset and the first gains will be taken from the pairs of cells
-    /// (`relate_images`) under the first field.
+    /// (`relate_images`) under the first field, blur and offset once more under the second one.
     void begin(const GreyImage& left, int threads);
 
     /// `step`: pixels, to be added to the parallaxes, 0 for empty slots. Pixels weigh half when they deviate from the
@@ -25,9 +23,10 @@ public:
 private:
     SecondDifferences _differences;  ///< of the left image
     PairedImage _paired;
-    std::optional<ImageRelation> _relation;
+    ImageRelation _relation;
     SlotEvidence _evidence;
     Raster<float> _gain;
+    int _relatedFits = 0;
 };
 
 /// Slopes from the neighbours that are within `jump` pixels; where there are none, the slope stays.

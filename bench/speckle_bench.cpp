@@ -162,7 +162,7 @@ void whole_surface_fit(benchmark::State& state) {
     const Mask all(Width, Height, 1);
     const ParallaxField field = shifted_field();
     const SubPixelTask task{speckle_pair().left, speckle_pair().right, speckle_fine(), all, 2, 13, 13, 2.1F};
-    const SurfacePrior prior{2.4F, 0.065F, 0.015F, 2.1F, 1.5F, 0.035F, 20};
+    const SurfacePrior prior{2.4F, 0.065F, 0.015F, 2.1F, 1.5F, 0.042F, 20};
     WholeSurfaceFit fit;
     Raster<float> step;
     for (auto _ : state) {

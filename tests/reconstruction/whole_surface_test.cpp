@@ -85,7 +85,7 @@ TEST(WholeSurface, EvidenceIsThatOfThePairsAroundEachSlot) {
                             const double misfit = (near * pair->f - target) / 12.0;
                             const double weight = (1 - std::abs(u - x * sample) / double(sample)) *
                                                   (1 - std::abs(v - y * sample) / double(sample)) /
-                                                  (std::max(1.0, pair->f / 100) + misfit * misfit);
+                                                  (std::max(1.0, pair->f / 80) + misfit * misfit);
                             const Eigen::Vector2d row(-pair->d, pair->f);
                             normal += weight * row * row.transpose();
                             rest += weight * target * row;

@@ -297,7 +297,7 @@ void SpeckleRebCpu::remove_noise_points() {
         if (_matchScore[i] < SEED_SCORE) _match[i] = NO_PARALLAX;
         if (_matchScore[i] < WEAK_SEED_SCORE) _weakMatch[i] = NO_PARALLAX;
     }
-    remove_small_regions(island_limit(SEED_SHARE), REGION_STEP, _match);
+    remove_small_regions(island_limit(SEED_SHARE), REGION_STEP, _threads, _match);
 }
 
 /// Good matches grow first, as they know slants that upright windows do not; weaker ones then found new regions in what
@@ -315,7 +315,7 @@ void SpeckleRebCpu::fill_neigh_invalid_points() {
     grow_matches(task, _threads, _match, _matchScore);
     for (std::size_t i = 0; i < _match.size(); ++i)
         if (has_parallax(_match[i])) _weakMatch[i] = NO_PARALLAX;
-    remove_small_regions(island_limit(SEED_SHARE), REGION_STEP, _weakMatch);
+    remove_small_regions(island_limit(SEED_SHARE), REGION_STEP, _threads, _weakMatch);
     bool isFounded = false;
     for (std::size_t i = 0; i < _match.size(); ++i) {
         if (!has_parallax(_weakMatch[i])) continue;
@@ -495,7 +495,7 @@ void SpeckleRebCpu::remove_noise(const StageNames& names) {
     const auto dump = [&](std::string_view name) {
         if (names.isEndShown) dump_points(name);
     };
-    remove_small_regions(island_limit(FIRST_ISLAND_SHARE), regionStep, field.parallax);
+    remove_small_regions(island_limit(FIRST_ISLAND_SHARE), regionStep, _threads, field.parallax);
     dump("remove_nosie");
 
     remove_inconsistent(CONSISTENCY_RADIUS, 0.5F, 0.1F, sample, _threads, field);
@@ -519,7 +519,7 @@ void SpeckleRebCpu::remove_noise(const StageNames& names) {
     remove_rim_outliers(RIM, CELL_SIZE, _threads, field);
     dump("after remove_nosie_with_cell");
 
-    remove_small_regions(island_limit(ISLAND_SHARE), regionStep, field.parallax);
+    remove_small_regions(island_limit(ISLAND_SHARE), regionStep, _threads, field.parallax);
     dump("after remove_isolated_island");
 
     dump("measure point");
@@ -556,7 +556,7 @@ void SpeckleRebCpu::write_result(const StageNames& names, PointImage& result) {
     const Mask& cover = _cover.right;
     const Raster<float>& parallax = _objDepthRange.field().parallax;
     const int sample = _param.sampleRatio;
-    for (int y = 0; y < _heightSample; ++y) {
+    for_each_row(_heightSample, _threads, [&](int y) {
         for (int x = 0; x < _widthSample; ++x) {
             const std::size_t slot = result.index_of(x, y);
             if (!has_parallax(parallax[slot]) || normals[slot].isZero(0.0F)) continue;
@@ -568,7 +568,7 @@ void SpeckleRebCpu::write_result(const StageNames& names, PointImage& result) {
             result.set_vNrv(slot, normals[slot]);
             result.set_vWeight(slot, cosine * score[slot]);
         }
-    }
+    });
     result.set_camPar(_geometry.camera.scaled_down(sample));
     result.set_rt(RigidMatrix());
     if (!names.isEndShown) return;

@@ -21,8 +21,10 @@ class RegionLabels {
 public:
     std::int32_t make() {
         _parents.push_back(static_cast<std::int32_t>(_parents.size()));
+        _slots.push_back(0);
         return _parents.back();
     }
+    void add_slot(std::int32_t label) { ++_slots[static_cast<std::size_t>(label)]; }
     std::int32_t root(std::int32_t label) {
         while (parent(label) != label) {
             parent(label) = parent(parent(label));
@@ -35,32 +37,65 @@ public:
         other = root(other);
         parent(std::max(one, other)) = std::min(one, other);
     }
-    std::size_t count() const { return _parents.size(); }
+    std::int32_t count() const { return static_cast<std::int32_t>(_parents.size()); }
+    std::size_t slots(std::int32_t label) const { return _slots[static_cast<std::size_t>(label)]; }
+
+    /// The other labels follow those that are here.
+    void append(const RegionLabels& other) {
+        const std::int32_t first = count();
+        for (const std::int32_t parent : other._parents) _parents.push_back(first + parent);
+        _slots.insert(_slots.end(), other._slots.begin(), other._slots.end());
+    }
 
 private:
     std::int32_t& parent(std::int32_t label) { return _parents[static_cast<std::size_t>(label)]; }
 
     std::vector<std::int32_t> _parents;
+    std::vector<std::size_t> _slots;  ///< that carry the label
 };
 
-Raster<std::int32_t> label_regions(const Raster<float>& parallax, float largestStep, RegionLabels& labels) {
-    Raster<std::int32_t> label(parallax.width(), parallax.height(), -1);
-    for (int y = 0; y < parallax.height(); ++y) {
+/// Rows that are labelled together.
+struct RegionBand {
+    int begin, end;
+    RegionLabels labels;
+    std::int32_t first = 0;  ///< of its labels, among those of all bands
+};
+constexpr int BAND_ROWS = 64;
+
+void label_band(const Raster<float>& parallax, float largestStep, RegionBand& band, Raster<std::int32_t>& label) {
+    for (int y = band.begin; y < band.end; ++y) {
         const float* row = parallax.row(y);
-        const float* above = y > 0 ? parallax.row(y - 1) : nullptr;
+        const float* above = y > band.begin ? parallax.row(y - 1) : nullptr;
         for (int x = 0; x < parallax.width(); ++x) {
             if (!has_parallax(row[x])) continue;
             std::int32_t& own = label.at(x, y);
             if (x > 0 && std::abs(row[x] - row[x - 1]) <= largestStep) own = label.at(x - 1, y);
             if (above != nullptr && std::abs(row[x] - above[x]) <= largestStep) {
                 const std::int32_t upper = label.at(x, y - 1);
-                if (own >= 0 && own != upper) labels.unite(own, upper);
+                if (own >= 0 && own != upper) band.labels.unite(own, upper);
                 if (own < 0) own = upper;
             }
-            if (own < 0) own = labels.make();
+            if (own < 0) own = band.labels.make();
+            band.labels.add_slot(own);
         }
     }
-    return label;
+}
+
+/// The labels of all bands, where regions go on in the next band as well.
+RegionLabels join_bands(const Raster<float>& parallax, float largestStep, const Raster<std::int32_t>& label,
+                        std::vector<RegionBand>& bands) {
+    RegionLabels labels;
+    for (RegionBand& band : bands) {
+        band.first = labels.count();
+        labels.append(band.labels);
+        if (band.begin == 0) continue;
+        const std::int32_t firstAbove = (&band - 1)->first;
+        const float *row = parallax.row(band.begin), *above = parallax.row(band.begin - 1);
+        for (int x = 0; x < parallax.width(); ++x)
+            if (std::abs(row[x] - above[x]) <= largestStep)  // not where either is NaN
+                labels.unite(firstAbove + label.at(x, band.begin - 1), band.first + label.at(x, band.begin));
+    }
+    return labels;
 }
 
 /// Counts over the slots of a row, one distance after the other; `present` and `agreeing` are room for them.
@@ -252,29 +287,42 @@ void for_each_cell(const Raster<float>& parallax, int cellSize, int threads, con
 
 }  // namespace
 
-ParallaxRegions find_regions(float largestStep, const Raster<float>& parallax) {
-    RegionLabels labels;
-    ParallaxRegions regions{label_regions(parallax, largestStep, labels), {}};
-    regions.sizes.assign(labels.count(), 0);
-    for (std::size_t i = 0; i < regions.label.size(); ++i) {
-        std::int32_t& label = regions.label[i];
-        if (label < 0) continue;
-        label = labels.root(label);
-        ++regions.sizes[static_cast<std::size_t>(label)];
+ParallaxRegions find_regions(float largestStep, int threads, const Raster<float>& parallax) {
+    const int height = parallax.height();
+    std::vector<RegionBand> bands;
+    for (int y = 0; y < height; y += BAND_ROWS) bands.push_back({y, std::min(height, y + BAND_ROWS), {}});
+    ParallaxRegions regions{Raster<std::int32_t>(parallax.width(), height, -1), {}};
+    const auto for_bands = [&](const auto& body) {
+        parallel_ranges(threads, bands.size(), 1, [&](std::size_t begin, std::size_t end) {
+            for (std::size_t k = begin; k < end; ++k) body(bands[k]);
+        });
+    };
+    for_bands([&](RegionBand& band) { label_band(parallax, largestStep, band, regions.label); });
+    RegionLabels labels = join_bands(parallax, largestStep, regions.label, bands);
+    std::vector<std::int32_t> roots(static_cast<std::size_t>(labels.count()));
+    regions.sizes.assign(roots.size(), 0);
+    for (std::int32_t label = 0; label < labels.count(); ++label) {
+        const std::int32_t root = roots[static_cast<std::size_t>(label)] = labels.root(label);
+        regions.sizes[static_cast<std::size_t>(root)] += labels.slots(label);
     }
+    for_bands([&](const RegionBand& band) {
+        for (int y = band.begin; y < band.end; ++y)
+            for (int x = 0; x < parallax.width(); ++x) {
+                std::int32_t& label = regions.label.at(x, y);
+                if (label >= 0) label = roots[static_cast<std::size_t>(band.first + label)];
+            }
+    });
     return regions;
 }
 
-std::size_t remove_small_regions(std::size_t smallest, float largestStep, Raster<float>& parallax) {
-    const ParallaxRegions regions = find_regions(largestStep, parallax);
-    std::size_t removed = 0;
-    for (std::size_t i = 0; i < parallax.size(); ++i) {
-        const std::int32_t label = regions.label[i];
-        if (label < 0 || regions.sizes[static_cast<std::size_t>(label)] >= smallest) continue;
-        parallax[i] = NO_PARALLAX;
-        ++removed;
-    }
-    return removed;
+void remove_small_regions(std::size_t smallest, float largestStep, int threads, Raster<float>& parallax) {
+    const ParallaxRegions regions = find_regions(largestStep, threads, parallax);
+    parallel_ranges(threads, parallax.size(), SLOT_GRAIN, [&](std::size_t begin, std::size_t end) {
+        for (std::size_t i = begin; i < end; ++i) {
+            const std::int32_t label = regions.label[i];
+            if (label >= 0 && regions.sizes[static_cast<std::size_t>(label)] < smallest) parallax[i] = NO_PARALLAX;
+        }
+    });
 }
 
 void remove_inconsistent(int radius, float tolerance, float slopeTolerance, int sample, int threads,

@@ -7,15 +7,15 @@ namespace VexelAlgorithm {
 
 /// Removes connected regions of fewer than `smallest` slots. Neighbours (up, down, left, right) are connected when
 /// their parallaxes differ by at most `largestStep` (speckle filtering as in H. Hirschmueller, "Stereo processing by
-/// semiglobal matching and mutual information", 2008). Returns the number of slots removed.
-std::size_t remove_small_regions(std::size_t smallest, float largestStep, Raster<float>& parallax);
+/// semiglobal matching and mutual information", 2008).
+void remove_small_regions(std::size_t smallest, float largestStep, int threads, Raster<float>& parallax);
 
 /// The connected regions of the same kind: which one each slot belongs to (-1 for none) and how many slots each has.
 struct ParallaxRegions {
     Raster<std::int32_t> label;
     std::vector<std::size_t> sizes;
 };
-ParallaxRegions find_regions(float largestStep, const Raster<float>& parallax);
+ParallaxRegions find_regions(float largestStep, int threads, const Raster<float>& parallax);
 
 /// Removes slots that fewer than half of the present slots within `radius` support, or fewer than a fifth of the
 /// window. One supports the other when it lies within `tolerance` + `slopeTolerance` * distance of its facet, pixels.

@@ -171,7 +171,7 @@ void keep_best_claims(const VerifyTask& task, int tolerance, int threads, Parall
 
 void right_to_left_to_vertify_match(const VerifyTask& task, int searchRadius, int tolerance, int threads,
                                     ParallaxField& field) {
-    ParallaxRegions regions = find_regions(task.regionStep, field.parallax);
+    ParallaxRegions regions = find_regions(task.regionStep, threads, field.parallax);
     remove_contradicted_regions(task, tolerance, threads, regions, field);
     remove_cut_off_regions(task, threads, regions, field);
     keep_best_claims(task, tolerance, threads, field);

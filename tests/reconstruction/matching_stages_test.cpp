@@ -315,12 +315,13 @@ TEST(MatchingStages, SlopesAreThoseOfWideFacetsUnlessTheseLeaveMoreThanNoise) {
 TEST(MatchingStages, SmallRegionsAreThoseOfAFlood) {
     for (const unsigned seed : {1U, 2U, 3U}) {
         std::mt19937 random(seed);
-        Raster<float> parallax(61, 47, NO_PARALLAX);
+        Raster<float> parallax(61, 147, NO_PARALLAX);  // several bands
         for (std::size_t i = 0; i < parallax.size(); ++i)
             if (random() % 3 != 0) parallax[i] = static_cast<float>(random() % 4);
+        for (int y = 20; y < 140; ++y) parallax.at(30, y) = 9.0F;  // through all of them
         const ParallaxRegions expected = Plain::regions(1.0F, parallax);
         Raster<float> cleaned = parallax;
-        remove_small_regions(9, 1.0F, cleaned);
+        remove_small_regions(9, 1.0F, 3, cleaned);
         for (std::size_t i = 0; i < parallax.size(); ++i)
             ASSERT_EQ(has_parallax(cleaned[i]),
                       has_parallax(parallax[i]) && expected.sizes[static_cast<std::size_t>(expected.label[i])] >= 9)

@@ -86,8 +86,8 @@ constexpr float DOUBTFUL_LOSS = 2.6F;
 constexpr float EDGE_LOSS = 0.75F;
 constexpr float LARGEST_DISAGREEMENT = 0.3F;  // pixels a slot
 constexpr float EDGE_DISAGREEMENT = 0.05F;
-constexpr float LARGEST_SLOPE = 0.63F;  // pixels a pixel
-constexpr int STEEP_RIM = 3;            // slots
+constexpr float LARGEST_RIM_SLOPE = 0.63F;  // pixels a pixel
+constexpr int STEEP_RIM = 3;                // slots
 constexpr int CELL_SIZE = 16;
 constexpr int EDGE_TRIM = 4;             // pixels
 constexpr float LEAST_EDGE_STEP = 3.0F;  // grey values
@@ -508,7 +508,7 @@ void SpeckleRebCpu::remove_noise(const StageNames& names) {
         end,           _windowCover.right, regionStep};
     right_to_left_to_vertify_match(task, RETURN_RADIUS, RETURN_TOLERANCE, _threads, field);
     trim_edges(edge_task(), (EDGE_TRIM + sample - 1) / sample, LEAST_EDGE_STEP, _threads, field);
-    remove_steep_rims(LARGEST_SLOPE, STEEP_RIM, sample, _threads, field);
+    remove_steep_rims(LARGEST_RIM_SLOPE, STEEP_RIM, sample, _threads, field);
     const float loss = tolerable_loss(1.0F - _medianScore);
     remove_doubtful({1.0F - LARGEST_LOSS * loss, 1.0F - DOUBTFUL_LOSS * loss, LARGEST_DISAGREEMENT,
                      1.0F - EDGE_LOSS * loss, EDGE_DISAGREEMENT},

@@ -85,17 +85,34 @@ void label_band(const Raster<float>& parallax, float largestStep, RegionBand& ba
 RegionLabels join_bands(const Raster<float>& parallax, float largestStep, const Raster<std::int32_t>& label,
                         std::vector<RegionBand>& bands) {
     RegionLabels labels;
+    std::int32_t firstAbove = 0;
     for (RegionBand& band : bands) {
         band.first = labels.count();
         labels.append(band.labels);
         if (band.begin == 0) continue;
-        const std::int32_t firstAbove = (&band - 1)->first;
         const float *row = parallax.row(band.begin), *above = parallax.row(band.begin - 1);
         for (int x = 0; x < parallax.width(); ++x)
             if (std::abs(row[x] - above[x]) <= largestStep)  // not where either is NaN
                 labels.unite(firstAbove + label.at(x, band.begin - 1), band.first + label.at(x, band.begin));
+        firstAbove = band.first;
     }
     return labels;
+}
+
+/// Of the regions that the roots stand for.
+std::vector<std::size_t> count_slots(const RegionLabels& labels, const std::vector<std::int32_t>& roots) {
+    std::vector<std::size_t> sizes(roots.size(), 0);
+    for (std::size_t label = 0; label < roots.size(); ++label)
+        sizes[static_cast<std::size_t>(roots[label])] += labels.slots(static_cast<std::int32_t>(label));
+    return sizes;
+}
+
+void write_roots(const RegionBand& band, const std::vector<std::int32_t>& roots, Raster<std::int32_t>& label) {
+    for (int y = band.begin; y < band.end; ++y)
+        for (int x = 0; x < label.width(); ++x) {
+            std::int32_t& own = label.at(x, y);
+            if (own >= 0) own = roots[static_cast<std::size_t>(band.first + own)];
+        }
 }
 
 /// Counts over the slots of a row, one distance after the other; `present` and `agreeing` are room for them.
@@ -299,19 +316,10 @@ ParallaxRegions find_regions(float largestStep, int threads, const Raster<float>
     };
     for_bands([&](RegionBand& band) { label_band(parallax, largestStep, band, regions.label); });
     RegionLabels labels = join_bands(parallax, largestStep, regions.label, bands);
-    std::vector<std::int32_t> roots(static_cast<std::size_t>(labels.count()));
-    regions.sizes.assign(roots.size(), 0);
-    for (std::int32_t label = 0; label < labels.count(); ++label) {
-        const std::int32_t root = roots[static_cast<std::size_t>(label)] = labels.root(label);
-        regions.sizes[static_cast<std::size_t>(root)] += labels.slots(label);
-    }
-    for_bands([&](const RegionBand& band) {
-        for (int y = band.begin; y < band.end; ++y)
-            for (int x = 0; x < parallax.width(); ++x) {
-                std::int32_t& label = regions.label.at(x, y);
-                if (label >= 0) label = roots[static_cast<std::size_t>(band.first + label)];
-            }
-    });
+    std::vector<std::int32_t> roots;
+    for (std::int32_t label = 0; label < labels.count(); ++label) roots.push_back(labels.root(label));
+    regions.sizes = count_slots(labels, roots);
+    for_bands([&](const RegionBand& band) { write_roots(band, roots, regions.label); });
     return regions;
 }
 
@@ -342,15 +350,15 @@ void remove_steep_rims(float slope, int rimWidth, int sample, int threads, Paral
     clear_marked(threads, field, [&](int y, std::uint8_t* wrong) {
         const float* own = parallax.row(y);
         const std::uint8_t* atRim = rim.row(y);
-        const auto mark = [&](const float* other, int begin, int end) {
-            for (int x = begin; x < end; ++x)
-                wrong[x] |= std::abs(other[x] - own[x]) > limit ? atRim[x] : 0;  // not for NaN
+        const auto mark = [&](const float* other, int dx) {
+            for (int x = std::max(0, -dx); x < width - std::max(0, dx); ++x)
+                wrong[x] |= std::abs(other[x + dx] - own[x]) > limit ? atRim[x] : 0;  // not for NaN
         };
         std::fill_n(wrong, width, std::uint8_t{0});
-        mark(own - 1, 1, width);
-        mark(own + 1, 0, width - 1);
-        if (y > 0) mark(parallax.row(y - 1), 0, width);
-        if (y + 1 < height) mark(parallax.row(y + 1), 0, width);
+        mark(own, -1);
+        mark(own, 1);
+        if (y > 0) mark(parallax.row(y - 1), 0);
+        if (y + 1 < height) mark(parallax.row(y + 1), 0);
     });
 }
 

@@ -31,14 +31,15 @@ class RowPrediction {
     using FloatVec = hn::Vec<FloatTag>;
 
 public:
-    /// Neighbours that differ by no more than `jump` pixels belong to one surface.
+    /// Neighbours that differ by no more than `jump` pixels belong to one surface. A row has at least `pixels` values.
     RowPrediction(const ParallaxField& field, int sample, float jump, std::size_t pixels)
         : _field(field), _sample(sample), _jump(jump), _slots(field.parallax.width()) {
         const std::size_t lanes = hn::Lanes(FloatTag());
         const std::size_t slots = (static_cast<std::size_t>(_slots) + lanes - 1) / lanes * lanes;
         for (SlotRow* row : {&_above, &_below, &_own}) row->assign(slots + lanes);
-        for (auto* values : {&_pixels, &_slopesX, &_slopesY})
-            values->assign(std::max(pixels, slots * static_cast<std::size_t>(sample)), NO_PARALLAX);
+        const std::size_t reached = std::max(pixels, slots * static_cast<std::size_t>(sample));
+        _pixels.assign(reached, NO_PARALLAX);
+        for (auto* values : {&_slopesX, &_slopesY}) values->assign(reached, 0.0F);
     }
 
     /// Right column less left column of each pixel.
@@ -56,7 +57,8 @@ public:
     struct Slopes {
         const float *alongX, *alongY;
     };
-    /// Of the facets that the pixels of the row that was predicted last lie on.
+    /// Of the facets that the pixels of the row that was predicted last lie on; where nothing is predicted they mean
+    /// nothing. They last until the next row.
     Slopes slopes() {
         const FloatTag d;
         const float* parallax = _own.parallax.data();
@@ -91,21 +93,18 @@ private:
             _own = _above;
             return;
         }
+        for (int x = 0; x < _slots; x += static_cast<int>(hn::Lanes(FloatTag()))) meet_slots(x, k);
+    }
+
+    /// A vector of slots, `k` pixels below the upper ones.
+    void meet_slots(int x, int k) {
         const FloatTag d;
-        for (int x = 0; x < _slots; x += static_cast<int>(hn::Lanes(d))) {
-            const auto first = hn::LoadU(d, _above.parallax.data() + x);
-            const auto second = hn::LoadU(d, _below.parallax.data() + x);
-            const auto take = [&](std::vector<float>& own, const std::vector<float>& above,
-                                  const std::vector<float>& below) {
-                hn::StoreU(covering(second, hn::LoadU(d, above.data() + x), hn::LoadU(d, below.data() + x), k), d,
-                           own.data() + x);
-            };
-            take(_own.slopeX, _above.slopeX, _below.slopeX);
-            take(_own.slopeY, _above.slopeY, _below.slopeY);
-            hn::StoreU(between(first, second, hn::LoadU(d, _above.slopeY.data() + x),
-                               hn::LoadU(d, _below.slopeY.data() + x), k),
-                       d, _own.parallax.data() + x);
-        }
+        const auto load = [&](const std::vector<float>& values) { return hn::LoadU(d, values.data() + x); };
+        const auto first = load(_above.parallax), second = load(_below.parallax);
+        const auto slopeAbove = load(_above.slopeY), slopeBelow = load(_below.slopeY);
+        hn::StoreU(between(first, second, slopeAbove, slopeBelow, k), d, _own.parallax.data() + x);
+        hn::StoreU(covering(second, load(_above.slopeX), load(_below.slopeX), k), d, _own.slopeX.data() + x);
+        hn::StoreU(covering(second, slopeAbove, slopeBelow, k), d, _own.slopeY.data() + x);
     }
 
     void load_rows(int row) {

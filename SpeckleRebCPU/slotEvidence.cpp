@@ -10,7 +10,6 @@
 #include <array>
 #include <cmath>
 #include <cstddef>
-#include <cstdlib>
 #include <optional>
 #include <utility>
 #include <vector>
@@ -23,13 +22,14 @@
 #    define VEXEL_SLOT_EVIDENCE_DEFINED
 namespace VexelAlgorithm {
 
-/// What is related: the left image, its second differences, the slope, 1 and the right image.
-enum Related : int { LEFT, BLUR_X, BLUR_Y, SLOPE, OFFSET, RIGHT, RELATED };
 constexpr float BRIGHT = 80.0F;  // grey value from which on variance grows in proportion
 // Squared pixels: variance of the spot that a pixel takes in, through lens and aperture.
 constexpr float SPOT = 0.45F;
 // Slopes of the parallax, pixel per pixel, beyond which the spot is not followed.
 constexpr float LEAST_SPOT_SLOPE = -0.5F, LARGEST_SPOT_SLOPE = 1.0F;
+
+/// What is related: the left image, its second differences, the slope, 1 and the right image.
+enum Related : int { LEFT, BLUR_X, BLUR_Y, SLOPE, OFFSET, RIGHT, RELATED };
 constexpr std::size_t RELATION_PRODUCTS = RELATED * (RELATED + 1) / 2;
 using CellSums = std::array<std::int32_t, RELATION_PRODUCTS>;
 
@@ -104,7 +104,7 @@ private:
         for (std::size_t k = 0; k < PRODUCTS; ++k) sum_columns(_own[k].data() + _margin, rows[k]);
     }
 
-    /// Each pixel has the gain of the slot next to it.
+    /// Each pixel has the gain of the nearest slot.
     void spread_gain(int y) {
         const int sample = _task.sample, width = _task.gain.width(), end = static_cast<int>(_stride);
         const float* gain = _task.gain.row(std::min((y + sample / 2) / sample, _task.gain.height() - 1));
@@ -181,11 +181,12 @@ private:
     int _cellRow = -1;
 };
 
-/// The right image's spot as the left image sees it, through columns that are stretched by 1 + a and shifted by b a
-/// row: variances of (1 + b^2) / (1 + a)^2 along the row and of 1 along the column, and a covariance of -b / (1 + a).
-/// Half of what they differ from the left image's by, times the second derivatives.
-void sharpen_row(const RowPrediction::Slopes& slopes, int y, const SecondDifferences& differences,
-                 const std::int16_t* count, std::size_t width, std::int16_t* right) {
+/// Makes the right image as sharp as the left one. Through columns that are stretched by 1 + a and shifted by b a row
+/// (a and b are the slopes of the parallax) the left image sees the right one's spot with variances of (1 + b^2) / (1 +
+/// a)^2 along the row and 1 along the column, and a covariance of -b / (1 + a), in units of its own. Half of what they
+/// differ by, times the second derivatives, is taken off.
+void match_sharpness(const RowPrediction::Slopes& slopes, int y, const SecondDifferences& differences,
+                     const std::int16_t* count, std::size_t width, std::int16_t* right) {
     const FloatTag d;
     const auto one = hn::Set(d, 1.0F), two = hn::Set(d, 2.0F);
     const auto scale = hn::Set(d, 2.0F * SPOT * GREY_SCALE / 16.0F);
@@ -222,7 +223,7 @@ void pair_rows(const SubPixelTask& task, const SecondDifferences& differences, c
             right[x] = static_cast<std::int16_t>(row.values[G][x] + MIDDLE * count[x]);
             slope[x] = row.values[D][x];
         }
-        sharpen_row(pairing.slopes(), y, differences, count, pairing.stride(), right);
+        match_sharpness(pairing.slopes(), y, differences, count, pairing.stride(), right);
     }
 }
 

@@ -18,10 +18,9 @@ struct PairedImage {
 
 /// What changes slowly over the image, in cells of `CELL` x `CELL` pixels that cover the rows of `PairedImage`, padding
 /// included: the right image's gain, and how much more it is blurred than the left one, along rows and along columns.
-/// Cameras at different distances are out of focus differently, and where they see a surface under different angles one
-/// and the same blur covers different parts of it. To first order a difference of blur adds the second derivatives of
-/// the image (M. Subbarao and G. Surya, "Depth from defocus: a spatial domain approach", 1994). Left out, it costs more
-/// than the noise of the cameras does.
+/// Cameras at different distances are out of focus differently; what slants do to blur (`pair_images`) is taken off
+/// before. To first order a difference of blur adds the second derivatives of the image (M. Subbarao and G. Surya,
+/// "Depth from defocus: a spatial domain approach", 1994). Left out, it costs more than the noise of the cameras does.
 struct ImageRelation {
     static constexpr int CELL = 8;
     Raster<float> blurX, blurY;  ///< of second differences in grey values
@@ -31,8 +30,8 @@ struct ImageRelation {
 };
 
 /// The least squares of gain * left - slope * step - (right - offset - blur) over the pixels around each slot, squared
-/// grey values: half the second derivatives by step (pixels) and gain, and minus half the first ones. The pixels weigh
-/// 1 at the slot and fall to 0 at its neighbours.
+/// grey values: half the second derivatives by step (pixels) and gain, and minus half the first ones. Dark pixels
+/// weigh 1 at the slot, and all of them fall to 0 at its neighbours.
 struct SlotEvidence {
     Raster<float> stepStep, stepGain, gainGain;
     Raster<float> step, gain;
@@ -59,11 +58,11 @@ struct EvidenceTask {
     const ImageRelation& relation;
     const Raster<float>& gain;  ///< present one of every slot
     int sample;                 ///< pixels per slot
-    float outlier;              ///< deviation at which a pixel has half its weight, grey values
+    float outlier;              ///< deviation at which a dark pixel has half its weight, grey values
 };
-/// Pixels lose weight as they deviate from what the gain of the slot predicts (Cauchy's function): what belongs to
-/// another surface. Bright ones weigh less, as shot noise grows with the light, and in highlights the gain changes from
-/// pixel to pixel.
+/// Pixels lose weight as they deviate from what the gain of the nearest slot predicts (Cauchy's function): what belongs
+/// to another surface. Bright ones weigh less, as shot noise grows with the light, and in highlights the gain changes
+/// from pixel to pixel.
 void gather_evidence(const EvidenceTask& task, int threads, SlotEvidence& evidence);
 
 }  // namespace VexelAlgorithm

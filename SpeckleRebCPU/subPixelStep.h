@@ -51,21 +51,22 @@ struct SubPixelWeights {
 SubPixelWeights sub_pixel_weights(const SubPixelTask& task);
 
 /// The Gauss-Newton step of the least-squares difference between the left window around each slot and the right image,
-/// seen through the field: every left pixel is paired with the right position that the facet of its own slot predicts.
-/// The window thus follows the surface, slants and curvature included, and all windows share one resampled image, so
-/// that their sums slide (iterative window registration on a warped image: G. Le Besnerais and F. Champagnat, "Dense
-/// optical flow by iterative local window registration", 2005; the criterion and its step: B. Pan, K. Li and W. Tong,
-/// "Fast, robust and accurate digital image correlation calculation without redundant computations", 2013). The right
-/// image is interpolated by the cubic spline along the row.
+/// seen through the field: every left pixel is paired with the right position that the slots around it predict, by
+/// interpolation between those of one surface, by the facet of the nearest one beside gaps and jumps. The window thus
+/// follows the surface, slants and curvature included, and all windows share one resampled image, so that their sums
+/// slide (iterative window registration on a warped image: G. Le Besnerais and F. Champagnat, "Dense optical flow by
+/// iterative local window registration", 2005; the criterion and its step: B. Pan, K. Li and W. Tong, "Fast, robust and
+/// accurate digital image correlation calculation without redundant computations", 2013). The right image is
+/// interpolated by the cubic spline along the row.
 ///
 /// With the step each window determines gain and offset of the grey values. What one image is blurred more than the
 /// other is left out: it moves the result by a few hundredths of a pixel at most.
 ///
-/// Pixels without a facet, outside the cover or the right image do not count, nor, where the cover says so, those that
-/// are clipped or beside clipped ones on either side (`clippedGrey` and more): a clipped pixel says nothing
-/// of the place, and where highlights move over the surface it is clipped in one image only. `step` (pixels, to be
-/// added to the parallax) and `score` (correlation at the present parallax) are written for every slot: NaN and 0 where
-/// less than a quarter of the window counts or its grey values are all but equal.
+/// Pixels that no slot reaches, outside the cover or the right image do not count, nor, where the cover says so, those
+/// that are clipped or beside clipped ones on either side (`clippedGrey` and more): a clipped pixel says nothing of the
+/// place, and where highlights move over the surface it is clipped in one image only. `step` (pixels, to be added to
+/// the parallax) and `score` (correlation at the present parallax) are written for every slot: NaN and 0 where less
+/// than a quarter of the window counts or its grey values are all but equal.
 void find_sub_pixel_steps(const SubPixelTask& task, const ParallaxField& field, int threads, Raster<float>& step,
                           Raster<float>& score);
 

@@ -24,14 +24,14 @@ void spread_gain(const Raster<float>& cells, int sample, Raster<float>& slots) {
 
 void WholeSurfaceFit::begin(const GreyImage& left, int threads) {
     find_second_differences(left, static_cast<int>(SUB_PIXEL_BLOCK), threads, _differences);
-    _relatedFits = 0;
+    _fits = 0;
 }
 
 void WholeSurfaceFit::find_steps(const SubPixelTask& task, const SurfacePrior& prior, float outlier,
                                  const ParallaxField& field, int threads, Raster<float>& step) {
     pair_images(task, _differences, field, threads, _paired);
-    if (_relatedFits < RELATED_FITS) _relation = relate_images(_paired, _differences, BLUR_RIDGE, threads);
-    if (_relatedFits++ == 0) {
+    if (_fits < RELATED_FITS) _relation = relate_images(_paired, _differences, BLUR_RIDGE, threads);
+    if (_fits++ == 0) {
         _gain.resize(field.parallax.width(), field.parallax.height());
         spread_gain(_relation.gain, task.sample, _gain);
     }

@@ -11,7 +11,8 @@ namespace VexelAlgorithm {
 class WholeSurfaceFit {
 public:
     /// Forgets the frame before. Blur, offset and the first gains will be taken from the pairs of cells
-    /// (`relate_images`) under the first field, blur and offset once more under the second one.
+    /// (`relate_images`) under the first field; blur, offset and what the images lack in
+    /// agreement once more under the second one.
     void begin(const GreyImage& left, int threads);
 
     /// `step`: pixels, to be added to the parallaxes, 0 for empty slots. Pixels weigh half when they deviate from the
@@ -26,7 +27,7 @@ private:
     ImageRelation _relation;
     SlotEvidence _evidence;
     Raster<float> _gain;
-    int _relatedFits = 0;
+    int _fits = 0;  ///< of this frame
 };
 
 /// Slopes from the neighbours that are within `jump` pixels; where there are none, the slope stays.

@@ -168,7 +168,7 @@ TEST(MatchingStages, SubPixelStepsAreThoseOfSingleWindows) {
                     }
                 ASSERT_EQ(cover.at(x, y), unclipped >= 0.6 * all ? 2 : 1) << x << ' ' << y;
             }
-        const ParallaxField field = slanted_field(95 / sample, 53 / sample, sample, 0.4);
+        const ParallaxField field = rough_field(95 / sample, 53 / sample, sample);
         FinePair fine = VexelTrial::fine_pair(left, right);
         for (std::size_t i = 0; i < fine.left.size(); ++i)  // quarters, which bytes do not have
             fine.left[i] = static_cast<std::int16_t>(fine.left[i] + 4 * static_cast<int>(i % 11) - 20);
@@ -318,7 +318,8 @@ TEST(MatchingStages, SmallRegionsAreThoseOfAFlood) {
         Raster<float> parallax(61, 147, NO_PARALLAX);  // several bands
         for (std::size_t i = 0; i < parallax.size(); ++i)
             if (random() % 3 != 0) parallax[i] = static_cast<float>(random() % 4);
-        for (int y = 20; y < 140; ++y) parallax.at(30, y) = 9.0F;  // through all of them
+        for (const int first : {60, 124})  // nine slots, of two bands
+            for (int y = first; y < first + 9; ++y) parallax.at(30, y) = 9.0F;
         const ParallaxRegions expected = Plain::regions(1.0F, parallax);
         Raster<float> cleaned = parallax;
         remove_small_regions(9, 1.0F, 3, cleaned);
@@ -454,8 +455,10 @@ TEST(MatchingStages, FiltersRemoveWhatIsWrongAndNothingElse) {
     steep.parallax.at(45, 40) = NO_PARALLAX;
     steep.parallax.at(47, 40) += 0.8F;
     steep.parallax.at(43, 30) += 0.8F;  // far from all gaps
+    steep.parallax.at(63, 2) = NO_PARALLAX;
+    steep.parallax.at(61, 0) -= 1.5F;  // its neighbour in the row is too far from the gap
     EXPECT_EQ(removed_by([](auto& f) { remove_steep_rims(0.5F, 2, 2, 3, f); }, steep),
-              (Slots{{20, 30}, {20, 31}, {46, 40}, {47, 40}}));
+              (Slots{{20, 30}, {20, 31}, {46, 40}, {47, 40}, {61, 0}, {61, 1}, {62, 0}}));
 
     ParallaxField doubtful = field;
     for (int x = 31; x < 33; ++x)

@@ -53,4 +53,14 @@ inline ParallaxField slanted_field(int width, int height, int sample, double noi
     return field;
 }
 
+/// The slots' own slopes are anything, some of them beyond what a camera sees.
+inline ParallaxField rough_field(int width, int height, int sample) {
+    ParallaxField field = slanted_field(width, height, sample, 0.4);
+    std::mt19937 random(18);
+    std::normal_distribution<float> slope(0.1F, 0.4F);
+    for (Raster<float>* slopes : {&field.slopeX, &field.slopeY})
+        for (std::size_t i = 0; i < slopes->size(); ++i) (*slopes)[i] = slope(random);
+    return field;
+}
+
 }  // namespace VexelAlgorithm

@@ -18,7 +18,7 @@ constexpr int STRIDE = 64;
 double slant_blur(const SubPixelTask& task, const ParallaxField& field, int x, int y) {
     const Plain::Seen seen = *Plain::seen_at(task, field, x, y);
     Eigen::Matrix2d toRight;
-    toRight << 1 + seen.slope[0], seen.slope[1], 0, 1;
+    toRight << 1 + std::clamp(seen.slope[0], -0.5, 1.0), std::clamp(seen.slope[1], -1.0, 1.0), 0, 1;
     const Eigen::Matrix2d spot = 0.45 * (toRight.transpose() * toRight).inverse();
     const auto grey = [&](int dx, int dy) -> double {
         return task.left.at(std::clamp(x + dx, 0, task.left.width() - 1),
@@ -47,7 +47,7 @@ TEST(WholeSurface, EvidenceIsThatOfThePairsAroundEachSlot) {
                 const int own = counted.at(x, y);
                 ASSERT_EQ(cover.at(x, y), own == 2 && brightest >= 240 ? 0 : own) << x << ' ' << y;
             }
-        const ParallaxField field = slanted_field(width / sample, height / sample, sample, 0.4);
+        const ParallaxField field = rough_field(width / sample, height / sample, sample);
         FinePair fine = VexelTrial::fine_pair(left, right);
         for (std::size_t i = 0; i < fine.left.size(); ++i)  // quarters, which bytes do not have
             fine.left[i] = static_cast<std::int16_t>(fine.left[i] + 4 * static_cast<int>(i % 11) - 20);
@@ -67,6 +67,12 @@ TEST(WholeSurface, EvidenceIsThatOfThePairsAroundEachSlot) {
             PairedImage paired;
             SlotEvidence evidence;
             pair_images(task, differences, field, 2, paired);
+            for (int y = 0; y < height; ++y)
+                for (int x = 0; x < width; ++x) {
+                    const std::optional<Plain::Pair> pair = Plain::pair_at(task, field, x, y);
+                    const double expected = pair ? pair->g - slant_blur(task, field, x, y) : 0.0;
+                    ASSERT_NEAR(paired.right.at(x, y) / 4.0, expected, 0.35) << sample << ": " << x << ' ' << y;
+                }
             gather_evidence({paired, differences, relation, gain, sample, 12.0F}, 2, evidence);
             for (int y = 0; y < gain.height(); ++y)
                 for (int x = 0; x < gain.width(); ++x) {
@@ -80,9 +86,9 @@ TEST(WholeSurface, EvidenceIsThatOfThePairsAroundEachSlot) {
                                 pair->g - slant_blur(task, field, u, v) - 2.5 -
                                 relation.blurX.at(u / 8, v / 8) * Plain::second_difference(left, u, v, true) -
                                 relation.blurY.at(u / 8, v / 8) * Plain::second_difference(left, u, v, false);
-                            const float near = gain.at(std::min((u + sample / 2) / sample, gain.width() - 1),
-                                                       std::min((v + sample / 2) / sample, gain.height() - 1));
-                            const double misfit = (near * pair->f - target) / 12.0;
+                            const float own = gain.at(std::min((u + sample / 2) / sample, gain.width() - 1),
+                                                      std::min((v + sample / 2) / sample, gain.height() - 1));
+                            const double misfit = (own * pair->f - target) / 12.0;
                             const double weight = (1 - std::abs(u - x * sample) / double(sample)) *
                                                   (1 - std::abs(v - y * sample) / double(sample)) /
                                                   (std::max(1.0, pair->f / 80) + misfit * misfit);
@@ -90,7 +96,7 @@ TEST(WholeSurface, EvidenceIsThatOfThePairsAroundEachSlot) {
                             normal += weight * row * row.transpose();
                             rest += weight * target * row;
                         }
-                    const double scale = 0.03 * (normal(1, 1) + 100.0);  // of rounded grey values
+                    const double scale = 0.03 * (normal(1, 1) + 100.0);  // of grey values, rounded twice
                     ASSERT_NEAR(evidence.stepStep.at(x, y), normal(0, 0), scale) << sample << ": " << x << ' ' << y;
                     ASSERT_NEAR(evidence.stepGain.at(x, y), normal(0, 1), scale) << sample << ": " << x << ' ' << y;
                     ASSERT_NEAR(evidence.gainGain.at(x, y), normal(1, 1), scale);
@@ -280,6 +286,19 @@ TEST(WholeSurface, FollowsARidgeAndAStepBetweenSurfaces) {
         take_slopes(2.1F, sample, 2, field);
     }
     EXPECT_LT(error(), 0.04);
+
+    GreyImage noisy = right;  // with much less noise in the prior
+    std::mt19937 random(5);
+    for (std::size_t i = 0; i < noisy.size(); ++i)
+        noisy[i] = static_cast<std::uint8_t>(std::clamp<int>(noisy[i] + static_cast<int>(random() % 61) - 30, 0, 230));
+    const FinePair noisyFine = VexelTrial::fine_pair(left, noisy);
+    fit.begin(left, 2);
+    fit.find_steps({left, noisy, noisyFine, cover, sample, 13, 13, 2.1F, 240},
+                   {0.2F, 0.065F, 0.015F, 2.1F, 1.5F, 0.02F, 40}, 10.0F, field, 2, step);
+    double squares = 0, count = 0;
+    for (std::size_t i = 0; i < step.size(); ++i)
+        if (has_parallax(field.parallax[i])) squares += step[i] * step[i], ++count;
+    EXPECT_LT(std::sqrt(squares / count), 0.06) << "0.09 with the prior's noise";
 
     const Mask nothing(width, height, 0);
     const SubPixelTask blind{left, right, fine, nothing, sample, 13, 13, 2.1F, 240};

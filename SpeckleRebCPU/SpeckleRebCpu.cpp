@@ -87,12 +87,12 @@ constexpr float EDGE_LOSS = 0.75F;
 constexpr float LARGEST_DISAGREEMENT = 0.3F;  // pixels a slot
 constexpr float EDGE_DISAGREEMENT = 0.05F;
 constexpr float LARGEST_RIM_SLOPE = 0.63F;  // pixels a pixel
-constexpr int STEEP_RIM = 3;                // slots
+constexpr int RIM_WIDTH = 3;                // slots
 constexpr int CELL_SIZE = 16;
 constexpr int EDGE_TRIM = 4;             // pixels
 constexpr float LEAST_EDGE_STEP = 3.0F;  // grey values
 // Flat surrounds of gaps, slots and pixels.
-constexpr RimLimits RIM{3, 12, 5.0F, 0.25F, 0.1F};
+constexpr RimLimits RIM{RIM_WIDTH, 12, 5.0F, 0.25F, 0.1F};
 // Of the facets whose slopes are the normals, pixels: what curvature must explain, and what wide ones may leave.
 constexpr float WIDE_FACET_NOISE = 0.03F;
 constexpr float NARROW_FACET_NOISE = 0.057F;
@@ -508,7 +508,7 @@ void SpeckleRebCpu::remove_noise(const StageNames& names) {
         end,           _windowCover.right, regionStep};
     right_to_left_to_vertify_match(task, RETURN_RADIUS, RETURN_TOLERANCE, _threads, field);
     trim_edges(edge_task(), (EDGE_TRIM + sample - 1) / sample, LEAST_EDGE_STEP, _threads, field);
-    remove_steep_rims(LARGEST_RIM_SLOPE, STEEP_RIM, sample, _threads, field);
+    remove_steep_rims(LARGEST_RIM_SLOPE, RIM_WIDTH, sample, _threads, field);
     const float loss = tolerable_loss(1.0F - _medianScore);
     remove_doubtful({1.0F - LARGEST_LOSS * loss, 1.0F - DOUBTFUL_LOSS * loss, LARGEST_DISAGREEMENT,
                      1.0F - EDGE_LOSS * loss, EDGE_DISAGREEMENT},

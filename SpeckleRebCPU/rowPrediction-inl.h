@@ -36,17 +36,20 @@ public:
         : _field(field), _sample(sample), _jump(jump), _slots(field.parallax.width()) {
         const std::size_t lanes = hn::Lanes(FloatTag());
         const std::size_t slots = (static_cast<std::size_t>(_slots) + lanes - 1) / lanes * lanes;
-        for (SlotRow* row : {&_above, &_below, &_own}) row->assign(slots + lanes);
+        for (SlotRow* row : {&_above, &_below, &_between}) row->assign(slots + lanes);
         const std::size_t reached = std::max(pixels, slots * static_cast<std::size_t>(sample));
         _pixels.assign(reached, NO_PARALLAX);
         for (auto* values : {&_slopesX, &_slopesY}) values->assign(reached, 0.0F);
     }
 
+    RowPrediction(const RowPrediction&) = delete;
+    RowPrediction& operator=(const RowPrediction&) = delete;
+
     /// Right column less left column of each pixel.
     const float* predict(int y) {
         meet_rows(y);
         const FloatTag d;
-        const float *parallax = _own.parallax.data(), *slope = _own.slopeX.data();
+        const float *parallax = _present->parallax.data(), *slope = _present->slopeX.data();
         spread(_pixels, [&](int x, int k) {
             return between(hn::LoadU(d, parallax + x), hn::LoadU(d, parallax + x + 1), hn::LoadU(d, slope + x),
                            hn::LoadU(d, slope + x + 1), k);
@@ -61,15 +64,15 @@ public:
     /// nothing. They last until the next row.
     Slopes slopes() {
         const FloatTag d;
-        const float* parallax = _own.parallax.data();
+        const float* parallax = _present->parallax.data();
         const auto spread_slopes = [&](const std::vector<float>& slots, std::vector<float>& pixels) {
             spread(pixels, [&](int x, int k) {
                 return covering(hn::LoadU(d, parallax + x + 1), hn::LoadU(d, slots.data() + x),
                                 hn::LoadU(d, slots.data() + x + 1), k);
             });
         };
-        spread_slopes(_own.slopeX, _slopesX);
-        spread_slopes(_own.slopeY, _slopesY);
+        spread_slopes(_present->slopeX, _slopesX);
+        spread_slopes(_present->slopeY, _slopesY);
         return {_slopesX.data(), _slopesY.data()};
     }
 
@@ -89,10 +92,8 @@ private:
     void meet_rows(int y) {
         const int row = std::min(y / _sample, _field.parallax.height() - 1), k = y - row * _sample;
         load_rows(row);
-        if (k == 0) {
-            _own = _above;
-            return;
-        }
+        _present = k == 0 ? &_above : &_between;
+        if (k == 0) return;
         for (int x = 0; x < _slots; x += static_cast<int>(hn::Lanes(FloatTag()))) meet_slots(x, k);
     }
 
@@ -102,9 +103,9 @@ private:
         const auto load = [&](const std::vector<float>& values) { return hn::LoadU(d, values.data() + x); };
         const auto first = load(_above.parallax), second = load(_below.parallax);
         const auto slopeAbove = load(_above.slopeY), slopeBelow = load(_below.slopeY);
-        hn::StoreU(between(first, second, slopeAbove, slopeBelow, k), d, _own.parallax.data() + x);
-        hn::StoreU(covering(second, load(_above.slopeX), load(_below.slopeX), k), d, _own.slopeX.data() + x);
-        hn::StoreU(covering(second, slopeAbove, slopeBelow, k), d, _own.slopeY.data() + x);
+        hn::StoreU(between(first, second, slopeAbove, slopeBelow, k), d, _between.parallax.data() + x);
+        hn::StoreU(covering(second, load(_above.slopeX), load(_below.slopeX), k), d, _between.slopeX.data() + x);
+        hn::StoreU(covering(second, slopeAbove, slopeBelow, k), d, _between.slopeY.data() + x);
     }
 
     void load_rows(int row) {
@@ -172,7 +173,8 @@ private:
     const float _jump;
     const int _slots;
     SlotRow _above, _below;  ///< of the slots around the pixels
-    SlotRow _own;
+    SlotRow _between;        ///< what they are in a row of pixels between them
+    const SlotRow* _present = &_above;
     std::vector<float> _pixels, _slopesX, _slopesY;
     int _row = std::numeric_limits<int>::min() / 2;  ///< of `_above`
 };

@@ -11,8 +11,7 @@ namespace VexelAlgorithm {
 class WholeSurfaceFit {
 public:
     /// Forgets the frame before. Blur, offset and the first gains will be taken from the pairs of cells
-    /// (`relate_images`) under the first field; blur, offset and what the images lack in
-    /// agreement once more under the second one.
+    /// (`relate_images`) under the first field, blur, offset and misfit once more under the second one.
     void begin(const GreyImage& left, int threads);
 
     /// `step`: pixels, to be added to the parallaxes, 0 for empty slots. Pixels weigh half when they deviate from the
